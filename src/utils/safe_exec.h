@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstdint>
+#include <future>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace varnel::utils {
+
+/// A command that could not be started at all.
+class SafeExecException : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Runs an external program without a shell. The child gets standard input from /dev/null, its own process group,
+/// default signal dispositions and no descriptor of ours but its two output pipes. One thread at a time per object;
+/// the object must outlive a future of ExecuteAsync().
+class SafeExec {
+ public:
+  struct Result {
+    /// 0 to 255: exit status; 128 + signal; -1: time limit, or could not be waited for; 127: not executable.
+    int32_t exit_code = -1;
+    std::string standard_output;
+    std::string standard_error;
+    bool success = false;  ///< exited by itself with status 0
+  };
+
+  /// Throws SafeExecException on an empty path.
+  explicit SafeExec(std::string program_path);
+
+  SafeExec& AddArg(std::string argument);
+  /// The first entry replaces the whole environment of the child, further ones add to it.
+  SafeExec& AddEnv(const std::string& key, const std::string& value);
+  SafeExec& SetWorkingDir(std::string path);
+  /// When it runs out the child's process group is killed.
+  SafeExec& SetTimeout(uint32_t milliseconds);
+
+  /// Runs the command and waits for its end. Throws SafeExecException when no process could be started.
+  [[nodiscard]] Result Execute();
+  [[nodiscard]] std::future<Result> ExecuteAsync();
+  /// The command line for log lines; never fed to a shell.
+  [[nodiscard]] std::string ToString() const;
+
+ private:
+  std::string program_path_;
+  std::vector<std::string> arguments_;
+  std::vector<std::string> environment_;
+  std::optional<std::string> working_dir_;
+  std::optional<uint32_t> timeout_ms_;
+};
+
+}  // namespace varnel::utils
