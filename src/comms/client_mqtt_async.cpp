@@ -14,8 +14,6 @@ constexpr const char* kTag = "MQTT";
 constexpr int kMaxBufferedMessages = 100;
 constexpr std::chrono::milliseconds kRoomPoll{5};
 constexpr int kDisconnectLimitMs = 500;
-constexpr size_t kMaxPayload =
-    268'435'455;  // MQTT 5.0, section 1.5.5: the largest remaining length
 
 const char* ErrorText(int code) {
   const char* text = MQTTAsync_strerror(code);
@@ -290,7 +288,7 @@ CommsStatus ClientMqttAsync::SendRefusal() const {
 
 CommsStatus ClientMqttAsync::Send(const std::string& topic, Qos qos, bool retain,
                                   std::string_view payload) {
-  if (payload.size() > kMaxPayload) return CommsStatus::kInvalidArgument;
+  if (payload.size() > kMaxMqttPayload) return CommsStatus::kInvalidArgument;
   MQTTAsync_message message = MQTTAsync_message_initializer;
   message.payload =
       const_cast<char*>(payload.data());  // the library copies it and never writes to it
@@ -396,21 +394,8 @@ void ClientMqttAsync::OnMessage(const char* topic, int topic_length,
     VLOG_INFO(kTag, "{}: disconnecting, skipping message processing", Name());
     return;
   }
-  if (!topic) {
-    VLOG_ERROR(kTag, "{}: invalid topic (null), length {}", Name(), topic_length);
-    return;
-  }
-  const std::string name =
-      topic_length > 0 ? std::string(topic, static_cast<size_t>(topic_length)) : topic;
-  if (!message || message->payloadlen < 0 || (message->payloadlen > 0 && !message->payload)) {
-    VLOG_ERROR(kTag, "{}: invalid message on topic {}", Name(), name);
-    return;
-  }
-  const auto* bytes = static_cast<const char*>(message->payload);
-  auto copy = std::make_shared<MqttMessage>();
-  copy->topic = name;
-  if (bytes) copy->payload.assign(bytes, static_cast<size_t>(message->payloadlen));
-  Enqueue(std::move(copy));
+  Accept(topic, topic_length, message ? message->payload : nullptr,
+         message ? message->payloadlen : -1);
 }
 
 void ClientMqttAsync::OnSubscribeFailed(const MQTTAsync_failureData5* data) {

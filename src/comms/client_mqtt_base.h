@@ -50,6 +50,9 @@ class ClientMqttBase {
   ClientMqttBase& operator=(const ClientMqttBase&) = delete;
   virtual ~ClientMqttBase();
 
+  /// MQTT 5.0, section 1.5.5: no packet is longer.
+  static constexpr size_t kMaxMqttPayload = 268'435'455;
+
   /// Connects with these settings and keeps them for Reconnect(). kOk: started (asynchronous
   /// client) or done (synchronous client). A failure, now or later, reaches the connection-lost
   /// callback.
@@ -84,8 +87,10 @@ class ClientMqttBase {
   /// Subscribes one filter on the live connection.
   virtual CommsStatus Subscribe(const std::string& filter) = 0;
 
-  /// For the library's arrival callback: queues the message, dropping the oldest when full.
-  void Enqueue(std::shared_ptr<MqttMessage> message);
+  /// For the library's arrival callbacks: copies what arrived and queues it, dropping the oldest
+  /// when the queue is full. `topic_length` 0: the topic ends at its NUL. A topic or message that
+  /// cannot be used is logged.
+  void Accept(const char* topic, int topic_length, const void* bytes, int length);
   void ReportConnectionLost();
   std::vector<std::string> ListenerFilters() const;
   /// Every derived destructor calls this first, so that no listener runs while its object comes
@@ -95,6 +100,7 @@ class ClientMqttBase {
   std::atomic<bool> connected_{false};
 
  private:
+  void Enqueue(std::shared_ptr<MqttMessage> message);
   void ProcessMessages();
   void Deliver(const std::shared_ptr<MqttMessage>& message);
   Listener TakeListener(const std::string& topic);

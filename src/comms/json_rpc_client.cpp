@@ -17,8 +17,7 @@ bool IsResponse(const Json& message) {
 
 }  // namespace
 
-JsonRpcClient::JsonRpcClient(std::string name, utils::Clock& clock)
-    : JsonRpcBase(std::move(name), kTag), clock_(clock) {
+JsonRpcClient::JsonRpcClient(std::string name) : JsonRpcBase(std::move(name), kTag) {
   VLOG_INFO(kTag, "Create a JSON-RPC client: {}", Name());
 }
 
@@ -102,7 +101,7 @@ std::shared_ptr<JsonRpcClient::PendingRequest> JsonRpcClient::AddPending(
     const Json& id, std::chrono::milliseconds timeout) {
   auto pending = std::make_shared<PendingRequest>();
   pending->id = id;
-  pending->deadline = clock_.Now() + timeout;
+  pending->deadline = std::chrono::steady_clock::now() + timeout;
   std::lock_guard lock(pending_mutex_);
   const bool added = pending_.try_emplace(Serialize(id), pending).second;
   if (added) return pending;
@@ -150,7 +149,7 @@ void JsonRpcClient::OnResponse(const std::string& payload, Json response) {
   const std::shared_ptr<PendingRequest> pending = TakePending(*id);
   if (!pending) {
     VLOG_WARN(kTag, "Received a response that no one was waiting for, id {}", id_text);
-  } else if (clock_.Now() > pending->deadline) {
+  } else if (std::chrono::steady_clock::now() > pending->deadline) {
     VLOG_WARN(kTag, "Response time has exceeded the validity period, id {}", id_text);
   } else {
     pending->result.set_value(std::move(response));

@@ -8,7 +8,6 @@
 #include <string>
 
 #include "comms/json_rpc_base.h"
-#include "utils/clock.h"
 
 namespace varnel::comms {
 
@@ -22,7 +21,7 @@ class JsonRpcClient : public JsonRpcBase {
     Json response;
   };
 
-  explicit JsonRpcClient(std::string name, utils::Clock& clock = utils::SystemClock::Instance());
+  explicit JsonRpcClient(std::string name);
   /// Stops listening. No call may be waiting any more.
   ~JsonRpcClient();
   JsonRpcClient(const JsonRpcClient&) = delete;
@@ -44,7 +43,7 @@ class JsonRpcClient : public JsonRpcBase {
  private:
   struct PendingRequest {
     Json id;
-    utils::Clock::TimePoint deadline;
+    std::chrono::steady_clock::time_point deadline;
     std::promise<Json> result;
   };
 
@@ -59,8 +58,6 @@ class JsonRpcClient : public JsonRpcBase {
   std::shared_ptr<PendingRequest> TakePending(const Json& id);
   void OnPayload(const std::string& payload);
   void OnResponse(const std::string& payload, Json response);
-
-  utils::Clock& clock_;
 
   mutable std::mutex binding_mutex_;
   Binding binding_;  // guarded by binding_mutex_
