@@ -68,8 +68,8 @@ struct AsyncCallbacks {
     } else {
       VLOG_WARN(kTag, "{}: message arrived but client is null", "MQTT client");
     }
-    MQTTAsync_freeMessage(&message);
-    MQTTAsync_free(topic);
+    if (message) MQTTAsync_freeMessage(&message);
+    if (topic) MQTTAsync_free(topic);
     return 1;
   }
   static void SubscribeFailed(void* context, MQTTAsync_failureData5* data) {

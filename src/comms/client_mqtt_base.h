@@ -21,15 +21,15 @@ namespace varnel::comms {
 /// Everything one connection to a broker needs. The link is secure when any certificate path is
 /// given.
 struct MqttConnectSettings {
-  std::string host;
-  std::string port;
-  std::string client_id;
+  std::string host{};
+  std::string port{};
+  std::string client_id{};
   int keep_alive_s = 30;
-  std::string client_certificate;  ///< path of a PEM file, like the next two
-  std::string client_key;
-  std::string root_ca;
-  std::string user_name;  ///< not sent when empty, like the password
-  std::string password;
+  std::string client_certificate{};  ///< path of a PEM file, like the next two
+  std::string client_key{};
+  std::string root_ca{};
+  std::string user_name{};  ///< not sent when empty, like the password
+  std::string password{};
   int connect_timeout_s = 10;
 
   bool Secure() const {

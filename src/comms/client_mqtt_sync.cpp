@@ -3,6 +3,7 @@
 #include <MQTTClient.h>
 
 #include <chrono>
+#include <cstring>
 #include <utility>
 
 #include "comms/mqtt_library.h"
@@ -31,9 +32,12 @@ std::string LibraryVersion() {
   return {};
 }
 
-/// Takes the reason or return code out of a response and frees it.
+/// Takes the reason or return code out of a response and frees it. The library stores its negative return codes in
+/// the enum too, which has no such values: copied as bytes.
 int TakeCode(MQTTResponse response) {
-  const int code = static_cast<int>(response.reasonCode);
+  int code = 0;
+  static_assert(sizeof code == sizeof response.reasonCode);
+  std::memcpy(&code, &response.reasonCode, sizeof code);
   MQTTResponse_free(response);
   return code;
 }
@@ -66,8 +70,8 @@ struct SyncCallbacks {
       client->OnMessage(topic, topic_length, message ? message->payload : nullptr,
                         message ? message->payloadlen : -1);
     }
-    MQTTClient_freeMessage(&message);
-    MQTTClient_free(topic);
+    if (message) MQTTClient_freeMessage(&message);
+    if (topic) MQTTClient_free(topic);
     return 1;
   }
 };

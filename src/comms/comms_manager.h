@@ -18,13 +18,13 @@ namespace varnel::comms {
 
 /// Everything a cloud connection needs; a secure link when certificate paths are given.
 struct CloudEndpoint {
-  std::string host;
-  std::string port;
-  std::string client_id;
+  std::string host{};
+  std::string port{};
+  std::string client_id{};
   int keep_alive_s = 30;
-  std::string client_certificate;
-  std::string client_key;
-  std::string root_ca;
+  std::string client_certificate{};
+  std::string client_key{};
+  std::string root_ca{};
   int connect_timeout_s = 20;
 };
 

@@ -15,14 +15,14 @@
 namespace varnel::comms {
 namespace {
 
-/// The version as one number that compares; 0 when it cannot be read.
+/// The version as one number that compares; what cannot be read counts as 0.
 int VersionNumber(const std::string& version) {
   std::array<int, 3> parts{};
   const char* at = version.data();
   const char* const end = at + version.size();
   for (int& part : parts) {
     const auto [next, error] = std::from_chars(at, end, part);
-    if (error != std::errc{}) return 0;
+    if (error != std::errc{}) break;
     at = next == end ? end : next + 1;
   }
   return (parts[0] * 1000 + parts[1]) * 1000 + parts[2];
