@@ -135,6 +135,7 @@ CommsStatus ClientMqttAsync::ConnectLocked(const MqttConnectSettings& settings) 
 }
 
 CommsStatus ClientMqttAsync::Reconnect() {
+  if (connected_) return CommsStatus::kOk;
   if (connecting_.exchange(true)) {
     VLOG_WARN(kTag, "{}: already connecting, reconnect ignored", Name());
     return CommsStatus::kBusy;
@@ -152,6 +153,10 @@ CommsStatus ClientMqttAsync::ReconnectLocked() {
   if (!settings_) {
     VLOG_ERROR(kTag, "{}: reconnect called but client not initialized", Name());
     return CommsStatus::kNotInitialized;
+  }
+  if (connected_) {  // the attempt that just ended was successful
+    connecting_ = false;
+    return CommsStatus::kOk;
   }
   // An attempt that failed at once has destroyed the handle; its settings are still here.
   if (!handle_) {

@@ -57,7 +57,7 @@ class ClientMqttBase {
   /// client) or done (synchronous client). A failure, now or later, reaches the connection-lost
   /// callback.
   virtual CommsStatus Connect(const MqttConnectSettings& settings) = 0;
-  /// Connects again with the kept settings.
+  /// Connects again with the kept settings; does nothing while connected.
   virtual CommsStatus Reconnect() = 0;
   /// Ends the connection and forgets the settings. Returns within a few seconds whatever the broker
   /// does.

@@ -112,6 +112,7 @@ CommsStatus ClientMqttSync::Connect(const MqttConnectSettings& settings) {
 }
 
 CommsStatus ClientMqttSync::Reconnect() {
+  if (connected_) return CommsStatus::kOk;
   if (connecting_.exchange(true)) {
     VLOG_WARN(kTag, "{}: already connecting, reconnect ignored", Name());
     return CommsStatus::kBusy;
