@@ -34,6 +34,7 @@ TEST(ThreadPoolTest, AllWorkersRunAtOnce) {
   ThreadPool pool(4, "pool", "TEST");
   std::latch together(4);
   std::vector<std::future<void>> done;
+  done.reserve(4);
   for (int i = 0; i < 4; ++i) {
     done.push_back(pool.Post([&] { together.arrive_and_wait(); }));
   }
