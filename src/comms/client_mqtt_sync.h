@@ -1,0 +1,67 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "comms/callback_registry.h"
+#include "comms/client_mqtt_base.h"
+
+namespace varnel::comms {
+
+/// The same client over the synchronous Paho library with MQTT 5: Connect(), Reconnect() and Send()
+/// return when the broker has answered or the attempt has failed. For programs that do one thing
+/// after another.
+class ClientMqttSync : public ClientMqttBase {
+ public:
+  explicit ClientMqttSync(std::string name, Qos subscribe_qos = Qos::kAtMostOnce);
+  ~ClientMqttSync() override;
+
+  CommsStatus Connect(const MqttConnectSettings& settings) override;
+  CommsStatus Reconnect() override;
+  void Disconnect() override;
+  CommsStatus Send(const std::string& topic, Qos qos, bool retain,
+                   std::string_view payload) override;
+
+ protected:
+  CommsStatus Subscribe(const std::string& filter) override;
+
+ private:
+  friend struct SyncCallbacks;
+  using Registry = CallbackRegistry<ClientMqttSync>;
+
+  struct DestroyHandle {
+    void operator()(void* handle) const;
+  };
+  using Handle = std::unique_ptr<void, DestroyHandle>;
+
+  // With api_mutex_ held.
+  CommsStatus CreateHandle();
+  CommsStatus ConnectHandle();
+  CommsStatus SubscribeAll();
+  CommsStatus SubscribeLocked(const std::string& filter);
+  CommsStatus Attempt();
+  CommsStatus Publish(const std::string& topic, Qos qos, bool retain, std::string_view payload);
+  void CloseHandle();
+
+  CommsStatus Report(CommsStatus status);
+  CommsStatus SendRefusal() const;
+
+  // On the library's thread: never take api_mutex_.
+  void OnConnectionLost(const char* cause);
+  void OnMessage(const char* topic, int topic_length, const void* bytes, int length);
+
+  const Qos subscribe_qos_;
+  std::atomic<bool> connecting_{false};
+  std::atomic<bool> disconnecting_{false};
+
+  std::mutex api_mutex_;
+  Handle handle_;  // guarded by api_mutex_, like the rest
+  void* context_ = nullptr;
+  std::optional<MqttConnectSettings> settings_;
+};
+
+}  // namespace varnel::comms

@@ -1,0 +1,197 @@
+#include "comms/comms_manager.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "comms/fake_mqtt_client.h"
+#include "support/log_capture.h"
+
+namespace varnel::comms {
+namespace {
+
+using test::FakeMqttClient;
+
+class CommsManagerTest : public ::testing::Test {
+ protected:
+  CommsManagerTest() {
+    manager_.SetSerialNumberProvider([] { return std::string("SN1"); });
+  }
+
+  void Init() {
+    ASSERT_EQ(manager_.InitLocal(), CommsStatus::kOk);
+    ASSERT_EQ(manager_.ConnectLocal("127.0.0.1", "1883", "varnel"), CommsStatus::kOk);
+    ASSERT_EQ(manager_.RegisterMethod("system.open", 1, [](const Json& params) { return params; }),
+              CommsStatus::kOk);
+    ASSERT_EQ(manager_.RegisterMethod("mqtt_agent.inner", 0, [](const Json&) { return Json(); }),
+              CommsStatus::kOk);
+  }
+  void InitCloud() {
+    Init();
+    manager_.InitCloud("Varnel Cloud");
+    ASSERT_EQ(manager_.ConnectCloud({.host = "h",
+                                     .port = "8883",
+                                     .client_id = "c",
+                                     .client_certificate = "cert",
+                                     .client_key = "key",
+                                     .root_ca = "ca"}),
+              CommsStatus::kOk);
+    ASSERT_EQ(manager_.SetupCloudForwarding("SN1"), CommsStatus::kOk);
+  }
+  FakeMqttClient& Local() { return *clients_.at("Varnel Local"); }
+  FakeMqttClient& Cloud() { return *clients_.at("Varnel Cloud"); }
+
+  Json AskFromCloud(const std::string& payload) {
+    const size_t before = Cloud().sent.Items().size();
+    Cloud().Arrive("SN1/request", payload);
+    const auto sent = Cloud().sent.WaitFor(before + 1);
+    if (sent.size() != before + 1) return "no answer";
+    EXPECT_EQ(sent.back().topic, "SN1/response");
+    EXPECT_EQ(sent.back().qos, Qos::kAtLeastOnce);
+    EXPECT_FALSE(sent.back().retain);
+    return Json::parse(sent.back().payload);
+  }
+
+  test::LogCapture log_;
+  std::map<std::string, std::shared_ptr<FakeMqttClient>> clients_;
+  CommsManager manager_{[this](const std::string& name, Qos) {
+    return clients_[name] = std::make_shared<FakeMqttClient>(name);
+  }};
+};
+
+TEST_F(CommsManagerTest, CallsOutOfOrderAreRefused) {
+  EXPECT_EQ(Code(manager_.RegisterMethod("m.early", 1, [](const Json&) { return Json(); })), -8);
+  EXPECT_TRUE(log_.Has("COMMS", "CommsManager not initialized, cannot register method: m.early"));
+  EXPECT_NE(manager_.ConnectLocal("h", "1", "i"), CommsStatus::kOk);
+  EXPECT_TRUE(log_.Has("COMMS", "ConnectLocal() called before InitLocal()"));
+  EXPECT_NE(manager_.ConnectCloud({}), CommsStatus::kOk);
+  EXPECT_TRUE(log_.Has("COMMS", "ConnectCloud() called before InitCloud()"));
+  EXPECT_NE(manager_.SetupCloudForwarding("SN1"), CommsStatus::kOk);
+  EXPECT_TRUE(log_.Has("COMMS", "SetupCloudForwarding: clients not initialized"));
+  EXPECT_EQ(manager_.SendNotification("a/notification", "notify_x", {}),
+            CommsStatus::kNotInitialized);
+  EXPECT_FALSE(manager_.IsLocalConnected());
+
+  Init();
+  EXPECT_TRUE(log_.Has("COMMS", "CommsManager initialized (sn=SN1)"));
+  EXPECT_EQ(manager_.InitLocal(), CommsStatus::kOk);
+  EXPECT_TRUE(log_.Has("COMMS", "CommsManager already initialized"));
+  manager_.Stop();
+  EXPECT_FALSE(manager_.IsLocalConnected());
+  EXPECT_EQ(Code(manager_.RegisterMethod("m.late", 1, [](const Json&) { return Json(); })), -8);
+}
+
+TEST_F(CommsManagerTest, OneNotifierServesEachTopic) {
+  Init();
+  for (const char* topic :
+       {"a/notification", "a/notification", "b/notification", "system/notification"}) {
+    EXPECT_EQ(manager_.SendNotification(topic, "notify_x", {{"k", 1}}), CommsStatus::kOk);
+  }
+  EXPECT_EQ(log_.Count("JRPCC", "Create a JSON-RPC client: a/notification"), 1U);
+  EXPECT_EQ(log_.Count("JRPCC", "Create a JSON-RPC client: b/notification"), 1U);
+  EXPECT_EQ(log_.Count("JRPCC", "Create a JSON-RPC client: system/notification"), 0U)
+      << "system_notif serves it";
+  EXPECT_EQ(Local().sent.Items().size(), 4U);
+}
+
+TEST_F(CommsManagerTest, AFirstConnectThatFailsAsksForAReconnect) {
+  int lost = 0;
+  manager_.SetLocalDisconnectCallback([&] { ++lost; });
+  manager_.SetLocalDisconnectCallback(nullptr);
+  ASSERT_EQ(manager_.InitLocal(), CommsStatus::kOk);
+  Local().connects = false;
+  EXPECT_NE(manager_.ConnectLocal("127.0.0.1", "1883", "varnel"), CommsStatus::kOk);
+  EXPECT_EQ(lost, 1);
+  Local().connects = true;
+  manager_.ReconnectLocal();
+  EXPECT_TRUE(manager_.IsLocalConnected());
+  manager_.ReconnectLocal();
+  EXPECT_EQ(Local().reconnects, 1) << "a link that is up is left alone";
+  Local().Lose();
+  EXPECT_EQ(lost, 2);
+}
+
+TEST_F(CommsManagerTest, CloudRequestsRunLocalMethods) {
+  InitCloud();
+  EXPECT_EQ(AskFromCloud(R"({"id":1,"method":"system.open","params":{"a":2}})"),
+            Json::parse(R"({"jsonrpc":"2.0","id":1,"result":{"a":2}})"));
+  EXPECT_EQ(AskFromCloud(R"({"id":2,"method":"mqtt_agent.inner"})")["error"],
+            MethodNotFound("mqtt_agent.inner"));
+  EXPECT_EQ(AskFromCloud(R"({"id":3,"method":"system.none"})")["error"],
+            MethodNotFound("system.none"));
+  EXPECT_EQ(AskFromCloud(R"({"id":4})")["error"]["code"], kInvalidRequest);
+  for (const char* silent :
+       {"{", "[1]", R"({"method":"system.open"})", R"({"method":"mqtt_agent.inner"})"}) {
+    Cloud().Arrive("SN1/request", silent);
+  }
+  EXPECT_EQ(AskFromCloud(R"({"id":"fence","method":"system.open"})")["id"], "fence")
+      << "nothing else was answered";
+  EXPECT_TRUE(Local().sent.Items().empty()) << "cloud traffic stays off the local broker";
+}
+
+TEST_F(CommsManagerTest, LocalMessagesReachTheCloudUnchangedAndOnce) {
+  InitCloud();
+  ASSERT_EQ(manager_.SetupCloudForwarding("SN1"), CommsStatus::kOk);
+  const std::string odd("no json \xff\0 at all", 18);
+  Local().Arrive("SN1/status", odd);
+  ASSERT_EQ(Cloud().sent.WaitFor(1).size(), 1U);
+  Local().Arrive("SN1/notification", R"({"method":"notify_x"})");
+  ASSERT_EQ(Cloud().sent.WaitFor(2).size(), 2U);
+  Local().Arrive("SN1/response", R"({"id":1})");
+  const auto sent = Cloud().sent.WaitFor(3);
+  ASSERT_EQ(sent.size(), 3U);
+  EXPECT_EQ(sent[0].payload, odd);
+  EXPECT_EQ(sent[0].topic, "SN1/status");
+  EXPECT_EQ(sent[1].topic, "SN1/notification");
+  EXPECT_EQ(sent[2].topic, "SN1/response");
+  for (const auto& message : sent) {
+    EXPECT_EQ(message.qos, Qos::kAtLeastOnce);
+    EXPECT_FALSE(message.retain);
+  }
+  Cloud().sends = false;
+  Local().Arrive("SN1/status", "x");
+  while (!log_.Has("FWDP", "ForwarderPool: send failed, rc=-9")) std::this_thread::yield();
+}
+
+TEST_F(CommsManagerTest, CloudPayloadsAreLoggedCutAndConfigIsOnlyLogged) {
+  InitCloud();
+  (void)AskFromCloud(R"({"id":1,"method":"system.open","params":")" + std::string(500, 'x') +
+                     "\"}");
+  Cloud().Arrive("system/config/SN1/request", R"({"id":5,"method":"system.open"})");
+  (void)AskFromCloud(R"({"id":6,"method":"system.open"})");
+  EXPECT_EQ(Cloud().sent.Items().size(), 2U);
+  EXPECT_TRUE(log_.Has("COMMS", R"(cloud config req: {"id":5,"method":"system.open"})"));
+  const std::string start = "cloud req → local: ";
+  const std::string text = log_.Text();
+  const size_t at = text.find(start) + start.size();
+  EXPECT_LE(text.find('\n', at) - at, 160U);
+}
+
+TEST_F(CommsManagerTest, RoutesOfAnotherDeviceOrClientAreTakenAway) {
+  InitCloud();
+  const auto first = clients_.at("Varnel Cloud");
+  manager_.InitCloud("Varnel Cloud");
+  ASSERT_EQ(manager_.SetupCloudForwarding("SN2"), CommsStatus::kOk);
+  first->Arrive("SN1/request", R"({"id":1,"method":"system.open"})");
+  Local().Arrive("SN1/status", "old");
+  Local().Arrive("SN2/status", "new");
+  EXPECT_EQ(Cloud().sent.WaitFor(1).at(0).payload, "new");
+  EXPECT_TRUE(first->sent.Items().empty());
+  for (const char* bad : {"", "a/b", "+", "#", "$x"}) {
+    EXPECT_EQ(manager_.SetupCloudForwarding(bad), CommsStatus::kInvalidArgument) << bad;
+  }
+}
+
+TEST(ForwarderPool, SkipsWhatCannotBeDelivered) {
+  test::LogCapture log;
+  ForwarderPool pool;
+  const auto queue = pool.CreateQueue("q");
+  pool.Forward(queue, std::make_shared<MqttMessage>(MqttMessage{"t", ""}), nullptr);
+  pool.Forward(queue, std::make_shared<MqttMessage>(MqttMessage{"t", "x"}), nullptr);
+  while (!log.Has("FWDP", "ForwarderPool: null destination, dropping message"))
+    std::this_thread::yield();
+  EXPECT_TRUE(log.Has("FWDP", "ForwarderPool: empty payload, skipping"));
+}
+
+}  // namespace
+}  // namespace varnel::comms

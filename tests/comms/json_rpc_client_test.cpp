@@ -1,0 +1,105 @@
+#include "comms/json_rpc_client.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "comms/fake_mqtt_client.h"
+#include "support/log_capture.h"
+
+namespace varnel::comms {
+namespace {
+
+using std::chrono::milliseconds;
+using test::FakeMqttClient;
+
+class JsonRpcClientTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(client_.Bind(mqtt_, {"p/request", "p/response"}), CommsStatus::kOk);
+  }
+
+  /// Waits until everything that arrived so far was handled: a message that the client rejects is
+  /// logged.
+  void Settle() {
+    mqtt_->Arrive("p/response", "{settled");
+    while (!log_.Has("JRPCC", "parse error at byte 2")) std::this_thread::yield();
+  }
+
+  test::LogCapture log_;
+  std::shared_ptr<FakeMqttClient> mqtt_ = std::make_shared<FakeMqttClient>();
+  JsonRpcClient client_{"caller"};
+};
+
+TEST_F(JsonRpcClientTest, ConcurrentCallsEachGetTheirOwnResponse) {
+  JsonRpcClient::CallResult first{CommsStatus::kFailure, {}};
+  JsonRpcClient::CallResult second{CommsStatus::kFailure, {}};
+  {
+    std::jthread a([&] { first = client_.Call("m", {{"k", 1}}, 1, milliseconds(20'000)); });
+    std::jthread b([&] { second = client_.Call("m", {{"k", 2}}, "1", milliseconds(20'000)); });
+    const auto sent = mqtt_->sent.WaitFor(2);
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_EQ(sent[0].topic, "p/request");
+    EXPECT_EQ(Json::parse(sent[0].payload)["jsonrpc"], "2.0");
+    mqtt_->Arrive("p/response", R"({"id":"1","result":"text id"})");
+    mqtt_->Arrive("p/response", R"({"id":1,"error":{"code":-1,"message":"number id"}})");
+  }
+  EXPECT_EQ(first.response["error"]["message"], "number id");
+  EXPECT_EQ(second.response["result"], "text id");
+}
+
+TEST_F(JsonRpcClientTest, ALateOrForeignResponseReachesNobody) {
+  const auto timed_out = client_.Call("m", nullptr, 5, milliseconds(1));
+  EXPECT_EQ(timed_out.status, CommsStatus::kTimeout);
+  EXPECT_TRUE(log_.Has("JRPCC", "Waiting for response timeout, id 5"));
+  for (const char* payload :
+       {R"({"id":5,"result":1})", R"({"result":1})", R"({"id":5})", "[]", "\"\xff\""}) {
+    mqtt_->Arrive("p/response", payload);
+  }
+  Settle();
+  EXPECT_TRUE(log_.Has("JRPCC", "Received a response that no one was waiting for, id 5"));
+  EXPECT_TRUE(log_.Has("JRPCC", R"(Receive an invalid message without an id: {"result":1})"));
+  EXPECT_TRUE(log_.Has("JRPCC", R"(Receive an invalid message: {"id":5})"));
+  EXPECT_TRUE(log_.Has("JRPCC", R"(Receive an invalid message: [])"));
+}
+
+TEST_F(JsonRpcClientTest, FailuresAreReportedAtOnce) {
+  mqtt_->sends = false;
+  EXPECT_NE(client_.Call("m", nullptr, 6, milliseconds(20'000)).status, CommsStatus::kOk);
+  EXPECT_TRUE(log_.Has("JRPCC", "Send request failed, id 6"));
+  EXPECT_NE(client_.Notify("m", nullptr), CommsStatus::kOk);
+  EXPECT_TRUE(log_.Has("JRPCC", "Notification of call failure"));
+  EXPECT_NE(client_.Bind(mqtt_, {"p/request", ""}), CommsStatus::kOk);
+  EXPECT_TRUE(log_.Has("JRPCC", "JSON-RPC caller has already been bound"));
+
+  JsonRpcClient unbound("unbound");
+  EXPECT_NE(unbound.Bind(nullptr, {}), CommsStatus::kOk);
+  EXPECT_NE(unbound.Notify("m", nullptr), CommsStatus::kOk);
+  EXPECT_TRUE(log_.Has("JRPCC", "The JSON-RPC client is not bound"));
+}
+
+TEST_F(JsonRpcClientTest, AResponseAfterTheDeadlineIsDropped) {
+  mqtt_->on_send = [this] {  // the deadline has passed, but the caller has not looked yet
+    mqtt_->Arrive("p/response", R"({"id":1,"result":1})");
+    while (!log_.Has("JRPCC", "Response time has exceeded the validity period, id 1"))
+      std::this_thread::yield();
+  };
+  EXPECT_EQ(client_.Call("m", nullptr, 1, milliseconds(-1)).status, CommsStatus::kTimeout);
+}
+
+TEST(JsonRpcNotifier, SubscribesToNothingAndOnlyNotifies) {
+  test::LogCapture log;
+  auto mqtt = std::make_shared<FakeMqttClient>();
+  (void)mqtt->Connect({});
+  JsonRpcClient notifier("n");
+  ASSERT_EQ(notifier.Bind(mqtt, {"system/notification", ""}), CommsStatus::kOk);
+  EXPECT_TRUE(mqtt->subscribed.Items().empty());
+  EXPECT_EQ(notifier.Notify("notify_x", {{"a", 1}}), CommsStatus::kOk);
+  EXPECT_EQ(Json::parse(mqtt->sent.Items().at(0).payload),
+            Json::parse(R"({"jsonrpc":"2.0","method":"notify_x","params":{"a":1}})"));
+  EXPECT_EQ(notifier.Call("m", nullptr, 1, milliseconds(1)).status, CommsStatus::kUnsupported);
+  EXPECT_TRUE(log.Has("JRPCC", "Unsupported operation"));
+}
+
+}  // namespace
+}  // namespace varnel::comms

@@ -1,0 +1,200 @@
+#include "comms/json_rpc_server.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <latch>
+#include <stdexcept>
+
+#include "comms/fake_mqtt_client.h"
+#include "support/log_capture.h"
+
+namespace varnel::comms {
+namespace {
+
+using test::FakeMqttClient;
+using test::LogCapture;
+
+class JsonRpcServerTest : public ::testing::Test {
+ protected:
+  JsonRpcServerTest() {
+    EXPECT_EQ(server_.RegisterMethod("system.echo", [](const Json& params) { return params; }),
+              CommsStatus::kOk);
+    EXPECT_EQ(server_.RegisterMethod("system.throw",
+                                     [](const Json&) -> Json { throw std::runtime_error("boom"); }),
+              CommsStatus::kOk);
+    EXPECT_EQ(server_.BindMqtt(client_, {"system/request", "system/response"}), CommsStatus::kOk);
+    EXPECT_EQ(server_.BindMqtt(client_, {"agent/request/+", ""}), CommsStatus::kOk);
+    EXPECT_EQ(server_.BindMqtt(client_, {"mute/+", ""}), CommsStatus::kOk);
+  }
+
+  /// The answer to one request; the echo behind it shows that nothing else came.
+  Json Ask(const std::string& payload, const std::string& topic = "system/request") {
+    const size_t before = client_->sent.Items().size();
+    client_->Arrive(topic, payload);
+    const auto sent = client_->sent.WaitFor(before + 1);
+    if (sent.size() != before + 1) return "no answer";
+    answer_topic_ = sent.back().topic;
+    EXPECT_EQ(sent.back().qos, Qos::kAtMostOnce);
+    EXPECT_FALSE(sent.back().retain);
+    return Json::parse(sent.back().payload);
+  }
+  /// Sends what must stay unanswered, then proves that the next request is the next answer.
+  void ExpectSilence(const std::string& payload) {
+    client_->Arrive("system/request", payload);
+    EXPECT_EQ(Ask(R"({"method":"system.echo","id":"fence"})")["id"], "fence") << payload;
+  }
+
+  LogCapture log_;
+  std::shared_ptr<FakeMqttClient> client_ = std::make_shared<FakeMqttClient>();
+  JsonRpcServer server_{"local_srv"};
+  std::string answer_topic_;
+};
+
+TEST_F(JsonRpcServerTest, EchoesIdsOfEveryJsonTypeAsTheSameValue) {
+  for (const char* id :
+       {"7", "-7", "0", "18446744073709551615", "-9223372036854775808", "1.5", "1e300", "\"x\"",
+        "\"\"", "\"\\u0000é\"", "null", "true", "[]", "[1,[2]]", "{}", R"({"a":{"b":null}})"}) {
+    const Json answer =
+        Ask(std::string(R"({"jsonrpc":"2.0","method":"system.echo","id":)") + id + "}");
+    EXPECT_EQ(answer["id"], Json::parse(id));
+    EXPECT_EQ(answer["jsonrpc"], "2.0");
+    EXPECT_TRUE(answer.contains("result") && answer["result"].is_null())
+        << "absent params are null";
+  }
+  EXPECT_EQ(Ask(R"({"method":"system.echo","id":18446744073709551616})")["id"],
+            18446744073709551616.0);
+}
+
+TEST_F(JsonRpcServerTest, AnswersErrorsAndResults) {
+  EXPECT_EQ(
+      Ask(R"({"method":"system.none","id":7})"),
+      Json::parse(R"({"jsonrpc":"2.0","id":7,"error":{"code":-32601,"message":"Method not found",
+                            "data":"Method not found: system.none"}})"));
+  EXPECT_EQ(Ask(R"({"method":"system.throw","id":7})")["error"],
+            Json::parse(R"({"code":-32603,"message":"Internal error"})"));
+  EXPECT_TRUE(log_.Has("JRPCS", "Handler exception for method system.throw: boom"));
+  EXPECT_EQ(
+      Ask(R"({"method":"system.echo","id":1,"params":{"code":-32602,"message":"m"}})")["error"]
+                                                                                      ["code"],
+      -32602);
+  EXPECT_EQ(Ask(R"({"jsonrpc":"1.0","method":"system.echo","id":1,"params":[2]})")["result"],
+            Json::parse("[2]"));
+  EXPECT_EQ(Ask(R"({"id":1,"id":2,"method":"x","method":"system.echo"})")["id"], 2)
+      << "the last of equal keys counts";
+}
+
+TEST_F(JsonRpcServerTest, AnswersOnTheTopicThatBelongsToTheRequest) {
+  (void)Ask(R"({"method":"system.echo","id":1})");
+  EXPECT_EQ(answer_topic_, "system/response");
+  (void)Ask(R"({"method":"system.echo","id":1})", "agent/request/ui");
+  EXPECT_EQ(answer_topic_, "agent/response/ui");
+  client_->Arrive("mute/x", R"({"method":"system.echo","id":1})");
+  ExpectSilence(R"({"method":"system.none"})");
+  EXPECT_TRUE(log_.Has("JRPCS", "Unsupported operation"))
+      << "never an answer on the request's own topic";
+}
+
+TEST_F(JsonRpcServerTest, StaysSilentAboutWhatCannotBeAnswered) {
+  const std::string deep(100'000, '[');
+  for (const std::string& payload :
+       {std::string("{"), std::string("[]"), std::string("7"), std::string(R"({"id":1})"),
+        std::string(R"({"id":1,"method":7})"), std::string("\xff\xfe"), deep,
+        R"({"method":"system.echo","id":)" + deep + std::string(100'000, ']') + "}",
+        std::string(kMaxPayloadBytes + 1, ' '), std::string(R"({"method":"system.none"})"),
+        std::string(R"({"method":"system.throw"})")}) {
+    ExpectSilence(payload);
+  }
+  EXPECT_TRUE(log_.Has("JRPCS", "parse error at byte 2"));
+  EXPECT_TRUE(log_.Has("JRPCS", R"(Receive an invalid message: {"id":1})"));
+  EXPECT_TRUE(log_.Has("JRPCS", "Method not found: system.none"));
+  EXPECT_LT(log_.Text().size(), 20'000U) << "payloads are cut in the log";
+}
+
+TEST_F(JsonRpcServerTest, ServesAPayloadOfExactlyTheLimit) {
+  const std::string head = R"({"method":"system.echo","id":1,"params":")";
+  const std::string payload = head + std::string(kMaxPayloadBytes - head.size() - 2, 'x') + "\"}";
+  ASSERT_EQ(payload.size(), kMaxPayloadBytes);
+  EXPECT_EQ(Ask(payload)["result"].get<std::string>().size(), kMaxPayloadBytes - head.size() - 2);
+}
+
+TEST_F(JsonRpcServerTest, ASlowCameraMethodDelaysNoOther) {
+  std::latch entered(WorkerLane::kThreads);
+  std::latch gate(1);
+  EXPECT_EQ(server_.RegisterMethod("camera.slow",
+                                   [&](const Json&) {
+                                     entered.count_down();
+                                     gate.wait();
+                                     return Json("slow");
+                                   }),
+            CommsStatus::kOk);
+  for (size_t i = 0; i < WorkerLane::kThreads; ++i) {
+    client_->Arrive("system/request", R"({"method":"camera.slow","id":"s"})");
+  }
+  entered.wait();
+  EXPECT_EQ(Ask(R"({"method":"system.echo","id":"fast"})")["id"], "fast");
+  gate.count_down();
+  EXPECT_EQ(client_->sent.WaitFor(1 + WorkerLane::kThreads).size(), 1 + WorkerLane::kThreads);
+}
+
+TEST_F(JsonRpcServerTest, AFloodIsRefusedBeyondTheBacklog) {
+  std::latch entered(WorkerLane::kThreads);
+  std::latch gate(1);
+  std::atomic<int> ran{0};
+  EXPECT_EQ(server_.RegisterMethod("system.slow",
+                                   [&](const Json&) {
+                                     if (ran++ < static_cast<int>(WorkerLane::kThreads))
+                                       entered.count_down();
+                                     gate.wait();
+                                     return Json();
+                                   }),
+            CommsStatus::kOk);
+  for (size_t i = 0; i < WorkerLane::kThreads; ++i) {
+    server_.InvokeMethod("system.slow", Json{{"id", i}}, nullptr);
+  }
+  entered.wait();
+  for (size_t i = 0; i < WorkerLane::kMaxWaiting; ++i)
+    server_.InvokeMethod("system.slow", Json::object(), nullptr);
+  EXPECT_EQ(Ask(R"({"method":"system.slow","id":9})")["error"],
+            Json::parse(R"({"code":-32000,"message":"Server busy"})"));
+  client_->Arrive("system/request", R"({"method":"system.slow"})");
+  EXPECT_EQ(Ask(R"({"method":"system.none","id":10})")["id"], 10)
+      << "a refused notification is not answered";
+  EXPECT_EQ(log_.Count("JRPCS", "Server busy, refusing method system.slow"), 2U);
+  gate.count_down();
+}
+
+TEST_F(JsonRpcServerTest, RegistrationAndBindingRefuseWhatCannotWork) {
+  EXPECT_EQ(server_.RegisterMethod("", [](const Json&) { return Json(); }),
+            CommsStatus::kInvalidArgument);
+  EXPECT_EQ(server_.RegisterMethod("m", nullptr), CommsStatus::kInvalidArgument);
+  EXPECT_NE(server_.RegisterMethod("system.echo", [](const Json&) { return Json(); }),
+            CommsStatus::kOk);
+  EXPECT_TRUE(log_.Has("JRPCS", "Callback of method system.echo has been registered"));
+  EXPECT_NE(server_.BindMqtt(nullptr, {"a", "b"}), CommsStatus::kOk);
+  EXPECT_TRUE(log_.Has("JRPCS", "MQTT link is invalid"));
+  EXPECT_NE(server_.BindMqtt(std::make_shared<FakeMqttClient>(), {"a", "b"}), CommsStatus::kOk);
+  EXPECT_TRUE(log_.Has("JRPCS", "JSON-RPC local_srv already bound to a different MQTT link"));
+  (void)client_->Connect({});
+  client_->subscribes = false;
+  EXPECT_NE(server_.BindMqtt(client_, {"x/request", ""}), CommsStatus::kOk);
+  EXPECT_TRUE(log_.Has("JRPCS", "JSON-RPC local_srv bind to MQTT failed for topic x/request"));
+}
+
+TEST_F(JsonRpcServerTest, AnAnswerThatCannotBeSentIsLogged) {
+  client_->sends = false;
+  std::latch done(1);
+  EXPECT_EQ(server_.RegisterMethod("system.last",
+                                   [&](const Json&) {
+                                     done.count_down();
+                                     return Json();
+                                   }),
+            CommsStatus::kOk);
+  client_->Arrive("system/request", R"({"method":"system.none","id":1})");
+  client_->Arrive("system/request", R"({"method":"system.last"})");
+  done.wait();
+  EXPECT_TRUE(log_.Has("JRPCS", "Failed to send response to system/response"));
+}
+
+}  // namespace
+}  // namespace varnel::comms

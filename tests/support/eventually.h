@@ -1,0 +1,42 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace varnel::test {
+
+/// What threads have reported so far; the test waits for it instead of sleeping.
+template <class Item>
+class Mailbox {
+ public:
+  void Put(Item item) {
+    {
+      std::lock_guard lock(mutex_);
+      items_.push_back(std::move(item));
+    }
+    arrived_.notify_all();
+  }
+
+  /// All items once there are `count` of them, or what there is after the limit.
+  std::vector<Item> WaitFor(size_t count, std::chrono::seconds limit = std::chrono::seconds(20)) {
+    std::unique_lock lock(mutex_);
+    arrived_.wait_for(lock, limit, [&] { return items_.size() >= count; });
+    return items_;
+  }
+
+  std::vector<Item> Items() const {
+    std::lock_guard lock(mutex_);
+    return items_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::condition_variable arrived_;
+  std::vector<Item> items_;
+};
+
+}  // namespace varnel::test
