@@ -33,14 +33,14 @@ class TempDir {
 
   /// Writes a file below the directory (with the directories it needs) and returns its path.
   std::filesystem::path Write(std::string_view name, std::string_view content) const {
-    const std::filesystem::path file = path_ / name;
+    std::filesystem::path file = path_ / name;
     std::filesystem::create_directories(file.parent_path());
     std::ofstream(file, std::ios::binary) << content;
     return file;
   }
   /// An executable shell script, the stand-in for an external program.
   std::filesystem::path WriteScript(std::string_view name, std::string_view body) const {
-    const std::filesystem::path file = Write(name, "#!/bin/sh\n" + std::string(body) + "\n");
+    std::filesystem::path file = Write(name, "#!/bin/sh\n" + std::string(body) + "\n");
     std::filesystem::permissions(file, std::filesystem::perms(0755));
     return file;
   }
