@@ -10,7 +10,8 @@ namespace varnel::hal_adapter {
 /// The platform's initialisation of one area; it registers the area's table.
 using AreaInit = std::function<HalStatus()>;
 
-/// Runs the initialisation and returns the table of the area; null, with a log line, when either is missing.
+/// Runs the initialisation and returns the table of the area; null, with a log line, when either is
+/// missing.
 template <class Table>
 [[nodiscard]] const Table* StartArea(const char* tag, const AreaInit& init,
                                      const TableSlot<Table>& slot) {

@@ -60,8 +60,8 @@ HalStatus Camera::UpdateInfo() {
 }
 
 HalStatus Camera::Open(const CameraConfig* config) const {
-  HalStatus status = Check(&MultimediaHalInterface::open_camera,
-                           "open_camera interface has not been implemented");
+  HalStatus status =
+      Check(&MultimediaHalInterface::open_camera, "open_camera interface has not been implemented");
   if (status != kHalSuccess) return status;
   status = table_->open_camera(id_, config);
   if (status != kHalSuccess) {
@@ -94,8 +94,8 @@ HalStatus Camera::SetConfig(const CameraConfig& config) const {
 
 HalStatus Camera::TakePhoto(CameraImage& image) const {
   image = {};
-  HalStatus status = Check(&MultimediaHalInterface::take_photo,
-                           "take_photo interface has not been implemented");
+  HalStatus status =
+      Check(&MultimediaHalInterface::take_photo, "take_photo interface has not been implemented");
   if (status != kHalSuccess) return status;
   status = table_->take_photo(id_, &image);
   if (status != kHalSuccess) {

@@ -6,8 +6,9 @@
 
 namespace varnel::hal_adapter {
 
-/// One camera of the multimedia table. Operations return the platform's status, -8 without a table and -7 for an
-/// empty slot, each with a log line. Not thread-safe: the multimedia adapter serialises.
+/// One camera of the multimedia table. Operations return the platform's status, -8 without a table
+/// and -7 for an empty slot, each with a log line. Not thread-safe: the multimedia adapter
+/// serialises.
 class Camera {
  public:
   /// `table` may be null: the camera is then never ready.

@@ -34,7 +34,8 @@ std::optional<std::string> NameUuid(std::string_view name) {
   const Digest sha1(EVP_MD_fetch(nullptr, "SHA1", nullptr));
   std::array<uint8_t, EVP_MAX_MD_SIZE> hash{};
   unsigned int length = 0;
-  if (!sha1 || EVP_Digest(name.data(), name.size(), hash.data(), &length, sha1.get(), nullptr) != 1) {
+  if (!sha1 ||
+      EVP_Digest(name.data(), name.size(), hash.data(), &length, sha1.get(), nullptr) != 1) {
     return std::nullopt;
   }
   UuidBytes bytes{};

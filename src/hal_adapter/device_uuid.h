@@ -7,7 +7,8 @@
 
 namespace varnel::hal_adapter {
 
-/// The name-based UUID (version 5 bits, no name space) of `name`; nothing when SHA-1 is not available.
+/// The name-based UUID (version 5 bits, no name space) of `name`; nothing when SHA-1 is not
+/// available.
 [[nodiscard]] std::optional<std::string> NameUuid(std::string_view name);
 
 /// A random UUID (version 4) drawn from a Mersenne twister that starts at `seed`.

@@ -1,11 +1,10 @@
 #include "hal_adapter/hal_event.h"
 
-#include <pthread.h>
-
 #include <exception>
 
 #include "utils/log.h"
 #include "utils/log_printf.h"
+#include "utils/thread.h"
 
 namespace varnel::hal_adapter {
 namespace {
@@ -25,9 +24,8 @@ void CallGuarded(HalEventCallback callback, const HalEventRecord& event, void* u
 
 }  // namespace
 
-HALEvent::HALEvent() : dispatcher_([this] { Dispatch(); }) {
-  pthread_setname_np(dispatcher_.native_handle(), "hal-event");
-}
+HALEvent::HALEvent()
+    : dispatcher_(utils::SpawnGuarded("hal-event", kTag, [this] { Dispatch(); })) {}
 
 HALEvent::~HALEvent() {
   Stop();

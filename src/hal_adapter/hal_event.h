@@ -13,8 +13,8 @@
 
 namespace varnel::hal_adapter {
 
-/// Carries the platform's asynchronous events to their callbacks on a thread of its own. Every function is callable
-/// from any thread, callbacks included, except Stop() and the destructor.
+/// Carries the platform's asynchronous events to their callbacks on a thread of its own. Every
+/// function is callable from any thread, callbacks included, except Stop() and the destructor.
 class HALEvent {
  public:
   static constexpr size_t kMaxQueued = 64;
@@ -52,7 +52,7 @@ class HALEvent {
   std::mutex callback_mutex_;
   std::unordered_map<uint32_t, std::vector<Callback>> callbacks_;  // guarded by callback_mutex_
 
-  std::thread dispatcher_;
+  std::jthread dispatcher_;
 };
 
 }  // namespace varnel::hal_adapter

@@ -33,7 +33,8 @@ class TableSlot {
   std::atomic<const Table*> table_{nullptr};
 };
 
-/// The tables of all areas. Adapters read the table after the platform's initialisation of their area.
+/// The tables of all areas. Adapters read the table after the platform's initialisation of their
+/// area.
 struct HalRegistry {
   TableSlot<AiHalInterface> ai{"HALAI", "AI HAL interface registered",
                                "AI HAL interface register failed, iface is null"};

@@ -58,7 +58,8 @@ bool MultimediaAdapter::FindCameras(const MultimediaHalInterface* table) {
   return true;
 }
 
-/// The first frames of a sensor are too dark or too bright; failures here show in the log and again at a photo.
+/// The first frames of a sensor are too dark or too bright; failures here show in the log and again
+/// at a photo.
 void MultimediaAdapter::WarmUp() {
   for (int i = 0; i < kWarmUpPhotos; ++i) {
     static_cast<void>(TakePhoto(""));
@@ -69,8 +70,7 @@ void MultimediaAdapter::WarmUp() {
 PhotoStatus MultimediaAdapter::TakePhoto(const std::string& path) {
   const PhotoTurn::Holder turn(turn_, kTurnLimit);
   if (!turn) {
-    VLOG_ERROR(kTag, "The camera is still busy after {}s, no photo is taken",
-               kTurnLimit / 1000ms);
+    VLOG_ERROR(kTag, "The camera is still busy after {}s, no photo is taken", kTurnLimit / 1000ms);
     return PhotoStatus::kCaptureFailed;
   }
   CameraImage image{};

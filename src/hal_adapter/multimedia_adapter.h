@@ -22,8 +22,8 @@ struct MultimediaSetup {
   utils::Clock* clock = &utils::SystemClock::Instance();
 };
 
-/// The multimedia area. TakePhoto() is callable from any thread: callers are served one after another, since they
-/// share the camera's buffers and the frame file.
+/// The multimedia area. TakePhoto() is callable from any thread: callers are served one after
+/// another, since they share the camera's buffers and the frame file.
 class MultimediaAdapter {
  public:
   explicit MultimediaAdapter(MultimediaSetup setup);

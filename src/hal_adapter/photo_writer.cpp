@@ -60,8 +60,8 @@ std::error_code WriteAll(int fd, std::string_view bytes) {
   return {};
 }
 
-/// The frame file lies in a directory that everyone may write to: whatever was put at its name is removed and a
-/// new file of our own made, so that a planted link is not followed.
+/// The frame file lies in a directory that everyone may write to: whatever was put at its name is
+/// removed and a new file of our own made, so that a planted link is not followed.
 utils::UniqueFd CreatePrivate(const fs::path& path) {
   ::unlink(path.c_str());
   return utils::UniqueFd(
@@ -86,8 +86,7 @@ PhotoWriter::PhotoWriter(PhotoPaths paths, SpaceCheck has_space)
 PhotoStatus PhotoWriter::Write(const CameraImage& image, const fs::path& destination) const {
   if (!has_space_(destination)) return PhotoStatus::kNotWritable;
   if (IsPicture(destination.native())) return Convert(image, destination);
-  const std::error_code error =
-      utils::WriteFileAtomically(destination, BytesOf(image), kPhotoMode);
+  const std::error_code error = utils::WriteFileAtomically(destination, BytesOf(image), kPhotoMode);
   if (!error) return PhotoStatus::kSuccess;
   ReportFileError(error);
   return PhotoStatus::kNotWritable;
@@ -126,13 +125,13 @@ bool PhotoWriter::WriteRawFrame(const CameraImage& image) const {
   return !error;
 }
 
-/// Names the output relative to its directory: a '%' in the directory's name would otherwise be taken for the
-/// number pattern of an image sequence.
+/// Names the output relative to its directory: a '%' in the directory's name would otherwise be
+/// taken for the number pattern of an image sequence.
 bool PhotoWriter::RunConverter(const char* pixel_format, const fs::path& output) const {
   utils::SafeExec command(paths_.converter);
-  for (const char* argument : {"-y", "-v", "error", "-f", "rawvideo", "-pix_fmt", pixel_format,
-                               "-s", "1920x1080", "-i", paths_.raw_frame.c_str(), "-frames:v",
-                               "1"}) {
+  for (const char* argument :
+       {"-y", "-v", "error", "-f", "rawvideo", "-pix_fmt", pixel_format, "-s", "1920x1080", "-i",
+        paths_.raw_frame.c_str(), "-frames:v", "1"}) {
     command.AddArg(argument);
   }
   command.AddArg(output.filename()).SetWorkingDir(output.parent_path());
@@ -141,10 +140,10 @@ bool PhotoWriter::RunConverter(const char* pixel_format, const fs::path& output)
     const utils::SafeExec::Result result = command.Execute();
     if (result.success && HasContent(output)) return true;
     VLOG_ERROR(kTag, "Execute error, code is {}", result.exit_code);
-    VLOG_ERROR(kTag, "{}: {}",
-               "Command '" + command.ToString() + "' failed with code " +
-                   std::to_string(result.exit_code),
-               result.standard_error);
+    VLOG_ERROR(
+        kTag, "{}: {}",
+        "Command '" + command.ToString() + "' failed with code " + std::to_string(result.exit_code),
+        result.standard_error);
   } catch (const utils::SafeExecException& error) {
     VLOG_ERROR(kTag, "Execute fatal error: {}", error.what());
   }

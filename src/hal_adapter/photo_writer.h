@@ -11,9 +11,9 @@ namespace varnel::hal_adapter {
 
 enum class PhotoStatus {
   kSuccess,
-  kCaptureFailed,      ///< no camera, busy for too long, capture error or empty frame
-  kNotWritable,        ///< the destination cannot be written
-  kConversionFailed,   ///< the frame could not be made a picture
+  kCaptureFailed,     ///< no camera, busy for too long, capture error or empty frame
+  kNotWritable,       ///< the destination cannot be written
+  kConversionFailed,  ///< the frame could not be made a picture
 };
 
 /// Says whether there is room to write to this path; it logs when there is not.
@@ -24,9 +24,9 @@ struct PhotoPaths {
   std::filesystem::path raw_frame = "/tmp/.capture.bin";
 };
 
-/// Puts a frame into a file: a picture for the endings ".jpg", ".jpeg" and ".png" (lower case), the raw bytes
-/// for any other. The destination appears whole or stays as it was. One call at a time: all share the raw frame
-/// file.
+/// Puts a frame into a file: a picture for the endings ".jpg", ".jpeg" and ".png" (lower case), the
+/// raw bytes for any other. The destination appears whole or stays as it was. One call at a time:
+/// all share the raw frame file.
 class PhotoWriter {
  public:
   PhotoWriter(PhotoPaths paths, SpaceCheck has_space);

@@ -29,14 +29,16 @@ struct IdentityFiles {
   std::filesystem::path full_version = "/tmp/.fullversion";
 };
 
-/// The system area: identity, upgrade, board data. After Start() every function is callable from any thread.
+/// The system area: identity, upgrade, board data. After Start() every function is callable from
+/// any thread.
 class SystemAdapter {
  public:
   explicit SystemAdapter(AreaInit init, IdentityFiles files = {},
                          const HalRegistry& registry = HalRegistry::Instance(),
                          std::function<uint32_t()> random_seed = DeviceSeed);
 
-  /// Once, before anything else. Reads and publishes the identity; the UUID is set even when it fails.
+  /// Once, before anything else. Reads and publishes the identity; the UUID is set even when it
+  /// fails.
   [[nodiscard]] bool Start();
   const DeviceIdentity& Identity() const { return identity_; }
   const std::string& Uuid() const { return uuid_; }

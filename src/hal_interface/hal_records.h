@@ -54,7 +54,8 @@ struct HalEventRecord {
 };
 static_assert(sizeof(HalEventRecord) == 260);
 
-/// Who this board is; every field is NUL-terminated text. The device key is a secret: never logged or written.
+/// Who this board is; every field is NUL-terminated text. The device key is a secret: never logged
+/// or written.
 struct DeviceInfo {
   char serial_number[64];
   char product_code[64];

@@ -4,7 +4,8 @@
 
 namespace varnel::hal_adapter {
 
-/// What every platform operation returns. The value set is open: a child's exit status may be passed up as it is.
+/// What every platform operation returns. The value set is open: a child's exit status may be
+/// passed up as it is.
 using HalStatus = int32_t;
 
 inline constexpr HalStatus kHalSuccess = 0;

@@ -8,8 +8,8 @@
 
 namespace varnel::hal_adapter {
 
-/// The operation tables that the platform layer fills, one per area. A null pointer is an empty slot. Tables are
-/// static objects of the platform and live as long as the process.
+/// The operation tables that the platform layer fills, one per area. A null pointer is an empty
+/// slot. Tables are static objects of the platform and live as long as the process.
 struct AiHalInterface {
   /// `out` holds 4096 bytes; receives the directory of the detection results.
   HalStatus (*get_ai_basic_info)(char* out);
