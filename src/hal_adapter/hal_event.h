@@ -33,6 +33,8 @@ class HALEvent {
                                            void* user_data);
   /// Ends the dispatch thread after the callback it is in; harmless when repeated.
   void Stop();
+  /// Stop() has begun: nothing more is delivered.
+  bool Stopping() const { return !running_; }
 
  private:
   using Callback = std::pair<HalEventCallback, void*>;
