@@ -203,6 +203,7 @@ TEST_F(PhotoTest, CallersAreServedOneAfterAnother) {
   std::atomic<int> taken = 0;
   {
     std::vector<std::jthread> callers;
+    callers.reserve(4);
     for (int i = 0; i < 4; ++i) {
       callers.emplace_back([&, path = Out(std::to_string(i) + ".jpg")] {
         for (int photo = 0; photo < 5; ++photo)
