@@ -48,7 +48,7 @@ class HalEventTest : public testing::Test {
     return events_.Post(&event);
   }
 
-  test::LogCapture log_;
+  test::LogCapture log_{spdlog::level::debug};
   Listener listener_;
   HALEvent events_;  // last: its thread uses the listener
 };
