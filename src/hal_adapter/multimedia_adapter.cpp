@@ -1,0 +1,106 @@
+#include "hal_adapter/multimedia_adapter.h"
+
+#include <chrono>
+#include <utility>
+
+namespace varnel::hal_adapter {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* kTag = "HALMM";
+constexpr int kWarmUpPhotos = 10;
+constexpr auto kWarmUpPause = 500ms;
+constexpr auto kTurnLimit = 10'000ms;
+
+SpaceCheck OrAlwaysRoom(SpaceCheck check) {
+  return check ? std::move(check) : [](const std::filesystem::path&) { return true; };
+}
+
+}  // namespace
+
+MultimediaAdapter::MultimediaAdapter(MultimediaSetup setup)
+    : setup_(std::move(setup)),
+      writer_(setup_.paths, OrAlwaysRoom(setup_.has_space)),
+      turn_(*setup_.clock) {}
+
+bool MultimediaAdapter::Start() {
+  if (!OpenMainCamera()) return false;
+  WarmUp();
+  ready_ = true;
+  return true;
+}
+
+bool MultimediaAdapter::OpenMainCamera() {
+  const PhotoTurn::Holder turn(turn_, kTurnLimit);
+  if (!turn) return false;
+  const MultimediaHalInterface* table = StartArea(kTag, setup_.init, setup_.registry->multimedia);
+  if (table == nullptr || !FindCameras(table)) return false;
+  return main_camera_->Open(nullptr) == kHalSuccess;
+}
+
+bool MultimediaAdapter::FindCameras(const MultimediaHalInterface* table) {
+  uint32_t count = 0;
+  if (Camera(table, 0).GetCount(count) != kHalSuccess) return false;
+  for (uint32_t id = 0; id < count; ++id) {
+    auto camera = std::make_shared<Camera>(table, id);
+    if (camera->UpdateInfo() == kHalSuccess) {
+      cameras_.push_back(std::move(camera));
+    } else {
+      VLOG_ERROR(kTag, "Update camera {} info failed", id);
+    }
+  }
+  if (cameras_.empty()) {
+    VLOG_ERROR(kTag, "Main camera is invalid");
+    return false;
+  }
+  main_camera_ = cameras_.front();
+  return true;
+}
+
+/// The first frames of a sensor are too dark or too bright; failures here show in the log and again
+/// at a photo.
+void MultimediaAdapter::WarmUp() {
+  for (int i = 0; i < kWarmUpPhotos; ++i) {
+    static_cast<void>(TakePhoto(""));
+    setup_.clock->SleepFor(kWarmUpPause);
+  }
+}
+
+PhotoStatus MultimediaAdapter::TakePhoto(const std::string& path) {
+  const PhotoTurn::Holder turn(turn_, kTurnLimit);
+  if (!turn) {
+    VLOG_ERROR(kTag, "The camera is still busy after {}s, no photo is taken", kTurnLimit / 1000ms);
+    return PhotoStatus::kCaptureFailed;
+  }
+  CameraImage image{};
+  if (!Capture(image)) return PhotoStatus::kCaptureFailed;
+  VLOG_INFO(kTag,
+            "Photo: size is {}, timestamp is {}ms, width and height is {}x{}, format is {}, camera "
+            "id is {}",
+            image.size, image.timestamp_ms, image.width, image.height, image.pixel_format,
+            image.camera_id);
+  if (path.empty()) {
+    VLOG_INFO(kTag, "filepath is empty, do not save to any file");
+    return PhotoStatus::kSuccess;
+  }
+  return writer_.Write(image, path);
+}
+
+bool MultimediaAdapter::Capture(CameraImage& image) const {
+  if (!main_camera_) {
+    VLOG_ERROR(kTag, "Main camera is invalid");
+    return false;
+  }
+  if (main_camera_->TakePhoto(image) != kHalSuccess) {
+    VLOG_ERROR(kTag, "Main camera take photo failed");
+    return false;
+  }
+  if (image.data == nullptr || image.size == 0) {
+    VLOG_ERROR(kTag, "The photo data from the main camera is empty");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace varnel::hal_adapter

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "hal_adapter/area_start.h"
+#include "hal_adapter/camera.h"
+#include "hal_adapter/photo_turn.h"
+#include "hal_adapter/photo_writer.h"
+#include "utils/clock.h"
+
+namespace varnel::hal_adapter {
+
+/// What the multimedia adapter is built from; the defaults are the board's.
+struct MultimediaSetup {
+  AreaInit init;
+  SpaceCheck has_space;  ///< none: there is always room
+  PhotoPaths paths = {};
+  const HalRegistry* registry = &HalRegistry::Instance();
+  utils::Clock* clock = &utils::SystemClock::Instance();
+};
+
+/// The multimedia area. TakePhoto() is callable from any thread: callers are served one after
+/// another, since they share the camera's buffers and the frame file.
+class MultimediaAdapter {
+ public:
+  explicit MultimediaAdapter(MultimediaSetup setup);
+
+  /// Once. Finds the cameras, opens the main one and lets its exposure settle (about 5 s).
+  [[nodiscard]] bool Start();
+  /// True once Start() is through its warm-up.
+  bool Ready() const { return ready_; }
+
+  /// Takes a photo with the main camera; an empty path saves nothing.
+  [[nodiscard]] PhotoStatus TakePhoto(const std::string& path);
+  size_t CameraCount() const { return cameras_.size(); }
+
+ private:
+  bool OpenMainCamera();
+  bool FindCameras(const MultimediaHalInterface* table);
+  void WarmUp();
+  bool Capture(CameraImage& image) const;
+
+  const MultimediaSetup setup_;
+  const PhotoWriter writer_;
+  std::atomic<bool> ready_{false};
+
+  PhotoTurn turn_;
+  // Used by the holder of the turn.
+  std::vector<std::shared_ptr<Camera>> cameras_;
+  std::shared_ptr<Camera> main_camera_;
+};
+
+}  // namespace varnel::hal_adapter

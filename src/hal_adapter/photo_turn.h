@@ -1,0 +1,44 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+#include "utils/clock.h"
+
+namespace varnel::hal_adapter {
+
+/// Lets one caller at a time use the camera, each waiting a bounded time on the injected clock.
+class PhotoTurn {
+ public:
+  explicit PhotoTurn(utils::Clock& clock) : clock_(clock) {}
+
+  /// Gives the turn back at its end of life.
+  class Holder {
+   public:
+    /// Waits at most `limit`; false as a condition when the turn did not come.
+    Holder(PhotoTurn& turn, std::chrono::milliseconds limit)
+        : turn_(turn), held_(turn.Take(limit)) {}
+    ~Holder() {
+      if (held_) turn_.Give();
+    }
+    Holder(const Holder&) = delete;
+    Holder& operator=(const Holder&) = delete;
+    explicit operator bool() const { return held_; }
+
+   private:
+    PhotoTurn& turn_;
+    const bool held_;
+  };
+
+ private:
+  bool Take(std::chrono::milliseconds limit);
+  void Give();
+
+  utils::Clock& clock_;
+  std::mutex mutex_;
+  std::condition_variable free_;
+  bool taken_ = false;  // guarded by mutex_
+};
+
+}  // namespace varnel::hal_adapter

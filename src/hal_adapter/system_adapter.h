@@ -1,0 +1,67 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "hal_adapter/area_start.h"
+
+namespace varnel::hal_adapter {
+
+/// Who this board is. The device key is a secret: it is neither logged nor written anywhere.
+struct DeviceIdentity {
+  std::string serial_number;
+  std::string product_code;
+  std::string device_key;
+  std::string mac;
+  std::string firmware_version;
+  std::string full_firmware_version;
+  std::string hardware_version;
+  std::string processor_serial;
+};
+
+/// One-line files that tell other programs of the board who it is.
+struct IdentityFiles {
+  std::filesystem::path serial_number = "/tmp/.serial_number";
+  std::filesystem::path product_code = "/tmp/.product_code";
+  std::filesystem::path version = "/tmp/.version";
+  std::filesystem::path full_version = "/tmp/.fullversion";
+};
+
+/// The system area: identity, upgrade, board data. After Start() every function is callable from
+/// any thread.
+class SystemAdapter {
+ public:
+  explicit SystemAdapter(AreaInit init, IdentityFiles files = {},
+                         const HalRegistry& registry = HalRegistry::Instance(),
+                         std::function<uint32_t()> random_seed = DeviceSeed);
+
+  /// Once, before anything else. Reads and publishes the identity; the UUID is set even when it
+  /// fails.
+  [[nodiscard]] bool Start();
+  const DeviceIdentity& Identity() const { return identity_; }
+  const std::string& Uuid() const { return uuid_; }
+
+  /// Runs until the upgrade ended. The platform's status, or -7 without the slot.
+  [[nodiscard]] HalStatus UpgradeFirmware(uint32_t target, const std::string& package) const;
+  [[nodiscard]] HalStatus CollectPlatformData(uint32_t type, const std::string& out_dir) const;
+  /// Tells the platform that the caller is about to reboot.
+  [[nodiscard]] HalStatus PrepareReboot() const;
+
+ private:
+  static uint32_t DeviceSeed();
+  bool ReadIdentity();
+  void Publish() const;
+  std::string MakeUuid() const;
+
+  const AreaInit init_;
+  const IdentityFiles files_;
+  const HalRegistry& registry_;
+  const std::function<uint32_t()> random_seed_;
+  const SystemHalInterface* table_ = nullptr;
+  DeviceIdentity identity_;
+  std::string uuid_;
+};
+
+}  // namespace varnel::hal_adapter

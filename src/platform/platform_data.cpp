@@ -1,0 +1,99 @@
+#include "platform/platform_data.h"
+
+#include <filesystem>
+
+#include "platform/command_output.h"
+#include "utils/log_printf.h"
+
+namespace varnel::platform {
+namespace {
+
+using hal_adapter::HalStatus;
+namespace fs = std::filesystem;
+
+constexpr const char* kTag = "IMSYS";
+constexpr size_t kPathLimit = 511;
+constexpr uint32_t kCommandLimitMs = 10 * 60'000;
+constexpr size_t kOutputLimit = 0;
+
+bool Run(utils::SafeExec& command) {
+  return run_command(command.SetTimeout(kCommandLimitMs), kOutputLimit).status == 0;
+}
+
+bool IsArchivable(const std::string& source) {
+  std::error_code error;
+  const fs::file_status status = fs::status(source, error);
+  if (!fs::exists(status)) {
+    PLOG_ERROR(kTag, "The source directory does not exist");
+    return false;
+  }
+  if (!fs::is_directory(status)) {
+    PLOG_ERROR(kTag, "The source path is not a directory");
+    return false;
+  }
+  return true;
+}
+
+void Archive(const std::string& tar, const DataArchive& archive, const std::string& out_dir) {
+  const std::string target = out_dir + "/" + archive.name;
+  if (target.size() > kPathLimit) {
+    PLOG_ERROR(kTag, "The target output path too long");
+    return;
+  }
+  if (!IsArchivable(archive.source)) return;
+  utils::SafeExec command(tar);
+  command.AddArg("zhcvf").AddArg(target).AddArg("-C").AddArg(archive.source).AddArg(".");
+  if (!Run(command)) PLOG_ERROR(kTag, "Collect platform data (%s) failed", archive.name.c_str());
+}
+
+void CopyFile(const std::string& cp, const DataType& data, const std::string& out_dir) {
+  std::error_code error;
+  if (data.file.empty() || !fs::is_regular_file(data.file, error)) return;
+  utils::SafeExec command(cp);
+  command.AddArg("-f").AddArg(data.file).AddArg(out_dir + "/" + data.file_name);
+  if (!Run(command)) PLOG_ERROR(kTag, "Collect platform data (%s) failed", data.file_name.c_str());
+}
+
+}  // namespace
+
+const std::vector<DataType>& board_data_types() {
+  static const std::vector<DataType> types = {
+      {"Collect diagnostic platform data",
+       {{"/userdata/gcodes/calibration_data", "calibration_data.tar.gz"},
+        {"/userdata/gcodes/shaper_calibrate", "shaper_calibrate.tar.gz"},
+        {"/userdata/gcodes/frequency_data", "frequency_data.tar.gz"}}},
+      {"Collect config platform data",
+       {{"/home/ruxo/printer_data/config", "printer_data_config.tar.gz"},
+        {"/home/ruxo/printer_data/mqtt", "printer_data_mqtt.tar.gz"},
+        {"/home/ruxo/printer_data/klippy", "printer_data_klippy.tar.gz"}},
+       "/home/ruxo/printer_data/.fluidd",
+       ".fluidd"},
+      {"Collect MPT platform data",
+       {{"/home/ruxo/printer_data/backup", "mpt.tar.gz"},
+        {"/userdata/factory", "userdata_factory.tar.gz"}}},
+      {"Collect coredump platform data", {{"/userdata/.coredump", "coredump.tar.gz"}}},
+      {"Collect statistics platform data (nothing)", {}},
+      {"Collect debug platform data (nothing)", {}},
+      {"Collect log platform data",
+       {{"/var/log", "var_log.tar.gz"},
+        {"/home/ruxo/printer_data/logs", "printer_data_logs.tar.gz"},
+        {"/home/ruxo/printer_data/ota", "ota_logs.tar.gz"},
+        {"/home/ruxo/printer_data/collection", "collection_logs.tar.gz"}}},
+  };
+  return types;
+}
+
+HalStatus collect_platform_data(const DataBoard& board, uint32_t type, const char* out_dir) {
+  if (out_dir == nullptr) return hal_adapter::kHalInvalidParameter;
+  if (type >= board.types->size()) {
+    PLOG_WARN(kTag, "Unsupported platform data type %d", static_cast<int>(type));
+    return hal_adapter::kHalNoMemory;
+  }
+  const DataType& data = (*board.types)[type];
+  PLOG_INFO(kTag, "%s", data.announcement);
+  for (const DataArchive& archive : data.archives) Archive(board.tar, archive, out_dir);
+  CopyFile(board.cp, data, out_dir);
+  return hal_adapter::kHalSuccess;
+}
+
+}  // namespace varnel::platform

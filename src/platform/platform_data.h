@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "hal_interface/hal_status.h"
+
+namespace varnel::platform {
+
+struct DataArchive {
+  std::string source;  ///< directory
+  std::string name;    ///< of the archive in the output directory
+};
+
+/// The data of one type: what is announced in the log, archived, and copied (a file, if there is
+/// one).
+struct DataType {
+  const char* announcement;
+  std::vector<DataArchive> archives;
+  std::string file = {};
+  std::string file_name = {};
+};
+
+/// What belongs to the types 0 to 6 on the board.
+const std::vector<DataType>& board_data_types();
+
+struct DataBoard {
+  std::string tar = "/usr/bin/tar";
+  std::string cp = "/usr/bin/cp";
+  const std::vector<DataType>* types = &board_data_types();
+};
+
+/// Archives the data of one type into `out_dir`. 0 even when archives failed; -3 for an unknown
+/// type, -2 for a null directory.
+hal_adapter::HalStatus collect_platform_data(const DataBoard& board, uint32_t type,
+                                             const char* out_dir);
+
+}  // namespace varnel::platform

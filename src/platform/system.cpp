@@ -1,0 +1,47 @@
+#include "hal_interface/hal_register.h"
+#include "hal_interface/platform_init.h"
+#include "platform/platform_data.h"
+#include "platform/system_info.h"
+#include "platform/upgrade.h"
+#include "utils/log_printf.h"
+
+namespace varnel::platform {
+namespace {
+
+using hal_adapter::HalStatus;
+
+constexpr const char* kTag = "IMSYS";
+
+HalStatus Check(const void* pointer) {
+  return pointer != nullptr ? hal_adapter::kHalSuccess : hal_adapter::kHalInvalidParameter;
+}
+
+HalStatus UpgradeFirmware(uint32_t target, const char* package) {
+  return upgrade_firmware({}, target, package);
+}
+
+HalStatus CollectPlatformData(uint32_t type, const char* out_dir) {
+  return collect_platform_data({}, type, out_dir);
+}
+
+/// The caller reboots.
+HalStatus PrepareReboot() {
+  PLOG_INFO(kTag, "Preparing to reboot...");
+  return hal_adapter::kHalSuccess;
+}
+
+HalStatus Reserved() {
+  return hal_adapter::kHalSuccess;
+}
+
+constexpr hal_adapter::SystemHalInterface kTable = {
+    get_device_info, Check, UpgradeFirmware, CollectPlatformData, PrepareReboot, Reserved};
+
+}  // namespace
+
+HalStatus platform_system_init() {
+  hal_adapter::register_system_hal(&kTable);
+  return hal_adapter::kHalSuccess;
+}
+
+}  // namespace varnel::platform

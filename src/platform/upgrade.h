@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+
+#include "hal_interface/hal_status.h"
+
+namespace varnel::platform {
+
+struct UpgradeBoard {
+  std::string script = "/home/ruxo/bin/systemUpgrade.sh";
+  std::string shell = "/bin/sh";
+  /// Where the script's output is kept while it runs.
+  std::string output_dir = "/tmp";
+};
+
+/// Upgrades `target` from the package file and waits for the end, however long it takes. The script
+/// lives on when the daemon ends meanwhile. The script's exit code; -3 for any target but 0; -2 for
+/// a null package.
+hal_adapter::HalStatus upgrade_firmware(const UpgradeBoard& board, uint32_t target,
+                                        const char* package);
+
+}  // namespace varnel::platform

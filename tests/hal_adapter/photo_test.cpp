@@ -1,0 +1,238 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <latch>
+#include <thread>
+
+#include "hal_adapter/fake_tables.h"
+#include "hal_adapter/multimedia_adapter.h"
+#include "support/fake_clock.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace varnel::hal_adapter {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+/// Writes its arguments and working directory beside itself and copies its input (argument 11) to
+/// its output.
+constexpr const char* kConverter = R"(echo "$*" > "$0.args"; pwd > "$0.cwd"
+for output; do :; done
+cp "${11}" "$output")";
+
+class PhotoTest : public testing::Test {
+ protected:
+  PhotoTest() {
+    test::Fake() = {};
+    registry_.multimedia.Register(&table_);
+    fs::create_directory(dir_ / "out");
+    UseConverter(kConverter);
+  }
+  ~PhotoTest() override { test::Fake() = {}; }
+
+  void UseConverter(const char* script) { converter_ = dir_.WriteScript("converter", script); }
+  std::unique_ptr<MultimediaAdapter> Adapter() {
+    return std::make_unique<MultimediaAdapter>(
+        MultimediaSetup{.init = [] { return kHalSuccess; },
+                        .has_space = [this](const fs::path&) { return has_space_; },
+                        .paths = {converter_, raw_frame_},
+                        .registry = &registry_,
+                        .clock = &clock_});
+  }
+  PhotoStatus Take(const std::string& path) {
+    std::unique_ptr<MultimediaAdapter> adapter = Adapter();
+    static_cast<void>(adapter->Start());
+    return adapter->TakePhoto(path);
+  }
+  std::string Out(const std::string& name) const { return dir_ / "out" / name; }
+  size_t FilesInOut() const {
+    return static_cast<size_t>(std::distance(fs::directory_iterator(dir_ / "out"), {}));
+  }
+
+  test::LogCapture log_;
+  test::TempDir dir_;
+  test::FakeClock clock_;
+  MultimediaHalInterface table_ = test::FakeMultimedia();
+  HalRegistry registry_;
+  fs::path converter_;
+  fs::path raw_frame_ = dir_ / "capture.bin";
+  bool has_space_ = true;
+};
+
+TEST_F(PhotoTest, StartFindsCamerasOpensTheFirstAndWarmsUp) {
+  test::Fake().cameras = 3;
+  test::Fake().broken_camera = 0;
+  std::unique_ptr<MultimediaAdapter> adapter = Adapter();
+  EXPECT_FALSE(adapter->Ready());
+  ASSERT_TRUE(adapter->Start());
+  EXPECT_TRUE(adapter->Ready());
+  EXPECT_EQ(adapter->CameraCount(), 2u);
+  EXPECT_THAT(test::Fake().calls, testing::ElementsAre("open 1"));
+  EXPECT_TRUE(log_.Has("HALMM", "Update camera 0 info failed"));
+  EXPECT_EQ(log_.Count("HALMM", "filepath is empty, do not save to any file"), 10u);
+  EXPECT_EQ(clock_.Elapsed(), 5s);
+}
+
+TEST_F(PhotoTest, StartFailsWithoutAnOpenCamera) {
+  test::Fake().count_status = -1;
+  EXPECT_FALSE(Adapter()->Start());
+  test::Fake().count_status = 0;
+  test::Fake().cameras = 0;
+  EXPECT_FALSE(Adapter()->Start());
+  test::Fake().cameras = 1;
+  test::Fake().status = -1;
+  std::unique_ptr<MultimediaAdapter> adapter = Adapter();
+  EXPECT_FALSE(adapter->Start());
+  EXPECT_FALSE(adapter->Ready());
+  EXPECT_EQ(clock_.Elapsed(), 0s) << "no warm-up";
+}
+
+TEST_F(PhotoTest, ACameraThatOpensLaterServesPhotos) {
+  table_.open_camera = [](uint32_t, const CameraConfig*) { return kHalFailure; };
+  std::unique_ptr<MultimediaAdapter> adapter = Adapter();
+  EXPECT_FALSE(adapter->Start());
+  EXPECT_EQ(adapter->TakePhoto(Out("p.nv12")), PhotoStatus::kSuccess);
+}
+
+TEST_F(PhotoTest, ReportsEachCaptureFailure) {
+  EXPECT_EQ(Adapter()->TakePhoto(""), PhotoStatus::kCaptureFailed);
+  EXPECT_TRUE(log_.Has("HALMM", "Main camera is invalid"));
+  test::Fake().frame.clear();
+  EXPECT_EQ(Take(Out("p.jpg")), PhotoStatus::kCaptureFailed);
+  EXPECT_TRUE(log_.Has("HALMM", "The photo data from the main camera is empty"));
+  test::Fake().status = -3;
+  EXPECT_EQ(Take(Out("p.jpg")), PhotoStatus::kCaptureFailed);
+  EXPECT_EQ(log_.Count("HALMM", "Main camera take photo failed"), 0u) << "the info failed first";
+  table_.get_camera_info = [](uint32_t, CameraInfo*) { return kHalSuccess; };
+  EXPECT_EQ(Take(Out("p.jpg")), PhotoStatus::kCaptureFailed);
+  EXPECT_EQ(log_.Count("HALMM", "Main camera take photo failed"), 1u);
+  EXPECT_EQ(FilesInOut(), 0u);
+}
+
+TEST_F(PhotoTest, ConvertsToTheEndingsOfPictures) {
+  for (const char* name : {"p.jpg", "p.jpeg", "p.png", "100%d.jpg", "-y.png"}) {
+    EXPECT_EQ(Take(Out(name)), PhotoStatus::kSuccess);
+    EXPECT_EQ(test::ReadFile(Out(name)), std::string(16, 'x'));
+    const std::string extension = fs::path(name).extension();
+    EXPECT_THAT(
+        test::ReadFile(dir_ / "converter.args"),
+        testing::MatchesRegex("-y -v error -f rawvideo -pix_fmt nv12 -s 1920x1080 -i " +
+                              raw_frame_.string() + " -frames:v 1 \\.[^/%]*\\" + extension + "\n"));
+    EXPECT_EQ(test::ReadFile(dir_ / "converter.cwd"), (dir_ / "out").string() + "\n");
+  }
+  EXPECT_TRUE(log_.Has("HALMM",
+                       "Photo: size is 16, timestamp is 1234ms, width and height is "
+                       "1920x1080, format is 3, camera id is 0"));
+  EXPECT_TRUE(log_.Has("HALMM", "Convert to JPEG or PNG format."));
+  struct stat info {};
+  ASSERT_EQ(::stat(Out("p.jpg").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0644u);
+  EXPECT_EQ(FilesInOut(), 5u) << "no temporary file is left";
+  test::Fake().pixel_format = CAMERA_PIXEL_FORMAT_YUYV;
+  EXPECT_EQ(Take(Out("p.jpg")), PhotoStatus::kSuccess);
+  EXPECT_THAT(test::ReadFile(dir_ / "converter.args"), testing::HasSubstr("-pix_fmt yuyv422 "));
+}
+
+TEST_F(PhotoTest, AnyOtherPathGetsTheRawFrame) {
+  UseConverter("exit 1");
+  for (const char* name : {"p.JPG", "p.nv12", "jpg", "p.jpg.raw"}) {
+    EXPECT_EQ(Take(Out(name)), PhotoStatus::kSuccess);
+    EXPECT_EQ(test::ReadFile(Out(name)), std::string(16, 'x'));
+  }
+  EXPECT_FALSE(fs::exists(raw_frame_));
+}
+
+TEST_F(PhotoTest, AFailedConversionLeavesTheDestinationAsItWas) {
+  dir_.Write("out/old.jpg", "old");
+  const std::pair<const char*, const char*> failures[] = {
+      {"echo half > \"$0.half\"; for o; do :; done; echo half > \"$o\"; exit 3", "3"},
+      {"exit 0", "0"},  // said yes and wrote nothing
+      {"kill -9 $$", "137"},
+  };
+  for (const auto& [script, code] : failures) {
+    UseConverter(script);
+    EXPECT_EQ(Take(Out("old.jpg")), PhotoStatus::kConversionFailed);
+    EXPECT_TRUE(log_.Has("HALMM", std::string("Execute error, code is ") + code));
+  }
+  test::Fake().pixel_format = 5;
+  EXPECT_EQ(Take(Out("old.jpg")), PhotoStatus::kConversionFailed);
+  EXPECT_TRUE(log_.Has("HALMM", "Unsupported image type"));
+  EXPECT_EQ(test::ReadFile(Out("old.jpg")), "old");
+  EXPECT_EQ(FilesInOut(), 1u);
+}
+
+TEST_F(PhotoTest, ReportsADestinationThatCannotBeWritten) {
+  fs::create_directories(dir_ / "out/taken.jpg/x");
+  for (const char* name : {"missing/p.jpg", "missing/p.raw", "taken.jpg"}) {
+    EXPECT_EQ(Take(Out(name)), PhotoStatus::kNotWritable) << name;
+  }
+  EXPECT_THAT(log_.Text(), testing::HasSubstr("filesystem error: "));
+  has_space_ = false;
+  EXPECT_EQ(Take(Out("p.jpg")), PhotoStatus::kNotWritable);
+  EXPECT_EQ(Take(""), PhotoStatus::kSuccess) << "nothing is to be written";
+  EXPECT_EQ(FilesInOut(), 1u);
+}
+
+TEST_F(PhotoTest, TheRawFrameFollowsNoPlantedLinkAndIsPrivate) {
+  fs::create_symlink(dir_.Write("victim", "untouched"), raw_frame_);
+  EXPECT_EQ(Take(Out("p.jpg")), PhotoStatus::kSuccess);
+  EXPECT_EQ(test::ReadFile(dir_ / "victim"), "untouched");
+  struct stat info {};
+  ASSERT_EQ(::lstat(raw_frame_.c_str(), &info), 0);
+  EXPECT_TRUE(S_ISREG(info.st_mode));
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  raw_frame_ = dir_ / "missing/capture.bin";
+  EXPECT_EQ(Take(Out("q.jpg")), PhotoStatus::kConversionFailed);
+  EXPECT_TRUE(log_.Has("HALMM", "Failed to open output file"));
+}
+
+TEST_F(PhotoTest, CallersAreServedOneAfterAnother) {
+  std::unique_ptr<MultimediaAdapter> adapter = Adapter();
+  ASSERT_TRUE(adapter->Start());
+  std::atomic<int> inside = 0;
+  std::atomic<bool> overlapped = false;
+  test::Fake().on_photo = [&] {
+    overlapped = overlapped || ++inside != 1;
+    std::this_thread::yield();
+    --inside;
+  };
+  std::atomic<int> taken = 0;
+  {
+    std::vector<std::jthread> callers;
+    callers.reserve(4);
+    for (int i = 0; i < 4; ++i) {
+      callers.emplace_back([&, path = Out(std::to_string(i) + ".jpg")] {
+        for (int photo = 0; photo < 5; ++photo)
+          taken += adapter->TakePhoto(path) == PhotoStatus::kSuccess;
+      });
+    }
+  }
+  EXPECT_EQ(taken, 20);
+  EXPECT_FALSE(overlapped);
+}
+
+TEST_F(PhotoTest, ACallerThatWaitsLongerThan10SecondsFails) {
+  std::unique_ptr<MultimediaAdapter> adapter = Adapter();
+  ASSERT_TRUE(adapter->Start());
+  std::latch entered{1};
+  std::latch gate{1};
+  test::Fake().on_photo = [&] {
+    entered.count_down();
+    gate.wait();
+  };
+  std::jthread first([&] { EXPECT_EQ(adapter->TakePhoto(""), PhotoStatus::kSuccess); });
+  entered.wait();
+  std::jthread second([&] { EXPECT_EQ(adapter->TakePhoto(""), PhotoStatus::kCaptureFailed); });
+  clock_.AwaitWaiters(1);
+  clock_.Advance(10'001ms);
+  second.join();
+  EXPECT_TRUE(log_.Has("HALMM", "The camera is still busy after 10s, no photo is taken"));
+  gate.count_down();
+}
+
+}  // namespace
+}  // namespace varnel::hal_adapter

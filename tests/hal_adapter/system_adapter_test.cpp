@@ -1,0 +1,131 @@
+#include "hal_adapter/system_adapter.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstring>
+
+#include "hal_adapter/device_uuid.h"
+#include "hal_adapter/fake_tables.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace varnel::hal_adapter {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+
+class SystemAdapterTest : public testing::Test {
+ protected:
+  SystemAdapterTest() {
+    test::Fake() = {};
+    DeviceInfo& device = test::Fake().device;
+    std::strcpy(device.serial_number, "SN01");
+    std::strcpy(device.product_code, "PC9");
+    std::strcpy(device.device_key, "the-secret-key");
+    std::strcpy(device.mac, "AA:BB:CC:DD:EE:FF");
+    std::strcpy(device.firmware_version, "1.2.3");
+    std::strcpy(device.full_firmware_version, "1.2.3-45");
+    std::strcpy(device.processor_serial, "0badcafe");
+    registry_.system.Register(&table_);
+  }
+  ~SystemAdapterTest() override { test::Fake() = {}; }
+
+  SystemAdapter Adapter(IdentityFiles files) {
+    return SystemAdapter([] { return kHalSuccess; }, std::move(files), registry_,
+                         [] { return 5489u; });
+  }
+  SystemAdapter Adapter() {
+    return Adapter({dir_ / "serial", dir_ / "product", dir_ / "version", dir_ / "full"});
+  }
+
+  test::LogCapture log_;
+  test::TempDir dir_;
+  SystemHalInterface table_ = test::FakeSystem();
+  HalRegistry registry_;
+};
+
+TEST_F(SystemAdapterTest, PublishesWhoTheBoardIs) {
+  fs::create_symlink(dir_.Write("victim", "untouched"), dir_ / "serial");
+  SystemAdapter adapter = Adapter();
+  ASSERT_TRUE(adapter.Start());
+  EXPECT_EQ(test::ReadFile(dir_ / "serial"), "SN01\n");
+  EXPECT_EQ(test::ReadFile(dir_ / "product"), "PC9\n");
+  EXPECT_EQ(test::ReadFile(dir_ / "version"), "1.2.3\n");
+  EXPECT_EQ(test::ReadFile(dir_ / "full"), "1.2.3-45\n");
+  EXPECT_EQ(test::ReadFile(dir_ / "victim"), "untouched") << "a planted link is not followed";
+  struct stat info {};
+  ASSERT_EQ(::stat((dir_ / "serial").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0644u);
+  EXPECT_TRUE(log_.Has("HALSYS", "Product is PC9:SN01"));
+  EXPECT_TRUE(log_.Has("HALSYS", "Firmware version is 1.2.3"));
+  EXPECT_TRUE(log_.Has("HALSYS", "UUID is " + adapter.Uuid()));
+  EXPECT_EQ(adapter.Identity().device_key, "the-secret-key");
+  EXPECT_THAT(log_.Text(), testing::Not(HasSubstr("the-secret-key")));
+}
+
+TEST_F(SystemAdapterTest, AFileThatCannotBeWrittenIsNamed) {
+  fs::create_directories(dir_ / "directory/in-the-way");
+  SystemAdapter adapter = Adapter(
+      {dir_ / "missing/serial", dir_ / "directory", dir_ / "version", "/proc/self/mem/full"});
+  EXPECT_TRUE(adapter.Start());
+  EXPECT_TRUE(log_.Has("HALSYS", "Open file '" + (dir_ / "missing/serial").string() + "' failed."));
+  EXPECT_THAT(log_.Text(), HasSubstr("Filesystem error: "));
+  EXPECT_EQ(test::ReadFile(dir_ / "version"), "1.2.3\n") << "the others are written";
+}
+
+TEST_F(SystemAdapterTest, ABoardWithoutIdentityGetsARandomUuid) {
+  test::Fake().status = -9;
+  SystemAdapter adapter = Adapter();
+  EXPECT_FALSE(adapter.Start());
+  EXPECT_TRUE(log_.Has("HALSYS", "Get device information failed"));
+  EXPECT_EQ(adapter.Uuid(), RandomUuid(5489));
+}
+
+TEST_F(SystemAdapterTest, AnyPartOfTheIdentityMakesTheUuidNameBased) {
+  test::Fake().device = {};
+  std::strcpy(test::Fake().device.mac, "UnknownMAC");
+  SystemAdapter adapter = Adapter();
+  ASSERT_TRUE(adapter.Start());
+  EXPECT_EQ(adapter.Uuid(), NameUuid("UnknownMAC"));
+}
+
+TEST(DeviceUuidTest, IsTheFirst16BytesOfSha1WithVersionAndVariant) {
+  // SHA-1("abc") = a9993e36 4706 816a ba3e 25717850 c26c9cd0 d89d
+  EXPECT_EQ(NameUuid("abc"), "a9993e36-4706-516a-ba3e-25717850c26c");
+  const std::string random = RandomUuid(1);
+  EXPECT_THAT(random, testing::MatchesRegex(
+                          "[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"));
+  EXPECT_NE(random, RandomUuid(2));
+}
+
+TEST_F(SystemAdapterTest, ForwardsUpgradeCollectionAndReboot) {
+  SystemAdapter adapter = Adapter();
+  ASSERT_TRUE(adapter.Start());
+  EXPECT_EQ(adapter.UpgradeFirmware(0, "/tmp/x.swu"), 0);
+  EXPECT_EQ(adapter.CollectPlatformData(6, "/tmp/out"), 0);
+  EXPECT_EQ(adapter.PrepareReboot(), 0);
+  EXPECT_THAT(test::Fake().calls,
+              testing::ElementsAre("upgrade 0 /tmp/x.swu", "collect 6 /tmp/out", "prepare reboot"));
+  test::Fake().status = -3;
+  EXPECT_EQ(adapter.UpgradeFirmware(1, ""), -3);
+  EXPECT_EQ(adapter.CollectPlatformData(9, ""), -3);
+  EXPECT_TRUE(log_.Has("HALSYS", "System upgrade failed, reason: no memory"));
+  EXPECT_TRUE(log_.Has("HALSYS", "Collect platform data 9 failed, reason: no memory"));
+}
+
+TEST_F(SystemAdapterTest, EmptySlotsAreNamed) {
+  table_ = {};
+  SystemAdapter adapter = Adapter();
+  EXPECT_FALSE(adapter.Start());
+  EXPECT_EQ(adapter.UpgradeFirmware(0, ""), kHalUnsupported);
+  EXPECT_EQ(adapter.CollectPlatformData(0, ""), kHalUnsupported);
+  EXPECT_EQ(adapter.PrepareReboot(), kHalUnsupported);
+  EXPECT_TRUE(log_.Has("HALSYS", "The firmware upgrade function has not been implemented"));
+  EXPECT_TRUE(log_.Has("HALSYS", "The collect platform data function has not been implemented"));
+}
+
+}  // namespace
+}  // namespace varnel::hal_adapter

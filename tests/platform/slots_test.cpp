@@ -1,0 +1,64 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <string>
+
+#include "hal_interface/platform_init.h"
+#include "platform/fake_registry.h"
+#include "support/log_capture.h"
+
+namespace varnel::platform {
+namespace {
+
+TEST(AiSlotTest, NamesTheDirectoryOfDetectionResults) {
+  ASSERT_EQ(platform_ai_init(), 0);
+  std::array<char, hal_adapter::kHalPathSize> out{};
+  EXPECT_EQ(test::registered.ai->get_ai_basic_info(out.data()), 0);
+  EXPECT_STREQ(out.data(), "/userdata/.tmp_detect_result");
+  EXPECT_EQ(test::registered.ai->get_ai_basic_info(nullptr), -2);
+}
+
+TEST(StorageSlotTest, CopiesThePathOfATypeWithinTheBuffer) {
+  const test::LogCapture log;
+  ASSERT_EQ(platform_storage_init(), 0);
+  const auto get_path = test::registered.storage->get_path;
+  const char* const paths[] = {"/etc", "/home/ruxo/printer_data", "/userdata", "/tmp"};
+  std::array<char, 64> out{};
+  for (uint32_t type = 0; type < 4; ++type) {
+    EXPECT_EQ(get_path(type, out.data(), out.size()), 0);
+    EXPECT_STREQ(out.data(), paths[type]);
+  }
+  out.fill('#');
+  EXPECT_EQ(get_path(1, out.data(), 5), 0);
+  EXPECT_EQ(std::string(out.data(), 6), std::string("/hom\0#", 6));
+  EXPECT_EQ(get_path(0, out.data(), 0), -2);
+  EXPECT_EQ(get_path(0, nullptr, 64), -2);
+  EXPECT_EQ(get_path(4, out.data(), out.size()), -3);
+  EXPECT_TRUE(log.Has("IMSTO", "Unsupported type"));
+}
+
+TEST(SystemSlotTest, AnswersWithoutTouchingTheBoard) {
+  const test::LogCapture log;
+  ASSERT_EQ(platform_system_init(), 0);
+  const hal_adapter::SystemHalInterface& table = *test::registered.system;
+  hal_adapter::DeviceInfo info{};
+  EXPECT_EQ(table.get_device_info(nullptr), -2);
+  EXPECT_EQ(table.get_device_info(&info), 0);
+  EXPECT_STREQ(info.serial_number, "--");
+  EXPECT_STREQ(info.hardware_version, "Unknown");
+  EXPECT_STREQ(info.mac, "UnknownMAC");
+  EXPECT_EQ(table.check(&info), 0);
+  EXPECT_EQ(table.check(nullptr), -2);
+  EXPECT_EQ(table.upgrade_firmware(1, "/tmp/x"), -3);
+  EXPECT_TRUE(log.Has("IMSYS", "Do not support upgrading the target 1"));
+  EXPECT_EQ(table.upgrade_firmware(0, nullptr), -2);
+  EXPECT_EQ(table.collect_platform_data(7, "/tmp"), -3);
+  EXPECT_TRUE(log.Has("IMSYS", "Unsupported platform data type 7"));
+  EXPECT_EQ(table.collect_platform_data(0, nullptr), -2);
+  EXPECT_EQ(table.prepare_reboot(), 0);
+  EXPECT_TRUE(log.Has("IMSYS", "Preparing to reboot..."));
+  EXPECT_EQ(table.reserved(), 0);
+}
+
+}  // namespace
+}  // namespace varnel::platform
