@@ -1,0 +1,78 @@
+// What a JSON-RPC round trip costs at least with the same library: parse, hand to one of four
+// workers, answer. Prints "ready" when it listens, and runs until it is killed.
+#include <unistd.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <deque>
+#include <nlohmann/json.hpp>
+#include <stop_token>
+#include <thread>
+#include <vector>
+
+#include "support/caller.h"
+#include "support/paho_link.h"
+
+namespace {
+
+using varnel::bench::Options;
+using varnel::bench::PahoLink;
+
+/// Payloads on their way from the library's thread to the workers.
+class Inbox {
+ public:
+  void Put(std::string payload) {
+    {
+      const std::lock_guard lock(mutex_);
+      payloads_.push_back(std::move(payload));
+    }
+    arrived_.notify_one();
+  }
+
+  std::optional<std::string> Take(const std::stop_token& stop) {
+    std::unique_lock lock(mutex_);
+    if (!arrived_.wait(lock, stop, [this] { return !payloads_.empty(); })) {
+      return std::nullopt;
+    }
+    std::string payload = std::move(payloads_.front());
+    payloads_.pop_front();
+    return payload;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable_any arrived_;
+  std::deque<std::string> payloads_;
+};
+
+std::string Answer(const std::string& payload) {
+  const auto request = nlohmann::json::parse(payload);
+  const nlohmann::json answer = {
+      {"jsonrpc", "2.0"}, {"id", request.at("id")}, {"result", {{"state", "success"}}}};
+  return answer.dump();
+}
+
+int Echo(const Options& options) {
+  Inbox inbox;
+  PahoLink link(options.Text("host", "127.0.0.1"), options.Number("port", 1883), "reference-echo",
+                [&](std::string payload) { inbox.Put(std::move(payload)); });
+  std::vector<std::jthread> workers;
+  for (int worker = 0; worker < 4; ++worker) {
+    workers.emplace_back([&](const std::stop_token& stop) {
+      while (auto payload = inbox.Take(stop)) {
+        link.Publish(varnel::bench::kEchoResponseTopic, Answer(*payload));
+      }
+    });
+  }
+  link.Subscribe(options.Text("topic", varnel::bench::kEchoRequestTopic));
+  std::puts("ready");
+  std::fflush(stdout);
+  pause();
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  return varnel::bench::Guarded(argc, argv, Echo);
+}
