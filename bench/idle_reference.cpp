@@ -17,7 +17,7 @@ int Idle(const varnel::bench::Options& options) {
   spdlog::set_default_logger(spdlog::rotating_logger_mt("reference", log, 10u << 20, 5));
   spdlog::flush_every(std::chrono::seconds(10));
   varnel::bench::PahoLink link(options.Text("host", "127.0.0.1"), options.Number("port", 1883),
-                               "idle-reference", {});
+                               "idle-reference-" + std::to_string(getpid()), {});
   spdlog::info("connected");
   if (options.Text("once", "no") == "yes") {
     _exit(0);

@@ -54,17 +54,19 @@ std::string Answer(const std::string& payload) {
 
 int Echo(const Options& options) {
   Inbox inbox;
-  PahoLink link(options.Text("host", "127.0.0.1"), options.Number("port", 1883), "reference-echo",
+  PahoLink link(options.Text("host", "127.0.0.1"), options.Number("port", 1883),
+                "reference-echo-" + std::to_string(getpid()),
                 [&](std::string payload) { inbox.Put(std::move(payload)); });
+  const std::string answers = options.Text("response-topic", varnel::bench::kEchoResponseTopic);
   std::vector<std::jthread> workers;
   for (int worker = 0; worker < 4; ++worker) {
     workers.emplace_back([&](const std::stop_token& stop) {
       while (auto payload = inbox.Take(stop)) {
-        link.Publish(varnel::bench::kEchoResponseTopic, Answer(*payload));
+        link.Publish(answers, Answer(*payload));
       }
     });
   }
-  link.Subscribe(options.Text("topic", varnel::bench::kEchoRequestTopic));
+  link.Subscribe(options.Text("request-topic", varnel::bench::kEchoRequestTopic));
   std::puts("ready");
   std::fflush(stdout);
   pause();
