@@ -148,6 +148,7 @@ void SmallBursts(Ledger& ledger, int bursts, Report& report) {
 void LargeBursts(Ledger& ledger, int bursts, const std::string& log_dir, Report& report) {
   constexpr int kSize = 1000;
   std::vector<Burst> all;
+  all.reserve(static_cast<size_t>(bursts));
   for (int burst = 0; burst < bursts; ++burst) {
     all.push_back(SendBurst(ledger, kSize, milliseconds(1000)));
   }

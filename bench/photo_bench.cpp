@@ -1,5 +1,6 @@
 // A JPEG photo over the broker against the bare conversion of the same frame plus one frame time.
-// Options: --directory (where clients may write), --pixel-format nv12 or yuyv422, --rounds.
+// Options: --directory (where clients may write), --rounds.
+#include <filesystem>
 #include <stdexcept>
 
 #include "support/caller.h"
@@ -33,6 +34,18 @@ double Conversion(const std::string& pixel_format, const std::string& frame,
   return Since(start);
 }
 
+// The two frame formats of the daemon differ in size.
+std::string PixelFormat(const std::string& frame) {
+  switch (std::filesystem::file_size(frame)) {
+    case 1920 * 1080 * 3 / 2:
+      return "nv12";
+    case 1920 * 1080 * 2:
+      return "yuyv422";
+    default:
+      throw std::runtime_error(frame + " is no frame of 1920x1080");
+  }
+}
+
 int Measure(const Options& options) {
   const Target daemon = DaemonTarget(options);
   const std::string directory = options.Text("directory", "/userdata");
@@ -41,12 +54,13 @@ int Measure(const Options& options) {
   link.Subscribe(daemon.response_topic, 0);
   uint64_t id = 0;
   Photo(link, daemon, ++id, frame);
+  const std::string pixel_format = PixelFormat(frame);
   std::vector<double> photos;
   std::vector<double> conversions;
   for (int round = 0; round < options.Number("rounds", 15); ++round) {
     photos.push_back(Photo(link, daemon, ++id, directory + "/photo_bench.jpg"));
-    conversions.push_back(Conversion(options.Text("pixel-format", "nv12"), frame,
-                                     directory + "/photo_bench_reference.jpg"));
+    conversions.push_back(
+        Conversion(pixel_format, frame, directory + "/photo_bench_reference.jpg"));
   }
   const double photo = Percentile(photos, 0.5);
   const double reference = Percentile(conversions, 0.5) + kFrameTime;

@@ -2,13 +2,13 @@
 // workers, answer. Prints "ready" when it listens, and runs until it is killed.
 #include <unistd.h>
 
+#include <array>
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <nlohmann/json.hpp>
 #include <stop_token>
 #include <thread>
-#include <vector>
 
 #include "support/caller.h"
 #include "support/paho_link.h"
@@ -58,9 +58,9 @@ int Echo(const Options& options) {
                 "reference-echo-" + std::to_string(getpid()),
                 [&](std::string payload) { inbox.Put(std::move(payload)); });
   const std::string answers = options.Text("response-topic", varnel::bench::kEchoResponseTopic);
-  std::vector<std::jthread> workers;
-  for (int worker = 0; worker < 4; ++worker) {
-    workers.emplace_back([&](const std::stop_token& stop) {
+  std::array<std::jthread, 4> workers;
+  for (std::jthread& worker : workers) {
+    worker = std::jthread([&](const std::stop_token& stop) {
       while (auto payload = inbox.Take(stop)) {
         link.Publish(answers, Answer(*payload));
       }

@@ -20,7 +20,7 @@ double CpuSeconds(pid_t pid);
 /// How often its threads went to sleep so far: each ends with one wake-up.
 int64_t VoluntarySwitches(pid_t pid);
 
-/// A started program with standard input from /dev/null. The destructor ends it.
+/// A started program with standard input and output on /dev/null. The destructor ends it.
 class Child {
  public:
   /// Throws std::runtime_error when it cannot be started.

@@ -34,7 +34,7 @@ json ParamsSchema(const json& method, const std::string& name) {
   for (const json& param : Need(method, "params", name)) {
     const auto param_name = Need(param, "name", name).get<std::string>();
     if (Need(param, "description", param_name).get<std::string>().empty()) {
-      Refuse(name + "/" + param_name, "the description is empty");
+      Refuse(param_name, "the description is empty");
     }
     schema["properties"][param_name] = Need(param, "schema", param_name);
     if (param.value("required", false)) {
