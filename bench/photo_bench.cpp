@@ -36,14 +36,15 @@ double Conversion(const std::string& pixel_format, const std::string& frame,
 
 // The two frame formats of the daemon differ in size.
 std::string PixelFormat(const std::string& frame) {
-  switch (std::filesystem::file_size(frame)) {
-    case 1920 * 1080 * 3 / 2:
-      return "nv12";
-    case 1920 * 1080 * 2:
-      return "yuyv422";
-    default:
-      throw std::runtime_error(frame + " is no frame of 1920x1080");
+  constexpr uintmax_t kPixels = 1920UL * 1080UL;
+  const uintmax_t size = std::filesystem::file_size(frame);
+  if (size == kPixels * 3 / 2) {
+    return "nv12";
   }
+  if (size == kPixels * 2) {
+    return "yuyv422";
+  }
+  throw std::runtime_error(frame + " is no frame of 1920x1080");
 }
 
 int Measure(const Options& options) {
