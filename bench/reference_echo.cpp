@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <deque>
 #include <nlohmann/json.hpp>
-#include <stop_token>
 #include <thread>
 
 #include "support/caller.h"
@@ -29,11 +28,9 @@ class Inbox {
     arrived_.notify_one();
   }
 
-  std::optional<std::string> Take(const std::stop_token& stop) {
+  std::string Take() {
     std::unique_lock lock(mutex_);
-    if (!arrived_.wait(lock, stop, [this] { return !payloads_.empty(); })) {
-      return std::nullopt;
-    }
+    arrived_.wait(lock, [this] { return !payloads_.empty(); });
     std::string payload = std::move(payloads_.front());
     payloads_.pop_front();
     return payload;
@@ -41,7 +38,7 @@ class Inbox {
 
  private:
   std::mutex mutex_;
-  std::condition_variable_any arrived_;
+  std::condition_variable arrived_;
   std::deque<std::string> payloads_;
 };
 
@@ -52,25 +49,28 @@ std::string Answer(const std::string& payload) {
   return answer.dump();
 }
 
+[[noreturn]] void Work(Inbox& inbox, PahoLink& link, const std::string& topic) {
+  while (true) {
+    link.Publish(topic, Answer(inbox.Take()));
+  }
+}
+
 int Echo(const Options& options) {
   Inbox inbox;
   PahoLink link(options.Text("host", "127.0.0.1"), options.Number("port", 1883),
                 "reference-echo-" + std::to_string(getpid()),
                 [&](std::string payload) { inbox.Put(std::move(payload)); });
   const std::string answers = options.Text("response-topic", varnel::bench::kEchoResponseTopic);
-  std::array<std::jthread, 4> workers;
-  for (std::jthread& worker : workers) {
-    worker = std::jthread([&](const std::stop_token& stop) {
-      while (auto payload = inbox.Take(stop)) {
-        link.Publish(answers, Answer(*payload));
-      }
-    });
-  }
   link.Subscribe(options.Text("request-topic", varnel::bench::kEchoRequestTopic));
+  std::array<std::thread, 4> workers;
+  for (std::thread& worker : workers) {
+    worker = std::thread([&] { Work(inbox, link, answers); });
+  }
   std::puts("ready");
   std::fflush(stdout);
-  pause();
-  return 0;
+  while (true) {
+    pause();
+  }
 }
 
 }  // namespace

@@ -81,6 +81,7 @@ PahoLink::~PahoLink() {
 }
 
 void PahoLink::Create(const std::string& uri, const std::string& client_id) {
+  MQTTAsync_setTraceLevel(MQTTASYNC_TRACE_ERROR);  // by default it notes every call
   MQTTAsync_createOptions options = MQTTAsync_createOptions_initializer5;
   Need(MQTTAsync_createWithOptions(&client_, uri.c_str(), client_id.c_str(),
                                    MQTTCLIENT_PERSISTENCE_NONE, nullptr, &options),
