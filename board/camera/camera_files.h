@@ -8,9 +8,11 @@
 
 namespace varnel::board {
 
-/// What the virtual cameras of one board share with whoever drives that board: one directory, which both sides see.
+/// What the virtual cameras of one board share with whoever drives that board: one directory, which
+/// both sides see.
 ///
-/// - `frames/`      raw frames, "*.nv12" and "*.yuyv", shown in the order of their names, over and over
+/// - `frames/`      raw frames, "*.nv12" and "*.yuyv", shown in the order of their names, over and
+/// over
 /// - `faults`       faults on demand, read again at every call (see faults.h)
 /// - `last-frame`   name of the frame that was delivered last
 /// - `journal`      one line for every open, close, stream-on, stream-off and frame
@@ -23,7 +25,8 @@ class CameraFiles {
   [[nodiscard]] std::filesystem::path LastFrame() const { return directory_ / "last-frame"; }
   [[nodiscard]] std::filesystem::path Journal() const { return directory_ / "journal"; }
 
-  /// Rewrites the fault file while nobody else does: a driver of the board replaces it, the camera counts it down.
+  /// Rewrites the fault file while nobody else does: a driver of the board replaces it, the camera
+  /// counts it down.
   bool EditFaults(const std::function<std::string(const std::string&)>& edit) const;
   /// Adds one line to the journal, which starts anew when it has grown large.
   void Note(const std::string& line) const;

@@ -29,16 +29,30 @@ void CopyText(__u8 (&target)[N], std::string_view text) {
   std::memcpy(target, text.data(), std::min(text.size(), N - 1));
 }
 
-bool IsCapture(uint32_t type) { return type == V4L2_BUF_TYPE_VIDEO_CAPTURE; }
+/// A fixed sensor: whatever size is asked for, this is what it gives.
+void Fill(v4l2_format& target, const FrameFormat& format) {
+  target.fmt.pix = {};
+  target.fmt.pix.width = format.width;
+  target.fmt.pix.height = format.height;
+  target.fmt.pix.pixelformat = format.pixel_format;
+  target.fmt.pix.field = V4L2_FIELD_NONE;
+  target.fmt.pix.bytesperline = format.bytes_per_line;
+  target.fmt.pix.sizeimage = static_cast<uint32_t>(format.frame_size);
+  target.fmt.pix.colorspace = V4L2_COLORSPACE_SMPTE170M;
+}
+
+bool IsCapture(uint32_t type) {
+  return type == V4L2_BUF_TYPE_VIDEO_CAPTURE;
+}
 
 }  // namespace
 
 const CaptureDevice::Entry CaptureDevice::kEntries[] = {
     {VIDIOC_QUERYCAP, "VIDIOC_QUERYCAP", &CaptureDevice::QueryCapabilities},
     {VIDIOC_ENUM_FMT, "VIDIOC_ENUM_FMT", &CaptureDevice::EnumFormats},
-    {VIDIOC_G_FMT, "VIDIOC_G_FMT", &CaptureDevice::NegotiateFormat},
-    {VIDIOC_TRY_FMT, "VIDIOC_TRY_FMT", &CaptureDevice::NegotiateFormat},
-    {VIDIOC_S_FMT, "VIDIOC_S_FMT", &CaptureDevice::NegotiateFormat},
+    {VIDIOC_G_FMT, "VIDIOC_G_FMT", &CaptureDevice::GetFormat},
+    {VIDIOC_TRY_FMT, "VIDIOC_TRY_FMT", &CaptureDevice::TryFormat},
+    {VIDIOC_S_FMT, "VIDIOC_S_FMT", &CaptureDevice::SetFormat},
     {VIDIOC_ENUM_FRAMESIZES, "VIDIOC_ENUM_FRAMESIZES", &CaptureDevice::EnumFrameSizes},
     {VIDIOC_ENUM_FRAMEINTERVALS, "VIDIOC_ENUM_FRAMEINTERVALS", &CaptureDevice::EnumFrameIntervals},
     {VIDIOC_G_PARM, "VIDIOC_G_PARM", &CaptureDevice::GetFrameRate},
@@ -58,7 +72,8 @@ CaptureDevice::CaptureDevice(int fd, const CameraModel& model, CameraFiles files
     : fd_(fd),
       model_(model),
       files_(files),
-      source_(std::move(files), std::string(model.frame_extension), model.frame_size),
+      source_(std::move(files)),
+      format_(model.formats.front()),
       file_(::fcntl(fd, F_DUPFD_CLOEXEC, 0)) {
   files_.Note("open " + std::string(model.device_path));
 }
@@ -71,7 +86,9 @@ CaptureDevice::~CaptureDevice() {
 
 const CaptureDevice::Entry* CaptureDevice::Find(unsigned long request) {
   // Requests travel as int in some callers and come back sign-extended.
-  const auto same = [&](const Entry& entry) { return ((entry.request ^ request) & 0xffffffffU) == 0; };
+  const auto same = [&](const Entry& entry) {
+    return ((entry.request ^ request) & 0xffffffffU) == 0;
+  };
   const auto* entry = std::find_if(std::begin(kEntries), std::end(kEntries), same);
   return entry == std::end(kEntries) ? nullptr : entry;
 }
@@ -114,39 +131,53 @@ int CaptureDevice::QueryCapabilities(void* argument) {
 
 int CaptureDevice::EnumFormats(void* argument) {
   auto& format = As<v4l2_fmtdesc>(argument);
-  if (!IsCapture(format.type) || format.index != 0) return EINVAL;
+  if (!IsCapture(format.type) || format.index >= model_.formats.size()) return EINVAL;
   format.flags = 0;
-  format.pixelformat = model_.pixel_format;
-  CopyText(format.description, model_.card);
+  format.pixelformat = model_.formats[format.index].pixel_format;
+  CopyText(format.description, model_.formats[format.index].name);
   return 0;
 }
 
-int CaptureDevice::NegotiateFormat(void* argument) {
+int CaptureDevice::GetFormat(void* argument) {
   auto& format = As<v4l2_format>(argument);
   if (!IsCapture(format.type)) return EINVAL;
-  // A fixed sensor: whatever is asked for, this is what it gives.
-  format.fmt.pix = {};
-  format.fmt.pix.width = model_.width;
-  format.fmt.pix.height = model_.height;
-  format.fmt.pix.pixelformat = model_.pixel_format;
-  format.fmt.pix.field = V4L2_FIELD_NONE;
-  format.fmt.pix.bytesperline = model_.bytes_per_line;
-  format.fmt.pix.sizeimage = static_cast<uint32_t>(model_.frame_size);
-  format.fmt.pix.colorspace = V4L2_COLORSPACE_SMPTE170M;
+  Fill(format, format_);
   return 0;
+}
+
+int CaptureDevice::TryFormat(void* argument) {
+  auto& format = As<v4l2_format>(argument);
+  if (!IsCapture(format.type)) return EINVAL;
+  Fill(format, FormatFor(format.fmt.pix.pixelformat));
+  return 0;
+}
+
+int CaptureDevice::SetFormat(void* argument) {
+  if (memory_ != nullptr) return EBUSY;
+  const int error = TryFormat(argument);
+  if (error == 0) format_ = FormatFor(As<v4l2_format>(argument).fmt.pix.pixelformat);
+  return error;
+}
+
+const FrameFormat& CaptureDevice::FormatFor(uint32_t pixel_format) const {
+  for (const FrameFormat& format : model_.formats) {
+    if (format.pixel_format == pixel_format) return format;
+  }
+  return model_.formats.front();
 }
 
 int CaptureDevice::EnumFrameSizes(void* argument) {
   auto& size = As<v4l2_frmsizeenum>(argument);
-  if (size.index != 0 || size.pixel_format != model_.pixel_format) return EINVAL;
+  if (size.index != 0 || FormatFor(size.pixel_format).pixel_format != size.pixel_format)
+    return EINVAL;
   size.type = V4L2_FRMSIZE_TYPE_DISCRETE;
-  size.discrete = {model_.width, model_.height};
+  size.discrete = {format_.width, format_.height};
   return 0;
 }
 
 int CaptureDevice::EnumFrameIntervals(void* argument) {
   auto& interval = As<v4l2_frmivalenum>(argument);
-  if (interval.index != 0 || interval.pixel_format != model_.pixel_format) return EINVAL;
+  if (interval.index != 0) return EINVAL;
   interval.type = V4L2_FRMIVAL_TYPE_DISCRETE;
   interval.discrete = {1, Rate()};
   return 0;
@@ -175,14 +206,17 @@ int CaptureDevice::GetInput(void* argument) {
   return 0;
 }
 
-int CaptureDevice::SetInput(void* argument) { return As<int>(argument) == 0 ? 0 : EINVAL; }
+int CaptureDevice::SetInput(void* argument) {
+  return As<int>(argument) == 0 ? 0 : EINVAL;
+}
 
 int CaptureDevice::RequestBuffers(void* argument) {
   auto& request = As<v4l2_requestbuffers>(argument);
   if (!IsCapture(request.type) || request.memory != V4L2_MEMORY_MMAP) return EINVAL;
   if (timer_) return EBUSY;
   ReleaseBuffers();
-  request.count = std::min({request.count, kMaximumBuffers, faults_.buffers.value_or(kMaximumBuffers)});
+  request.count =
+      std::min({request.count, kMaximumBuffers, faults_.buffers.value_or(kMaximumBuffers)});
   request.capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP;
   return request.count == 0 ? 0 : AllocateBuffers(request.count);
 }
@@ -193,7 +227,8 @@ int CaptureDevice::AllocateBuffers(uint32_t count) {
   const size_t size = count * SlotSize();
   // The file only grows: a mapping that its user still holds stays valid.
   const off_t current = ::lseek(file_.Get(), 0, SEEK_END);
-  if (current < static_cast<off_t>(size) && ::ftruncate(file_.Get(), static_cast<off_t>(size)) != 0) {
+  if (current < static_cast<off_t>(size) &&
+      ::ftruncate(file_.Get(), static_cast<off_t>(size)) != 0) {
     return ENOMEM;
   }
   void* memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file_.Get(), 0);
@@ -212,8 +247,12 @@ void CaptureDevice::ReleaseBuffers() {
   queue_.clear();
 }
 
-size_t CaptureDevice::SlotSize() const { return (model_.frame_size + kPage - 1) / kPage * kPage; }
+size_t CaptureDevice::SlotSize() const {
+  return (format_.frame_size + kPage - 1) / kPage * kPage;
+}
 
-uint32_t CaptureDevice::Rate() const { return std::max(1U, faults_.rate.value_or(kDefaultRate)); }
+uint32_t CaptureDevice::Rate() const {
+  return std::max(1U, faults_.rate.value_or(kDefaultRate));
+}
 
 }  // namespace varnel::board

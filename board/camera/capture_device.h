@@ -14,9 +14,10 @@
 
 namespace varnel::board {
 
-/// Makes a descriptor of a regular file behave as the descriptor of a V4L2 capture device. The buffers are parts of
-/// that file, so its user maps them as it maps a driver's. A regular file is always readable: while streaming a timer
-/// that expires once a frame therefore takes the descriptor's place, and the file returns when streaming stops.
+/// Makes a descriptor of a regular file behave as the descriptor of a V4L2 capture device. The
+/// buffers are parts of that file, so its user maps them as it maps a driver's. A regular file is
+/// always readable: while streaming a timer that expires once a frame therefore takes the
+/// descriptor's place, and the file returns when streaming stops.
 ///
 /// Belongs to one open descriptor; calls come from one thread at a time, as libv4l2 arranges.
 class CaptureDevice {
@@ -47,7 +48,9 @@ class CaptureDevice {
 
   int QueryCapabilities(void* argument);
   int EnumFormats(void* argument);
-  int NegotiateFormat(void* argument);
+  int GetFormat(void* argument);
+  int TryFormat(void* argument);
+  int SetFormat(void* argument);
   int EnumFrameSizes(void* argument);
   int EnumFrameIntervals(void* argument);
   int GetFrameRate(void* argument);
@@ -69,6 +72,7 @@ class CaptureDevice {
   int AwaitFrame();
   void FillBuffer(uint32_t index, v4l2_buffer& buffer);
   void Describe(uint32_t index, v4l2_buffer& buffer) const;
+  [[nodiscard]] const FrameFormat& FormatFor(uint32_t pixel_format) const;
   [[nodiscard]] uint32_t Rate() const;
   [[nodiscard]] size_t SlotSize() const;
   [[nodiscard]] int ReplaceDescriptorBy(const Fd& other) const;
@@ -77,6 +81,7 @@ class CaptureDevice {
   const CameraModel& model_;
   const CameraFiles files_;
   const FrameSource source_;
+  FrameFormat format_;
   Fd file_;   ///< the file behind fd_, whatever fd_ shows at the moment
   Fd timer_;  ///< open while streaming
   Faults faults_;

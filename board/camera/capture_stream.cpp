@@ -35,7 +35,7 @@ void CaptureDevice::Describe(uint32_t index, v4l2_buffer& buffer) const {
   // Never "mapped": libv4l2 would refuse to release buffers that say so.
   buffer.flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | (queued_[index] ? V4L2_BUF_FLAG_QUEUED : 0U);
   buffer.field = V4L2_FIELD_NONE;
-  buffer.length = static_cast<uint32_t>(model_.frame_size);
+  buffer.length = static_cast<uint32_t>(format_.frame_size);
   buffer.m.offset = static_cast<uint32_t>(index * SlotSize());
 }
 
@@ -72,7 +72,7 @@ int CaptureDevice::DequeueBuffer(void* argument) {
   if (const int error = AwaitFrame()) return error;
   auto& buffer = *static_cast<v4l2_buffer*>(argument);
   const uint32_t index = queue_.front();
-  if (!source_.Deliver(static_cast<char*>(memory_) + index * SlotSize())) return EAGAIN;
+  if (!source_.Deliver(format_, static_cast<char*>(memory_) + index * SlotSize())) return EAGAIN;
   queue_.erase(queue_.begin());
   queued_[index] = false;
   FillBuffer(index, buffer);
@@ -81,7 +81,7 @@ int CaptureDevice::DequeueBuffer(void* argument) {
 
 void CaptureDevice::FillBuffer(uint32_t index, v4l2_buffer& buffer) {
   Describe(index, buffer);
-  buffer.bytesused = faults_.error_bytes.value_or(static_cast<uint32_t>(model_.frame_size));
+  buffer.bytesused = faults_.error_bytes.value_or(static_cast<uint32_t>(format_.frame_size));
   if (faults_.error_bytes) buffer.flags |= V4L2_BUF_FLAG_ERROR;
   buffer.timestamp = MonotonicNow();
   buffer.sequence = sequence_++;
@@ -99,7 +99,8 @@ int CaptureDevice::StartStream() {
   const timespec period = Nanoseconds(1'000'000'000 / Rate());
   const itimerspec ticks{period, period};
   // Without a frame to show the camera starts and stays silent.
-  if (!faults_.stall && source_.HasFrame()) ::timerfd_settime(timer.Get(), 0, &ticks, nullptr);
+  if (!faults_.stall && source_.HasFrame(format_))
+    ::timerfd_settime(timer.Get(), 0, &ticks, nullptr);
   if (const int error = ReplaceDescriptorBy(timer)) return error;
   timer_ = std::move(timer);
   sequence_ = 0;

@@ -7,12 +7,15 @@
 
 namespace varnel::board {
 
-/// Faults of a virtual camera as the text of its fault file asks for them. One per line; "#" starts a comment.
+/// Faults of a virtual camera as the text of its fault file asks for them. One per line; "#" starts
+/// a comment.
 ///
-///     unplug                              every call fails with ENODEV, opening too, until the line is removed
-///     stall                               streaming starts but no frame ever comes
-///     fail REQUEST ERRNO [COUNT [SKIP]]   REQUEST is "VIDIOC_..." or "mmap", ERRNO a number or a name; the first SKIP
-///                                         calls pass, the next COUNT fail, then the line goes; COUNT 0: for ever
+///     unplug                              every call fails with ENODEV, opening too, until the
+///     line is removed stall                               streaming starts but no frame ever comes
+///     fail REQUEST ERRNO [COUNT [SKIP]]   REQUEST is "VIDIOC_..." or "mmap", ERRNO a number or a
+///     name; the first SKIP
+///                                         calls pass, the next COUNT fail, then the line goes;
+///                                         COUNT 0: for ever
 ///     error-buffer [BYTES]                frames carry the error flag and only BYTES (0) bytes
 ///     index N                             dequeued buffers carry the index N
 ///     buffers N                           at most N buffers are granted
@@ -41,7 +44,8 @@ struct Faults {
 
   /// Lines that make no sense are skipped.
   static Faults Parse(const std::string& text);
-  /// The text after one more call of `request`: its first counted line counted down, or removed when used up.
+  /// The text after one more call of `request`: its first counted line counted down, or removed
+  /// when used up.
   static std::string CountDown(const std::string& text, const std::string& request);
 };
 

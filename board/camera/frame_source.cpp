@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <filesystem>
 #include <system_error>
 
 #include "virtual_board/common/fd.h"
@@ -24,24 +25,22 @@ bool ReadExactly(const fs::path& path, char* target, size_t size) {
   return done == size;
 }
 
-}  // namespace
-
-FrameSource::FrameSource(CameraFiles files, std::string extension, size_t frame_size)
-    : files_(std::move(files)), extension_(std::move(extension)), frame_size_(frame_size) {}
-
-bool FrameSource::IsFrame(const fs::directory_entry& entry) const {
+bool IsFrame(const fs::directory_entry& entry, const FrameFormat& format) {
   std::error_code error;
-  return entry.path().extension() == extension_ && entry.file_size(error) == frame_size_ && !error;
+  return entry.path().extension() == format.extension &&
+         entry.file_size(error) == format.frame_size && !error;
 }
 
-std::optional<std::string> FrameSource::Next() const {
+}  // namespace
+
+std::optional<std::string> FrameSource::Next(const FrameFormat& format) const {
   const std::string last = ReadFile(files_.LastFrame());
   std::optional<std::string> first;
   std::optional<std::string> next;
   std::error_code error;
   for (fs::directory_iterator it(files_.Frames(), error), end; !error && it != end;
        it.increment(error)) {
-    if (!IsFrame(*it)) continue;
+    if (!IsFrame(*it, format)) continue;
     const std::string name = it->path().filename();
     if (!first || name < *first) first = name;
     if (name > last && (!next || name < *next)) next = name;
@@ -49,9 +48,10 @@ std::optional<std::string> FrameSource::Next() const {
   return next ? next : first;
 }
 
-bool FrameSource::Deliver(void* target) const {
-  const auto name = Next();
-  if (!name || !ReadExactly(files_.Frames() / *name, static_cast<char*>(target), frame_size_)) {
+bool FrameSource::Deliver(const FrameFormat& format, void* target) const {
+  const auto name = Next(format);
+  if (!name) return false;
+  if (!ReadExactly(files_.Frames() / *name, static_cast<char*>(target), format.frame_size)) {
     return false;
   }
   files_.Note("frame " + *name);

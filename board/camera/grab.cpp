@@ -1,5 +1,6 @@
-// varnel-grab DEVICE FILE [FRAMES]: captures frames through libv4l2 and writes the last one to FILE. On a failure it
-// names the call and the error and ends with 1; when no frame comes within two seconds, with 2.
+// varnel-grab DEVICE FILE [FRAMES]: captures frames through libv4l2 and writes the last one to
+// FILE. On a failure it names the call and the error and ends with 1; when no frame comes within
+// two seconds, with 2.
 #include <fcntl.h>
 #include <libv4l2.h>
 #include <linux/videodev2.h>
@@ -30,9 +31,12 @@ struct Mapping {
 
 class Grabber {
  public:
-  explicit Grabber(const char* device) : fd_(::v4l2_open(device, O_RDWR | O_NONBLOCK | O_CLOEXEC)) {
+  Grabber(const char* device, uint32_t format)
+      : fd_(::v4l2_open(device, O_RDWR | O_NONBLOCK | O_CLOEXEC)) {
     if (fd_ < 0) Fail("open", errno);
-    Configure();
+    // Asked for the sensor's own format libv4l2 passes frames through; the formats it lists it
+    // would convert to.
+    Configure(format);
     MapBuffers();
   }
   Grabber(const Grabber&) = delete;
@@ -78,14 +82,17 @@ class Grabber {
     if (::v4l2_ioctl(fd_, request, argument) != 0) Fail(name, errno);
   }
 
-  void Configure() const {
+  void Configure(uint32_t pixel_format) const {
     v4l2_capability capability{};
     Call("VIDIOC_QUERYCAP", VIDIOC_QUERYCAP, &capability);
     if ((capability.device_caps & V4L2_CAP_VIDEO_CAPTURE) == 0) Fail("capture", ENOTSUP);
     if ((capability.device_caps & V4L2_CAP_STREAMING) == 0) Fail("streaming", ENOTSUP);
     v4l2_format format{};
     format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    Call("VIDIOC_G_FMT", VIDIOC_G_FMT, &format);
+    format.fmt.pix.width = 1920;
+    format.fmt.pix.height = 1080;
+    format.fmt.pix.pixelformat = pixel_format;
+    format.fmt.pix.field = V4L2_FIELD_ANY;
     Call("VIDIOC_S_FMT", VIDIOC_S_FMT, &format);
   }
 
@@ -127,7 +134,8 @@ int main(int argc, char** argv) {
     std::fputs("Usage: varnel-grab DEVICE FILE [FRAMES]\n", stderr);
     return 1;
   }
-  Grabber grabber(argv[1]);
+  const bool usb = std::string(argv[1]) == "/dev/video18";
+  Grabber grabber(argv[1], usb ? V4L2_PIX_FMT_YUYV : V4L2_PIX_FMT_NV12);
   const int frames = argc > 3 ? std::atoi(argv[3]) : 1;
   std::string frame;
   for (int i = 0; i < frames; ++i) frame = grabber.Capture();

@@ -54,6 +54,6 @@ int Control(void* device, int /*fd*/, unsigned long request, void* argument) noe
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) const libv4l_dev_ops libv4l2_plugin = {
-    &Open,   &Close,  &Control, nullptr, nullptr, nullptr,
-    nullptr, nullptr, nullptr,  nullptr, nullptr, nullptr};
+extern "C" __attribute__((visibility("default")))
+const libv4l_dev_ops libv4l2_plugin = {&Open,   &Close,  &Control, nullptr, nullptr, nullptr,
+                                       nullptr, nullptr, nullptr,  nullptr, nullptr, nullptr};

@@ -75,8 +75,9 @@ void DrawDigit(Canvas& canvas, uint32_t left, uint32_t top, uint8_t segments) {
   struct Bar {
     uint32_t x, y, width, height;
   };
-  constexpr Bar kBars[] = {{0, 0, 120, 24},   {0, 0, 24, 112},    {96, 0, 24, 112},  {0, 100, 120, 24},
-                           {0, 112, 24, 112}, {96, 112, 24, 112}, {0, 200, 120, 24}};
+  constexpr Bar kBars[] = {{0, 0, 120, 24},   {0, 0, 24, 112},   {96, 0, 24, 112},
+                           {0, 100, 120, 24}, {0, 112, 24, 112}, {96, 112, 24, 112},
+                           {0, 200, 120, 24}};
   for (uint32_t i = 0; i < 7; ++i) {
     if ((segments & (0b1000000U >> i)) == 0) continue;
     canvas.Plain(left + kBars[i].x, top + kBars[i].y, kBars[i].width, kBars[i].height,

@@ -24,7 +24,9 @@ Yuv ToYuv(const uint8_t* p) {
           128 + (112.0 * r - 93.786 * g - 18.214 * b) / 255};
 }
 
-char Byte(double value) { return static_cast<char>(static_cast<uint8_t>(value + 0.5)); }
+char Byte(double value) {
+  return static_cast<char>(static_cast<uint8_t>(value + 0.5));
+}
 
 /// Mean colour of a block that shares its chroma sample.
 Yuv BlockMean(const Image& image, uint32_t x, uint32_t y, uint32_t rows) {

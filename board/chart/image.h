@@ -24,7 +24,8 @@ struct Image {
 std::string ToPpm(const Image& image);
 std::optional<Image> ReadPpm(const std::filesystem::path& path);
 
-/// Raw camera frames of the picture: BT.601, limited range, which is what ffmpeg takes raw video for.
+/// Raw camera frames of the picture: BT.601, limited range, which is what ffmpeg takes raw video
+/// for.
 std::string ToNv12(const Image& image);
 std::string ToYuyv(const Image& image);
 

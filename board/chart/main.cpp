@@ -1,5 +1,6 @@
-// varnel-chart DIRECTORY [--frames N]   writes chart.nv12, chart.yuyv and chart.ppm, or chart-0001.* to chart-N.*
-// varnel-chart --compare A.ppm B.ppm    prints the mean absolute error of each channel; 0 when all are below 4
+// varnel-chart DIRECTORY [--frames N]   writes chart.nv12, chart.yuyv and chart.ppm, or
+// chart-0001.* to chart-N.* varnel-chart --compare A.ppm B.ppm    prints the mean absolute error of
+// each channel; 0 when all are below 4
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -17,8 +18,9 @@ using varnel::board::Image;
 constexpr double kAcceptedError = 4.0;
 
 int Usage() {
-  std::fputs("Usage: varnel-chart DIRECTORY [--frames N]\n       varnel-chart --compare A.ppm B.ppm\n",
-             stderr);
+  std::fputs(
+      "Usage: varnel-chart DIRECTORY [--frames N]\n       varnel-chart --compare A.ppm B.ppm\n",
+      stderr);
   return 2;
 }
 
@@ -58,7 +60,8 @@ int Run(const std::vector<std::string>& arguments) {
   if (count == 3 && arguments[0] == "--compare") return Compare(arguments[1], arguments[2]);
   if (count == 1) return Generate(arguments[0], 0);
   if (count != 3 || arguments[1] != "--frames") return Usage();
-  return Generate(arguments[0], static_cast<uint32_t>(std::strtoul(arguments[2].c_str(), nullptr, 10)));
+  return Generate(arguments[0],
+                  static_cast<uint32_t>(std::strtoul(arguments[2].c_str(), nullptr, 10)));
 }
 
 }  // namespace

@@ -58,8 +58,7 @@ void Drain(pollfd& stream, std::string& text) {
 
 /// Collects both streams until both end; false at the deadline.
 bool Collect(const Pipe& out, const Pipe& err, Clock::time_point deadline, ProgramResult& result) {
-  std::array<pollfd, 2> streams{
-      {{out.read.Get(), POLLIN, 0}, {err.read.Get(), POLLIN, 0}}};
+  std::array<pollfd, 2> streams{{{out.read.Get(), POLLIN, 0}, {err.read.Get(), POLLIN, 0}}};
   while (streams[0].fd >= 0 || streams[1].fd >= 0) {
     if (::poll(streams.data(), streams.size(), MillisecondsUntil(deadline)) == 0) return false;
     Drain(streams[0], result.out);
@@ -78,7 +77,8 @@ bool EndsInTime(pid_t child, Clock::time_point deadline) {
 
 std::vector<char*> ArgumentPointers(const std::vector<std::string>& arguments) {
   std::vector<char*> pointers;
-  for (const std::string& argument : arguments) pointers.push_back(const_cast<char*>(argument.c_str()));
+  for (const std::string& argument : arguments)
+    pointers.push_back(const_cast<char*>(argument.c_str()));
   pointers.push_back(nullptr);
   return pointers;
 }

@@ -59,7 +59,8 @@ pid_t ControlClient::HostPid() const {
 std::optional<json> ControlClient::Call(const std::vector<std::string>& words,
                                         std::chrono::milliseconds limit) {
   const std::string request = json(words).dump();
-  if (!socket_ || ::send(socket_.Get(), request.data(), request.size(), MSG_NOSIGNAL) < 0) return {};
+  if (!socket_ || ::send(socket_.Get(), request.data(), request.size(), MSG_NOSIGNAL) < 0)
+    return {};
   pollfd answered{socket_.Get(), POLLIN, 0};
   if (::poll(&answered, 1, static_cast<int>(limit.count())) != 1) return {};
   std::string answer(kMaximumControlPacket, '\0');

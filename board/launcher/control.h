@@ -13,8 +13,8 @@
 
 namespace varnel::board {
 
-/// A request to the first process of a running board: a JSON array of words, answered by one JSON object, each in a
-/// packet of its own.
+/// A request to the first process of a running board: a JSON array of words, answered by one JSON
+/// object, each in a packet of its own.
 ///
 ///     start NAME [ARGUMENT...]   starts a service, with other arguments when some are given
 ///     signal NAME NUMBER
@@ -42,7 +42,8 @@ class ControlClient {
 /// The other end, listening inside the board; an empty descriptor on failure.
 Fd ListenForControl();
 
-/// Connects to a Unix socket whatever the length of its path; an empty descriptor when nobody listens.
+/// Connects to a Unix socket whatever the length of its path; an empty descriptor when nobody
+/// listens.
 Fd ConnectUnix(const std::filesystem::path& path, int type);
 
 constexpr size_t kMaximumControlPacket = 65536;

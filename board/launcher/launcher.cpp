@@ -54,7 +54,9 @@ bool Await(std::chrono::milliseconds limit, Condition condition) {
 
 }  // namespace
 
-fs::path ToolsDirectory() { return fs::read_symlink("/proc/self/exe").parent_path(); }
+fs::path ToolsDirectory() {
+  return fs::read_symlink("/proc/self/exe").parent_path();
+}
 
 void Boot(const BootOptions& options) {
   const Layout layout(options.directory);
@@ -66,8 +68,8 @@ void Boot(const BootOptions& options) {
   if (child < 0) throw std::runtime_error("no process for the board");
   const fs::path log = layout.Log() / "board.log";
   if (child == 0) BecomeInBackground(command, log);
-  const bool up = AwaitBoard(layout, kBootLimit) &&
-                  (!options.start_broker || AwaitBroker(layout, kBootLimit));
+  const bool up =
+      AwaitBoard(layout, kBootLimit) && (!options.start_broker || AwaitBroker(layout, kBootLimit));
   if (!up) throw std::runtime_error("the board did not come up, see " + log.string());
 }
 

@@ -10,8 +10,9 @@
 
 namespace varnel::board {
 
-/// Boots a board. In the foreground it does not return; otherwise it returns when the board takes requests and its
-/// broker, if started, takes connections. Throws std::runtime_error with a text for the user.
+/// Boots a board. In the foreground it does not return; otherwise it returns when the board takes
+/// requests and its broker, if started, takes connections. Throws std::runtime_error with a text
+/// for the user.
 void Boot(const BootOptions& options);
 
 /// Ends a running board and waits until nothing of it is left. False when it did not end in time.

@@ -4,8 +4,8 @@
 
 namespace varnel::board {
 
-/// Where the parts of one board lie in its directory on the host. Everything but the files in proc/, sys/ and etc/
-/// stays between two boots.
+/// Where the parts of one board lie in its directory on the host. Everything but the files in
+/// proc/, sys/ and etc/ stays between two boots.
 class Layout {
  public:
   explicit Layout(const std::filesystem::path& directory)
@@ -23,7 +23,8 @@ class Layout {
   [[nodiscard]] std::filesystem::path Proc() const { return root_ / "proc"; }
   [[nodiscard]] std::filesystem::path Dev() const { return root_ / "dev"; }
 
-  /// Output of the services by name ("broker.log", "daemon.log"), "syslog", and "board.log" of the sandbox.
+  /// Output of the services by name ("broker.log", "daemon.log"), "syslog", and "board.log" of the
+  /// sandbox.
   [[nodiscard]] std::filesystem::path Log() const { return root_ / "log"; }
   /// Sockets and controls of the virtual board itself; "/run/varnel-board" inside.
   [[nodiscard]] std::filesystem::path Control() const { return Run() / "varnel-board"; }

@@ -51,7 +51,8 @@ int SignalNumber(const std::string& word) {
   throw std::invalid_argument("unknown signal " + word);
 }
 
-nlohmann::json Ask(const Layout& layout, const Words& request, std::chrono::milliseconds limit = 10s) {
+nlohmann::json Ask(const Layout& layout, const Words& request,
+                   std::chrono::milliseconds limit = 10s) {
   const auto answer = ControlClient(layout).Call(request, limit);
   if (!answer) throw std::runtime_error("no board runs in " + layout.Root().string());
   if (!answer->value("ok", false)) throw std::runtime_error(answer->value("error", "refused"));

@@ -104,11 +104,12 @@ void WriteServices(const BootOptions& options, const Layout& layout) {
 
 std::map<std::string, std::string> BoardEnvironment(const BootOptions& options) {
   std::map<std::string, std::string> environment = options.environment;
-  environment.insert({{"PATH", "/usr/sbin:/usr/bin:/sbin:/bin:/opt/varnel/board"},
-                      {"HOME", "/root"},
-                      {"LANG", "C.UTF-8"},
-                      // Device messages of the board come without a device behind them in the kernel.
-                      {"SYSTEMD_DEVICE_VERIFY_SYSFS", "0"}});
+  environment.insert(
+      {{"PATH", "/usr/sbin:/usr/bin:/sbin:/bin:/opt/varnel/board"},
+       {"HOME", "/root"},
+       {"LANG", "C.UTF-8"},
+       // Device messages of the board come without a device behind them in the kernel.
+       {"SYSTEMD_DEVICE_VERIFY_SYSFS", "0"}});
   return environment;
 }
 

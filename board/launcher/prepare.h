@@ -5,9 +5,9 @@
 
 namespace varnel::board {
 
-/// Makes the board's directory ready for a boot and keeps what an earlier boot left in it. `tools` is the directory
-/// of this program, where the camera, the chart and the stand-ins lie. Throws std::filesystem::filesystem_error or
-/// std::runtime_error.
+/// Makes the board's directory ready for a boot and keeps what an earlier boot left in it. `tools`
+/// is the directory of this program, where the camera, the chart and the stand-ins lie. Throws
+/// std::filesystem::filesystem_error or std::runtime_error.
 void PrepareBoard(const BootOptions& options, const Layout& layout,
                   const std::filesystem::path& tools);
 

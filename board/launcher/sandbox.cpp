@@ -28,8 +28,8 @@ class Command {
 
 void AddIsolation(Command& command, const BootOptions& options) {
   // With both ids given there is one user namespace, which later programs can enter.
-  command.Add({"bwrap", "--unshare-all", "--uid", "0", "--gid", "0", "--cap-add", "ALL", "--clearenv",
-               "--new-session", "--as-pid-1", "--hostname", "board", "--chdir", "/"});
+  command.Add({"bwrap", "--unshare-all", "--uid", "0", "--gid", "0", "--cap-add", "ALL",
+               "--clearenv", "--new-session", "--as-pid-1", "--hostname", "board", "--chdir", "/"});
   if (options.foreground) command.Add({"--die-with-parent"});
   for (const auto& [name, value] : BoardEnvironment(options)) {
     command.Add({"--setenv", name, value});

@@ -8,8 +8,8 @@
 
 namespace varnel::board {
 
-/// The bubblewrap command that runs a board's first process in a world of its own: processes, network (loopback
-/// only), file tree and users. The caller is root inside, whoever it is outside.
+/// The bubblewrap command that runs a board's first process in a world of its own: processes,
+/// network (loopback only), file tree and users. The caller is root inside, whoever it is outside.
 std::vector<std::string> SandboxCommand(const BootOptions& options, const Layout& layout,
                                         const std::filesystem::path& tools);
 

@@ -46,7 +46,9 @@ void Service::Become(char* const* command, int log) const {
   ::_exit(127);
 }
 
-bool Service::Signal(int number) const { return Running() && ::kill(pid_, number) == 0; }
+bool Service::Signal(int number) const {
+  return Running() && ::kill(pid_, number) == 0;
+}
 
 void Service::Ended(int wait_status) {
   pid_ = 0;

@@ -17,7 +17,8 @@ class Service {
   [[nodiscard]] pid_t Pid() const { return pid_; }
   [[nodiscard]] bool Running() const { return pid_ > 0; }
 
-  /// False when it runs already or no process could be made. Other arguments are kept for later starts.
+  /// False when it runs already or no process could be made. Other arguments are kept for later
+  /// starts.
   bool Start(const std::vector<std::string>& arguments);
   [[nodiscard]] bool Signal(int number) const;
   /// Its process was waited for.

@@ -84,9 +84,8 @@ void Supervisor::LoadServices() {
 }
 
 void Supervisor::Step(int timeout_ms) {
-  std::vector<pollfd> watched = {{signals_.Get(), POLLIN, 0},
-                                 {system_log_.Get(), POLLIN, 0},
-                                 {control_.Get(), POLLIN, 0}};
+  std::vector<pollfd> watched = {
+      {signals_.Get(), POLLIN, 0}, {system_log_.Get(), POLLIN, 0}, {control_.Get(), POLLIN, 0}};
   for (const Fd& client : clients_) watched.push_back({client.Get(), POLLIN, 0});
   if (::poll(watched.data(), watched.size(), timeout_ms) <= 0) return;
   std::vector<int> readable;
@@ -110,7 +109,8 @@ void Supervisor::TakeSignals() {
 
 void Supervisor::BuryChildren() {
   int status = 0;
-  for (pid_t pid = ::waitpid(-1, &status, WNOHANG); pid > 0; pid = ::waitpid(-1, &status, WNOHANG)) {
+  for (pid_t pid = ::waitpid(-1, &status, WNOHANG); pid > 0;
+       pid = ::waitpid(-1, &status, WNOHANG)) {
     for (Service& service : services_) {
       if (service.Pid() == pid) service.Ended(status);
     }

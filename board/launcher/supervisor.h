@@ -10,8 +10,9 @@
 
 namespace varnel::board {
 
-/// The first process of a board: starts and watches its services, takes requests (control.h), writes the system log
-/// and buries orphans. When it ends the kernel ends everything else inside. One thread.
+/// The first process of a board: starts and watches its services, takes requests (control.h),
+/// writes the system log and buries orphans. When it ends the kernel ends everything else inside.
+/// One thread.
 class Supervisor {
  public:
   /// Runs until it is told to stop; the exit status of the board.
