@@ -7,8 +7,8 @@
 
 namespace varnel::utils {
 
-/// The only way a service tells or spends time. Time-outs and periods use Now(); WallNow() is for time stamps
-/// that people read. Implementations are thread-safe.
+/// The only way a service tells or spends time. Time-outs and periods use Now(); WallNow() is for
+/// time stamps that people read. Implementations are thread-safe.
 class Clock {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;

@@ -2,8 +2,9 @@
 
 #include <spdlog/spdlog.h>
 
-/// One line to the process log: "[tag:line] " and the text. The format is a literal checked at compile time, is
-/// formatted only when the level lets it through, and nothing is ever thrown. Callable from any thread.
+/// One line to the process log: "[tag:line] " and the text. The format is a literal checked at
+/// compile time, is formatted only when the level lets it through, and nothing is ever thrown.
+/// Callable from any thread.
 #define VLOG_DEBUG(tag, text, ...) VLOG_LINE_(debug, tag, text __VA_OPT__(, ) __VA_ARGS__)
 #define VLOG_INFO(tag, text, ...) VLOG_LINE_(info, tag, text __VA_OPT__(, ) __VA_ARGS__)
 #define VLOG_WARN(tag, text, ...) VLOG_LINE_(warn, tag, text __VA_OPT__(, ) __VA_ARGS__)

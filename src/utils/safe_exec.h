@@ -1,11 +1,14 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <future>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "utils/owned.h"
 
 namespace varnel::utils {
 
@@ -15,17 +18,19 @@ class SafeExecException : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Runs an external program without a shell. The child gets standard input from /dev/null, its own process group,
-/// default signal dispositions and no descriptor of ours but its two output pipes. One thread at a time per object;
-/// the object must outlive a future of ExecuteAsync().
+/// Runs an external program without a shell. The child gets standard input from /dev/null, its own
+/// process group, default signal dispositions and no descriptor of ours but its two output pipes.
+/// One thread at a time per object; the object must outlive a future of ExecuteAsync().
 class SafeExec {
  public:
   struct Result {
-    /// 0 to 255: exit status; 128 + signal; -1: time limit, or could not be waited for; 127: not executable.
+    /// 0 to 255: exit status; 128 + signal; -1: time limit, or could not be waited for; 127: not
+    /// executable.
     int32_t exit_code = -1;
     std::string standard_output;
     std::string standard_error;
-    bool success = false;  ///< exited by itself with status 0
+    bool success = false;     ///< exited by itself with status 0
+    bool output_cut = false;  ///< an output passed the limit; what came after it is lost
   };
 
   /// Throws SafeExecException on an empty path.
@@ -37,19 +42,28 @@ class SafeExec {
   SafeExec& SetWorkingDir(std::string path);
   /// When it runs out the child's process group is killed.
   SafeExec& SetTimeout(uint32_t milliseconds);
+  /// Bytes kept of each output; the rest is read and dropped.
+  SafeExec& SetOutputLimit(size_t bytes);
 
-  /// Runs the command and waits for its end. Throws SafeExecException when no process could be started.
+  /// Runs the command and waits for its end. Throws SafeExecException when no process could be
+  /// started.
   [[nodiscard]] Result Execute();
   [[nodiscard]] std::future<Result> ExecuteAsync();
   /// The command line for log lines; never fed to a shell.
   [[nodiscard]] std::string ToString() const;
 
  private:
+  int Start(int out_fd, int err_fd, int& pid);
+  Result Supervise(int pid, UniqueFd out_pipe, UniqueFd err_pipe) const;
+
+  static constexpr size_t kDefaultOutputLimit = size_t{16} << 20U;
+
   std::string program_path_;
   std::vector<std::string> arguments_;
   std::vector<std::string> environment_;
   std::optional<std::string> working_dir_;
   std::optional<uint32_t> timeout_ms_;
+  size_t output_limit_ = kDefaultOutputLimit;
 };
 
 }  // namespace varnel::utils

@@ -1,0 +1,438 @@
+#include "comms/client_mqtt_async.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "comms/mqtt_library.h"
+#include "comms/mqtt_trace.h"
+#include "utils/log.h"
+
+namespace varnel::comms {
+namespace {
+
+constexpr const char* kTag = "MQTT";
+constexpr int kMaxBufferedMessages = 100;
+constexpr std::chrono::milliseconds kRoomPoll{5};
+constexpr int kDisconnectLimitMs = 500;
+constexpr size_t kMaxPayload =
+    268'435'455;  // MQTT 5.0, section 1.5.5: the largest remaining length
+
+const char* ErrorText(int code) {
+  const char* text = MQTTAsync_strerror(code);
+  return text ? text : "unknown";
+}
+
+const char* OrNull(const std::string& text) {
+  return text.empty() ? nullptr : text.c_str();
+}
+
+MQTTAsync_SSLOptions TlsOptions(const MqttConnectSettings& settings) {
+  MQTTAsync_SSLOptions options = MQTTAsync_SSLOptions_initializer;
+  options.enableServerCertAuth = 1;
+  options.verify = 1;  // the name in the certificate must be the host's
+  options.trustStore = OrNull(settings.root_ca);
+  options.keyStore = OrNull(settings.client_certificate);
+  options.privateKey = OrNull(settings.client_key);
+  options.ssl_error_cb = [](const char* text, size_t length, void*) {
+    std::string_view line(text, length);
+    while (line.ends_with('\n')) line.remove_suffix(1);
+    VLOG_ERROR(kTag, "TLS: {}", line);
+    return 1;
+  };
+  return options;
+}
+
+}  // namespace
+
+/// What the library calls. Each finds its client, which may be gone, and does nothing else.
+struct AsyncCallbacks {
+  using Call = CallbackRegistry<ClientMqttAsync>::Call;
+  static Call Find(void* context) {
+    return {CallbackRegistry<ClientMqttAsync>::Instance(), context};
+  }
+
+  static void Connected(void* context, MQTTAsync_successData5*) {
+    if (const Call client = Find(context)) client->OnConnected();
+  }
+  static void ConnectFailed(void* context, MQTTAsync_failureData5* data) {
+    if (const Call client = Find(context)) client->OnConnectFailed(data);
+  }
+  static void ConnectionLost(void* context, char* cause) {
+    if (const Call client = Find(context)) client->OnConnectionLost(cause);
+  }
+  static void ServerDisconnect(void* context, MQTTProperties*, MQTTReasonCodes reason) {
+    if (const Call client = Find(context)) client->OnServerDisconnect(reason);
+  }
+  static int MessageArrived(void* context, char* topic, int topic_length,
+                            MQTTAsync_message* message) {
+    if (const Call client = Find(context)) {
+      client->OnMessage(topic, topic_length, message);
+    } else {
+      VLOG_WARN(kTag, "{}: message arrived but client is null", "MQTT client");
+    }
+    MQTTAsync_freeMessage(&message);
+    MQTTAsync_free(topic);
+    return 1;
+  }
+  static void SubscribeFailed(void* context, MQTTAsync_failureData5* data) {
+    if (const Call client = Find(context)) client->OnSubscribeFailed(data);
+  }
+  static void Sent(void* context, MQTTAsync_successData5* data) {
+    if (data) VLOG_DEBUG(kTag, "publish success on topic: {}", data->alt.pub.destinationName);
+    if (const Call client = Find(context)) client->OnRoom();
+  }
+  static void SendFailed(void* context, MQTTAsync_failureData5* data) {
+    VLOG_ERROR(kTag, "publish failed, rc: {}, reasonCode: {}", data ? data->code : 0,
+               static_cast<int>(data ? data->reasonCode : MQTTREASONCODE_SUCCESS));
+    if (const Call client = Find(context)) client->OnRoom();
+  }
+  static void Disconnected(void* context, MQTTAsync_successData5*) {
+    if (const Call client = Find(context)) client->OnDisconnected();
+  }
+  static void DisconnectFailed(void* context, MQTTAsync_failureData5*) {
+    if (const Call client = Find(context)) client->OnDisconnected();
+  }
+};
+
+ClientMqttAsync::ClientMqttAsync(std::string name, Qos subscribe_qos, PahoAsyncApi& api,
+                                 utils::Clock& clock)
+    : ClientMqttBase(std::move(name)),
+      subscribe_qos_(subscribe_qos),
+      api_(api),
+      clock_(clock),
+      handle_(nullptr, DestroyHandle{&api}) {
+  PrepareMqttLibrary();
+}
+
+ClientMqttAsync::~ClientMqttAsync() {
+  StopProcessing();
+  disconnecting_ = true;
+  std::lock_guard lock(api_mutex_);
+  CloseHandle();
+}
+
+CommsStatus ClientMqttAsync::Connect(const MqttConnectSettings& settings) {
+  if (connecting_.exchange(true)) {
+    VLOG_WARN(kTag, "{}: Connect called while already connecting, ignored", Name());
+    return CommsStatus::kBusy;
+  }
+  const CommsStatus status = ConnectLocked(settings);
+  return status == CommsStatus::kOk ? status : FailAttempt(status);
+}
+
+CommsStatus ClientMqttAsync::ConnectLocked(const MqttConnectSettings& settings) {
+  std::lock_guard lock(api_mutex_);
+  CloseHandle();
+  connecting_ = true;  // closing an earlier connection has ended its attempt
+  settings_ = settings;
+  if (const CommsStatus created = CreateHandle(); created != CommsStatus::kOk) return created;
+  const int code = StartConnect();
+  if (code == MQTTASYNC_SUCCESS) {
+    VLOG_INFO(kTag, "{}: async connection started", Name());
+    return CommsStatus::kOk;
+  }
+  VLOG_ERROR(kTag, "{}: failed to start async connection, rc: {}", Name(), code);
+  DestroyHandleNow();
+  return CommsStatus::kFailure;
+}
+
+CommsStatus ClientMqttAsync::Reconnect() {
+  if (connecting_.exchange(true)) {
+    VLOG_WARN(kTag, "{}: already connecting, reconnect ignored", Name());
+    return CommsStatus::kBusy;
+  }
+  const CommsStatus status = ReconnectLocked();
+  if (status == CommsStatus::kNotInitialized) {
+    connecting_ = false;
+    return status;
+  }
+  return status == CommsStatus::kOk ? status : FailAttempt(status);
+}
+
+CommsStatus ClientMqttAsync::ReconnectLocked() {
+  std::lock_guard lock(api_mutex_);
+  if (!settings_) {
+    VLOG_ERROR(kTag, "{}: reconnect called but client not initialized", Name());
+    return CommsStatus::kNotInitialized;
+  }
+  // An attempt that failed at once has destroyed the handle; its settings are still here.
+  if (!handle_) {
+    if (const CommsStatus created = CreateHandle(); created != CommsStatus::kOk) return created;
+  }
+  const int code = StartConnect();
+  if (code != MQTTASYNC_SUCCESS) {
+    VLOG_ERROR(kTag, "{}: reconnect failed, rc: {}", Name(), code);
+    DestroyHandleNow();
+    return CommsStatus::kFailure;
+  }
+  VLOG_INFO(kTag, "{}: async reconnect started", Name());
+  return CommsStatus::kOk;
+}
+
+CommsStatus ClientMqttAsync::FailAttempt(CommsStatus status) {
+  connecting_ = false;
+  ReportConnectionLost();
+  return status;
+}
+
+CommsStatus ClientMqttAsync::CreateHandle() {
+  MQTTAsync_createOptions options = MQTTAsync_createOptions_initializer5;
+  options.sendWhileDisconnected = 0;
+  options.maxBufferedMessages = kMaxBufferedMessages;
+  options.restoreMessages = 1;
+  MQTTAsync created = nullptr;
+  const int code =
+      api_.Create(&created, ServerUri(*settings_, api_.Version()), settings_->client_id, options);
+  if (code != MQTTASYNC_SUCCESS) {
+    VLOG_ERROR(kTag, "{}: failed to create client, rc: {} ({})", Name(), code, ErrorText(code));
+    return CommsStatus::kFailure;
+  }
+  handle_.reset(created);
+  context_ = Registry::Instance().Register(this);
+  return InstallCallbacks();
+}
+
+CommsStatus ClientMqttAsync::InstallCallbacks() {
+  InstallMqttTrace();
+  int code = api_.SetCallbacks(handle_.get(), context_, AsyncCallbacks::ConnectionLost,
+                               AsyncCallbacks::MessageArrived);
+  if (code == MQTTASYNC_SUCCESS) {
+    code = api_.SetDisconnected(handle_.get(), context_, AsyncCallbacks::ServerDisconnect);
+  }
+  if (code == MQTTASYNC_SUCCESS) return CommsStatus::kOk;
+  VLOG_ERROR(kTag, "{}: failed to set callbacks, rc: {}", Name(), code);
+  DestroyHandleNow();
+  return CommsStatus::kFailure;
+}
+
+int ClientMqttAsync::StartConnect() {
+  const MqttConnectSettings& settings = *settings_;
+  port_ = settings.port;
+  live_handle_ = handle_.get();
+  MQTTAsync_connectOptions options = MQTTAsync_connectOptions_initializer5;
+  options.keepAliveInterval = settings.keep_alive_s;
+  options.connectTimeout = settings.connect_timeout_s;
+  options.cleanstart = 1;
+  options.maxInflight = 65535;
+  options.automaticReconnect = 0;
+  options.minRetryInterval = 1;
+  options.maxRetryInterval = 60;
+  options.username = OrNull(settings.user_name);
+  options.password = OrNull(settings.password);
+  options.onSuccess5 = AsyncCallbacks::Connected;
+  options.onFailure5 = AsyncCallbacks::ConnectFailed;
+  options.context = context_;
+  MQTTAsync_SSLOptions tls = TlsOptions(settings);
+  if (settings.Secure()) options.ssl = &tls;
+  return api_.Connect(handle_.get(), options);
+}
+
+void ClientMqttAsync::Disconnect() {
+  disconnecting_ = true;
+  {
+    std::lock_guard lock(api_mutex_);
+    settings_.reset();
+    CloseHandle();
+  }
+  disconnecting_ = false;
+  VLOG_INFO(kTag, "{}: disconnected", Name());
+}
+
+void ClientMqttAsync::CloseHandle() {
+  if (!handle_) return;
+  if (!Registry::Instance().WaitIdle(context_, std::chrono::steady_clock::now() + kCallbackLimit)) {
+    VLOG_WARN(kTag, "{}: timed out waiting for active callbacks, forcing disconnect", Name());
+  }
+  if (connected_) RequestDisconnect();
+  DestroyHandleNow();
+}
+
+void ClientMqttAsync::RequestDisconnect() {
+  {
+    std::lock_guard lock(event_mutex_);
+    disconnected_ = false;
+  }
+  MQTTAsync_disconnectOptions options = MQTTAsync_disconnectOptions_initializer5;
+  options.timeout = kDisconnectLimitMs;
+  options.onSuccess5 = AsyncCallbacks::Disconnected;
+  options.onFailure5 = AsyncCallbacks::DisconnectFailed;
+  options.context = context_;
+  if (api_.Disconnect(handle_.get(), options) != MQTTASYNC_SUCCESS) return;
+  std::unique_lock lock(event_mutex_);
+  const auto deadline = clock_.Now() + std::chrono::milliseconds(2 * kDisconnectLimitMs);
+  clock_.WaitUntil(lock, event_wake_, deadline, [this] { return disconnected_; });
+}
+
+void ClientMqttAsync::DestroyHandleNow() {
+  Registry::Instance().Retire(context_);
+  context_ = nullptr;
+  live_handle_ = nullptr;
+  handle_.reset();
+  connected_ = false;
+  connecting_ = false;
+}
+
+CommsStatus ClientMqttAsync::SendRefusal() const {
+  if (disconnecting_) {
+    VLOG_WARN(kTag, "{}: client is disconnecting, cannot send", Name());
+    return CommsStatus::kNotConnected;
+  }
+  if (!live_handle_) {
+    VLOG_ERROR(kTag, "{}: client handle is null, cannot send", Name());
+    return CommsStatus::kNotInitialized;
+  }
+  if (!connected_) {
+    VLOG_WARN(kTag, "{}: not connected", Name());
+    return CommsStatus::kNotConnected;
+  }
+  return CommsStatus::kOk;
+}
+
+CommsStatus ClientMqttAsync::Send(const std::string& topic, Qos qos, bool retain,
+                                  std::string_view payload) {
+  if (payload.size() > kMaxPayload) return CommsStatus::kInvalidArgument;
+  MQTTAsync_message message = MQTTAsync_message_initializer;
+  message.payload =
+      const_cast<char*>(payload.data());  // the library copies it and never writes to it
+  message.payloadlen = static_cast<int>(payload.size());
+  message.qos = static_cast<int>(qos);
+  message.retained = retain ? 1 : 0;
+
+  const auto deadline = clock_.Now() + kRoomLimit;
+  while (true) {
+    if (const CommsStatus refusal = SendRefusal(); refusal != CommsStatus::kOk) return refusal;
+    uint64_t seen = 0;
+    {
+      std::lock_guard lock(event_mutex_);
+      seen = sends_finished_;
+    }
+    const int code = TrySend(topic, message);
+    if (code == MQTTASYNC_SUCCESS) return CommsStatus::kOk;
+    if (code != MQTTASYNC_MAX_BUFFERED_MESSAGES || !WaitForRoom(deadline, seen))
+      return SendFailed(topic, code);
+  }
+}
+
+int ClientMqttAsync::TrySend(const std::string& topic, const MQTTAsync_message& message) {
+  std::lock_guard lock(api_mutex_);
+  if (!handle_) return MQTTASYNC_DISCONNECTED;
+  MQTTAsync_responseOptions options = MQTTAsync_responseOptions_initializer;
+  options.onSuccess5 = AsyncCallbacks::Sent;
+  options.onFailure5 = AsyncCallbacks::SendFailed;
+  options.context = context_;
+  return api_.Send(handle_.get(), topic, message, options);
+}
+
+bool ClientMqttAsync::WaitForRoom(utils::Clock::TimePoint deadline, uint64_t seen) {
+  const auto now = clock_.Now();
+  if (now >= deadline) return false;
+  std::unique_lock lock(event_mutex_);
+  clock_.WaitUntil(lock, event_wake_, std::min(deadline, now + kRoomPoll),
+                   [&] { return sends_finished_ != seen; });
+  return true;
+}
+
+CommsStatus ClientMqttAsync::SendFailed(const std::string& topic, int code) {
+  VLOG_ERROR(kTag, "{}: send failed on topic {}, rc: {}", Name(), topic, code);
+  if (code != MQTTASYNC_DISCONNECTED) return CommsStatus::kFailure;
+  VLOG_WARN(kTag, "{}: send on topic {} detected disconnection, marking offline", Name(), topic);
+  connected_ = false;
+  return CommsStatus::kNotConnected;
+}
+
+CommsStatus ClientMqttAsync::Subscribe(const std::string& filter) {
+  std::lock_guard lock(api_mutex_);
+  if (!handle_) return CommsStatus::kNotInitialized;
+  return SubscribeNow(filter) == MQTTASYNC_SUCCESS ? CommsStatus::kOk : CommsStatus::kFailure;
+}
+
+int ClientMqttAsync::SubscribeNow(const std::string& filter) {
+  MQTTAsync_responseOptions options = MQTTAsync_responseOptions_initializer;
+  options.onFailure5 = AsyncCallbacks::SubscribeFailed;
+  options.context = context_;
+  const int code = api_.Subscribe(live_handle_, filter, static_cast<int>(subscribe_qos_), options);
+  if (code != MQTTASYNC_SUCCESS) {
+    VLOG_ERROR(kTag, "{}: failed to subscribe topic {}, rc: {}", Name(), filter, code);
+  }
+  return code;
+}
+
+void ClientMqttAsync::OnConnected() {
+  SetNoDelayTowards(port_);
+  const bool again = connected_.exchange(true);
+  connecting_ = false;
+  if (again) return;  // the library may report one connection twice
+  VLOG_INFO(kTag, "{}: connected successfully", Name());
+  for (const std::string& filter : ListenerFilters()) (void)SubscribeNow(filter);
+}
+
+void ClientMqttAsync::OnConnectFailed(const MQTTAsync_failureData5* data) {
+  VLOG_ERROR(kTag, "{}: connection failed, rc: {}, reasonCode: {}", Name(), data ? data->code : 0,
+             static_cast<int>(data ? data->reasonCode : MQTTREASONCODE_SUCCESS));
+  connected_ = false;
+  connecting_ = false;
+  if (!disconnecting_) ReportConnectionLost();
+}
+
+void ClientMqttAsync::OnConnectionLost(const char* cause) {
+  if (disconnecting_) {
+    VLOG_INFO(kTag, "{}: disconnecting, skipping connection-lost handling", Name());
+    return;
+  }
+  connected_ = false;
+  VLOG_WARN(kTag, "{}: connection lost, cause: {}", Name(), cause ? cause : "unknown");
+  ReportConnectionLost();
+}
+
+void ClientMqttAsync::OnServerDisconnect(MQTTReasonCodes reason) {
+  const char* text = MQTTReasonCode_toString(reason);
+  VLOG_WARN(kTag, "{}: broker ended the connection, reasonCode: {} ({})", Name(),
+            static_cast<int>(reason), text ? text : "unknown");
+}
+
+void ClientMqttAsync::OnMessage(const char* topic, int topic_length,
+                                const MQTTAsync_message* message) {
+  if (disconnecting_) {
+    VLOG_INFO(kTag, "{}: disconnecting, skipping message processing", Name());
+    return;
+  }
+  if (!topic) {
+    VLOG_ERROR(kTag, "{}: invalid topic (null), length {}", Name(), topic_length);
+    return;
+  }
+  const std::string name =
+      topic_length > 0 ? std::string(topic, static_cast<size_t>(topic_length)) : topic;
+  if (!message || message->payloadlen < 0 || (message->payloadlen > 0 && !message->payload)) {
+    VLOG_ERROR(kTag, "{}: invalid message on topic {}", Name(), name);
+    return;
+  }
+  const auto* bytes = static_cast<const char*>(message->payload);
+  auto copy = std::make_shared<MqttMessage>();
+  copy->topic = name;
+  if (bytes) copy->payload.assign(bytes, static_cast<size_t>(message->payloadlen));
+  Enqueue(std::move(copy));
+}
+
+void ClientMqttAsync::OnSubscribeFailed(const MQTTAsync_failureData5* data) {
+  VLOG_ERROR(kTag, "{}: subscribe failed, rc: {}, reasonCode: {}, will retry on next reconnect",
+             Name(), data ? data->code : 0,
+             static_cast<int>(data ? data->reasonCode : MQTTREASONCODE_SUCCESS));
+}
+
+void ClientMqttAsync::OnRoom() {
+  {
+    std::lock_guard lock(event_mutex_);
+    ++sends_finished_;
+  }
+  event_wake_.notify_all();
+}
+
+void ClientMqttAsync::OnDisconnected() {
+  {
+    std::lock_guard lock(event_mutex_);
+    disconnected_ = true;
+  }
+  event_wake_.notify_all();
+}
+
+}  // namespace varnel::comms

@@ -1,0 +1,128 @@
+#include "comms/client_mqtt_base.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "comms/topic_filter.h"
+#include "utils/log.h"
+#include "utils/log_text.h"
+#include "utils/thread.h"
+
+namespace varnel::comms {
+namespace {
+
+constexpr const char* kTag = "MQTT";
+
+}  // namespace
+
+ClientMqttBase::ClientMqttBase(std::string name)
+    : name_(std::move(name)),
+      processing_thread_(utils::SpawnGuarded(
+          "mqtt-listeners", kTag, [this](const std::stop_token&) { ProcessMessages(); })) {}
+
+ClientMqttBase::~ClientMqttBase() {
+  StopProcessing();
+}
+
+void ClientMqttBase::StopProcessing() {
+  queue_.Close();
+  if (processing_thread_.joinable()) processing_thread_.join();
+}
+
+CommsStatus ClientMqttBase::AddListener(const std::string& filter, Listener listener) {
+  if (filter.empty() || !listener) return CommsStatus::kInvalidArgument;
+  {
+    std::lock_guard lock(listeners_mutex_);
+    const bool replaced = !listeners_.insert_or_assign(filter, std::move(listener)).second;
+    if (replaced)
+      VLOG_WARN(kTag, "{}: topic {} already has a listener, overwriting", name_, filter);
+  }
+  return connected_ ? Subscribe(filter) : CommsStatus::kOk;
+}
+
+void ClientMqttBase::RemoveListener(const std::string& filter) {
+  std::unique_lock lock(listeners_mutex_);
+  listeners_.erase(filter);
+  if (std::this_thread::get_id() == processing_thread_.get_id()) return;
+  delivered_.wait(lock, [this] { return !delivering_; });
+}
+
+void ClientMqttBase::SetConnectionLostCallback(ConnectionLostCallback callback) {
+  std::lock_guard lock(listeners_mutex_);
+  connection_lost_ = std::move(callback);
+}
+
+std::vector<std::string> ClientMqttBase::ListenerFilters() const {
+  std::lock_guard lock(listeners_mutex_);
+  std::vector<std::string> filters;
+  filters.reserve(listeners_.size());
+  for (const auto& [filter, listener] : listeners_) filters.push_back(filter);
+  return filters;
+}
+
+void ClientMqttBase::ReportConnectionLost() {
+  ConnectionLostCallback callback;
+  {
+    std::lock_guard lock(listeners_mutex_);
+    callback = connection_lost_;
+  }
+  if (callback) callback();
+}
+
+void ClientMqttBase::Enqueue(std::shared_ptr<MqttMessage> message) {
+  const size_t bytes = message ? message->topic.size() + message->payload.size() : 0;
+  queue_.Push(std::move(message), bytes, [this](size_t queued) {
+    VLOG_WARN(kTag, "{}: queue full ({} messages), dropping oldest", name_, queued);
+  });
+}
+
+void ClientMqttBase::ProcessMessages() {
+  while (const auto message = queue_.Pop()) Deliver(*message);
+}
+
+void ClientMqttBase::Deliver(const std::shared_ptr<MqttMessage>& message) {
+  if (!message) {
+    VLOG_ERROR(kTag, "{}: popped null message from queue", name_);
+    return;
+  }
+  if (message->payload.empty()) {
+    VLOG_WARN(kTag, "{}: message payload is empty, skipping", name_);
+    return;
+  }
+  const Listener listener = TakeListener(message->topic);
+  if (!listener) {
+    VLOG_WARN(kTag, "{}: no listener for topic: {}", name_, utils::LogText(message->topic));
+    return;
+  }
+  try {
+    listener(message);
+  } catch (const std::exception& error) {
+    VLOG_ERROR(kTag, "{}: exception in listener callback: {}", name_, error.what());
+  } catch (...) {
+    VLOG_ERROR(kTag, "{}: exception in listener callback: {}", name_, "unknown");
+  }
+  FinishDelivery();
+}
+
+ClientMqttBase::Listener ClientMqttBase::TakeListener(const std::string& topic) {
+  std::lock_guard lock(listeners_mutex_);
+  const auto found = std::find_if(listeners_.begin(), listeners_.end(), [&](const auto& entry) {
+    return HasWildcard(entry.first) && TopicMatches(entry.first, topic);
+  });
+  const auto exact = listeners_.find(topic);
+  const auto& chosen = exact != listeners_.end() ? exact : found;
+  if (chosen == listeners_.end()) return nullptr;
+  delivering_ = true;
+  return chosen->second;
+}
+
+void ClientMqttBase::FinishDelivery() {
+  {
+    std::lock_guard lock(listeners_mutex_);
+    delivering_ = false;
+  }
+  delivered_.notify_all();
+}
+
+}  // namespace varnel::comms

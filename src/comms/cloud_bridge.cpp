@@ -1,0 +1,194 @@
+#include "comms/cloud_bridge.h"
+
+#include <array>
+#include <utility>
+
+#include "utils/log.h"
+#include "utils/log_text.h"
+
+namespace varnel::comms {
+namespace {
+
+constexpr const char* kTag = "COMMS";
+constexpr size_t kLoggedBytes = 160;
+
+/// Publishes a local message on the cloud broker, topic and payload unchanged.
+class CloudPublisher : public ForwardDestination {
+ public:
+  explicit CloudPublisher(std::shared_ptr<ClientMqttBase> cloud) : cloud_(std::move(cloud)) {}
+  CommsStatus Deliver(const MqttMessage& message) override {
+    return cloud_->Send(message.topic, Qos::kAtLeastOnce, false, message.payload);
+  }
+
+ private:
+  const std::shared_ptr<ClientMqttBase> cloud_;
+};
+
+/// Runs cloud requests on the local server and publishes their answers to the cloud.
+class CloudRequestRunner : public ForwardDestination {
+ public:
+  CloudRequestRunner(JsonRpcServer& server, CloudBridge::CloudGate gate,
+                     std::shared_ptr<ClientMqttBase> cloud, std::string response_topic)
+      : server_(server),
+        gate_(std::move(gate)),
+        cloud_(std::move(cloud)),
+        response_topic_(std::move(response_topic)) {}
+
+  CommsStatus Deliver(const MqttMessage& message) override {
+    auto parsed = ParsePayload(message.payload);
+    Json* request = std::get_if<Json>(&parsed);
+    if (!request || !request->is_object()) {
+      const auto* failure = std::get_if<ParseFailure>(&parsed);
+      VLOG_ERROR(kTag, "cloud request dispatch failed: {}",
+                 failure && !failure->text.empty() ? utils::LogText(failure->text)
+                                                   : "not a JSON-RPC request");
+      return CommsStatus::kOk;
+    }
+    Run(std::move(*request));
+    return CommsStatus::kOk;
+  }
+
+ private:
+  void Run(Json request) {
+    const auto name = request.find("method");
+    const bool has_method = name != request.end() && name->is_string();
+    const std::string method = has_method ? name->get<std::string>() : std::string();
+    const JsonRpcServer::Reply reply = [method, cloud = cloud_,
+                                        topic = response_topic_](const Json& response) {
+      Answer(*cloud, topic, method, response);
+    };
+    if (has_method && gate_(method)) {
+      server_.InvokeMethod(method, std::move(request), reply);
+      return;
+    }
+    VLOG_ERROR(kTag, "cloud request dispatch failed: {}",
+               has_method ? "method not found: " + utils::LogText(method) : "no method");
+    const auto id = request.find("id");
+    if (id == request.end()) return;
+    reply(MakeResponse(
+        *id, has_method ? MethodNotFound(method) : MakeError(kInvalidRequest, "Invalid Request")));
+  }
+
+  static void Answer(ClientMqttBase& cloud, const std::string& topic, const std::string& method,
+                     const Json& response) {
+    const std::string payload = Serialize(response);
+    const std::string id = utils::LogText(Serialize(response["id"]));
+    if (cloud.Send(topic, Qos::kAtLeastOnce, false, payload) != CommsStatus::kOk) {
+      VLOG_ERROR(kTag, "cloud request dispatch failed: {}",
+                 "no answer could be sent to " + utils::LogText(method));
+    } else if (response.contains("error")) {
+      VLOG_INFO(kTag, "cloud req {} (id={}) → error response sent", utils::LogText(method), id);
+    } else {
+      VLOG_INFO(kTag, "cloud req {} (id={}) → response sent, len={}", utils::LogText(method), id,
+                payload.size());
+    }
+  }
+
+  JsonRpcServer& server_;
+  const CloudBridge::CloudGate gate_;
+  const std::shared_ptr<ClientMqttBase> cloud_;
+  const std::string response_topic_;
+};
+
+std::string RequestTopic(const std::string& serial_number) {
+  return serial_number + "/request";
+}
+
+std::string ConfigTopic(const std::string& serial_number) {
+  return "system/config/" + serial_number + "/request";
+}
+
+constexpr std::array kStreams{"response", "status", "notification"};
+
+std::string StreamTopic(const std::string& serial_number, const std::string& stream) {
+  return serial_number + "/" + stream;
+}
+
+void LogForwarded(const std::string& stream, const std::string& payload) {
+  if (stream == "response") {
+    VLOG_INFO(kTag, "local → cloud response: {:.160}", LogPayload(payload, kLoggedBytes));
+  } else if (stream == "notification") {
+    VLOG_INFO(kTag, "local → cloud notification: {:.160}", LogPayload(payload, kLoggedBytes));
+  }
+}
+
+bool IsOneTopicLevel(const std::string& serial_number) {
+  return !serial_number.empty() && serial_number.find_first_of("/+#$\0", 0, 5) == std::string::npos;
+}
+
+}  // namespace
+
+CloudBridge::CloudBridge(ForwarderPool& forwarders, JsonRpcServer& server, CloudGate gate)
+    : forwarders_(forwarders), server_(server), gate_(std::move(gate)) {}
+
+CommsStatus CloudBridge::Setup(const std::shared_ptr<ClientMqttBase>& local,
+                               const std::shared_ptr<ClientMqttBase>& cloud,
+                               const std::string& serial_number) {
+  if (!IsOneTopicLevel(serial_number)) {
+    VLOG_ERROR(kTag, "SetupCloudForwarding: invalid serial number");
+    return CommsStatus::kInvalidArgument;
+  }
+  std::lock_guard lock(mutex_);
+  const bool same_routes = local == local_ && cloud == cloud_ && serial_number == serial_number_;
+  if (!same_routes) RemoveRoutes();
+  local_ = local;
+  cloud_ = cloud;
+  serial_number_ = serial_number;
+  const Queues queues = PrepareQueues();
+  bool ok = RouteRequests(queues.requests) == CommsStatus::kOk;
+  ok &= RouteConfig() == CommsStatus::kOk;
+  for (const std::string stream : kStreams) {
+    const auto queue = stream == "response" ? queues.responses : queues.events;
+    ok &= RouteToCloud(queue, stream) == CommsStatus::kOk;
+  }
+  if (!ok) return CommsStatus::kFailure;
+  VLOG_INFO(kTag, "Cloud forwarding setup complete (sn={})", serial_number);
+  return CommsStatus::kOk;
+}
+
+CloudBridge::Queues CloudBridge::PrepareQueues() {
+  if (!queues_) {
+    queues_ = Queues{forwarders_.CreateQueue("requests"), forwarders_.CreateQueue("responses"),
+                     forwarders_.CreateQueue("events")};
+  }
+  return *queues_;
+}
+
+void CloudBridge::RemoveRoutes() {
+  if (cloud_) {
+    cloud_->RemoveListener(RequestTopic(serial_number_));
+    cloud_->RemoveListener(ConfigTopic(serial_number_));
+  }
+  if (!local_) return;
+  for (const char* stream : kStreams) local_->RemoveListener(StreamTopic(serial_number_, stream));
+}
+
+CommsStatus CloudBridge::RouteRequests(ForwarderPool::QueueId queue) {
+  auto runner = std::make_shared<CloudRequestRunner>(server_, gate_, cloud_,
+                                                     StreamTopic(serial_number_, "response"));
+  return cloud_->AddListener(RequestTopic(serial_number_),
+                             [this, queue, runner](const std::shared_ptr<MqttMessage>& message) {
+                               VLOG_INFO(kTag, "cloud req → local: {:.160}",
+                                         LogPayload(message->payload, kLoggedBytes));
+                               forwarders_.Forward(queue, message, runner);
+                             });
+}
+
+CommsStatus CloudBridge::RouteConfig() {
+  return cloud_->AddListener(
+      ConfigTopic(serial_number_), [](const std::shared_ptr<MqttMessage>& message) {
+        VLOG_INFO(kTag, "cloud config req: {}", LogPayload(message->payload, kLoggedBytes));
+      });
+}
+
+CommsStatus CloudBridge::RouteToCloud(ForwarderPool::QueueId queue, const std::string& stream) {
+  auto publisher = std::make_shared<CloudPublisher>(cloud_);
+  return local_->AddListener(
+      StreamTopic(serial_number_, stream),
+      [this, queue, stream, publisher](const std::shared_ptr<MqttMessage>& message) {
+        LogForwarded(stream, message->payload);
+        forwarders_.Forward(queue, message, publisher);
+      });
+}
+
+}  // namespace varnel::comms

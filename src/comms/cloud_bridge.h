@@ -1,0 +1,58 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "comms/client_mqtt_base.h"
+#include "comms/forwarder_pool.h"
+#include "comms/json_rpc_server.h"
+
+namespace varnel::comms {
+
+/// The routes between the cloud broker and the local side: cloud requests run local methods and are
+/// answered to the cloud; local responses, status and notifications of this device are forwarded
+/// unchanged. Thread-safe.
+class CloudBridge {
+ public:
+  /// Tells whether the cloud may call a registered method.
+  using CloudGate = std::function<bool(const std::string& method)>;
+
+  /// Both references must outlive every client that Setup() was given.
+  CloudBridge(ForwarderPool& forwarders, JsonRpcServer& server, CloudGate gate);
+
+  /// Wires the routes of one device between two clients; again after a reconnect or with a new
+  /// cloud client replaces them. kInvalidArgument for a serial number that cannot be one level of a
+  /// topic.
+  CommsStatus Setup(const std::shared_ptr<ClientMqttBase>& local,
+                    const std::shared_ptr<ClientMqttBase>& cloud, const std::string& serial_number);
+
+ private:
+  /// One queue per forwarded stream.
+  struct Queues {
+    ForwarderPool::QueueId requests;
+    ForwarderPool::QueueId responses;
+    ForwarderPool::QueueId events;
+  };
+
+  Queues PrepareQueues();
+  void RemoveRoutes();
+  CommsStatus RouteRequests(ForwarderPool::QueueId queue);
+  CommsStatus RouteConfig();
+  CommsStatus RouteToCloud(ForwarderPool::QueueId queue, const std::string& stream);
+
+  ForwarderPool& forwarders_;
+  JsonRpcServer& server_;
+  const CloudGate gate_;
+
+  std::mutex mutex_;
+  std::optional<Queues> queues_;  // guarded by mutex_, like the rest
+  std::shared_ptr<ClientMqttBase>
+      local_;  // the clients and the serial number of the routes in force
+  std::shared_ptr<ClientMqttBase> cloud_;
+  std::string serial_number_;
+};
+
+}  // namespace varnel::comms

@@ -1,0 +1,48 @@
+#include "comms/json_rpc_base.h"
+
+#include <utility>
+
+#include "utils/log.h"
+
+namespace varnel::comms {
+namespace {
+
+constexpr size_t kLoggedBytes = 160;
+
+}  // namespace
+
+JsonRpcBase::JsonRpcBase(std::string name, const char* tag) : name_(std::move(name)), tag_(tag) {}
+
+CommsStatus JsonRpcBase::Publish(ClientMqttBase* client, const std::string& topic,
+                                 const Json& envelope) const {
+  if (!client || topic.empty()) {
+    VLOG_ERROR(tag_, "Unsupported operation");
+    return CommsStatus::kUnsupported;
+  }
+  return client->Send(topic, Qos::kAtMostOnce, false, Serialize(envelope));
+}
+
+void JsonRpcBase::LogInvalidMessage(std::string_view payload) const {
+  VLOG_ERROR(tag_, "Receive an invalid message: {}", LogPayload(payload, kLoggedBytes));
+}
+
+std::unique_ptr<Json> JsonRpcBase::ParseLogged(const std::string& payload) const {
+  auto parsed = ParsePayload(payload);
+  if (Json* value = std::get_if<Json>(&parsed)) return std::make_unique<Json>(std::move(*value));
+  const auto& failure = std::get<ParseFailure>(parsed);
+  switch (failure.kind) {
+    case ParseFailure::Kind::kSyntax:
+      VLOG_ERROR(tag_, "parse error at byte {}", failure.byte);
+      break;
+    case ParseFailure::Kind::kOther:
+      VLOG_ERROR(tag_, "json exception {}", failure.text);
+      break;
+    case ParseFailure::Kind::kTooLarge:
+    case ParseFailure::Kind::kTooDeep:
+      LogInvalidMessage(payload);
+      break;
+  }
+  return nullptr;
+}
+
+}  // namespace varnel::comms

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "comms/client_mqtt_base.h"
+#include "comms/json_rpc_message.h"
+
+namespace varnel::comms {
+
+/// What both JSON-RPC ends share: a name for the log and publishing envelopes through an MQTT
+/// client.
+class JsonRpcBase {
+ public:
+  const std::string& Name() const { return name_; }
+
+ protected:
+  /// `tag` is the module tag of the derived class's log lines.
+  JsonRpcBase(std::string name, const char* tag);
+  ~JsonRpcBase() = default;
+
+  /// Publishes an envelope on `topic` at QoS 0. kUnsupported, logged, without a client or a topic
+  /// to publish on.
+  CommsStatus Publish(ClientMqttBase* client, const std::string& topic, const Json& envelope) const;
+
+  /// Parses a received payload; a payload that cannot be served has been logged, and null is
+  /// returned.
+  std::unique_ptr<Json> ParseLogged(const std::string& payload) const;
+  void LogInvalidMessage(std::string_view payload) const;
+
+ private:
+  const std::string name_;
+  const char* const tag_;
+};
+
+}  // namespace varnel::comms

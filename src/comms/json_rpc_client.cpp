@@ -1,0 +1,160 @@
+#include "comms/json_rpc_client.h"
+
+#include <utility>
+
+#include "utils/log.h"
+#include "utils/log_text.h"
+
+namespace varnel::comms {
+namespace {
+
+constexpr const char* kTag = "JRPCC";
+constexpr size_t kLoggedBytes = 160;
+
+bool IsResponse(const Json& message) {
+  return message.is_object() && (message.contains("result") || message.contains("error"));
+}
+
+}  // namespace
+
+JsonRpcClient::JsonRpcClient(std::string name, utils::Clock& clock)
+    : JsonRpcBase(std::move(name), kTag), clock_(clock) {
+  VLOG_INFO(kTag, "Create a JSON-RPC client: {}", Name());
+}
+
+JsonRpcClient::~JsonRpcClient() {
+  const Binding binding = CurrentBinding();
+  if (binding.client && !binding.channel.response_topic.empty()) {
+    binding.client->RemoveListener(binding.channel.response_topic);
+  }
+}
+
+CommsStatus JsonRpcClient::Bind(const std::shared_ptr<ClientMqttBase>& client,
+                                const MqttChannel& channel) {
+  if (!client) {
+    VLOG_ERROR(kTag, "MQTT link is invalid");
+    return CommsStatus::kInvalidArgument;
+  }
+  {
+    std::lock_guard lock(binding_mutex_);
+    if (binding_.client) {
+      VLOG_ERROR(kTag, "JSON-RPC {} has already been bound", Name());
+      return CommsStatus::kFailure;
+    }
+    binding_ = {client, channel};
+  }
+  if (channel.response_topic.empty()) return CommsStatus::kOk;
+  const CommsStatus status = client->AddListener(
+      channel.response_topic,
+      [this](const std::shared_ptr<MqttMessage>& message) { OnPayload(message->payload); });
+  if (status != CommsStatus::kOk) VLOG_ERROR(kTag, "JSON-RPC {} bind to MQTT failed", Name());
+  return status;
+}
+
+JsonRpcClient::Binding JsonRpcClient::CurrentBinding() const {
+  std::lock_guard lock(binding_mutex_);
+  return binding_;
+}
+
+JsonRpcClient::CallResult JsonRpcClient::Call(const std::string& method, Json params,
+                                              const Json& id, std::chrono::milliseconds timeout) {
+  const Binding binding = CurrentBinding();
+  if (!binding.client) {
+    VLOG_ERROR(kTag, "The JSON-RPC client is not bound");
+    return {CommsStatus::kNotInitialized, {}};
+  }
+  if (binding.channel.response_topic.empty()) {
+    VLOG_ERROR(kTag, "Unsupported operation");
+    return {CommsStatus::kUnsupported, {}};
+  }
+  const std::shared_ptr<PendingRequest> pending = AddPending(id, timeout);
+  if (!pending) return {CommsStatus::kInvalidArgument, {}};
+  std::future<Json> response = pending->result.get_future();
+  const Json request = MakeRequest(method, std::move(params), id);
+  if (const CommsStatus sent =
+          Publish(binding.client.get(), binding.channel.request_topic, request);
+      sent != CommsStatus::kOk) {
+    VLOG_ERROR(kTag, "Send request failed, id {}", Serialize(id));
+    RemovePending(id);
+    return {sent, {}};
+  }
+  if (response.wait_until(pending->deadline) != std::future_status::ready) {
+    VLOG_ERROR(kTag, "Waiting for response timeout, id {}", Serialize(id));
+    RemovePending(id);
+    return {CommsStatus::kTimeout, {}};
+  }
+  return {CommsStatus::kOk, response.get()};
+}
+
+CommsStatus JsonRpcClient::Notify(const std::string& method, Json params) {
+  const Binding binding = CurrentBinding();
+  if (!binding.client) {
+    VLOG_ERROR(kTag, "The JSON-RPC client is not bound");
+    return CommsStatus::kNotInitialized;
+  }
+  const CommsStatus status = Publish(binding.client.get(), binding.channel.request_topic,
+                                     MakeNotification(method, std::move(params)));
+  if (status != CommsStatus::kOk) VLOG_ERROR(kTag, "Notification of call failure");
+  return status;
+}
+
+std::shared_ptr<JsonRpcClient::PendingRequest> JsonRpcClient::AddPending(
+    const Json& id, std::chrono::milliseconds timeout) {
+  auto pending = std::make_shared<PendingRequest>();
+  pending->id = id;
+  pending->deadline = clock_.Now() + timeout;
+  std::lock_guard lock(pending_mutex_);
+  const bool added = pending_.try_emplace(Serialize(id), pending).second;
+  if (added) return pending;
+  VLOG_ERROR(kTag, "Send request failed, id {}", Serialize(id));
+  return nullptr;
+}
+
+void JsonRpcClient::RemovePending(const Json& id) {
+  std::lock_guard lock(pending_mutex_);
+  pending_.erase(Serialize(id));
+}
+
+std::shared_ptr<JsonRpcClient::PendingRequest> JsonRpcClient::TakePending(const Json& id) {
+  std::lock_guard lock(pending_mutex_);
+  const auto node = pending_.extract(Serialize(id));
+  return node ? node.mapped() : nullptr;
+}
+
+void JsonRpcClient::OnPayload(const std::string& payload) {
+  try {
+    if (const std::unique_ptr<Json> message = ParseLogged(payload))
+      OnResponse(payload, std::move(*message));
+  } catch (const std::exception& error) {
+    VLOG_ERROR(kTag, "Handling message exception {}", error.what());
+  }
+}
+
+void JsonRpcClient::OnResponse(const std::string& payload, Json response) {
+  if (!IsResponse(response)) {
+    LogInvalidMessage(payload);
+    return;
+  }
+  const auto id = response.find("id");
+  if (id == response.end()) {
+    VLOG_ERROR(kTag, "Receive an invalid message without an id: {}",
+               LogJson(response, kLoggedBytes));
+    return;
+  }
+  if (response.contains("error")) {
+    VLOG_WARN(kTag, "Receive error response: {}", LogJson(response, kLoggedBytes));
+  } else {
+    VLOG_INFO(kTag, "Receive normal response: {}", LogJson(response, kLoggedBytes));
+  }
+  const std::string id_text = utils::LogText(Serialize(*id));
+  const std::shared_ptr<PendingRequest> pending = TakePending(*id);
+  if (!pending) {
+    VLOG_WARN(kTag, "Received a response that no one was waiting for, id {}", id_text);
+  } else if (clock_.Now() > pending->deadline) {
+    VLOG_WARN(kTag, "Response time has exceeded the validity period, id {}", id_text);
+  } else {
+    pending->result.set_value(std::move(response));
+  }
+}
+
+}  // namespace varnel::comms

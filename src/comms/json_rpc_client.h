@@ -1,0 +1,73 @@
+#pragma once
+
+#include <chrono>
+#include <future>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "comms/json_rpc_base.h"
+#include "utils/clock.h"
+
+namespace varnel::comms {
+
+/// The calling side of JSON-RPC over MQTT. Thread-safe.
+class JsonRpcClient : public JsonRpcBase {
+ public:
+  /// What a call came to. `response` is the whole envelope, with "result" or "error", when `status`
+  /// is kOk.
+  struct CallResult {
+    CommsStatus status;
+    Json response;
+  };
+
+  explicit JsonRpcClient(std::string name, utils::Clock& clock = utils::SystemClock::Instance());
+  /// Stops listening. No call may be waiting any more.
+  ~JsonRpcClient();
+  JsonRpcClient(const JsonRpcClient&) = delete;
+  JsonRpcClient& operator=(const JsonRpcClient&) = delete;
+
+  /// Publishes on the channel's request topic and listens on its response topic; without a response
+  /// topic the client subscribes to nothing and can only notify. Once per client.
+  CommsStatus Bind(const std::shared_ptr<ClientMqttBase>& client, const MqttChannel& channel);
+
+  /// Publishes a request and blocks until its response or the time-out. `id` must be unique among
+  /// the calls that wait. Never call it from a listener of the same MQTT client: the response could
+  /// not be delivered.
+  CallResult Call(const std::string& method, Json params, const Json& id,
+                  std::chrono::milliseconds timeout);
+
+  /// Publishes a notification.
+  CommsStatus Notify(const std::string& method, Json params);
+
+ private:
+  struct PendingRequest {
+    Json id;
+    utils::Clock::TimePoint deadline;
+    std::promise<Json> result;
+  };
+
+  struct Binding {
+    std::shared_ptr<ClientMqttBase> client;
+    MqttChannel channel;
+  };
+
+  Binding CurrentBinding() const;
+  std::shared_ptr<PendingRequest> AddPending(const Json& id, std::chrono::milliseconds timeout);
+  void RemovePending(const Json& id);
+  std::shared_ptr<PendingRequest> TakePending(const Json& id);
+  void OnPayload(const std::string& payload);
+  void OnResponse(const std::string& payload, Json response);
+
+  utils::Clock& clock_;
+
+  mutable std::mutex binding_mutex_;
+  Binding binding_;  // guarded by binding_mutex_
+
+  std::mutex pending_mutex_;
+  std::map<std::string, std::shared_ptr<PendingRequest>>
+      pending_;  // by serialised id; guarded by pending_mutex_
+};
+
+}  // namespace varnel::comms

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstddef>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+#include <variant>
+
+namespace varnel::comms {
+
+using Json = nlohmann::json;
+
+/// Error codes of JSON-RPC 2.0, section 5.1, and the system's own below them.
+constexpr int kInvalidRequest = -32600;
+constexpr int kMethodNotFound = -32601;
+constexpr int kInvalidParams = -32602;
+constexpr int kInternalError = -32603;
+constexpr int kOperationFailed = -32000;
+
+/// What a payload from outside may be at most.
+constexpr size_t kMaxPayloadBytes = size_t{1} << 20;
+constexpr int kMaxNesting = 64;
+
+/// Why a payload is not served.
+struct ParseFailure {
+  enum class Kind { kTooLarge, kTooDeep, kSyntax, kOther } kind;
+  size_t byte = 0;   ///< position of a syntax error
+  std::string text;  ///< the parser's own message
+};
+
+/// Parses a payload within the limits above; never throws, and never recurses into hostile nesting.
+std::variant<Json, ParseFailure> ParsePayload(std::string_view payload);
+
+/// One line of JSON; bytes that are not UTF-8 are replaced instead of throwing.
+std::string Serialize(const Json& value);
+
+Json MakeRequest(const std::string& method, Json params, Json id);
+Json MakeNotification(const std::string& method, Json params);
+/// `value` is what a handler returned: an object with a numeric "code" and a string "message"
+/// becomes the "error" member, anything else the "result".
+Json MakeResponse(Json id, Json value);
+Json MakeError(int code, const std::string& message);
+/// The error of a method that is not registered, with its name as data.
+Json MethodNotFound(const std::string& method);
+/// Whether a handler's value stands for a failure.
+bool IsErrorObject(const Json& value);
+
+/// A payload as a log line shows it: values of members that hold secrets masked, control characters
+/// escaped, cut to `max_bytes`.
+std::string LogPayload(std::string_view payload, size_t max_bytes);
+std::string LogJson(const Json& value, size_t max_bytes);
+
+}  // namespace varnel::comms

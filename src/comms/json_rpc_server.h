@@ -1,0 +1,70 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "comms/json_rpc_base.h"
+#include "comms/worker_lane.h"
+
+namespace varnel::comms {
+
+/// Takes a request's "params" (null when absent) and returns the result, or {"code": number,
+/// "message": text} for a failure. Runs on a worker thread; several calls may run at once. Whatever
+/// it throws is answered -32603.
+using RpcHandler = std::function<Json(const Json& params)>;
+
+/// Runs the registered methods for requests that arrive on MQTT topics or through InvokeMethod().
+/// Thread-safe.
+class JsonRpcServer : public JsonRpcBase {
+ public:
+  using Reply = std::function<void(const Json& response)>;
+
+  explicit JsonRpcServer(std::string name);
+  /// Stops listening; waits for the handlers that run.
+  ~JsonRpcServer();
+  JsonRpcServer(const JsonRpcServer&) = delete;
+  JsonRpcServer& operator=(const JsonRpcServer&) = delete;
+
+  /// kInvalidArgument (-2) for an empty name or handler, kFailure for a name that is taken.
+  CommsStatus RegisterMethod(const std::string& method, RpcHandler handler);
+
+  /// Serves the channel's request topic on `client`, which must be the same for every channel.
+  /// Without a response topic in the channel each answer goes to the request's topic with "request"
+  /// replaced by "response".
+  CommsStatus BindMqtt(const std::shared_ptr<ClientMqttBase>& client, const MqttChannel& channel);
+
+  /// Serves one parsed message that came on `topic`.
+  void OnMessage(Json message, const std::string& topic);
+
+  /// Runs a method for a caller that is not on MQTT. `reply` gets the response envelope on a worker
+  /// thread (or on the caller's when the method is unknown or the server is busy), and nothing for
+  /// a request without "id".
+  void InvokeMethod(const std::string& method, Json request, Reply reply);
+
+ private:
+  void OnPayload(const std::string& payload, const std::string& topic);
+  void Dispatch(const std::string& method, Json request, const Reply& reply);
+  RpcHandler FindHandler(const std::string& method) const;
+  Json CallHandler(const std::string& method, const RpcHandler& handler, const Json& request) const;
+  std::string ResponseTopic(const std::string& request_topic) const;
+  void SendResponse(const Json& response, const std::string& request_topic) const;
+  WorkerLane& LaneOf(const std::string& method);
+
+  const std::function<std::string(const std::string&)> topic_mapper_;
+
+  mutable std::mutex methods_mutex_;
+  std::map<std::string, RpcHandler, std::less<>> methods_;  // guarded by methods_mutex_
+
+  mutable std::mutex bindings_mutex_;
+  std::shared_ptr<ClientMqttBase> client_;  // guarded by bindings_mutex_
+  std::map<std::string, std::string>
+      channels_;  // request to response topic; guarded by bindings_mutex_
+
+  WorkerLane camera_lane_;  // last: their threads use the rest
+  WorkerLane general_lane_;
+};
+
+}  // namespace varnel::comms

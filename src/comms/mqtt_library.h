@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+#include "comms/client_mqtt_base.h"
+
+namespace varnel::comms {
+
+/// Settings of the MQTT library that hold for the whole process, made once before the first client:
+/// no proxy from the environment (the library would send even loopback traffic through it) and the
+/// library ready for TLS.
+void PrepareMqttLibrary();
+
+/// The server URI of a connection in the schemes that the running library knows: "mqtt://" and
+/// "mqtts://" since 1.3.11, "tcp://" and "ssl://" before.
+std::string ServerUri(const MqttConnectSettings& settings, const std::string& library_version);
+
+/// Switches Nagle's algorithm off on this process's TCP sockets that are connected to `port`. The
+/// library makes two small writes per message and offers no way to its socket, so each answer would
+/// wait for a delayed acknowledgement.
+void SetNoDelayTowards(const std::string& port);
+
+}  // namespace varnel::comms

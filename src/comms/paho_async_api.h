@@ -1,0 +1,34 @@
+#pragma once
+
+#include <MQTTAsync.h>
+
+#include <string>
+#include <string_view>
+
+namespace varnel::comms {
+
+/// Exactly the calls of the asynchronous MQTT library that ClientMqttAsync makes, with the
+/// library's own return codes; tests hand in a fake.
+class PahoAsyncApi {
+ public:
+  virtual ~PahoAsyncApi() = default;
+  virtual std::string Version() const;
+  virtual int Create(MQTTAsync* handle, const std::string& uri, const std::string& client_id,
+                     MQTTAsync_createOptions& options);
+  virtual int SetCallbacks(MQTTAsync handle, void* context, MQTTAsync_connectionLost* lost,
+                           MQTTAsync_messageArrived* arrived);
+  virtual int SetDisconnected(MQTTAsync handle, void* context,
+                              MQTTAsync_disconnected* disconnected);
+  virtual int Connect(MQTTAsync handle, const MQTTAsync_connectOptions& options);
+  virtual int Disconnect(MQTTAsync handle, const MQTTAsync_disconnectOptions& options);
+  virtual int Subscribe(MQTTAsync handle, const std::string& filter, int qos,
+                        MQTTAsync_responseOptions& options);
+  virtual int Send(MQTTAsync handle, const std::string& topic, const MQTTAsync_message& message,
+                   MQTTAsync_responseOptions& options);
+  virtual void Destroy(MQTTAsync handle);
+
+  /// The library itself.
+  static PahoAsyncApi& Library();
+};
+
+}  // namespace varnel::comms

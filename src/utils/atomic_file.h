@@ -1,0 +1,52 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+namespace varnel::utils {
+
+/// Replaces the file so that after a power failure either the old or the new content is there. A
+/// link is replaced, not followed. An error leaves the old file, except one of the directory's own
+/// sync, which comes after the rename.
+[[nodiscard]] std::error_code WriteFileAtomically(const std::filesystem::path& target,
+                                                  std::string_view bytes, mode_t mode = 0644);
+
+/// The same for a file that another program writes: it gets TemporaryPath(), and Commit() puts the
+/// result in place.
+class ReplacementFile {
+ public:
+  /// An empty hidden file beside the target with the target's extension, which many programs choose
+  /// their format by.
+  [[nodiscard]] static std::optional<ReplacementFile> Create(const std::filesystem::path& target,
+                                                             mode_t mode, std::error_code& error);
+  ReplacementFile(ReplacementFile&& other) noexcept;
+  ReplacementFile& operator=(ReplacementFile&& other) noexcept;
+  ReplacementFile(const ReplacementFile&) = delete;
+  ReplacementFile& operator=(const ReplacementFile&) = delete;
+  /// Removes the temporary file unless it was committed.
+  ~ReplacementFile();
+
+  const std::filesystem::path& TemporaryPath() const { return temporary_; }
+  [[nodiscard]] std::error_code Commit();
+
+ private:
+  ReplacementFile(std::filesystem::path target, std::filesystem::path temporary, mode_t mode);
+  void Discard() noexcept;
+
+  std::filesystem::path target_;
+  std::filesystem::path temporary_;  ///< empty when nothing is to be removed
+  mode_t mode_;
+};
+
+/// The content of a regular file (also of /proc and /sys). Nothing when it is missing, of another
+/// kind, unreadable or longer than `max_bytes`.
+[[nodiscard]] std::optional<std::string> ReadSmallFile(const std::filesystem::path& path,
+                                                       size_t max_bytes);
+
+}  // namespace varnel::utils

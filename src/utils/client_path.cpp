@@ -1,0 +1,109 @@
+#include "utils/client_path.h"
+
+#include <algorithm>
+#include <climits>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+namespace varnel::utils {
+namespace {
+
+namespace fs = std::filesystem;
+
+bool IsControl(char c) {
+  return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+}
+
+/// Also what keeps the path from being read as an option by other programs: it begins with "/".
+bool IsWellFormed(const std::string& path) {
+  return path.starts_with('/') && !path.ends_with('/') && path.size() < PATH_MAX &&
+         std::none_of(path.begin(), path.end(), IsControl);
+}
+
+bool IsFileName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." && name.size() <= NAME_MAX;
+}
+
+bool NameMatches(const std::string& pattern, const std::string& name) {
+  if (!pattern.ends_with('*')) {
+    return pattern == name;
+  }
+  return name.starts_with(std::string_view(pattern).substr(0, pattern.size() - 1));
+}
+
+/// Name by name, so that /etcetera is not in /etc.
+bool IsWithin(const fs::path& path, const fs::path& directory) {
+  auto name = path.begin();
+  for (const fs::path& pattern : directory) {
+    if (pattern.empty()) {
+      continue;  // stands for a "/" at the end
+    }
+    if (name == path.end() || !NameMatches(pattern.string(), name->string())) {
+      return false;
+    }
+    ++name;
+  }
+  return true;
+}
+
+/// The directory as written in the rules or as it really is: either may be a link on this board.
+bool IsWithinReal(const fs::path& path, const fs::path& directory) {
+  std::error_code error;
+  const fs::path real = fs::canonical(directory, error);
+  return IsWithin(path, directory) || (!error && IsWithin(path, real));
+}
+
+bool IsWithinAny(const fs::path& path, const std::vector<fs::path>& directories) {
+  return std::any_of(directories.begin(), directories.end(),
+                     [&](const fs::path& directory) { return IsWithinReal(path, directory); });
+}
+
+bool IsFreeOrRegular(const fs::path& target) {
+  std::error_code error;
+  const fs::file_type type = fs::symlink_status(target, error).type();
+  return type == fs::file_type::not_found || type == fs::file_type::regular;
+}
+
+}  // namespace
+
+ClientPathPolicy::ClientPathPolicy(ClientPathRules rules) : rules_(std::move(rules)) {}
+
+std::optional<fs::path> ClientPathPolicy::Resolve(const std::string& client_path) const {
+  if (!IsWellFormed(client_path)) {
+    return std::nullopt;
+  }
+  const fs::path normal = fs::path(client_path).lexically_normal();
+  std::error_code error;
+  const fs::path directory = fs::canonical(normal.parent_path(), error);
+  if (error || !IsFileName(normal.filename().string())) {
+    return std::nullopt;
+  }
+  fs::path target = directory / normal.filename();
+  if (!IsAllowed(target) || !IsFreeOrRegular(target)) {
+    return std::nullopt;
+  }
+  return target;
+}
+
+void ClientPathPolicy::AllowDirectory(const fs::path& directory) {
+  const std::lock_guard lock(mutex_);
+  if (std::find(drives_.begin(), drives_.end(), directory) == drives_.end()) {
+    drives_.push_back(directory);
+  }
+}
+
+bool ClientPathPolicy::IsAllowed(const fs::path& target) const {
+  if (IsOnDrive(target)) {
+    return true;
+  }
+  return !IsWithinAny(target, rules_.forbidden) && !IsWithinAny(target, rules_.own_state) &&
+         (rules_.allowed.empty() || IsWithinAny(target, rules_.allowed));
+}
+
+bool ClientPathPolicy::IsOnDrive(const fs::path& target) const {
+  const std::lock_guard lock(mutex_);
+  return IsWithinAny(target, drives_);
+}
+
+}  // namespace varnel::utils

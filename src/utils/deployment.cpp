@@ -1,0 +1,144 @@
+#include "utils/deployment.h"
+
+#include <array>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include "utils/atomic_file.h"
+#include "utils/log.h"
+#include "utils/log_text.h"
+
+namespace varnel::utils {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+constexpr const char* kTag = "MAIN";
+constexpr size_t kMaxFileBytes = size_t{1} << 20U;
+
+template <auto Member, uint64_t Min, uint64_t Max>
+bool ReadNumber(const json& value, Deployment& deployment) {
+  if (!value.is_number_unsigned()) {
+    return false;
+  }
+  const auto number = value.get<uint64_t>();
+  if (number < Min || number > Max) {
+    return false;
+  }
+  deployment.*Member = number;
+  return true;
+}
+
+bool IsAbsolutePath(const json& value) {
+  if (!value.is_string()) {
+    return false;
+  }
+  const auto& text = value.get_ref<const std::string&>();
+  return text.starts_with('/') && text.find('\0') == std::string::npos;
+}
+
+template <auto Member>
+bool ReadDirectories(const json& value, Deployment& deployment) {
+  if (!value.is_array()) {
+    return false;
+  }
+  std::vector<fs::path> directories;
+  for (const json& element : value) {
+    if (!IsAbsolutePath(element)) {
+      return false;
+    }
+    directories.emplace_back(element.get_ref<const std::string&>());
+  }
+  deployment.*Member = std::move(directories);
+  return true;
+}
+
+struct Key {
+  std::string_view path;  ///< the names of nested objects are joined by dots
+  bool (*read)(const json& value, Deployment& deployment);
+  const char* expected;
+};
+
+// clang-format off
+constexpr std::array kKeys = {
+    Key{"min_free_space_mib", ReadNumber<&Deployment::min_free_space_mib, 0, 1'048'576>, "a whole number from 0 to 1048576"},
+    Key{"client_write_directories", ReadDirectories<&Deployment::client_write_directories>, "a list of absolute paths"},
+};
+// clang-format on
+
+const Key* FindKey(std::string_view path) {
+  for (const Key& key : kKeys) {
+    if (key.path == path) {
+      return &key;
+    }
+  }
+  return nullptr;
+}
+
+bool IsGroup(const std::string& path) {
+  for (const Key& key : kKeys) {
+    if (key.path.starts_with(path + ".")) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void Ignore(const std::string& path, const std::string& why) {
+  VLOG_WARN(kTag, "deployment settings: {} {}, the default is used", LogText(path), why);
+}
+
+/// `prefix` is the path of the object with a dot, or empty. The depth is that of the table, not of
+/// the file.
+void ReadObject(const json& object, const std::string& prefix, Deployment& deployment) {
+  for (const auto& [name, value] : object.items()) {
+    const std::string path = prefix + name;
+    if (const Key* key = FindKey(path); key != nullptr) {
+      if (!key->read(value, deployment)) {
+        Ignore(path, std::string("must be ") + key->expected);
+      }
+    } else if (!IsGroup(path)) {
+      VLOG_WARN(kTag, "deployment settings: unknown key {}, it is ignored", LogText(path));
+    } else if (!value.is_object()) {
+      Ignore(path, "must be an object");
+    } else {
+      ReadObject(value, path + ".", deployment);
+    }
+  }
+}
+
+/// Absent when there is nothing to read; what is wrong has been logged.
+std::optional<json> ReadSettings(const fs::path& file) {
+  std::error_code error;
+  if (fs::symlink_status(file, error).type() == fs::file_type::not_found) {
+    return std::nullopt;
+  }
+  const std::optional<std::string> text = ReadSmallFile(file, kMaxFileBytes);
+  if (!text) {
+    VLOG_WARN(kTag, "deployment settings: {} cannot be read or is over 1 MiB, defaults are used",
+              file.string());
+    return std::nullopt;
+  }
+  json settings = json::parse(*text, nullptr, false);
+  if (!settings.is_object()) {
+    VLOG_WARN(kTag, "deployment settings: {} is no JSON object, defaults are used", file.string());
+    return std::nullopt;
+  }
+  return settings;
+}
+
+}  // namespace
+
+Deployment LoadDeployment(const fs::path& file) {
+  Deployment deployment;
+  if (const std::optional<json> settings = ReadSettings(file)) {
+    ReadObject(*settings, "", deployment);
+  }
+  return deployment;
+}
+
+}  // namespace varnel::utils

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <vector>
+
+namespace varnel::utils {
+
+/// What the maker chooses at deployment. Every value has a working default.
+struct Deployment {
+  /// Frames, archives and downloads fail below this much free space; 0 switches the check off.
+  uint64_t min_free_space_mib = 64;
+  /// Narrows where clients may have files written; empty does not.
+  std::vector<std::filesystem::path> client_write_directories;
+};
+
+/// Reads the file once at start. A missing file means defaults; a broken one or one over 1 MiB the
+/// same with a warning. An unknown key or a wrong value is warned about by its path, and that key
+/// keeps its default.
+[[nodiscard]] Deployment LoadDeployment(
+    const std::filesystem::path& file = "/etc/varnel/deployment.json");
+
+}  // namespace varnel::utils

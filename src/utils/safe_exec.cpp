@@ -1,0 +1,267 @@
+#include "utils/safe_exec.h"
+
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <string_view>
+#include <utility>
+
+#include "utils/child_process.h"
+
+namespace varnel::utils {
+namespace {
+
+using SteadyTime = std::chrono::steady_clock::time_point;
+using Deadline = std::optional<SteadyTime>;
+
+constexpr int32_t kNotExecutable = 127;
+constexpr int32_t kSignalBase = 128;
+/// How often the child is asked for where the kernel cannot tell its end (before Linux 5.3).
+constexpr int kFallbackPollMs = 5;
+
+/// One output of the child: at most `limit` bytes are kept, the rest is read and dropped, or the
+/// child would block.
+class CapturedStream {
+ public:
+  CapturedStream(UniqueFd pipe, size_t limit) : pipe_(std::move(pipe)), limit_(limit) {}
+
+  /// -1 once the child's side is closed; poll() passes over it.
+  int Fd() const { return pipe_.Get(); }
+  bool Cut() const { return cut_; }
+  std::string TakeText() { return std::move(text_); }
+
+  /// One read of what is there; returns the bytes read. A single one, or an endless writer would
+  /// keep the caller from looking at its time limit.
+  size_t ReadSome(size_t max_bytes) {
+    std::array<char, 16384> buffer;
+    const ssize_t got = ::read(pipe_.Get(), buffer.data(), std::min(max_bytes, buffer.size()));
+    if (got > 0) {
+      Keep({buffer.data(), static_cast<size_t>(got)});
+      return static_cast<size_t>(got);
+    }
+    if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
+      pipe_.Reset();
+    }
+    return 0;
+  }
+
+  /// What is in the pipe now. Not until end-of-file: a grandchild may keep the pipe open and go on
+  /// writing.
+  void ReadPending() {
+    int pending = 0;
+    if (!pipe_ || ::ioctl(pipe_.Get(), FIONREAD, &pending) != 0) {
+      return;
+    }
+    auto left = static_cast<size_t>(std::max(pending, 0));
+    while (left > 0 && pipe_) {
+      left -= ReadSome(left);
+    }
+  }
+
+ private:
+  void Keep(std::string_view bytes) {
+    const size_t kept = std::min(bytes.size(), limit_ - text_.size());
+    cut_ = cut_ || kept < bytes.size();
+    text_.append(bytes.substr(0, kept));
+  }
+
+  UniqueFd pipe_;
+  size_t limit_;
+  std::string text_;
+  bool cut_ = false;
+};
+
+bool Passed(const Deadline& deadline) {
+  return deadline && std::chrono::steady_clock::now() >= *deadline;
+}
+
+/// For poll(): rounded up, so that it does not spin through the last millisecond.
+int MillisecondsLeft(const Deadline& deadline) {
+  if (!deadline) {
+    return -1;
+  }
+  using std::chrono::milliseconds;
+  const auto left =
+      std::chrono::ceil<milliseconds>(*deadline - std::chrono::steady_clock::now()).count();
+  return static_cast<int>(std::clamp<int64_t>(left, 0, INT32_MAX));
+}
+
+int WaitTime(const ChildProcess& child, const Deadline& deadline) {
+  const int left = MillisecondsLeft(deadline);
+  if (child.EndedFd() >= 0) {
+    return left;
+  }
+  return left < 0 ? kFallbackPollMs : std::min(left, kFallbackPollMs);
+}
+
+/// Captures until the child ends (true) or the time limit runs out (false).
+bool CaptureUntilEnd(const ChildProcess& child, CapturedStream& out, CapturedStream& err,
+                     const Deadline& deadline) {
+  for (;;) {
+    std::array<pollfd, 3> fds = {pollfd{child.EndedFd(), POLLIN, 0}, pollfd{out.Fd(), POLLIN, 0},
+                                 pollfd{err.Fd(), POLLIN, 0}};
+    const int ready = ::poll(fds.data(), fds.size(), WaitTime(child, deadline));
+    if (ready > 0 && fds[1].revents != 0) {
+      out.ReadSome(SIZE_MAX);
+    }
+    if (ready > 0 && fds[2].revents != 0) {
+      err.ReadSome(SIZE_MAX);
+    }
+    const bool ended = child.EndedFd() >= 0 && ready >= 0 ? fds[0].revents != 0 : child.HasEnded();
+    if (ended) {
+      return true;
+    }
+    if (Passed(deadline)) {
+      return false;
+    }
+  }
+}
+
+/// Null-terminated pointers into the strings, as exec wants them.
+std::vector<char*> Pointers(std::vector<std::string>& strings) {
+  std::vector<char*> pointers;
+  pointers.reserve(strings.size() + 1);
+  for (std::string& text : strings) {
+    pointers.push_back(text.data());
+  }
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+/// The start was refused for want of something, as opposed to a program that cannot be run.
+bool IsShortage(int error) {
+  return error == EAGAIN || error == ENOMEM || error == EMFILE || error == ENFILE;
+}
+
+void SetStatus(SafeExec::Result& result, const std::optional<int>& status) {
+  if (!status) {
+    return;
+  }
+  if (WIFEXITED(*status)) {
+    result.exit_code = WEXITSTATUS(*status);
+    result.success = result.exit_code == 0;
+  } else if (WIFSIGNALED(*status)) {
+    result.exit_code = kSignalBase + WTERMSIG(*status);
+  }
+}
+
+}  // namespace
+
+SafeExec::SafeExec(std::string program_path) : program_path_(std::move(program_path)) {
+  if (program_path_.empty()) {
+    throw SafeExecException("Program path cannot be empty");
+  }
+}
+
+SafeExec& SafeExec::AddArg(std::string argument) {
+  arguments_.push_back(std::move(argument));
+  return *this;
+}
+
+SafeExec& SafeExec::AddEnv(const std::string& key, const std::string& value) {
+  environment_.push_back(key + "=" + value);
+  return *this;
+}
+
+SafeExec& SafeExec::SetWorkingDir(std::string path) {
+  working_dir_ = std::move(path);
+  return *this;
+}
+
+SafeExec& SafeExec::SetTimeout(uint32_t milliseconds) {
+  timeout_ms_ = milliseconds;
+  return *this;
+}
+
+SafeExec& SafeExec::SetOutputLimit(size_t bytes) {
+  output_limit_ = bytes;
+  return *this;
+}
+
+SafeExec::Result SafeExec::Execute() {
+  std::optional<Pipe> out = MakePipe();
+  std::optional<Pipe> err = out ? MakePipe() : std::nullopt;
+  if (!out || !err) {
+    throw SafeExecException("Failed to create pipe");
+  }
+  pid_t pid = -1;
+  const int error = Start(out->write_end.Get(), err->write_end.Get(), pid);
+  if (IsShortage(error)) {
+    throw SafeExecException("Failed to fork process");
+  }
+  if (error != 0) {
+    Result not_run;
+    not_run.exit_code = kNotExecutable;
+    return not_run;
+  }
+  // Ours are closed first: the end of the child's side must show, and the descriptors may be the
+  // last ones.
+  out->write_end.Reset();
+  err->write_end.Reset();
+  return Supervise(pid, std::move(out->read_end), std::move(err->read_end));
+}
+
+int SafeExec::Start(int out_fd, int err_fd, int& pid) {
+  std::vector<std::string> words = {program_path_};
+  words.insert(words.end(), arguments_.begin(), arguments_.end());
+  const std::vector<char*> arguments = Pointers(words);
+  const std::vector<char*> own_environment = Pointers(environment_);
+  ChildSetup setup;
+  setup.program = program_path_.c_str();
+  setup.arguments = arguments.data();
+  setup.environment = environment_.empty() ? environ : own_environment.data();
+  setup.working_dir = working_dir_ ? working_dir_->c_str() : nullptr;
+  setup.standard_output = out_fd;
+  setup.standard_error = err_fd;
+  return SpawnChild(setup, pid);
+}
+
+SafeExec::Result SafeExec::Supervise(int pid, UniqueFd out_pipe, UniqueFd err_pipe) const {
+  Deadline deadline;
+  if (timeout_ms_) {
+    deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(*timeout_ms_);
+  }
+  ChildProcess child(pid);
+  CapturedStream out(std::move(out_pipe), output_limit_);
+  CapturedStream err(std::move(err_pipe), output_limit_);
+  const bool ended = CaptureUntilEnd(child, out, err, deadline);
+  if (!ended) {
+    child.KillGroup();
+  }
+  const std::optional<int> status = child.Reap();
+  out.ReadPending();
+  err.ReadPending();
+  Result result;
+  SetStatus(result, ended ? status : std::nullopt);
+  result.output_cut = out.Cut() || err.Cut();
+  result.standard_output = out.TakeText();
+  result.standard_error = err.TakeText();
+  return result;
+}
+
+std::future<SafeExec::Result> SafeExec::ExecuteAsync() {
+  return std::async([this] { return Execute(); });
+}
+
+std::string SafeExec::ToString() const {
+  std::string line = program_path_;
+  for (const std::string& argument : arguments_) {
+    line += " \"";
+    for (const char c : argument) {
+      if (c == '"') {
+        line += '\\';
+      }
+      line += c;
+    }
+    line += '"';
+  }
+  return line;
+}
+
+}  // namespace varnel::utils

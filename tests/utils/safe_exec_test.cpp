@@ -1,0 +1,291 @@
+#include "utils/safe_exec.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <thread>
+#include <vector>
+
+#include "support/temp_dir.h"
+
+namespace varnel::utils {
+namespace {
+
+using namespace std::chrono_literals;
+using test::TempDir;
+
+SafeExec Shell(const std::string& script) {
+  SafeExec command("/bin/sh");
+  command.AddArg("-c").AddArg(script);
+  return command;
+}
+
+size_t OpenDescriptors() {
+  const std::filesystem::directory_iterator all("/proc/self/fd");
+  return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+bool HasChildren() {
+  return ::waitpid(-1, nullptr, WNOHANG) != -1 || errno != ECHILD;
+}
+
+TEST(SafeExecTest, EmptyProgramPathIsRefused) {
+  try {
+    SafeExec command("");
+    FAIL() << "no exception";
+  } catch (const SafeExecException& e) {
+    EXPECT_STREQ(e.what(), "Program path cannot be empty");
+  }
+}
+
+struct OutcomeCase {
+  const char* name;
+  const char* program;
+  std::vector<std::string> arguments;
+  const char* working_dir;
+  int exit_code;
+  std::string standard_output;
+  std::string standard_error;
+};
+
+class SafeExecOutcomeTest : public testing::TestWithParam<OutcomeCase> {};
+
+TEST_P(SafeExecOutcomeTest, IsReported) {
+  const OutcomeCase& expected = GetParam();
+  SafeExec command(expected.program);
+  for (const std::string& argument : expected.arguments) {
+    command.AddArg(argument);
+  }
+  if (expected.working_dir != nullptr) {
+    command.SetWorkingDir(expected.working_dir);
+  }
+  const size_t descriptors = OpenDescriptors();
+  const SafeExec::Result result = command.Execute();
+  EXPECT_EQ(result.exit_code, expected.exit_code);
+  EXPECT_EQ(result.success, expected.exit_code == 0);
+  EXPECT_EQ(result.standard_output, expected.standard_output);
+  EXPECT_EQ(result.standard_error, expected.standard_error);
+  EXPECT_EQ(OpenDescriptors(), descriptors);
+  EXPECT_FALSE(HasChildren());
+}
+
+const char* const kSh = "/bin/sh";
+INSTANTIATE_TEST_SUITE_P(
+    All, SafeExecOutcomeTest,
+    testing::Values(
+        OutcomeCase{"Success", "/usr/bin/which", {"/bin/sh"}, nullptr, 0, "/bin/sh\n", ""},
+        OutcomeCase{"Failure", "/usr/bin/which", {"/no/such"}, nullptr, 1, "", ""},
+        OutcomeCase{
+            "BothOutputs", kSh, {"-c", "echo a; echo b >&2; exit 7"}, nullptr, 7, "a\n", "b\n"},
+        OutcomeCase{"MissingProgram", "/no/such/program", {}, nullptr, 127, "", ""},
+        OutcomeCase{"NotExecutable", "/etc/passwd", {}, nullptr, 127, "", ""},
+        OutcomeCase{"DirectoryAsProgram", "/tmp", {}, nullptr, 127, "", ""},
+        OutcomeCase{"WorkingDir", kSh, {"-c", "pwd"}, "/usr", 0, "/usr\n", ""},
+        OutcomeCase{"MissingWorkingDir", kSh, {"-c", "pwd"}, "/no/such", 127, "", ""},
+        OutcomeCase{"Terminated", kSh, {"-c", "kill -TERM $$"}, nullptr, 143, "", ""},
+        OutcomeCase{"NoShellSyntax",
+                    "/bin/echo",
+                    {"$HOME; `id`", "a b"},
+                    nullptr,
+                    0,
+                    "$HOME; `id` a b\n",
+                    ""},
+        OutcomeCase{
+            "InputIsNull", "/usr/bin/readlink", {"/proc/self/fd/0"}, nullptr, 0, "/dev/null\n", ""},
+        OutcomeCase{"OwnProcessGroup",
+                    kSh,
+                    {"-c", "set -- $(cat /proc/$$/stat); test $1 = $5"},
+                    nullptr,
+                    0,
+                    "",
+                    ""}),
+    [](const auto& test) { return test.param.name; });
+
+TEST(SafeExecTest, EnvironmentIsInheritedUntilAnEntryReplacesIt) {
+  EXPECT_THAT(SafeExec("/usr/bin/env").Execute().standard_output, testing::HasSubstr("PATH="));
+  const auto result = SafeExec("/usr/bin/env").AddEnv("A", "1=2").AddEnv("B", "").Execute();
+  EXPECT_EQ(result.standard_output, "A=1=2\nB=\n");
+}
+
+TEST(SafeExecTest, ChildStartsWithDefaultSignals) {
+  ::signal(SIGPIPE, SIG_IGN);
+  sigset_t blocked;
+  sigset_t before;
+  sigfillset(&blocked);
+  pthread_sigmask(SIG_BLOCK, &blocked, &before);
+  const auto result = SafeExec("/bin/grep")
+                          .AddArg("-E")
+                          .AddArg("^Sig(Blk|Ign)")
+                          .AddArg("/proc/self/status")
+                          .Execute();
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  ::signal(SIGPIPE, SIG_DFL);
+  // The C library keeps two signals of its own (32 and 33) ignored.
+  EXPECT_THAT(result.standard_output,
+              testing::MatchesRegex("SigBlk:\t0+\nSigIgn:\t.{8}[08]0000000\n"));
+}
+
+TEST(SafeExecTest, ChildInheritsNoDescriptor) {
+  const UniqueFd inheritable(::dup(0));
+  const auto result = SafeExec("/bin/ls").AddArg("/proc/self/fd").Execute();
+  EXPECT_EQ(result.standard_output, "0\n1\n2\n3\n");  // the last one is the listed directory
+}
+
+TEST(SafeExecTest, TimeLimitKillsTheWholeGroupAndKeepsTheOutput) {
+  const TempDir dir;
+  const std::string pid_file = dir / "grandchild";
+  SafeExec command = Shell("echo early; sleep 60 & echo $! > '" + pid_file + "'; wait");
+  const auto start = std::chrono::steady_clock::now();
+  const auto result = command.SetTimeout(200).Execute();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+  EXPECT_EQ(result.exit_code, -1);
+  EXPECT_FALSE(result.success);
+  EXPECT_EQ(result.standard_output, "early\n");
+  const std::string stat = "/proc/" + std::to_string(std::stoi(test::ReadFile(pid_file))) + "/stat";
+  const std::string line = test::ReadFile(stat);
+  EXPECT_TRUE(line.empty() || line.find(") Z") != std::string::npos) << line;
+}
+
+TEST(SafeExecTest, TimeLimitHoldsAgainstAnEndlessWriter) {
+  const auto result = SafeExec("/usr/bin/yes").SetTimeout(100).SetOutputLimit(1000).Execute();
+  EXPECT_EQ(result.exit_code, -1);
+  EXPECT_EQ(result.standard_output.size(), 1000U);
+  EXPECT_TRUE(result.output_cut);
+}
+
+TEST(SafeExecTest, TenMegabytesOnBothPipesArriveWhole) {
+  const auto result =
+      Shell("head -c 10000000 /dev/zero & head -c 10000000 /dev/zero >&2; wait").Execute();
+  EXPECT_TRUE(result.success);
+  EXPECT_FALSE(result.output_cut);
+  EXPECT_EQ(result.standard_output, std::string(10'000'000, '\0'));
+  EXPECT_EQ(result.standard_error, std::string(10'000'000, '\0'));
+}
+
+TEST(SafeExecTest, ChildThatClosesItsPipesIsWaitedForWithoutSpinning) {
+  const std::clock_t before = std::clock();
+  const auto result = Shell("echo out; exec >&- 2>&-; sleep 0.5; exit 3").Execute();
+  EXPECT_EQ(result.exit_code, 3);
+  EXPECT_EQ(result.standard_output, "out\n");
+  EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 5);
+}
+
+TEST(SafeExecTest, GrandchildThatKeepsThePipesOpenDelaysNothing) {
+  const auto start = std::chrono::steady_clock::now();
+  const auto result = Shell("yes & echo $! >&2; exit 0").Execute();
+  ::kill(std::stoi(result.standard_error), SIGKILL);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+  EXPECT_TRUE(result.success);
+}
+
+TEST(SafeExecTest, HundredsInParallelLeaveNothingBehind) {
+  const size_t descriptors = OpenDescriptors();
+  std::atomic<int> good = 0;
+  {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 32; ++i) {
+      threads.emplace_back([&good, i] {
+        for (int round = 0; round < 10; ++round) {
+          const std::string text = std::to_string(i * 100 + round);
+          good += SafeExec("/bin/echo").AddArg(text).Execute().standard_output == text + "\n";
+        }
+      });
+    }
+  }
+  EXPECT_EQ(good, 320);
+  EXPECT_EQ(OpenDescriptors(), descriptors);
+  EXPECT_FALSE(HasChildren());
+}
+
+TEST(SafeExecTest, AsyncDeliversResult) {
+  SafeExec command = Shell("exit 5");
+  EXPECT_EQ(command.ExecuteAsync().get().exit_code, 5);
+}
+
+TEST(SafeExecTest, ToStringQuotesEachArgument) {
+  EXPECT_EQ(SafeExec("/bin/x").AddArg("a b").AddArg("say \"hi\"").AddArg("").ToString(),
+            R"(/bin/x "a b" "say \"hi\"" "")");
+}
+
+/// Lets the named system calls fail for the rest of this process.
+void RefuseCalls(std::initializer_list<unsigned> calls, unsigned error) {
+  std::vector<sock_filter> program = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 0)};
+  for (const unsigned call : calls) {
+    program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1));
+    program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error));
+  }
+  program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+  const sock_fprog filter = {static_cast<unsigned short>(program.size()), program.data()};
+  if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+      ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0) {
+    ::_exit(99);
+  }
+}
+
+void LimitDescriptors(rlim_t count) {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = std::min(count, limit.rlim_max);
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+/// Runs the body in a process of its own and returns its status; a SafeExecException's text goes to
+/// standard error.
+template <class Body>
+void RunApart(Body body) {
+  int status = 98;
+  try {
+    status = body();
+  } catch (const SafeExecException& e) {
+    LimitDescriptors(RLIM_INFINITY);  // the sanitizers need some for their checks
+    std::fputs(e.what(), stderr);
+    status = 42;
+  }
+  ::_exit(status);
+}
+
+TEST(SafeExecDeathTest, RefusedStartAndMissingDescriptorsThrow) {
+  EXPECT_EXIT(RunApart([] {
+                RefuseCalls({SYS_clone, SYS_clone3, SYS_vfork}, EAGAIN);
+                return SafeExec("/bin/true").Execute().exit_code;
+              }),
+              testing::ExitedWithCode(42), "Failed to fork process");
+  EXPECT_EXIT(RunApart([] {
+                LimitDescriptors(static_cast<rlim_t>(::dup(0)) + 1);
+                return SafeExec("/bin/true").Execute().exit_code;
+              }),
+              testing::ExitedWithCode(42), "Failed to create pipe");
+}
+
+TEST(SafeExecDeathTest, WorksWithoutStandardDescriptorsAndOnOldKernels) {
+  EXPECT_EXIT(RunApart([] {
+                ::close(0);
+                ::close(1);
+                return SafeExec("/bin/echo").AddArg("x").Execute().standard_output == "x\n" ? 0 : 1;
+              }),
+              testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(RunApart([] {
+                RefuseCalls({SYS_pidfd_open}, ENOSYS);
+                const bool ended =
+                    Shell("exec >&- 2>&-; sleep 0.1; exit 9").Execute().exit_code == 9;
+                const bool killed = Shell("sleep 9").SetTimeout(50).Execute().exit_code == -1;
+                return ended && killed ? 0 : 1;
+              }),
+              testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace varnel::utils
