@@ -25,21 +25,26 @@ bool IsFileName(const std::string& name) {
   return !name.empty() && name != "." && name != ".." && name.size() <= NAME_MAX;
 }
 
-bool NameMatches(const std::string& pattern, const std::string& name) {
-  if (!pattern.ends_with('*')) {
-    return pattern == name;
-  }
-  return name.starts_with(std::string_view(pattern).substr(0, pattern.size() - 1));
+using NameMatch = bool (*)(const std::string& pattern, const std::string& name);
+
+bool SameName(const std::string& pattern, const std::string& name) {
+  return pattern == name;
+}
+
+bool MatchesStar(const std::string& pattern, const std::string& name) {
+  return pattern.ends_with('*')
+             ? name.starts_with(std::string_view(pattern).substr(0, pattern.size() - 1))
+             : pattern == name;
 }
 
 /// Name by name, so that /etcetera is not in /etc.
-bool IsWithin(const fs::path& path, const fs::path& directory) {
+bool IsWithin(const fs::path& path, const fs::path& directory, NameMatch matches) {
   auto name = path.begin();
   for (const fs::path& pattern : directory) {
     if (pattern.empty()) {
       continue;  // stands for a "/" at the end
     }
-    if (name == path.end() || !NameMatches(pattern.string(), name->string())) {
+    if (name == path.end() || !matches(pattern.string(), name->string())) {
       return false;
     }
     ++name;
@@ -47,16 +52,14 @@ bool IsWithin(const fs::path& path, const fs::path& directory) {
   return true;
 }
 
-/// The directory as written in the rules or as it really is: either may be a link on this board.
-bool IsWithinReal(const fs::path& path, const fs::path& directory) {
-  std::error_code error;
-  const fs::path real = fs::canonical(directory, error);
-  return IsWithin(path, directory) || (!error && IsWithin(path, real));
-}
-
-bool IsWithinAny(const fs::path& path, const std::vector<fs::path>& directories) {
-  return std::any_of(directories.begin(), directories.end(),
-                     [&](const fs::path& directory) { return IsWithinReal(path, directory); });
+/// The directory as written or as it really is: either may be a link on this board.
+bool IsWithinAny(const fs::path& path, const std::vector<fs::path>& directories,
+                 NameMatch matches = SameName) {
+  return std::any_of(directories.begin(), directories.end(), [&](const fs::path& directory) {
+    std::error_code error;
+    const fs::path real = fs::canonical(directory, error);
+    return IsWithin(path, directory, matches) || (!error && IsWithin(path, real, SameName));
+  });
 }
 
 bool IsFreeOrRegular(const fs::path& target) {
@@ -76,7 +79,7 @@ std::optional<fs::path> ClientPathPolicy::Resolve(const std::string& client_path
   const fs::path normal = fs::path(client_path).lexically_normal();
   std::error_code error;
   const fs::path directory = fs::canonical(normal.parent_path(), error);
-  if (error || !IsFileName(normal.filename().string())) {
+  if (error || !fs::is_directory(directory, error) || !IsFileName(normal.filename().string())) {
     return std::nullopt;
   }
   fs::path target = directory / normal.filename();
@@ -97,13 +100,16 @@ bool ClientPathPolicy::IsAllowed(const fs::path& target) const {
   if (IsOnDrive(target)) {
     return true;
   }
-  return !IsWithinAny(target, rules_.forbidden) && !IsWithinAny(target, rules_.own_state) &&
+  return !IsWithinAny(target, rules_.forbidden, MatchesStar) &&
+         !IsWithinAny(target, rules_.own_state) &&
          (rules_.allowed.empty() || IsWithinAny(target, rules_.allowed));
 }
 
 bool ClientPathPolicy::IsOnDrive(const fs::path& target) const {
-  const std::lock_guard lock(mutex_);
-  return IsWithinAny(target, drives_);
+  std::unique_lock lock(mutex_);
+  const std::vector<fs::path> drives = drives_;
+  lock.unlock();  // a dying drive can block what follows
+  return IsWithinAny(target, drives);
 }
 
 }  // namespace varnel::utils

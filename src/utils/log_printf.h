@@ -9,11 +9,11 @@
 #define PLOG_WARN(tag, ...) PLOG_LINE_(warn, tag, __VA_ARGS__)
 #define PLOG_ERROR(tag, ...) PLOG_LINE_(err, tag, __VA_ARGS__)
 
-#define PLOG_LINE_(level, tag, ...)                                                   \
-  do {                                                                                \
-    if (::spdlog::should_log(::spdlog::level::level)) {                               \
-      ::varnel::utils::LogPrintf(::spdlog::level::level, tag, __LINE__, __VA_ARGS__); \
-    }                                                                                 \
+#define PLOG_LINE_(severity, tag, ...)                                                   \
+  do {                                                                                   \
+    if (::spdlog::should_log(::spdlog::level::severity)) {                               \
+      ::varnel::utils::LogPrintf(::spdlog::level::severity, tag, __LINE__, __VA_ARGS__); \
+    }                                                                                    \
   } while (false)
 
 namespace varnel::utils {

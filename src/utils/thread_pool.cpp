@@ -30,6 +30,8 @@ void ThreadPool::Stop() {
     dropped.swap(tasks_);
   }
   wake_.notify_all();
+  dropped.clear();  // before the join: whoever waits for one of them need not wait for the running
+                    // ones
   const std::lock_guard lock(join_mutex_);
   workers_.clear();
 }

@@ -1,0 +1,69 @@
+#include "utils/deployment.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace varnel::utils {
+namespace {
+
+using test::LogCapture;
+using test::TempDir;
+using testing::HasSubstr;
+
+TEST(DeploymentTest, MissingFileMeansDefaultsWithoutAWord) {
+  const TempDir dir;
+  const LogCapture log;
+  const Deployment deployment = LoadDeployment(dir / "missing.json");
+  EXPECT_EQ(deployment.min_free_space_mib, 64U);
+  EXPECT_TRUE(deployment.client_write_directories.empty());
+  EXPECT_EQ(log.Text(), "");
+}
+
+TEST(DeploymentTest, ValuesAreTaken) {
+  const TempDir dir;
+  const LogCapture log;
+  const Deployment deployment = LoadDeployment(dir.Write(
+      "d.json", R"({"min_free_space_mib": 0, "client_write_directories": ["/data", "/mnt/x"]})"));
+  EXPECT_EQ(deployment.min_free_space_mib, 0U);
+  EXPECT_THAT(deployment.client_write_directories, testing::ElementsAre("/data", "/mnt/x"));
+  EXPECT_EQ(log.Text(), "");
+}
+
+TEST(DeploymentTest, EachMistakeGivesOneWarningAndTheDefault) {
+  const struct {
+    std::string content;
+    const char* warning;
+  } cases[] = {
+      {R"({"min_free_space_mib": "64"})", "min_free_space_mib must be a whole number"},
+      {R"({"min_free_space_mib": -1})", "min_free_space_mib must be"},
+      {R"({"min_free_space_mib": 1.5})", "min_free_space_mib must be"},
+      {R"({"min_free_space_mib": 18446744073709551615})", "min_free_space_mib must be"},
+      {R"({"client_write_directories": "/data"})", "client_write_directories must be a list"},
+      {R"({"client_write_directories": ["/data", "data"]})", "client_write_directories must be"},
+      {R"({"client_write_directories": ["/a\u0000b"]})", "client_write_directories must be"},
+      {R"({"min_free\nspace": 1})", R"(unknown key min_free\x0aspace)"},
+      {"[]", "is no JSON object"},
+      {"{\"min_free_space_mib\": 1", "is no JSON object"},
+      {"", "is no JSON object"},
+      {std::string(100'000, '['), "is no JSON object"},
+      {std::string((1U << 20U) + 1, ' '), "is over 1 MiB"},
+  };
+  const TempDir dir;
+  for (const auto& test : cases) {
+    const LogCapture log;
+    const Deployment deployment = LoadDeployment(dir.Write("d.json", test.content));
+    EXPECT_EQ(deployment.min_free_space_mib, 64U);
+    EXPECT_TRUE(deployment.client_write_directories.empty());
+    const std::string text = log.Text();
+    EXPECT_THAT(text, HasSubstr(test.warning));
+    EXPECT_THAT(text, testing::StartsWith("warning: [MAIN:"));
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+  }
+}
+
+}  // namespace
+}  // namespace varnel::utils
