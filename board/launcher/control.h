@@ -1,0 +1,51 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "virtual_board/common/fd.h"
+#include "virtual_board/launcher/layout.h"
+
+namespace varnel::board {
+
+/// A request to the first process of a running board: a JSON array of words, answered by one JSON
+/// object, each in a packet of its own.
+///
+///     start NAME [ARGUMENT...]   starts a service, with other arguments when some are given
+///     signal NAME NUMBER
+///     wait NAME                  answers when the service does not run any more
+///     status
+///     stop                       ends the services in reverse order, then the board
+///
+/// An answer holds "ok" and the object "services"; one that failed holds "error".
+class ControlClient {
+ public:
+  explicit ControlClient(const Layout& layout);
+
+  /// False when no board runs in that directory.
+  [[nodiscard]] bool Connected() const { return static_cast<bool>(socket_); }
+  /// The board's first process as the host sees it; 0 without a board.
+  [[nodiscard]] pid_t HostPid() const;
+  /// Nothing when no answer came in time.
+  std::optional<nlohmann::json> Call(const std::vector<std::string>& words,
+                                     std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+ private:
+  Fd socket_;
+};
+
+/// The other end, listening inside the board; an empty descriptor on failure.
+Fd ListenForControl();
+
+/// Connects to a Unix socket whatever the length of its path; an empty descriptor when nobody
+/// listens.
+Fd ConnectUnix(const std::filesystem::path& path, int type);
+
+constexpr size_t kMaximumControlPacket = 65536;
+
+}  // namespace varnel::board

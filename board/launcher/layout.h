@@ -1,0 +1,56 @@
+#pragma once
+
+#include <filesystem>
+
+namespace varnel::board {
+
+/// Where the parts of one board lie in its directory on the host. Everything but the files in
+/// proc/, sys/ and etc/ stays between two boots.
+class Layout {
+ public:
+  explicit Layout(const std::filesystem::path& directory)
+      : root_(std::filesystem::absolute(directory).lexically_normal()) {}
+
+  [[nodiscard]] const std::filesystem::path& Root() const { return root_; }
+  [[nodiscard]] std::filesystem::path Userdata() const { return root_ / "userdata"; }
+  [[nodiscard]] std::filesystem::path Home() const { return root_ / "home"; }
+  [[nodiscard]] std::filesystem::path Oem() const { return root_ / "oem"; }
+  [[nodiscard]] std::filesystem::path EtcVarnel() const { return root_ / "etc-varnel"; }
+  [[nodiscard]] std::filesystem::path Tmp() const { return root_ / "tmp"; }
+  [[nodiscard]] std::filesystem::path Run() const { return root_ / "run"; }
+  [[nodiscard]] std::filesystem::path Sys() const { return root_ / "sys"; }
+  [[nodiscard]] std::filesystem::path Etc() const { return root_ / "etc"; }
+  [[nodiscard]] std::filesystem::path Proc() const { return root_ / "proc"; }
+  [[nodiscard]] std::filesystem::path Dev() const { return root_ / "dev"; }
+
+  /// Output of the services by name ("broker.log", "daemon.log"), "syslog", and "board.log" of the
+  /// sandbox.
+  [[nodiscard]] std::filesystem::path Log() const { return root_ / "log"; }
+  /// Sockets and controls of the virtual board itself; "/run/varnel-board" inside.
+  [[nodiscard]] std::filesystem::path Control() const { return Run() / "varnel-board"; }
+  [[nodiscard]] std::filesystem::path Services() const { return Control() / "services.json"; }
+  [[nodiscard]] std::filesystem::path BrokerSocket() const { return Control() / "mosquitto.sock"; }
+  [[nodiscard]] std::filesystem::path Camera() const { return Control() / "camera"; }
+  /// Answers of the i2cdetect stand-in.
+  [[nodiscard]] std::filesystem::path I2c() const { return Control() / "i2c"; }
+  [[nodiscard]] std::filesystem::path DaemonLog() const {
+    return Home() / "printer_data/logs/varnel.log";
+  }
+
+ private:
+  std::filesystem::path root_;
+};
+
+/// Paths inside every board.
+namespace inside {
+constexpr const char* kControl = "/run/varnel-board";
+constexpr const char* kControlSocket = "/run/varnel-board/control";
+constexpr const char* kServices = "/run/varnel-board/services.json";
+constexpr const char* kBrokerSocket = "/run/varnel-board/mosquitto.sock";
+constexpr const char* kLog = "/var/log";
+constexpr const char* kTools = "/opt/varnel/board";
+constexpr const char* kDaemon = "/opt/varnel/bin/varnel";
+constexpr const char* kBrokerConfig = "/etc/mosquitto.conf";
+}  // namespace inside
+
+}  // namespace varnel::board

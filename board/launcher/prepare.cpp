@@ -1,0 +1,125 @@
+#include "virtual_board/launcher/prepare.h"
+
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+#include "virtual_board/common/files.h"
+
+namespace varnel::board {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+namespace {
+
+constexpr const char* kBrokerConfiguration =
+    "user root\n"
+    "persistence false\n"
+    "allow_anonymous true\n"
+    "set_tcp_nodelay true\n"
+    "log_dest stderr\n"
+    "log_type error\n"
+    "log_type warning\n"
+    "log_type notice\n"
+    "listener 1883 127.0.0.1\n"
+    "listener 0 /run/varnel-board/mosquitto.sock\n"
+    "include_dir /etc/mosquitto.d\n";
+
+constexpr const char* kCpuInfo =
+    "processor\t: 0\n"
+    "BogoMIPS\t: 48.00\n"
+    "Features\t: fp asimd evtstrm crc32 cpuid\n"
+    "CPU architecture: 8\n"
+    "\n"
+    "Hardware\t: virtual board\n"
+    "Serial\t\t: 0123456789abcdef\n";
+
+constexpr const char* kUptime = "41.75 160.20\n";
+
+/// Address 0x37 answers and no driver holds it, so the sensor on that bus is not a MIPI camera's.
+constexpr const char* kFreeI2cAddress =
+    "     0  1  2  3  4  5  6  7  8  9  a  b  c  d  e  f\n"
+    "30:                      37                        \n";
+
+void Write(const fs::path& path, const std::string& content) {
+  if (!ReplaceFile(path, content)) throw std::runtime_error("cannot write " + path.string());
+}
+
+void WriteOnce(const fs::path& path, const std::string& content) {
+  if (!fs::exists(path)) Write(path, content);
+}
+
+void MakeDirectories(const Layout& layout) {
+  for (const fs::path& directory :
+       {layout.Userdata(), layout.DaemonLog().parent_path(), layout.Oem() / "printer_data",
+        layout.EtcVarnel(), layout.Tmp(), layout.Run(), layout.Sys(), layout.Etc() / "mosquitto.d",
+        layout.Proc(), layout.Dev(), layout.Log(), layout.I2c(), layout.Camera() / "frames"}) {
+    fs::create_directories(directory);
+  }
+}
+
+void WriteSystemFiles(const Layout& layout) {
+  Write(layout.Etc() / "passwd", "root:x:0:0:root:/root:/bin/sh\n");
+  Write(layout.Etc() / "group", "root:x:0:\n");
+  Write(layout.Etc() / "hosts", "127.0.0.1 localhost\n");
+  Write(layout.Etc() / "nsswitch.conf", "passwd: files\ngroup: files\nhosts: files dns\n");
+  Write(layout.Etc() / "mosquitto.conf", kBrokerConfiguration);
+  WriteOnce(layout.Proc() / "cpuinfo", kCpuInfo);
+  WriteOnce(layout.Proc() / "uptime", kUptime);
+  for (const char* camera : {"video11", "video18"}) WriteOnce(layout.Dev() / camera, "");
+}
+
+/// A new board shows the test chart; frames that somebody put there stay.
+void PlaceFrames(const Layout& layout, const fs::path& tools) {
+  const fs::path frames = layout.Camera() / "frames";
+  if (!fs::is_empty(frames)) return;
+  for (const char* name : {"chart.nv12", "chart.yuyv"}) {
+    fs::copy_file(tools / "chart" / name, frames / name);
+  }
+}
+
+void ForgetLastBoot(const Layout& layout) {
+  for (const fs::path& file : {layout.BrokerSocket(), layout.Control() / "control",
+                               layout.Camera() / "journal", layout.Camera() / "faults"}) {
+    fs::remove(file);
+  }
+}
+
+json Service(const char* name, const std::vector<std::string>& command, bool start) {
+  return {{"name", name}, {"command", command}, {"start", start}};
+}
+
+void WriteServices(const BootOptions& options, const Layout& layout) {
+  json services = json::array();
+  services.push_back(Service("broker", {"/usr/sbin/mosquitto", "-c", inside::kBrokerConfig},
+                             options.start_broker));
+  if (!options.daemon.empty()) {
+    services.push_back(Service("daemon", {inside::kDaemon}, options.start_daemon));
+  }
+  const json all = {{"environment", BoardEnvironment(options)}, {"services", services}};
+  Write(layout.Services(), all.dump(2) + "\n");
+}
+
+}  // namespace
+
+std::map<std::string, std::string> BoardEnvironment(const BootOptions& options) {
+  std::map<std::string, std::string> environment = options.environment;
+  environment.insert(
+      {{"PATH", "/usr/sbin:/usr/bin:/sbin:/bin:/opt/varnel/board"},
+       {"HOME", "/root"},
+       {"LANG", "C.UTF-8"},
+       // Device messages of the board come without a device behind them in the kernel.
+       {"SYSTEMD_DEVICE_VERIFY_SYSFS", "0"}});
+  return environment;
+}
+
+void PrepareBoard(const BootOptions& options, const Layout& layout, const fs::path& tools) {
+  MakeDirectories(layout);
+  ForgetLastBoot(layout);
+  WriteSystemFiles(layout);
+  PlaceFrames(layout, tools);
+  WriteOnce(layout.I2c() / "answer", kFreeI2cAddress);
+  WriteServices(options, layout);
+}
+
+}  // namespace varnel::board
