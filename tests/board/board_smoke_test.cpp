@@ -136,6 +136,24 @@ TEST_F(BoardTest, OrphansAreBuried) {
   EXPECT_TRUE(std::none_of(processes.begin(), processes.end(), zombie));
 }
 
+TEST_F(BoardTest, FurtherServicesAreWatchedLikeTheOthers) {
+  EXPECT_FALSE(board_.SignalService("cloud", SIGTERM));
+  ASSERT_TRUE(board_.RunService("cloud", {"/usr/sbin/mosquitto", "-p", "1884"}));
+  EXPECT_FALSE(board_.RunService("cloud", {"/bin/true"})) << "it runs already";
+  ASSERT_TRUE(board_.SignalService("cloud", SIGKILL));
+  EXPECT_EQ(board_.AwaitServiceEnd("cloud"), 128 + SIGKILL);
+  ASSERT_TRUE(board_.RunService("cloud", {"/bin/sh", "-c", "exit 4"}));
+  EXPECT_EQ(board_.AwaitServiceEnd("cloud"), 4);
+  ASSERT_TRUE(board_.RunService("cloud", {"/nowhere"}));
+  EXPECT_EQ(board_.AwaitServiceEnd("cloud"), 127);
+}
+
+TEST(BoardsTest, ABoardThatCannotComeUpSaysSoAtOnce) {
+  BootOptions options = WithoutDaemon();
+  options.daemon = "/nowhere/varnel";
+  EXPECT_THROW(Board{options}, std::runtime_error);
+}
+
 TEST(BoardsTest, StandSideBySideAndGoWithoutATrace) {
   fs::path directory;
   {
