@@ -166,7 +166,8 @@ TEST(BoardsTest, StandSideBySideAndGoWithoutATrace) {
     const auto probe = usb.Shell("i2cdetect -y 4 0x37 0x37");
     EXPECT_EQ(probe.status, 0);
     EXPECT_THAT(probe.out, AllOf(HasSubstr("37"), Not(HasSubstr("UU"))));
-    const auto network = usb.OnNetwork({"mosquitto_sub", "-t", "smoke", "-C", "1", "-W", "5"});
+    const auto network =
+        usb.OnNetwork({"mosquitto_sub", "-h", "127.0.0.1", "-t", "smoke", "-C", "1", "-W", "5"});
     EXPECT_EQ(RunProgram(network).out, "second\n");
   }
   EXPECT_FALSE(fs::exists(directory));
