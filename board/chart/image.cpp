@@ -1,5 +1,6 @@
 #include "virtual_board/chart/image.h"
 
+#include <cmath>
 #include <cstdlib>
 #include <sstream>
 
@@ -25,7 +26,7 @@ Yuv ToYuv(const uint8_t* p) {
 }
 
 char Byte(double value) {
-  return static_cast<char>(static_cast<uint8_t>(value + 0.5));
+  return static_cast<char>(std::lround(value));
 }
 
 /// Mean colour of a block that shares its chroma sample.
@@ -96,7 +97,8 @@ std::optional<std::array<double, 3>> MeanError(const Image& a, const Image& b) {
   if (a.width != b.width || a.height != b.height || a.rgb.empty()) return std::nullopt;
   std::array<double, 3> sum{};
   for (size_t i = 0; i < a.rgb.size(); ++i) sum[i % 3] += std::abs(a.rgb[i] - b.rgb[i]);
-  for (double& channel : sum) channel /= static_cast<double>(a.rgb.size() / 3);
+  const size_t pixels = a.rgb.size() / 3;
+  for (double& channel : sum) channel /= static_cast<double>(pixels);
   return sum;
 }
 

@@ -77,6 +77,7 @@ bool EndsInTime(pid_t child, Clock::time_point deadline) {
 
 std::vector<char*> ArgumentPointers(const std::vector<std::string>& arguments) {
   std::vector<char*> pointers;
+  pointers.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments)
     pointers.push_back(const_cast<char*>(argument.c_str()));
   pointers.push_back(nullptr);

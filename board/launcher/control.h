@@ -17,6 +17,7 @@ namespace varnel::board {
 /// object, each in a packet of its own.
 ///
 ///     start NAME [ARGUMENT...]   starts a service, with other arguments when some are given
+///     run NAME COMMAND...        starts another service, which from then on is one like the others
 ///     signal NAME NUMBER
 ///     wait NAME                  answers when the service does not run any more
 ///     status

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -34,6 +35,17 @@ bool Await(std::chrono::milliseconds limit, Condition condition) {
     std::this_thread::sleep_for(5ms);
   }
   return true;
+}
+
+bool BrokerListens(const Layout& layout) {
+  return static_cast<bool>(ConnectUnix(layout.BrokerSocket(), SOCK_STREAM));
+}
+
+/// Leaves the child to be waited for.
+bool HasEnded(pid_t child) {
+  siginfo_t end{};
+  return ::waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+         end.si_pid != 0;
 }
 
 [[noreturn]] void Become(const std::vector<std::string>& command) {
@@ -68,17 +80,22 @@ void Boot(const BootOptions& options) {
   if (child < 0) throw std::runtime_error("no process for the board");
   const fs::path log = layout.Log() / "board.log";
   if (child == 0) BecomeInBackground(command, log);
-  const bool up =
-      AwaitBoard(layout, kBootLimit) && (!options.start_broker || AwaitBroker(layout, kBootLimit));
-  if (!up) throw std::runtime_error("the board did not come up, see " + log.string());
+  if (!AwaitBoot(layout, child, options.start_broker)) {
+    throw std::runtime_error("the board did not come up, see " + log.string());
+  }
 }
 
-bool AwaitBoard(const Layout& layout, std::chrono::milliseconds limit) {
-  return Await(limit, [&] { return ControlClient(layout).Call({"status"}).has_value(); });
+bool AwaitBoot(const Layout& layout, pid_t launcher, bool with_broker) {
+  bool up = false;
+  Await(kBootLimit, [&] {
+    up = ControlClient(layout).Call({"status"}) && (!with_broker || BrokerListens(layout));
+    return up || HasEnded(launcher);
+  });
+  return up;
 }
 
 bool AwaitBroker(const Layout& layout, std::chrono::milliseconds limit) {
-  return Await(limit, [&] { return bool(ConnectUnix(layout.BrokerSocket(), SOCK_STREAM)); });
+  return Await(limit, [&] { return BrokerListens(layout); });
 }
 
 bool Stop(const Layout& layout) {

@@ -18,10 +18,12 @@ void Boot(const BootOptions& options);
 /// Ends a running board and waits until nothing of it is left. False when it did not end in time.
 bool Stop(const Layout& layout);
 
+/// Waits until a board that `launcher`, a child of the caller, is booting takes requests, and its
+/// broker, if it is to start, connections. False when it does not come up; at once when the
+/// launcher ends.
+bool AwaitBoot(const Layout& layout, pid_t launcher, bool with_broker);
 /// False when there is no board or its broker takes no connections within the time.
 bool AwaitBroker(const Layout& layout, std::chrono::milliseconds limit);
-/// False when no board takes requests within the time.
-bool AwaitBoard(const Layout& layout, std::chrono::milliseconds limit);
 
 /// The directory of this program.
 std::filesystem::path ToolsDirectory();

@@ -32,7 +32,9 @@ constexpr const char* kUsage = R"(Usage:
   varnel-board signal-daemon DIR SIGNAL
   varnel-board wait-daemon DIR               waits for its end; ends with its status, 128 + signal if killed
   varnel-board start-broker DIR
-  varnel-board kill-broker DIR [SIGNAL]      and waits for its end
+  varnel-board kill-broker DIR [SIGNAL]      and waits for its end, unless it is STOP or CONT
+  varnel-board run-service DIR NAME COMMAND...     another program, watched like the daemon; log/NAME.log
+  varnel-board signal-service DIR NAME SIGNAL
   varnel-board status DIR
   varnel-board stop DIR
 )";
@@ -87,9 +89,21 @@ int StartDaemon(const Layout& layout, const Words& arguments) {
   return 0;
 }
 
+int SignalService(const Layout& layout, const Words& arguments) {
+  if (arguments.size() != 2) return Usage();
+  Ask(layout, {"signal", arguments[0], std::to_string(SignalNumber(arguments[1]))});
+  return 0;
+}
+
 int SignalDaemon(const Layout& layout, const Words& arguments) {
-  if (arguments.size() != 1) return Usage();
-  Ask(layout, {"signal", "daemon", std::to_string(SignalNumber(arguments[0]))});
+  return arguments.size() == 1 ? SignalService(layout, {"daemon", arguments[0]}) : Usage();
+}
+
+int RunService(const Layout& layout, const Words& arguments) {
+  if (arguments.size() < 2) return Usage();
+  Words request = {"run"};
+  request.insert(request.end(), arguments.begin(), arguments.end());
+  Ask(layout, request);
   return 0;
 }
 
@@ -110,7 +124,7 @@ int StartBroker(const Layout& layout, const Words&) {
 int KillBroker(const Layout& layout, const Words& arguments) {
   const int number = SignalNumber(arguments.empty() ? "KILL" : arguments[0]);
   Ask(layout, {"signal", "broker", std::to_string(number)});
-  AwaitEnd(layout, "broker");
+  if (number != SIGSTOP && number != SIGCONT) AwaitEnd(layout, "broker");
   return 0;
 }
 
@@ -143,6 +157,8 @@ const std::map<std::string, Verb>& Verbs() {
       {"wait-daemon", WaitDaemon},
       {"start-broker", StartBroker},
       {"kill-broker", KillBroker},
+      {"run-service", RunService},
+      {"signal-service", SignalService},
       {"status", PrintStatus},
       {"stop", StopBoard},
   };

@@ -41,7 +41,8 @@ void AddSystem(Command& command) {
   command.Add({"--symlink", "usr/sbin", "/sbin", "--symlink", "usr/lib", "/lib"});
   command.Add({"--symlink", "usr/lib64", "/lib64", "--proc", "/proc", "--dev", "/dev"});
   command.Add({"--dir", "/root", "--dir", "/var/tmp", "--tmpfs", "/mnt"});
-  for (const char* shared : {"/etc/alternatives", "/etc/ssl", "/etc/ld.so.cache"}) {
+  for (const char* shared :
+       {"/etc/alternatives", "/etc/ssl/certs", "/etc/ssl/openssl.cnf", "/etc/ld.so.cache"}) {
     command.Add({"--ro-bind-try", shared, shared});
   }
 }

@@ -165,18 +165,36 @@ bool Supervisor::ServeClient(Fd& client) {
 }
 
 json Supervisor::Handle(const std::vector<std::string>& words) {
+  const std::string error = Obey(words);
+  json answer = Status();
+  answer["ok"] = error.empty();
+  if (!error.empty()) answer["error"] = error;
+  return answer;
+}
+
+std::string Supervisor::Obey(const std::vector<std::string>& words) {
   const std::string verb = words.empty() ? "" : words[0];
   if (verb == "stop") stopping_ = true;
-  if (verb == "status" || verb == "stop") return Status();
+  if (verb == "status" || verb == "stop") return "";
+  if (verb == "run" && words.size() > 2) {
+    return RunService(words[1], {words.begin() + 2, words.end()});
+  }
   Service* service = words.size() < 2 ? nullptr : Find(words[1]);
-  if (service == nullptr) return {{"ok", false}, {"error", "no such request or service"}};
-  bool done = false;
-  if (verb == "start") done = service->Start({words.begin() + 2, words.end()});
-  if (verb == "signal" && words.size() == 3) done = service->Signal(std::atoi(words[2].c_str()));
-  json answer = Status();
-  answer["ok"] = done;
-  if (!done) answer["error"] = service->Running() ? "it runs already" : "it does not run";
-  return answer;
+  if (service == nullptr) return "no such request or service";
+  if (verb == "start") {
+    return service->Start({words.begin() + 2, words.end()}) ? "" : "it runs already";
+  }
+  if (verb != "signal" || words.size() != 3) return "no such request";
+  return service->Signal(std::atoi(words[2].c_str())) ? "" : "it does not run";
+}
+
+std::string Supervisor::RunService(const std::string& name,
+                                   const std::vector<std::string>& command) {
+  Service* service = Find(name);
+  if (service != nullptr && service->Running()) return "it runs already";
+  if (service == nullptr) service = &services_.emplace_back(name, command);
+  *service = Service(name, command);
+  return service->Start({}) ? "" : "it cannot be started";
 }
 
 json Supervisor::Status() const {

@@ -37,6 +37,9 @@ class Supervisor {
   void ServeClients(const std::vector<int>& readable);
 
   nlohmann::json Handle(const std::vector<std::string>& words);
+  /// What went wrong, or "".
+  std::string Obey(const std::vector<std::string>& words);
+  std::string RunService(const std::string& name, const std::vector<std::string>& command);
   [[nodiscard]] nlohmann::json Status() const;
   Service* Find(const std::string& name);
   void StopServices();

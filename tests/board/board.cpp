@@ -22,7 +22,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto kBootLimit = 30s;
 constexpr const char* kBoardVariable = "VARNEL_TEST_BOARD";
 
 fs::path TemporaryDirectory() {
@@ -74,6 +73,11 @@ void PassSanitizerSettings(BootOptions& options) {
   }
 }
 
+bool Ask(const Layout& layout, const std::vector<std::string>& request) {
+  const auto answer = ControlClient(layout).Call(request);
+  return answer && answer->value("ok", false);
+}
+
 std::unique_ptr<Board>& Attachment() {
   static std::unique_ptr<Board> board;
   return board;
@@ -106,13 +110,16 @@ std::unique_ptr<Board> Board::Attach(const fs::path& directory) {
 void Board::Launch(BootOptions options) {
   options.foreground = true;
   launcher_ = StartChild(BootCommand(options));
-  const bool up = AwaitBoard(layout_, kBootLimit) &&
-                  (!options.start_broker || AwaitBroker(layout_, kBootLimit));
-  if (!up) throw std::runtime_error("the board did not come up in " + layout_.Root().string());
+  if (AwaitBoot(layout_, launcher_, options.start_broker)) return;
+  End();
+  throw std::runtime_error("the board did not come up");
 }
 
 Board::~Board() {
-  if (launcher_ == 0) return;
+  if (launcher_ != 0) End();
+}
+
+void Board::End() const {
   if (!Stop(layout_)) ::kill(launcher_, SIGKILL);
   AwaitChild(launcher_);
   std::error_code error;
@@ -152,40 +159,37 @@ std::vector<std::string> Board::OnNetwork(const std::vector<std::string>& comman
   return EnterNetworkCommand(HostPid(), command);
 }
 
-namespace {
-
-bool Ask(const Layout& layout, const std::vector<std::string>& request) {
-  const auto answer = ControlClient(layout).Call(request);
-  return answer && answer->value("ok", false);
+bool Board::RunService(const std::string& name, const std::vector<std::string>& command) const {
+  std::vector<std::string> request = {"run", name};
+  request.insert(request.end(), command.begin(), command.end());
+  return Ask(layout_, request);
 }
 
-}  // namespace
+bool Board::SignalService(const std::string& name, int signal) const {
+  return Ask(layout_, {"signal", name, std::to_string(signal)});
+}
+
+std::optional<int> Board::AwaitServiceEnd(const std::string& name,
+                                          std::chrono::milliseconds limit) const {
+  const auto answer = ControlClient(layout_).Call({"wait", name}, limit);
+  if (!answer) return std::nullopt;
+  const json& service = answer->at("services").at(name);
+  if (service.contains("signal")) return 128 + service.at("signal").get<int>();
+  return service.value("status", 0);
+}
 
 bool Board::StartBroker() const {
-  return Ask(layout_, {"start", "broker"}) && AwaitBroker(layout_, kBootLimit);
+  return Ask(layout_, {"start", "broker"}) && AwaitBroker(layout_, 10s);
 }
 
 bool Board::KillBroker(int signal) const {
-  return Ask(layout_, {"signal", "broker", std::to_string(signal)}) &&
-         Ask(layout_, {"wait", "broker"});
+  return SignalService("broker", signal) && AwaitServiceEnd("broker").has_value();
 }
 
 bool Board::StartDaemon(const std::vector<std::string>& arguments) const {
   std::vector<std::string> request = {"start", "daemon"};
   request.insert(request.end(), arguments.begin(), arguments.end());
   return Ask(layout_, request);
-}
-
-bool Board::SignalDaemon(int signal) const {
-  return Ask(layout_, {"signal", "daemon", std::to_string(signal)});
-}
-
-std::optional<int> Board::AwaitDaemonEnd(std::chrono::milliseconds limit) const {
-  const auto answer = ControlClient(layout_).Call({"wait", "daemon"}, limit);
-  if (!answer) return std::nullopt;
-  const json& daemon = answer->at("services").at("daemon");
-  if (daemon.contains("signal")) return 128 + daemon.at("signal").get<int>();
-  return daemon.value("status", 0);
 }
 
 std::string Board::DaemonLog() const {

@@ -70,6 +70,14 @@ class Board {
   /// The command for a program of the host that is to run on the board's network.
   [[nodiscard]] std::vector<std::string> OnNetwork(const std::vector<std::string>& command) const;
 
+  /// Services: "broker", "daemon", and those that were started with RunService(). False when that
+  /// is refused.
+  bool RunService(const std::string& name, const std::vector<std::string>& command) const;
+  bool SignalService(const std::string& name, int signal) const;
+  /// Waits for its end: its exit status, or 128 + signal. Nothing at the time limit.
+  [[nodiscard]] std::optional<int> AwaitServiceEnd(
+      const std::string& name, std::chrono::milliseconds limit = std::chrono::seconds(15)) const;
+
   /// Returns when the broker takes connections.
   bool StartBroker() const;
   /// Returns when it has ended.
@@ -77,10 +85,11 @@ class Board {
 
   /// Arguments replace those of the last start, when any are given.
   bool StartDaemon(const std::vector<std::string>& arguments = {}) const;
-  bool SignalDaemon(int signal) const;
-  /// Waits for the daemon's end: its exit status, or 128 + signal. Nothing at the time limit.
+  bool SignalDaemon(int signal) const { return SignalService("daemon", signal); }
   [[nodiscard]] std::optional<int> AwaitDaemonEnd(
-      std::chrono::milliseconds limit = std::chrono::seconds(15)) const;
+      std::chrono::milliseconds limit = std::chrono::seconds(15)) const {
+    return AwaitServiceEnd("daemon", limit);
+  }
   [[nodiscard]] bool DaemonRunning() const { return DaemonPid() != 0; }
   /// The daemon's host process, 0 when it does not run.
   [[nodiscard]] pid_t DaemonPid() const;
@@ -103,6 +112,8 @@ class Board {
   struct Attached {};
   Board(Attached, const std::filesystem::path& directory);
   void Launch(BootOptions options);
+  /// Ends the board, whatever state it is in, and removes a temporary directory.
+  void End() const;
   [[nodiscard]] pid_t HostPid() const;
 
   bool temporary_ = false;

@@ -136,6 +136,24 @@ TEST_F(BoardTest, OrphansAreBuried) {
   EXPECT_TRUE(std::none_of(processes.begin(), processes.end(), zombie));
 }
 
+TEST_F(BoardTest, FurtherServicesAreWatchedLikeTheOthers) {
+  EXPECT_FALSE(board_.SignalService("cloud", SIGTERM));
+  ASSERT_TRUE(board_.RunService("cloud", {"/usr/sbin/mosquitto", "-p", "1884"}));
+  EXPECT_FALSE(board_.RunService("cloud", {"/bin/true"})) << "it runs already";
+  ASSERT_TRUE(board_.SignalService("cloud", SIGKILL));
+  EXPECT_EQ(board_.AwaitServiceEnd("cloud"), 128 + SIGKILL);
+  ASSERT_TRUE(board_.RunService("cloud", {"/bin/sh", "-c", "exit 4"}));
+  EXPECT_EQ(board_.AwaitServiceEnd("cloud"), 4);
+  ASSERT_TRUE(board_.RunService("cloud", {"/nowhere"}));
+  EXPECT_EQ(board_.AwaitServiceEnd("cloud"), 127);
+}
+
+TEST(BoardsTest, ABoardThatCannotComeUpSaysSoAtOnce) {
+  BootOptions options = WithoutDaemon();
+  options.daemon = "/nowhere/varnel";
+  EXPECT_THROW(Board{options}, std::runtime_error);
+}
+
 TEST(BoardsTest, StandSideBySideAndGoWithoutATrace) {
   fs::path directory;
   {
@@ -148,7 +166,8 @@ TEST(BoardsTest, StandSideBySideAndGoWithoutATrace) {
     const auto probe = usb.Shell("i2cdetect -y 4 0x37 0x37");
     EXPECT_EQ(probe.status, 0);
     EXPECT_THAT(probe.out, AllOf(HasSubstr("37"), Not(HasSubstr("UU"))));
-    const auto network = usb.OnNetwork({"mosquitto_sub", "-t", "smoke", "-C", "1", "-W", "5"});
+    const auto network =
+        usb.OnNetwork({"mosquitto_sub", "-h", "127.0.0.1", "-t", "smoke", "-C", "1", "-W", "5"});
     EXPECT_EQ(RunProgram(network).out, "second\n");
   }
   EXPECT_FALSE(fs::exists(directory));
