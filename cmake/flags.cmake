@@ -21,8 +21,9 @@ endif()
 
 find_program(VARNEL_CCACHE ccache)
 if(VARNEL_CCACHE)
-  # The sloppiness that ccache asks for when a precompiled header is in use.
-  set(launcher ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
+  # A checkout elsewhere finds the same objects; the sloppiness is what ccache asks for with a precompiled header.
+  set(launcher ${CMAKE_COMMAND} -E env CCACHE_BASEDIR=${PROJECT_SOURCE_DIR} CCACHE_NOHASHDIR=true
+    CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
     ${VARNEL_CCACHE})
   set(CMAKE_CXX_COMPILER_LAUNCHER ${launcher})
   set(CMAKE_C_COMPILER_LAUNCHER ${launcher})

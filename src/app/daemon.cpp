@@ -1,0 +1,158 @@
+#include "app/daemon.h"
+
+#include <unistd.h>
+
+#include <memory>
+
+#include "app/environment_check.h"
+#include "app/signal_handling.h"
+#include "comms/comms_manager.h"
+#include "hal_adapter/ai_adapter.h"
+#include "hal_adapter/hal_event.h"
+#include "hal_adapter/multimedia_adapter.h"
+#include "hal_adapter/storage_adapter.h"
+#include "hal_adapter/system_adapter.h"
+#include "hal_interface/platform_init.h"
+#include "service/camera/camera_service.h"
+#include "utils/client_path.h"
+#include "utils/deployment.h"
+#include "utils/free_space.h"
+#include "utils/log.h"
+#include "utils/logger.h"
+
+namespace varnel::app {
+namespace {
+
+constexpr const char* kTag = "MAIN";
+constexpr const char* kLoggerName = "varnel";
+constexpr const char* kLogFileName = "varnel.log";
+constexpr size_t kLogFileMb = 10;
+constexpr size_t kLogFiles = 5;
+constexpr std::chrono::seconds kFlushPeriod{10};
+
+std::shared_ptr<utils::Logger> StartLogging(LogTarget target,
+                                            const std::filesystem::path& directory) {
+  std::shared_ptr<utils::Logger> logger;
+  if (target == LogTarget::kConsole) {
+    VLOG_INFO(kTag, "Output logs to console");
+  } else {
+    logger = std::make_shared<utils::Logger>(kLoggerName, (directory / kLogFileName).string(),
+                                             kLogFileMb, kLogFiles);
+  }
+  spdlog::set_level(spdlog::level::info);
+  spdlog::flush_every(kFlushPeriod);
+  spdlog::default_logger()->flush();
+  return logger;
+}
+
+hal_adapter::SpaceCheck SpaceCheckOf(const utils::Deployment& deployment) {
+  const uint64_t min_mib = deployment.min_free_space_mib;
+  return [min_mib](const std::filesystem::path& destination) {
+    if (utils::EnoughFreeSpace(destination.parent_path(), min_mib << 20)) return true;
+    VLOG_ERROR(kTag, "Less than {} MiB free in {}, nothing is written there", min_mib,
+               destination.parent_path().string());
+    return false;
+  };
+}
+
+/// The hardware side, started in the order in which its areas depend on each other. A missing
+/// camera or identity is logged and does not keep the services from starting.
+struct Hardware {
+  explicit Hardware(const utils::Deployment& deployment)
+      : system(platform::platform_system_init),
+        multimedia(
+            {.init = platform::platform_multimedia_init, .has_space = SpaceCheckOf(deployment)}),
+        storage(platform::platform_storage_init),
+        ai(platform::platform_ai_init) {}
+
+  void Start() {
+    (void)hal_adapter::HALEvent::Instance();
+    (void)system.Start();
+    (void)multimedia.Start();
+    (void)storage.Start();
+    (void)ai.Start();
+  }
+
+  hal_adapter::SystemAdapter system;
+  hal_adapter::MultimediaAdapter multimedia;
+  hal_adapter::StorageAdapter storage;
+  hal_adapter::AiAdapter ai;
+};
+
+utils::ClientPathRules PathRulesOf(const utils::Deployment& deployment) {
+  utils::ClientPathRules rules;
+  rules.allowed = deployment.client_write_directories;
+  return rules;
+}
+
+/// The services, in their start order. The object lives until the process ends: their threads are
+/// not joined.
+class Services {
+ public:
+  Services(comms::CommsManager& comms, Hardware& hardware, const utils::Deployment& deployment)
+      : client_paths_(PathRulesOf(deployment)),
+        camera_(
+            comms,
+            [&hardware](const std::string& path) { return hardware.multimedia.TakePhoto(path); },
+            client_paths_) {}
+
+  void Start() {
+    if (camera_.Start() != comms::CommsStatus::kOk)
+      VLOG_ERROR(kTag, "The camera service did not start");
+  }
+
+ private:
+  const utils::ClientPathPolicy client_paths_;
+  service::CameraService camera_;
+};
+
+void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& broker) {
+  // Whatever is made here is never taken apart: the process leaves by _exit, with service threads
+  // still running.
+  auto* logger = new std::shared_ptr<utils::Logger>(StartLogging(log_target, paths.log_directory));
+  (void)logger;
+  VLOG_INFO(kTag, "Start Varnel Service ...");
+  RemoveOldLogs(paths.log_directory);
+  CheckSystemPrograms(paths.program_locator, paths.programs);
+  LogUptime(paths.uptime);
+  const utils::Deployment deployment = utils::LoadDeployment(paths.deployment);
+
+  auto* hardware = new Hardware(deployment);
+  hardware->Start();
+  comms::CommsManager& comms = comms::CommsManager::Instance();
+  comms.SetSerialNumberProvider([hardware] { return hardware->system.Identity().serial_number; });
+  (void)comms.InitLocal();
+  auto* services = new Services(comms, *hardware, deployment);
+  services->Start();
+
+  Supervisor supervisor(comms, [] { return shutdown_requested != 0; });
+  supervisor.ConnectLocal(broker);
+  supervisor.Run();
+
+  VLOG_INFO(kTag, "Shutdown requested, stopping services...");
+  comms.Stop();
+  VLOG_INFO(kTag, "Shutdown complete");
+  spdlog::default_logger()->flush();
+}
+
+/// Ends the process after an exception; without a logger that takes errors there is nobody to tell.
+[[noreturn]] void FailWith(const char* reason) {
+  VLOG_ERROR(kTag, "main exception: {}", reason);
+  spdlog::default_logger()->flush();
+  _exit(1);
+}
+
+}  // namespace
+
+void RunDaemon(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& broker) {
+  try {
+    Run(log_target, paths, broker);
+  } catch (const std::exception& error) {
+    FailWith(error.what());
+  } catch (...) {
+    FailWith("unknown");
+  }
+  _exit(0);
+}
+
+}  // namespace varnel::app

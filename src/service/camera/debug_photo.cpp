@@ -1,0 +1,55 @@
+#include "service/camera/debug_photo.h"
+
+#include <fmt/format.h>
+
+#include <ctime>
+#include <filesystem>
+
+namespace varnel::service {
+namespace {
+
+std::optional<int64_t> ReadInteger(const nlohmann::json& value) {
+  if (!value.is_number_integer()) return std::nullopt;
+  const bool too_large = value.is_number_unsigned() && value.get<uint64_t>() > uint64_t{INT64_MAX};
+  if (too_large) return std::nullopt;
+  return value.get<int64_t>();
+}
+
+/// Fourteen digits of the local time.
+std::optional<std::string> LocalTimeDigits(int64_t seconds) {
+  const auto time = static_cast<std::time_t>(seconds);
+  std::tm local{};
+  if (!localtime_r(&time, &local)) return std::nullopt;
+  const int64_t year = int64_t{local.tm_year} + 1900;
+  if (year < 1 || year > 9999) return std::nullopt;
+  return fmt::format("{:04}{:02}{:02}{:02}{:02}{:02}", year, local.tm_mon + 1, local.tm_mday,
+                     local.tm_hour, local.tm_min, local.tm_sec);
+}
+
+}  // namespace
+
+std::optional<DebugPhotoRequest> ParseDebugPhoto(const nlohmann::json& params) {
+  DebugPhotoRequest request;
+  if (const auto timestamp = params.find("timestamp"); timestamp != params.end()) {
+    const std::optional<int64_t> seconds = ReadInteger(*timestamp);
+    if (!seconds) return std::nullopt;
+    request.timestamp = *seconds;
+  }
+  if (const auto filepath = params.find("filepath"); filepath != params.end()) {
+    if (!filepath->is_string()) return std::nullopt;
+    request.filepath = filepath->get<std::string>();
+  }
+  return request;
+}
+
+std::optional<std::string> DebugPhotoPath(const DebugPhotoRequest& request) {
+  if (request.timestamp == 0) return request.filepath;
+  const std::optional<std::string> digits = LocalTimeDigits(request.timestamp);
+  if (!digits) return std::nullopt;
+  if (request.filepath.empty()) return request.filepath;
+  const std::filesystem::path given(request.filepath);
+  const std::string name = given.stem().string() + "_" + *digits + given.extension().string();
+  return (given.parent_path() / name).string();
+}
+
+}  // namespace varnel::service
