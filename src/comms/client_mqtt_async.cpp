@@ -351,6 +351,7 @@ CommsStatus ClientMqttAsync::Subscribe(const std::string& filter) {
 
 int ClientMqttAsync::SubscribeNow(const std::string& filter) {
   MQTTAsync_responseOptions options = MQTTAsync_responseOptions_initializer;
+  options.subscribeOptions.retainHandling = kRetainedOnlyToNewSubscriptions;
   options.onFailure5 = AsyncCallbacks::SubscribeFailed;
   options.context = context_;
   const int code = api_.Subscribe(live_handle_, filter, static_cast<int>(subscribe_qos_), options);

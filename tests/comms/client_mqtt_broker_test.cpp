@@ -69,6 +69,19 @@ TEST_F(MqttBrokerTest, DeliversByFilterAlsoToListenersAddedLater) {
   EXPECT_NE(client->Send("q1", Qos::kAtMostOnce, false, "x"), CommsStatus::kOk);
 }
 
+TEST_F(MqttBrokerTest, AReplacedListenerGetsNoRetainedMessageAgain) {
+  const auto client = NewClient("k");
+  ASSERT_TRUE(ConnectAndWait(*client, "k"));
+  EXPECT_EQ(client->Send("kept", Qos::kAtLeastOnce, true, "x"), CommsStatus::kOk);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(client->AddListener("kept", Into(box_)), CommsStatus::kOk);
+    EXPECT_TRUE(Eventually([&] { return !box_.Items().empty(); }));
+  }
+  EXPECT_EQ(client->Send("kept", Qos::kAtLeastOnce, false, "last"), CommsStatus::kOk);
+  EXPECT_TRUE(Eventually([&] { return box_.Items().back() == "kept=last"; }));
+  EXPECT_EQ(box_.Items().size(), 2U);
+}
+
 TEST_F(MqttBrokerTest, AProxyInTheEnvironmentChangesNothing) {
   setenv("http_proxy", "http://127.0.0.1:1", 1);
   const auto client = NewClient("p");
