@@ -161,6 +161,10 @@ CommsStatus ClientMqttAsync::ReconnectLocked() {
   // An attempt that failed at once has destroyed the handle; its settings are still here.
   if (!handle_) {
     if (const CommsStatus created = CreateHandle(); created != CommsStatus::kOk) return created;
+  } else {
+    // We may have been told of the failure by a library thread that is still taking that attempt
+    // apart, and would take ours apart with it.
+    api_.AwaitUnlocked(handle_.get());
   }
   const int code = StartConnect();
   if (code != MQTTASYNC_SUCCESS) {

@@ -58,7 +58,7 @@ TEST_P(TlsTest, OnlyTheRightPartnersMeet) {
   } else {
     EXPECT_EQ(lost.WaitFor(1).size(), 1U) << "the owner is told";
     EXPECT_FALSE(client->IsConnected());
-    EXPECT_THAT(log.Text(), HasSubstr("error: [MQTT:"));
+    EXPECT_THAT(log.Text(), HasSubstr("\nE [MQTT:"));
     (void)client->Connect(CloudSide::Settings("tls-test"));
     EXPECT_TRUE(Eventually([&] { return client->IsConnected(); })) << log.Text();
   }

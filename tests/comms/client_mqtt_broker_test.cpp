@@ -105,7 +105,7 @@ TEST_F(MqttBrokerTest, ComesBackAfterTheBrokerDied) {
     ASSERT_TRUE(Eventually([&] {
       (void)client->Reconnect();
       return Eventually([&] { return client->IsConnected(); });
-    }));
+    })) << log_.Text();
     EXPECT_TRUE(Reaches(*client, "t", std::to_string(round), box_));
   }
 }
