@@ -203,6 +203,24 @@ TEST(SafeExecTest, GrandchildThatKeepsThePipesOpenDelaysNothing) {
   EXPECT_TRUE(result.success);
 }
 
+TEST(SafeExecTest, OutputFileTakesBothOutputsAndIsOnlyAppendedTo) {
+  const TempDir dir;
+  const std::string file = dir / "out";
+  for (const char* script : {"echo a; echo b >&2; exit 3", "echo c"}) {
+    const auto result = Shell(script).SetOutputFile(file).Execute();
+    EXPECT_EQ(result.exit_code, script[5] == 'a' ? 3 : 0);
+    EXPECT_EQ(result.standard_output + result.standard_error, "");
+  }
+  EXPECT_EQ(test::ReadFile(file), "a\nb\nc\n");
+  EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0600));
+  EXPECT_EQ(SafeExec("/no/such/program").SetOutputFile(file).Execute().exit_code, 127);
+
+  const std::string link = dir / "link";
+  std::filesystem::create_symlink(file, link);
+  EXPECT_THROW((void)Shell("echo d").SetOutputFile(link).Execute(), SafeExecException);
+  EXPECT_EQ(test::ReadFile(file), "a\nb\nc\n");
+}
+
 TEST(SafeExecTest, HundredsInParallelLeaveNothingBehind) {
   const size_t descriptors = OpenDescriptors();
   std::atomic<int> good = 0;
