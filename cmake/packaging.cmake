@@ -10,7 +10,7 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME varnel)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "service daemon of a networked 3D printer")
 set(CPACK_PACKAGE_DESCRIPTION
-  "Answers JSON-RPC 2.0 over the MQTT broker on the printer's controller board: photos, time-lapse and board services.")
+  "Answers JSON-RPC 2.0 over the MQTT broker on the printer's controller board: photos and board services.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)  # the crash report names functions by the dynamic symbols, which stay
 
