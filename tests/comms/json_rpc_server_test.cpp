@@ -138,21 +138,25 @@ TEST_F(JsonRpcServerTest, ASlowCameraMethodDelaysNoOther) {
 }
 
 TEST_F(JsonRpcServerTest, AFloodIsRefusedBeyondTheBacklog) {
-  std::latch entered(WorkerLane::kThreads);
-  std::latch gate(1);
-  std::atomic<int> ran{0};
+  // Owned by the handler: what waits in the backlog still uses it after this body has ended.
+  struct Hold {
+    std::latch entered{WorkerLane::kThreads};
+    std::latch gate{1};
+    std::atomic<int> ran{0};
+  };
+  const auto hold = std::make_shared<Hold>();
   EXPECT_EQ(server_.RegisterMethod("system.slow",
-                                   [&](const Json&) {
-                                     if (ran++ < static_cast<int>(WorkerLane::kThreads))
-                                       entered.count_down();
-                                     gate.wait();
+                                   [hold](const Json&) {
+                                     if (hold->ran++ < static_cast<int>(WorkerLane::kThreads))
+                                       hold->entered.count_down();
+                                     hold->gate.wait();
                                      return Json();
                                    }),
             CommsStatus::kOk);
   for (size_t i = 0; i < WorkerLane::kThreads; ++i) {
     server_.InvokeMethod("system.slow", Json{{"id", i}}, nullptr);
   }
-  entered.wait();
+  hold->entered.wait();
   for (size_t i = 0; i < WorkerLane::kMaxWaiting; ++i)
     server_.InvokeMethod("system.slow", Json::object(), nullptr);
   EXPECT_EQ(Ask(R"({"method":"system.slow","id":9})")["error"],
@@ -161,7 +165,7 @@ TEST_F(JsonRpcServerTest, AFloodIsRefusedBeyondTheBacklog) {
   EXPECT_EQ(Ask(R"({"method":"system.none","id":10})")["id"], 10)
       << "a refused notification is not answered";
   EXPECT_EQ(log_.Count("JRPCS", "Server busy, refusing method system.slow"), 2U);
-  gate.count_down();
+  hold->gate.count_down();
 }
 
 TEST_F(JsonRpcServerTest, RegistrationAndBindingRefuseWhatCannotWork) {
