@@ -360,10 +360,10 @@ TEST(MqttTrace, EveryLevelHasItsLogLevel) {
     MQTTASYNC_TRACE_LEVELS level;
     const char* line;
   } cases[] = {
-      {MQTTASYNC_TRACE_FATAL, "c FATAL"},   {MQTTASYNC_TRACE_ERROR, "e ERROR"},
-      {MQTTASYNC_TRACE_SEVERE, "i SERVER"}, {MQTTASYNC_TRACE_PROTOCOL, "i PROTO"},
-      {MQTTASYNC_TRACE_MEDIUM, "i MED"},    {MQTTASYNC_TRACE_MAXIMUM, "i MAX"},
-      {MQTTASYNC_TRACE_MINIMUM, "i MINI"},
+      {MQTTASYNC_TRACE_FATAL, "C FATAL"},   {MQTTASYNC_TRACE_ERROR, "E ERROR"},
+      {MQTTASYNC_TRACE_SEVERE, "I SERVER"}, {MQTTASYNC_TRACE_PROTOCOL, "I PROTO"},
+      {MQTTASYNC_TRACE_MEDIUM, "I MED"},    {MQTTASYNC_TRACE_MAXIMUM, "I MAX"},
+      {MQTTASYNC_TRACE_MINIMUM, "I MINI"},
   };
   for (const auto& c : cases) {
     LogMqttTrace(c.level, "text");

@@ -60,7 +60,7 @@ TEST(DeploymentTest, EachMistakeGivesOneWarningAndTheDefault) {
     EXPECT_TRUE(deployment.client_write_directories.empty());
     const std::string text = log.Text();
     EXPECT_THAT(text, HasSubstr(test.warning));
-    EXPECT_THAT(text, testing::StartsWith("warning: [MAIN:"));
+    EXPECT_THAT(text, testing::StartsWith("W [MAIN:"));
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
   }
 }

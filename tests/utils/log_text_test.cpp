@@ -67,7 +67,7 @@ TEST(LogPrintfTest, WritesLinesOfAnyLengthAndSkipsWhatIsBelowTheLevel) {
   PLOG_ERROR("CAM", "plain {} %%");
   const int line = __LINE__ - 1;
   PLOG_INFO("CAM", "%s %d", std::string(100'000, 'x').c_str(), 7);
-  EXPECT_EQ(log.Text(), "error: [CAM:" + std::to_string(line) + "] plain {} %\ninfo: [CAM:" +
+  EXPECT_EQ(log.Text(), "E [CAM:" + std::to_string(line) + "] plain {} %\nI [CAM:" +
                             std::to_string(line + 2) + "] " + std::string(100'000, 'x') + " 7\n");
 }
 
