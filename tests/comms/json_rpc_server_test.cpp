@@ -6,7 +6,7 @@
 #include <latch>
 #include <stdexcept>
 
-#include "comms/fake_mqtt_client.h"
+#include "support/fake_mqtt_client.h"
 #include "support/log_capture.h"
 
 namespace varnel::comms {
