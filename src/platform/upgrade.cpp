@@ -61,6 +61,7 @@ HalStatus RunScript(const UpgradeBoard& board, const char* package) {
   utils::SafeExec command(board.shell);
   command.AddArg("-c").AddArg(kRunIntoFile).AddArg(output ? output.Path() : "/dev/null");
   command.AddArg(board.script).AddArg("upgrade").AddArg("all").AddArg(package);
+  command.OutliveUs();
   const CommandOutput result = run_command(command, kOutputLimit);
   LogLines(result.text);
   if (output) LogLines(output.Read());

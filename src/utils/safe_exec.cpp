@@ -179,6 +179,11 @@ SafeExec& SafeExec::SetTimeout(uint32_t milliseconds) {
   return *this;
 }
 
+SafeExec& SafeExec::OutliveUs() {
+  outlives_us_ = true;
+  return *this;
+}
+
 SafeExec& SafeExec::SetOutputLimit(size_t bytes) {
   output_limit_ = bytes;
   return *this;
@@ -219,6 +224,7 @@ int SafeExec::Start(int out_fd, int err_fd, int& pid) {
   setup.working_dir = working_dir_ ? working_dir_->c_str() : nullptr;
   setup.standard_output = out_fd;
   setup.standard_error = err_fd;
+  setup.outlives_us = outlives_us_;
   return SpawnChild(setup, pid);
 }
 

@@ -42,6 +42,8 @@ class SafeExec {
   SafeExec& SetWorkingDir(std::string path);
   /// When it runs out the child's process group is killed.
   SafeExec& SetTimeout(uint32_t milliseconds);
+  /// The child goes on when this process ends.
+  SafeExec& OutliveUs();
   /// Bytes kept of each output; the rest is read and dropped.
   SafeExec& SetOutputLimit(size_t bytes);
 
@@ -64,6 +66,7 @@ class SafeExec {
   std::optional<std::string> working_dir_;
   std::optional<uint32_t> timeout_ms_;
   size_t output_limit_ = kDefaultOutputLimit;
+  bool outlives_us_ = false;
 };
 
 }  // namespace varnel::utils
