@@ -34,6 +34,7 @@ class BrokerFaultTest : public testing::Test {
     ASSERT_TRUE(board_.StartDaemon({"-v"}));
     ASSERT_TRUE(console_.AwaitText("connected successfully", 30s));
     ASSERT_TRUE(Answers(board_));
+    std::this_thread::sleep_for(1s);  // the daemon settles: a loss before is noticed later
   }
   /// Requests sent while something is wrong are all answered once when it is over.
   void SurvivesWithoutLoss(const std::function<void()>& begin, const std::function<void()>& end) {
@@ -74,9 +75,9 @@ TEST_F(BrokerFaultTest, WhoTakesItsNameDoesNotKeepIt) {
   StartDaemon();
   console_.Mark();
   test::MqttLink thief = LinkTo(board_, "varnel");
-  // The broker gives no reason; a loss during the start is acted on after the wait for the broker.
+  // The broker gives no reason.
   EXPECT_TRUE(console_.AwaitText("connection lost, cause: ", 5s));
-  EXPECT_TRUE(console_.AwaitText("connected successfully", 15s)) << console_.Tail();
+  EXPECT_TRUE(console_.AwaitText("connected successfully", 8s)) << console_.Tail();
   EXPECT_THROW((void)thief.Receive(1s), std::runtime_error);
   EXPECT_TRUE(Answers(board_));
 }
