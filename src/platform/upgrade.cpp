@@ -59,6 +59,7 @@ HalStatus RunScript(const UpgradeBoard& board, const char* package) {
   command.AddArg("upgrade").AddArg("all").AddArg(package);
   // A pipe would kill the script at its next output once the daemon is gone; a file does not.
   command.SetOutputFile(output ? output.Path() : "/dev/null");
+  command.OutliveUs();
   const HalStatus status = run_command(command, 0).status;
   if (output) LogLines(output.Read());
   return status;

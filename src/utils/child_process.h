@@ -17,6 +17,7 @@ struct ChildSetup {
   const char* working_dir = nullptr;   ///< null: ours
   int standard_output = -1;            ///< above 2, like standard_error
   int standard_error = -1;
+  bool outlives_us = false;  ///< EndChildren() leaves it alone
 };
 
 struct Pipe {

@@ -179,6 +179,11 @@ SafeExec& SafeExec::SetTimeout(uint32_t milliseconds) {
   return *this;
 }
 
+SafeExec& SafeExec::OutliveUs() {
+  outlives_us_ = true;
+  return *this;
+}
+
 SafeExec& SafeExec::SetOutputLimit(size_t bytes) {
   output_limit_ = bytes;
   return *this;
@@ -239,6 +244,7 @@ int SafeExec::Start(const Outputs& outputs, int& pid) {
   setup.working_dir = working_dir_ ? working_dir_->c_str() : nullptr;
   setup.standard_output = outputs.child_out.Get();
   setup.standard_error = outputs.child_err.Get();
+  setup.outlives_us = outlives_us_;
   return SpawnChild(setup, pid);
 }
 

@@ -45,6 +45,8 @@ class SafeExec {
   /// Both outputs of the child are appended to this file instead of being captured, so that the
   /// child can go on when this process ends. Made with mode 0600 if missing; a link is refused.
   SafeExec& SetOutputFile(std::string path);
+  /// The child goes on when this process ends.
+  SafeExec& OutliveUs();
   /// Bytes kept of each output; the rest is read and dropped.
   SafeExec& SetOutputLimit(size_t bytes);
 
@@ -77,6 +79,7 @@ class SafeExec {
   std::optional<std::string> output_file_;
   std::optional<uint32_t> timeout_ms_;
   size_t output_limit_ = kDefaultOutputLimit;
+  bool outlives_us_ = false;
 };
 
 }  // namespace varnel::utils

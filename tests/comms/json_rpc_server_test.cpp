@@ -6,8 +6,8 @@
 #include <latch>
 #include <stdexcept>
 
-#include "comms/fake_mqtt_client.h"
 #include "support/eventually.h"
+#include "support/fake_mqtt_client.h"
 #include "support/log_capture.h"
 
 namespace varnel::comms {
