@@ -31,12 +31,7 @@ MQTTAsync_SSLOptions TlsOptions(const MqttConnectSettings& settings) {
   options.trustStore = OrNull(settings.root_ca);
   options.keyStore = OrNull(settings.client_certificate);
   options.privateKey = OrNull(settings.client_key);
-  options.ssl_error_cb = [](const char* text, size_t length, void*) {
-    std::string_view line(text, length);
-    while (line.ends_with('\n')) line.remove_suffix(1);
-    VLOG_ERROR(kTag, "TLS: {}", line);
-    return 1;
-  };
+  options.ssl_error_cb = LogTlsError;
   return options;
 }
 

@@ -49,6 +49,7 @@ MQTTClient_SSLOptions TlsOptions(const MqttConnectSettings& settings) {
   options.trustStore = OrNull(settings.root_ca);
   options.keyStore = OrNull(settings.client_certificate);
   options.privateKey = OrNull(settings.client_key);
+  options.ssl_error_cb = LogTlsError;
   return options;
 }
 

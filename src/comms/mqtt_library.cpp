@@ -10,6 +10,9 @@
 #include <filesystem>
 #include <mutex>
 #include <optional>
+#include <string_view>
+
+#include "utils/log.h"
 
 namespace varnel::comms {
 namespace {
@@ -51,6 +54,13 @@ void PrepareMqttLibrary() {
     for (const char* name : {"http_proxy", "https_proxy", "HTTP_PROXY", "HTTPS_PROXY"})
       unsetenv(name);
   });
+}
+
+int LogTlsError(const char* text, size_t length, void* /*context*/) {
+  std::string_view line(text, length);
+  while (line.ends_with('\n')) line.remove_suffix(1);
+  VLOG_ERROR("MQTT", "TLS: {}", line);
+  return 1;  // go on to the next line
 }
 
 std::string ServerUri(const MqttConnectSettings& settings, const std::string& library_version) {

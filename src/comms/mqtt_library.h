@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "comms/client_mqtt_base.h"
@@ -13,6 +14,9 @@ constexpr unsigned char kRetainedOnlyToNewSubscriptions = 1;
 /// Once before the first client: takes the proxy out of the process's environment, through which
 /// the library would send even loopback traffic.
 void PrepareMqttLibrary();
+
+/// For the library's TLS options: why a handshake failed.
+int LogTlsError(const char* text, size_t length, void* context);
 
 /// The server URI of a connection in the schemes that the running library knows: "mqtt://" and
 /// "mqtts://" since 1.3.11, "tcp://" and "ssl://" before.

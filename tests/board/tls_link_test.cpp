@@ -29,6 +29,7 @@ struct Pair {
   std::string client;
   bool accepted = false;
 
+  friend void PrintTo(const Pair& pair, std::ostream* out) { *out << pair.name; }
   MqttConnectSettings Settings() const {
     MqttConnectSettings settings = CloudSide::Settings("tls-test");
     settings.host = host;
@@ -58,7 +59,7 @@ TEST_P(TlsTest, OnlyTheRightPartnersMeet) {
   } else {
     EXPECT_EQ(lost.WaitFor(1).size(), 1U) << "the owner is told";
     EXPECT_FALSE(client->IsConnected());
-    EXPECT_THAT(log.Text(), HasSubstr("\nE [MQTT:"));
+    EXPECT_THAT(log.Text(), HasSubstr("E [MQTT:"));
     (void)client->Connect(CloudSide::Settings("tls-test"));
     EXPECT_TRUE(Eventually([&] { return client->IsConnected(); })) << log.Text();
   }
