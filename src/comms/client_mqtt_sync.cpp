@@ -32,8 +32,8 @@ std::string LibraryVersion() {
   return {};
 }
 
-/// Takes the reason or return code out of a response and frees it. The library stores its negative return codes in
-/// the enum too, which has no such values: copied as bytes.
+/// Takes the reason or return code out of a response and frees it. The library stores its negative
+/// return codes in the enum too, which has no such values: copied as bytes.
 int TakeCode(MQTTResponse response) {
   int code = 0;
   static_assert(sizeof code == sizeof response.reasonCode);
@@ -233,7 +233,9 @@ CommsStatus ClientMqttSync::SendRefusal() const {
 CommsStatus ClientMqttSync::Send(const std::string& topic, Qos qos, bool retain,
                                  std::string_view payload) {
   if (const CommsStatus refusal = SendRefusal(); refusal != CommsStatus::kOk) return refusal;
-  if (payload.size() > kMaxMqttPayload) return CommsStatus::kInvalidArgument;
+  if (payload.size() > kMaxMqttPayload || topic.size() > kMaxMqttTopic) {
+    return CommsStatus::kInvalidArgument;
+  }
   std::lock_guard lock(api_mutex_);
   return handle_ ? Publish(topic, qos, retain, payload) : CommsStatus::kNotInitialized;
 }
