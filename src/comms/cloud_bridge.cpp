@@ -121,6 +121,10 @@ bool IsOneTopicLevel(const std::string& serial_number) {
 CloudBridge::CloudBridge(ForwarderPool& forwarders, JsonRpcServer& server, CloudGate gate)
     : forwarders_(forwarders), server_(server), gate_(std::move(gate)) {}
 
+CloudBridge::~CloudBridge() {
+  RemoveRoutes();
+}
+
 CommsStatus CloudBridge::Setup(const std::shared_ptr<ClientMqttBase>& local,
                                const std::shared_ptr<ClientMqttBase>& cloud,
                                const std::string& serial_number) {

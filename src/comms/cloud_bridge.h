@@ -22,6 +22,10 @@ class CloudBridge {
 
   /// Both references must outlive every client that Setup() was given.
   CloudBridge(ForwarderPool& forwarders, JsonRpcServer& server, CloudGate gate);
+  /// Takes the routes away and waits for listeners that run.
+  ~CloudBridge();
+  CloudBridge(const CloudBridge&) = delete;
+  CloudBridge& operator=(const CloudBridge&) = delete;
 
   /// Wires the routes of one device between two clients; again after a reconnect or with a new
   /// cloud client replaces them. kInvalidArgument for a serial number that cannot be one level of a

@@ -21,16 +21,14 @@ class DropOldestQueue {
   /// one that is lost.
   template <class OnDrop>
   void Push(Item item, size_t bytes, OnDrop on_drop) {
-    {
-      std::lock_guard lock(mutex_);
-      while (entries_.size() >= kMaxItems || (!entries_.empty() && bytes_ + bytes > kMaxBytes)) {
-        on_drop(entries_.size());
-        bytes_ -= entries_.front().bytes;
-        entries_.pop_front();
-      }
-      entries_.push_back({std::move(item), bytes});
-      bytes_ += bytes;
+    std::lock_guard lock(mutex_);
+    while (entries_.size() >= kMaxItems || (!entries_.empty() && bytes_ + bytes > kMaxBytes)) {
+      on_drop(entries_.size());
+      bytes_ -= entries_.front().bytes;
+      entries_.pop_front();
     }
+    entries_.push_back({std::move(item), bytes});
+    bytes_ += bytes;
     wake_.notify_one();
   }
 
@@ -46,10 +44,8 @@ class DropOldestQueue {
   }
 
   void Close() {
-    {
-      std::lock_guard lock(mutex_);
-      closed_ = true;
-    }
+    std::lock_guard lock(mutex_);
+    closed_ = true;
     wake_.notify_all();
   }
 

@@ -139,21 +139,21 @@ TEST_F(JsonRpcServerTest, ASlowCameraMethodDelaysNoOther) {
 }
 
 TEST_F(JsonRpcServerTest, AFloodIsRefusedBeyondTheBacklog) {
-  std::latch entered(WorkerLane::kThreads);
-  std::latch gate(1);
-  std::atomic<int> ran{0};
+  auto entered = std::make_shared<std::latch>(WorkerLane::kThreads);
+  // Shared: what still waits when the test ends is run by the server's destructor or dropped.
+  auto gate = std::make_shared<std::latch>(1);
+  auto ran = std::make_shared<std::atomic<size_t>>(0);
   EXPECT_EQ(server_.RegisterMethod("system.slow",
-                                   [&](const Json&) {
-                                     if (ran++ < static_cast<int>(WorkerLane::kThreads))
-                                       entered.count_down();
-                                     gate.wait();
+                                   [entered, gate, ran](const Json&) {
+                                     if ((*ran)++ < WorkerLane::kThreads) entered->count_down();
+                                     gate->wait();
                                      return Json();
                                    }),
             CommsStatus::kOk);
   for (size_t i = 0; i < WorkerLane::kThreads; ++i) {
     server_.InvokeMethod("system.slow", Json{{"id", i}}, nullptr);
   }
-  entered.wait();
+  entered->wait();
   for (size_t i = 0; i < WorkerLane::kMaxWaiting; ++i)
     server_.InvokeMethod("system.slow", Json::object(), nullptr);
   EXPECT_EQ(Ask(R"({"method":"system.slow","id":9})")["error"],
@@ -162,7 +162,7 @@ TEST_F(JsonRpcServerTest, AFloodIsRefusedBeyondTheBacklog) {
   EXPECT_EQ(Ask(R"({"method":"system.none","id":10})")["id"], 10)
       << "a refused notification is not answered";
   EXPECT_EQ(log_.Count("JRPCS", "Server busy, refusing method system.slow"), 2U);
-  gate.count_down();
+  gate->count_down();
 }
 
 TEST_F(JsonRpcServerTest, RegistrationAndBindingRefuseWhatCannotWork) {

@@ -79,7 +79,7 @@ TEST_F(CameraDeviceTest, YuyvAndUnknownFormatsOpenTheDevice) {
   ASSERT_EQ(Open({640, 480, 5}), 0);
   EXPECT_EQ(driver_.format.fmt.pix.pixelformat, 0u);
   EXPECT_THAT(log_.Text(),
-              testing::ContainsRegex("warning: \\[IMMMCAM:[0-9]+\\] No format has been set."));
+              testing::ContainsRegex("W \\[IMMMCAM:[0-9]+\\] No format has been set."));
 }
 
 TEST_F(CameraDeviceTest, RefusesWhatItsStateDoesNotAllow) {

@@ -14,10 +14,8 @@ template <class Item>
 class Mailbox {
  public:
   void Put(Item item) {
-    {
-      std::lock_guard lock(mutex_);
-      items_.push_back(std::move(item));
-    }
+    std::lock_guard lock(mutex_);  // also while notifying: the waiter may take the mailbox away
+    items_.push_back(std::move(item));
     arrived_.notify_all();
   }
 

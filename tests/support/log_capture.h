@@ -13,15 +13,15 @@
 
 namespace varnel::test {
 
-/// Collects what the process logs while it lives ("level: text"), instead of the default logger.
-/// Readable while other threads log.
+/// Collects what the process logs while it lives, instead of the default logger: "E [IMMM:12]
+/// select error", the level as its first letter. Readable while other threads log.
 class LogCapture {
  public:
-  explicit LogCapture(spdlog::level::level_enum level = spdlog::level::info)
+  explicit LogCapture(spdlog::level::level_enum level = spdlog::level::trace)
       : before_(spdlog::default_logger()) {
     auto logger = std::make_shared<spdlog::logger>("capture", sink_);
     logger->set_level(level);
-    logger->set_pattern("%l: %v");
+    logger->set_pattern("%L %v");
     spdlog::set_default_logger(std::move(logger));
   }
   ~LogCapture() { spdlog::set_default_logger(before_); }
@@ -37,11 +37,11 @@ class LogCapture {
   std::string Text() const { return sink_->Text(); }
   /// How many lines are of this tag and end with this text.
   size_t Count(std::string_view tag, std::string_view text) const {
-    const std::string prefix = ": [" + std::string(tag) + ":";
+    const std::string prefix = "[" + std::string(tag) + ":";
     const std::string ending = "] " + std::string(text);
     const std::vector<std::string> lines = Lines();
     return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&](const auto& line) {
-      return line.find(prefix) == line.find(": ") && line.ends_with(ending);
+      return line.find(prefix) == 2 && line.ends_with(ending);
     }));
   }
   bool Has(std::string_view tag, std::string_view text) const { return Count(tag, text) > 0; }
