@@ -12,6 +12,9 @@
 
 namespace varnel::bench {
 
+using test::Message;
+using test::MqttLink;
+
 /// Who is measured: where it takes requests and which process it is.
 struct Target {
   std::string name;

@@ -14,6 +14,7 @@
 #include "hal_adapter/system_adapter.h"
 #include "hal_interface/platform_init.h"
 #include "service/camera/camera_service.h"
+#include "utils/child_registry.h"
 #include "utils/client_path.h"
 #include "utils/deployment.h"
 #include "utils/free_space.h"
@@ -136,11 +137,17 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
   spdlog::default_logger()->flush();
 }
 
+/// Programs that still run for threads that are not joined end with the process.
+[[noreturn]] void Leave(int status) {
+  utils::EndChildren();
+  _exit(status);
+}
+
 /// Ends the process after an exception; without a logger that takes errors there is nobody to tell.
 [[noreturn]] void FailWith(const char* reason) {
   VLOG_ERROR(kTag, "main exception: {}", reason);
   spdlog::default_logger()->flush();
-  _exit(1);
+  Leave(1);
 }
 
 }  // namespace
@@ -153,7 +160,7 @@ void RunDaemon(LogTarget log_target, const DaemonPaths& paths, const LocalBroker
   } catch (...) {
     FailWith("unknown");
   }
-  _exit(0);
+  Leave(0);
 }
 
 }  // namespace varnel::app

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "app/crash_report.h"
+#include "utils/child_registry.h"
 #include "utils/log.h"
 
 namespace varnel::app {
@@ -16,7 +17,9 @@ namespace {
 constexpr const char* kTag = "MA_SIG";
 
 extern "C" void RequestShutdown(int signal_number) {
-  if (shutdown_requested.exchange(1) != 0) _exit(128 + signal_number);
+  if (shutdown_requested.exchange(1) == 0) return;
+  utils::EndChildren();
+  _exit(128 + signal_number);
 }
 
 void Install(int signal_number, void (*handler)(int), int flags) {

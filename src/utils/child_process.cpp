@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <csignal>
 
+#include "utils/child_registry.h"
+
 namespace varnel::utils {
 namespace {
 
@@ -98,6 +100,14 @@ std::optional<Pipe> MakePipe() {
   return pipe;
 }
 
+UniqueFd OpenOutputFile(const char* path) {
+  UniqueFd file(::open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!file || !MoveAboveStandard(file)) {
+    return {};
+  }
+  return file;
+}
+
 // By number: the header of Debian 12 declares the function without C linkage.
 ChildProcess::ChildProcess(pid_t pid)
     : pid_(pid), ended_fd_(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0))) {}
@@ -122,6 +132,7 @@ void ChildProcess::KillGroup() const {
 
 std::optional<int> ChildProcess::Reap() {
   reaped_ = true;
+  UnregisterChild(pid_);  // the number may be another process's as soon as it is waited for
   int status = 0;
   pid_t waited = -1;
   do {
@@ -139,8 +150,16 @@ int SpawnChild(const ChildSetup& setup, pid_t& pid) {
   if (attributes.Error() != 0) {
     return attributes.Error();
   }
-  return ::posix_spawn(&pid, setup.program, actions.Get(), attributes.Get(), setup.arguments,
-                       setup.environment);
+  const ChildStart start;
+  if (start.Refused()) {
+    return EAGAIN;
+  }
+  const int error = ::posix_spawn(&pid, setup.program, actions.Get(), attributes.Get(),
+                                  setup.arguments, setup.environment);
+  if (error == 0 && !setup.outlives_us) {
+    RegisterChild(pid);
+  }
+  return error;
 }
 
 }  // namespace varnel::utils

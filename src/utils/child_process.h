@@ -17,6 +17,7 @@ struct ChildSetup {
   const char* working_dir = nullptr;   ///< null: ours
   int standard_output = -1;            ///< above 2, like standard_error
   int standard_error = -1;
+  bool outlives_us = false;  ///< EndChildren() leaves it alone
 };
 
 struct Pipe {
@@ -27,6 +28,10 @@ struct Pipe {
 /// A close-on-exec pipe whose ends are above the standard descriptors and whose read end never
 /// blocks.
 [[nodiscard]] std::optional<Pipe> MakePipe();
+
+/// A file that takes a child's output: appended to, made private to us if there is none, no link
+/// followed, above the standard descriptors. Nothing when it cannot be opened.
+[[nodiscard]] UniqueFd OpenOutputFile(const char* path);
 
 /// A started child of ours. One that is not reaped yet is killed with its process group and reaped
 /// at destruction, so that no way out leaves a zombie.

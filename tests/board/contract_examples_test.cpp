@@ -3,6 +3,7 @@
 
 #include <map>
 
+#include "board/daemon_talk.h"
 #include "board/served_board.h"
 
 namespace varnel::board {
@@ -21,7 +22,7 @@ void Arrange(const Board& board, const std::string& given) {
 TEST(ContractExamplesTest, TheDaemonAnswersEachExampleAsWritten) {
   ServedBoard served(DaemonOptions());
   ASSERT_TRUE(served.rpc.AwaitDaemon());
-  for (const auto& example : test::Contract::Load(VARNEL_CONTRACT).Examples()) {
+  for (const auto& example : DaemonContract().Examples()) {
     if (example.request_topic.empty()) continue;  // a notification
     SCOPED_TRACE(example.name);
     ASSERT_NO_FATAL_FAILURE(Arrange(served.board, example.given));

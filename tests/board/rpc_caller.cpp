@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "board/daemon_talk.h"
+
 namespace varnel::board {
 
 using nlohmann::json;
@@ -25,11 +27,21 @@ json Outcome(const json& answer) {
 }  // namespace
 
 RpcCaller::RpcCaller(const Board& board)
-    : contract_(test::Contract::Load(VARNEL_CONTRACT)),
-      link_(board.Paths().BrokerSocket(), "#",
-            [this](const std::string& topic, const std::string& payload) {
-              OnMessage(topic, payload);
-            }) {}
+    : sender_(LinkTo(board, "caller")), spy_(LinkTo(board, "spy")) {
+  spy_.Subscribe("#", 0);
+  watcher_ = std::jthread([this](const std::stop_token& stop) { Watch(stop); });
+}
+
+void RpcCaller::Watch(const std::stop_token& stop) {
+  while (!stop.stop_requested()) {
+    if (const auto message = spy_.Receive(50ms)) OnMessage(message->topic, message->payload);
+  }
+}
+
+void RpcCaller::Publish(const std::string& topic, const std::string& payload) {
+  const std::lock_guard lock(send_mutex_);
+  sender_.Publish(topic, payload);
+}
 
 bool RpcCaller::AwaitDaemon(std::chrono::seconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -84,7 +96,7 @@ void RpcCaller::OnMessage(const std::string& topic, const std::string& payload) 
   if (topic.find("/response") != std::string::npos) {
     OnAnswer(topic, message);
   } else if (topic.ends_with("/notification")) {
-    Judge(topic, contract_.CheckNotification(topic, message));
+    Judge(topic, DaemonContract().CheckNotification(topic, message));
   } else if (message.is_object() && message.contains("id") && message.contains("method")) {
     OnRequest(message);
   }
@@ -103,7 +115,7 @@ void RpcCaller::OnAnswer(const std::string& topic, const json& answer) {
     Judge(topic, "answers no request: " + answer.dump().substr(0, 200));
     return;
   }
-  Judge(topic, contract_.CheckAnswer(request->second.at("method"), request->second, answer));
+  Judge(topic, DaemonContract().CheckAnswer(request->second.at("method"), request->second, answer));
   open_.erase(request);
 }
 

@@ -7,11 +7,11 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "board/board.h"
-#include "board/mqtt_link.h"
-#include "support/contract.h"
+#include "support/mqtt_link.h"
 
 namespace varnel::board {
 
@@ -35,9 +35,7 @@ class RpcCaller {
   json Call(const std::string& method, const json& params,
             const std::string& topic = "camera/request");
   /// Any bytes to any topic.
-  void Publish(const std::string& topic, const std::string& payload, bool retain = false) {
-    link_.Publish(topic, payload, retain);
-  }
+  void Publish(const std::string& topic, const std::string& payload);
 
   /// All answers so far, as they were received.
   [[nodiscard]] std::vector<json> Answers() const;
@@ -45,19 +43,22 @@ class RpcCaller {
   [[nodiscard]] std::vector<std::string> Problems() const;
 
  private:
+  void Watch(const std::stop_token& stop);
   void OnMessage(const std::string& topic, const std::string& payload);
   void OnRequest(const json& request);
   void OnAnswer(const std::string& topic, const json& answer);
   void Judge(const std::string& topic, const std::optional<std::string>& problem);
 
-  const test::Contract contract_;
+  std::mutex send_mutex_;
+  test::MqttLink sender_;  // send_mutex_
+  test::MqttLink spy_;     // the watching thread's
   mutable std::mutex mutex_;
   std::condition_variable arrived_;
   int last_id_ = 0;                        // mutex_
   std::multimap<std::string, json> open_;  // requests by serialised id; mutex_
   std::vector<json> answers_;              // mutex_
   std::vector<std::string> problems_;      // mutex_
-  MqttLink link_;                          // last: its thread uses the rest
+  std::jthread watcher_;                   // last: it uses the rest
 };
 
 /// {"result": {"state": "success"}}

@@ -4,7 +4,7 @@
 
 #include <thread>
 
-#include "comms/fake_mqtt_client.h"
+#include "support/fake_mqtt_client.h"
 #include "support/log_capture.h"
 
 namespace varnel::comms {

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-namespace varnel::bench {
+namespace varnel::test {
 
 struct Message {
   std::string topic;
@@ -18,6 +18,8 @@ struct Message {
 class MqttLink {
  public:
   MqttLink(const std::string& host, int port, const std::string& client_id);
+  /// Over a connected stream socket, which the link then owns.
+  MqttLink(int socket, const std::string& client_id);
   ~MqttLink();
   MqttLink(const MqttLink&) = delete;
   MqttLink& operator=(const MqttLink&) = delete;
@@ -37,7 +39,7 @@ class MqttLink {
     std::string body;
   };
 
-  void Open(const std::string& host, int port);
+  void Greet(const std::string& client_id);
   void Send(const std::string& bytes);
   std::optional<Packet> NextPacket(std::chrono::milliseconds timeout);
   std::optional<Packet> TakeBuffered();
@@ -45,11 +47,11 @@ class MqttLink {
   Packet Expect(uint8_t type);
   Message Accept(const Packet& packet);
 
-  int socket_ = -1;
+  const int socket_;
   uint16_t packet_id_ = 0;
   std::string input_;
   size_t taken_ = 0;
   std::string output_;
 };
 
-}  // namespace varnel::bench
+}  // namespace varnel::test

@@ -12,7 +12,7 @@
 #include <cstring>
 #include <stdexcept>
 
-namespace varnel::bench {
+namespace varnel::test {
 namespace {
 
 constexpr std::chrono::milliseconds kBrokerTimeout{5000};
@@ -47,30 +47,16 @@ std::string MakePacket(uint8_t head, const std::string& body) {
   return packet + body;
 }
 
+/// A Unix socket has nothing to hurry.
 void Enable(int socket, int option) {
   const int on = 1;
-  if (setsockopt(socket, IPPROTO_TCP, option, &on, sizeof on) != 0) {
+  if (setsockopt(socket, IPPROTO_TCP, option, &on, sizeof on) != 0 && errno != EOPNOTSUPP) {
     Fail("setsockopt");
   }
 }
 
-}  // namespace
-
-MqttLink::MqttLink(const std::string& host, int port, const std::string& client_id) {
-  Open(host, port);
-  // Level 4 is MQTT 3.1.1, flag 2 a clean session, keep-alive 0 none.
-  Send(MakePacket(0x10, Text("MQTT") + std::string("\x04\x02\x00\x00", 4) + Text(client_id)));
-  if (Expect(kConnAck).body.at(1) != 0) {
-    throw std::runtime_error("the broker refused the connection");
-  }
-}
-
-MqttLink::~MqttLink() {
-  close(socket_);
-}
-
-void MqttLink::Open(const std::string& host, int port) {
-  socket_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+int Open(const std::string& host, int port) {
+  const int opened = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<uint16_t>(port));
@@ -78,10 +64,38 @@ void MqttLink::Open(const std::string& host, int port) {
     throw std::runtime_error("not an IPv4 address: " + host);
   }
   // The socket calls want the general address type.
-  if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+  if (connect(opened, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    close(opened);
     Fail("connect to " + host + ":" + std::to_string(port));
   }
-  Enable(socket_, TCP_NODELAY);
+  Enable(opened, TCP_NODELAY);
+  return opened;
+}
+
+}  // namespace
+
+MqttLink::MqttLink(const std::string& host, int port, const std::string& client_id)
+    : MqttLink(Open(host, port), client_id) {}
+
+MqttLink::MqttLink(int socket, const std::string& client_id) : socket_(socket) {
+  try {
+    Greet(client_id);
+  } catch (...) {
+    close(socket_);
+    throw;
+  }
+}
+
+MqttLink::~MqttLink() {
+  close(socket_);
+}
+
+void MqttLink::Greet(const std::string& client_id) {
+  // Level 4 is MQTT 3.1.1, flag 2 a clean session, keep-alive 0 none.
+  Send(MakePacket(0x10, Text("MQTT") + std::string("\x04\x02\x00\x00", 4) + Text(client_id)));
+  if (Expect(kConnAck).body.at(1) != 0) {
+    throw std::runtime_error("the broker refused the connection");
+  }
 }
 
 void MqttLink::Subscribe(const std::string& topic, int qos) {
@@ -198,4 +212,4 @@ Message MqttLink::Accept(const Packet& packet) {
   return message;
 }
 
-}  // namespace varnel::bench
+}  // namespace varnel::test

@@ -1,0 +1,141 @@
+// How the daemon starts, what it reports on the way, and how it crashes.
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <fstream>
+#include <set>
+
+#include "board/daemon_talk.h"
+#include "support/temp_dir.h"
+
+namespace varnel::board {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::AllOf;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using namespace std::chrono_literals;
+
+constexpr const char* kUnreachable =
+    "local MQTT broker not reachable within 10s, continuing anyway";
+constexpr const char* kConnecting = "Connecting to MQTT broker at 127.0.0.1:1883";
+
+BootOptions WithoutBroker() {
+  BootOptions options = DaemonOptions();
+  options.start_broker = false;
+  return options;
+}
+
+/// Every file of the board that a program inside could have made.
+std::set<fs::path> FilesOf(const Board& board) {
+  const fs::recursive_directory_iterator all(board.Paths().Root());
+  return {begin(all), end(all)};
+}
+
+class DaemonLifeTest : public testing::Test {
+ protected:
+  void StartWithoutCamera(const Board& board, const std::vector<std::string>& arguments) {
+    board.SetCameraFaults("unplug");  // saves the camera's warm-up
+    ASSERT_TRUE(board.StartDaemon(arguments));
+  }
+  static void ExpectCleanStop(const Board& board) {
+    ASSERT_TRUE(board.SignalDaemon(SIGTERM));
+    EXPECT_EQ(board.AwaitDaemonEnd(), 0);
+  }
+};
+
+TEST_F(DaemonLifeTest, WrongCommandLinesPrintTheUsageAndStartNothing) {
+  const Board board(WithoutBroker());
+  const auto before = FilesOf(board);
+  const std::vector<std::string> wrong[] = {{"-x"}, {"-vv"}, {"-v", "extra"}, {""}};
+  for (std::vector<std::string> command : wrong) {
+    command.insert(command.begin(), inside::kDaemon);
+    const ProgramResult result = board.Exec(command);
+    EXPECT_EQ(result.status, 1) << testing::PrintToString(command);
+    EXPECT_EQ(result.err, "Usage: varnel [-v]\n");
+    EXPECT_EQ(result.out, "");
+  }
+  EXPECT_EQ(FilesOf(board), before);
+}
+
+TEST_F(DaemonLifeTest, LogsToTheConsoleOnlyAndGoesOnWithoutASystemProgram) {
+  const test::TempDir host;
+  BootOptions options = WithoutBroker();
+  options.binds.emplace_back(host.Write("ffmpeg", "no program"), "/usr/bin/ffmpeg");
+  const Board board(options);
+  DaemonConsole console(board);
+  StartWithoutCamera(board, {"-v"});
+  ASSERT_TRUE(console.AwaitText(kConnecting, 30s));
+  EXPECT_THAT(console.Text(),
+              AllOf(ContainsRegex("Signal handler initialized\n.*Output logs to console\n"
+                                  ".*Start Varnel Service \\.\\.\\.\n"),
+                    HasSubstr("System program ffmpeg(/usr/bin/ffmpeg) is not exists."),
+                    HasSubstr("System program tar is located in /usr/bin/tar"),
+                    HasSubstr("System uptime is 41.75 160.20")));
+  ExpectCleanStop(board);
+  EXPECT_THAT(console.Text(), HasSubstr("Shutdown complete"));
+  EXPECT_TRUE(fs::is_empty(board.Paths().DaemonLog().parent_path()));
+}
+
+TEST_F(DaemonLifeTest, OldLogsGoAndATerminationSignalEndsTheWaitForTheBroker) {
+  const Board board(WithoutBroker());
+  const fs::path logs = board.Paths().DaemonLog().parent_path();
+  for (const char* name :
+       {"camera_service.3.log", "mqtt_agent.log", "varnel.log", "varnel.2.log"}) {
+    std::ofstream(logs / name) << "written earlier\n";
+  }
+  fs::create_directories(logs / "system_mgmt.7.log/kept");
+  DaemonConsole console(board);
+  StartWithoutCamera(board, {});
+  ASSERT_TRUE(console.AwaitText("Signal handler initialized", 30s));
+  // The log file is flushed every ten seconds only, but connecting comes after this directory is
+  // gone through.
+  ASSERT_TRUE(Await(30s, [&] { return !fs::exists(logs / "mqtt_agent.log"); }));
+  ExpectCleanStop(board);
+  EXPECT_FALSE(fs::exists(logs / "camera_service.3.log"));
+  EXPECT_TRUE(fs::exists(logs / "varnel.2.log"));
+  EXPECT_THAT(board.DaemonLog(),
+              AllOf(HasSubstr("written earlier\n"), HasSubstr(kConnecting),
+                    HasSubstr("system_mgmt.7.log failed, reason: Directory not empty"),
+                    HasSubstr("Shutdown complete"), Not(HasSubstr(kUnreachable))));
+}
+
+TEST_F(DaemonLifeTest, ABrokerThatIsLateIsReportedOnceAndFound) {
+  const Board board(WithoutBroker());
+  DaemonConsole console(board);
+  StartWithoutCamera(board, {"-v"});
+  ASSERT_TRUE(console.AwaitText(kConnecting, 30s));
+  EXPECT_FALSE(console.AwaitText(kUnreachable, 8s));
+  ASSERT_TRUE(console.AwaitText(kUnreachable, 5s));
+  ASSERT_TRUE(console.AwaitText("local MQTT disconnected, reconnecting...", 5s));
+  ASSERT_TRUE(board.StartBroker());
+  EXPECT_TRUE(console.AwaitText("connected successfully", 4s));
+  EXPECT_TRUE(Answers(board));
+  EXPECT_EQ(console.Count(kUnreachable), 1U);
+  ExpectCleanStop(board);
+}
+
+/// Dies by the signal, after telling the system log where.
+TEST_F(DaemonLifeTest, ACrashLeavesItsReportInTheSystemLog) {
+  const Board board(WithoutBroker());
+  DaemonConsole console(board);
+  for (const auto& [number, name] : {std::pair(SIGSEGV, "SIGSEGV"), std::pair(SIGABRT, "SIGABRT"),
+                                     std::pair(SIGBUS, "SIGBUS"), std::pair(SIGILL, "SIGILL")}) {
+    console.Mark();
+    const size_t before = board.SystemLog().size();
+    StartWithoutCamera(board, {"-v"});
+    ASSERT_TRUE(console.AwaitText(kConnecting, 30s));
+    ASSERT_TRUE(board.SignalDaemon(number));
+    EXPECT_EQ(board.AwaitDaemonEnd(), 128 + number);
+    EXPECT_THAT(board.SystemLog().substr(before),
+                ContainsRegex("varnel\\[([0-9]+)\\]: Process crashed with signal " +
+                              std::to_string(number) + " \\(" + name + "\\), PID: [0-9]+\n" +
+                              ".*: Stack trace:\n.*:   \\[0\\] .*\n.*:   \\[1\\] "));
+  }
+}
+
+}  // namespace
+}  // namespace varnel::board

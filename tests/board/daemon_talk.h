@@ -1,0 +1,61 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "board/board.h"
+#include "support/contract.h"
+#include "support/mqtt_link.h"
+
+namespace varnel::board {
+
+/// Asks every few milliseconds until the condition holds; false when it does not in time.
+template <class Condition>
+bool Await(std::chrono::milliseconds limit, Condition condition) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
+
+/// What the daemon writes to its console when it was started with "-v".
+class DaemonConsole {
+ public:
+  explicit DaemonConsole(const Board& board) : board_(board) {}
+
+  /// Forgets what was written so far.
+  void Mark() { start_ = Whole().size(); }
+  [[nodiscard]] std::string Text() const { return Whole().substr(start_); }
+  /// The end of it, for a failure's message.
+  [[nodiscard]] std::string Tail() const;
+  [[nodiscard]] size_t Count(const std::string& text) const;
+  [[nodiscard]] bool AwaitText(const std::string& text, std::chrono::milliseconds limit) const;
+  /// When the first line with this text was written; nothing when there is none.
+  [[nodiscard]] std::optional<std::chrono::system_clock::time_point> TimeOf(
+      const std::string& text) const;
+
+ private:
+  [[nodiscard]] std::string Whole() const;
+
+  const Board& board_;
+  size_t start_ = 0;
+};
+
+/// A link to the board's broker from the host, whatever the state of the board's network. Throws
+/// std::runtime_error.
+test::MqttLink LinkTo(const Board& board, const std::string& client_id);
+
+/// The committed contract; what a test program sees of the daemon is judged by it.
+const test::Contract& DaemonContract();
+
+/// Asks the daemon for its camera status over a link of its own, once. Whether it gave the right
+/// answer in time.
+bool Answers(const Board& board, std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+}  // namespace varnel::board

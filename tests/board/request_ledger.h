@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "support/mqtt_link.h"
+
+namespace varnel::board {
+
+/// Numbered requests over several methods, topics and pools of the daemon, each with one right
+/// answer, and what became of them. Every fault is a failure of the running test.
+class RequestLedger {
+ public:
+  static constexpr const char* kTopics[] = {"camera", "system"};
+
+  /// Sends the next request of the mix; its number.
+  size_t Send(test::MqttLink& link);
+  /// Sends a cheap request on this topic.
+  size_t Probe(test::MqttLink& link, const std::string& topic);
+  /// Takes an answer in, which may belong to any request sent so far.
+  void Take(const test::Message& message);
+
+  [[nodiscard]] bool Answered(size_t id) const { return entries_.at(id).answers > 0; }
+  /// How many of the requests from this number on are not answered.
+  [[nodiscard]] size_t Open(size_t from) const;
+  [[nodiscard]] size_t Size() const { return entries_.size(); }
+
+  /// By the daemon's log: what it received it received once, it ran once, and nothing was answered
+  /// that had not been received.
+  void CheckAgainst(const std::string& log) const;
+
+ private:
+  struct Entry {
+    std::string topic;
+    std::string method;
+    nlohmann::json params;
+    nlohmann::json answer;  ///< {"result": ...} or {"error": ...}
+    std::string trace;  ///< what the log says when it runs; empty: nothing that tells its number
+    int answers = 0;
+  };
+  [[nodiscard]] static nlohmann::json Request(size_t id, const Entry& entry);
+  size_t Send(test::MqttLink& link, Entry entry);
+
+  std::vector<Entry> entries_;
+};
+
+}  // namespace varnel::board
