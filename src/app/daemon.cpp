@@ -19,6 +19,7 @@
 #include "utils/deployment.h"
 #include "utils/free_space.h"
 #include "utils/log.h"
+#include "utils/log_text.h"
 #include "utils/logger.h"
 
 namespace varnel::app {
@@ -51,7 +52,7 @@ hal_adapter::SpaceCheck SpaceCheckOf(const utils::Deployment& deployment) {
   return [min_mib](const std::filesystem::path& destination) {
     if (utils::EnoughFreeSpace(destination.parent_path(), min_mib << 20)) return true;
     VLOG_ERROR(kTag, "Less than {} MiB free in {}, nothing is written there", min_mib,
-               destination.parent_path().string());
+               utils::LogText(destination.parent_path().string()));
     return false;
   };
 }

@@ -292,7 +292,9 @@ CommsStatus ClientMqttAsync::SendRefusal() const {
 
 CommsStatus ClientMqttAsync::Send(const std::string& topic, Qos qos, bool retain,
                                   std::string_view payload) {
-  if (payload.size() > kMaxMqttPayload) return CommsStatus::kInvalidArgument;
+  if (payload.size() > kMaxMqttPayload || topic.size() > kMaxMqttTopic) {
+    return CommsStatus::kInvalidArgument;
+  }
   MQTTAsync_message message = MQTTAsync_message_initializer;
   message.payload =
       const_cast<char*>(payload.data());  // the library copies it and never writes to it
@@ -387,10 +389,14 @@ void ClientMqttAsync::OnConnectionLost(const char* cause) {
   ReportConnectionLost();
 }
 
+/// The library does not call its connection-lost callback after this one.
 void ClientMqttAsync::OnServerDisconnect(MQTTReasonCodes reason) {
   const char* text = MQTTReasonCode_toString(reason);
   VLOG_WARN(kTag, "{}: broker ended the connection, reasonCode: {} ({})", Name(),
             static_cast<int>(reason), text ? text : "unknown");
+  if (disconnecting_) return;
+  connected_ = false;
+  ReportConnectionLost();
 }
 
 void ClientMqttAsync::OnMessage(const char* topic, int topic_length,

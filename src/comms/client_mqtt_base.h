@@ -52,6 +52,9 @@ class ClientMqttBase {
 
   /// MQTT 5.0, section 1.5.5: no packet is longer.
   static constexpr size_t kMaxMqttPayload = 268'435'455;
+  /// MQTT 5.0, section 1.5.4. The library would cut the length of a longer topic to 16 bits and so
+  /// spoil the whole stream.
+  static constexpr size_t kMaxMqttTopic = 65'535;
 
   /// Connects with these settings and keeps them for Reconnect(). kOk: started (asynchronous
   /// client) or done (synchronous client). A failure, now or later, reaches the connection-lost

@@ -236,7 +236,9 @@ CommsStatus ClientMqttSync::SendRefusal() const {
 CommsStatus ClientMqttSync::Send(const std::string& topic, Qos qos, bool retain,
                                  std::string_view payload) {
   if (const CommsStatus refusal = SendRefusal(); refusal != CommsStatus::kOk) return refusal;
-  if (payload.size() > kMaxMqttPayload) return CommsStatus::kInvalidArgument;
+  if (payload.size() > kMaxMqttPayload || topic.size() > kMaxMqttTopic) {
+    return CommsStatus::kInvalidArgument;
+  }
   std::lock_guard lock(api_mutex_);
   return handle_ ? Publish(topic, qos, retain, payload) : CommsStatus::kNotInitialized;
 }

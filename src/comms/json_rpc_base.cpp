@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "utils/log.h"
+#include "utils/log_text.h"
 
 namespace varnel::comms {
 namespace {
@@ -35,7 +36,7 @@ std::unique_ptr<Json> JsonRpcBase::ParseLogged(const std::string& payload) const
       VLOG_ERROR(tag_, "parse error at byte {}", failure.byte);
       break;
     case ParseFailure::Kind::kOther:
-      VLOG_ERROR(tag_, "json exception {}", failure.text);
+      VLOG_ERROR(tag_, "json exception {}", utils::LogText(failure.text));
       break;
     case ParseFailure::Kind::kTooLarge:
     case ParseFailure::Kind::kTooDeep:

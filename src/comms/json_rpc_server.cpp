@@ -182,7 +182,7 @@ void JsonRpcServer::SendResponse(const Json& response, const std::string& reques
     client = client_;
   }
   if (Publish(client.get(), topic, response) != CommsStatus::kOk) {
-    VLOG_ERROR(kTag, "Failed to send response to {}", topic);
+    VLOG_ERROR(kTag, "Failed to send response to {}", utils::LogText(topic));
   }
 }
 

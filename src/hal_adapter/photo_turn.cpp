@@ -1,22 +1,25 @@
 #include "hal_adapter/photo_turn.h"
 
+#include <algorithm>
+
 namespace varnel::hal_adapter {
 
 bool PhotoTurn::Take(std::chrono::milliseconds limit) {
   std::unique_lock lock(mutex_);
-  if (!clock_.WaitUntil(lock, free_, clock_.Now() + limit, [this] { return !taken_; })) {
-    return false;
-  }
-  taken_ = true;
-  return true;
+  const uint64_t ticket = ++last_ticket_;
+  line_.push_back(ticket);
+  const auto first = [&] { return line_.front() == ticket; };
+  if (clock_.WaitUntil(lock, changed_, clock_.Now() + limit, first)) return true;
+  line_.erase(std::find(line_.begin(), line_.end(), ticket));
+  return false;  // was not first, so nobody's turn changes
 }
 
 void PhotoTurn::Give() {
   {
     const std::lock_guard lock(mutex_);
-    taken_ = false;
+    line_.pop_front();
   }
-  free_.notify_one();
+  changed_.notify_all();
 }
 
 }  // namespace varnel::hal_adapter

@@ -2,13 +2,16 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
+#include <deque>
 #include <mutex>
 
 #include "utils/clock.h"
 
 namespace varnel::hal_adapter {
 
-/// Lets one caller at a time use the camera, each waiting a bounded time on the injected clock.
+/// Lets one caller at a time use the camera, in the order in which they came, each waiting a
+/// bounded time on the injected clock.
 class PhotoTurn {
  public:
   explicit PhotoTurn(utils::Clock& clock) : clock_(clock) {}
@@ -37,8 +40,9 @@ class PhotoTurn {
 
   utils::Clock& clock_;
   std::mutex mutex_;
-  std::condition_variable free_;
-  bool taken_ = false;  // guarded by mutex_
+  std::condition_variable changed_;
+  uint64_t last_ticket_ = 0;     // guarded by mutex_
+  std::deque<uint64_t> line_{};  // whose turn it is, then who waits; guarded by mutex_
 };
 
 }  // namespace varnel::hal_adapter

@@ -14,6 +14,7 @@
 
 #include "utils/atomic_file.h"
 #include "utils/log.h"
+#include "utils/log_text.h"
 #include "utils/owned.h"
 #include "utils/safe_exec.h"
 
@@ -143,7 +144,7 @@ bool PhotoWriter::RunConverter(const char* pixel_format, const fs::path& output)
     VLOG_ERROR(
         kTag, "{}: {}",
         "Command '" + command.ToString() + "' failed with code " + std::to_string(result.exit_code),
-        result.standard_error);
+        utils::LogText(result.standard_error));
   } catch (const utils::SafeExecException& error) {
     VLOG_ERROR(kTag, "Execute fatal error: {}", error.what());
   }

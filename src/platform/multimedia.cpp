@@ -1,5 +1,7 @@
 #include "platform/multimedia.h"
 
+#include <algorithm>
+#include <iterator>
 #include <optional>
 #include <string>
 
@@ -78,6 +80,13 @@ HalStatus CloseCamera(uint32_t /*id*/) {
   return camera_device_close(&multimedia.camera);
 }
 
+/// A camera with a buffer that could not be mapped may give no frame until it is opened again.
+bool LacksBuffers(const CameraInstance& camera) {
+  if (camera.state != hal_adapter::CAMERA_STATE_OPENED) return false;
+  return std::any_of(std::begin(camera.buffers), std::end(camera.buffers),
+                     [](const CameraBuffer& buffer) { return buffer.address == nullptr; });
+}
+
 HalStatus TakePhoto(uint32_t id, CameraImage* image) {
   CameraInstance& camera = multimedia.camera;
   if (multimedia.wanted && camera.state == hal_adapter::CAMERA_STATE_INITIALISED) {
@@ -85,12 +94,15 @@ HalStatus TakePhoto(uint32_t id, CameraImage* image) {
     if (opened != hal_adapter::kHalSuccess) return opened;
   }
   const HalStatus status = camera_device_capture(&camera, image);
-  if (!camera.device_lost) return status;
-  PLOG_ERROR(kTag, "Camera %d is gone, the next photo opens it again", static_cast<int>(id));
+  const bool lost = camera.device_lost;
+  const bool empty = image != nullptr && image->size == 0;
+  if (!lost && !(empty && LacksBuffers(camera))) return status;
+  PLOG_ERROR(kTag, "Camera %d is %s, the next photo opens it again", static_cast<int>(id),
+             lost ? "gone" : "without buffers");
   camera_device_discard(&camera);
   camera.device_lost = false;
   if (image != nullptr) *image = {};  // it pointed into the buffers
-  return status != hal_adapter::kHalSuccess ? status : hal_adapter::kHalNoMemory;
+  return lost && status == hal_adapter::kHalSuccess ? hal_adapter::kHalNoMemory : status;
 }
 
 constexpr hal_adapter::MultimediaHalInterface kTable = {

@@ -18,6 +18,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
+/// No program knows a longer one, and it must fit into a name together with the rest.
+constexpr size_t kMaxEnding = 32;
+
 std::error_code LastError() {
   return {errno, std::generic_category()};
 }
@@ -29,9 +32,12 @@ fs::path DirectoryOf(const fs::path& target) {
 
 /// Makes a uniquely named file of mode 0600 beside the target.
 UniqueFd OpenTemporary(const fs::path& target, fs::path& temporary) {
-  const std::string extension = target.extension().string();
-  std::string name = (DirectoryOf(target) / (".varnel-XXXXXX" + extension)).string();
-  UniqueFd fd(::mkostemps(name.data(), static_cast<int>(extension.size()), O_CLOEXEC));
+  std::string ending = FileEnding(target);
+  if (ending.size() > kMaxEnding) {
+    ending.clear();
+  }
+  std::string name = (DirectoryOf(target) / (".varnel-XXXXXX" + ending)).string();
+  UniqueFd fd(::mkostemps(name.data(), static_cast<int>(ending.size()), O_CLOEXEC));
   if (fd) {
     temporary = name;
   }
@@ -72,6 +78,12 @@ bool IsRegular(int fd) {
 }
 
 }  // namespace
+
+std::string FileEnding(const fs::path& file) {
+  const std::string name = file.filename().string();
+  const size_t dot = name.rfind('.');
+  return dot == std::string::npos ? "" : name.substr(dot);
+}
 
 std::error_code WriteFileAtomically(const fs::path& target, std::string_view bytes, mode_t mode) {
   fs::path temporary;

@@ -11,6 +11,10 @@
 
 namespace varnel::utils {
 
+/// What the name ends with from its last dot on, also when it begins with that dot; many programs
+/// choose a format by it. Empty without a dot.
+[[nodiscard]] std::string FileEnding(const std::filesystem::path& file);
+
 /// Replaces the file so that after a power failure either the old or the new content is there. A
 /// link is replaced, not followed. An error leaves the old file, except one of the directory's own
 /// sync, which comes after the rename.
@@ -21,8 +25,8 @@ namespace varnel::utils {
 /// result in place.
 class ReplacementFile {
  public:
-  /// An empty hidden file beside the target with the target's extension, which many programs choose
-  /// their format by.
+  /// An empty hidden file beside the target, ".varnel-" and six characters with the target's ending
+  /// (a very long one is left out). One that a power failure leaves behind is never read.
   [[nodiscard]] static std::optional<ReplacementFile> Create(const std::filesystem::path& target,
                                                              mode_t mode, std::error_code& error);
   ReplacementFile(ReplacementFile&& other) noexcept;

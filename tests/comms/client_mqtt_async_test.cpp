@@ -244,6 +244,16 @@ TEST_F(ClientMqttAsyncTest, EveryFailedAttemptIsReportedAndCanBeRepeated) {
   EXPECT_EQ(paho_.live, 0);
 }
 
+TEST_F(ClientMqttAsyncTest, ABrokerThatTakesItsLeaveIsALostConnection) {
+  Connect();
+  paho_.disconnected(paho_.context, nullptr, MQTTREASONCODE_SESSION_TAKEN_OVER);
+  EXPECT_FALSE(client_.IsConnected());
+  EXPECT_EQ(lost_, 1);
+  EXPECT_EQ(client_.Reconnect(), CommsStatus::kOk);
+  paho_.Succeed();
+  EXPECT_TRUE(client_.IsConnected());
+}
+
 TEST_F(ClientMqttAsyncTest, SubscribesOnEveryConnectAndWhenAListenerIsAdded) {
   const auto ignore = [](const std::shared_ptr<MqttMessage>&) {};
   EXPECT_EQ(client_.AddListener("", ignore), CommsStatus::kInvalidArgument);

@@ -64,6 +64,9 @@ TEST_F(MqttBrokerTest, DeliversByFilterAlsoToListenersAddedLater) {
   const std::string bytes("\0\xff\n", 3);
   EXPECT_EQ(client->Send("q1", Qos::kAtLeastOnce, false, bytes), CommsStatus::kOk);
   EXPECT_TRUE(Eventually([&] { return quality.Items().back() == "q1=" + bytes; }));
+  EXPECT_EQ(client->Send(std::string(65'536, 't'), Qos::kAtMostOnce, false, "x"),
+            CommsStatus::kInvalidArgument);
+  EXPECT_TRUE(Reaches(*client, "late", "3", box_));
   client->Disconnect();
   EXPECT_FALSE(client->IsConnected());
   EXPECT_NE(client->Send("q1", Qos::kAtMostOnce, false, "x"), CommsStatus::kOk);

@@ -103,6 +103,7 @@ TEST_F(JsonRpcServerTest, StaysSilentAboutWhatCannotBeAnswered) {
        {std::string("{"), std::string("[]"), std::string("7"), std::string(R"({"id":1})"),
         std::string(R"({"id":1,"method":7})"), std::string("\xff\xfe"), deep,
         R"({"method":"system.echo","id":)" + deep + std::string(100'000, ']') + "}",
+        R"({"method":"system.echo","id":)" + std::string(50'000, '9') + "e999}",
         std::string(kMaxPayloadBytes + 1, ' '), std::string(R"({"method":"system.none"})"),
         std::string(R"({"method":"system.throw"})")}) {
     ExpectSilence(payload);

@@ -8,6 +8,7 @@
 
 #include "hal_adapter/fake_tables.h"
 #include "hal_adapter/multimedia_adapter.h"
+#include "hal_adapter/photo_turn.h"
 #include "support/fake_clock.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
@@ -161,6 +162,12 @@ TEST_F(PhotoTest, AFailedConversionLeavesTheDestinationAsItWas) {
   test::Fake().pixel_format = 5;
   EXPECT_EQ(Take(Out("old.jpg")), PhotoStatus::kConversionFailed);
   EXPECT_TRUE(log_.Has("HALMM", "Unsupported image type"));
+  UseConverter("yes 'two\nlines' | head -c 9000 >&2; exit 1");
+  EXPECT_EQ(Take(Out("old.jpg")), PhotoStatus::kConversionFailed);
+  for (const std::string& line : log_.Lines()) {
+    EXPECT_THAT(line, testing::HasSubstr(": [")) << "each line is one message";
+    EXPECT_LT(line.size(), 1024u);
+  }
   EXPECT_EQ(test::ReadFile(Out("old.jpg")), "old");
   EXPECT_EQ(FilesInOut(), 1u);
 }
@@ -213,6 +220,30 @@ TEST_F(PhotoTest, CallersAreServedOneAfterAnother) {
   }
   EXPECT_EQ(taken, 20);
   EXPECT_FALSE(overlapped);
+}
+
+TEST(PhotoTurnTest, TheTurnGoesToWhoCameFirst) {
+  test::FakeClock clock;
+  PhotoTurn turn(clock);
+  std::string order;
+  const auto take = [&](char name, std::chrono::milliseconds limit) {
+    const PhotoTurn::Holder holder(turn, limit);
+    order += holder ? name : '-';
+  };
+  std::vector<std::jthread> callers;
+  {
+    const PhotoTurn::Holder first(turn, 0ms);
+    for (const char name : {'b', 'c', 'd'}) {
+      const auto limit = name == 'c' ? 1'000ms : 60'000ms;
+      callers.emplace_back(take, name, limit);
+      clock.AwaitWaiters(name - 'a');
+    }
+    clock.Advance(2'000ms);
+    callers[1].join();
+  }
+  take('a', 60'000ms);
+  callers.clear();
+  EXPECT_EQ(order, "-bda") << "even when the last holder asks again at once";
 }
 
 TEST_F(PhotoTest, ACallerThatWaitsLongerThan10SecondsFails) {

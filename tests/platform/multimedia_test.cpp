@@ -121,6 +121,22 @@ TEST_F(MultimediaTest, AnUnpluggedCameraIsOpenedAgainForTheNextPhoto) {
   }
 }
 
+TEST_F(MultimediaTest, ACameraWhoseBufferCouldNotBeMappedIsOpenedAgain) {
+  const auto& table = Start("echo UU");
+  driver_.mmap_errnos = {0, ENOMEM};
+  ASSERT_EQ(table.open_camera(0, nullptr), 0);
+  EXPECT_EQ(table.take_photo(0, &image_), 0) << "as the time-out of a frame";
+  EXPECT_EQ(image_.size, 0u);
+  EXPECT_EQ(State(), 1u);
+  EXPECT_EQ(table.take_photo(0, &image_), 0);
+  EXPECT_GT(image_.size, 0u);
+  EXPECT_EQ(driver_.opens, 2);
+  driver_.wait_errnos = {-1};
+  image_ = {};
+  EXPECT_EQ(table.take_photo(0, &image_), 0);
+  EXPECT_EQ(State(), 2u) << "a late frame is no reason";
+}
+
 TEST_F(MultimediaTest, ACameraPluggedInAfterTheStartServesPhotos) {
   const auto& table = Start("echo UU");
   driver_.open_errno = ENOENT;

@@ -91,6 +91,21 @@ TEST(ReplacementFileTest, CommitPublishesAndDestructionDiscards) {
   EXPECT_EQ(FilesIn(dir.Path()), 1U);
 }
 
+TEST(ReplacementFileTest, TheTemporaryHasTheEndingWhereverItsNameFits) {
+  const TempDir dir;
+  const std::string longest = "a." + std::string(253, 'n');
+  const std::pair<std::string, std::string> cases[] = {
+      {"p.b.png", ".png"}, {".jpg", ".jpg"}, {"p", ""}, {"p.", "."}, {longest, ""}};
+  for (const auto& [name, ending] : cases) {
+    std::error_code error;
+    const auto file = ReplacementFile::Create(dir / name, 0644, error);
+    ASSERT_TRUE(file) << name << ": " << error.message();
+    EXPECT_EQ(file->TemporaryPath().filename().string().substr(14), ending);
+  }
+  EXPECT_FALSE(WriteFileAtomically(dir / longest, "x"));
+  EXPECT_EQ(FileEnding(longest), longest.substr(1));
+}
+
 TEST(ReplacementFileTest, FailuresAreErrors) {
   const TempDir dir;
   std::error_code error;

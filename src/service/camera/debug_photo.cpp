@@ -3,7 +3,8 @@
 #include <fmt/format.h>
 
 #include <ctime>
-#include <filesystem>
+
+#include "utils/atomic_file.h"
 
 namespace varnel::service {
 namespace {
@@ -47,9 +48,9 @@ std::optional<std::string> DebugPhotoPath(const DebugPhotoRequest& request) {
   const std::optional<std::string> digits = LocalTimeDigits(request.timestamp);
   if (!digits) return std::nullopt;
   if (request.filepath.empty()) return request.filepath;
-  const std::filesystem::path given(request.filepath);
-  const std::string name = given.stem().string() + "_" + *digits + given.extension().string();
-  return (given.parent_path() / name).string();
+  std::string path = request.filepath;
+  const size_t ending = utils::FileEnding(path).size();
+  return path.insert(path.size() - ending, "_" + *digits);
 }
 
 }  // namespace varnel::service

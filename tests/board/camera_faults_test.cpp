@@ -1,0 +1,209 @@
+// A camera and a converter that fail in every way they can: each failure is one answered error, and
+// the next photo works.
+#include <gmock/gmock.h>
+
+#include <fstream>
+
+#include "board/served_board.h"
+#include "virtual_board/common/files.h"
+
+namespace varnel::board {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using namespace std::chrono_literals;
+
+constexpr const char* kRealFfmpeg = "#!/bin/sh\nexec /opt/varnel/ffmpeg \"$@\"\n";
+
+/// The stand-in for ffmpeg is one bound file, so it is changed in place.
+class Ffmpeg {
+ public:
+  Ffmpeg() : directory_((fs::temp_directory_path() / "varnel-ffmpeg-XXXXXX").string()) {
+    if (::mkdtemp(directory_.data()) == nullptr) throw std::runtime_error("no directory");
+    Become(kRealFfmpeg);
+    fs::permissions(File(), fs::perms(0755));
+  }
+  ~Ffmpeg() { fs::remove_all(directory_); }
+  Ffmpeg(const Ffmpeg&) = delete;
+  Ffmpeg& operator=(const Ffmpeg&) = delete;
+
+  [[nodiscard]] fs::path File() const { return fs::path(directory_) / "ffmpeg"; }
+  void Become(const std::string& script) const { std::ofstream(File()) << script; }
+
+ private:
+  std::string directory_;
+};
+
+BootOptions WithStandIn(const Ffmpeg& ffmpeg) {
+  BootOptions options = DaemonOptions();
+  options.binds.emplace_back(ffmpeg.File(), "/usr/bin/ffmpeg");
+  options.binds.emplace_back("/usr/bin/ffmpeg", "/opt/varnel/ffmpeg");
+  return options;
+}
+
+class CameraFaultsTest : public testing::Test {
+ protected:
+  struct Shared {
+    Ffmpeg ffmpeg;
+    ServedBoard board{WithStandIn(ffmpeg)};
+  };
+  static void SetUpTestSuite() {
+    shared = std::make_unique<Shared>();
+    ASSERT_TRUE(shared->board.rpc.AwaitDaemon());
+  }
+  static void TearDownTestSuite() { shared.reset(); }
+  void SetUp() override { ExpectHealthy(); }
+  void TearDown() override { EXPECT_THAT(served().rpc.Problems(), IsEmpty()); }
+
+  static ServedBoard& served() { return shared->board; }
+  static const Board& board() { return shared->board.board; }
+  static const Ffmpeg& ffmpeg() { return shared->ffmpeg; }
+
+  static void ExpectHealthy() {
+    board().SetCameraFaults("rate 200");
+    ffmpeg().Become(kRealFfmpeg);
+    const fs::path file = board().HostPath("/userdata/well.jpg");
+    fs::remove(file);
+    EXPECT_EQ(served().Photo("/userdata/well.jpg"), Success());
+    EXPECT_TRUE(IsWholeJpeg(ReadFile(file)));
+  }
+  /// One photo under these faults.
+  static json PhotoUnder(const std::string& faults) {
+    board().SetCameraFaults(faults + "\nrate 200\n");
+    return served().Photo("/userdata/never.nv12");
+  }
+  static void ExpectNoFile() {
+    EXPECT_EQ(board().Shell("ls -A /userdata | grep -e never -e varnel-").out, "");
+  }
+
+  static std::unique_ptr<Shared> shared;
+};
+std::unique_ptr<CameraFaultsTest::Shared> CameraFaultsTest::shared;
+
+const json kFailed = Error(-32000, "Take photo failed");
+
+TEST_F(CameraFaultsTest, EachFailingCallFailsOnePhoto) {
+  const char* faults[] = {"stall",
+                          "fail VIDIOC_STREAMON EIO 1",
+                          "fail VIDIOC_STREAMON ENOMEM 1",
+                          "fail VIDIOC_STREAMOFF EIO 1",
+                          "fail VIDIOC_DQBUF EIO 1",
+                          "fail VIDIOC_DQBUF EINVAL 1",
+                          "fail VIDIOC_QBUF EIO 3",
+                          "error-buffer",
+                          "error-buffer 3110400",
+                          "fail VIDIOC_STREAMON ENODEV 1",
+                          "fail VIDIOC_DQBUF ENODEV 1",
+                          "fail VIDIOC_STREAMOFF ENODEV 1"};
+  for (const char* fault : faults) {
+    EXPECT_EQ(PhotoUnder(fault), kFailed) << fault;
+    ExpectNoFile();
+    ExpectHealthy();
+  }
+  EXPECT_EQ(PhotoUnder("fail VIDIOC_DQBUF EAGAIN 3\nfail VIDIOC_STREAMON EINTR 3"), Success());
+  fs::remove(board().HostPath("/userdata/never.nv12"));
+}
+
+TEST_F(CameraFaultsTest, ALostCameraIsOpenedAgainWhateverTheOpeningMeets) {
+  const char* openings[] = {"unplug",
+                            "fail VIDIOC_QUERYCAP EIO 1 2",
+                            "fail VIDIOC_S_FMT EBUSY 1",
+                            "fail VIDIOC_REQBUFS ENOMEM 1",
+                            "fail VIDIOC_QUERYBUF EIO 1",
+                            "fail VIDIOC_QUERYBUF EIO 3",
+                            "fail mmap ENOMEM 1",
+                            "buffers 2",
+                            "no-capture",
+                            "no-streaming"};
+  for (const char* opening : openings) {
+    EXPECT_EQ(PhotoUnder("fail VIDIOC_DQBUF ENODEV 1"), kFailed);
+    EXPECT_THAT(board().CameraJournal(), EndsWith("close /dev/video11\n")) << "let go at once";
+    EXPECT_EQ(PhotoUnder(opening), kFailed) << opening;
+    ExpectNoFile();
+    ExpectHealthy();
+    EXPECT_THAT(board().CameraJournal(), HasSubstr("close /dev/video11\nopen /dev/video11\n"));
+  }
+}
+
+TEST_F(CameraFaultsTest, FaultsLeaveNoDescriptorBehind) {
+  const long before = board().DaemonCounters().descriptors;
+  for (int round = 0; round < 10; ++round) {
+    for (const char* fault : {"fail VIDIOC_DQBUF ENODEV 1", "unplug", "buffers 1",
+                              "fail VIDIOC_STREAMON EIO 1", "error-buffer"}) {
+      EXPECT_EQ(PhotoUnder(fault), kFailed) << fault;
+    }
+  }
+  ffmpeg().Become("#!/bin/sh\nexit 1\n");
+  board().SetCameraFaults("rate 200");
+  for (int round = 0; round < 10; ++round) {
+    EXPECT_EQ(served().Photo("/userdata/never.jpg"), kFailed);
+  }
+  ExpectHealthy();
+  EXPECT_EQ(board().DaemonCounters().descriptors, before);
+}
+
+TEST_F(CameraFaultsTest, TwentyRequestsAtOnceAreServedOneAfterAnother) {
+  std::vector<json> ids;
+  for (int i = 0; i < 20; ++i) {
+    ids.push_back(served().PostPhoto("/userdata/burst" + std::to_string(i) + ".jpg"));
+  }
+  for (size_t i = 0; i < ids.size(); ++i) {
+    EXPECT_EQ(served().rpc.Await(ids[i]), Success());
+    EXPECT_TRUE(IsWholeJpeg(served().File("/userdata/burst" + std::to_string(i) + ".jpg"))) << i;
+  }
+}
+
+TEST_F(CameraFaultsTest, AConverterThatFailsLeavesTheOldPicture) {
+  ASSERT_EQ(served().Photo("/userdata/old.jpg"), Success());
+  const std::string old = served().File("/userdata/old.jpg");
+  const char* const half = "for last; do :; done; head -c 5000 /userdata/well.jpg > \"$last\"";
+  const std::string scripts[] = {"#!/nowhere/sh\n", "#!/bin/sh\nexit 0\n",
+                                 "#!/bin/sh\n" + std::string(half) + "; kill -9 $$\n",
+                                 "#!/bin/sh\nyes 'two\nlines' | head -c 100000 >&2; exit 3\n"};
+  for (const std::string& script : scripts) {
+    ffmpeg().Become(script);
+    for (const char* path : {"/userdata/never.jpg", "/userdata/never.png", "/userdata/old.jpg"}) {
+      EXPECT_EQ(served().Photo(path), kFailed) << script;
+    }
+    ExpectNoFile();
+    EXPECT_TRUE(served().File("/userdata/old.jpg") == old);
+    ExpectHealthy();
+  }
+}
+
+/// The first photo's converter hangs until its time limit of 30 s; the others wait for 10 s.
+TEST_F(CameraFaultsTest, AHangingConverterIsKilledAndNobodyWaitsLongForIt) {
+  const size_t processes = board().Processes().size();
+  ffmpeg().Become("#!/bin/sh\nsleep 600 & sleep 600\n");
+  const auto start = std::chrono::steady_clock::now();
+  const json first = served().PostPhoto("/userdata/never.jpg");
+  while (board().Shell("pidof sleep").status != 0) {
+  }
+  const json second = served().PostPhoto("/userdata/never.nv12");
+  EXPECT_EQ(served().rpc.Await(second, 20s), kFailed);
+  EXPECT_EQ(served().rpc.Await(first, 40s), kFailed);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 35s);
+  ExpectNoFile();
+  ExpectHealthy();
+  EXPECT_EQ(board().Processes().size(), processes);
+}
+
+TEST_F(CameraFaultsTest, ACameraThatIsMissingAtTheStartServesOnceItIsThere) {
+  const std::string log = served().StopAndReadLog();
+  EXPECT_THAT(log, HasSubstr("The camera is still busy after 10s, no photo is taken"));
+  EXPECT_THAT(log, HasSubstr("Insufficient buffer memory"));
+  EXPECT_THAT(log, HasSubstr("Execute error, code is 127"));
+  board().SetCameraFaults("unplug");
+  ASSERT_TRUE(board().StartDaemon());
+  ASSERT_TRUE(served().rpc.AwaitDaemon());
+  EXPECT_EQ(served().Photo("/userdata/never.jpg"), kFailed);
+  EXPECT_EQ(served().Photo(""), kFailed);
+  ExpectHealthy();
+}
+
+}  // namespace
+}  // namespace varnel::board

@@ -1,0 +1,112 @@
+#include "service/camera/camera_service.h"
+
+#include <gmock/gmock.h>
+
+#include <memory>
+#include <vector>
+
+#include "comms/fake_mqtt_client.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace varnel::service {
+namespace {
+
+using hal_adapter::PhotoStatus;
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+/// The service with a camera that notes the paths of its photos.
+class CameraServiceTest : public testing::Test {
+ protected:
+  CameraServiceTest() { EXPECT_EQ(comms_.InitLocal(), comms::CommsStatus::kOk); }
+
+  json Take(const std::string& params) {
+    return service_.ReqCallbackCameraServiceTakePhoto(json::parse(params));
+  }
+  json Debug(const std::string& path) {
+    return service_.ReqCallbackCameraServiceTakePhoto({{"reason", "debug"}, {"filepath", path}});
+  }
+
+  test::LogCapture log_;
+  test::TempDir dir_;
+  const utils::ClientPathPolicy paths_{utils::ClientPathRules{.allowed = {dir_.Path()}}};
+  comms::CommsManager comms_{[](const std::string& name, comms::Qos) {
+    return std::make_shared<test::FakeMqttClient>(name);
+  }};
+  PhotoStatus status_ = PhotoStatus::kSuccess;
+  std::vector<std::string> taken_;
+  CameraService service_{comms_,
+                         [this](const std::string& path) {
+                           taken_.push_back(path);
+                           return status_;
+                         },
+                         paths_};
+};
+
+json Error(int code, const char* message) {
+  return {{"code", code}, {"message", message}};
+}
+
+TEST_F(CameraServiceTest, ParamsAreJudgedBeforeTheCameraIsTouched) {
+  const struct {
+    const char* params;
+    json error;
+  } cases[] = {
+      {"null", Error(-32602, "Missing required param: reason")},
+      {"{}", Error(-32602, "Missing required param: reason")},
+      {R"({"Reason":"debug"})", Error(-32602, "Missing required param: reason")},
+      {"[]", Error(-32602, "Invalid params")},
+      {R"(["debug"])", Error(-32602, "Invalid params")},
+      {R"("debug")", Error(-32602, "Invalid params")},
+      {"7", Error(-32602, "Invalid params")},
+      {R"({"reason":null})", Error(-32602, "Invalid params")},
+      {R"({"reason":["debug"]})", Error(-32602, "Invalid params")},
+      {R"({"reason":"debug","filepath":null})", Error(-32602, "Invalid params")},
+      {R"({"reason":"debug","filepath":7})", Error(-32602, "Invalid params")},
+      {R"({"reason":"debug","timestamp":1.0})", Error(-32602, "Invalid params")},
+      {R"({"reason":"debug","timestamp":true})", Error(-32602, "Invalid params")},
+      {R"({"reason":"debug","timestamp":9223372036854775808})", Error(-32602, "Invalid params")},
+      {R"({"reason":"debug","timestamp":9223372036854775807})", Error(-32602, "Invalid params")},
+      {R"({"reason":"debug","filepath":"p.jpg"})", Error(-32600, "Invalid Request")},
+      {R"({"reason":"debug","filepath":"/etc/p.jpg"})", Error(-32600, "Invalid Request")},
+      {R"({"reason":"debug","filepath":"/tmp\u0000/p.jpg"})", Error(-32600, "Invalid Request")},
+      {R"({"reason":""})", Error(-32600, "Invalid Request")},
+      {R"({"reason":"Debug"})", Error(-32600, "Invalid Request")},
+      {R"({"reason":"fun\n","filepath":7})", Error(-32600, "Invalid Request")},
+      {R"({"reason":"printing","filepath":7})", Error(-32600, "Invalid operation")},
+  };
+  for (const auto& test : cases) EXPECT_EQ(Take(test.params), test.error) << test.params;
+  EXPECT_THAT(taken_, IsEmpty());
+  EXPECT_TRUE(log_.Has("CAMSRV", "Take a photo, reason is fun\\x0a"));
+  EXPECT_TRUE(log_.Has("CAMSRV", "Timelapse take photo: invalid operation."));
+}
+
+TEST_F(CameraServiceTest, ThePhotoGoesToTheRealPathAndItsOutcomeIsAnswered) {
+  const json success = {{"state", "success"}};
+  std::filesystem::create_directory_symlink(dir_.Path(), dir_ / "link");
+  EXPECT_EQ(Debug(dir_ / "link/./p.jpg"), success);
+  EXPECT_EQ(Debug(""), success);
+  EXPECT_EQ(Take(R"({"reason":"debug","more":1})"), success);
+  EXPECT_THAT(taken_,
+              ElementsAre((std::filesystem::canonical(dir_.Path()) / "p.jpg").string(), "", ""));
+  const std::pair<PhotoStatus, json> outcomes[] = {
+      {PhotoStatus::kNotWritable, Error(-32600, "Invalid Request")},
+      {PhotoStatus::kCaptureFailed, Error(-32000, "Take photo failed")},
+      {PhotoStatus::kConversionFailed, Error(-32000, "Take photo failed")}};
+  for (const auto& [status, error] : outcomes) {
+    status_ = status;
+    EXPECT_EQ(Debug(dir_ / "p.jpg"), error);
+  }
+}
+
+TEST_F(CameraServiceTest, StartFailsWhenANameIsTaken) {
+  EXPECT_EQ(service_.Start(), comms::CommsStatus::kOk);
+  EXPECT_TRUE(log_.Has("CAMSRV", "Camera service initialized via CommsManager."));
+  EXPECT_NE(service_.Start(), comms::CommsStatus::kOk);
+  EXPECT_EQ(service_.ReqCallbackCameraServiceGetStatus(7).at("interface_type"), "MIPI");
+}
+
+}  // namespace
+}  // namespace varnel::service
