@@ -161,6 +161,10 @@ CommsStatus ClientMqttAsync::ReconnectLocked() {
   // An attempt that failed at once has destroyed the handle; its settings are still here.
   if (!handle_) {
     if (const CommsStatus created = CreateHandle(); created != CommsStatus::kOk) return created;
+  } else {
+    // We may have been told of the failure by a library thread that is still taking that attempt
+    // apart, and would take ours apart with it.
+    api_.AwaitUnlocked(handle_.get());
   }
   const int code = StartConnect();
   if (code != MQTTASYNC_SUCCESS) {
@@ -351,6 +355,7 @@ CommsStatus ClientMqttAsync::Subscribe(const std::string& filter) {
 
 int ClientMqttAsync::SubscribeNow(const std::string& filter) {
   MQTTAsync_responseOptions options = MQTTAsync_responseOptions_initializer;
+  options.subscribeOptions.retainHandling = kRetainedOnlyToNewSubscriptions;
   options.onFailure5 = AsyncCallbacks::SubscribeFailed;
   options.context = context_;
   const int code = api_.Subscribe(live_handle_, filter, static_cast<int>(subscribe_qos_), options);

@@ -32,8 +32,8 @@ std::string LibraryVersion() {
   return {};
 }
 
-/// Takes the reason or return code out of a response and frees it. The library stores its negative return codes in
-/// the enum too, which has no such values: copied as bytes.
+/// Takes the reason or return code out of a response and frees it. The library stores its negative
+/// return codes in the enum too, which has no such values: copied as bytes.
 int TakeCode(MQTTResponse response) {
   int code = 0;
   static_assert(sizeof code == sizeof response.reasonCode);
@@ -206,8 +206,10 @@ CommsStatus ClientMqttSync::SubscribeAll() {
 }
 
 CommsStatus ClientMqttSync::SubscribeLocked(const std::string& filter) {
+  MQTTSubscribe_options options = MQTTSubscribe_options_initializer;
+  options.retainHandling = kRetainedOnlyToNewSubscriptions;
   const int code = TakeCode(MQTTClient_subscribe5(
-      handle_.get(), filter.c_str(), static_cast<int>(subscribe_qos_), nullptr, nullptr));
+      handle_.get(), filter.c_str(), static_cast<int>(subscribe_qos_), &options, nullptr));
   if (code >= 0 && code <= static_cast<int>(MQTTREASONCODE_GRANTED_QOS_2)) return CommsStatus::kOk;
   VLOG_ERROR(kTag, "{}: failed to subscribe topic {}, rc: {}", Name(), filter, code);
   return CommsStatus::kFailure;

@@ -1,6 +1,5 @@
 #include "comms/mqtt_library.h"
 
-#include <MQTTAsync.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -51,9 +50,6 @@ void PrepareMqttLibrary() {
   std::call_once(once, [] {
     for (const char* name : {"http_proxy", "https_proxy", "HTTP_PROXY", "HTTPS_PROXY"})
       unsetenv(name);
-    MQTTAsync_init_options options = MQTTAsync_init_options_initializer;
-    options.do_openssl_init = 1;
-    MQTTAsync_global_init(&options);
   });
 }
 

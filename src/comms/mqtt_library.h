@@ -6,9 +6,12 @@
 
 namespace varnel::comms {
 
-/// Settings of the MQTT library that hold for the whole process, made once before the first client:
-/// no proxy from the environment (the library would send even loopback traffic through it) and the
-/// library ready for TLS.
+/// The retain handling of every subscription: replacing a listener subscribes again, which must not
+/// deliver a retained message a second time.
+constexpr unsigned char kRetainedOnlyToNewSubscriptions = 1;
+
+/// Once before the first client: takes the proxy out of the process's environment, through which
+/// the library would send even loopback traffic.
 void PrepareMqttLibrary();
 
 /// The server URI of a connection in the schemes that the running library knows: "mqtt://" and

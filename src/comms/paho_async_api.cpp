@@ -31,6 +31,10 @@ int PahoAsyncApi::Connect(MQTTAsync handle, const MQTTAsync_connectOptions& opti
   return MQTTAsync_connect(handle, &options);
 }
 
+void PahoAsyncApi::AwaitUnlocked(MQTTAsync handle) {
+  (void)MQTTAsync_isConnected(handle);  // takes the lock, and nothing else
+}
+
 int PahoAsyncApi::Disconnect(MQTTAsync handle, const MQTTAsync_disconnectOptions& options) {
   return MQTTAsync_disconnect(handle, &options);
 }

@@ -20,6 +20,8 @@ class PahoAsyncApi {
   virtual int SetDisconnected(MQTTAsync handle, void* context,
                               MQTTAsync_disconnected* disconnected);
   virtual int Connect(MQTTAsync handle, const MQTTAsync_connectOptions& options);
+  /// Returns when the library has left the work that it does under its lock.
+  virtual void AwaitUnlocked(MQTTAsync handle);
   virtual int Disconnect(MQTTAsync handle, const MQTTAsync_disconnectOptions& options);
   virtual int Subscribe(MQTTAsync handle, const std::string& filter, int qos,
                         MQTTAsync_responseOptions& options);

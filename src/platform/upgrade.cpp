@@ -20,9 +20,6 @@ constexpr const char* kTag = "IMSYS";
 constexpr uint32_t kMainTarget = 0;
 constexpr size_t kOutputLimit = 40'960;
 
-/// A pipe would kill the script at its next output once the daemon is gone; a file does not.
-constexpr const char* kRunIntoFile = "exec \"$@\" >\"$0\" 2>&1";
-
 /// Holds the script's output; gone at the end of the upgrade.
 class OutputFile {
  public:
@@ -58,14 +55,14 @@ void LogLines(const std::string& text) {
 
 HalStatus RunScript(const UpgradeBoard& board, const char* package) {
   const OutputFile output(board.output_dir);
-  utils::SafeExec command(board.shell);
-  command.AddArg("-c").AddArg(kRunIntoFile).AddArg(output ? output.Path() : "/dev/null");
-  command.AddArg(board.script).AddArg("upgrade").AddArg("all").AddArg(package);
+  utils::SafeExec command(board.script);
+  command.AddArg("upgrade").AddArg("all").AddArg(package);
+  // A pipe would kill the script at its next output once the daemon is gone; a file does not.
+  command.SetOutputFile(output ? output.Path() : "/dev/null");
   command.OutliveUs();
-  const CommandOutput result = run_command(command, kOutputLimit);
-  LogLines(result.text);
+  const HalStatus status = run_command(command, 0).status;
   if (output) LogLines(output.Read());
-  return result.status;
+  return status;
 }
 
 }  // namespace

@@ -8,7 +8,6 @@ namespace varnel::platform {
 
 struct UpgradeBoard {
   std::string script = "/home/ruxo/bin/systemUpgrade.sh";
-  std::string shell = "/bin/sh";
   /// Where the script's output is kept while it runs.
   std::string output_dir = "/tmp";
 };

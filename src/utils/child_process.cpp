@@ -100,6 +100,14 @@ std::optional<Pipe> MakePipe() {
   return pipe;
 }
 
+UniqueFd OpenOutputFile(const char* path) {
+  UniqueFd file(::open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!file || !MoveAboveStandard(file)) {
+    return {};
+  }
+  return file;
+}
+
 // By number: the header of Debian 12 declares the function without C linkage.
 ChildProcess::ChildProcess(pid_t pid)
     : pid_(pid), ended_fd_(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0))) {}

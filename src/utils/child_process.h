@@ -29,6 +29,10 @@ struct Pipe {
 /// blocks.
 [[nodiscard]] std::optional<Pipe> MakePipe();
 
+/// A file that takes a child's output: appended to, made private to us if there is none, no link
+/// followed, above the standard descriptors. Nothing when it cannot be opened.
+[[nodiscard]] UniqueFd OpenOutputFile(const char* path);
+
 /// A started child of ours. One that is not reaped yet is killed with its process group and reaped
 /// at destruction, so that no way out leaves a zombie.
 class ChildProcess {

@@ -189,14 +189,15 @@ SafeExec& SafeExec::SetOutputLimit(size_t bytes) {
   return *this;
 }
 
+SafeExec& SafeExec::SetOutputFile(std::string path) {
+  output_file_ = std::move(path);
+  return *this;
+}
+
 SafeExec::Result SafeExec::Execute() {
-  std::optional<Pipe> out = MakePipe();
-  std::optional<Pipe> err = out ? MakePipe() : std::nullopt;
-  if (!out || !err) {
-    throw SafeExecException("Failed to create pipe");
-  }
+  Outputs outputs = OpenOutputs();
   pid_t pid = -1;
-  const int error = Start(out->write_end.Get(), err->write_end.Get(), pid);
+  const int error = Start(outputs, pid);
   if (IsShortage(error)) {
     throw SafeExecException("Failed to fork process");
   }
@@ -207,12 +208,31 @@ SafeExec::Result SafeExec::Execute() {
   }
   // Ours are closed first: the end of the child's side must show, and the descriptors may be the
   // last ones.
-  out->write_end.Reset();
-  err->write_end.Reset();
-  return Supervise(pid, std::move(out->read_end), std::move(err->read_end));
+  outputs.child_out.Reset();
+  outputs.child_err.Reset();
+  return Supervise(pid, std::move(outputs));
 }
 
-int SafeExec::Start(int out_fd, int err_fd, int& pid) {
+SafeExec::Outputs SafeExec::OpenOutputs() const {
+  Outputs outputs;
+  if (output_file_) {
+    outputs.child_out = OpenOutputFile(output_file_->c_str());
+    outputs.child_err = OpenOutputFile(output_file_->c_str());
+    if (!outputs.child_out || !outputs.child_err) {
+      throw SafeExecException("Failed to open output file");
+    }
+    return outputs;
+  }
+  std::optional<Pipe> out = MakePipe();
+  std::optional<Pipe> err = out ? MakePipe() : std::nullopt;
+  if (!out || !err) {
+    throw SafeExecException("Failed to create pipe");
+  }
+  return {std::move(out->write_end), std::move(err->write_end), std::move(out->read_end),
+          std::move(err->read_end)};
+}
+
+int SafeExec::Start(const Outputs& outputs, int& pid) {
   std::vector<std::string> words = {program_path_};
   words.insert(words.end(), arguments_.begin(), arguments_.end());
   const std::vector<char*> arguments = Pointers(words);
@@ -222,20 +242,20 @@ int SafeExec::Start(int out_fd, int err_fd, int& pid) {
   setup.arguments = arguments.data();
   setup.environment = environment_.empty() ? environ : own_environment.data();
   setup.working_dir = working_dir_ ? working_dir_->c_str() : nullptr;
-  setup.standard_output = out_fd;
-  setup.standard_error = err_fd;
+  setup.standard_output = outputs.child_out.Get();
+  setup.standard_error = outputs.child_err.Get();
   setup.outlives_us = outlives_us_;
   return SpawnChild(setup, pid);
 }
 
-SafeExec::Result SafeExec::Supervise(int pid, UniqueFd out_pipe, UniqueFd err_pipe) const {
+SafeExec::Result SafeExec::Supervise(int pid, Outputs outputs) const {
   Deadline deadline;
   if (timeout_ms_) {
     deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(*timeout_ms_);
   }
   ChildProcess child(pid);
-  CapturedStream out(std::move(out_pipe), output_limit_);
-  CapturedStream err(std::move(err_pipe), output_limit_);
+  CapturedStream out(std::move(outputs.out), output_limit_);
+  CapturedStream err(std::move(outputs.err), output_limit_);
   const bool ended = CaptureUntilEnd(child, out, err, deadline);
   if (!ended) {
     child.KillGroup();

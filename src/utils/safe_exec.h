@@ -19,7 +19,7 @@ class SafeExecException : public std::runtime_error {
 };
 
 /// Runs an external program without a shell. The child gets standard input from /dev/null, its own
-/// process group, default signal dispositions and no descriptor of ours but its two output pipes.
+/// process group, default signal dispositions and no descriptor of ours but its two outputs.
 /// One thread at a time per object; the object must outlive a future of ExecuteAsync().
 class SafeExec {
  public:
@@ -42,6 +42,9 @@ class SafeExec {
   SafeExec& SetWorkingDir(std::string path);
   /// When it runs out the child's process group is killed.
   SafeExec& SetTimeout(uint32_t milliseconds);
+  /// Both outputs of the child are appended to this file instead of being captured, so that the
+  /// child can go on when this process ends. Made with mode 0600 if missing; a link is refused.
+  SafeExec& SetOutputFile(std::string path);
   /// The child goes on when this process ends.
   SafeExec& OutliveUs();
   /// Bytes kept of each output; the rest is read and dropped.
@@ -55,8 +58,17 @@ class SafeExec {
   [[nodiscard]] std::string ToString() const;
 
  private:
-  int Start(int out_fd, int err_fd, int& pid);
-  Result Supervise(int pid, UniqueFd out_pipe, UniqueFd err_pipe) const;
+  /// The ends that the child gets and those that we read; the latter are none with a file.
+  struct Outputs {
+    UniqueFd child_out;
+    UniqueFd child_err;
+    UniqueFd out;
+    UniqueFd err;
+  };
+
+  Outputs OpenOutputs() const;
+  int Start(const Outputs& outputs, int& pid);
+  Result Supervise(int pid, Outputs outputs) const;
 
   static constexpr size_t kDefaultOutputLimit = size_t{16} << 20U;
 
@@ -64,6 +76,7 @@ class SafeExec {
   std::vector<std::string> arguments_;
   std::vector<std::string> environment_;
   std::optional<std::string> working_dir_;
+  std::optional<std::string> output_file_;
   std::optional<uint32_t> timeout_ms_;
   size_t output_limit_ = kDefaultOutputLimit;
   bool outlives_us_ = false;

@@ -47,6 +47,7 @@ class FakePaho : public PahoAsyncApi {
     has_user = options.username != nullptr;
     return connect_code;
   }
+  void AwaitUnlocked(MQTTAsync) override {}
   int Disconnect(MQTTAsync, const MQTTAsync_disconnectOptions& options) override {
     if (disconnect_answers) options.onSuccess5(options.context, nullptr);
     return MQTTASYNC_SUCCESS;

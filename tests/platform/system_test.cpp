@@ -1,6 +1,12 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <string>
 
@@ -8,6 +14,7 @@
 #include "platform/upgrade.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
+#include "utils/owned.h"
 
 namespace varnel::platform {
 namespace {
@@ -49,8 +56,54 @@ TEST_F(UpgradeTest, KeepsTheFirst40960BytesOfItsOutput) {
   EXPECT_THAT(log_.Text(), testing::Not(HasSubstr("beyond")));
 }
 
-TEST_F(UpgradeTest, TheScriptsOutputNeedsNobodyToReadIt) {
-  EXPECT_EQ(Upgrade("[ -f /proc/$$/fd/1 ] && [ -f /proc/$$/fd/2 ]"), 0) << "a pipe could break";
+TEST_F(UpgradeTest, AMissingScriptIsNotFound) {
+  UpgradeBoard board;
+  board.script = dir_ / "none";
+  board.output_dir = dir_.Path();
+  EXPECT_EQ(upgrade_firmware(board, 0, "/x"), 127);
+  EXPECT_TRUE(log_.Has("IMSYS", "Upgrade failed"));
+}
+
+/// A named pipe that neither side waits to open.
+class Fifo {
+ public:
+  explicit Fifo(const std::string& path) {
+    if (::mkfifo(path.c_str(), 0600) == 0) {
+      end_.Reset(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    }
+  }
+  bool WaitForText() const {
+    pollfd end = {end_.Get(), POLLIN, 0};
+    return ::poll(&end, 1, 20'000) == 1;
+  }
+  bool Put() const { return ::write(end_.Get(), "\n", 1) == 1; }
+
+ private:
+  utils::UniqueFd end_;
+};
+
+TEST_F(UpgradeTest, TheScriptFinishesThoughTheDaemonIsKilled) {
+  const Fifo started(dir_ / "started");
+  const Fifo killed(dir_ / "killed");
+  const Fifo ended(dir_ / "ended");
+  const pid_t daemon = ::fork();
+  if (daemon == 0) {
+    ::_exit(
+        Upgrade("cd \"${0%/*}\"; echo > started; read go < killed;"
+                "echo still; echo here >&2; echo > ended"));
+  }
+  EXPECT_TRUE(started.WaitForText());
+  ::kill(daemon, SIGKILL);
+  ::waitpid(daemon, nullptr, 0);
+  EXPECT_TRUE(killed.Put());
+  EXPECT_TRUE(ended.WaitForText());
+  std::string said;
+  for (const auto& entry : fs::directory_iterator(dir_.Path())) {
+    if (entry.path().filename().string().starts_with(".upgrade-")) {
+      said = test::ReadFile(entry.path());
+    }
+  }
+  EXPECT_EQ(said, "still\nhere\n");
 }
 
 class PlatformDataTest : public testing::Test {

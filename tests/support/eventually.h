@@ -2,12 +2,25 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 namespace varnel::test {
+
+/// For what tells nobody when it is done, like a broker: asks again after a moment.
+inline bool Eventually(const std::function<bool()>& done,
+                       std::chrono::seconds limit = std::chrono::seconds(20)) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
 
 /// What threads have reported so far; the test waits for it instead of sleeping.
 template <class Item>
