@@ -55,7 +55,7 @@ TEST_F(EnvironmentCheckTest, ProgramsAreReportedAsTheLocatorFindsThem) {
   EXPECT_THAT(log_.Lines().size(), 2U);
   EXPECT_TRUE(log_.Has("MAIN", "System program tar is located in /there/tar"));
   EXPECT_TRUE(log_.Has("MAIN", "System program ffmpeg(/there/ffmpeg) is not exists."));
-  EXPECT_THAT(log_.Text(), HasSubstr("error: "));
+  EXPECT_THAT(log_.Text(), HasSubstr("E [MAIN:"));
 
   CheckSystemPrograms("/nowhere/which", {{"openssl", "/there/openssl"}});
   EXPECT_TRUE(log_.Has("MAIN", "System program openssl(/there/openssl) is not exists."));

@@ -144,7 +144,7 @@ class Storm {
     EXPECT_EQ(after.threads, before.threads);
     EXPECT_EQ(after.descriptors, before.descriptors);
     // Loose: a sanitizer's bookkeeping grows with the load.
-    EXPECT_LT(after.resident_kb, before.resident_kb + 8 * 1024);
+    EXPECT_LT(after.resident_kb, before.resident_kb + 8192);
     std::cout << "resident " << before.resident_kb << " kB, then " << after.resident_kb << " kB\n";
   }
 

@@ -15,7 +15,6 @@ namespace fs = std::filesystem;
 using testing::AllOf;
 using testing::ContainsRegex;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 using namespace std::chrono_literals;
 

@@ -41,6 +41,7 @@ BootOptions WithConverter(const std::string& converter) {
 
 std::vector<std::string> Names(const std::vector<ProcessInfo>& processes) {
   std::vector<std::string> names;
+  names.reserve(processes.size());
   for (const ProcessInfo& process : processes) names.push_back(process.name);
   return names;
 }
