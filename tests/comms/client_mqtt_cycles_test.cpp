@@ -56,7 +56,8 @@ TEST(MqttCycles, AThousandConnectReconnectAndDestroyCycles) {
     std::this_thread::sleep_for(
         std::chrono::microseconds(random() % 4000));  // any moment of the attempt
     if (cycle % 3 == 0) (void)client->Reconnect();
-    if (cycle % 8 == 0) Eventually([&] { return client->IsConnected(); });
+    // Seldom: beside another client the library needs 2 s for a connection.
+    if (cycle % 36 == 0) Eventually([&] { return client->IsConnected(); });
     (void)client->Send("t", Qos::kAtMostOnce, false, "x");
     if (cycle % 2 == 0) client->Disconnect();
   }
