@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "comms/fake_mqtt_client.h"
+#include "support/fake_mqtt_client.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
