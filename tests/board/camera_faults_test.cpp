@@ -148,6 +148,7 @@ TEST_F(CameraFaultsTest, FaultsLeaveNoDescriptorBehind) {
 
 TEST_F(CameraFaultsTest, TwentyRequestsAtOnceAreServedOneAfterAnother) {
   std::vector<json> ids;
+  ids.reserve(20);
   for (int i = 0; i < 20; ++i) {
     ids.push_back(served().PostPhoto("/userdata/burst" + std::to_string(i) + ".jpg"));
   }
