@@ -4,6 +4,7 @@ find_package(fmt REQUIRED)
 find_package(nlohmann_json REQUIRED)
 find_package(OpenSSL REQUIRED)
 find_package(PkgConfig REQUIRED)
+pkg_check_modules(LIBUDEV REQUIRED IMPORTED_TARGET libudev)
 pkg_check_modules(LIBV4L2 REQUIRED IMPORTED_TARGET libv4l2)
 
 find_path(PAHO_INCLUDE_DIR MQTTAsync.h REQUIRED)

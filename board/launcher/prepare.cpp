@@ -52,8 +52,9 @@ void WriteOnce(const fs::path& path, const std::string& content) {
 void MakeDirectories(const Layout& layout) {
   for (const fs::path& directory :
        {layout.Userdata(), layout.DaemonLog().parent_path(), layout.Oem() / "printer_data",
-        layout.EtcVarnel(), layout.Tmp(), layout.Run(), layout.Sys(), layout.Etc() / "mosquitto.d",
-        layout.Proc(), layout.Dev(), layout.Log(), layout.I2c(), layout.Camera() / "frames"}) {
+        layout.EtcVarnel(), layout.Tmp(), layout.Run() / "udev", layout.Sys(),
+        layout.Etc() / "mosquitto.d", layout.Proc(), layout.Dev(), layout.Log(), layout.I2c(),
+        layout.Camera() / "frames"}) {
     fs::create_directories(directory);
   }
 }
@@ -66,6 +67,8 @@ void WriteSystemFiles(const Layout& layout) {
   Write(layout.Etc() / "mosquitto.conf", kBrokerConfiguration);
   WriteOnce(layout.Proc() / "cpuinfo", kCpuInfo);
   WriteOnce(layout.Proc() / "uptime", kUptime);
+  // Without it libudev takes it that nobody sends device messages.
+  WriteOnce(layout.Run() / "udev/control", "");
   for (const char* camera : {"video11", "video18"}) WriteOnce(layout.Dev() / camera, "");
 }
 

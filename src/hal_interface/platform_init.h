@@ -15,4 +15,7 @@ hal_adapter::HalStatus platform_system_init();
 /// later.
 void platform_multimedia_shutdown();
 
+/// Ends the watch for USB drives.
+void platform_system_shutdown();
+
 }  // namespace varnel::platform

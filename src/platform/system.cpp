@@ -3,6 +3,7 @@
 #include "platform/platform_data.h"
 #include "platform/system_info.h"
 #include "platform/upgrade.h"
+#include "platform/usb_monitor.h"
 #include "utils/log_printf.h"
 
 namespace varnel::platform {
@@ -41,7 +42,12 @@ constexpr hal_adapter::SystemHalInterface kTable = {
 
 HalStatus platform_system_init() {
   hal_adapter::register_system_hal(&kTable);
+  USBMonitor::Start();
   return hal_adapter::kHalSuccess;
+}
+
+void platform_system_shutdown() {
+  USBMonitor::Stop();
 }
 
 }  // namespace varnel::platform

@@ -20,4 +20,8 @@ void register_system_hal(const SystemHalInterface* iface) {
   test::registered.system = iface;
 }
 
+HalStatus post_hal_event(const HalEventRecord*) {
+  return kHalSuccess;
+}
+
 }  // namespace varnel::hal_adapter

@@ -1,0 +1,176 @@
+#include "platform/usb_monitor.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+
+#include <cerrno>
+#include <memory>
+#include <mutex>
+#include <string_view>
+#include <utility>
+
+#include "platform/copy_text.h"
+#include "platform/mount_table.h"
+#include "utils/atomic_file.h"
+#include "utils/log_printf.h"
+#include "utils/log_text.h"
+#include "utils/thread.h"
+
+namespace varnel::platform {
+namespace {
+
+constexpr const char* kTag = "IMSYSUSBM";
+constexpr const char* kSubsystem = "block";
+constexpr const char* kDeviceType = "disk";
+constexpr size_t kMountTableLimit = size_t{4} << 20;
+
+using DeviceEvent = utils::Owned<udev_device, udev_device_unref>;
+
+struct Singleton {
+  std::mutex mutex;
+  std::unique_ptr<USBMonitor> monitor;
+};
+
+Singleton& TheSingleton() {
+  static Singleton singleton;
+  return singleton;
+}
+
+bool Is(const char* text, std::string_view wanted) {
+  return text != nullptr && text == wanted;
+}
+
+bool IsUsb(udev_device* device) {
+  return udev_device_get_parent_with_subsystem_devtype(device, "usb", "usb_device") != nullptr;
+}
+
+}  // namespace
+
+void USBMonitor::Start(UsbMonitorBoard board) {
+  Singleton& singleton = TheSingleton();
+  const std::lock_guard lock(singleton.mutex);
+  if (!singleton.monitor) singleton.monitor = std::make_unique<USBMonitor>(std::move(board));
+}
+
+void USBMonitor::Stop() {
+  Singleton& singleton = TheSingleton();
+  const std::lock_guard lock(singleton.mutex);
+  singleton.monitor.reset();
+}
+
+USBMonitor::USBMonitor(UsbMonitorBoard board) : board_(std::move(board)) {
+  if (SetUp()) thread_ = utils::SpawnGuarded("usb-monitor", kTag, [this] { Run(); });
+}
+
+USBMonitor::~USBMonitor() {
+  running_ = false;
+  if (stop_event_) ::eventfd_write(stop_event_.Get(), 1);
+  if (thread_.joinable()) thread_.join();
+}
+
+bool USBMonitor::SetUp() {
+  context_.reset(udev_new());
+  if (!context_) {
+    PLOG_ERROR(kTag, "Unable to create the udev context");
+    return false;
+  }
+  monitor_.reset(udev_monitor_new_from_netlink(context_.get(), "udev"));
+  if (!monitor_) {
+    context_.reset();
+    PLOG_ERROR(kTag, "Unable to create udev monitor");
+    return false;
+  }
+  stop_event_.Reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!stop_event_ ||
+      udev_monitor_filter_add_match_subsystem_devtype(monitor_.get(), kSubsystem, kDeviceType) <
+          0 ||
+      udev_monitor_enable_receiving(monitor_.get()) < 0) {
+    PLOG_ERROR(kTag, "Unable to receive device events");
+    return false;
+  }
+  return true;
+}
+
+void USBMonitor::Run() {
+  PLOG_INFO(kTag, "Monitor task start");
+  while (running_) {
+    if (WaitForEvent()) ReceiveEvent();
+  }
+  PLOG_INFO(kTag, "Monitor task end");
+}
+
+/// poll, since a descriptor of 1024 or more does not fit into select's set.
+bool USBMonitor::WaitForEvent() {
+  pollfd watched[] = {{udev_monitor_get_fd(monitor_.get()), POLLIN, 0},
+                      {stop_event_.Get(), POLLIN, 0}};
+  const int ready = ::poll(watched, 2, static_cast<int>(board_.event_wait.count()));
+  const int error = errno;
+  PLOG_DEBUG(kTag, "select ret = %d", ready);
+  if (ready < 0 && error != EINTR) ReportFailure("Waiting for", error);
+  return ready > 0 && watched[0].revents != 0 && running_;
+}
+
+void USBMonitor::ReceiveEvent() {
+  errno = 0;
+  const DeviceEvent event(udev_monitor_receive_device(monitor_.get()));
+  if (!event) {
+    ReportFailure("Receiving", errno);
+    return;
+  }
+  failing_ = false;
+  HandleEvent(event.get());
+}
+
+/// The pause keeps a descriptor that stays readable for ever from taking the processor.
+void USBMonitor::ReportFailure(const char* what, int error) {
+  const bool spurious = error == 0 || error == EAGAIN || error == EINTR;
+  if (!spurious && !std::exchange(failing_, true)) {
+    PLOG_WARN(kTag, "%s a device event failed, errno is %d", what, error);
+  }
+  Pause(board_.failure_pause);
+}
+
+void USBMonitor::HandleEvent(udev_device* device) {
+  const char* node = udev_device_get_devnode(device);
+  const char* action = udev_device_get_action(device);
+  if (node == nullptr || action == nullptr) return;
+  PLOG_INFO(kTag, "Device event: node: %s, action: %s", node, action);
+  if (Is(action, "add") && Is(udev_device_get_devtype(device), kDeviceType) && IsUsb(device)) {
+    PLOG_INFO(kTag, "USB drive detected: %s", node);
+    AnnounceDrive(node);
+  }
+}
+
+void USBMonitor::AnnounceDrive(const std::string& node) {
+  const auto directory = AwaitMount(node);
+  if (!directory) return;
+  hal_adapter::HalEventRecord record{};
+  record.type = hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT;
+  copy_text(record.payload, *directory);
+  const hal_adapter::HalStatus status = board_.post(&record);
+  if (status != hal_adapter::kHalSuccess)
+    PLOG_WARN(kTag, "Failed to post USB drive event, err is %d", status);
+}
+
+/// Nothing when the drive is not mounted in time or the monitor is to end.
+std::optional<std::string> USBMonitor::AwaitMount(const std::string& node) {
+  for (int tries = 0; tries < board_.mount_tries && running_; ++tries) {
+    const auto mounts = utils::ReadSmallFile(board_.mounts, kMountTableLimit);
+    auto directory = mount_directory_of(node, mounts.value_or(""));
+    if (directory) {
+      PLOG_INFO(kTag, "The device has been mounted to %s", utils::LogText(*directory).c_str());
+      return directory;
+    }
+    Pause(board_.mount_pause);
+  }
+  if (running_) PLOG_ERROR(kTag, "Device mounting timeout");
+  return std::nullopt;
+}
+
+/// Ends early when the monitor is to end.
+void USBMonitor::Pause(std::chrono::milliseconds time) {
+  pollfd stop{stop_event_.Get(), POLLIN, 0};
+  ::poll(&stop, 1, static_cast<int>(time.count()));
+}
+
+}  // namespace varnel::platform
