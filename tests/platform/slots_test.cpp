@@ -58,6 +58,9 @@ TEST(SystemSlotTest, AnswersWithoutTouchingTheBoard) {
   EXPECT_EQ(table.prepare_reboot(), 0);
   EXPECT_TRUE(log.Has("IMSYS", "Preparing to reboot..."));
   EXPECT_EQ(table.reserved(), 0);
+  platform_system_shutdown();
+  EXPECT_EQ(log.Count("IMSYSUSBM", "Monitor task start"), 1u);
+  EXPECT_EQ(log.Count("IMSYSUSBM", "Monitor task end"), 1u);
 }
 
 }  // namespace
