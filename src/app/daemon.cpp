@@ -130,8 +130,8 @@ class Services {
 void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& broker) {
   // Whatever is made here is never taken apart: the process leaves by _exit, with service threads
   // still running.
-  auto* logger = new std::shared_ptr<utils::Logger>(StartLogging(log_target, paths.log_directory));
-  (void)logger;
+  static std::shared_ptr<utils::Logger> logger;
+  logger = StartLogging(log_target, paths.log_directory);
   VLOG_INFO(kTag, "Start Varnel Service ...");
   RemoveOldLogs(paths.log_directory);
   CheckSystemPrograms(paths.program_locator, paths.programs);

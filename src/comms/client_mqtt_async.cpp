@@ -406,7 +406,7 @@ void ClientMqttAsync::OnMessage(const char* topic, int topic_length,
     return;
   }
   Accept(topic, topic_length, message ? message->payload : nullptr,
-         message ? message->payloadlen : -1);
+         message ? message->payloadlen : -1, message && message->retained != 0);
 }
 
 void ClientMqttAsync::OnSubscribeFailed(const MQTTAsync_failureData5* data) {
