@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <stdexcept>
 
 #include "app/environment_check.h"
 #include "app/signal_handling.h"
@@ -144,7 +145,8 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
   hardware->Start();
   comms::CommsManager& comms = comms::CommsManager::Instance();
   comms.SetSerialNumberProvider([hardware] { return hardware->system.Identity().serial_number; });
-  (void)comms.InitLocal();
+  if (comms.InitLocal() != comms::CommsStatus::kOk)
+    throw std::runtime_error("the communication manager did not start");
   auto* services = new Services(comms, *hardware, *client_paths);
   services->Start();
 

@@ -1,5 +1,7 @@
 #include "service/camera/debug_photo.h"
 
+#include <filesystem>
+
 #include "utils/atomic_file.h"
 #include "utils/local_time.h"
 
@@ -33,8 +35,10 @@ std::optional<std::string> DebugPhotoPath(const DebugPhotoRequest& request) {
   if (request.timestamp == 0) return request.filepath;
   const std::optional<std::string> digits = utils::LocalTimeDigits(request.timestamp);
   if (!digits) return std::nullopt;
-  if (request.filepath.empty()) return request.filepath;
   std::string path = request.filepath;
+  const std::string name = std::filesystem::path(path).filename().string();
+  // The time would make a file of what is none; the path stays what it is, to be refused.
+  if (name.empty() || name == "." || name == "..") return path;
   const size_t ending = utils::FileEnding(path).size();
   return path.insert(path.size() - ending, "_" + *digits);
 }
