@@ -58,7 +58,6 @@ using namespace std::chrono_literals;
 using hal_adapter::HalEventRecord;
 using std::chrono::steady_clock;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 constexpr const char* kTag = "IMSYSUSBM";
