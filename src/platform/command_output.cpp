@@ -8,8 +8,7 @@ namespace varnel::platform {
 
 CommandOutput run_command(utils::SafeExec& command, size_t max_output) {
   try {
-    utils::SafeExec::Result result = command.Execute();
-    if (result.standard_output.size() > max_output) result.standard_output.resize(max_output);
+    utils::SafeExec::Result result = command.SetOutputLimit(max_output).Execute();
     return {result.exit_code, std::move(result.standard_output)};
   } catch (const utils::SafeExecException& error) {
     VLOG_ERROR("IMSYS", "Command '{}' was not started: {}", command.ToString(), error.what());

@@ -62,7 +62,7 @@ TEST_F(SystemAdapterTest, PublishesWhoTheBoardIs) {
   EXPECT_TRUE(log_.Has("HALSYS", "Product is PC9:SN01"));
   EXPECT_TRUE(log_.Has("HALSYS", "Firmware version is 1.2.3"));
   EXPECT_TRUE(log_.Has("HALSYS", "UUID is " + adapter.Uuid()));
-  EXPECT_EQ(adapter.Identity().device_key, "the-secret-key");
+  EXPECT_EQ(adapter.Identity().device_key.Text(), "the-secret-key");
   EXPECT_THAT(log_.Text(), testing::Not(HasSubstr("the-secret-key")));
 }
 

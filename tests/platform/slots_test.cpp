@@ -39,7 +39,7 @@ TEST(StorageSlotTest, CopiesThePathOfATypeWithinTheBuffer) {
 
 TEST(SystemSlotTest, AnswersWithoutTouchingTheBoard) {
   const test::LogCapture log;
-  ASSERT_EQ(platform_system_init(), 0);
+  ASSERT_EQ(platform_system_init({}), 0);
   const hal_adapter::SystemHalInterface& table = *test::registered.system;
   hal_adapter::DeviceInfo info{};
   EXPECT_EQ(table.get_device_info(nullptr), -2);
