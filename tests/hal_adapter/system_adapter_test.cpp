@@ -85,11 +85,30 @@ TEST_F(SystemAdapterTest, ABoardWithoutIdentityGetsARandomUuid) {
 }
 
 TEST_F(SystemAdapterTest, AnyPartOfTheIdentityMakesTheUuidNameBased) {
-  test::Fake().device = {};
-  std::strcpy(test::Fake().device.mac, "UnknownMAC");
+  const struct {
+    const char* serial;
+    const char* mac;
+    const char* processor;
+    const char* name;
+  } cases[] = {
+      {"SN", "MAC", "CPU", "SNMACCPU"},
+      {"--", "UnknownMAC", "", "--UnknownMAC"},
+      {"", "UnknownMAC", "", "UnknownMAC"},
+      {"", "", "CPU", "CPU"},
+  };
+  DeviceInfo& device = test::Fake().device;
+  for (const auto& test : cases) {
+    std::strcpy(device.serial_number, test.serial);
+    std::strcpy(device.mac, test.mac);
+    std::strcpy(device.processor_serial, test.processor);
+    SystemAdapter adapter = Adapter();
+    ASSERT_TRUE(adapter.Start());
+    EXPECT_EQ(adapter.Uuid(), NameUuid(test.name));
+  }
+  device = {};
   SystemAdapter adapter = Adapter();
   ASSERT_TRUE(adapter.Start());
-  EXPECT_EQ(adapter.Uuid(), NameUuid("UnknownMAC"));
+  EXPECT_EQ(adapter.Uuid(), RandomUuid(5489)) << "nothing to name it by";
 }
 
 TEST(DeviceUuidTest, IsTheFirst16BytesOfSha1WithVersionAndVariant) {
