@@ -1,14 +1,18 @@
 #include "platform/system_info.h"
 
 #include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <functional>
 #include <string>
 
+#include "platform/memory_search.h"
 #include "support/fake_clock.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
+#include "utils/secret.h"
 #include "virtual_board/identity/block.h"
 
 namespace varnel::platform {
@@ -101,6 +105,29 @@ TEST_F(SystemInfoTest, TheDeviceKeyIsReadAnewAfterEachPause) {
   };
   EXPECT_STREQ(Read().device_key, "the-secret");
   EXPECT_EQ(log_.Count("IMSYS", "Get MY failed, retry"), 4U);
+}
+
+TEST_F(SystemInfoTest, TheDeviceKeyLeavesNoCopyInMemory) {
+  const test::HiddenText secret(64);
+  const std::string block_key(32, 'k');
+  board_.identity.key_file = dir_.Write("key", block_key);
+  for (const bool sealed : {false, true}) {
+    const pid_t maker = ::fork();
+    if (maker == 0) {
+      const std::string identity = R"({"PrivateKey":")" + secret.Reveal() + "\"}";
+      board::WriteIdentityBlock(board_.identity.device, 0,
+                                sealed ? board::SealedIdentityBlock(identity, block_key)
+                                       : board::ClearIdentityBlock(identity));
+      ::_exit(0);
+    }
+    ::waitpid(maker, nullptr, 0);
+    DeviceInfo info{};
+    ASSERT_EQ(get_device_info(board_, "Unknown", &info), 0);
+    EXPECT_EQ(std::strlen(info.device_key), 64U);
+    EXPECT_TRUE(secret.IsInMemory()) << "it would be found";
+    utils::Wipe(&info, sizeof info);
+    EXPECT_FALSE(secret.IsInMemory());
+  }
 }
 
 TEST_F(SystemInfoTest, HardwareVersionHasGuardZonesBetweenItsBands) {
