@@ -7,20 +7,20 @@
 
 namespace varnel::board {
 
+// clang-format off
 /// Faults of a virtual camera as the text of its fault file asks for them. One per line; "#" starts
 /// a comment.
 ///
-///     unplug                              every call fails with ENODEV, opening too, until the
-///     line is removed stall                               streaming starts but no frame ever comes
-///     fail REQUEST ERRNO [COUNT [SKIP]]   REQUEST is "VIDIOC_..." or "mmap", ERRNO a number or a
-///     name; the first SKIP
-///                                         calls pass, the next COUNT fail, then the line goes;
-///                                         COUNT 0: for ever
+///     unplug                              every call fails with ENODEV, opening too, until the line is removed
+///     stall                               streaming starts but no frame ever comes
+///     fail REQUEST ERRNO [COUNT [SKIP]]   REQUEST is "VIDIOC_..." or "mmap", ERRNO a number or a name; the first
+///                                         SKIP calls pass, the next COUNT fail, then the line goes; COUNT 0: for ever
 ///     error-buffer [BYTES]                frames carry the error flag and only BYTES (0) bytes
 ///     index N                             dequeued buffers carry the index N
 ///     buffers N                           at most N buffers are granted
 ///     rate N                              N frames per second
 ///     no-capture, no-streaming            the capability is missing
+// clang-format on
 struct Faults {
   struct Failure {
     std::string request;

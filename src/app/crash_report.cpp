@@ -9,6 +9,8 @@
 
 #include <array>
 
+#include "utils/child_registry.h"
+
 namespace varnel::app {
 namespace {
 
@@ -51,6 +53,7 @@ extern "C" void ReportCrash(int signal_number) {
     sigaction(crash, &default_action, nullptr);
   alarm(5);
 
+  utils::EndChildren();  // nobody would watch their time limits any more
   openlog(program_invocation_short_name, LOG_PID | LOG_CONS, LOG_USER);
   syslog(LOG_ERR, "Process crashed with signal %d (%s), PID: %d", signal_number,
          SignalName(signal_number), getpid());

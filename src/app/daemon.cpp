@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <stdexcept>
 
 #include "app/environment_check.h"
 #include "app/signal_handling.h"
@@ -12,8 +13,11 @@
 #include "hal_adapter/multimedia_adapter.h"
 #include "hal_adapter/storage_adapter.h"
 #include "hal_adapter/system_adapter.h"
+#include "hal_interface/hal_register.h"
 #include "hal_interface/platform_init.h"
 #include "service/camera/camera_service.h"
+#include "service/system/date_record.h"
+#include "service/system/device_info_service.h"
 #include "utils/child_registry.h"
 #include "utils/client_path.h"
 #include "utils/deployment.h"
@@ -95,44 +99,63 @@ utils::ClientPathRules PathRulesOf(const utils::Deployment& deployment) {
   return rules;
 }
 
+/// Drives that are plugged in from now on are open to files that clients ask for.
+void AllowDrives(utils::ClientPathPolicy& client_paths) {
+  const auto allow = [](const hal_adapter::HalEventRecord* event, void* policy) {
+    static_cast<utils::ClientPathPolicy*>(policy)->AllowDirectory(event->payload);
+  };
+  (void)hal_adapter::register_hal_event_callback(hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT, allow,
+                                                 &client_paths);
+}
+
 /// The services, in their start order. The object lives until the process ends: their threads are
 /// not joined.
 class Services {
  public:
-  Services(comms::CommsManager& comms, Hardware& hardware, const utils::Deployment& deployment)
-      : client_paths_(PathRulesOf(deployment)),
+  Services(comms::CommsManager& comms, Hardware& hardware,
+           const utils::ClientPathPolicy& client_paths)
+      : date_record_(hardware.storage.Paths().config_save),
+        device_info_(
+            comms, [&hardware]() -> const auto& { return hardware.system.Identity(); }),
         camera_(
             comms,
             [&hardware](const std::string& path) { return hardware.multimedia.TakePhoto(path); },
-            client_paths_) {}
+            client_paths) {}
 
   void Start() {
+    date_record_.Start();
+    if (device_info_.Start() != comms::CommsStatus::kOk)
+      VLOG_ERROR(kTag, "The device information service did not start");
     if (camera_.Start() != comms::CommsStatus::kOk)
       VLOG_ERROR(kTag, "The camera service did not start");
   }
 
  private:
-  const utils::ClientPathPolicy client_paths_;
+  service::DateRecord date_record_;
+  service::DeviceInfoService device_info_;
   service::CameraService camera_;
 };
 
 void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& broker) {
   // Whatever is made here is never taken apart: the process leaves by _exit, with service threads
   // still running.
-  auto* logger = new std::shared_ptr<utils::Logger>(StartLogging(log_target, paths.log_directory));
-  (void)logger;
+  static std::shared_ptr<utils::Logger> logger;
+  logger = StartLogging(log_target, paths.log_directory);
   VLOG_INFO(kTag, "Start Varnel Service ...");
   RemoveOldLogs(paths.log_directory);
   CheckSystemPrograms(paths.program_locator, paths.programs);
   LogUptime(paths.uptime);
   const utils::Deployment deployment = utils::LoadDeployment(paths.deployment);
 
+  auto* client_paths = new utils::ClientPathPolicy(PathRulesOf(deployment));
+  AllowDrives(*client_paths);
   auto* hardware = new Hardware(deployment);
   hardware->Start();
   comms::CommsManager& comms = comms::CommsManager::Instance();
   comms.SetSerialNumberProvider([hardware] { return hardware->system.Identity().serial_number; });
-  (void)comms.InitLocal();
-  auto* services = new Services(comms, *hardware, deployment);
+  if (comms.InitLocal() != comms::CommsStatus::kOk)
+    throw std::runtime_error("the communication manager did not start");
+  auto* services = new Services(comms, *hardware, *client_paths);
   services->Start();
 
   Supervisor supervisor(comms, [] { return shutdown_requested != 0; });

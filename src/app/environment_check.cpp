@@ -20,11 +20,8 @@ constexpr size_t kUptimeBytes = 256;
 
 void RemoveOldLog(const fs::path& file) {
   std::error_code error;
-  const fs::file_status status = fs::symlink_status(file, error);
-  if (!fs::exists(status)) return;
-  if (!fs::remove(file, error) || error) {
-    VLOG_ERROR(kTag, "remove {} failed, reason: {}", file.string(), error.message());
-  }
+  fs::remove(file, error);  // one that is not there is no error
+  if (error) VLOG_ERROR(kTag, "remove {} failed, reason: {}", file.string(), error.message());
 }
 
 bool IsLocated(const std::string& locator, const std::string& path) {

@@ -1,10 +1,28 @@
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
 
 #include "app/command_line.h"
 #include "app/daemon.h"
 #include "app/signal_handling.h"
 
+namespace {
+
+/// Started without standard descriptors: what is opened next must not become one, or messages of
+/// libraries end up in it.
+void OpenStandardDescriptors() {
+  int fd = -1;
+  do {
+    fd = open("/dev/null", O_RDWR);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd >= 0) close(fd);
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
+  OpenStandardDescriptors();
   varnel::app::InstallSignalHandling();
   const auto log_target = varnel::app::ParseCommandLine(argc, argv);
   if (!log_target) {

@@ -30,12 +30,13 @@ void Install(int signal_number, void (*handler)(int), int flags) {
   sigaction(signal_number, &action, nullptr);
 }
 
-/// A parent may have left them blocked, and then nothing would ever arrive.
-void UnblockTermination() {
-  sigset_t termination;
-  sigemptyset(&termination);
-  for (const int number : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&termination, number);
-  pthread_sigmask(SIG_UNBLOCK, &termination, nullptr);
+/// A parent may have left them blocked, and then nothing would ever arrive. SIGALRM limits the
+/// crash report.
+void UnblockSignals() {
+  sigset_t needed;
+  sigemptyset(&needed);
+  for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGALRM}) sigaddset(&needed, number);
+  pthread_sigmask(SIG_UNBLOCK, &needed, nullptr);
 }
 
 }  // namespace
@@ -46,7 +47,9 @@ void InstallSignalHandling() {
     Install(number, ReportCrash, SA_RESTART);
   for (const int number : {SIGTERM, SIGINT, SIGHUP}) Install(number, RequestShutdown, 0);
   for (const int number : {SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU}) Install(number, SIG_IGN, 0);
-  UnblockTermination();
+  // Inherited as ignored it would take the exit status of every child away.
+  Install(SIGCHLD, SIG_DFL, 0);
+  UnblockSignals();
 }
 
 void LogSignalHandling() {

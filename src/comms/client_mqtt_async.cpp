@@ -306,14 +306,16 @@ CommsStatus ClientMqttAsync::Send(const std::string& topic, Qos qos, bool retain
   while (true) {
     if (const CommsStatus refusal = SendRefusal(); refusal != CommsStatus::kOk) return refusal;
     uint64_t seen = 0;
+    uint64_t connection = 0;
     {
       std::lock_guard lock(event_mutex_);
+      connection = connections_;
       seen = sends_finished_;
     }
     const int code = TrySend(topic, message);
     if (code == MQTTASYNC_SUCCESS) return CommsStatus::kOk;
     if (code != MQTTASYNC_MAX_BUFFERED_MESSAGES || !WaitForRoom(deadline, seen))
-      return SendFailed(topic, code);
+      return SendFailed(topic, code, connection);
   }
 }
 
@@ -336,11 +338,13 @@ bool ClientMqttAsync::WaitForRoom(utils::Clock::TimePoint deadline, uint64_t see
   return true;
 }
 
-CommsStatus ClientMqttAsync::SendFailed(const std::string& topic, int code) {
+CommsStatus ClientMqttAsync::SendFailed(const std::string& topic, int code, uint64_t connection) {
   VLOG_ERROR(kTag, "{}: send failed on topic {}, rc: {}", Name(), topic, code);
   if (code != MQTTASYNC_DISCONNECTED) return CommsStatus::kFailure;
   VLOG_WARN(kTag, "{}: send on topic {} detected disconnection, marking offline", Name(), topic);
-  connected_ = false;
+  // The connection that failed may be over and its successor up: that one stays.
+  std::lock_guard lock(event_mutex_);
+  if (connection == connections_) connected_ = false;
   return CommsStatus::kNotConnected;
 }
 
@@ -364,11 +368,17 @@ int ClientMqttAsync::SubscribeNow(const std::string& filter) {
 
 void ClientMqttAsync::OnConnected() {
   SetNoDelayTowards(port_);
-  const bool again = connected_.exchange(true);
   connecting_ = false;
-  if (again) return;  // the library may report one connection twice
+  if (!NoteConnection()) return;  // the library may report one connection twice
   VLOG_INFO(kTag, "{}: connected successfully", Name());
   for (const std::string& filter : ListenerFilters()) (void)SubscribeNow(filter);
+}
+
+bool ClientMqttAsync::NoteConnection() {
+  std::lock_guard lock(event_mutex_);
+  if (connected_.exchange(true)) return false;
+  ++connections_;
+  return true;
 }
 
 void ClientMqttAsync::OnConnectFailed(const MQTTAsync_failureData5* data) {
@@ -406,7 +416,7 @@ void ClientMqttAsync::OnMessage(const char* topic, int topic_length,
     return;
   }
   Accept(topic, topic_length, message ? message->payload : nullptr,
-         message ? message->payloadlen : -1);
+         message ? message->payloadlen : -1, message && message->retained != 0);
 }
 
 void ClientMqttAsync::OnSubscribeFailed(const MQTTAsync_failureData5* data) {

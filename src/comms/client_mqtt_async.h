@@ -68,7 +68,7 @@ class ClientMqttAsync : public ClientMqttBase {
   CommsStatus ReconnectLocked();
   CommsStatus SendRefusal() const;
   bool WaitForRoom(utils::Clock::TimePoint deadline, uint64_t seen);
-  CommsStatus SendFailed(const std::string& topic, int code);
+  CommsStatus SendFailed(const std::string& topic, int code, uint64_t connection);
 
   // On the library's threads, some with the library's lock held: never takes api_mutex_.
   void OnConnected();
@@ -79,6 +79,8 @@ class ClientMqttAsync : public ClientMqttBase {
   void OnSubscribeFailed(const MQTTAsync_failureData5* data);
   void OnRoom();
   void OnDisconnected();
+  /// False when it is known already.
+  bool NoteConnection();
   int SubscribeNow(const std::string& filter);
 
   const Qos subscribe_qos_;
@@ -100,6 +102,7 @@ class ClientMqttAsync : public ClientMqttBase {
   std::mutex event_mutex_;
   std::condition_variable event_wake_;
   uint64_t sends_finished_ = 0;  // guarded by event_mutex_
+  uint64_t connections_ = 0;     // so far; guarded by event_mutex_
   bool disconnected_ = false;    // guarded by event_mutex_
 };
 

@@ -77,12 +77,14 @@ void ClientMqttBase::Enqueue(std::shared_ptr<MqttMessage> message) {
   });
 }
 
-void ClientMqttBase::Accept(const char* topic, int topic_length, const void* bytes, int length) {
+void ClientMqttBase::Accept(const char* topic, int topic_length, const void* bytes, int length,
+                            bool retained) {
   if (!topic) {
     VLOG_ERROR(kTag, "{}: invalid topic (null), length {}", name_, topic_length);
     return;
   }
   auto message = std::make_shared<MqttMessage>();
+  message->retained = retained;
   message->topic = topic_length > 0 ? std::string(topic, static_cast<size_t>(topic_length)) : topic;
   if (length < 0 || (length > 0 && !bytes)) {
     VLOG_ERROR(kTag, "{}: invalid message on topic {}", name_, message->topic);

@@ -93,7 +93,8 @@ class ClientMqttBase {
   /// For the library's arrival callbacks: copies what arrived and queues it, dropping the oldest
   /// when the queue is full. `topic_length` 0: the topic ends at its NUL. A topic or message that
   /// cannot be used is logged.
-  void Accept(const char* topic, int topic_length, const void* bytes, int length);
+  void Accept(const char* topic, int topic_length, const void* bytes, int length,
+              bool retained = false);
   void ReportConnectionLost();
   std::vector<std::string> ListenerFilters() const;
   /// Every derived destructor calls this first, so that no listener runs while its object comes

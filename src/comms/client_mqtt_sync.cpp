@@ -69,7 +69,7 @@ struct SyncCallbacks {
                             MQTTClient_message* message) {
     if (const Call client = Find(context)) {
       client->OnMessage(topic, topic_length, message ? message->payload : nullptr,
-                        message ? message->payloadlen : -1);
+                        message ? message->payloadlen : -1, message && message->retained != 0);
     }
     if (message) MQTTClient_freeMessage(&message);
     if (topic) MQTTClient_free(topic);
@@ -297,8 +297,9 @@ void ClientMqttSync::OnConnectionLost(const char* cause) {
   ReportConnectionLost();
 }
 
-void ClientMqttSync::OnMessage(const char* topic, int topic_length, const void* bytes, int length) {
-  if (!disconnecting_) Accept(topic, topic_length, bytes, length);
+void ClientMqttSync::OnMessage(const char* topic, int topic_length, const void* bytes, int length,
+                               bool retained) {
+  if (!disconnecting_) Accept(topic, topic_length, bytes, length, retained);
 }
 
 }  // namespace varnel::comms

@@ -52,7 +52,7 @@ class ClientMqttSync : public ClientMqttBase {
 
   // On the library's thread: never take api_mutex_.
   void OnConnectionLost(const char* cause);
-  void OnMessage(const char* topic, int topic_length, const void* bytes, int length);
+  void OnMessage(const char* topic, int topic_length, const void* bytes, int length, bool retained);
 
   const Qos subscribe_qos_;
   std::atomic<bool> connecting_{false};

@@ -172,6 +172,7 @@ CommsStatus CloudBridge::RouteRequests(ForwarderPool::QueueId queue) {
                                                      StreamTopic(serial_number_, "response"));
   return cloud_->AddListener(RequestTopic(serial_number_),
                              [this, queue, runner](const std::shared_ptr<MqttMessage>& message) {
+                               if (JsonRpcServer::IsStale(*message)) return;
                                VLOG_INFO(kTag, "cloud req → local: {:.160}",
                                          LogPayload(message->payload, kLoggedBytes));
                                forwarders_.Forward(queue, message, runner);

@@ -1,10 +1,12 @@
 #include "comms/comms_manager.h"
 
 #include <array>
+#include <thread>
 #include <utility>
 
 #include "comms/client_mqtt_async.h"
 #include "utils/log.h"
+#include "utils/thread.h"
 
 namespace varnel::comms {
 namespace {
@@ -28,8 +30,13 @@ CommsManager::CommsManager(ClientFactory make_client) : make_client_(std::move(m
 
 CommsManager::~CommsManager() {
   // The clients' listeners use the server and the bridge, so the clients' threads end first.
-  for (const auto& client : {LocalClient(), CloudClient()}) {
-    if (client) client->Disconnect();
+  {
+    // Both at once: each may wait seconds for its library.
+    std::jthread cloud_end;
+    if (const auto cloud = CloudClient()) {
+      cloud_end = utils::SpawnGuarded("mqtt-stop", kTag, [cloud] { cloud->Disconnect(); });
+    }
+    if (const auto local = LocalClient()) local->Disconnect();
   }
   bridge_.reset();
   notifiers_.clear();

@@ -59,6 +59,12 @@ CommsStatus JsonRpcServer::RegisterMethod(const std::string& method, RpcHandler 
   return CommsStatus::kOk;
 }
 
+bool JsonRpcServer::IsStale(const MqttMessage& request) {
+  if (request.retained)
+    VLOG_WARN(kTag, "Ignore a retained request on topic {}", utils::LogText(request.topic));
+  return request.retained;
+}
+
 CommsStatus JsonRpcServer::BindMqtt(const std::shared_ptr<ClientMqttBase>& client,
                                     const MqttChannel& channel) {
   if (!client) {
@@ -76,6 +82,7 @@ CommsStatus JsonRpcServer::BindMqtt(const std::shared_ptr<ClientMqttBase>& clien
   }
   const CommsStatus status = client->AddListener(
       channel.request_topic, [this](const std::shared_ptr<MqttMessage>& message) {
+        if (IsStale(*message)) return;
         OnPayload(message->payload, message->topic);
       });
   if (status != CommsStatus::kOk) {

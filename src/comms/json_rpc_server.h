@@ -36,6 +36,10 @@ class JsonRpcServer : public JsonRpcBase {
   /// replaced by "response".
   CommsStatus BindMqtt(const std::shared_ptr<ClientMqttBase>& client, const MqttChannel& channel);
 
+  /// A request that the broker has kept from earlier is not to be served: it would run again at
+  /// every connection. True and logged for such a one.
+  static bool IsStale(const MqttMessage& request);
+
   /// Serves one parsed message that came on `topic`.
   void OnMessage(Json message, const std::string& topic);
 

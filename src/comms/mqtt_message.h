@@ -8,6 +8,8 @@ namespace varnel::comms {
 struct MqttMessage {
   std::string topic;
   std::string payload;
+  /// Published before we subscribed and kept by the broker; it comes again at every connection.
+  bool retained = false;
 };
 
 /// The topics of a JSON-RPC endpoint. An empty response topic: a server derives it from the

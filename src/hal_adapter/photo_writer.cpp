@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -17,6 +16,7 @@
 #include "utils/log_text.h"
 #include "utils/owned.h"
 #include "utils/safe_exec.h"
+#include "utils/write_all.h"
 
 namespace varnel::hal_adapter {
 namespace {
@@ -46,19 +46,6 @@ const char* ConverterFormat(uint32_t pixel_format) {
     default:
       return nullptr;
   }
-}
-
-std::error_code LastError() {
-  return {errno, std::generic_category()};
-}
-
-std::error_code WriteAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = ::write(fd, bytes.data(), bytes.size());
-    if (written < 0 && errno != EINTR) return LastError();
-    bytes.remove_prefix(static_cast<size_t>(std::max<ssize_t>(written, 0)));
-  }
-  return {};
 }
 
 /// The frame file lies in a directory that everyone may write to: whatever was put at its name is
@@ -121,7 +108,7 @@ bool PhotoWriter::WriteRawFrame(const CameraImage& image) const {
     VLOG_ERROR(kTag, "Failed to open output file");
     return false;
   }
-  const std::error_code error = WriteAll(file.Get(), BytesOf(image));
+  const std::error_code error = utils::WriteAll(file.Get(), BytesOf(image));
   if (error) ReportFileError(error);
   return !error;
 }

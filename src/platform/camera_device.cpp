@@ -56,10 +56,20 @@ HalStatus SetFormat(CameraInstance& inst) {
   format.fmt.pix.width = inst.width;
   format.fmt.pix.height = inst.height;
   format.fmt.pix.field = V4L2_FIELD_ANY;
-  format.fmt.pix.pixelformat = FourccOf(inst.pixel_format);
-  if (CameraControl(inst, VIDIOC_S_FMT, &format)) return hal_adapter::kHalSuccess;
-  PLOG_ERROR(kTag, "VIDIOC_S_FMT failed");
-  return hal_adapter::kHalNoMemory;
+  const uint32_t wanted = FourccOf(inst.pixel_format);
+  format.fmt.pix.pixelformat = wanted;
+  if (!CameraControl(inst, VIDIOC_S_FMT, &format)) {
+    PLOG_ERROR(kTag, "VIDIOC_S_FMT failed");
+    return hal_adapter::kHalNoMemory;
+  }
+  // A driver answers with what comes nearest instead of failing.
+  if (format.fmt.pix.width != inst.width || format.fmt.pix.height != inst.height ||
+      format.fmt.pix.pixelformat != wanted) {
+    PLOG_WARN(kTag, "The camera gives %ux%u in format 0x%08x instead of %ux%u in 0x%08x",
+              format.fmt.pix.width, format.fmt.pix.height, format.fmt.pix.pixelformat, inst.width,
+              inst.height, wanted);
+  }
+  return hal_adapter::kHalSuccess;
 }
 
 HalStatus RequestBuffers(CameraInstance& inst) {

@@ -22,6 +22,8 @@ using hal_adapter::HalStatus;
 constexpr const char* kTag = "IMMM";
 constexpr uint32_t kProbeLimitMs = 5'000;
 constexpr size_t kProbeOutputLimit = 1024;
+/// A sensor that stays silent that often is opened anew.
+constexpr int kMaxFramesMissed = 3;
 
 struct CameraDescription {
   CameraInfo info;
@@ -42,6 +44,7 @@ struct Multimedia {
   /// What the camera is to be open with: set by open_camera, cleared by close_camera. A camera that
   /// got lost, or was not there yet, is opened with it before the next photo.
   std::optional<CameraConfig> wanted;
+  int frames_missed = 0;  ///< in a row
 };
 Multimedia multimedia;
 
@@ -80,11 +83,19 @@ HalStatus CloseCamera(uint32_t /*id*/) {
   return camera_device_close(&multimedia.camera);
 }
 
-/// A camera with a buffer that could not be mapped may give no frame until it is opened again.
 bool LacksBuffers(const CameraInstance& camera) {
-  if (camera.state != hal_adapter::CAMERA_STATE_OPENED) return false;
   return std::any_of(std::begin(camera.buffers), std::end(camera.buffers),
                      [](const CameraBuffer& buffer) { return buffer.address == nullptr; });
+}
+
+/// Why an open camera is of no use any more; null when it is. A call that failed leaves the stream
+/// in a state nobody knows: the next picture might be an old one.
+const char* WhyUseless(const CameraInstance& camera, HalStatus status, bool empty) {
+  if (camera.state != hal_adapter::CAMERA_STATE_OPENED) return nullptr;
+  if (camera.device_lost) return "gone";
+  if (status != hal_adapter::kHalSuccess) return "out of order";
+  if (empty && LacksBuffers(camera)) return "without buffers";
+  return multimedia.frames_missed >= kMaxFramesMissed ? "silent" : nullptr;
 }
 
 HalStatus TakePhoto(uint32_t id, CameraImage* image) {
@@ -94,14 +105,16 @@ HalStatus TakePhoto(uint32_t id, CameraImage* image) {
     if (opened != hal_adapter::kHalSuccess) return opened;
   }
   const HalStatus status = camera_device_capture(&camera, image);
+  if (image == nullptr) return status;
   const bool lost = camera.device_lost;
-  const bool empty = image != nullptr && image->size == 0;
-  if (!lost && !(empty && LacksBuffers(camera))) return status;
-  PLOG_ERROR(kTag, "Camera %d is %s, the next photo opens it again", static_cast<int>(id),
-             lost ? "gone" : "without buffers");
+  multimedia.frames_missed = image->size == 0 ? multimedia.frames_missed + 1 : 0;
+  const char* reason = WhyUseless(camera, status, image->size == 0);
+  if (reason == nullptr) return status;
+  PLOG_ERROR(kTag, "Camera %d is %s, the next photo opens it again", static_cast<int>(id), reason);
   camera_device_discard(&camera);
   camera.device_lost = false;
-  if (image != nullptr) *image = {};  // it pointed into the buffers
+  multimedia.frames_missed = 0;
+  *image = {};  // it pointed into the buffers
   return lost && status == hal_adapter::kHalSuccess ? hal_adapter::kHalNoMemory : status;
 }
 

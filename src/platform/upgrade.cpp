@@ -9,6 +9,7 @@
 #include "platform/command_output.h"
 #include "utils/log.h"
 #include "utils/log_printf.h"
+#include "utils/log_text.h"
 #include "utils/owned.h"
 
 namespace varnel::platform {
@@ -49,7 +50,7 @@ class OutputFile {
 void LogLines(const std::string& text) {
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
-    if (!line.empty()) VLOG_INFO(kTag, "Upgrade: {}", line);
+    if (!line.empty()) VLOG_INFO(kTag, "Upgrade: {}", utils::LogText(line, kOutputLimit));
   }
 }
 

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "utils/owned.h"
+#include "utils/write_all.h"
 
 namespace varnel::utils {
 namespace {
@@ -42,17 +43,6 @@ UniqueFd OpenTemporary(const fs::path& target, fs::path& temporary) {
     temporary = name;
   }
   return fd;
-}
-
-std::error_code WriteAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = ::write(fd, bytes.data(), bytes.size());
-    if (written < 0 && errno != EINTR) {
-      return LastError();
-    }
-    bytes.remove_prefix(static_cast<size_t>(std::max<ssize_t>(written, 0)));
-  }
-  return {};
 }
 
 std::error_code SyncDirectory(const fs::path& directory) {

@@ -158,6 +158,10 @@ int SpawnChild(const ChildSetup& setup, pid_t& pid) {
                                   setup.arguments, setup.environment);
   if (error == 0 && !setup.outlives_us) {
     RegisterChild(pid);
+    // EndChildren() does not wait long for a start, and may have looked before.
+    if (start.Refused()) {
+      ::kill(-pid, SIGKILL);
+    }
   }
   return error;
 }

@@ -1,5 +1,7 @@
 #include "utils/client_path.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <climits>
 #include <string_view>
@@ -70,6 +72,13 @@ bool IsFreeOrRegular(const fs::path& target) {
 
 }  // namespace
 
+bool IsMountPoint(const fs::path& directory) {
+  struct stat here {};
+  struct stat above {};
+  return ::stat(directory.c_str(), &here) == 0 && ::stat((directory / "..").c_str(), &above) == 0 &&
+         here.st_dev != above.st_dev;
+}
+
 ClientPathPolicy::ClientPathPolicy(ClientPathRules rules) : rules_(std::move(rules)) {}
 
 std::optional<fs::path> ClientPathPolicy::Resolve(const std::string& client_path) const {
@@ -90,6 +99,9 @@ std::optional<fs::path> ClientPathPolicy::Resolve(const std::string& client_path
 }
 
 void ClientPathPolicy::AllowDirectory(const fs::path& directory) {
+  if (!directory.is_absolute() || !directory.has_relative_path()) {
+    return;
+  }
   const std::lock_guard lock(mutex_);
   if (std::find(drives_.begin(), drives_.end(), directory) == drives_.end()) {
     drives_.push_back(directory);
@@ -109,7 +121,9 @@ bool ClientPathPolicy::IsOnDrive(const fs::path& target) const {
   std::unique_lock lock(mutex_);
   const std::vector<fs::path> drives = drives_;
   lock.unlock();  // a dying drive can block what follows
-  return IsWithinAny(target, drives);
+  return std::any_of(drives.begin(), drives.end(), [&](const fs::path& drive) {
+    return IsWithinAny(target, {drive}) && rules_.is_mount_point(drive);
+  });
 }
 
 }  // namespace varnel::utils

@@ -8,10 +8,16 @@
 
 namespace varnel::utils {
 
+/// Another file system begins at this directory.
+[[nodiscard]] bool IsMountPoint(const std::filesystem::path& directory);
+
 struct ClientPathRules {
   /// A "*" at the end stands for any ending of that one name.
   std::vector<std::filesystem::path> forbidden = {
-      "/etc", "/usr", "/bin", "/sbin", "/lib*", "/boot", "/dev", "/proc", "/sys", "/run", "/oem"};
+      "/etc", "/usr", "/bin", "/sbin", "/lib*", "/boot", "/dev", "/proc", "/sys", "/run", "/oem",
+      "/root", "/var", "/opt",
+      // What the printer's other programs are made of: scripts, their settings, hidden files.
+      "/home/ruxo/bin", "/home/ruxo/.*", "/home/ruxo/printer_data/config"};
   /// varnel's own files and directories.
   std::vector<std::filesystem::path> own_state = {"/userdata/.tmp_timelapse",
                                                   "/userdata/.tmp_detect_result",
@@ -26,6 +32,8 @@ struct ClientPathRules {
                                                   "/tmp/printer_detection.jpg"};
   /// Deployment::client_write_directories; empty allows whatever is not forbidden.
   std::vector<std::filesystem::path> allowed;
+  /// Tells whether a drive is still mounted there.
+  bool (*is_mount_point)(const std::filesystem::path& directory) = IsMountPoint;
 };
 
 /// Decides which files a client may name. Thread-safe.
@@ -37,7 +45,8 @@ class ClientPathPolicy {
   /// allowed, the directory does not exist, or something other than a regular file has that name.
   [[nodiscard]] std::optional<std::filesystem::path> Resolve(const std::string& client_path) const;
 
-  /// Always allowed from now on, whatever the rules say: the directory of an inserted drive.
+  /// The directory of an inserted drive: allowed whatever the rules say, as long as a drive is
+  /// mounted there. A path that is not absolute, or the root itself, is ignored.
   void AllowDirectory(const std::filesystem::path& directory);
 
  private:

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <exception>
@@ -12,6 +13,15 @@ namespace {
 
 constexpr mode_t kFileMode = 0640;
 constexpr std::chrono::seconds kRetryInterval{5};
+
+/// Other programs may write to the log directory: a link planted there is not followed, and a FIFO
+/// does not hang us.
+void RemoveUnlessRegular(const std::string& name) {
+  struct stat info {};
+  if (::lstat(name.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+    ::unlink(name.c_str());
+  }
+}
 
 }  // namespace
 
@@ -61,6 +71,7 @@ void LogFileSink::set_formatter_(std::unique_ptr<spdlog::formatter> formatter) {
 
 void LogFileSink::Open() {
   spdlog::file_event_handlers handlers;
+  handlers.before_open = [](const spdlog::filename_t& name) { RemoveUnlessRegular(name); };
   handlers.after_open = [this](const spdlog::filename_t&, std::FILE* file) { OnFileOpened(file); };
   file_ = std::make_unique<spdlog::sinks::rotating_file_sink_st>(path_, max_bytes_, max_files_,
                                                                  false, handlers);

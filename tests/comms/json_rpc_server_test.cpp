@@ -108,6 +108,9 @@ TEST_F(JsonRpcServerTest, StaysSilentAboutWhatCannotBeAnswered) {
         std::string(R"({"method":"system.throw"})")}) {
     ExpectSilence(payload);
   }
+  client_->Arrive("system/request", R"({"method":"system.echo","id":1})", true);
+  ExpectSilence(R"({"method":"system.none"})");
+  EXPECT_TRUE(log_.Has("JRPCS", "Ignore a retained request on topic system/request"));
   EXPECT_TRUE(log_.Has("JRPCS", "parse error at byte 2"));
   EXPECT_TRUE(log_.Has("JRPCS", R"(Receive an invalid message: {"id":1})"));
   EXPECT_TRUE(log_.Has("JRPCS", "Method not found: system.none"));

@@ -137,6 +137,25 @@ TEST_F(MultimediaTest, ACameraWhoseBufferCouldNotBeMappedIsOpenedAgain) {
   EXPECT_EQ(State(), 2u) << "a late frame is no reason";
 }
 
+TEST_F(MultimediaTest, ACameraThatFailsOrStaysSilentIsOpenedAgain) {
+  const auto& table = Start("echo UU");
+  ASSERT_EQ(table.open_camera(0, nullptr), 0);
+  for (const unsigned long request : {VIDIOC_STREAMON, VIDIOC_STREAMOFF}) {
+    driver_.ioctl_errnos[request] = {EIO};
+    EXPECT_EQ(table.take_photo(0, &image_), -3);
+    EXPECT_EQ(image_.size, 0u) << "whether that frame is new, nobody knows";
+    EXPECT_EQ(State(), 1u);
+  }
+  for (int photo = 0; photo < 3; ++photo) {
+    driver_.wait_errnos = {-1};
+    image_ = {};
+    EXPECT_EQ(table.take_photo(0, &image_), 0);
+    EXPECT_EQ(State(), photo < 2 ? 2u : 1u);
+  }
+  EXPECT_EQ(table.take_photo(0, &image_), 0);
+  EXPECT_GT(image_.size, 0u);
+}
+
 TEST_F(MultimediaTest, ACameraPluggedInAfterTheStartServesPhotos) {
   const auto& table = Start("echo UU");
   driver_.open_errno = ENOENT;

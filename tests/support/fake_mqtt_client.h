@@ -42,9 +42,9 @@ class FakeMqttClient : public comms::ClientMqttBase {
     return comms::CommsStatus::kOk;
   }
 
-  void Arrive(const std::string& topic, const std::string& payload) {
+  void Arrive(const std::string& topic, const std::string& payload, bool retained = false) {
     Accept(topic.data(), static_cast<int>(topic.size()), payload.data(),
-           static_cast<int>(payload.size()));
+           static_cast<int>(payload.size()), retained);
   }
   void Lose() {
     connected_ = false;

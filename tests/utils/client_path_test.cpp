@@ -86,6 +86,8 @@ TEST_F(ClientPathTest, EachPathIsJudgedByWhereItReallyLeads) {
       {"/lib64/a", "-"},
       {"/libnew", "-"},
       {"/bin/a", "-"},
+      {"/root/a", "-"},
+      {"/var/tmp/a", "-"},
       {"/proc/self/root/etc/a", "-"},
       {"/dev/shm/a", "-"},
   };
@@ -98,6 +100,8 @@ TEST_F(ClientPathTest, EachPathIsJudgedByWhereItReallyLeads) {
 TEST_F(ClientPathTest, AllowedListNarrowsAndDrivesStayAllowed) {
   rules_.allowed = {dir_ / "data/sub/"};
   rules_.forbidden.push_back(dir_ / "drive");
+  static bool mounted = true;
+  rules_.is_mount_point = [](const fs::path&) { return mounted; };
   ClientPathPolicy policy(rules_);
   EXPECT_EQ(Resolve(policy, "@data/sub/a.jpg"), "data/sub/a.jpg");
   EXPECT_EQ(Resolve(policy, "@data/a.jpg"), "-");
@@ -105,6 +109,12 @@ TEST_F(ClientPathTest, AllowedListNarrowsAndDrivesStayAllowed) {
   policy.AllowDirectory(dir_ / "drive");
   EXPECT_EQ(Resolve(policy, "@drive/a.jpg"), "drive/a.jpg");
   EXPECT_EQ(Resolve(policy, "@drive/../secret/a.jpg"), "-");
+  for (const char* nothing : {"", "/", "//", "drive"}) policy.AllowDirectory(nothing);
+  EXPECT_EQ(Resolve(policy, "@data/a.jpg"), "-");
+  mounted = false;
+  EXPECT_EQ(Resolve(policy, "@drive/a.jpg"), "-") << "unplugged";
+  EXPECT_TRUE(IsMountPoint("/proc"));
+  EXPECT_FALSE(IsMountPoint(dir_ / "drive"));
 }
 
 }  // namespace

@@ -17,6 +17,7 @@ using hal_adapter::PhotoStatus;
 using nlohmann::json;
 
 constexpr const char* kTag = "CAMSRV";
+constexpr const char* kTakePhoto = "camera.take_a_photo";
 constexpr size_t kLoggedBytes = 1024;
 constexpr uint32_t kFromCloud = 1;
 
@@ -27,6 +28,11 @@ json Success() {
 void LogRequest(const json& params) {
   if (!spdlog::should_log(spdlog::level::debug)) return;
   VLOG_DEBUG(kTag, "Receive JSON-RPC message: {}", comms::LogJson(params, kLoggedBytes));
+}
+
+json InvalidParams(const char* method) {
+  VLOG_ERROR(kTag, "method: {}, invalid parameter", method);
+  return MakeError(comms::kInvalidParams, "Invalid params");
 }
 
 json PhotoAnswer(PhotoStatus status) {
@@ -55,7 +61,7 @@ comms::CommsStatus CameraService::Start() {
     Handler handler;
   };
   const std::array methods{
-      Method{"camera.take_a_photo", &CameraService::ReqCallbackCameraServiceTakePhoto},
+      Method{kTakePhoto, &CameraService::ReqCallbackCameraServiceTakePhoto},
       Method{"camera.get_status", &CameraService::ReqCallbackCameraServiceGetStatus},
   };
   for (const Method& method : methods) {
@@ -71,11 +77,10 @@ comms::CommsStatus CameraService::Start() {
 }
 
 json CameraService::ReqCallbackCameraServiceTakePhoto(const json& params) {
-  if (!params.is_object() && !params.is_null())
-    return MakeError(comms::kInvalidParams, "Invalid params");
+  if (!params.is_object() && !params.is_null()) return InvalidParams(kTakePhoto);
   if (!params.contains("reason"))
     return MakeError(comms::kInvalidParams, "Missing required param: reason");
-  if (!params["reason"].is_string()) return MakeError(comms::kInvalidParams, "Invalid params");
+  if (!params["reason"].is_string()) return InvalidParams(kTakePhoto);
   const std::string reason = params["reason"].get<std::string>();
   VLOG_INFO(kTag, "Take a photo, reason is {}", utils::LogText(reason));
   if (reason == "printing") return TakePrintingPhoto();
@@ -91,10 +96,13 @@ json CameraService::TakePrintingPhoto() const {
 json CameraService::TakeDebugPhoto(const json& params) {
   const std::optional<DebugPhotoRequest> request = ParseDebugPhoto(params);
   const std::optional<std::string> path = request ? DebugPhotoPath(*request) : std::nullopt;
-  if (!path) return MakeError(comms::kInvalidParams, "Invalid params");
+  if (!path) return InvalidParams(kTakePhoto);
   if (path->empty()) return PhotoAnswer(take_photo_(""));
   const std::optional<std::filesystem::path> target = paths_.Resolve(*path);
-  if (!target) return MakeError(comms::kInvalidRequest, "Invalid Request");
+  if (!target) {
+    VLOG_WARN(kTag, "Clients may not write to {}", utils::LogText(*path));
+    return MakeError(comms::kInvalidRequest, "Invalid Request");
+  }
   return PhotoAnswer(take_photo_(target->string()));
 }
 

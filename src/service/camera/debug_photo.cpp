@@ -1,10 +1,9 @@
 #include "service/camera/debug_photo.h"
 
-#include <fmt/format.h>
-
-#include <ctime>
+#include <filesystem>
 
 #include "utils/atomic_file.h"
+#include "utils/local_time.h"
 
 namespace varnel::service {
 namespace {
@@ -14,17 +13,6 @@ std::optional<int64_t> ReadInteger(const nlohmann::json& value) {
   const bool too_large = value.is_number_unsigned() && value.get<uint64_t>() > uint64_t{INT64_MAX};
   if (too_large) return std::nullopt;
   return value.get<int64_t>();
-}
-
-/// Fourteen digits of the local time.
-std::optional<std::string> LocalTimeDigits(int64_t seconds) {
-  const auto time = static_cast<std::time_t>(seconds);
-  std::tm local{};
-  if (!localtime_r(&time, &local)) return std::nullopt;
-  const int64_t year = int64_t{local.tm_year} + 1900;
-  if (year < 1 || year > 9999) return std::nullopt;
-  return fmt::format("{:04}{:02}{:02}{:02}{:02}{:02}", year, local.tm_mon + 1, local.tm_mday,
-                     local.tm_hour, local.tm_min, local.tm_sec);
 }
 
 }  // namespace
@@ -45,10 +33,12 @@ std::optional<DebugPhotoRequest> ParseDebugPhoto(const nlohmann::json& params) {
 
 std::optional<std::string> DebugPhotoPath(const DebugPhotoRequest& request) {
   if (request.timestamp == 0) return request.filepath;
-  const std::optional<std::string> digits = LocalTimeDigits(request.timestamp);
+  const std::optional<std::string> digits = utils::LocalTimeDigits(request.timestamp);
   if (!digits) return std::nullopt;
-  if (request.filepath.empty()) return request.filepath;
   std::string path = request.filepath;
+  const std::string name = std::filesystem::path(path).filename().string();
+  // The time would make a file of what is none; the path stays what it is, to be refused.
+  if (name.empty() || name == "." || name == "..") return path;
   const size_t ending = utils::FileEnding(path).size();
   return path.insert(path.size() - ending, "_" + *digits);
 }

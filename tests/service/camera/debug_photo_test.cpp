@@ -37,6 +37,9 @@ TEST_F(DebugPhotoTest, ATimeOfTheYears1To9999BecomesPartOfTheName) {
       {1735689600, "/u/p.", "/u/p_20250101010000."},
       {1735689600, "p.jpg", "p_20250101010000.jpg"},
       {1735689600, "", ""},
+      {1735689600, "/u/", "/u/"},
+      {1735689600, "/u/.", "/u/."},
+      {1735689600, "/u/..", "/u/.."},
       // the first and the last second of the range, local time, and their neighbours
       {-62135600400, "/p.jpg", "/p_00010101000000.jpg"},
       {-62135600401, "/p.jpg", nullptr},

@@ -1,0 +1,75 @@
+#include "service/system/date_record.h"
+
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "utils/atomic_file.h"
+#include "utils/local_time.h"
+#include "utils/log.h"
+#include "utils/log_text.h"
+#include "utils/thread.h"
+
+namespace varnel::service {
+namespace {
+
+constexpr const char* kTag = "TSYNC";
+constexpr const char* kFileName = "last_recorded_date";
+
+int64_t SecondsOf(utils::Clock::WallTime time) {
+  return std::chrono::floor<std::chrono::seconds>(time.time_since_epoch()).count();
+}
+
+}  // namespace
+
+DateRecord::DateRecord(std::filesystem::path directory, utils::Clock& clock)
+    : directory_(std::move(directory)), clock_(clock) {}
+
+DateRecord::~DateRecord() {
+  Stop();
+}
+
+void DateRecord::Start() {
+  if (task_.joinable()) {
+    VLOG_INFO(kTag, "Record system date task is already running.");
+    return;
+  }
+  task_ =
+      utils::SpawnGuarded("date-record", kTag, [this](const std::stop_token& stop) { Run(stop); });
+}
+
+void DateRecord::Stop() {
+  if (!task_.joinable()) return;
+  {
+    // Under the mutex, so that the task cannot miss it between its check and its wait.
+    const std::lock_guard lock(mutex_);
+    task_.request_stop();
+  }
+  wake_.notify_all();
+  task_.join();
+}
+
+void DateRecord::Run(const std::stop_token& stop) {
+  VLOG_INFO(kTag, "Record system date task start.");
+  const auto stopping = [&stop] { return stop.stop_requested(); };
+  for (bool stopped = stopping(); !stopped;) {
+    Record();
+    std::unique_lock lock(mutex_);
+    stopped = clock_.WaitUntil(lock, wake_, clock_.Now() + kPeriod, stopping);
+  }
+  VLOG_INFO(kTag, "Record system date task end.");
+}
+
+void DateRecord::Record() const {
+  const auto digits = utils::LocalTimeDigits(SecondsOf(clock_.WallNow()));
+  if (!digits) return;
+  // The write tells what a missing directory means.
+  std::error_code ignored;
+  std::filesystem::create_directories(directory_, ignored);
+  const std::filesystem::path file = directory_ / kFileName;
+  if (utils::WriteFileAtomically(file, *digits)) {
+    VLOG_ERROR(kTag, "Open file '{}' failed.", utils::LogText(file.string()));
+  }
+}
+
+}  // namespace varnel::service

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+#include <stop_token>
+#include <thread>
+
+#include "utils/clock.h"
+
+namespace varnel::service {
+
+/// Writes the local time to the file "last_recorded_date" once a minute, so that after a power cut
+/// the system knows when it last ran. Start() and Stop() belong to one thread.
+class DateRecord {
+ public:
+  static constexpr std::chrono::seconds kPeriod{60};
+
+  /// The directory is created when it is missing. The clock must outlive the task.
+  explicit DateRecord(std::filesystem::path directory,
+                      utils::Clock& clock = utils::SystemClock::Instance());
+  ~DateRecord();
+  DateRecord(const DateRecord&) = delete;
+  DateRecord& operator=(const DateRecord&) = delete;
+
+  /// A start while it runs is logged and does nothing.
+  void Start();
+  /// Returns when the task has ended, after the write it is in at the latest.
+  void Stop();
+
+ private:
+  void Run(const std::stop_token& stop);
+  void Record() const;
+
+  const std::filesystem::path directory_;
+  utils::Clock& clock_;
+  std::mutex mutex_;  // for the timed wait only, like the condition
+  std::condition_variable wake_;
+  std::jthread task_;
+};
+
+}  // namespace varnel::service
