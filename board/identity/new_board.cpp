@@ -80,7 +80,7 @@ void WriteIdentityFiles(const Layout& layout) {
   WriteOnce(layout.Etc() / "FULLVERSION", "1.0.0-virtual\n");
   WriteOnce(layout.Sys() / "bus/iio/devices/iio:device0/in_voltage2_raw", kHardwareVoltage);
   WriteOnce(layout.Sys() / "class/net/wlan0/address",
-            Formatted("02:56:42:00:00:%02x\n", RandomNumber(256)));
+            Formatted("02:56:42:00:00:%02x\n", RandomNumber(0x100)));
   WriteOnce(layout.Proc() / "cpuinfo", kCpuInfo);
 }
 
