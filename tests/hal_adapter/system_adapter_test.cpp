@@ -17,6 +17,11 @@ namespace {
 namespace fs = std::filesystem;
 using testing::HasSubstr;
 
+template <size_t Size>
+void SetText(char (&field)[Size], const char* text) {
+  std::strncpy(field, text, Size - 1);
+}
+
 class SystemAdapterTest : public testing::Test {
  protected:
   SystemAdapterTest() {
@@ -98,9 +103,9 @@ TEST_F(SystemAdapterTest, AnyPartOfTheIdentityMakesTheUuidNameBased) {
   };
   DeviceInfo& device = test::Fake().device;
   for (const auto& test : cases) {
-    std::strcpy(device.serial_number, test.serial);
-    std::strcpy(device.mac, test.mac);
-    std::strcpy(device.processor_serial, test.processor);
+    SetText(device.serial_number, test.serial);
+    SetText(device.mac, test.mac);
+    SetText(device.processor_serial, test.processor);
     SystemAdapter adapter = Adapter();
     ASSERT_TRUE(adapter.Start());
     EXPECT_EQ(adapter.Uuid(), NameUuid(test.name));

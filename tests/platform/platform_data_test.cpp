@@ -105,7 +105,8 @@ TEST_F(PlatformDataTest, EachTypeOfTheBoardMakesItsArchives) {
     const auto& type = types[number];
     const fs::path out = dir_ / ("out" + std::to_string(number));
     fs::create_directory(out);
-    for (const auto& [source, name] : type.archives) dir_.Write(source + "/of-" + name, "");
+    for (const auto& [source, name] : type.archives)
+      dir_.Write((fs::path(source) / ("of-" + name)).string(), "");
     EXPECT_EQ(collect_platform_data(board_, number, out.c_str()), 0);
     EXPECT_TRUE(log_.Has("IMSYS", type.announcement));
     const auto made = std::distance(fs::directory_iterator(out), {});
