@@ -16,7 +16,7 @@ namespace {
 constexpr char kMask = 0x15;
 constexpr size_t kChunk = size_t{1} << 20U;
 /// The sanitizers map far more of their own than could be read.
-constexpr uint64_t kLargestRegion = uint64_t{1} << 30U;
+constexpr uint64_t kLargestRegion = uint64_t{1} << 26U;
 
 char Unmasked(char c) {
   return static_cast<char>(c ^ kMask);

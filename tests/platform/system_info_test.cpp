@@ -111,23 +111,20 @@ TEST_F(SystemInfoTest, TheDeviceKeyLeavesNoCopyInMemory) {
   const test::HiddenText secret(64);
   const std::string block_key(32, 'k');
   board_.identity.key_file = dir_.Write("key", block_key);
-  for (const bool sealed : {false, true}) {
-    const pid_t maker = ::fork();
-    if (maker == 0) {
-      const std::string identity = R"({"PrivateKey":")" + secret.Reveal() + "\"}";
-      board::WriteIdentityBlock(board_.identity.device, 0,
-                                sealed ? board::SealedIdentityBlock(identity, block_key)
-                                       : board::ClearIdentityBlock(identity));
-      ::_exit(0);
-    }
-    ::waitpid(maker, nullptr, 0);
-    DeviceInfo info{};
-    ASSERT_EQ(get_device_info(board_, "Unknown", &info), 0);
-    EXPECT_EQ(std::strlen(info.device_key), 64U);
-    EXPECT_TRUE(secret.IsInMemory()) << "it would be found";
-    utils::Wipe(&info, sizeof info);
-    EXPECT_FALSE(secret.IsInMemory());
+  const pid_t maker = ::fork();
+  if (maker == 0) {
+    const std::string identity = R"({"PrivateKey":")" + secret.Reveal() + "\"}";
+    board::WriteIdentityBlock(board_.identity.device, 0,
+                              board::SealedIdentityBlock(identity, block_key));
+    ::_exit(0);
   }
+  ::waitpid(maker, nullptr, 0);
+  DeviceInfo info{};
+  ASSERT_EQ(get_device_info(board_, "Unknown", &info), 0);
+  EXPECT_EQ(std::strlen(info.device_key), 64U);
+  EXPECT_TRUE(secret.IsInMemory()) << "it would be found";
+  utils::Wipe(&info, sizeof info);
+  EXPECT_FALSE(secret.IsInMemory());
 }
 
 TEST_F(SystemInfoTest, HardwareVersionHasGuardZonesBetweenItsBands) {
