@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <future>
 #include <memory>
 #include <stdexcept>
 
@@ -25,6 +26,7 @@
 #include "utils/log.h"
 #include "utils/log_text.h"
 #include "utils/logger.h"
+#include "utils/thread.h"
 
 namespace varnel::app {
 namespace {
@@ -35,6 +37,8 @@ constexpr const char* kLogFileName = "varnel.log";
 constexpr size_t kLogFileMb = 10;
 constexpr size_t kLogFiles = 5;
 constexpr std::chrono::seconds kFlushPeriod{10};
+/// With the supervisor's look at the flag every half second, a shutdown stays below four.
+constexpr std::chrono::milliseconds kStopLimit{3000};
 
 std::shared_ptr<utils::Logger> StartLogging(LogTarget target,
                                             const std::filesystem::path& directory) {
@@ -136,6 +140,19 @@ class Services {
   service::CameraService camera_;
 };
 
+/// The process leaves soon afterwards: a library that hangs, in a name server's silence for
+/// example, is left behind.
+void StopWithin(std::chrono::milliseconds limit, comms::CommsManager& comms) {
+  auto done = std::make_shared<std::promise<void>>();
+  const std::future<void> stopped = done->get_future();
+  utils::SpawnGuarded("comms-stop", kTag, [&comms, done] {
+    comms.Stop();
+    done->set_value();
+  }).detach();
+  if (stopped.wait_for(limit) != std::future_status::ready)
+    VLOG_WARN(kTag, "the communication manager does not stop, leaving without it");
+}
+
 void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& broker) {
   // Whatever is made here is never taken apart: the process leaves by _exit, with service threads
   // still running.
@@ -163,7 +180,7 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
   supervisor.Run();
 
   VLOG_INFO(kTag, "Shutdown requested, stopping services...");
-  comms.Stop();
+  StopWithin(kStopLimit, comms);
   VLOG_INFO(kTag, "Shutdown complete");
   spdlog::default_logger()->flush();
 }

@@ -1,10 +1,16 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <exception>
 #include <map>
 #include <mutex>
+
+#include "utils/clock.h"
+#include "utils/log.h"
+#include "utils/log_text.h"
 
 namespace varnel::comms {
 
@@ -24,60 +30,73 @@ class CallbackRegistry {
   void* Register(Client* client) {
     std::lock_guard lock(mutex_);
     const uintptr_t id = ++last_id_;
-    entries_[id] = Entry{client, 0};
+    entries_[id] = Entry{client, 0, false};
     return reinterpret_cast<void*>(id);  // NOLINT(performance-no-int-to-ptr): only ever a number
   }
 
-  /// Waits until no callback of this context runs; false when `deadline` came first.
-  bool WaitIdle(void* context, std::chrono::steady_clock::time_point deadline) {
+  /// Waits until no callback of this context runs; false when `limit` came first.
+  bool WaitIdle(void* context, utils::Clock& clock, std::chrono::milliseconds limit) {
     std::unique_lock lock(mutex_);
-    return idle_.wait_until(lock, deadline, [&] { return Active(context) == 0; });
+    return clock.WaitUntil(lock, idle_, clock.Now() + limit, [&] { return Active(context) == 0; });
   }
 
-  /// From now on callbacks with this context find no client. Waits for those that still run,
-  /// without limit: they belong to this program and only queue and set flags.
+  /// From now on callbacks with this context find no client; those that run go on.
   void Retire(void* context) {
-    std::unique_lock lock(mutex_);
+    std::lock_guard lock(mutex_);
     const auto entry = entries_.find(Key(context));
     if (entry == entries_.end()) return;
-    entry->second.client = nullptr;
-    idle_.wait(lock, [&] { return entry->second.active == 0; });
-    entries_.erase(entry);
+    entry->second.retired = true;
+    if (entry->second.active == 0) entries_.erase(entry);
   }
 
-  /// Keeps the client of a context alive for the length of one callback.
-  class Call {
-   public:
-    Call(CallbackRegistry& registry, void* context) : registry_(registry), context_(context) {
-      std::lock_guard lock(registry_.mutex_);
-      const auto entry = registry_.entries_.find(Key(context));
-      if (entry == registry_.entries_.end() || !entry->second.client) return;
-      client_ = entry->second.client;
-      ++entry->second.active;
-    }
-    ~Call() {
-      if (!client_) return;
-      std::lock_guard lock(registry_.mutex_);
-      --registry_.entries_.find(Key(context_))->second.active;
-      registry_.idle_.notify_all();
-    }
-    Call(const Call&) = delete;
-    Call& operator=(const Call&) = delete;
+  /// Waits until no callback uses `client` any more, without limit: for its destructor, after
+  /// Retire().
+  void AwaitUnused(const Client* client) {
+    std::unique_lock lock(mutex_);
+    idle_.wait(lock, [&] {
+      return std::none_of(entries_.begin(), entries_.end(), [&](const auto& entry) {
+        return entry.second.client == client && entry.second.active > 0;
+      });
+    });
+  }
 
-    explicit operator bool() const { return client_ != nullptr; }
-    Client* operator->() const { return client_; }
-
-   private:
-    CallbackRegistry& registry_;
-    void* const context_;
-    Client* client_ = nullptr;
-  };
+  /// One callback of the library: hands its client to `body`, and lets nothing that this throws
+  /// into the library's C code. False when the client is gone.
+  template <class Body>
+  bool Run(void* context, Body body) noexcept {
+    Client* const client = Enter(context);
+    if (client == nullptr) return false;
+    try {
+      body(*client);
+    } catch (const std::exception& error) {
+      VLOG_ERROR("MQTT", "callback of the MQTT library failed: {}", utils::LogText(error.what()));
+    } catch (...) {
+      VLOG_ERROR("MQTT", "callback of the MQTT library failed: {}", "unknown");
+    }
+    Leave(context);
+    return true;
+  }
 
  private:
   struct Entry {
     Client* client;
     int active;
+    bool retired;
   };
+
+  Client* Enter(void* context) {
+    std::lock_guard lock(mutex_);
+    const auto entry = entries_.find(Key(context));
+    if (entry == entries_.end() || entry->second.retired) return nullptr;
+    ++entry->second.active;
+    return entry->second.client;
+  }
+  void Leave(void* context) {
+    std::lock_guard lock(mutex_);
+    const auto entry = entries_.find(Key(context));
+    if (--entry->second.active == 0 && entry->second.retired) entries_.erase(entry);
+    idle_.notify_all();
+  }
 
   static uintptr_t Key(void* context) { return reinterpret_cast<uintptr_t>(context); }
 

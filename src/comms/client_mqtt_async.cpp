@@ -6,6 +6,7 @@
 #include "comms/mqtt_library.h"
 #include "comms/mqtt_trace.h"
 #include "utils/log.h"
+#include "utils/log_text.h"
 
 namespace varnel::comms {
 namespace {
@@ -14,6 +15,8 @@ constexpr const char* kTag = "MQTT";
 constexpr int kMaxBufferedMessages = 100;
 constexpr std::chrono::milliseconds kRoomPoll{5};
 constexpr int kDisconnectLimitMs = 500;
+/// The broker does not send us more at once: the library would take any size into memory.
+constexpr unsigned kMaxReceivedPacket = 64U << 20;
 
 const char* ErrorText(int code) {
   const char* text = MQTTAsync_strerror(code);
@@ -29,6 +32,7 @@ MQTTAsync_SSLOptions TlsOptions(const MqttConnectSettings& settings) {
   options.enableServerCertAuth = 1;
   options.verify = 1;  // the name in the certificate must be the host's
   options.trustStore = OrNull(settings.root_ca);
+  options.disableDefaultTrustStore = 1;  // nobody but the given root vouches for the broker
   options.keyStore = OrNull(settings.client_certificate);
   options.privateKey = OrNull(settings.client_key);
   options.ssl_error_cb = LogTlsError;
@@ -39,51 +43,47 @@ MQTTAsync_SSLOptions TlsOptions(const MqttConnectSettings& settings) {
 
 /// What the library calls. Each finds its client, which may be gone, and does nothing else.
 struct AsyncCallbacks {
-  using Call = CallbackRegistry<ClientMqttAsync>::Call;
-  static Call Find(void* context) {
-    return {CallbackRegistry<ClientMqttAsync>::Instance(), context};
+  using Client = ClientMqttAsync;
+  template <class Body>
+  static bool Run(void* context, Body body) noexcept {
+    return CallbackRegistry<Client>::Instance().Run(context, body);
   }
 
   static void Connected(void* context, MQTTAsync_successData5*) {
-    if (const Call client = Find(context)) client->OnConnected();
+    Run(context, [](Client& client) { client.OnConnected(); });
   }
   static void ConnectFailed(void* context, MQTTAsync_failureData5* data) {
-    if (const Call client = Find(context)) client->OnConnectFailed(data);
+    Run(context, [data](Client& client) { client.OnConnectFailed(data); });
   }
   static void ConnectionLost(void* context, char* cause) {
-    if (const Call client = Find(context)) client->OnConnectionLost(cause);
+    Run(context, [cause](Client& client) { client.OnConnectionLost(cause); });
   }
   static void ServerDisconnect(void* context, MQTTProperties*, MQTTReasonCodes reason) {
-    if (const Call client = Find(context)) client->OnServerDisconnect(reason);
+    Run(context, [reason](Client& client) { client.OnServerDisconnect(reason); });
   }
   static int MessageArrived(void* context, char* topic, int topic_length,
                             MQTTAsync_message* message) {
-    if (const Call client = Find(context)) {
-      client->OnMessage(topic, topic_length, message);
-    } else {
-      VLOG_WARN(kTag, "{}: message arrived but client is null", "MQTT client");
-    }
+    const bool found =
+        Run(context, [&](Client& client) { client.OnMessage(topic, topic_length, message); });
+    if (!found) VLOG_WARN(kTag, "{}: message arrived but client is null", "MQTT client");
     if (message) MQTTAsync_freeMessage(&message);
     if (topic) MQTTAsync_free(topic);
     return 1;
   }
   static void SubscribeFailed(void* context, MQTTAsync_failureData5* data) {
-    if (const Call client = Find(context)) client->OnSubscribeFailed(data);
+    Run(context, [data](Client& client) { client.OnSubscribeFailed(data); });
   }
   static void Sent(void* context, MQTTAsync_successData5* data) {
-    if (data) VLOG_DEBUG(kTag, "publish success on topic: {}", data->alt.pub.destinationName);
-    if (const Call client = Find(context)) client->OnRoom();
+    Run(context, [data](Client& client) { client.OnSent(data); });
   }
   static void SendFailed(void* context, MQTTAsync_failureData5* data) {
-    VLOG_ERROR(kTag, "publish failed, rc: {}, reasonCode: {}", data ? data->code : 0,
-               static_cast<int>(data ? data->reasonCode : MQTTREASONCODE_SUCCESS));
-    if (const Call client = Find(context)) client->OnRoom();
+    Run(context, [data](Client& client) { client.OnSendFailed(data); });
   }
   static void Disconnected(void* context, MQTTAsync_successData5*) {
-    if (const Call client = Find(context)) client->OnDisconnected();
+    Run(context, [](Client& client) { client.OnDisconnected(); });
   }
   static void DisconnectFailed(void* context, MQTTAsync_failureData5*) {
-    if (const Call client = Find(context)) client->OnDisconnected();
+    Run(context, [](Client& client) { client.OnDisconnected(); });
   }
 };
 
@@ -100,8 +100,11 @@ ClientMqttAsync::ClientMqttAsync(std::string name, Qos subscribe_qos, PahoAsyncA
 ClientMqttAsync::~ClientMqttAsync() {
   StopProcessing();
   disconnecting_ = true;
-  std::lock_guard lock(api_mutex_);
-  CloseHandle();
+  {
+    std::lock_guard lock(api_mutex_);
+    CloseHandle();
+  }
+  Registry::Instance().AwaitUnused(this);
 }
 
 CommsStatus ClientMqttAsync::Connect(const MqttConnectSettings& settings) {
@@ -109,16 +112,37 @@ CommsStatus ClientMqttAsync::Connect(const MqttConnectSettings& settings) {
     VLOG_WARN(kTag, "{}: Connect called while already connecting, ignored", Name());
     return CommsStatus::kBusy;
   }
-  const CommsStatus status = ConnectLocked(settings);
-  return status == CommsStatus::kOk ? status : FailAttempt(status);
+  const CommsStatus status =
+      IsReachableByName(settings.host) ? ConnectLocked(settings) : RefuseHost(settings);
+  if (status != CommsStatus::kOk) ReportConnectionLost();
+  return status;
+}
+
+bool ClientMqttAsync::IsReachableByName(const std::string& host) {
+  const std::string problem = api_.Resolve(host);
+  if (!problem.empty()) VLOG_ERROR(kTag, "{}: host {}: {}", Name(), host, problem);
+  return problem.empty();
+}
+
+CommsStatus ClientMqttAsync::RefuseHost(const MqttConnectSettings& settings) {
+  std::lock_guard lock(api_mutex_);
+  CloseHandle();
+  settings_ = settings;
+  connecting_ = false;
+  return CommsStatus::kFailure;
+}
+
+CommsStatus ClientMqttAsync::EndAttempt(CommsStatus status) {
+  if (status != CommsStatus::kOk) connecting_ = false;
+  return status;
 }
 
 CommsStatus ClientMqttAsync::ConnectLocked(const MqttConnectSettings& settings) {
   std::lock_guard lock(api_mutex_);
   CloseHandle();
-  connecting_ = true;  // closing an earlier connection has ended its attempt
   settings_ = settings;
-  if (const CommsStatus created = CreateHandle(); created != CommsStatus::kOk) return created;
+  if (const CommsStatus created = CreateHandle(); created != CommsStatus::kOk)
+    return EndAttempt(created);
   const int code = StartConnect();
   if (code == MQTTASYNC_SUCCESS) {
     VLOG_INFO(kTag, "{}: async connection started", Name());
@@ -126,7 +150,7 @@ CommsStatus ClientMqttAsync::ConnectLocked(const MqttConnectSettings& settings) 
   }
   VLOG_ERROR(kTag, "{}: failed to start async connection, rc: {}", Name(), code);
   DestroyHandleNow();
-  return CommsStatus::kFailure;
+  return EndAttempt(CommsStatus::kFailure);
 }
 
 CommsStatus ClientMqttAsync::Reconnect() {
@@ -135,19 +159,27 @@ CommsStatus ClientMqttAsync::Reconnect() {
     VLOG_WARN(kTag, "{}: already connecting, reconnect ignored", Name());
     return CommsStatus::kBusy;
   }
-  const CommsStatus status = ReconnectLocked();
-  if (status == CommsStatus::kNotInitialized) {
+  const std::string host = KeptHost();
+  if (!host.empty() && !IsReachableByName(host)) {
     connecting_ = false;
-    return status;
+    ReportConnectionLost();
+    return CommsStatus::kFailure;
   }
-  return status == CommsStatus::kOk ? status : FailAttempt(status);
+  const CommsStatus status = ReconnectLocked();
+  if (status == CommsStatus::kFailure) ReportConnectionLost();
+  return status;
+}
+
+std::string ClientMqttAsync::KeptHost() {
+  std::lock_guard lock(api_mutex_);
+  return settings_ ? settings_->host : std::string();
 }
 
 CommsStatus ClientMqttAsync::ReconnectLocked() {
   std::lock_guard lock(api_mutex_);
   if (!settings_) {
     VLOG_ERROR(kTag, "{}: reconnect called but client not initialized", Name());
-    return CommsStatus::kNotInitialized;
+    return EndAttempt(CommsStatus::kNotInitialized);
   }
   if (connected_) {  // the attempt that just ended was successful
     connecting_ = false;
@@ -155,7 +187,8 @@ CommsStatus ClientMqttAsync::ReconnectLocked() {
   }
   // An attempt that failed at once has destroyed the handle; its settings are still here.
   if (!handle_) {
-    if (const CommsStatus created = CreateHandle(); created != CommsStatus::kOk) return created;
+    if (const CommsStatus created = CreateHandle(); created != CommsStatus::kOk)
+      return EndAttempt(created);
   } else {
     // We may have been told of the failure by a library thread that is still taking that attempt
     // apart, and would take ours apart with it.
@@ -165,16 +198,10 @@ CommsStatus ClientMqttAsync::ReconnectLocked() {
   if (code != MQTTASYNC_SUCCESS) {
     VLOG_ERROR(kTag, "{}: reconnect failed, rc: {}", Name(), code);
     DestroyHandleNow();
-    return CommsStatus::kFailure;
+    return EndAttempt(CommsStatus::kFailure);
   }
   VLOG_INFO(kTag, "{}: async reconnect started", Name());
   return CommsStatus::kOk;
-}
-
-CommsStatus ClientMqttAsync::FailAttempt(CommsStatus status) {
-  connecting_ = false;
-  ReportConnectionLost();
-  return status;
 }
 
 CommsStatus ClientMqttAsync::CreateHandle() {
@@ -226,7 +253,14 @@ int ClientMqttAsync::StartConnect() {
   options.context = context_;
   MQTTAsync_SSLOptions tls = TlsOptions(settings);
   if (settings.Secure()) options.ssl = &tls;
-  return api_.Connect(handle_.get(), options);
+  MQTTProperty limit{};
+  limit.identifier = MQTTPROPERTY_CODE_MAXIMUM_PACKET_SIZE;
+  limit.value.integer4 = kMaxReceivedPacket;
+  MQTTProperties properties = MQTTProperties_initializer;
+  if (MQTTProperties_add(&properties, &limit) == 0) options.connectProperties = &properties;
+  const int code = api_.Connect(handle_.get(), options);
+  MQTTProperties_free(&properties);
+  return code;
 }
 
 void ClientMqttAsync::Disconnect() {
@@ -235,6 +269,7 @@ void ClientMqttAsync::Disconnect() {
     std::lock_guard lock(api_mutex_);
     settings_.reset();
     CloseHandle();
+    connecting_ = false;
   }
   disconnecting_ = false;
   VLOG_INFO(kTag, "{}: disconnected", Name());
@@ -242,7 +277,7 @@ void ClientMqttAsync::Disconnect() {
 
 void ClientMqttAsync::CloseHandle() {
   if (!handle_) return;
-  if (!Registry::Instance().WaitIdle(context_, std::chrono::steady_clock::now() + kCallbackLimit)) {
+  if (!Registry::Instance().WaitIdle(context_, clock_, kCallbackLimit)) {
     VLOG_WARN(kTag, "{}: timed out waiting for active callbacks, forcing disconnect", Name());
   }
   if (connected_) RequestDisconnect();
@@ -271,17 +306,16 @@ void ClientMqttAsync::DestroyHandleNow() {
   live_handle_ = nullptr;
   handle_.reset();
   connected_ = false;
-  connecting_ = false;
 }
 
 CommsStatus ClientMqttAsync::SendRefusal() const {
-  if (disconnecting_) {
-    VLOG_WARN(kTag, "{}: client is disconnecting, cannot send", Name());
-    return CommsStatus::kNotConnected;
-  }
   if (!live_handle_) {
     VLOG_ERROR(kTag, "{}: client handle is null, cannot send", Name());
     return CommsStatus::kNotInitialized;
+  }
+  if (disconnecting_) {
+    VLOG_WARN(kTag, "{}: client is disconnecting, cannot send", Name());
+    return CommsStatus::kNotConnected;
   }
   if (!connected_) {
     VLOG_WARN(kTag, "{}: not connected", Name());
@@ -339,9 +373,10 @@ bool ClientMqttAsync::WaitForRoom(utils::Clock::TimePoint deadline, uint64_t see
 }
 
 CommsStatus ClientMqttAsync::SendFailed(const std::string& topic, int code, uint64_t connection) {
-  VLOG_ERROR(kTag, "{}: send failed on topic {}, rc: {}", Name(), topic, code);
+  VLOG_ERROR(kTag, "{}: send failed on topic {}, rc: {}", Name(), utils::LogText(topic), code);
   if (code != MQTTASYNC_DISCONNECTED) return CommsStatus::kFailure;
-  VLOG_WARN(kTag, "{}: send on topic {} detected disconnection, marking offline", Name(), topic);
+  VLOG_WARN(kTag, "{}: send on topic {} detected disconnection, marking offline", Name(),
+            utils::LogText(topic));
   // The connection that failed may be over and its successor up: that one stays.
   std::lock_guard lock(event_mutex_);
   if (connection == connections_) connected_ = false;
@@ -423,6 +458,17 @@ void ClientMqttAsync::OnSubscribeFailed(const MQTTAsync_failureData5* data) {
   VLOG_ERROR(kTag, "{}: subscribe failed, rc: {}, reasonCode: {}, will retry on next reconnect",
              Name(), data ? data->code : 0,
              static_cast<int>(data ? data->reasonCode : MQTTREASONCODE_SUCCESS));
+}
+
+void ClientMqttAsync::OnSent(const MQTTAsync_successData5* data) {
+  if (data) VLOG_DEBUG(kTag, "publish success on topic: {}", data->alt.pub.destinationName);
+  OnRoom();
+}
+
+void ClientMqttAsync::OnSendFailed(const MQTTAsync_failureData5* data) {
+  VLOG_ERROR(kTag, "publish failed, rc: {}, reasonCode: {}", data ? data->code : 0,
+             static_cast<int>(data ? data->reasonCode : MQTTREASONCODE_SUCCESS));
+  OnRoom();
 }
 
 void ClientMqttAsync::OnRoom() {

@@ -60,10 +60,13 @@ class ClientMqttAsync : public ClientMqttBase {
   void CloseHandle();
   void RequestDisconnect();
   void DestroyHandleNow();
+  CommsStatus EndAttempt(CommsStatus status);
   int TrySend(const std::string& topic, const MQTTAsync_message& message);
 
   // On our threads, without it.
-  CommsStatus FailAttempt(CommsStatus status);
+  bool IsReachableByName(const std::string& host);
+  CommsStatus RefuseHost(const MqttConnectSettings& settings);
+  std::string KeptHost();
   CommsStatus ConnectLocked(const MqttConnectSettings& settings);
   CommsStatus ReconnectLocked();
   CommsStatus SendRefusal() const;
@@ -77,6 +80,8 @@ class ClientMqttAsync : public ClientMqttBase {
   void OnServerDisconnect(MQTTReasonCodes reason);
   void OnMessage(const char* topic, int topic_length, const MQTTAsync_message* message);
   void OnSubscribeFailed(const MQTTAsync_failureData5* data);
+  void OnSent(const MQTTAsync_successData5* data);
+  void OnSendFailed(const MQTTAsync_failureData5* data);
   void OnRoom();
   void OnDisconnected();
   /// False when it is known already.

@@ -34,16 +34,17 @@ CommsStatus ClientMqttBase::AddListener(const std::string& filter, Listener list
   if (filter.empty() || !listener) return CommsStatus::kInvalidArgument;
   {
     std::lock_guard lock(listeners_mutex_);
-    const bool replaced = !listeners_.insert_or_assign(filter, std::move(listener)).second;
-    if (replaced)
-      VLOG_WARN(kTag, "{}: topic {} already has a listener, overwriting", name_, filter);
+    const auto [entry, added] = listeners_.try_emplace(filter);
+    entry->second.swap(listener);  // the old one ends outside the lock: it is foreign code
+    if (!added) VLOG_WARN(kTag, "{}: topic {} already has a listener, overwriting", name_, filter);
   }
   return connected_ ? Subscribe(filter) : CommsStatus::kOk;
 }
 
 void ClientMqttBase::RemoveListener(const std::string& filter) {
+  std::map<std::string, Listener, std::less<>>::node_type removed;
   std::unique_lock lock(listeners_mutex_);
-  listeners_.erase(filter);
+  removed = listeners_.extract(filter);
   if (std::this_thread::get_id() == processing_thread_.get_id()) return;
   delivered_.wait(lock, [this] { return !delivering_; });
 }
@@ -87,7 +88,7 @@ void ClientMqttBase::Accept(const char* topic, int topic_length, const void* byt
   message->retained = retained;
   message->topic = topic_length > 0 ? std::string(topic, static_cast<size_t>(topic_length)) : topic;
   if (length < 0 || (length > 0 && !bytes)) {
-    VLOG_ERROR(kTag, "{}: invalid message on topic {}", name_, message->topic);
+    VLOG_ERROR(kTag, "{}: invalid message on topic {}", name_, utils::LogText(message->topic));
     return;
   }
   if (length > 0)
@@ -96,7 +97,13 @@ void ClientMqttBase::Accept(const char* topic, int topic_length, const void* byt
 }
 
 void ClientMqttBase::ProcessMessages() {
-  while (const auto message = queue_.Pop()) Deliver(*message);
+  while (const auto message = queue_.Pop()) {
+    try {
+      Deliver(*message);
+    } catch (const std::exception& error) {
+      VLOG_ERROR(kTag, "{}: a message was lost: {}", name_, utils::LogText(error.what()));
+    }
+  }
 }
 
 void ClientMqttBase::Deliver(const std::shared_ptr<MqttMessage>& message) {
@@ -108,7 +115,7 @@ void ClientMqttBase::Deliver(const std::shared_ptr<MqttMessage>& message) {
     VLOG_WARN(kTag, "{}: message payload is empty, skipping", name_);
     return;
   }
-  const Listener listener = TakeListener(message->topic);
+  Listener listener = TakeListener(message->topic);
   if (!listener) {
     VLOG_WARN(kTag, "{}: no listener for topic: {}", name_, utils::LogText(message->topic));
     return;
@@ -116,10 +123,11 @@ void ClientMqttBase::Deliver(const std::shared_ptr<MqttMessage>& message) {
   try {
     listener(message);
   } catch (const std::exception& error) {
-    VLOG_ERROR(kTag, "{}: exception in listener callback: {}", name_, error.what());
+    VLOG_ERROR(kTag, "{}: exception in listener callback: {}", name_, utils::LogText(error.what()));
   } catch (...) {
     VLOG_ERROR(kTag, "{}: exception in listener callback: {}", name_, "unknown");
   }
+  listener = nullptr;  // what it holds is free before anybody is told that it no longer runs
   FinishDelivery();
 }
 

@@ -8,6 +8,7 @@
 
 #include "comms/mqtt_library.h"
 #include "utils/log.h"
+#include "utils/log_text.h"
 
 namespace varnel::comms {
 namespace {
@@ -47,6 +48,7 @@ MQTTClient_SSLOptions TlsOptions(const MqttConnectSettings& settings) {
   options.enableServerCertAuth = 1;
   options.verify = 1;
   options.trustStore = OrNull(settings.root_ca);
+  options.disableDefaultTrustStore = 1;  // nobody but the given root vouches for the broker
   options.keyStore = OrNull(settings.client_certificate);
   options.privateKey = OrNull(settings.client_key);
   options.ssl_error_cb = LogTlsError;
@@ -57,20 +59,21 @@ MQTTClient_SSLOptions TlsOptions(const MqttConnectSettings& settings) {
 
 /// What the library calls. Each finds its client, which may be gone, and does nothing else.
 struct SyncCallbacks {
-  using Call = CallbackRegistry<ClientMqttSync>::Call;
-  static Call Find(void* context) {
-    return {CallbackRegistry<ClientMqttSync>::Instance(), context};
+  using Client = ClientMqttSync;
+  template <class Body>
+  static void Run(void* context, Body body) noexcept {
+    (void)CallbackRegistry<Client>::Instance().Run(context, body);
   }
 
   static void ConnectionLost(void* context, char* cause) {
-    if (const Call client = Find(context)) client->OnConnectionLost(cause);
+    Run(context, [cause](Client& client) { client.OnConnectionLost(cause); });
   }
   static int MessageArrived(void* context, char* topic, int topic_length,
                             MQTTClient_message* message) {
-    if (const Call client = Find(context)) {
-      client->OnMessage(topic, topic_length, message ? message->payload : nullptr,
-                        message ? message->payloadlen : -1, message && message->retained != 0);
-    }
+    Run(context, [&](Client& client) {
+      client.OnMessage(topic, topic_length, message ? message->payload : nullptr,
+                       message ? message->payloadlen : -1, message && message->retained != 0);
+    });
     if (message) MQTTClient_freeMessage(&message);
     if (topic) MQTTClient_free(topic);
     return 1;
@@ -90,8 +93,11 @@ ClientMqttSync::ClientMqttSync(std::string name, Qos subscribe_qos)
 ClientMqttSync::~ClientMqttSync() {
   StopProcessing();
   disconnecting_ = true;
-  std::lock_guard lock(api_mutex_);
-  CloseHandle();
+  {
+    std::lock_guard lock(api_mutex_);
+    CloseHandle();
+  }
+  Registry::Instance().AwaitUnused(this);
 }
 
 CommsStatus ClientMqttSync::Connect(const MqttConnectSettings& settings) {
@@ -144,13 +150,13 @@ CommsStatus ClientMqttSync::Attempt() {
     return status;
   }
   SetNoDelayTowards(settings_->port);
+  connected_ = true;  // before the subscriptions, so that a loss meanwhile is not overwritten
   if (const CommsStatus status = SubscribeAll(); status != CommsStatus::kOk) {
     VLOG_ERROR(kTag, "{}: subscribe failed after connect, disconnecting", Name());
     MQTTClient_disconnect5(handle_.get(), kDisconnectLimitMs, MQTTREASONCODE_SUCCESS, nullptr);
     CloseHandle();
     return status;
   }
-  connected_ = true;
   VLOG_INFO(kTag, "{}: connected", Name());
   return CommsStatus::kOk;
 }
@@ -258,7 +264,8 @@ CommsStatus ClientMqttSync::Publish(const std::string& topic, Qos qos, bool reta
     code = MQTTClient_waitForCompletion(handle_.get(), token, kDeliveryLimitMs);
   }
   if (code == MQTTCLIENT_SUCCESS) return CommsStatus::kOk;
-  VLOG_ERROR(kTag, "{}: sync send failed on topic {}, rc: {}", Name(), topic, code);
+  VLOG_ERROR(kTag, "{}: sync send failed on topic {}, rc: {}", Name(), utils::LogText(topic), code);
+  if (code == MQTTCLIENT_DISCONNECTED) connected_ = false;
   return CommsStatus::kFailure;
 }
 
@@ -299,7 +306,11 @@ void ClientMqttSync::OnConnectionLost(const char* cause) {
 
 void ClientMqttSync::OnMessage(const char* topic, int topic_length, const void* bytes, int length,
                                bool retained) {
-  if (!disconnecting_) Accept(topic, topic_length, bytes, length, retained);
+  if (disconnecting_) {
+    VLOG_INFO(kTag, "{}: disconnecting, skipping message processing", Name());
+    return;
+  }
+  Accept(topic, topic_length, bytes, length, retained);
 }
 
 }  // namespace varnel::comms

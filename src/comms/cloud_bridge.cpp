@@ -3,6 +3,7 @@
 #include <array>
 #include <utility>
 
+#include "comms/log_payload.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 
@@ -24,15 +25,44 @@ class CloudPublisher : public ForwardDestination {
   const std::shared_ptr<ClientMqttBase> cloud_;
 };
 
-/// Runs cloud requests on the local server and publishes their answers to the cloud.
+/// Publishes the answer to one cloud request.
+class CloudAnswer : public ForwardDestination {
+ public:
+  CloudAnswer(std::shared_ptr<ClientMqttBase> cloud, std::string method, const Json& response)
+      : cloud_(std::move(cloud)),
+        method_(utils::LogText(method)),
+        id_(utils::LogText(Serialize(response["id"]))),
+        is_error_(response.contains("error")) {}
+
+  CommsStatus Deliver(const MqttMessage& answer) override {
+    const CommsStatus status = cloud_->Send(answer.topic, Qos::kAtLeastOnce, false, answer.payload);
+    if (status != CommsStatus::kOk) {
+      VLOG_ERROR(kTag, "cloud request dispatch failed: {}",
+                 "no answer could be sent to " + method_);
+    } else if (is_error_) {
+      VLOG_INFO(kTag, "cloud req {} (id={}) → error response sent", method_, id_);
+    } else {
+      VLOG_INFO(kTag, "cloud req {} (id={}) → response sent, len={}", method_, id_,
+                answer.payload.size());
+    }
+    return status;
+  }
+
+ private:
+  const std::shared_ptr<ClientMqttBase> cloud_;
+  const std::string method_;
+  const std::string id_;
+  const bool is_error_;
+};
+
+/// Runs cloud requests on the local server and hands their answers on: a cloud link that is slow
+/// must not hold the workers that run the methods.
 class CloudRequestRunner : public ForwardDestination {
  public:
-  CloudRequestRunner(JsonRpcServer& server, CloudBridge::CloudGate gate,
-                     std::shared_ptr<ClientMqttBase> cloud, std::string response_topic)
-      : server_(server),
-        gate_(std::move(gate)),
-        cloud_(std::move(cloud)),
-        response_topic_(std::move(response_topic)) {}
+  using SendAnswer = std::function<void(const std::string& method, const Json& response)>;
+
+  CloudRequestRunner(JsonRpcServer& server, CloudBridge::CloudGate gate, SendAnswer send_answer)
+      : server_(server), gate_(std::move(gate)), send_answer_(std::move(send_answer)) {}
 
   CommsStatus Deliver(const MqttMessage& message) override {
     auto parsed = ParsePayload(message.payload);
@@ -44,21 +74,20 @@ class CloudRequestRunner : public ForwardDestination {
                                                    : "not a JSON-RPC request");
       return CommsStatus::kOk;
     }
-    Run(std::move(*request));
+    Run(std::move(*request), message.payload.size());
     return CommsStatus::kOk;
   }
 
  private:
-  void Run(Json request) {
+  void Run(Json request, size_t bytes) {
     const auto name = request.find("method");
     const bool has_method = name != request.end() && name->is_string();
     const std::string method = has_method ? name->get<std::string>() : std::string();
-    const JsonRpcServer::Reply reply = [method, cloud = cloud_,
-                                        topic = response_topic_](const Json& response) {
-      Answer(*cloud, topic, method, response);
+    const JsonRpcServer::Reply reply = [method, send = send_answer_](const Json& response) {
+      send(method, response);
     };
     if (has_method && gate_(method)) {
-      server_.InvokeMethod(method, std::move(request), reply);
+      server_.InvokeMethod(method, std::move(request), reply, bytes);
       return;
     }
     VLOG_ERROR(kTag, "cloud request dispatch failed: {}",
@@ -69,25 +98,9 @@ class CloudRequestRunner : public ForwardDestination {
         *id, has_method ? MethodNotFound(method) : MakeError(kInvalidRequest, "Invalid Request")));
   }
 
-  static void Answer(ClientMqttBase& cloud, const std::string& topic, const std::string& method,
-                     const Json& response) {
-    const std::string payload = Serialize(response);
-    const std::string id = utils::LogText(Serialize(response["id"]));
-    if (cloud.Send(topic, Qos::kAtLeastOnce, false, payload) != CommsStatus::kOk) {
-      VLOG_ERROR(kTag, "cloud request dispatch failed: {}",
-                 "no answer could be sent to " + utils::LogText(method));
-    } else if (response.contains("error")) {
-      VLOG_INFO(kTag, "cloud req {} (id={}) → error response sent", utils::LogText(method), id);
-    } else {
-      VLOG_INFO(kTag, "cloud req {} (id={}) → response sent, len={}", utils::LogText(method), id,
-                payload.size());
-    }
-  }
-
   JsonRpcServer& server_;
   const CloudBridge::CloudGate gate_;
-  const std::shared_ptr<ClientMqttBase> cloud_;
-  const std::string response_topic_;
+  const SendAnswer send_answer_;
 };
 
 std::string RequestTopic(const std::string& serial_number) {
@@ -139,7 +152,7 @@ CommsStatus CloudBridge::Setup(const std::shared_ptr<ClientMqttBase>& local,
   cloud_ = cloud;
   serial_number_ = serial_number;
   const Queues queues = PrepareQueues();
-  bool ok = RouteRequests(queues.requests) == CommsStatus::kOk;
+  bool ok = RouteRequests(queues) == CommsStatus::kOk;
   ok &= RouteConfig() == CommsStatus::kOk;
   for (const std::string stream : kStreams) {
     const auto queue = stream == "response" ? queues.responses : queues.events;
@@ -167,16 +180,24 @@ void CloudBridge::RemoveRoutes() {
   for (const char* stream : kStreams) local_->RemoveListener(StreamTopic(serial_number_, stream));
 }
 
-CommsStatus CloudBridge::RouteRequests(ForwarderPool::QueueId queue) {
-  auto runner = std::make_shared<CloudRequestRunner>(server_, gate_, cloud_,
-                                                     StreamTopic(serial_number_, "response"));
-  return cloud_->AddListener(RequestTopic(serial_number_),
-                             [this, queue, runner](const std::shared_ptr<MqttMessage>& message) {
-                               if (JsonRpcServer::IsStale(*message)) return;
-                               VLOG_INFO(kTag, "cloud req → local: {:.160}",
-                                         LogPayload(message->payload, kLoggedBytes));
-                               forwarders_.Forward(queue, message, runner);
-                             });
+CommsStatus CloudBridge::RouteRequests(const Queues& queues) {
+  const auto send_answer = [&forwarders = forwarders_, queue = queues.responses, cloud = cloud_,
+                            topic = StreamTopic(serial_number_, "response")](
+                               const std::string& method, const Json& response) {
+    auto message = std::make_shared<MqttMessage>();
+    message->topic = topic;
+    message->payload = Serialize(response);
+    forwarders.Forward(queue, std::move(message),
+                       std::make_shared<CloudAnswer>(cloud, method, response));
+  };
+  auto runner = std::make_shared<CloudRequestRunner>(server_, gate_, send_answer);
+  return cloud_->AddListener(
+      RequestTopic(serial_number_),
+      [this, queue = queues.requests, runner](const std::shared_ptr<MqttMessage>& message) {
+        if (JsonRpcServer::IsStale(*message)) return;
+        VLOG_INFO(kTag, "cloud req → local: {:.160}", LogPayload(message->payload, kLoggedBytes));
+        forwarders_.Forward(queue, message, runner);
+      });
 }
 
 CommsStatus CloudBridge::RouteConfig() {

@@ -43,7 +43,7 @@ class CloudBridge {
 
   Queues PrepareQueues();
   void RemoveRoutes();
-  CommsStatus RouteRequests(ForwarderPool::QueueId queue);
+  CommsStatus RouteRequests(const Queues& queues);
   CommsStatus RouteConfig();
   CommsStatus RouteToCloud(ForwarderPool::QueueId queue, const std::string& stream);
 

@@ -1,12 +1,10 @@
 #include "comms/comms_manager.h"
 
 #include <array>
-#include <thread>
 #include <utility>
 
 #include "comms/client_mqtt_async.h"
 #include "utils/log.h"
-#include "utils/thread.h"
 
 namespace varnel::comms {
 namespace {
@@ -30,18 +28,8 @@ CommsManager::CommsManager(ClientFactory make_client) : make_client_(std::move(m
 
 CommsManager::~CommsManager() {
   // The clients' listeners use the server and the bridge, so the clients' threads end first.
-  {
-    // Both at once: each may wait seconds for its library.
-    std::jthread cloud_end;
-    if (const auto cloud = CloudClient()) {
-      cloud_end = utils::SpawnGuarded("mqtt-stop", kTag, [cloud] { cloud->Disconnect(); });
-    }
-    if (const auto local = LocalClient()) local->Disconnect();
-  }
-  bridge_.reset();
-  notifiers_.clear();
-  forwarders_.reset();
-  server_.reset();
+  DisconnectAll();
+  EndLife();
   cloud_.reset();
   local_.reset();
 }
@@ -73,7 +61,12 @@ CommsStatus CommsManager::InitLocal() {
     VLOG_WARN(kTag, "CommsManager already initialized");
     return CommsStatus::kOk;
   }
-  bridge_.reset();  // routes of an earlier life, before what they use
+  // An earlier life ends here, and outside the lock: its handlers may wait for it.
+  if (server_) {
+    lock.unlock();
+    EndLife();
+    lock.lock();
+  }
   serial_number_ = serial_number_provider_ ? serial_number_provider_() : std::string();
   local_ = make_client_("Varnel Local", Qos::kAtMostOnce);
   local_->SetConnectionLostCallback([this] { OnLocalLost(); });
@@ -98,6 +91,18 @@ CommsStatus CommsManager::InitLocal() {
   }
   VLOG_INFO(kTag, "CommsManager initialized (sn={})", serial_number);
   return CommsStatus::kOk;
+}
+
+void CommsManager::EndLife() {
+  bridge_.reset();
+  {
+    std::lock_guard lock(notifiers_mutex_);
+    notifiers_.clear();
+  }
+  // The forwarders' threads call the server, whose workers forward answers.
+  if (forwarders_) forwarders_->Stop();
+  server_.reset();
+  forwarders_.reset();
 }
 
 CommsStatus CommsManager::BindLocalServer(const std::shared_ptr<ClientMqttBase>& local) {
@@ -247,10 +252,14 @@ CommsStatus CommsManager::SetupCloudForwarding(const std::string& serial_number)
   return bridge_->Setup(local, cloud, serial_number);
 }
 
-void CommsManager::Stop() {
+void CommsManager::DisconnectAll() {
   for (const auto& client : {LocalClient(), CloudClient()}) {
     if (client) client->Disconnect();
   }
+}
+
+void CommsManager::Stop() {
+  DisconnectAll();
   {
     std::lock_guard lock(state_mutex_);
     initialised_ = false;

@@ -75,6 +75,9 @@ class CommsManager {
  private:
   std::shared_ptr<ClientMqttBase> LocalClient() const;
   std::shared_ptr<ClientMqttBase> CloudClient() const;
+  void DisconnectAll();
+  /// Takes apart what InitLocal() built, but for the clients.
+  void EndLife();
   CommsStatus BindLocalServer(const std::shared_ptr<ClientMqttBase>& local);
   std::shared_ptr<JsonRpcClient> Notifier(const std::string& topic);
   void OnLocalLost();

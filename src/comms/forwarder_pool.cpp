@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "utils/log.h"
+#include "utils/log_text.h"
 #include "utils/thread.h"
 
 namespace varnel::comms {
@@ -14,6 +15,16 @@ constexpr const char* kTag = "FWDP";
 }  // namespace
 
 ForwarderPool::~ForwarderPool() = default;
+
+void ForwarderPool::Stop() {
+  std::unique_lock lock(mutex_);
+  for (size_t i = 0; i < queues_.size(); ++i) {
+    Queue* queue = queues_[i].get();
+    lock.unlock();  // a delivery may forward
+    queue->Stop();
+    lock.lock();
+  }
+}
 
 ForwarderPool::QueueId ForwarderPool::CreateQueue(const std::string& name) {
   auto queue = std::make_unique<Queue>(name);
@@ -38,8 +49,12 @@ ForwarderPool::Queue::Queue(std::string name)
           utils::SpawnGuarded("fwd-" + name_, kTag, [this](const std::stop_token&) { Run(); })) {}
 
 ForwarderPool::Queue::~Queue() {
+  Stop();
+}
+
+void ForwarderPool::Queue::Stop() {
   items_.Close();
-  thread_.join();
+  if (thread_.joinable()) thread_.join();
 }
 
 void ForwarderPool::Queue::Push(Item item) {
@@ -54,7 +69,9 @@ void ForwarderPool::Queue::Run() {
     try {
       DeliverOne(*item);
     } catch (const std::exception& error) {
-      VLOG_ERROR(kTag, "ForwarderPool: delivery failed: {}", error.what());
+      VLOG_ERROR(kTag, "ForwarderPool: delivery failed: {}", utils::LogText(error.what()));
+    } catch (...) {
+      VLOG_ERROR(kTag, "ForwarderPool: delivery failed: {}", "unknown");
     }
   }
 }

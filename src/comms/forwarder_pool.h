@@ -26,6 +26,9 @@ class ForwarderPool {
  public:
   using QueueId = size_t;
 
+  /// Ends every queue's thread; what is forwarded from then on is dropped.
+  void Stop();
+
   ForwarderPool() = default;
   /// Stops every queue; what has not been delivered is dropped.
   ~ForwarderPool();
@@ -52,6 +55,7 @@ class ForwarderPool {
     Queue(const Queue&) = delete;
     Queue& operator=(const Queue&) = delete;
     void Push(Item item);
+    void Stop();
 
    private:
     void Run();

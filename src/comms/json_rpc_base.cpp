@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "comms/log_payload.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 

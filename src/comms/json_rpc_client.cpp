@@ -2,11 +2,15 @@
 
 #include <utility>
 
+#include "comms/log_payload.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 
 namespace varnel::comms {
 namespace {
+
+/// Keeps a deadline within what the clock can hold.
+constexpr std::chrono::milliseconds kLongestWait = std::chrono::hours(24 * 365);
 
 constexpr const char* kTag = "JRPCC";
 constexpr size_t kLoggedBytes = 160;
@@ -101,7 +105,7 @@ std::shared_ptr<JsonRpcClient::PendingRequest> JsonRpcClient::AddPending(
     const Json& id, std::chrono::milliseconds timeout) {
   auto pending = std::make_shared<PendingRequest>();
   pending->id = id;
-  pending->deadline = std::chrono::steady_clock::now() + timeout;
+  pending->deadline = std::chrono::steady_clock::now() + std::min(timeout, kLongestWait);
   std::lock_guard lock(pending_mutex_);
   const bool added = pending_.try_emplace(Serialize(id), pending).second;
   if (added) return pending;

@@ -1,11 +1,6 @@
 #include "comms/json_rpc_message.h"
 
-#include <algorithm>
-#include <array>
-#include <cctype>
 #include <utility>
-
-#include "utils/log_text.h"
 
 namespace varnel::comms {
 namespace {
@@ -29,35 +24,6 @@ bool TooDeep(std::string_view payload) {
     }
   }
   return false;
-}
-
-bool NamesSecret(std::string name) {
-  std::transform(name.begin(), name.end(), name.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  constexpr std::array kWords{"token",   "password",   "passwd", "secret",
-                              "private", "credential", "auth",   "signature"};
-  constexpr std::array kNames{"pw", "key", "salt", "code", "sign"};
-  const auto contains = [&](const char* word) { return name.find(word) != std::string::npos; };
-  return std::any_of(kWords.begin(), kWords.end(), contains) || name.ends_with("_key") ||
-         std::find(kNames.begin(), kNames.end(), name) != kNames.end();
-}
-
-void MaskSecrets(Json& value) {
-  if (value.is_array()) {
-    for (Json& item : value) MaskSecrets(item);
-  } else if (value.is_object()) {
-    for (auto& [name, item] : value.items()) {
-      // A numeric "code" is an error code.
-      if (item.is_string() && NamesSecret(name)) {
-        item = utils::MaskSecret(item.get_ref<const std::string&>());
-      } else {
-        MaskSecrets(item);
-      }
-    }
-  } else if (value.is_string() &&
-             value.get_ref<const std::string&>().find("://") != std::string::npos) {
-    value = utils::MaskUrl(value.get_ref<const std::string&>());
-  }
 }
 
 }  // namespace
@@ -113,18 +79,6 @@ bool IsErrorObject(const Json& value) {
   const auto code = value.find("code");
   const auto message = value.find("message");
   return code != value.end() && code->is_number() && message != value.end() && message->is_string();
-}
-
-std::string LogJson(const Json& value, size_t max_bytes) {
-  Json masked = value;
-  MaskSecrets(masked);
-  return utils::LogText(Serialize(masked), max_bytes);
-}
-
-std::string LogPayload(std::string_view payload, size_t max_bytes) {
-  const auto parsed = ParsePayload(payload);
-  if (const Json* value = std::get_if<Json>(&parsed)) return LogJson(*value, max_bytes);
-  return utils::LogText(payload, max_bytes);
 }
 
 }  // namespace varnel::comms

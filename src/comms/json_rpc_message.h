@@ -45,9 +45,4 @@ Json MethodNotFound(const std::string& method);
 /// Whether a handler's value stands for a failure.
 bool IsErrorObject(const Json& value);
 
-/// A payload as a log line shows it: values of members that hold secrets masked, control characters
-/// escaped, cut to `max_bytes`.
-std::string LogPayload(std::string_view payload, size_t max_bytes);
-std::string LogJson(const Json& value, size_t max_bytes);
-
 }  // namespace varnel::comms

@@ -99,13 +99,18 @@ void JsonRpcServer::OnPayload(const std::string& payload, const std::string& top
       LogInvalidMessage(payload);
       return;
     }
-    OnMessage(std::move(*message), topic);
+    Serve(std::move(*message), topic, payload.size());
   } catch (const std::exception& error) {
-    VLOG_ERROR(kTag, "Handling message exception {}", error.what());
+    VLOG_ERROR(kTag, "Handling message exception {}", utils::LogText(error.what()));
   }
 }
 
 void JsonRpcServer::OnMessage(Json message, const std::string& topic) {
+  const size_t bytes = Serialize(message).size();
+  Serve(std::move(message), topic, bytes);
+}
+
+void JsonRpcServer::Serve(Json message, const std::string& topic, size_t bytes) {
   const std::string* name = MethodOf(message);
   if (!name) {
     LogInvalidMessage(Serialize(message));
@@ -119,15 +124,18 @@ void JsonRpcServer::OnMessage(Json message, const std::string& topic) {
     VLOG_INFO(kTag, "Receive normal request: id is {}, method is {}",
               utils::LogText(Serialize(*id)), utils::LogText(method));
   }
-  Dispatch(method, std::move(message),
-           [this, topic](const Json& response) { SendResponse(response, topic); });
+  Dispatch(
+      method, std::move(message),
+      [this, topic](const Json& response) { SendResponse(response, topic); }, bytes);
 }
 
-void JsonRpcServer::InvokeMethod(const std::string& method, Json request, Reply reply) {
-  Dispatch(method, std::move(request), reply);
+void JsonRpcServer::InvokeMethod(const std::string& method, Json request, Reply reply,
+                                 size_t bytes) {
+  Dispatch(method, std::move(request), reply, bytes);
 }
 
-void JsonRpcServer::Dispatch(const std::string& method, Json request, const Reply& reply) {
+void JsonRpcServer::Dispatch(const std::string& method, Json request, const Reply& reply,
+                             size_t bytes) {
   const bool wants_answer = request.is_object() && request.contains("id");
   const auto answer = [&reply, wants_answer](Json id, Json value) {
     if (wants_answer && reply) reply(MakeResponse(std::move(id), std::move(value)));
@@ -140,16 +148,15 @@ void JsonRpcServer::Dispatch(const std::string& method, Json request, const Repl
   }
   const Json id = wants_answer ? request["id"] : Json();
   auto work = std::make_shared<Json>(std::move(request));
-  const bool accepted =
-      LaneOf(method).TryPost([this, method, handler, work, reply, wants_answer, id] {
-        try {
-          Json value = CallHandler(method, handler, *work);
-          if (wants_answer && reply) reply(MakeResponse(id, std::move(value)));
-        } catch (const std::exception& error) {
-          VLOG_ERROR(kTag, "Handling message exception {}", error.what());
-        }
-      });
-  if (accepted) return;
+  auto run = [this, method, handler, work, reply, wants_answer, id] {
+    try {
+      Json value = CallHandler(method, handler, *work);
+      if (wants_answer && reply) reply(MakeResponse(id, std::move(value)));
+    } catch (const std::exception& error) {
+      VLOG_ERROR(kTag, "Handling message exception {}", utils::LogText(error.what()));
+    }
+  };
+  if (LaneOf(method).TryPost(std::move(run), bytes)) return;
   VLOG_WARN(kTag, "Server busy, refusing method {}", method);
   answer(id, MakeError(kOperationFailed, "Server busy"));
 }
@@ -167,7 +174,7 @@ Json JsonRpcServer::CallHandler(const std::string& method, const RpcHandler& han
     const auto params = request.is_object() ? request.find("params") : request.end();
     return handler(request.is_object() && params != request.end() ? *params : kNoParams);
   } catch (const std::exception& error) {
-    VLOG_ERROR(kTag, "Handler exception for method {}: {}", method, error.what());
+    VLOG_ERROR(kTag, "Handler exception for method {}: {}", method, utils::LogText(error.what()));
   } catch (...) {
     VLOG_ERROR(kTag, "Handler exception for method {}: {}", method, "unknown");
   }

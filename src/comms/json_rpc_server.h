@@ -45,12 +45,13 @@ class JsonRpcServer : public JsonRpcBase {
 
   /// Runs a method for a caller that is not on MQTT. `reply` gets the response envelope on a worker
   /// thread (or on the caller's when the method is unknown or the server is busy), and nothing for
-  /// a request without "id".
-  void InvokeMethod(const std::string& method, Json request, Reply reply);
+  /// a request without "id". `bytes` is the size of the request on the wire.
+  void InvokeMethod(const std::string& method, Json request, Reply reply, size_t bytes = 0);
 
  private:
   void OnPayload(const std::string& payload, const std::string& topic);
-  void Dispatch(const std::string& method, Json request, const Reply& reply);
+  void Serve(Json message, const std::string& topic, size_t bytes);
+  void Dispatch(const std::string& method, Json request, const Reply& reply, size_t bytes);
   RpcHandler FindHandler(const std::string& method) const;
   Json CallHandler(const std::string& method, const RpcHandler& handler, const Json& request) const;
   std::string ResponseTopic(const std::string& request_topic) const;

@@ -1,5 +1,8 @@
 #include "comms/paho_async_api.h"
 
+#include <netdb.h>
+#include <sys/socket.h>
+
 #include <cstring>
 
 namespace varnel::comms {
@@ -29,6 +32,16 @@ int PahoAsyncApi::SetDisconnected(MQTTAsync handle, void* context,
 
 int PahoAsyncApi::Connect(MQTTAsync handle, const MQTTAsync_connectOptions& options) {
   return MQTTAsync_connect(handle, &options);
+}
+
+std::string PahoAsyncApi::Resolve(const std::string& host) {
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* addresses = nullptr;
+  const int code = ::getaddrinfo(host.c_str(), nullptr, &hints, &addresses);
+  if (code != 0) return ::gai_strerror(code);
+  ::freeaddrinfo(addresses);
+  return {};
 }
 
 void PahoAsyncApi::AwaitUnlocked(MQTTAsync handle) {

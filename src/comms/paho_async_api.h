@@ -20,6 +20,9 @@ class PahoAsyncApi {
   virtual int SetDisconnected(MQTTAsync handle, void* context,
                               MQTTAsync_disconnected* disconnected);
   virtual int Connect(MQTTAsync handle, const MQTTAsync_connectOptions& options);
+  /// Looks a host name up, so that the library, which does it with its lock held, has the answer at
+  /// once: a silent name server would stop every other client. Empty, or what went wrong.
+  virtual std::string Resolve(const std::string& host);
   /// Returns when the library has left the work that it does under its lock.
   virtual void AwaitUnlocked(MQTTAsync handle);
   virtual int Disconnect(MQTTAsync handle, const MQTTAsync_disconnectOptions& options);

@@ -47,6 +47,7 @@ class FakePaho : public PahoAsyncApi {
     has_user = options.username != nullptr;
     return connect_code;
   }
+  std::string Resolve(const std::string&) override { return resolve_problem; }
   void AwaitUnlocked(MQTTAsync) override {}
   int Disconnect(MQTTAsync, const MQTTAsync_disconnectOptions& options) override {
     if (disconnect_answers) options.onSuccess5(options.context, nullptr);
@@ -66,6 +67,7 @@ class FakePaho : public PahoAsyncApi {
   int Send(MQTTAsync, const std::string&, const MQTTAsync_message& message,
            MQTTAsync_responseOptions& options) override {
     ++send_calls;
+    if (on_send) on_send();
     if (full > 0) {
       --full;
       return MQTTASYNC_MAX_BUFFERED_MESSAGES;
@@ -89,11 +91,13 @@ class FakePaho : public PahoAsyncApi {
   }
 
   std::string version = "1.3.12";
+  std::string resolve_problem;
   int create_code = MQTTASYNC_SUCCESS;
   int callbacks_code = MQTTASYNC_SUCCESS;
   int connect_code = MQTTASYNC_SUCCESS;
   int subscribe_code = MQTTASYNC_SUCCESS;
   int send_code = MQTTASYNC_SUCCESS;
+  std::function<void()> on_send;
   bool subscribe_refused = false;
   bool disconnect_answers = true;
   int full = 0;
@@ -233,9 +237,15 @@ TEST_F(ClientMqttAsyncTest, EveryFailedAttemptIsReportedAndCanBeRepeated) {
   EXPECT_EQ(paho_.live, 0);
 
   paho_.connect_code = MQTTASYNC_SUCCESS;
+  paho_.resolve_problem = "Name or service not known";
+  EXPECT_EQ(client_.Connect(settings_), CommsStatus::kFailure);
+  EXPECT_EQ(client_.Reconnect(), CommsStatus::kFailure);
+  EXPECT_EQ(lost_, 6);
+  EXPECT_EQ(paho_.live, 0) << "the library is not asked, it would look up with its lock held";
+  paho_.resolve_problem.clear();
   EXPECT_EQ(client_.Reconnect(), CommsStatus::kOk) << "builds the handle again";
   paho_.Fail();
-  EXPECT_EQ(lost_, 5);
+  EXPECT_EQ(lost_, 7);
   EXPECT_EQ(client_.Reconnect(), CommsStatus::kOk);
   paho_.Succeed();
   EXPECT_TRUE(client_.IsConnected());
@@ -297,6 +307,13 @@ TEST_F(ClientMqttAsyncTest, SendsOnlyOverALiveLink) {
   EXPECT_EQ(Send("x"), CommsStatus::kNotConnected);
   EXPECT_FALSE(client_.IsConnected());
   EXPECT_TRUE(log_.Has("MQTT", "T: send on topic t detected disconnection, marking offline"));
+  paho_.Succeed();
+  paho_.on_send = [this] {  // the link goes and comes back before the sender is told
+    paho_.lost(paho_.context, nullptr);
+    paho_.Succeed();
+  };
+  EXPECT_EQ(Send("x"), CommsStatus::kNotConnected);
+  EXPECT_TRUE(client_.IsConnected());
 }
 
 TEST_F(ClientMqttAsyncTest, AFullBufferIsWaitedForWithinALimit) {
@@ -357,12 +374,11 @@ TEST_F(ClientMqttAsyncTest, DisconnectDoesNotWaitForEver) {
   std::jthread library([&] { paho_.lost(paho_.context, nullptr); });
   entered.wait();
   std::jthread waiter([&] { client_.Disconnect(); });
-  while (!log_.Has("MQTT", "T: timed out waiting for active callbacks, forcing disconnect"))
-    std::this_thread::yield();
-  gate.count_down();
   waiter.join();
+  EXPECT_TRUE(log_.Has("MQTT", "T: timed out waiting for active callbacks, forcing disconnect"));
   EXPECT_TRUE(log_.Has("MQTT", "T: disconnected"));
   EXPECT_EQ(paho_.live, 0);
+  gate.count_down();
 }
 
 TEST(MqttTrace, EveryLevelHasItsLogLevel) {

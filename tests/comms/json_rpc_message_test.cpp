@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "comms/log_payload.h"
+
 namespace varnel::comms {
 namespace {
 
@@ -47,12 +49,29 @@ TEST(Envelope, HandlersValuesBecomeResultsOrErrors) {
 }
 
 TEST(LoggedPayloads, HideSecretsAndStayOnOneLine) {
-  const std::string line = LogPayload(
-      R"({"id":1,"params":{"access_token":"abcdef","pw":"hunter2","url":"https://h/p?sig=xyz","n":"a\nb"}})",
-      1000);
-  for (const char* secret : {"abcdef", "hunter2", "xyz"})
-    EXPECT_EQ(line.find(secret), std::string::npos) << line;
-  EXPECT_NE(line.find("https://h/p"), std::string::npos) << line;
+  const struct {
+    const char* payload;
+    const char* line;
+  } cases[] = {
+      {R"({"id":1, "access_token":"hunter\"2", "n":"a\nb"})",
+       R"({"id":1, "access_token":"***", "n":"a\nb"})"},
+      {R"({"url":"https://h/p?sig=hunter2"})", R"({"url":"https://h/p?***"})"},
+      {R"(["password : ", {"Password" : 12345678 , "x":[1]}])",
+       R"(["password : ", {"Password" : "***", "x":[1]}])"},
+      {R"({"tokens":["hunter2",{"a":"]"}],"secret":{"v":"hunter2"},"b":2})",
+       R"({"tokens":"***","secret":"***","b":2})"},
+      {R"({"code":-32000,"message":"m"},{"code":"hunter2"})",
+       R"({"code":-32000,"message":"m"},{"code":"***"})"},
+      {R"({"deviceKey":"","accessKey":null})", R"_({"deviceKey":"(none)","accessKey":"***"})_"},
+      // cut short or no JSON at all
+      {R"({"apikey":"hunter2)", R"({"apikey":"***")"},
+      {R"({"pin":)", R"_({"pin":"(none)")_"},
+      {R"("token":,}"https://u:hunter2@h)", R"_("token":"(none)",}"https://***@h)_"},
+  };
+  for (const auto& test : cases) EXPECT_EQ(LogPayload(test.payload, 1000), test.line);
+  const std::string late = R"({"a":")" + std::string(100, 'x') + R"(","token":"hunter2"})";
+  for (size_t bytes = 1; bytes < 120; ++bytes)
+    EXPECT_EQ(LogPayload(late, bytes).find("hunter2"), std::string::npos);
   EXPECT_EQ(LogPayload("not json\nsecond line", 1000).find('\n'), std::string::npos);
   EXPECT_LE(LogPayload(std::string(500, 'x'), 160).size(), 170U);
 }

@@ -170,6 +170,28 @@ TEST_F(JsonRpcServerTest, AFloodIsRefusedBeyondTheBacklog) {
   gate->count_down();
 }
 
+TEST_F(JsonRpcServerTest, LargeRequestsThatWaitAreBoundedInBytes) {
+  const auto gate = std::make_shared<std::latch>(1);
+  const auto ran = std::make_shared<std::atomic<size_t>>(0);
+  const auto slow = [gate, ran](const Json&) {
+    ++*ran;
+    gate->wait();
+    return Json();
+  };
+  EXPECT_EQ(server_.RegisterMethod("camera.slow", slow), CommsStatus::kOk);
+  constexpr size_t kLarge = WorkerLane::kMaxWaitingBytes / 4 + 1;
+  const auto post = [&](size_t bytes) {
+    server_.InvokeMethod("camera.slow", Json::object(), nullptr, bytes);
+  };
+  for (size_t i = 1; i <= WorkerLane::kThreads; ++i) {
+    post(2 * WorkerLane::kMaxWaitingBytes);
+    EXPECT_TRUE(test::Eventually([&] { return *ran == i; })) << "served when nothing waits";
+  }
+  for (int i = 0; i < 4; ++i) post(kLarge);
+  EXPECT_EQ(log_.Count("JRPCS", "Server busy, refusing method camera.slow"), 1U);
+  gate->count_down();
+}
+
 TEST_F(JsonRpcServerTest, RegistrationAndBindingRefuseWhatCannotWork) {
   EXPECT_EQ(server_.RegisterMethod("", [](const Json&) { return Json(); }),
             CommsStatus::kInvalidArgument);

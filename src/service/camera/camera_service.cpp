@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "comms/json_rpc_message.h"
+#include "comms/log_payload.h"
 #include "service/camera/debug_photo.h"
 #include "utils/log.h"
 #include "utils/log_text.h"

@@ -3,7 +3,7 @@
 #include <string>
 #include <utility>
 
-#include "comms/json_rpc_message.h"
+#include "comms/log_payload.h"
 #include "utils/log.h"
 
 namespace varnel::service {

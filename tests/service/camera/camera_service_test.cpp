@@ -79,7 +79,7 @@ TEST_F(CameraServiceTest, ParamsAreJudgedBeforeTheCameraIsTouched) {
   };
   for (const auto& test : cases) EXPECT_EQ(Take(test.params), test.error) << test.params;
   EXPECT_THAT(taken_, IsEmpty());
-  EXPECT_EQ(log_.Count("CAMSRV", "method: camera.take_a_photo, invalid parameter"), 11U);
+  EXPECT_EQ(log_.Count("CAMSRV", "method: camera.take_a_photo, invalid parameter"), 12U);
   EXPECT_TRUE(log_.Has("CAMSRV", "Take a photo, reason is fun\\x0a"));
   EXPECT_TRUE(log_.Has("CAMSRV", "Timelapse take photo: invalid operation."));
 }
