@@ -4,8 +4,8 @@
 
 namespace varnel::board {
 
-/// Where the parts of one board lie in its directory on the host. Everything but the files in
-/// proc/, sys/ and etc/ stays between two boots.
+/// Where the parts of one board lie in its directory on the host. Everything but the
+/// system's settings in etc/ stays between two boots.
 class Layout {
  public:
   explicit Layout(const std::filesystem::path& directory)

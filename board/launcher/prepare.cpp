@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "virtual_board/common/files.h"
+#include "virtual_board/identity/new_board.h"
 
 namespace varnel::board {
 
@@ -24,15 +25,6 @@ constexpr const char* kBrokerConfiguration =
     "listener 1883 127.0.0.1\n"
     "listener 0 /run/varnel-board/mosquitto.sock\n"
     "include_dir /etc/mosquitto.d\n";
-
-constexpr const char* kCpuInfo =
-    "processor\t: 0\n"
-    "BogoMIPS\t: 48.00\n"
-    "Features\t: fp asimd evtstrm crc32 cpuid\n"
-    "CPU architecture: 8\n"
-    "\n"
-    "Hardware\t: virtual board\n"
-    "Serial\t\t: 0123456789abcdef\n";
 
 constexpr const char* kUptime = "41.75 160.20\n";
 
@@ -65,7 +57,6 @@ void WriteSystemFiles(const Layout& layout) {
   Write(layout.Etc() / "hosts", "127.0.0.1 localhost\n");
   Write(layout.Etc() / "nsswitch.conf", "passwd: files\ngroup: files\nhosts: files dns\n");
   Write(layout.Etc() / "mosquitto.conf", kBrokerConfiguration);
-  WriteOnce(layout.Proc() / "cpuinfo", kCpuInfo);
   WriteOnce(layout.Proc() / "uptime", kUptime);
   // Without it libudev takes it that nobody sends device messages.
   WriteOnce(layout.Run() / "udev/control", "");
@@ -120,6 +111,7 @@ void PrepareBoard(const BootOptions& options, const Layout& layout, const fs::pa
   MakeDirectories(layout);
   ForgetLastBoot(layout);
   WriteSystemFiles(layout);
+  WriteIdentityFiles(layout);
   PlaceFrames(layout, tools);
   WriteOnce(layout.I2c() / "answer", kFreeI2cAddress);
   WriteServices(options, layout);

@@ -63,10 +63,13 @@ void AddFiles(Command& command, const Layout& layout) {
   for (const char* name : {"passwd", "group", "hosts", "nsswitch.conf", "mosquitto.conf"}) {
     command.BindReadOnly(layout.Etc() / name, std::string("/etc/") + name);
   }
+  for (const char* name : {"VERSION", "FULLVERSION"}) {
+    command.Bind(layout.Etc() / name, std::string("/etc/") + name);
+  }
   for (const char* name : {"cpuinfo", "uptime"}) {
     command.Bind(layout.Proc() / name, std::string("/proc/") + name);
   }
-  for (const char* name : {"video11", "video18"}) {
+  for (const char* name : {"mmcblk0", "video11", "video18"}) {
     command.Bind(layout.Dev() / name, std::string("/dev/") + name);
   }
 }

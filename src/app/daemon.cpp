@@ -65,11 +65,19 @@ hal_adapter::SpaceCheck SpaceCheckOf(const utils::Deployment& deployment) {
   };
 }
 
+hal_adapter::AreaInit SystemInitOf(const utils::Deployment& deployment) {
+  platform::SystemSettings settings;
+  settings.identity_device = deployment.identity_device;
+  settings.identity_offset = deployment.identity_offset;
+  settings.identity_key_file = deployment.identity_key_file;
+  return [settings] { return platform::platform_system_init(settings); };
+}
+
 /// The hardware side, started in the order in which its areas depend on each other. A missing
 /// camera or identity is logged and does not keep the services from starting.
 struct Hardware {
   explicit Hardware(const utils::Deployment& deployment)
-      : system(platform::platform_system_init),
+      : system(SystemInitOf(deployment)),
         multimedia(
             {.init = platform::platform_multimedia_init, .has_space = SpaceCheckOf(deployment)}),
         storage(platform::platform_storage_init),

@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 
 /// The text of a field even if the platform forgot its end.
 template <size_t Size>
-std::string FieldText(const char (&field)[Size]) {
+std::string_view FieldText(const char (&field)[Size]) {
   return {field, strnlen(field, Size)};
 }
 
@@ -25,7 +25,7 @@ DeviceIdentity ToIdentity(const DeviceInfo& info) {
   DeviceIdentity identity;
   identity.serial_number = FieldText(info.serial_number);
   identity.product_code = FieldText(info.product_code);
-  identity.device_key = FieldText(info.device_key);
+  identity.device_key = utils::SecretString(FieldText(info.device_key));
   identity.mac = FieldText(info.mac);
   identity.firmware_version = FieldText(info.firmware_version);
   identity.full_firmware_version = FieldText(info.full_firmware_version);
@@ -82,6 +82,7 @@ bool SystemAdapter::Start() {
 
 bool SystemAdapter::ReadIdentity() {
   DeviceInfo info{};
+  const utils::WipeAtEnd wipe(info);
   const bool read =
       table_->get_device_info != nullptr && table_->get_device_info(&info) == kHalSuccess;
   if (read) {

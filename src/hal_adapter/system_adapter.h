@@ -6,6 +6,7 @@
 #include <string>
 
 #include "hal_adapter/area_start.h"
+#include "utils/secret.h"
 
 namespace varnel::hal_adapter {
 
@@ -13,7 +14,7 @@ namespace varnel::hal_adapter {
 struct DeviceIdentity {
   std::string serial_number;
   std::string product_code;
-  std::string device_key;
+  utils::SecretString device_key;
   std::string mac;
   std::string firmware_version;
   std::string full_firmware_version;

@@ -1,15 +1,27 @@
 #pragma once
 
+#include <cstdint>
+#include <string>
+
 #include "hal_interface/hal_status.h"
 
 /// Initialisers of the board's areas; the platform layer defines them. Each registers the table of
 /// its area with the HAL adapter. Called once, from the thread that starts the services.
 namespace varnel::platform {
 
+/// What the deployment chooses for the system area.
+struct SystemSettings {
+  /// The identity block: a file or block device, and its first byte in it.
+  std::string identity_device = "/dev/mmcblk0";
+  uint64_t identity_offset = 26'624;
+  /// The key of an encrypted block; empty: there is none.
+  std::string identity_key_file;
+};
+
 hal_adapter::HalStatus platform_ai_init();
 hal_adapter::HalStatus platform_multimedia_init();
 hal_adapter::HalStatus platform_storage_init();
-hal_adapter::HalStatus platform_system_init();
+hal_adapter::HalStatus platform_system_init(const SystemSettings& settings);
 
 /// Closes the camera if it is open and gives its instance up. No photo may run at the same time or
 /// later.

@@ -12,6 +12,17 @@ namespace {
 using hal_adapter::HalStatus;
 
 constexpr const char* kTag = "IMSYS";
+constexpr const char* kUnknownHardware = "Unknown";
+
+/// Written at the initialisation, before anybody can call a slot.
+SystemInfoBoard& InfoBoard() {
+  static SystemInfoBoard board;
+  return board;
+}
+
+HalStatus GetDeviceInfo(hal_adapter::DeviceInfo* info) {
+  return get_device_info(InfoBoard(), kUnknownHardware, info);
+}
 
 HalStatus Check(const void* pointer) {
   return pointer != nullptr ? hal_adapter::kHalSuccess : hal_adapter::kHalInvalidParameter;
@@ -36,11 +47,13 @@ HalStatus Reserved() {
 }
 
 constexpr hal_adapter::SystemHalInterface kTable = {
-    get_device_info, Check, UpgradeFirmware, CollectPlatformData, PrepareReboot, Reserved};
+    GetDeviceInfo, Check, UpgradeFirmware, CollectPlatformData, PrepareReboot, Reserved};
 
 }  // namespace
 
-HalStatus platform_system_init() {
+HalStatus platform_system_init(const SystemSettings& settings) {
+  InfoBoard().identity = {settings.identity_device, settings.identity_offset,
+                          settings.identity_key_file};
   hal_adapter::register_system_hal(&kTable);
   USBMonitor::Start();
   return hal_adapter::kHalSuccess;

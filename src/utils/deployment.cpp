@@ -41,6 +41,16 @@ bool IsAbsolutePath(const json& value) {
   return text.starts_with('/') && text.find('\0') == std::string::npos;
 }
 
+template <auto Member, bool MayBeEmpty>
+bool ReadPath(const json& value, Deployment& deployment) {
+  const bool none = MayBeEmpty && value.is_string() && value.get_ref<const std::string&>().empty();
+  if (!none && !IsAbsolutePath(value)) {
+    return false;
+  }
+  deployment.*Member = value.get_ref<const std::string&>();
+  return true;
+}
+
 template <auto Member>
 bool ReadDirectories(const json& value, Deployment& deployment) {
   if (!value.is_array()) {
@@ -67,6 +77,9 @@ struct Key {
 constexpr std::array kKeys = {
     Key{"min_free_space_mib", ReadNumber<&Deployment::min_free_space_mib, 0, 1'048'576>, "a whole number from 0 to 1048576"},
     Key{"client_write_directories", ReadDirectories<&Deployment::client_write_directories>, "a list of absolute paths"},
+    Key{"identity.device", ReadPath<&Deployment::identity_device, false>, "an absolute path"},
+    Key{"identity.offset", ReadNumber<&Deployment::identity_offset, 0, 1'099'511'627'776>, "a whole number from 0 to 1099511627776"},
+    Key{"identity.key_file", ReadPath<&Deployment::identity_key_file, true>, "an absolute path or empty"},
 };
 // clang-format on
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <string>
 #include <vector>
 
 namespace varnel::utils {
@@ -12,6 +13,11 @@ struct Deployment {
   uint64_t min_free_space_mib = 64;
   /// Narrows where clients may have files written; empty does not.
   std::vector<std::filesystem::path> client_write_directories;
+  /// Where the board's identity block lies: a file or block device, and the first byte in it.
+  std::string identity_device = "/dev/mmcblk0";
+  uint64_t identity_offset = 26'624;
+  /// The key of an encrypted identity block; empty: there is none.
+  std::string identity_key_file;
 };
 
 /// Reads the file once at start. A missing file means defaults; a broken one or one over 1 MiB the

@@ -17,6 +17,11 @@ namespace {
 namespace fs = std::filesystem;
 using testing::HasSubstr;
 
+template <size_t Size>
+void SetText(char (&field)[Size], const char* text) {
+  std::strncpy(field, text, Size - 1);
+}
+
 class SystemAdapterTest : public testing::Test {
  protected:
   SystemAdapterTest() {
@@ -62,7 +67,7 @@ TEST_F(SystemAdapterTest, PublishesWhoTheBoardIs) {
   EXPECT_TRUE(log_.Has("HALSYS", "Product is PC9:SN01"));
   EXPECT_TRUE(log_.Has("HALSYS", "Firmware version is 1.2.3"));
   EXPECT_TRUE(log_.Has("HALSYS", "UUID is " + adapter.Uuid()));
-  EXPECT_EQ(adapter.Identity().device_key, "the-secret-key");
+  EXPECT_EQ(adapter.Identity().device_key.Text(), "the-secret-key");
   EXPECT_THAT(log_.Text(), testing::Not(HasSubstr("the-secret-key")));
 }
 
@@ -85,11 +90,30 @@ TEST_F(SystemAdapterTest, ABoardWithoutIdentityGetsARandomUuid) {
 }
 
 TEST_F(SystemAdapterTest, AnyPartOfTheIdentityMakesTheUuidNameBased) {
-  test::Fake().device = {};
-  std::strcpy(test::Fake().device.mac, "UnknownMAC");
+  const struct {
+    const char* serial;
+    const char* mac;
+    const char* processor;
+    const char* name;
+  } cases[] = {
+      {"SN", "MAC", "CPU", "SNMACCPU"},
+      {"--", "UnknownMAC", "", "--UnknownMAC"},
+      {"", "UnknownMAC", "", "UnknownMAC"},
+      {"", "", "CPU", "CPU"},
+  };
+  DeviceInfo& device = test::Fake().device;
+  for (const auto& test : cases) {
+    SetText(device.serial_number, test.serial);
+    SetText(device.mac, test.mac);
+    SetText(device.processor_serial, test.processor);
+    SystemAdapter adapter = Adapter();
+    ASSERT_TRUE(adapter.Start());
+    EXPECT_EQ(adapter.Uuid(), NameUuid(test.name));
+  }
+  device = {};
   SystemAdapter adapter = Adapter();
   ASSERT_TRUE(adapter.Start());
-  EXPECT_EQ(adapter.Uuid(), NameUuid("UnknownMAC"));
+  EXPECT_EQ(adapter.Uuid(), RandomUuid(5489)) << "nothing to name it by";
 }
 
 TEST(DeviceUuidTest, IsTheFirst16BytesOfSha1WithVersionAndVariant) {

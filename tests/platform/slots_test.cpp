@@ -6,6 +6,8 @@
 #include "hal_interface/platform_init.h"
 #include "platform/fake_registry.h"
 #include "support/log_capture.h"
+#include "support/temp_dir.h"
+#include "virtual_board/identity/block.h"
 
 namespace varnel::platform {
 namespace {
@@ -37,16 +39,20 @@ TEST(StorageSlotTest, CopiesThePathOfATypeWithinTheBuffer) {
   EXPECT_TRUE(log.Has("IMSTO", "Unsupported type"));
 }
 
-TEST(SystemSlotTest, AnswersWithoutTouchingTheBoard) {
+TEST(SystemSlotTest, AnswersWithTheIdentityOfTheDeployment) {
   const test::LogCapture log;
-  ASSERT_EQ(platform_system_init(), 0);
+  const test::TempDir dir;
+  const std::string key(32, 'k');
+  const std::string identity = R"({"SerialNumber":"S1","ProductCode":"P1","PrivateKey":"K1"})";
+  board::WriteIdentityBlock(dir / "id", 7, board::SealedIdentityBlock(identity, key));
+  ASSERT_EQ(platform_system_init({dir / "id", 7, dir.Write("key", key)}), 0);
   const hal_adapter::SystemHalInterface& table = *test::registered.system;
   hal_adapter::DeviceInfo info{};
   EXPECT_EQ(table.get_device_info(nullptr), -2);
   EXPECT_EQ(table.get_device_info(&info), 0);
-  EXPECT_STREQ(info.serial_number, "--");
-  EXPECT_STREQ(info.hardware_version, "Unknown");
-  EXPECT_STREQ(info.mac, "UnknownMAC");
+  EXPECT_STREQ(info.serial_number, "S1");
+  EXPECT_STREQ(info.product_code, "P1");
+  EXPECT_STREQ(info.device_key, "K1");
   EXPECT_EQ(table.check(&info), 0);
   EXPECT_EQ(table.check(nullptr), -2);
   EXPECT_EQ(table.upgrade_firmware(1, "/tmp/x"), -3);

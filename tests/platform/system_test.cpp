@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <string>
 
-#include "platform/platform_data.h"
 #include "platform/upgrade.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
@@ -104,62 +103,6 @@ TEST_F(UpgradeTest, TheScriptFinishesThoughTheDaemonIsKilled) {
     }
   }
   EXPECT_EQ(said, "still\nhere\n");
-}
-
-class PlatformDataTest : public testing::Test {
- protected:
-  PlatformDataTest() {
-    dir_.Write("logs/a.log", "hello");
-    dir_.Write("plain-file", "");
-    dir_.Write("out/old", "");
-    types_ = {{"Collect log platform data",
-               {{dir_ / "missing", "missing.tar.gz"},
-                {dir_ / "plain-file", "file.tar.gz"},
-                {dir_ / "logs", std::string(600, 'x')},
-                {dir_ / "logs", "logs.tar.gz"}},
-               dir_ / "plain-file",
-               ".settings"}};
-    board_.types = &types_;
-  }
-
-  test::LogCapture log_;
-  test::TempDir dir_;
-  std::vector<DataType> types_;
-  DataBoard board_;
-};
-
-TEST_F(PlatformDataTest, OneFailedArchiveDoesNotStopTheOthers) {
-  EXPECT_EQ(collect_platform_data(board_, 0, (dir_ / "out").c_str()), 0);
-  EXPECT_TRUE(log_.Has("IMSYS", "Collect log platform data"));
-  EXPECT_EQ(log_.Count("IMSYS", "The source directory does not exist"), 1u);
-  EXPECT_EQ(log_.Count("IMSYS", "The source path is not a directory"), 1u);
-  EXPECT_EQ(log_.Count("IMSYS", "The target output path too long"), 1u);
-  EXPECT_TRUE(fs::exists(dir_ / "out/logs.tar.gz"));
-  EXPECT_TRUE(fs::exists(dir_ / "out/.settings"));
-  EXPECT_FALSE(fs::exists(dir_ / "out/file.tar.gz"));
-}
-
-TEST_F(PlatformDataTest, ProgramsGetTheirArgumentsAndFailuresAreNamed) {
-  const fs::path calls = dir_ / "calls";
-  board_.tar = dir_.WriteScript("tar", "echo tar $* >>" + calls.string() + "; exit 2");
-  board_.cp = dir_.WriteScript("cp", "echo cp $* >>" + calls.string() + "; exit 1");
-  const std::string out = dir_ / "out";
-  EXPECT_EQ(collect_platform_data(board_, 0, out.c_str()), 0);
-  EXPECT_EQ(test::ReadFile(calls), "tar zhcvf " + out + "/logs.tar.gz -C " +
-                                       (dir_ / "logs").string() + " .\ncp -f " +
-                                       (dir_ / "plain-file").string() + " " + out + "/.settings\n");
-  EXPECT_TRUE(log_.Has("IMSYS", "Collect platform data (logs.tar.gz) failed"));
-  EXPECT_TRUE(log_.Has("IMSYS", "Collect platform data (.settings) failed"));
-}
-
-TEST_F(PlatformDataTest, TypesWithoutDataDoNothing) {
-  board_.types = &board_data_types();
-  const fs::path out = dir_ / "out";
-  for (const uint32_t type : {4u, 5u})
-    EXPECT_EQ(collect_platform_data(board_, type, out.c_str()), 0);
-  EXPECT_TRUE(log_.Has("IMSYS", "Collect statistics platform data (nothing)"));
-  EXPECT_TRUE(log_.Has("IMSYS", "Collect debug platform data (nothing)"));
-  EXPECT_EQ(std::distance(fs::directory_iterator(out), {}), 1);
 }
 
 }  // namespace

@@ -27,9 +27,13 @@ TEST(DeploymentTest, ValuesAreTaken) {
   const TempDir dir;
   const LogCapture log;
   const Deployment deployment = LoadDeployment(dir.Write(
-      "d.json", R"({"min_free_space_mib": 0, "client_write_directories": ["/data", "/mnt/x"]})"));
+      "d.json", R"({"min_free_space_mib": 0, "client_write_directories": ["/data", "/mnt/x"],
+                    "identity": {"device": "/oem/id", "offset": 0, "key_file": "/oem/key"}})"));
   EXPECT_EQ(deployment.min_free_space_mib, 0U);
   EXPECT_THAT(deployment.client_write_directories, testing::ElementsAre("/data", "/mnt/x"));
+  EXPECT_EQ(deployment.identity_device, "/oem/id");
+  EXPECT_EQ(deployment.identity_offset, 0U);
+  EXPECT_EQ(deployment.identity_key_file, "/oem/key");
   EXPECT_EQ(log.Text(), "");
 }
 
@@ -45,6 +49,12 @@ TEST(DeploymentTest, EachMistakeGivesOneWarningAndTheDefault) {
       {R"({"client_write_directories": "/data"})", "client_write_directories must be a list"},
       {R"({"client_write_directories": ["/data", "data"]})", "client_write_directories must be"},
       {R"({"client_write_directories": ["/a\u0000b"]})", "client_write_directories must be"},
+      {R"({"identity": "/dev/mmcblk0"})", "identity must be an object"},
+      {R"({"identity": {"device": ""}})", "identity.device must be an absolute path"},
+      {R"({"identity": {"offset": 1099511627777}})", "identity.offset must be a whole number"},
+      {R"({"identity": {"key_file": "key"}})", "identity.key_file must be an absolute path or"},
+      {R"({"identity": {"key_file": null}})", "identity.key_file must be"},
+      {R"({"identity": {"key": ""}})", "unknown key identity.key"},
       {R"({"min_free\nspace": 1})", R"(unknown key min_free\x0aspace)"},
       {"[]", "is no JSON object"},
       {"{\"min_free_space_mib\": 1", "is no JSON object"},
@@ -58,6 +68,9 @@ TEST(DeploymentTest, EachMistakeGivesOneWarningAndTheDefault) {
     const Deployment deployment = LoadDeployment(dir.Write("d.json", test.content));
     EXPECT_EQ(deployment.min_free_space_mib, 64U);
     EXPECT_TRUE(deployment.client_write_directories.empty());
+    EXPECT_EQ(deployment.identity_device, "/dev/mmcblk0");
+    EXPECT_EQ(deployment.identity_offset, 26'624U);
+    EXPECT_EQ(deployment.identity_key_file, "");
     const std::string text = log.Text();
     EXPECT_THAT(text, HasSubstr(test.warning));
     EXPECT_THAT(text, testing::StartsWith("W [MAIN:"));

@@ -28,7 +28,7 @@ class DeviceInfoServiceTest : public testing::Test {
 TEST_F(DeviceInfoServiceTest, TellsTheIdentityAndKeepsItsSecret) {
   identity_.serial_number = "SN1";
   identity_.product_code = "PC1";
-  identity_.device_key = "the secret";
+  identity_.device_key = utils::SecretString("the secret");
   identity_.mac = "02:00:00:00:00:01";
   identity_.firmware_version = "1.2.3";
   identity_.hardware_version = "V3";

@@ -1,0 +1,12 @@
+#pragma once
+
+#include "virtual_board/launcher/layout.h"
+
+namespace varnel::board {
+
+/// Gives the board what it tells about itself: identity block, version files, hardware version,
+/// address and processor. Only what is missing is made, so a board keeps who it is. Throws
+/// std::runtime_error.
+void WriteIdentityFiles(const Layout& layout);
+
+}  // namespace varnel::board

@@ -1,0 +1,117 @@
+#include "platform/identity_block.h"
+
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "platform/copy_text.h"
+#include "platform/identity_cipher.h"
+#include "platform/read_at.h"
+#include "platform/secret_json.h"
+#include "utils/utf8.h"
+
+namespace varnel::platform {
+namespace {
+
+using hal_adapter::HalStatus;
+using hal_adapter::kHalSuccess;
+using utils::SecretString;
+
+constexpr size_t kBlockSize = 1024;
+constexpr std::string_view kMagic = "\x65\x1E\x8A\xBD";
+constexpr size_t kPayloadStart = kMagic.size() + 1;
+constexpr char kFormatClear = 0;
+constexpr char kFormatSealed = 1;
+/// An erased storage reads as either of them.
+constexpr std::string_view kJsonEnds("\0\xFF", 2);
+
+struct StatusText {
+  HalStatus status;
+  const char* text;
+};
+constexpr StatusText kStatusTexts[] = {
+    {kIdentityReadFailed, "the storage cannot be read"},
+    {kIdentityNoKey, "the block is encrypted and there is no usable key file"},
+    {kIdentityNoMagic, "there is no identity block"},
+    {kIdentityNoJson, "the block holds no JSON object"},
+    {kIdentityNotAuthentic, "the block was changed or encrypted with another key"},
+    {kIdentityNoValue, "there is no usable text of that name"},
+    {kIdentityOtherFormat, "the block's format is not known"},
+};
+
+HalStatus ReadBlock(const IdentityStorage& storage, SecretString& block) {
+  const utils::UniqueFd file = open_for_reading(storage.device);
+  const bool whole = file && read_at(file, block, storage.offset) == ssize_t{kBlockSize};
+  return whole ? kHalSuccess : kIdentityReadFailed;
+}
+
+/// The payload of a sealed block: nonce, ciphertext and tag.
+HalStatus OpenSealed(const std::string& key_file, std::string_view payload, SecretString& json) {
+  const std::optional<SecretString> key =
+      key_file.empty() ? std::nullopt : read_identity_key(key_file);
+  if (!key) return kIdentityNoKey;
+  const std::string_view sealed = payload.substr(kIdentityNonceSize);
+  const size_t text_size = sealed.size() - kIdentityTagSize;
+  std::optional<SecretString> text =
+      open_sealed(*key, payload.substr(0, kIdentityNonceSize), sealed.substr(0, text_size),
+                  sealed.substr(text_size));
+  if (!text) return kIdentityNotAuthentic;
+  json = std::move(*text);
+  return kHalSuccess;
+}
+
+/// The block's JSON with whatever follows it.
+HalStatus ReadJson(const IdentityStorage& storage, SecretString& json) {
+  SecretString block(kBlockSize);
+  if (const HalStatus status = ReadBlock(storage, block); status != kHalSuccess) return status;
+  if (!block.Text().starts_with(kMagic)) return kIdentityNoMagic;
+  const std::string_view payload = block.Text().substr(kPayloadStart);
+  switch (block.Text()[kMagic.size()]) {
+    case kFormatClear:
+      json = SecretString(payload);
+      return kHalSuccess;
+    case kFormatSealed:
+      return OpenSealed(storage.key_file, payload, json);
+    default:
+      return kIdentityOtherFormat;
+  }
+}
+
+/// `text` is valid UTF-8.
+bool IsOneLine(std::string_view text) {
+  while (!text.empty()) {
+    const auto character = utils::FirstCharacter(text);
+    if (!character || !utils::IsHarmless(character->code)) return false;
+    text.remove_prefix(character->bytes);
+  }
+  return true;
+}
+
+}  // namespace
+
+const char* identity_error_string(HalStatus status) {
+  for (const StatusText& entry : kStatusTexts) {
+    if (entry.status == status) return entry.text;
+  }
+  return hal_adapter::hal_error_string(status);
+}
+
+HalStatus read_identity_value(const IdentityStorage* storage, const char* key, char* out,
+                              size_t size) {
+  if (storage == nullptr || key == nullptr || out == nullptr || size == 0) {
+    return kIdentityNullArgument;
+  }
+  SecretString json;
+  if (const HalStatus status = ReadJson(*storage, json); status != kHalSuccess) return status;
+  SecretString value;
+  const std::string_view text = json.Text().substr(0, json.Text().find_first_of(kJsonEnds));
+  const SecretJsonStatus status = read_string_member(text, key, value);
+  if (status == SecretJsonStatus::kInvalid) return kIdentityNoJson;
+  const bool usable =
+      status == SecretJsonStatus::kFound && value.Text().size() < size && IsOneLine(value.Text());
+  if (!usable) return kIdentityNoValue;
+  copy_text(out, size, value.Text());
+  return kHalSuccess;
+}
+
+}  // namespace varnel::platform

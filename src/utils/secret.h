@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string_view>
+#include <type_traits>
+
+namespace varnel::utils {
+
+/// Overwrites the bytes even if nobody reads them afterwards.
+void Wipe(void* bytes, size_t size) noexcept;
+
+/// Text that must not stay behind in memory: its bytes are wiped at the end, and moving leaves no
+/// second copy. Never copied.
+class SecretString {
+ public:
+  SecretString() = default;
+  /// That many zero bytes, to be filled through Data().
+  explicit SecretString(size_t size);
+  explicit SecretString(std::string_view text);
+  SecretString(SecretString&& other) noexcept { Swap(other); }
+  SecretString& operator=(SecretString&& other) noexcept {
+    Swap(other);
+    return *this;
+  }
+  SecretString(const SecretString&) = delete;
+  SecretString& operator=(const SecretString&) = delete;
+  ~SecretString();
+
+  char* Data() { return bytes_.get(); }
+  std::string_view Text() const { return {bytes_.get(), size_}; }
+  /// Gives up what is behind the first `size` bytes.
+  void Shrink(size_t size);
+
+ private:
+  void Swap(SecretString& other) noexcept;
+
+  std::unique_ptr<char[]> bytes_;
+  size_t capacity_ = 0;
+  size_t size_ = 0;
+};
+
+/// Wipes an object of plain bytes at the end of the scope.
+template <class Record>
+class WipeAtEnd {
+  static_assert(std::is_trivially_copyable_v<Record>);
+
+ public:
+  explicit WipeAtEnd(Record& record) : record_(record) {}
+  WipeAtEnd(const WipeAtEnd&) = delete;
+  WipeAtEnd& operator=(const WipeAtEnd&) = delete;
+  ~WipeAtEnd() { Wipe(&record_, sizeof(Record)); }
+
+ private:
+  Record& record_;
+};
+
+}  // namespace varnel::utils

@@ -1,0 +1,154 @@
+#include "platform/identity_block.h"
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+
+#include <string>
+
+#include "support/temp_dir.h"
+#include "virtual_board/identity/block.h"
+
+namespace varnel::platform {
+namespace {
+
+using namespace std::string_literals;
+using board::ClearIdentityBlock;
+using board::SealedIdentityBlock;
+
+const std::string kKey = "0123456789abcdef\0\xFF\n3456789abcdef"s;
+constexpr const char* kIdentity = R"({"SerialNumber":"SN01","ProductCode":"PC9"})";
+
+std::string Changed(std::string block, size_t at, char to) {
+  block.at(at) = to;
+  return block;
+}
+
+class IdentityBlockTest : public testing::Test {
+ protected:
+  IdentityBlockTest() { storage_ = {dir_ / "mmcblk0", 100, dir_ / "key"}; }
+
+  /// The status, or the value after a success.
+  std::string Read(const char* key = "SerialNumber") {
+    char out[64] = "untouched";
+    const int status = read_identity_value(&storage_, key, out, sizeof out);
+    EXPECT_TRUE(status == 0 || out == "untouched"s);
+    return status == 0 ? out : std::to_string(status);
+  }
+  std::string ReadBlock(const std::string& block) {
+    dir_.Write("mmcblk0", std::string(100, '#') + block + "behind");
+    return Read();
+  }
+  std::string ReadJson(const std::string& json) { return ReadBlock(ClearIdentityBlock(json)); }
+  std::string ReadWithKey(const std::string& key_file) {
+    dir_.Write("key", key_file);
+    return Read();
+  }
+
+  test::TempDir dir_;
+  IdentityStorage storage_;
+};
+
+TEST_F(IdentityBlockTest, EachFaultHasItsStatus) {
+  const std::string good = ClearIdentityBlock(kIdentity);
+  EXPECT_EQ(Read(), "-2") << "no storage";
+  EXPECT_EQ(ReadBlock(good), "SN01");
+  EXPECT_EQ(ReadBlock(std::string(1024, '\0')), "-4");
+  for (const size_t at : {0, 1, 2, 3}) EXPECT_EQ(ReadBlock(Changed(good, at, '\0')), "-4");
+  EXPECT_EQ(ReadBlock(Changed(good, 4, 2)), "-8");
+  EXPECT_EQ(ReadBlock(Changed(good, 4, '\xFF')), "-8");
+
+  dir_.Write("mmcblk0", std::string(100, '#') + good.substr(0, 1023));
+  EXPECT_EQ(Read(), "-2") << "cut short";
+  storage_.offset = UINT64_MAX - 3;
+  EXPECT_EQ(Read(), "-2");
+  storage_ = {dir_.Path(), 0, ""};
+  EXPECT_EQ(Read(), "-2") << "a directory";
+  ASSERT_EQ(::mkfifo((dir_ / "fifo").c_str(), 0600), 0);
+  storage_.device = dir_ / "fifo";
+  EXPECT_EQ(Read(), "-2") << "and it does not wait for a writer";
+
+  char out[8];
+  EXPECT_EQ(read_identity_value(nullptr, "k", out, 8), -1);
+  EXPECT_EQ(read_identity_value(&storage_, nullptr, out, 8), -1);
+  EXPECT_EQ(read_identity_value(&storage_, "k", nullptr, 8), -1);
+  EXPECT_EQ(read_identity_value(&storage_, "k", out, 0), -1);
+}
+
+TEST_F(IdentityBlockTest, ReadsTheStringsOfTheJsonObject) {
+  const std::string longest(63, 's');
+  const std::string full = R"({"SerialNumber":"SN01","p":")";
+  const std::pair<std::string, std::string> cases[] = {
+      {R"( {"o" : {"SerialNumber":"inner"}, "SerialNumber" : "S" , "n":[-1.5e3,null,"x"]} )", "S"},
+      {R"({"SerialNumber":"first","SerialNumber":"last"})", "last"},
+      {R"({"Serial\u004Eumber":"S"})", "S"},
+      {R"({"SerialNumber":"\"\\\/A\u00e9\u20AC\uD83D\ude00é"})", "\"\\/Aé€😀é"},
+      {R"({"SerialNumber":""})", ""},
+      {R"({"SerialNumber":")" + longest + "\"}", longest},
+      {R"({"SerialNumber":")" + longest + "s\"}", "-7"},
+      {R"({"SerialNumber":"S"})"
+       "\xFF\xFF{",
+       "S"},
+      {std::string("{\"SerialNumber\":\"S\"}\0{", 22), "S"},
+      {full + std::string(1019 - full.size() - 2, 'x') + "\"}", "SN01"},
+      // no usable text
+      {R"({})", "-7"},
+      {R"({"serialnumber":"S","x":"SerialNumber"})", "-7"},
+      {R"({"SerialNumber":5})", "-7"},
+      {R"({"SerialNumber":null})", "-7"},
+      {R"({"SerialNumber":["S"]})", "-7"},
+      {R"({"SerialNumber":"S","SerialNumber":1})", "-7"},
+      {R"({"SerialNumber":"S\u0000"})", "-7"},
+      {R"({"SerialNumber":"S\n"})", "-7"},
+      {R"({"SerialNumber":"\u202ES"})", "-7"},
+      // no JSON object
+      {"", "-5"},
+      {R"(["SerialNumber"])", "-5"},
+      {R"("SerialNumber")", "-5"},
+      {R"({"SerialNumber":"S")", "-5"},
+      {R"({"SerialNumber":"S)", "-5"},
+      {R"({"SerialNumber":"S\)", "-5"},
+      {R"({"SerialNumber":"S"} x)", "-5"},
+      {R"({"SerialNumber":"S",})", "-5"},
+      {R"({"SerialNumber":"S","x":"\x"})", "-5"},
+      {R"({"SerialNumber":"\u12g4"})", "-5"},
+      {R"({"SerialNumber":"\u-123"})", "-5"},
+      {R"({"SerialNumber":"\uD83D"})", "-5"},
+      {R"({"SerialNumber":"\uD83D\u0041"})", "-5"},
+      {R"({"SerialNumber":"\uDE00"})", "-5"},
+      {"{\"SerialNumber\":\"a\tb\"}", "-5"},
+      {"{\"SerialNumber\":\"\xC3(\"}", "-5"},
+      {"{\"SerialNumber\":\"\xED\xA0\x80\"}", "-5"},
+      {std::string(1019, '['), "-5"},
+      {"{\"SerialNumber\":" + std::string(490, '[') + std::string(490, ']') + "}", "-7"},
+  };
+  for (const auto& [json, outcome] : cases) EXPECT_EQ(ReadJson(json), outcome) << json;
+}
+
+TEST_F(IdentityBlockTest, AnEncryptedBlockOpensWithItsKeyAlone) {
+  const std::string block = SealedIdentityBlock(kIdentity, kKey);
+  EXPECT_EQ(block.find("SN01"), block.npos);
+  EXPECT_EQ(ReadBlock(block), "-3") << "no key file";
+  const std::string hex =
+      "303132333435363738396162636465660"
+      "0FF0A33343536373839616263646566";
+  for (const std::string& key : {kKey, hex, hex + "\n"}) EXPECT_EQ(ReadWithKey(key), "SN01");
+  for (const std::string& key : {""s, kKey.substr(1), kKey + "\n", hex + "\n\n", hex + "00",
+                                 "x" + hex.substr(1), std::string(1 << 20, '0')}) {
+    EXPECT_EQ(ReadWithKey(key), "-3") << key.substr(0, 80);
+  }
+  EXPECT_EQ(ReadWithKey("1" + kKey.substr(1)), "-6") << "another key";
+  dir_.Write("key", kKey);
+  for (const size_t at : {5, 16, 17, 500, 1007, 1008, 1023}) {
+    EXPECT_EQ(ReadBlock(Changed(block, at, static_cast<char>(block[at] ^ 1))), "-6") << at;
+  }
+  EXPECT_EQ(ReadBlock(Changed(block, 4, 0)), "-5") << "ciphertext is not taken for JSON";
+  EXPECT_EQ(ReadBlock(SealedIdentityBlock("no JSON", kKey)), "-5");
+  EXPECT_EQ(ReadBlock(SealedIdentityBlock("{}", kKey)), "-7");
+  storage_.key_file = dir_.Path();
+  EXPECT_EQ(ReadBlock(block), "-3") << "a directory";
+  storage_.key_file = "";
+  EXPECT_EQ(Read(), "-3");
+}
+
+}  // namespace
+}  // namespace varnel::platform

@@ -1,0 +1,162 @@
+#include "platform/platform_data.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace varnel::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+class PlatformDataTest : public testing::Test {
+ protected:
+  PlatformDataTest() {
+    dir_.Write("logs/a.log", "hello");
+    dir_.Write("plain-file", "");
+    dir_.Write("out/old", "");
+    types_ = {{"Collect log platform data",
+               {{dir_ / "missing", "missing.tar.gz"},
+                {dir_ / "plain-file", "file.tar.gz"},
+                {dir_ / "logs", std::string(600, 'x')},
+                {dir_ / "logs", "logs.tar.gz"}},
+               dir_ / "plain-file",
+               ".settings"}};
+    board_.types = &types_;
+  }
+
+  test::LogCapture log_;
+  test::TempDir dir_;
+  std::vector<DataType> types_;
+  DataBoard board_;
+};
+
+TEST_F(PlatformDataTest, OneFailedArchiveDoesNotStopTheOthers) {
+  EXPECT_EQ(collect_platform_data(board_, 0, (dir_ / "out").c_str()), 0);
+  EXPECT_TRUE(log_.Has("IMSYS", "Collect log platform data"));
+  EXPECT_EQ(log_.Count("IMSYS", "The source directory does not exist"), 1u);
+  EXPECT_EQ(log_.Count("IMSYS", "The source path is not a directory"), 1u);
+  EXPECT_EQ(log_.Count("IMSYS", "The target output path too long"), 1u);
+  EXPECT_TRUE(fs::exists(dir_ / "out/logs.tar.gz"));
+  EXPECT_TRUE(fs::exists(dir_ / "out/.settings"));
+  EXPECT_FALSE(fs::exists(dir_ / "out/file.tar.gz"));
+}
+
+TEST_F(PlatformDataTest, ProgramsGetTheirArgumentsAndFailuresAreNamed) {
+  const fs::path calls = dir_ / "calls";
+  board_.tar = dir_.WriteScript("tar", "echo tar $* >>" + calls.string() + "; exit 2");
+  board_.cp = dir_.WriteScript("cp", "echo cp $* >>" + calls.string() + "; exit 1");
+  const std::string out = dir_ / "out";
+  EXPECT_EQ(collect_platform_data(board_, 0, out.c_str()), 0);
+  EXPECT_EQ(test::ReadFile(calls), "tar zhcvf " + out + "/logs.tar.gz -C " +
+                                       (dir_ / "logs").string() + " .\ncp -f " +
+                                       (dir_ / "plain-file").string() + " " + out + "/.settings\n");
+  EXPECT_TRUE(log_.Has("IMSYS", "Collect platform data (logs.tar.gz) failed"));
+  EXPECT_TRUE(log_.Has("IMSYS", "Collect platform data (.settings) failed"));
+}
+
+std::string Listing(const fs::path& archive) {
+  const std::string listing = archive.string() + ".txt";
+  const std::string command = "tar tzf " + archive.string() + " | sort >" + listing;
+  return std::system(command.c_str()) == 0 ? test::ReadFile(listing) : "no archive";
+}
+
+TEST_F(PlatformDataTest, EachTypeOfTheBoardMakesItsArchives) {
+  const struct {
+    const char* announcement;
+    std::vector<std::pair<std::string, std::string>> archives;  ///< directory, name
+  } types[] = {
+      {"Collect diagnostic platform data",
+       {{"userdata/gcodes/calibration_data", "calibration_data.tar.gz"},
+        {"userdata/gcodes/shaper_calibrate", "shaper_calibrate.tar.gz"},
+        {"userdata/gcodes/frequency_data", "frequency_data.tar.gz"}}},
+      {"Collect config platform data",
+       {{"home/ruxo/printer_data/config", "printer_data_config.tar.gz"},
+        {"home/ruxo/printer_data/mqtt", "printer_data_mqtt.tar.gz"},
+        {"home/ruxo/printer_data/klippy", "printer_data_klippy.tar.gz"}}},
+      {"Collect MPT platform data",
+       {{"home/ruxo/printer_data/backup", "mpt.tar.gz"},
+        {"userdata/factory", "userdata_factory.tar.gz"}}},
+      {"Collect coredump platform data", {{"userdata/.coredump", "coredump.tar.gz"}}},
+      {"Collect statistics platform data (nothing)", {}},
+      {"Collect debug platform data (nothing)", {}},
+      {"Collect log platform data",
+       {{"var/log", "var_log.tar.gz"},
+        {"home/ruxo/printer_data/logs", "printer_data_logs.tar.gz"},
+        {"home/ruxo/printer_data/ota", "ota_logs.tar.gz"},
+        {"home/ruxo/printer_data/collection", "collection_logs.tar.gz"}}},
+  };
+  types_ = board_data_types();
+  for (DataType& type : types_) {
+    for (DataArchive& archive : type.archives) archive.source.insert(0, dir_.Path());
+    if (!type.file.empty()) type.file.insert(0, dir_.Path());
+  }
+  dir_.Write("home/ruxo/printer_data/.fluidd", "settings");
+  for (uint32_t number = 0; number < std::size(types); ++number) {
+    const auto& type = types[number];
+    const fs::path out = dir_ / ("out" + std::to_string(number));
+    fs::create_directory(out);
+    for (const auto& [source, name] : type.archives)
+      dir_.Write((fs::path(source) / ("of-" + name)).string(), "");
+    EXPECT_EQ(collect_platform_data(board_, number, out.c_str()), 0);
+    EXPECT_TRUE(log_.Has("IMSYS", type.announcement));
+    const auto made = std::distance(fs::directory_iterator(out), {});
+    EXPECT_EQ(static_cast<size_t>(made), type.archives.size() + (number == 1 ? 1 : 0)) << number;
+    for (const auto& [source, name] : type.archives) {
+      EXPECT_EQ(Listing(out / name), "./\n./of-" + name + "\n");
+    }
+  }
+  EXPECT_EQ(test::ReadFile(dir_ / "out1/.fluidd"), "settings");
+}
+
+TEST_F(PlatformDataTest, LinksAreFollowed) {
+  dir_.Write("elsewhere/b.log", "b");
+  fs::create_directory_symlink(dir_ / "elsewhere", dir_ / "logs/linked");
+  fs::create_directory_symlink(dir_ / "logs", dir_ / "link-to-logs");
+  types_ = {{"", {{dir_ / "link-to-logs", "logs.tar.gz"}}}};
+  EXPECT_EQ(collect_platform_data(board_, 0, (dir_ / "out").c_str()), 0);
+  EXPECT_EQ(Listing(dir_ / "out/logs.tar.gz"), "./\n./a.log\n./linked/\n./linked/b.log\n");
+}
+
+TEST_F(PlatformDataTest, APathOf511CharactersIsTheLongest) {
+  board_.tar = dir_.WriteScript("tar", "exit 2");
+  const std::string out = (dir_ / "out").string();
+  const std::string longest(511 - out.size() - 1, 'x');
+  types_ = {{"", {{dir_ / "logs", longest}, {dir_ / "logs", longest + "x"}}}};
+  EXPECT_EQ(collect_platform_data(board_, 0, out.c_str()), 0);
+  EXPECT_EQ(log_.Count("IMSYS", "Collect platform data (" + longest + ") failed"), 1U);
+  EXPECT_EQ(log_.Count("IMSYS", "The target output path too long"), 1U);
+}
+
+TEST_F(PlatformDataTest, AnUnreadableFileFailsItsArchiveAndKeepsTheRest) {
+  fs::permissions(dir_.Path(), fs::perms(0755));
+  fs::permissions(dir_ / "out", fs::perms(0777));
+  fs::permissions(dir_.Write("logs/secret.log", "x"), fs::perms::none);
+  types_ = {{"", {{dir_ / "logs", "logs.tar.gz"}, {dir_ / "out", "other.tar.gz"}}}};
+  // Root may read everything, so an ordinary user does this.
+  const pid_t user = ::fork();
+  if (user == 0) {
+    constexpr uid_t kNobody = 65534;
+    if (::getuid() == 0 && ::setresuid(kNobody, kNobody, kNobody) != 0) ::_exit(1);
+    const int status = collect_platform_data(board_, 0, (dir_ / "out").c_str());
+    const bool told = log_.Has("IMSYS", "Collect platform data (logs.tar.gz) failed");
+    ::_exit(status == 0 && told ? 0 : 2);
+  }
+  int end = -1;
+  ::waitpid(user, &end, 0);
+  EXPECT_EQ(end, 0);
+  EXPECT_EQ(Listing(dir_ / "out/logs.tar.gz"), "./\n./a.log\n");
+  EXPECT_TRUE(fs::exists(dir_ / "out/other.tar.gz"));
+}
+
+}  // namespace
+}  // namespace varnel::platform
