@@ -37,7 +37,8 @@ struct Boards {
   ServedBoard usb{With(CameraKind::kUsb)};
   ServedBoard narrow{
       With(CameraKind::kMipi),
-      R"({"min_free_space_mib": 1, "client_write_directories": ["/userdata/allowed", "/mnt"]})"};
+      WithDeployment(
+          R"({"min_free_space_mib": 1, "client_write_directories": ["/userdata/allowed", "/mnt"]})")};
 };
 
 class CameraPhotoTest : public testing::Test {

@@ -1,14 +1,17 @@
 // Every example of the contract, run against the daemon.
 #include <gmock/gmock.h>
 
+#include <fstream>
 #include <map>
 
 #include "board/daemon_talk.h"
 #include "board/served_board.h"
+#include "virtual_board/identity/block.h"
 
 namespace varnel::board {
 namespace {
 
+namespace fs = std::filesystem;
 using nlohmann::json;
 using testing::IsEmpty;
 
@@ -19,8 +22,21 @@ void Arrange(const Board& board, const std::string& given) {
   board.SetCameraFaults(faults.at(given));
 }
 
+/// The printer whose identity the contract shows.
+void BecomeTheExample(const Board& board) {
+  WriteIdentityBlock(
+      board.Paths().Dev() / "mmcblk0", kIdentityOffset,
+      ClearIdentityBlock(R"({"SerialNumber":"VB2611000001","ProductCode":"VBOARD"})"));
+  const fs::path interface = board.Paths().Sys() / "class/net/wlan0/address";
+  const fs::path voltage = board.Paths().Sys() / "bus/iio/devices/iio:device0/in_voltage2_raw";
+  std::ofstream(interface) << "02:00:00:00:00:01\n";
+  std::ofstream(voltage) << "128\n";
+  std::ofstream(board.Paths().Etc() / "VERSION") << "1.0.0\n";
+  std::ofstream(board.Paths().Etc() / "FULLVERSION") << "1.0.0.20261101\n";
+}
+
 TEST(ContractExamplesTest, TheDaemonAnswersEachExampleAsWritten) {
-  ServedBoard served(DaemonOptions());
+  ServedBoard served(DaemonOptions(), BecomeTheExample);
   ASSERT_TRUE(served.rpc.AwaitDaemon());
   for (const auto& example : DaemonContract().Examples()) {
     if (example.request_topic.empty()) continue;  // a notification

@@ -11,11 +11,15 @@ namespace varnel::board {
 
 using nlohmann::json;
 
-ServedBoard::ServedBoard(BootOptions options, const std::string& deployment)
+ServedBoard::Preparation WithDeployment(const std::string& settings) {
+  return [settings](const Board& board) {
+    std::ofstream(board.HostPath("/etc/varnel/deployment.json")) << settings;
+  };
+}
+
+ServedBoard::ServedBoard(BootOptions options, const Preparation& prepare)
     : board(std::move(options)), rpc(board) {
-  if (!deployment.empty()) {
-    std::ofstream(board.HostPath("/etc/varnel/deployment.json")) << deployment;
-  }
+  if (prepare) prepare(board);
   if (!board.StartDaemon()) throw std::runtime_error("the daemon does not start");
 }
 
@@ -30,6 +34,11 @@ json ServedBoard::PostPhoto(const std::string& path) {
 
 std::string ServedBoard::File(const std::string& inside) const {
   return ReadFile(board.HostPath(inside));
+}
+
+void ServedBoard::Restart() {
+  (void)StopAndReadLog();
+  if (!board.StartDaemon() || !rpc.AwaitDaemon()) throw std::runtime_error("no restart");
 }
 
 std::string ServedBoard::StopAndReadLog() {
