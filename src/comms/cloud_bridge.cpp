@@ -28,7 +28,8 @@ class CloudPublisher : public ForwardDestination {
 /// Publishes the answer to one cloud request.
 class CloudAnswer : public ForwardDestination {
  public:
-  CloudAnswer(std::shared_ptr<ClientMqttBase> cloud, std::string method, const Json& response)
+  CloudAnswer(std::shared_ptr<ClientMqttBase> cloud, const std::string& method,
+              const Json& response)
       : cloud_(std::move(cloud)),
         method_(utils::LogText(method)),
         id_(utils::LogText(Serialize(response["id"]))),

@@ -50,7 +50,7 @@ CommsStatus JsonRpcServer::RegisterMethod(const std::string& method, RpcHandler 
   if (method.empty() || !handler) return CommsStatus::kInvalidArgument;
   {
     std::lock_guard lock(methods_mutex_);
-    if (!methods_.try_emplace(method, std::move(handler)).second) {
+    if (!methods_.emplace(method, std::move(handler)).second) {
       VLOG_ERROR(kTag, "Callback of method {} has been registered", method);
       return CommsStatus::kFailure;
     }
@@ -129,7 +129,7 @@ void JsonRpcServer::Serve(Json message, const std::string& topic, size_t bytes) 
       [this, topic](const Json& response) { SendResponse(response, topic); }, bytes);
 }
 
-void JsonRpcServer::InvokeMethod(const std::string& method, Json request, Reply reply,
+void JsonRpcServer::InvokeMethod(const std::string& method, Json request, const Reply& reply,
                                  size_t bytes) {
   Dispatch(method, std::move(request), reply, bytes);
 }

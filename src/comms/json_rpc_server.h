@@ -46,7 +46,7 @@ class JsonRpcServer : public JsonRpcBase {
   /// Runs a method for a caller that is not on MQTT. `reply` gets the response envelope on a worker
   /// thread (or on the caller's when the method is unknown or the server is busy), and nothing for
   /// a request without "id". `bytes` is the size of the request on the wire.
-  void InvokeMethod(const std::string& method, Json request, Reply reply, size_t bytes = 0);
+  void InvokeMethod(const std::string& method, Json request, const Reply& reply, size_t bytes = 0);
 
  private:
   void OnPayload(const std::string& payload, const std::string& topic);
