@@ -70,6 +70,7 @@ hal_adapter::AreaInit SystemInitOf(const utils::Deployment& deployment) {
   settings.identity_device = deployment.identity_device;
   settings.identity_offset = deployment.identity_offset;
   settings.identity_key_file = deployment.identity_key_file;
+  settings.has_space = SpaceCheckOf(deployment);
   return [settings] { return platform::platform_system_init(settings); };
 }
 

@@ -8,6 +8,7 @@
 
 #include "hal_adapter/device_uuid.h"
 #include "utils/atomic_file.h"
+#include "utils/log_text.h"
 
 namespace varnel::hal_adapter {
 namespace {
@@ -76,7 +77,7 @@ bool SystemAdapter::Start() {
   VLOG_INFO(kTag, "Product is {}:{}", identity_.product_code, identity_.serial_number);
   uuid_ = MakeUuid();
   VLOG_INFO(kTag, "UUID is {}", uuid_);
-  VLOG_INFO(kTag, "Firmware version is {}", identity_.firmware_version);
+  VLOG_INFO(kTag, "Firmware version is {}", utils::LogText(identity_.firmware_version));
   return known;
 }
 

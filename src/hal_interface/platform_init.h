@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
+#include <functional>
 #include <string>
 
 #include "hal_interface/hal_status.h"
@@ -16,6 +18,8 @@ struct SystemSettings {
   uint64_t identity_offset = 26'624;
   /// The key of an encrypted block; empty: there is none.
   std::string identity_key_file;
+  /// Whether there is room for an archive; says so in the log when there is none.
+  std::function<bool(const std::filesystem::path& file)> has_space = {};
 };
 
 hal_adapter::HalStatus platform_ai_init();

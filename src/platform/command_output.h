@@ -11,7 +11,8 @@ namespace varnel::platform {
 struct CommandOutput {
   /// The program's exit code as SafeExec gives it; -1 as well when it could not be started.
   hal_adapter::HalStatus status = hal_adapter::kHalFailure;
-  std::string text;  ///< the start of its standard output
+  std::string text;     ///< the start of its standard output
+  std::string problem;  ///< the start of its standard error
 };
 
 /// Runs the command; what goes wrong with it ends up in the status.

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
 #include <string_view>
 
 namespace varnel::platform {
@@ -10,7 +9,7 @@ namespace varnel::platform {
 /// Copies what fits into `size` bytes, the terminating NUL included; `size` is not 0.
 inline void copy_text(char* out, size_t size, std::string_view text) {
   const size_t length = std::min(text.size(), size - 1);
-  std::memcpy(out, text.data(), length);
+  std::copy_n(text.begin(), length, out);
   out[length] = '\0';
 }
 

@@ -8,7 +8,6 @@
 #include "platform/identity_cipher.h"
 #include "platform/read_at.h"
 #include "platform/secret_json.h"
-#include "utils/utf8.h"
 
 namespace varnel::platform {
 namespace {
@@ -77,16 +76,6 @@ HalStatus ReadJson(const IdentityStorage& storage, SecretString& json) {
   }
 }
 
-/// `text` is valid UTF-8.
-bool IsOneLine(std::string_view text) {
-  while (!text.empty()) {
-    const auto character = utils::FirstCharacter(text);
-    if (!character || !utils::IsHarmless(character->code)) return false;
-    text.remove_prefix(character->bytes);
-  }
-  return true;
-}
-
 }  // namespace
 
 const char* identity_error_string(HalStatus status) {
@@ -107,8 +96,8 @@ HalStatus read_identity_value(const IdentityStorage* storage, const char* key, c
   const std::string_view text = json.Text().substr(0, json.Text().find_first_of(kJsonEnds));
   const SecretJsonStatus status = read_string_member(text, key, value);
   if (status == SecretJsonStatus::kInvalid) return kIdentityNoJson;
-  const bool usable =
-      status == SecretJsonStatus::kFound && value.Text().size() < size && IsOneLine(value.Text());
+  const bool usable = status == SecretJsonStatus::kFound && value.Text().size() < size &&
+                      value.Text().find('\0') == std::string_view::npos;
   if (!usable) return kIdentityNoValue;
   copy_text(out, size, value.Text());
   return kHalSuccess;

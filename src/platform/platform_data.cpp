@@ -4,6 +4,7 @@
 
 #include "platform/command_output.h"
 #include "utils/log_printf.h"
+#include "utils/log_text.h"
 
 namespace varnel::platform {
 namespace {
@@ -14,10 +15,22 @@ namespace fs = std::filesystem;
 constexpr const char* kTag = "IMSYS";
 constexpr size_t kPathLimit = 511;
 constexpr uint32_t kCommandLimitMs = 10 * 60'000;
-constexpr size_t kOutputLimit = 0;
+/// Of what tar says; its list of members is of no use.
+constexpr size_t kOutputLimit = 512;
+/// tar's exit status when a file changed while it was read, as logs do: the archive is good.
+constexpr HalStatus kFilesChanged = 1;
 
-bool Run(utils::SafeExec& command) {
-  return run_command(command.SetTimeout(kCommandLimitMs), kOutputLimit).status == 0;
+/// A program that was killed has not finished what it wrote.
+bool WasKilled(HalStatus status) {
+  return status < 0 || status > 128;
+}
+
+HalStatus Run(utils::SafeExec& command) {
+  const CommandOutput output = run_command(command.SetTimeout(kCommandLimitMs), kOutputLimit);
+  if (output.status != 0 && !output.problem.empty()) {
+    PLOG_WARN(kTag, "%s", utils::LogText(output.problem, kOutputLimit).c_str());
+  }
+  return output.status;
 }
 
 bool IsArchivable(const std::string& source) {
@@ -34,16 +47,24 @@ bool IsArchivable(const std::string& source) {
   return true;
 }
 
-void Archive(const std::string& tar, const DataArchive& archive, const std::string& out_dir) {
+void Archive(const DataBoard& board, const DataArchive& archive, const std::string& out_dir) {
   const std::string target = out_dir + "/" + archive.name;
   if (target.size() > kPathLimit) {
     PLOG_ERROR(kTag, "The target output path too long");
     return;
   }
   if (!IsArchivable(archive.source)) return;
-  utils::SafeExec command(tar);
-  command.AddArg("zhcvf").AddArg(target).AddArg("-C").AddArg(archive.source).AddArg(".");
-  if (!Run(command)) PLOG_ERROR(kTag, "Collect platform data (%s) failed", archive.name.c_str());
+  HalStatus status = hal_adapter::kHalFailure;
+  if (!board.has_space || board.has_space(target)) {
+    utils::SafeExec command(board.tar);
+    command.AddArg("zhcvf").AddArg(target).AddArg("-C").AddArg(archive.source).AddArg(".");
+    status = Run(command);
+    std::error_code ignored;
+    if (WasKilled(status)) fs::remove(target, ignored);
+  }
+  if (status != 0 && status != kFilesChanged) {
+    PLOG_ERROR(kTag, "Collect platform data (%s) failed", archive.name.c_str());
+  }
 }
 
 void CopyFile(const std::string& cp, const DataType& data, const std::string& out_dir) {
@@ -51,7 +72,9 @@ void CopyFile(const std::string& cp, const DataType& data, const std::string& ou
   if (data.file.empty() || !fs::is_regular_file(data.file, error)) return;
   utils::SafeExec command(cp);
   command.AddArg("-f").AddArg(data.file).AddArg(out_dir + "/" + data.file_name);
-  if (!Run(command)) PLOG_ERROR(kTag, "Collect platform data (%s) failed", data.file_name.c_str());
+  if (Run(command) != 0) {
+    PLOG_ERROR(kTag, "Collect platform data (%s) failed", data.file_name.c_str());
+  }
 }
 
 }  // namespace
@@ -91,7 +114,7 @@ HalStatus collect_platform_data(const DataBoard& board, uint32_t type, const cha
   }
   const DataType& data = (*board.types)[type];
   PLOG_INFO(kTag, "%s", data.announcement);
-  for (const DataArchive& archive : data.archives) Archive(board.tar, archive, out_dir);
+  for (const DataArchive& archive : data.archives) Archive(board, archive, out_dir);
   CopyFile(board.cp, data, out_dir);
   return hal_adapter::kHalSuccess;
 }

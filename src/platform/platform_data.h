@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -29,6 +31,8 @@ struct DataBoard {
   std::string tar = "/usr/bin/tar";
   std::string cp = "/usr/bin/cp";
   const std::vector<DataType>* types = &board_data_types();
+  /// Whether there is room for a file; says so in the log when there is none.
+  std::function<bool(const std::filesystem::path& file)> has_space = {};
 };
 
 /// Archives the data of one type into `out_dir`. 0 even when archives failed; -3 for an unknown

@@ -15,13 +15,17 @@ constexpr const char* kTag = "IMSYS";
 constexpr const char* kUnknownHardware = "Unknown";
 
 /// Written at the initialisation, before anybody can call a slot.
-SystemInfoBoard& InfoBoard() {
-  static SystemInfoBoard board;
-  return board;
+struct System {
+  SystemInfoBoard info;
+  DataBoard data;
+};
+System& TheSystem() {
+  static System system;
+  return system;
 }
 
 HalStatus GetDeviceInfo(hal_adapter::DeviceInfo* info) {
-  return get_device_info(InfoBoard(), kUnknownHardware, info);
+  return get_device_info(TheSystem().info, kUnknownHardware, info);
 }
 
 HalStatus Check(const void* pointer) {
@@ -33,7 +37,7 @@ HalStatus UpgradeFirmware(uint32_t target, const char* package) {
 }
 
 HalStatus CollectPlatformData(uint32_t type, const char* out_dir) {
-  return collect_platform_data({}, type, out_dir);
+  return collect_platform_data(TheSystem().data, type, out_dir);
 }
 
 /// The caller reboots.
@@ -49,13 +53,23 @@ HalStatus Reserved() {
 constexpr hal_adapter::SystemHalInterface kTable = {
     GetDeviceInfo, Check, UpgradeFirmware, CollectPlatformData, PrepareReboot, Reserved};
 
+/// The board lives without it.
+void StartUsbMonitor() {
+  try {
+    USBMonitor::Start();
+  } catch (const std::exception& error) {
+    PLOG_ERROR(kTag, "The watch for USB drives does not start: %s", error.what());
+  }
+}
+
 }  // namespace
 
 HalStatus platform_system_init(const SystemSettings& settings) {
-  InfoBoard().identity = {settings.identity_device, settings.identity_offset,
-                          settings.identity_key_file};
+  TheSystem().data.has_space = settings.has_space;
+  TheSystem().info.identity = {settings.identity_device, settings.identity_offset,
+                               settings.identity_key_file};
   hal_adapter::register_system_hal(&kTable);
-  USBMonitor::Start();
+  StartUsbMonitor();
   return hal_adapter::kHalSuccess;
 }
 

@@ -10,6 +10,7 @@
 #include "platform/copy_text.h"
 #include "utils/atomic_file.h"
 #include "utils/log_printf.h"
+#include "utils/utf8.h"
 
 namespace varnel::platform {
 namespace {
@@ -58,11 +59,27 @@ HalStatus ReadKey(const SystemInfoBoard& board, const char* key, char (&field)[S
   return status;
 }
 
+/// `text` is valid UTF-8.
+bool IsOneLine(std::string_view text) {
+  while (!text.empty()) {
+    const auto character = utils::FirstCharacter(text);
+    if (!character || !utils::IsHarmless(character->code)) return false;
+    text.remove_prefix(character->bytes);
+  }
+  return true;
+}
+
+/// What goes into one-line files and topics; a board whose name is empty has none.
+bool IsName(std::string_view text) {
+  return !text.empty() && IsOneLine(text);
+}
+
 template <size_t Size>
 void ReadName(const SystemInfoBoard& board, const char* key, const char* failure,
               char (&field)[Size]) {
-  const HalStatus status = ReadKey(board, key, field);
-  if (status == kHalSuccess) return;
+  HalStatus status = ReadKey(board, key, field);
+  if (status == kHalSuccess && IsName(field)) return;
+  if (status == kHalSuccess) status = kIdentityNoValue;
   PLOG_WARN(kTag, "%s", failure);
   LogWhy(key, status);
   copy_text(field, kUnreadable);

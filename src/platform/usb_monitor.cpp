@@ -158,7 +158,8 @@ std::optional<std::string> USBMonitor::AwaitMount(const std::string& node) {
     const auto mounts = utils::ReadSmallFile(board_.mounts, kMountTableLimit);
     auto directory = mount_directory_of(node, mounts.value_or(""));
     if (directory) {
-      PLOG_INFO(kTag, "The device has been mounted to %s", utils::LogText(*directory).c_str());
+      PLOG_INFO(kTag, "The device has been mounted to %s",
+                utils::LogText(*directory, sizeof hal_adapter::HalEventRecord::payload).c_str());
       return directory;
     }
     Pause(board_.mount_pause);

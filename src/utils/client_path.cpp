@@ -59,8 +59,8 @@ bool IsWithinAny(const fs::path& path, const std::vector<fs::path>& directories,
                  NameMatch matches = SameName) {
   return std::any_of(directories.begin(), directories.end(), [&](const fs::path& directory) {
     std::error_code error;
-    const fs::path real = fs::canonical(directory, error);
-    return IsWithin(path, directory, matches) || (!error && IsWithin(path, real, SameName));
+    const fs::path real = fs::weakly_canonical(directory, error);
+    return IsWithin(path, directory, matches) || (!error && IsWithin(path, real, matches));
   });
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <memory>
 #include <string_view>
 #include <type_traits>
 
@@ -10,8 +9,8 @@ namespace varnel::utils {
 /// Overwrites the bytes even if nobody reads them afterwards.
 void Wipe(void* bytes, size_t size) noexcept;
 
-/// Text that must not stay behind in memory: its bytes are wiped at the end, and moving leaves no
-/// second copy. Never copied.
+/// Text that must not stay behind in memory: its bytes are wiped at the end, moving leaves no
+/// second copy, and a core dump does not contain them. Never copied. Costs at least a page.
 class SecretString {
  public:
   SecretString() = default;
@@ -27,15 +26,15 @@ class SecretString {
   SecretString& operator=(const SecretString&) = delete;
   ~SecretString();
 
-  char* Data() { return bytes_.get(); }
-  std::string_view Text() const { return {bytes_.get(), size_}; }
+  char* Data() { return bytes_; }
+  std::string_view Text() const { return {bytes_, size_}; }
   /// Gives up what is behind the first `size` bytes.
   void Shrink(size_t size);
 
  private:
   void Swap(SecretString& other) noexcept;
 
-  std::unique_ptr<char[]> bytes_;
+  char* bytes_ = nullptr;  ///< pages of its own
   size_t capacity_ = 0;
   size_t size_ = 0;
 };

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <fstream>
+#include <regex>
 
 #include "board/daemon_talk.h"
 #include "board/served_board.h"
@@ -14,12 +15,16 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::Not;
 
 constexpr const char* kSecret = "c2VjcmV0IGRldmljZSBrZXk=";
+/// SHA-1 of "--UnknownMAC" as `printf -- --UnknownMAC | sha1sum` gives it, with the marks of
+/// version 5.
+constexpr const char* kNamelessUuid = "57c69e11-8e16-5734-be11-a35fb15512fc";
 const std::string kKey(32, '\x5A');
 
 std::string Payload(const std::string& serial) {
@@ -65,6 +70,24 @@ void Nameless(const Board& board) {
   Put(board.Paths().Proc() / "cpuinfo", "processor\t: 0\n");
 }
 
+void ChangeEverySource(const Board& board) {
+  WithDeployment(R"({"identity": {"device": "/oem/storage", "offset": 7}})")(board);
+  EXPECT_EQ(
+      board.Shell("varnel-identity --serial SN-MOVED --product PC8 --offset 7 /oem/storage").status,
+      0);
+  Put(Voltage(board), "60\n");
+  Put(Address(board), "0a:00:00:00:00:ff\n");
+  Put(board.Paths().Etc() / "VERSION", "3\n");
+  Put(board.Paths().Etc() / "FULLVERSION", "3.0\n");
+  Put(board.Paths().Proc() / "cpuinfo", "Serial\t\t: beef\n");
+}
+
+/// The form of a name-based identifier: version 5.
+std::string UuidLine(const std::string& log) {
+  std::smatch line;
+  return std::regex_search(log, line, std::regex("UUID is (.*)\n")) ? line[1].str() : "";
+}
+
 json Asked(ServedBoard& served) {
   return served.rpc.Call("system.get_device_info", json::object(), "system/request")["result"];
 }
@@ -84,7 +107,9 @@ class DeviceIdentityTest : public testing::Test {
   void TearDown() override {
     for (ServedBoard* served : {&clear_, &sealed_, &foreign_, &nameless_}) {
       EXPECT_THAT(served->rpc.Problems(), IsEmpty());
-      EXPECT_THAT(served->StopAndReadLog(), Not(HasSubstr(kSecret)));
+      const std::string log = served->StopAndReadLog();
+      EXPECT_THAT(log, Not(HasSubstr(kSecret)));
+      EXPECT_THAT(UuidLine(log), MatchesRegex("[0-9a-f]{8}-[0-9a-f]{4}-5[0-9a-f-]{21}"));
       EXPECT_EQ(
           served->board
               .Shell("grep -rlF '" + std::string(kSecret) + "' /tmp /home /userdata /var/log /run")
@@ -113,16 +138,21 @@ TEST_F(DeviceIdentityTest, AnswersAndFilesFollowEverySource) {
   EXPECT_EQ(Asked(nameless_), nobody);
   EXPECT_EQ(Published(nameless_), "--\n--\n\n\n");
   EXPECT_EQ(Asked(foreign_)["serial_number"], "--") << "another key: never garbage";
+  EXPECT_THAT(Published(foreign_), HasSubstr("--\n--\n"));
+  EXPECT_THAT(nameless_.StopAndReadLog(),
+              AllOf(HasSubstr("Unknown serial number"), HasSubstr("Unknown product code"),
+                    HasSubstr("Get MY failed, retry"), HasSubstr("Get hardware version failed")));
+  EXPECT_EQ(UuidLine(nameless_.board.DaemonLog()), kNamelessUuid);
+  ASSERT_TRUE(nameless_.board.StartDaemon());
+  ASSERT_TRUE(nameless_.rpc.AwaitDaemon());
 
-  // The next start sees what has changed meanwhile, here a storage that the maker moved.
-  WithDeployment(R"({"identity": {"device": "/oem/storage", "offset": 7}})")(clear_.board);
-  WriteIdentityBlock(clear_.board.HostPath("/oem") / "storage", 7,
-                     ClearIdentityBlock(Payload("SN-MOVED")));
-  Put(Voltage(clear_.board), "60\n");
+  // The next start sees what has changed meanwhile, here in a storage that the maker moved.
+  ChangeEverySource(clear_.board);
   clear_.Restart();
-  EXPECT_EQ(Asked(clear_)["serial_number"], "SN-MOVED");
-  EXPECT_EQ(Asked(clear_)["hwver"], "Unknown");
-  EXPECT_EQ(clear_.File("/tmp/.serial_number"), "SN-MOVED\n");
+  EXPECT_EQ(Asked(clear_), json::parse(R"({"state": "success", "serial_number": "SN-MOVED",
+      "product_code": "PC8", "version": "3", "fullversion": "3.0", "hwver": "Unknown",
+      "mac_address": "0A:00:00:00:00:FF"})"));
+  EXPECT_EQ(Published(clear_), "SN-MOVED\nPC8\n3\n3.0\n");
   EXPECT_THAT(clear_.File("/home/ruxo/printer_data/varnel/last_recorded_date"),
               MatchesRegex("[0-9]{14}"));
 }
@@ -130,10 +160,11 @@ TEST_F(DeviceIdentityTest, AnswersAndFilesFollowEverySource) {
 /// What the drive's event does in the daemon: clients may have files written to it.
 TEST_F(DeviceIdentityTest, AnInsertedDriveIsOpenToClientsUntilItIsPulledOut) {
   const Board& board = clear_.board;
-  const std::string photo = "/run/drive/photo.jpg";
-  EXPECT_EQ(board.Shell("mkdir -p /run/drive").status, 0);
+  const std::string photo = "/run/my drive/photo.jpg";
+  EXPECT_EQ(board.Shell("mkdir -p '/run/my drive'").status, 0);
   EXPECT_EQ(clear_.Photo(photo), Error(-32600, "Invalid Request"));
-  EXPECT_EQ(board.Exec({"varnel-usb", "plug", "--mount", "/run/drive", "--size", "100"}).status, 0);
+  EXPECT_EQ(board.Exec({"varnel-usb", "plug", "--mount", "/run/my drive", "--size", "100"}).status,
+            0);
   EXPECT_TRUE(Await(std::chrono::seconds(15), [&] { return clear_.Photo(photo) == Success(); }));
   EXPECT_EQ(board.Exec({"test", "-s", photo}).status, 0);
   EXPECT_EQ(board.Exec({"varnel-usb", "unplug"}).status, 0);

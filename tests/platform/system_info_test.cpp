@@ -98,6 +98,43 @@ TEST_F(SystemInfoTest, EachKeyOfTheBlockFailsAlone) {
   EXPECT_EQ(clock_.Elapsed(), std::chrono::milliseconds(0));
 }
 
+TEST_F(SystemInfoTest, NamesAreOneLineOfText) {
+  WriteIdentity(R"({"SerialNumber":"","ProductCode":"P\n","PrivateKey":"the-secret\n"})");
+  const DeviceInfo info = Read();
+  EXPECT_STREQ(info.serial_number, "--");
+  EXPECT_STREQ(info.product_code, "--");
+  EXPECT_STREQ(info.device_key, "the-secret\n");
+  WriteIdentity(R"({"SerialNumber":"\u202ES"})");
+  EXPECT_STREQ(Read().serial_number, "--");
+}
+
+TEST_F(SystemInfoTest, WhyTheBlockIsOfNoUseIsTold) {
+  const std::pair<std::string, const char*> blocks[] = {
+      {"short", "the storage cannot be read"},
+      {std::string(1024, '\0'), "there is no identity block"},
+      {board::ClearIdentityBlock("{"), "the block holds no JSON object"},
+      {board::ClearIdentityBlock("{}"), "there is no usable text of that name"},
+      {"\x65\x1E\x8A\xBD\x02" + std::string(1019, ' '), "the block's format is not known"},
+      {board::SealedIdentityBlock("{}", std::string(32, 'k')),
+       "the block is encrypted and there is no usable key file"},
+  };
+  for (const auto& [block, reason] : blocks) {
+    dir_.Write("mmcblk0", block);
+    const DeviceInfo info = Read();
+    EXPECT_STREQ(info.serial_number, "--");
+    EXPECT_STREQ(info.device_key, "--");
+    for (const char* key : {"SerialNumber", "ProductCode", "PrivateKey"}) {
+      const std::string line = std::string(key) + " of the identity block: " + reason;
+      EXPECT_TRUE(log_.Has("IMSYS", line)) << line;
+    }
+  }
+  board_.identity.key_file = dir_.Write("key", std::string(32, 'x'));
+  EXPECT_STREQ(Read().product_code, "--");
+  EXPECT_TRUE(log_.Has("IMSYS",
+                       "ProductCode of the identity block: the block was changed or encrypted with "
+                       "another key"));
+}
+
 TEST_F(SystemInfoTest, TheDeviceKeyIsReadAnewAfterEachPause) {
   int pauses = 0;
   clock_.on_pause = [&] {

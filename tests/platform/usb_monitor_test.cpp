@@ -233,7 +233,7 @@ TEST_F(UsbMonitorTest, GoesOnAfterAnOverflow) {
 TEST_F(UsbMonitorTest, WorksWithDescriptorsBeyondTheFirst1024) {
   rlimit limit{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-  ASSERT_GE(limit.rlim_max, 1200u);
+  if (limit.rlim_max < 1200u) GTEST_SKIP() << "no room for that many descriptors";
   const rlimit wide{std::max<rlim_t>(limit.rlim_cur, 1200), limit.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &wide), 0);
   std::vector<utils::UniqueFd> taken;

@@ -26,7 +26,8 @@ class ClientPathTest : public testing::Test {
     fs::create_symlink(dir_ / "secret/key", dir_ / "data/link_to_key");
     rules_.forbidden.push_back(dir_ / "secret");
     rules_.forbidden.push_back(dir_ / "lib*");
-    rules_.own_state = {dir_ / "state_link", dir_ / "data/.version"};
+    rules_.own_state = {dir_ / "state_link", dir_ / "data/.version", dir_ / "data/to_data/later"};
+    rules_.forbidden.push_back(dir_ / "data/to_data/.hid*");
   }
 
   /// Relative to the test's directory; "-" when refused.
@@ -80,6 +81,8 @@ TEST_F(ClientPathTest, EachPathIsJudgedByWhereItReallyLeads) {
       {"@state_link/a.jpg", "-"},
       {"@data/.version", "-"},
       {"@data/to_data/.version", "-"},
+      {"@data/.hidden", "-"},
+      {"@data/later", "-"},
       {"/etc/cron.d/a", "-"},
       {"/tmp/../etc/a", "-"},
       {"//etc/a", "-"},

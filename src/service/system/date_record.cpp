@@ -53,11 +53,20 @@ void DateRecord::Run(const std::stop_token& stop) {
   VLOG_INFO(kTag, "Record system date task start.");
   const auto stopping = [&stop] { return stop.stop_requested(); };
   for (bool stopped = stopping(); !stopped;) {
-    Record();
+    RecordGuarded();
     std::unique_lock lock(mutex_);
     stopped = clock_.WaitUntil(lock, wake_, clock_.Now() + kPeriod, stopping);
   }
   VLOG_INFO(kTag, "Record system date task end.");
+}
+
+/// Whatever one record meets, the next one is tried.
+void DateRecord::RecordGuarded() const {
+  try {
+    Record();
+  } catch (const std::exception& error) {
+    VLOG_ERROR(kTag, "Record system date failed: {}", utils::LogText(error.what()));
+  }
 }
 
 void DateRecord::Record() const {
@@ -67,7 +76,8 @@ void DateRecord::Record() const {
   std::error_code ignored;
   std::filesystem::create_directories(directory_, ignored);
   const std::filesystem::path file = directory_ / kFileName;
-  if (utils::WriteFileAtomically(file, *digits)) {
+  // Without a directory of ours it would end up in the working directory.
+  if (directory_.empty() || utils::WriteFileAtomically(file, *digits)) {
     VLOG_ERROR(kTag, "Open file '{}' failed.", utils::LogText(file.string()));
   }
 }

@@ -30,6 +30,7 @@ class DateRecord {
 
  private:
   void Run(const std::stop_token& stop);
+  void RecordGuarded() const;
   void Record() const;
 
   const std::filesystem::path directory_;

@@ -22,7 +22,10 @@ class DateRecordTest : public testing::Test {
     clock_.SetWallTime(At(1735689600));
     record_.Start();
   }
-  ~DateRecordTest() override { ::unsetenv("TZ"); }
+  ~DateRecordTest() override {
+    record_.Stop();  // it reads the environment
+    ::unsetenv("TZ");
+  }
 
   static utils::Clock::WallTime At(int64_t time) { return utils::Clock::WallTime(seconds(time)); }
   bool Reads(const std::string& digits) {
