@@ -33,7 +33,7 @@ size_t DaemonConsole::Count(const std::string& text) const {
 }
 
 bool DaemonConsole::AwaitText(const std::string& text, milliseconds limit) const {
-  return Await(limit, [&] { return Count(text) > 0; });
+  return test::Eventually([&] { return Count(text) > 0; }, limit);
 }
 
 std::optional<system_clock::time_point> DaemonConsole::TimeOf(const std::string& text) const {
