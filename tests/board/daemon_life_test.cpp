@@ -5,6 +5,7 @@
 #include <set>
 
 #include "board/daemon_talk.h"
+#include "board/rpc_caller.h"
 #include "support/temp_dir.h"
 
 namespace varnel::board {
@@ -107,7 +108,7 @@ TEST_F(DaemonLifeTest, ABrokerThatIsLateIsReportedOnceAndFound) {
   ASSERT_TRUE(board.StartBroker());
   // Three seconds to the next attempt, up to one until the library looks at its socket.
   EXPECT_TRUE(console.AwaitText("connected successfully", 6s)) << console.Tail();
-  EXPECT_TRUE(Answers(board));
+  EXPECT_TRUE(RpcCaller(board).AwaitDaemon(10s));
   EXPECT_EQ(console.Count(kUnreachable), 1U);
   ExpectCleanStop(board);
 }

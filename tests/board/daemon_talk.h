@@ -43,8 +43,4 @@ test::MqttLink LinkTo(const Board& board, const std::string& client_id);
 /// The committed contract; what a test program sees of the daemon is judged by it.
 const test::Contract& DaemonContract();
 
-/// Asks the daemon for its camera status over a link of its own, once. Whether it gave the right
-/// answer in time.
-bool Answers(const Board& board, std::chrono::milliseconds limit = std::chrono::seconds(10));
-
 }  // namespace varnel::board
