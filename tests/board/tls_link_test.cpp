@@ -1,5 +1,6 @@
 // Who may meet over TLS: one MQTT client against a broker that demands client certificates.
 #include <gmock/gmock.h>
+#include <netdb.h>
 
 #include <filesystem>
 
@@ -43,12 +44,22 @@ struct Pair {
   }
 };
 
+/// A machine without /etc/hosts does not even know itself.
+bool IsKnownHost(const std::string& host) {
+  addrinfo* addresses = nullptr;
+  if (::getaddrinfo(host.c_str(), nullptr, nullptr, &addresses) != 0) return false;
+  ::freeaddrinfo(addresses);
+  return true;
+}
+
 class TlsTest : public testing::TestWithParam<Pair> {};
 
 TEST_P(TlsTest, OnlyTheRightPartnersMeet) {
   StartCloud();
   const test::LogCapture log(spdlog::level::trace);
   const MqttConnectSettings settings = GetParam().Settings();
+  if (!IsKnownHost(settings.host))
+    GTEST_SKIP() << "this machine has no address of " << settings.host;
   test::Mailbox<int> lost;
   const auto client = test::NewClient("Link");
   client->SetConnectionLostCallback([&] { lost.Put(1); });
