@@ -6,6 +6,7 @@
 
 #include "board/daemon_talk.h"
 #include "board/request_ledger.h"
+#include "board/rpc_caller.h"
 
 namespace varnel::board {
 namespace {
@@ -33,7 +34,7 @@ class BrokerFaultTest : public testing::Test {
   void StartDaemon() {
     ASSERT_TRUE(board_.StartDaemon({"-v"}));
     ASSERT_TRUE(console_.AwaitText("connected successfully", 30s));
-    ASSERT_TRUE(Answers(board_));
+    ASSERT_TRUE(RpcCaller(board_).AwaitDaemon(10s));
     std::this_thread::sleep_for(1s);  // the daemon settles: a loss before is noticed later
   }
   /// Requests sent while something is wrong are all answered once when it is over.
@@ -79,7 +80,7 @@ TEST_F(BrokerFaultTest, WhoTakesItsNameDoesNotKeepIt) {
   EXPECT_TRUE(console_.AwaitText("connection lost, cause: ", 5s));
   EXPECT_TRUE(console_.AwaitText("connected successfully", 8s)) << console_.Tail();
   EXPECT_THROW((void)thief.Receive(1s), std::runtime_error);
-  EXPECT_TRUE(Answers(board_));
+  EXPECT_TRUE(RpcCaller(board_).AwaitDaemon(10s));
 }
 
 }  // namespace

@@ -76,17 +76,18 @@ class Storm {
   void AwaitFirstAnswers(test::MqttLink& link) {
     const size_t first = ledger_.Size();
     std::map<std::string, std::set<size_t>> probes;
-    EXPECT_TRUE(Await(kReturnLimit,
-                      [&] {
-                        for (const char* topic : RequestLedger::kTopics) {
-                          probes[topic].insert(ledger_.Probe(link, topic));
-                        }
-                        while (const auto message = link.Receive(20ms)) ledger_.Take(*message);
-                        return std::all_of(probes.begin(), probes.end(), [&](const auto& sent) {
-                          return std::any_of(sent.second.begin(), sent.second.end(),
-                                             [&](size_t id) { return ledger_.Answered(id); });
-                        });
-                      }))
+    EXPECT_TRUE(test::Eventually(
+        [&] {
+          for (const char* topic : RequestLedger::kTopics) {
+            probes[topic].insert(ledger_.Probe(link, topic));
+          }
+          while (const auto message = link.Receive(20ms)) ledger_.Take(*message);
+          return std::all_of(probes.begin(), probes.end(), [&](const auto& sent) {
+            return std::any_of(sent.second.begin(), sent.second.end(),
+                               [&](size_t id) { return ledger_.Answered(id); });
+          });
+        },
+        kReturnLimit))
         << "not back after its broker, requests from " << first << " on";
     watched_from_ = ledger_.Size();
   }

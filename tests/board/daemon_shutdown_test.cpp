@@ -84,7 +84,7 @@ class MortalDaemon {
     if (situation == Situation::kLoaded) Load(300ms);
     EXPECT_TRUE(board_.SignalDaemon(first));
     const pid_t pid = board_.DaemonPid();
-    EXPECT_TRUE(Await(5s, [&] { return !IsPending(pid, first); }));
+    EXPECT_TRUE(test::Eventually([&] { return !IsPending(pid, first); }, 5s));
     EXPECT_TRUE(board_.SignalDaemon(second));
     const auto status = board_.AwaitDaemonEnd(2s);
     ExpectNothingLeft();
@@ -129,7 +129,8 @@ class MortalDaemon {
   void ExpectNothingLeft() {
     const size_t expected = broker_runs_ ? 2 : 1;
     std::vector<ProcessInfo> left;
-    EXPECT_TRUE(Await(1s, [&] { return (left = board_.Processes()).size() == expected; }))
+    EXPECT_TRUE(
+        test::Eventually([&] { return (left = board_.Processes()).size() == expected; }, 1s))
         << testing::PrintToString(Names(left)) << "\n"
         << console_.Tail();
   }

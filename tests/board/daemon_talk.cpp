@@ -11,7 +11,6 @@
 
 namespace varnel::board {
 
-using nlohmann::json;
 using std::chrono::milliseconds;
 using std::chrono::system_clock;
 
@@ -33,7 +32,7 @@ size_t DaemonConsole::Count(const std::string& text) const {
 }
 
 bool DaemonConsole::AwaitText(const std::string& text, milliseconds limit) const {
-  return Await(limit, [&] { return Count(text) > 0; });
+  return test::Eventually([&] { return Count(text) > 0; }, limit);
 }
 
 std::optional<system_clock::time_point> DaemonConsole::TimeOf(const std::string& text) const {
@@ -58,17 +57,6 @@ test::MqttLink LinkTo(const Board& board, const std::string& client_id) {
 const test::Contract& DaemonContract() {
   static const test::Contract contract = test::Contract::Load(VARNEL_CONTRACT);
   return contract;
-}
-
-bool Answers(const Board& board, milliseconds limit) {
-  const json request = {
-      {"jsonrpc", "2.0"}, {"id", "are you there"}, {"method", "camera.get_status"}};
-  auto link = LinkTo(board, "question");
-  link.Subscribe("camera/response", 0);
-  link.Publish("camera/request", request.dump());
-  const auto answer = link.Receive(limit);
-  return answer &&
-         !DaemonContract().CheckAnswer("camera.get_status", request, json::parse(answer->payload));
 }
 
 }  // namespace varnel::board

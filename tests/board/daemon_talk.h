@@ -5,24 +5,13 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
-#include <thread>
 
 #include "board/board.h"
 #include "support/contract.h"
+#include "support/eventually.h"
 #include "support/mqtt_link.h"
 
 namespace varnel::board {
-
-/// Asks every few milliseconds until the condition holds; false when it does not in time.
-template <class Condition>
-bool Await(std::chrono::milliseconds limit, Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
-}
 
 /// What the daemon writes to its console when it was started with "-v".
 class DaemonConsole {
@@ -53,9 +42,5 @@ test::MqttLink LinkTo(const Board& board, const std::string& client_id);
 
 /// The committed contract; what a test program sees of the daemon is judged by it.
 const test::Contract& DaemonContract();
-
-/// Asks the daemon for its camera status over a link of its own, once. Whether it gave the right
-/// answer in time.
-bool Answers(const Board& board, std::chrono::milliseconds limit = std::chrono::seconds(10));
 
 }  // namespace varnel::board

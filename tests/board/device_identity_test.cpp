@@ -7,6 +7,7 @@
 
 #include "board/daemon_talk.h"
 #include "board/served_board.h"
+#include "support/eventually.h"
 #include "virtual_board/common/files.h"
 #include "virtual_board/identity/block.h"
 
@@ -165,7 +166,7 @@ TEST_F(DeviceIdentityTest, AnInsertedDriveIsOpenToClientsUntilItIsPulledOut) {
   EXPECT_EQ(clear_.Photo(photo), Error(-32600, "Invalid Request"));
   EXPECT_EQ(board.Exec({"varnel-usb", "plug", "--mount", "/run/my drive", "--size", "100"}).status,
             0);
-  EXPECT_TRUE(Await(std::chrono::seconds(15), [&] { return clear_.Photo(photo) == Success(); }));
+  EXPECT_TRUE(test::Eventually([&] { return clear_.Photo(photo) == Success(); }));
   EXPECT_EQ(board.Exec({"test", "-s", photo}).status, 0);
   EXPECT_EQ(board.Exec({"varnel-usb", "unplug"}).status, 0);
   EXPECT_EQ(clear_.Photo(photo), Error(-32600, "Invalid Request"));

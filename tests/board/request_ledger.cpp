@@ -5,16 +5,13 @@
 #include <algorithm>
 
 #include "board/daemon_talk.h"
+#include "board/rpc_caller.h"
 
 namespace varnel::board {
 
 using nlohmann::json;
 
 namespace {
-
-json Error(int code, const char* message) {
-  return {{"error", {{"code", code}, {"message", message}}}};
-}
 
 json Status() {
   return {{"result",
@@ -50,11 +47,7 @@ size_t RequestLedger::Send(test::MqttLink& link) {
   const size_t id = entries_.size();
   const std::string number = std::to_string(id);
   if (id % 16 == 3) {
-    return Send(link, {"camera",
-                       "camera.take_a_photo",
-                       {{"reason", "debug"}},
-                       {{"result", {{"state", "success"}}}},
-                       ""});
+    return Send(link, {"camera", "camera.take_a_photo", {{"reason", "debug"}}, Success(), ""});
   }
   switch (id % 4) {
     case 0:

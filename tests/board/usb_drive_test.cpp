@@ -77,14 +77,5 @@ TEST_F(UsbDriveTest, ADriveThatIsMountedLaterIsFoundAndOneThatNeverIsGivenUp) {
   EXPECT_EQ(console_.Count(kTimeout), 1U);
 }
 
-TEST_F(UsbDriveTest, ADriveHasTheRoomItWasGivenAndIsPluggedInOnce) {
-  Usb({"plug", "--size", "2"});
-  EXPECT_EQ(board_.Shell("head -c 2M /dev/zero >/mnt/udisk/full").status, 0);
-  EXPECT_NE(board_.Shell("echo more >/mnt/udisk/more").status, 0);
-  EXPECT_NE(board_.Exec({"varnel-usb", "plug"}).status, 0);
-  Usb({"unplug"});
-  EXPECT_NE(board_.Exec({"varnel-usb", "unplug"}).status, 0);
-}
-
 }  // namespace
 }  // namespace varnel::board

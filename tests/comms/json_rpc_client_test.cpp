@@ -23,7 +23,7 @@ class JsonRpcClientTest : public ::testing::Test {
   /// logged.
   void Settle() {
     mqtt_->Arrive("p/response", "{settled");
-    while (!log_.Has("JRPCC", "parse error at byte 2")) std::this_thread::yield();
+    EXPECT_TRUE(test::Eventually([&] { return log_.Has("JRPCC", "parse error at byte 2"); }));
   }
 
   test::LogCapture log_;
@@ -81,8 +81,8 @@ TEST_F(JsonRpcClientTest, FailuresAreReportedAtOnce) {
 TEST_F(JsonRpcClientTest, AResponseAfterTheDeadlineIsDropped) {
   mqtt_->on_send = [this] {  // the deadline has passed, but the caller has not looked yet
     mqtt_->Arrive("p/response", R"({"id":1,"result":1})");
-    while (!log_.Has("JRPCC", "Response time has exceeded the validity period, id 1"))
-      std::this_thread::yield();
+    EXPECT_TRUE(test::Eventually(
+        [&] { return log_.Has("JRPCC", "Response time has exceeded the validity period, id 1"); }));
   };
   EXPECT_EQ(client_.Call("m", nullptr, 1, milliseconds(-1)).status, CommsStatus::kTimeout);
 }

@@ -1,11 +1,11 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "hal_adapter/ai_adapter.h"
+#include "hal_adapter/camera.h"
 #include "hal_adapter/fake_tables.h"
 #include "hal_adapter/multimedia_adapter.h"
 #include "hal_adapter/storage_adapter.h"
 #include "hal_adapter/system_adapter.h"
-#include "hal_interface/hal_register.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
@@ -46,44 +46,39 @@ TEST_F(AreasTest, AMissingTableOrInitialisationStopsTheAreaAlone) {
   }
 }
 
-TEST_F(AreasTest, RegistrationIsReportedAndANullTableRefused) {
-  static const AiHalInterface ai{};
-  static const MultimediaHalInterface multimedia{};
-  static const StorageHalInterface storage{};
+TEST_F(AreasTest, ANullTableLeavesTheOldOne) {
   static const SystemHalInterface system{};
-  register_ai_hal(&ai);
-  register_multimedia_hal(&multimedia);
-  register_storage_hal(&storage);
-  register_system_hal(&system);
-  register_ai_hal(nullptr);
-  register_multimedia_hal(nullptr);
-  register_storage_hal(nullptr);
-  register_system_hal(nullptr);
-  const std::pair<const char*, const char*> areas[] = {
-      {"HALAI", "AI"}, {"HALMM", "Multimedia"}, {"HALSTO", "Storage"}, {"HALSYS", "System"}};
-  for (const auto& [tag, area] : areas) {
-    EXPECT_TRUE(log_.Has(tag, std::string(area) + " HAL interface registered"));
-    EXPECT_TRUE(log_.Has(tag, std::string(area) + " HAL interface register failed, iface is null"));
-  }
-  EXPECT_EQ(HalRegistry::Instance().ai.Get(), &ai) << "a null table changes nothing";
-  EXPECT_EQ(HalRegistry::Instance().system.Get(), &system);
+  registry_.system.Register(&system);
+  registry_.system.Register(nullptr);
+  EXPECT_EQ(registry_.system.Get(), &system);
+  EXPECT_TRUE(log_.Has("HALSYS", "System HAL interface register failed, iface is null"));
 }
 
-TEST_F(AreasTest, AiGivesTheDirectoryOfDetectionResults) {
-  AiHalInterface table{};
-  registry_.ai.Register(&table);
-  AiAdapter adapter(kWorks, registry_);
-  ASSERT_TRUE(adapter.Start());
-  EXPECT_EQ(adapter.DetectResultDir(), "");
-  EXPECT_TRUE(log_.Has("HALAI", "get_ai_basic_info interface has not been implemented"));
-  table.get_ai_basic_info = [](char* out) {
-    std::strcpy(out, "/results");
-    return test::Fake().status;
-  };
-  EXPECT_EQ(adapter.DetectResultDir(), "/results");
-  test::Fake().status = -1;
-  EXPECT_EQ(adapter.DetectResultDir(), "");
-  EXPECT_TRUE(log_.Has("HALAI", "Get AI basic information failed"));
+/// Every operation of the camera, in one fixed order.
+std::vector<HalStatus> CallAll(Camera camera) {
+  uint32_t count = 0;
+  CameraImage image{};
+  return {camera.GetCount(count), camera.UpdateInfo(),  camera.Open(nullptr),
+          camera.Close(),         camera.SetConfig({}), camera.TakePhoto(image),
+          camera.StartStream(),   camera.StopStream()};
+}
+
+TEST_F(AreasTest, ACameraPassesFailuresUpAndSurvivesMissingSlotsAndTables) {
+  const MultimediaHalInterface table = test::FakeMultimedia();
+  test::Fake().status = test::Fake().count_status = -6;
+  EXPECT_THAT(CallAll(Camera(&table, 2)), testing::ElementsAre(-6, -6, -6, -6, -6, -6, -7, -7));
+  EXPECT_TRUE(log_.Has("CAM", "Camera 2 take photo failed, reason is resource is busy"));
+  const MultimediaHalInterface empty{};
+  EXPECT_THAT(CallAll(Camera(&empty, 0)), testing::Each(kHalUnsupported));
+  EXPECT_TRUE(log_.Has("CAM", "set_camera_config interface has not been implemented"));
+  EXPECT_THAT(CallAll(Camera(nullptr, 0)), testing::Each(kHalInvalidState));
+  EXPECT_EQ(log_.Count("CAM", "Camera is not ready"), 8u);
+}
+
+TEST(HalErrorStringTest, KnowsItsCodesAndNoOther) {
+  EXPECT_EQ(std::size(kHalStatusTexts), 19u);
+  EXPECT_STREQ(hal_error_string(-86), "file not found");
+  for (const HalStatus status : {1, -11}) EXPECT_STREQ(hal_error_string(status), "unknown error");
 }
 
 TEST_F(AreasTest, StorageReadsItsPathsOnce) {

@@ -128,14 +128,12 @@ TEST(DeviceUuidTest, IsTheFirst16BytesOfSha1WithVersionAndVariant) {
 TEST_F(SystemAdapterTest, ForwardsUpgradeCollectionAndReboot) {
   SystemAdapter adapter = Adapter();
   ASSERT_TRUE(adapter.Start());
-  EXPECT_EQ(adapter.UpgradeFirmware(0, "/tmp/x.swu"), 0);
-  EXPECT_EQ(adapter.CollectPlatformData(6, "/tmp/out"), 0);
-  EXPECT_EQ(adapter.PrepareReboot(), 0);
-  EXPECT_THAT(test::Fake().calls,
-              testing::ElementsAre("upgrade 0 /tmp/x.swu", "collect 6 /tmp/out", "prepare reboot"));
   test::Fake().status = -3;
-  EXPECT_EQ(adapter.UpgradeFirmware(1, ""), -3);
-  EXPECT_EQ(adapter.CollectPlatformData(9, ""), -3);
+  EXPECT_EQ(adapter.UpgradeFirmware(1, "/tmp/x.swu"), -3);
+  EXPECT_EQ(adapter.CollectPlatformData(9, "/tmp/out"), -3);
+  EXPECT_EQ(adapter.PrepareReboot(), -3);
+  EXPECT_THAT(test::Fake().calls,
+              testing::ElementsAre("upgrade 1 /tmp/x.swu", "collect 9 /tmp/out", "prepare reboot"));
   EXPECT_TRUE(log_.Has("HALSYS", "System upgrade failed, reason: no memory"));
   EXPECT_TRUE(log_.Has("HALSYS", "Collect platform data 9 failed, reason: no memory"));
 }

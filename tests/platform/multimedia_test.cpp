@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <string>
 
+#include "hal_adapter/hal_registry.h"
 #include "hal_interface/platform_init.h"
-#include "platform/fake_registry.h"
 #include "platform/fake_v4l2.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
@@ -20,6 +20,9 @@ using hal_adapter::CameraInfo;
 
 class MultimediaTest : public testing::Test {
  protected:
+  static const hal_adapter::MultimediaHalInterface& Table() {
+    return *hal_adapter::HalRegistry::Instance().multimedia.Get();
+  }
   ~MultimediaTest() override {
     platform_multimedia_shutdown();
     EXPECT_EQ(driver_.open_descriptors, 0);
@@ -32,7 +35,7 @@ class MultimediaTest : public testing::Test {
     board.i2cdetect = dir_.WriteScript("i2cdetect", probe);
     board.calls = &test::kFakeV4l2;
     EXPECT_EQ(multimedia_init(board), 0);
-    return *test::registered.multimedia;
+    return Table();
   }
   CameraInfo Selected(const char* probe) {
     CameraInfo info{};
@@ -41,7 +44,7 @@ class MultimediaTest : public testing::Test {
   }
   uint32_t State() {
     uint32_t state = 99;
-    EXPECT_EQ(test::registered.multimedia->get_camera_state(0, &state), 0);
+    EXPECT_EQ(Table().get_camera_state(0, &state), 0);
     return state;
   }
 
@@ -55,15 +58,15 @@ TEST_F(MultimediaTest, TheBusProbeSelectsTheCamera) {
   const char* mipi_answers[] = {"echo 'UU'", "echo '--'; exit 1", "kill -9 $$"};
   for (const char* answer : mipi_answers) {
     EXPECT_STREQ(Selected(answer).name, "MIPI Camera") << answer;
-    ASSERT_EQ(test::registered.multimedia->open_camera(0, nullptr), 0);
+    ASSERT_EQ(Table().open_camera(0, nullptr), 0);
     EXPECT_EQ(driver_.opened_path, "/dev/video11");
     EXPECT_EQ(driver_.format.fmt.pix.pixelformat, V4L2_PIX_FMT_NV12);
-    EXPECT_EQ(test::registered.multimedia->close_camera(0), 0);
+    EXPECT_EQ(Table().close_camera(0), 0);
   }
   const CameraInfo usb = Selected(R"([ "$*" = "-y 4 0x37 0x37" ] && echo '--')");
   EXPECT_STREQ(usb.name, "USB Camera");
   EXPECT_EQ(usb.type, 0u);
-  ASSERT_EQ(test::registered.multimedia->open_camera(0, nullptr), 0);
+  ASSERT_EQ(Table().open_camera(0, nullptr), 0);
   EXPECT_EQ(driver_.opened_path, "/dev/video18");
   EXPECT_EQ(driver_.format.fmt.pix.pixelformat, V4L2_PIX_FMT_YUYV);
 }

@@ -89,50 +89,26 @@ std::string Listing(const fs::path& archive) {
 }
 
 TEST_F(PlatformDataTest, EachTypeOfTheBoardMakesItsArchives) {
-  const struct {
-    const char* announcement;
-    std::vector<std::pair<std::string, std::string>> archives;  ///< directory, name
-  } types[] = {
-      {"Collect diagnostic platform data",
-       {{"userdata/gcodes/calibration_data", "calibration_data.tar.gz"},
-        {"userdata/gcodes/shaper_calibrate", "shaper_calibrate.tar.gz"},
-        {"userdata/gcodes/frequency_data", "frequency_data.tar.gz"}}},
-      {"Collect config platform data",
-       {{"home/ruxo/printer_data/config", "printer_data_config.tar.gz"},
-        {"home/ruxo/printer_data/mqtt", "printer_data_mqtt.tar.gz"},
-        {"home/ruxo/printer_data/klippy", "printer_data_klippy.tar.gz"}}},
-      {"Collect MPT platform data",
-       {{"home/ruxo/printer_data/backup", "mpt.tar.gz"},
-        {"userdata/factory", "userdata_factory.tar.gz"}}},
-      {"Collect coredump platform data", {{"userdata/.coredump", "coredump.tar.gz"}}},
-      {"Collect statistics platform data (nothing)", {}},
-      {"Collect debug platform data (nothing)", {}},
-      {"Collect log platform data",
-       {{"var/log", "var_log.tar.gz"},
-        {"home/ruxo/printer_data/logs", "printer_data_logs.tar.gz"},
-        {"home/ruxo/printer_data/ota", "ota_logs.tar.gz"},
-        {"home/ruxo/printer_data/collection", "collection_logs.tar.gz"}}},
-  };
   types_ = board_data_types();
-  for (DataType& type : types_) {
-    for (DataArchive& archive : type.archives) archive.source.insert(0, dir_.Path());
-    if (!type.file.empty()) type.file.insert(0, dir_.Path());
-  }
-  dir_.Write("home/ruxo/printer_data/.fluidd", "settings");
-  for (uint32_t number = 0; number < std::size(types); ++number) {
-    const auto& type = types[number];
+  ASSERT_EQ(types_.size(), 7U);
+  for (uint32_t number = 0; number < types_.size(); ++number) {
+    DataType& type = types_[number];
     const fs::path out = dir_ / ("out" + std::to_string(number));
     fs::create_directory(out);
-    for (const auto& [source, name] : type.archives)
-      dir_.Write((fs::path(source) / ("of-" + name)).string(), "");
+    for (DataArchive& archive : type.archives) {
+      dir_.Write(archive.source.substr(1) + "/of" + std::to_string(number), "");
+      archive.source.insert(0, dir_.Path());
+    }
+    if (!type.file.empty()) type.file = dir_.Write(type.file.substr(1), "settings");
     EXPECT_EQ(collect_platform_data(board_, number, out.c_str()), 0);
     EXPECT_TRUE(log_.Has("IMSYS", type.announcement));
     const auto made = std::distance(fs::directory_iterator(out), {});
     EXPECT_EQ(static_cast<size_t>(made), type.archives.size() + (number == 1 ? 1 : 0)) << number;
-    for (const auto& [source, name] : type.archives) {
-      EXPECT_EQ(Listing(out / name), "./\n./of-" + name + "\n");
-    }
   }
+  EXPECT_EQ(Listing(dir_ / "out0/shaper_calibrate.tar.gz"), "./\n./of0\n");
+  EXPECT_EQ(Listing(dir_ / "out2/mpt.tar.gz"), "./\n./of2\n");
+  EXPECT_EQ(Listing(dir_ / "out3/coredump.tar.gz"), "./\n./of3\n");
+  EXPECT_EQ(Listing(dir_ / "out6/var_log.tar.gz"), "./\n./of6\n");
   EXPECT_EQ(test::ReadFile(dir_ / "out1/.fluidd"), "settings");
 }
 

@@ -4,11 +4,8 @@
 
 #include <algorithm>
 #include <fstream>
-#include <map>
 #include <set>
 #include <stdexcept>
-
-#include "support/schema.h"
 
 namespace varnel::test {
 namespace {
@@ -16,74 +13,62 @@ namespace {
 using nlohmann::json;
 using Problem = std::optional<std::string>;
 
-[[noreturn]] void Refuse(const std::string& where, const std::string& why) {
-  throw std::runtime_error(fmt::format("{}: {}", where, why));
-}
-
-const json& Need(const json& node, const char* key, const std::string& where) {
-  if (!node.is_object() || !node.contains(key)) {
-    Refuse(where, fmt::format("\"{}\" is missing", key));
-  }
-  return node.at(key);
-}
-
-// The by-name parameters of a method as one schema of the "params" object. Unknown ones are ignored
-// by the daemon.
-json ParamsSchema(const json& method, const std::string& name) {
+/// The by-name parameters of a method as one schema of the "params" object. Unknown ones are
+/// ignored by the daemon.
+JsonSchema ParamsSchema(const json& method) {
   json schema = {{"type", "object"}, {"properties", json::object()}, {"required", json::array()}};
-  for (const json& param : Need(method, "params", name)) {
-    const auto param_name = Need(param, "name", name).get<std::string>();
-    if (Need(param, "description", param_name).get<std::string>().empty()) {
-      Refuse(param_name, "the description is empty");
+  for (const json& param : method.at("params")) {
+    const auto name = param.at("name").get<std::string>();
+    schema["properties"][name] = param.at("schema");
+    if (param.value("required", false)) schema["required"].push_back(name);
+  }
+  return JsonSchema(schema);
+}
+
+std::optional<JsonSchema> ResultSchema(const json& method) {
+  if (!method.contains("result")) return std::nullopt;
+  return JsonSchema(method.at("result").at("schema"));
+}
+
+Contract::Example MakeExample(const json& node, const std::string& method, const json& topics) {
+  Contract::Example example{.name = method + "/" + node.at("name").get<std::string>(),
+                            .method = method,
+                            .given = node.value("given", ""),
+                            .request_topic = topics.value("request", ""),
+                            .response_topic = topics.contains("request")
+                                                  ? topics.at("response")
+                                                  : topics.at("notification"),
+                            .params = nullptr,
+                            .answer = nullptr};
+  if (node.contains("error")) {
+    example.params = node.value("params", json());
+    example.answer = {{"error", node.at("error")}};
+    return example;
+  }
+  for (const json& item : node.at("params")) {
+    example.params[item.at("name").get<std::string>()] = item.at("value");
+  }
+  if (node.contains("result")) example.answer = {{"result", node.at("result").at("value")}};
+  return example;
+}
+
+bool HasOnly(const json& object, const std::set<std::string>& allowed) {
+  const auto items = object.items();
+  return std::all_of(items.begin(), items.end(),
+                     [&](const auto& item) { return allowed.contains(item.key()); });
+}
+
+/// "<name>" in documented data stands for the name of the method that was called.
+bool IsDocumented(const json& error, const json& documented, const std::string& method) {
+  return std::any_of(documented.begin(), documented.end(), [&](json candidate) {
+    candidate.erase("x-description");
+    if (candidate.contains("data")) {
+      auto data = candidate.at("data").get<std::string>();
+      if (const auto at = data.find("<name>"); at != data.npos) data.replace(at, 6, method);
+      candidate["data"] = data;
     }
-    schema["properties"][param_name] = Need(param, "schema", param_name);
-    if (param.value("required", false)) {
-      schema["required"].push_back(param_name);
-    }
-  }
-  return schema;
-}
-
-json ExampleParams(const json& pairing) {
-  json params;
-  for (const json& item : pairing.at("params")) {
-    params[item.at("name").get<std::string>()] = item.at("value");
-  }
-  return params;
-}
-
-bool SameKeys(const json& object, const std::set<std::string>& allowed) {
-  for (const auto& [key, value] : object.items()) {
-    if (!allowed.contains(key)) {
-      return false;
-    }
-  }
-  return true;
-}
-
-// "<name>" in the documented data stands for the name of the method that was called.
-json ExpectedData(const json& documented, const std::string& method) {
-  if (!documented.is_string()) {
-    return documented;
-  }
-  auto text = documented.get<std::string>();
-  if (const auto at = text.find("<name>"); at != std::string::npos) {
-    text.replace(at, 6, method);
-  }
-  return text;
-}
-
-bool ErrorFits(const json& error, const json& documented, const std::string& method) {
-  json expected = {{"code", documented.at("code")}, {"message", documented.at("message")}};
-  if (documented.contains("data")) {
-    expected["data"] = ExpectedData(documented.at("data"), method);
-  }
-  return error == expected;
-}
-
-bool AnyErrorFits(const json& error, const json& documented, const std::string& method) {
-  return std::any_of(documented.begin(), documented.end(),
-                     [&](const json& candidate) { return ErrorFits(error, candidate, method); });
+    return error == candidate;
+  });
 }
 
 Problem CheckEnvelope(const json& request, const json& response) {
@@ -93,16 +78,14 @@ Problem CheckEnvelope(const json& request, const json& response) {
   if (response.value("jsonrpc", json()) != "2.0") {
     return "the answer's \"jsonrpc\" is not \"2.0\"";
   }
-  if (!request.contains("id")) {
-    return "a notification was answered";
-  }
+  if (!request.contains("id")) return "a notification was answered";
   if (!response.contains("id") || response.at("id") != request.at("id")) {
     return "the answer's \"id\" is not the request's";
   }
   if (response.contains("result") == response.contains("error")) {
     return "the answer needs either \"result\" or \"error\"";
   }
-  if (!SameKeys(response, {"jsonrpc", "id", "result", "error"})) {
+  if (!HasOnly(response, {"jsonrpc", "id", "result", "error"})) {
     return "the answer has members that no answer has";
   }
   return std::nullopt;
@@ -110,226 +93,100 @@ Problem CheckEnvelope(const json& request, const json& response) {
 
 }  // namespace
 
-struct Contract::Parts {
-  struct Method {
-    json document;
-    JsonSchema params;
-    std::optional<JsonSchema> result;  // none for a notification
-    std::string topic;                 // of a notification
-  };
-
-  json envelope;
-  std::map<std::string, Method> methods;
-
-  explicit Parts(const json& document);
-  void Add(const json& method);
-  Problem CheckError(const std::string& name, const json& error) const;
-  Problem CheckResult(const Method& method, const json& request, const json& result) const;
-};
-
-namespace {
-
-void CheckErrorList(const json& errors, const std::string& where) {
-  for (const json& error : errors) {
-    if (!Need(error, "code", where).is_number_integer() ||
-        !Need(error, "message", where).is_string()) {
-      Refuse(where, "an error needs an integer \"code\" and a text \"message\"");
+Contract::Contract(const json& document) {
+  const json resolved = ResolveReferences(document);
+  envelope_ = resolved.at("x-envelope");
+  for (const json& method : resolved.at("methods")) {
+    const auto name = method.at("name").get<std::string>();
+    Method entry{method, ParamsSchema(method), ResultSchema(method)};
+    if (!methods_.emplace(name, std::move(entry)).second) {
+      throw std::runtime_error(name + ": the name is not unique");
     }
-    Need(error, "x-description", where);
   }
-}
-
-void CheckTopics(const json& method, const std::string& name) {
-  const json& topics = Need(method, "x-topics", name);
-  if (method.contains("result")) {
-    Need(topics, "request", name);
-    Need(topics, "response", name);
-  } else {
-    Need(topics, "notification", name);
-  }
-}
-
-void CheckMethodText(const json& method, const std::string& name) {
-  if (Need(method, "summary", name).get<std::string>().empty() ||
-      Need(method, "description", name).get<std::string>().empty()) {
-    Refuse(name, "summary or description is empty");
-  }
-  if (Need(method, "paramStructure", name) != "by-name") {
-    Refuse(name, "parameters are by name");
-  }
-  if (Need(method, "examples", name).empty()) {
-    Refuse(name, "there is no example");
-  }
-}
-
-Contract::Example MakeExample(const json& node, const std::string& method, const json& topics) {
-  Contract::Example example;
-  example.name = method + "/" + node.at("name").get<std::string>();
-  example.method = method;
-  example.given = node.value("given", "");
-  example.request_topic = topics.value("request", "");
-  example.response_topic = topics.value("response", topics.value("notification", ""));
-  return example;
-}
-
-Contract::Example GoodExample(const json& node, const std::string& method, const json& topics) {
-  Contract::Example example = MakeExample(node, method, topics);
-  example.params = ExampleParams(node);
-  if (node.contains("result")) {
-    example.answer = {{"result", node.at("result").at("value")}};
-  }
-  return example;
-}
-
-Contract::Example ErrorExample(const json& node, const std::string& method, const json& topics) {
-  Contract::Example example = MakeExample(node, method, topics);
-  example.params = node.value("params", json());
-  example.answer = {{"error", node.at("error")}};
-  return example;
-}
-
-}  // namespace
-
-Contract::Parts::Parts(const json& document) : envelope(Need(document, "x-envelope", "document")) {
-  CheckErrorList(Need(envelope, "errors", "x-envelope"), "x-envelope");
-  Need(envelope, "x-error-examples", "x-envelope");
-  for (const json& method : Need(document, "methods", "document")) {
-    Add(method);
-  }
-}
-
-void Contract::Parts::Add(const json& method) {
-  const auto name = Need(method, "name", "methods").get<std::string>();
-  CheckMethodText(method, name);
-  CheckTopics(method, name);
-  std::optional<JsonSchema> result;
-  if (method.contains("result")) {
-    CheckErrorList(Need(method, "errors", name), name);
-    Need(method, "x-error-examples", name);
-    result.emplace(Need(method.at("result"), "schema", name));
-  }
-  const std::string topic = method.at("x-topics").value("notification", "");
-  Method parts{method, JsonSchema(ParamsSchema(method, name)), std::move(result), topic};
-  if (!methods.emplace(name, std::move(parts)).second) {
-    Refuse(name, "the name is not unique");
-  }
-}
-
-Problem Contract::Parts::CheckError(const std::string& name, const json& error) const {
-  const auto known = methods.find(name);
-  const bool callable = known != methods.end() && known->second.result;
-  if (callable && error.is_object() && error.value("code", json()) == -32601) {
-    return "a documented method was not found";
-  }
-  if (AnyErrorFits(error, envelope.at("errors"), name)) {
-    return std::nullopt;
-  }
-  if (callable && AnyErrorFits(error, known->second.document.at("errors"), name)) {
-    return std::nullopt;
-  }
-  return fmt::format("the error {} is not documented for \"{}\"", error.dump(), name);
-}
-
-Problem Contract::Parts::CheckResult(const Method& method, const json& request,
-                                     const json& result) const {
-  const json& params = request.value("params", json());
-  if (const Problem wrong = method.params.Check(params.is_null() ? json::object() : params);
-      wrong && !method.document.at("params").empty()) {
-    return fmt::format("wrong parameters were answered with a result: {}", *wrong);
-  }
-  return method.result->Check(result);
-}
-
-json Contract::Example::Request(const json& id) const {
-  json request = {{"jsonrpc", "2.0"}, {"id", id}, {"method", method}};
-  if (!params.is_null()) {
-    request["params"] = params;
-  }
-  return request;
-}
-
-json Contract::Example::Response(const json& id) const {
-  json response = answer;
-  response["jsonrpc"] = "2.0";
-  response["id"] = id;
-  return response;
-}
-
-Contract::Contract(const json& document)
-    : parts_(std::make_unique<Parts>(ResolveReferences(document))) {
   std::set<std::string> names;
   for (const Example& example : Examples()) {
     if (!names.insert(example.name).second) {
-      Refuse(example.name, "the name is not unique");
+      throw std::runtime_error(example.name + ": the name is not unique");
     }
-    const Problem problem =
-        example.answer.is_null()
-            ? CheckNotification(
-                  example.response_topic,
-                  {{"jsonrpc", "2.0"}, {"method", example.method}, {"params", example.params}})
-            : CheckAnswer(example.method, example.Request(1), example.Response(1));
-    if (problem) {
-      Refuse(example.name, *problem);
-    }
+    CheckExample(example);
   }
 }
-Contract::~Contract() = default;
-Contract::Contract(Contract&&) noexcept = default;
-Contract& Contract::operator=(Contract&&) noexcept = default;
 
 Contract Contract::Load(const std::filesystem::path& file) {
   std::ifstream stream(file);
-  if (!stream) {
-    Refuse(file.string(), "cannot be read");
-  }
   return Contract(json::parse(stream));
 }
 
-Problem Contract::CheckAnswer(const std::string& method, const json& request,
+void Contract::CheckExample(const Example& example) const {
+  json message = {{"jsonrpc", "2.0"}, {"method", example.method}};
+  if (!example.params.is_null()) message["params"] = example.params;
+  Problem problem;
+  if (example.answer.is_null()) {
+    problem = CheckNotification(example.response_topic, message);
+  } else {
+    message["id"] = 1;
+    json answer = example.answer;
+    answer.update({{"jsonrpc", "2.0"}, {"id", 1}});
+    problem = CheckAnswer(example.method, message, answer);
+  }
+  if (problem) throw std::runtime_error(example.name + ": " + *problem);
+}
+
+const Contract::Method* Contract::Find(const json& name, bool has_result) const {
+  const auto known = name.is_string() ? methods_.find(name) : methods_.end();
+  const bool found = known != methods_.end() && known->second.result.has_value() == has_result;
+  return found ? &known->second : nullptr;
+}
+
+Problem Contract::CheckAnswer(const std::string& name, const json& request,
                               const json& response) const {
-  if (Problem problem = CheckEnvelope(request, response)) {
-    return problem;
-  }
+  if (Problem problem = CheckEnvelope(request, response)) return problem;
+  const Method* method = Find(name, true);
   if (response.contains("error")) {
-    return parts_->CheckError(method, response.at("error"));
+    const json& error = response.at("error");
+    if (method != nullptr && error.is_object() && error.value("code", json()) == -32601) {
+      return "a documented method was not found";
+    }
+    const bool documented =
+        IsDocumented(error, envelope_.at("errors"), name) ||
+        (method != nullptr && IsDocumented(error, method->document.at("errors"), name));
+    if (documented) return std::nullopt;
+    return fmt::format("the error {} is not documented for \"{}\"", error.dump(), name);
   }
-  const auto known = parts_->methods.find(method);
-  if (known == parts_->methods.end() || !known->second.result) {
-    return fmt::format("\"{}\" is not documented as a method with a result", method);
+  if (method == nullptr) return name + " is not documented as a method with a result";
+  const json& params = request.value("params", json());
+  const Problem wrong = method->params.Check(params.is_null() ? json::object() : params);
+  if (wrong && !method->document.at("params").empty()) {
+    return "wrong parameters were answered with a result: " + *wrong;
   }
-  return parts_->CheckResult(known->second, request, response.at("result"));
+  return method->result->Check(response.at("result"));
 }
 
 Problem Contract::CheckNotification(const std::string& topic, const json& message) const {
-  if (!message.is_object() || message.value("jsonrpc", json()) != "2.0" || message.contains("id") ||
-      !SameKeys(message, {"jsonrpc", "method", "params"})) {
+  if (!message.is_object() || message.value("jsonrpc", json()) != "2.0" ||
+      !HasOnly(message, {"jsonrpc", "method", "params"})) {
     return "a notification has \"jsonrpc\" \"2.0\", \"method\" and \"params\" only";
   }
   const json& name = message.value("method", json());
-  const auto known = name.is_string() ? parts_->methods.find(name) : parts_->methods.end();
-  if (known == parts_->methods.end() || known->second.result) {
-    return fmt::format("{} is not documented as a notification", name.dump());
+  const Method* method = Find(name, false);
+  if (method == nullptr) return name.dump() + " is not documented as a notification";
+  if (method->document.at("x-topics").at("notification") != topic) {
+    return name.dump() + " does not belong on " + topic;
   }
-  if (known->second.topic != topic) {
-    return fmt::format("{} belongs on \"{}\", not on \"{}\"", name.dump(), known->second.topic,
-                       topic);
-  }
-  return known->second.params.Check(message.value("params", json::object()));
+  return method->params.Check(message.value("params", json::object()));
 }
 
 std::vector<Contract::Example> Contract::Examples() const {
   std::vector<Example> examples;
-  for (const auto& [name, method] : parts_->methods) {
-    const json& topics = method.document.at("x-topics");
-    for (const json& node : method.document.at("examples")) {
-      examples.push_back(GoodExample(node, name, topics));
-    }
-    for (const json& node : method.document.value("x-error-examples", json::array())) {
-      examples.push_back(ErrorExample(node, name, topics));
+  for (const auto& [name, method] : methods_) {
+    for (const char* kind : {"examples", "x-error-examples"}) {
+      for (const json& node : method.document.value(kind, json::array())) {
+        examples.push_back(MakeExample(node, name, method.document.at("x-topics")));
+      }
     }
   }
-  for (const json& node : parts_->envelope.at("x-error-examples")) {
-    examples.push_back(ErrorExample(node, node.at("method"), node.at("x-topics")));
+  for (const json& node : envelope_.at("x-error-examples")) {
+    examples.push_back(MakeExample(node, node.at("method"), node.at("x-topics")));
   }
   return examples;
 }

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <filesystem>
-#include <memory>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "support/schema.h"
 
 namespace varnel::test {
 
@@ -23,17 +25,11 @@ class Contract {
     std::string response_topic;  ///< for a notification the topic it is sent on
     nlohmann::json params;       ///< null when the request has none
     nlohmann::json answer;       ///< {"result": ...} or {"error": ...}; null for a notification
-
-    nlohmann::json Request(const nlohmann::json& id) const;
-    nlohmann::json Response(const nlohmann::json& id) const;
   };
 
-  /// Throws std::runtime_error that names the first place where the document itself is not sane.
+  /// Throws an exception that tells the first place where the document or an example of it is not
+  /// sane.
   explicit Contract(const nlohmann::json& document);
-  ~Contract();
-  Contract(Contract&&) noexcept;
-  Contract& operator=(Contract&&) noexcept;
-
   static Contract Load(const std::filesystem::path& file);
 
   /// Judges an answer as a whole: envelope, echoed id, then the result against its schema or the
@@ -48,8 +44,17 @@ class Contract {
   std::vector<Example> Examples() const;
 
  private:
-  struct Parts;
-  std::unique_ptr<Parts> parts_;
+  struct Method {
+    nlohmann::json document;
+    JsonSchema params;
+    std::optional<JsonSchema> result;  ///< none for a notification
+  };
+
+  void CheckExample(const Example& example) const;
+  const Method* Find(const nlohmann::json& name, bool has_result) const;
+
+  nlohmann::json envelope_;
+  std::map<std::string, Method> methods_;
 };
 
 }  // namespace varnel::test

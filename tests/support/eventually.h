@@ -13,7 +13,7 @@ namespace varnel::test {
 
 /// For what tells nobody when it is done, like a broker: asks again after a moment.
 inline bool Eventually(const std::function<bool()>& done,
-                       std::chrono::seconds limit = std::chrono::seconds(20)) {
+                       std::chrono::milliseconds limit = std::chrono::seconds(20)) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (!done()) {
     if (std::chrono::steady_clock::now() >= deadline) return false;

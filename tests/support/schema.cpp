@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <stdexcept>
 #include <valijson/adapters/nlohmann_json_adapter.hpp>
 #include <valijson/schema.hpp>
 #include <valijson/schema_parser.hpp>
@@ -15,32 +14,14 @@ namespace {
 using nlohmann::json;
 using Adapter = valijson::adapters::NlohmannJsonAdapter;
 
-// No contract nests deeper than this; a circle of references does.
-constexpr int kMaxDepth = 100;
-
-json Resolve(const json& node, const json& document, int depth);
-
-json Target(const std::string& reference, const json& document, int depth) {
-  const bool local = reference.starts_with("#/");
-  const json::json_pointer pointer(local ? reference.substr(1) : "");
-  if (!local || !document.contains(pointer)) {
-    throw std::runtime_error(fmt::format("the reference \"{}\" leads nowhere", reference));
-  }
-  return Resolve(document.at(pointer), document, depth + 1);
-}
-
-json Resolve(const json& node, const json& document, int depth) {
-  if (depth > kMaxDepth) {
-    throw std::runtime_error("the references run in a circle");
-  }
+json Resolve(const json& node, const json& document) {
   if (node.is_object() && node.contains("$ref")) {
-    return Target(node.at("$ref").get<std::string>(), document, depth);
+    const auto reference = node.at("$ref").get<std::string>();
+    return Resolve(document.at(json::json_pointer(reference.substr(1))), document);
   }
   json copy = node;
   if (copy.is_structured()) {
-    for (json& child : copy) {
-      child = Resolve(child, document, depth + 1);
-    }
+    for (json& child : copy) child = Resolve(child, document);
   }
   return copy;
 }
@@ -48,7 +29,7 @@ json Resolve(const json& node, const json& document, int depth) {
 }  // namespace
 
 json ResolveReferences(const json& document) {
-  return Resolve(document, document, 0);
+  return Resolve(document, document);
 }
 
 JsonSchema::JsonSchema(const json& schema) : schema_(std::make_unique<valijson::Schema>()) {

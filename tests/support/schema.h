@@ -12,7 +12,7 @@ class Schema;
 namespace varnel::test {
 
 /// A copy of `document` in which every {"$ref": "#/..."} is replaced by what it points at. Throws
-/// std::runtime_error for a reference that leads nowhere or round in a circle.
+/// for a reference that leads nowhere.
 nlohmann::json ResolveReferences(const nlohmann::json& document);
 
 /// One compiled JSON Schema (draft 7, no references).

@@ -65,6 +65,21 @@ TEST_F(LoggerTest, LinesOfTheLevelReachAFileThatOthersCannotRead) {
   EXPECT_EQ(info.st_mode & 0777U, 0640U);
 }
 
+TEST_F(LoggerTest, NeitherALinkNorAFifoInItsPlaceIsWrittenTo) {
+  const fs::path victim = dir_.Write("victim", "precious");
+  fs::create_directory(dir_ / "logs");
+  fs::create_symlink(victim, File());
+  Start(10, 5);
+  LogAndFlush("after the link");
+  fs::remove(File());
+  ASSERT_EQ(::mkfifo(File().c_str(), 0600), 0);
+  LogAndFlush("lost with the removed file");
+  LogAndFlush("after the FIFO");
+  EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(File())));
+  EXPECT_THAT(Content(), HasSubstr("after the FIFO"));
+  EXPECT_EQ(test::ReadFile(victim), "precious");
+}
+
 TEST_F(LoggerTest, RotationKeepsTheLimitOfFilesAndBytes) {
   Start(1, 5);
   const std::string line(100'000, 'x');

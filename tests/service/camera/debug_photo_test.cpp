@@ -58,23 +58,5 @@ TEST_F(DebugPhotoTest, ATimeOfTheYears1To9999BecomesPartOfTheName) {
   }
 }
 
-TEST_F(DebugPhotoTest, OnlyWholeNumbersAndTextsAreTaken) {
-  const auto reads = [](const char* params) {
-    return ParseDebugPhoto(nlohmann::json::parse(params)).has_value();
-  };
-  for (const char* params :
-       {"{}", R"({"timestamp":0})", R"({"timestamp":-9223372036854775808})",
-        R"({"timestamp":9223372036854775807,"filepath":""})", R"({"filepath":"\u0000"})"}) {
-    EXPECT_TRUE(reads(params)) << params;
-  }
-  for (const char* params :
-       {R"({"timestamp":1.5})", R"({"timestamp":1e3})", R"({"timestamp":"1"})",
-        R"({"timestamp":null})", R"({"timestamp":false})", R"({"timestamp":[1]})",
-        R"({"timestamp":9223372036854775808})", R"({"timestamp":-9223372036854775809})",
-        R"({"filepath":1})", R"({"filepath":null})", R"({"filepath":{}})"}) {
-    EXPECT_FALSE(reads(params)) << params;
-  }
-}
-
 }  // namespace
 }  // namespace varnel::service
