@@ -129,6 +129,7 @@ TEST_F(TimelapseKillTest, NothingIsLostAtAnyStep) {
     ASSERT_NO_FATAL_FAILURE(ExpectSound(world));
     if (!killed) break;
   }
+  RecordProperty("changes", fatal);
   EXPECT_GT(fatal, 40);
   EXPECT_LT(fatal, kMostChanges);
 }

@@ -67,7 +67,8 @@ fi)");
   std::string Film(const TimelapseService& service, const std::string& index) {
     const auto path = paths_.web / VideoLinkName(index);
     const bool listed = test::Eventually([&] {
-      for (const auto& item : service.Store().List({})["instances"])
+      const nlohmann::json list = service.Store().List({});
+      for (const auto& item : list["instances"])
         if (item["date_index"] == index) return std::filesystem::exists(path);
       return false;
     });
