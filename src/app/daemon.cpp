@@ -122,10 +122,11 @@ class Services {
       : date_record_(hardware.storage.Paths().config_save),
         device_info_(
             comms, [&hardware]() -> const auto& { return hardware.system.Identity(); }),
-        camera_(
-            comms,
-            [&hardware](const std::string& path) { return hardware.multimedia.TakePhoto(path); },
-            client_paths) {}
+        camera_(comms, {.take_photo =
+                            [&hardware](const std::string& path) {
+                              return hardware.multimedia.TakePhoto(path);
+                            },
+                        .paths = &client_paths}) {}
 
   void Start() {
     date_record_.Start();

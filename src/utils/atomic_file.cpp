@@ -45,15 +45,6 @@ UniqueFd OpenTemporary(const fs::path& target, fs::path& temporary) {
   return fd;
 }
 
-std::error_code SyncDirectory(const fs::path& directory) {
-  const UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!fd) {
-    return LastError();
-  }
-  // Some file systems of USB drives cannot sync a directory and say EINVAL.
-  return ::fsync(fd.Get()) == 0 || errno == EINVAL ? std::error_code{} : LastError();
-}
-
 std::error_code Publish(int fd, mode_t mode, const fs::path& temporary, const fs::path& target) {
   if (::fchmod(fd, mode) != 0 || ::fsync(fd) != 0 ||
       ::rename(temporary.c_str(), target.c_str()) != 0) {
@@ -68,6 +59,29 @@ bool IsRegular(int fd) {
 }
 
 }  // namespace
+
+std::error_code SyncDirectory(const fs::path& directory) {
+  const UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd) {
+    return LastError();
+  }
+  // Some file systems of USB drives cannot sync a directory and say EINVAL.
+  return ::fsync(fd.Get()) == 0 || errno == EINVAL ? std::error_code{} : LastError();
+}
+
+std::error_code ReplaceSymlink(const fs::path& target, const fs::path& link) {
+  const fs::path temporary = DirectoryOf(link) / (".varnel-" + link.filename().string());
+  ::unlink(temporary.c_str());
+  if (::symlink(target.c_str(), temporary.c_str()) != 0) {
+    return LastError();
+  }
+  if (::rename(temporary.c_str(), link.c_str()) != 0) {
+    const std::error_code error = LastError();
+    ::unlink(temporary.c_str());
+    return error;
+  }
+  return SyncDirectory(DirectoryOf(link));
+}
 
 std::string FileEnding(const fs::path& file) {
   const std::string name = file.filename().string();

@@ -48,6 +48,14 @@ class ReplacementFile {
   mode_t mode_;
 };
 
+/// Makes `link` point at `target`, replacing what link was there in one step that survives a power
+/// failure.
+[[nodiscard]] std::error_code ReplaceSymlink(const std::filesystem::path& target,
+                                             const std::filesystem::path& link);
+
+/// Syncs a directory: what was made, renamed or removed in it survives a power failure.
+[[nodiscard]] std::error_code SyncDirectory(const std::filesystem::path& directory);
+
 /// The content of a regular file (also of /proc and /sys). Nothing when it is missing, of another
 /// kind, unreadable or longer than `max_bytes`.
 [[nodiscard]] std::optional<std::string> ReadSmallFile(const std::filesystem::path& path,

@@ -1,6 +1,7 @@
 #include "utils/child_process.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -53,13 +54,19 @@ class SpawnActions {
 
 class SpawnAttributes {
  public:
-  SpawnAttributes() : error_(posix_spawnattr_init(&attributes_)) {
+  explicit SpawnAttributes(bool idle_priority) : error_(posix_spawnattr_init(&attributes_)) {
     sigset_t all;
     sigset_t none;
     sigfillset(&all);
     sigemptyset(&none);
-    posix_spawnattr_setflags(
-        &attributes_, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    int flags = POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
+    if (idle_priority) {
+      flags |= POSIX_SPAWN_SETSCHEDULER;
+      const sched_param parameters{};
+      posix_spawnattr_setschedpolicy(&attributes_, SCHED_IDLE);
+      posix_spawnattr_setschedparam(&attributes_, &parameters);
+    }
+    posix_spawnattr_setflags(&attributes_, static_cast<short>(flags));
     posix_spawnattr_setpgroup(&attributes_, 0);
     posix_spawnattr_setsigdefault(&attributes_, &all);
     posix_spawnattr_setsigmask(&attributes_, &none);
@@ -143,7 +150,7 @@ std::optional<int> ChildProcess::Reap() {
 
 int SpawnChild(const ChildSetup& setup, pid_t& pid) {
   SpawnActions actions;
-  const SpawnAttributes attributes;
+  const SpawnAttributes attributes(setup.idle_priority);
   if (const int error = actions.Build(setup); error != 0) {
     return error;
   }

@@ -18,6 +18,8 @@ struct ChildSetup {
   int standard_output = -1;            ///< above 2, like standard_error
   int standard_error = -1;
   bool outlives_us = false;  ///< EndChildren() leaves it alone
+  /// Scheduling policy SCHED_IDLE, which also means idle priority of the disk.
+  bool idle_priority = false;
 };
 
 struct Pipe {

@@ -184,6 +184,11 @@ SafeExec& SafeExec::OutliveUs() {
   return *this;
 }
 
+SafeExec& SafeExec::SetIdlePriority() {
+  idle_priority_ = true;
+  return *this;
+}
+
 SafeExec& SafeExec::SetOutputLimit(size_t bytes) {
   output_limit_ = bytes;
   return *this;
@@ -245,6 +250,7 @@ int SafeExec::Start(const Outputs& outputs, int& pid) {
   setup.standard_output = outputs.child_out.Get();
   setup.standard_error = outputs.child_err.Get();
   setup.outlives_us = outlives_us_;
+  setup.idle_priority = idle_priority_;
   return SpawnChild(setup, pid);
 }
 

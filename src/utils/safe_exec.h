@@ -47,6 +47,9 @@ class SafeExec {
   SafeExec& SetOutputFile(std::string path);
   /// The child goes on when this process ends.
   SafeExec& OutliveUs();
+  /// The child runs at the lowest priority of the processor and the disk, set before its first
+  /// step.
+  SafeExec& SetIdlePriority();
   /// Bytes kept of each output; the rest is read and dropped.
   SafeExec& SetOutputLimit(size_t bytes);
 
@@ -80,6 +83,7 @@ class SafeExec {
   std::optional<uint32_t> timeout_ms_;
   size_t output_limit_ = kDefaultOutputLimit;
   bool outlives_us_ = false;
+  bool idle_priority_ = false;
 };
 
 }  // namespace varnel::utils

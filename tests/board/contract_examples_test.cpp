@@ -1,6 +1,7 @@
 // Every example of the contract, run against the daemon.
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <fstream>
 #include <map>
 
@@ -38,7 +39,11 @@ void BecomeTheExample(const Board& board) {
 TEST(ContractExamplesTest, TheDaemonAnswersEachExampleAsWritten) {
   ServedBoard served(DaemonOptions(), BecomeTheExample);
   ASSERT_TRUE(served.rpc.AwaitDaemon());
-  for (const auto& example : DaemonContract().Examples()) {
+  auto examples = DaemonContract().Examples();
+  // The failures are those of a printer on which nothing has been started.
+  std::stable_partition(examples.begin(), examples.end(),
+                        [](const auto& example) { return example.answer.contains("error"); });
+  for (const auto& example : examples) {
     if (example.request_topic.empty()) continue;  // a notification
     SCOPED_TRACE(example.name);
     ASSERT_NO_FATAL_FAILURE(Arrange(served.board, example.given));

@@ -6,6 +6,7 @@
 
 #include "comms/json_rpc_message.h"
 #include "comms/log_payload.h"
+#include "service/camera/camera_answers.h"
 #include "service/camera/debug_photo.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
@@ -17,29 +18,21 @@ using comms::MakeError;
 using hal_adapter::PhotoStatus;
 using nlohmann::json;
 
-constexpr const char* kTag = "CAMSRV";
+constexpr const char* kTag = kCameraTag;
 constexpr const char* kTakePhoto = "camera.take_a_photo";
+constexpr const char* kNotificationTopic = "camera/notification";
 constexpr size_t kLoggedBytes = 1024;
 constexpr uint32_t kFromCloud = 1;
-
-json Success() {
-  return json{{"state", "success"}};
-}
 
 void LogRequest(const json& params) {
   if (!spdlog::should_log(spdlog::level::debug)) return;
   VLOG_DEBUG(kTag, "Receive JSON-RPC message: {}", comms::LogJson(params, kLoggedBytes));
 }
 
-json InvalidParams(const char* method) {
-  VLOG_ERROR(kTag, "method: {}, invalid parameter", method);
-  return MakeError(comms::kInvalidParams, "Invalid params");
-}
-
 json PhotoAnswer(PhotoStatus status) {
   switch (status) {
     case PhotoStatus::kSuccess:
-      return Success();
+      return CameraSuccess();
     case PhotoStatus::kNotWritable:
       return MakeError(comms::kInvalidRequest, "Invalid Request");
     case PhotoStatus::kCaptureFailed:
@@ -51,9 +44,22 @@ json PhotoAnswer(PhotoStatus status) {
 
 }  // namespace
 
-CameraService::CameraService(comms::CommsManager& comms, TakePhoto take_photo,
-                             const utils::ClientPathPolicy& paths)
-    : comms_(comms), take_photo_(std::move(take_photo)), paths_(paths) {}
+CameraService::CameraService(comms::CommsManager& comms, Setup setup)
+    : comms_(comms),
+      take_photo_(std::move(setup.take_photo)),
+      paths_(*setup.paths),
+      clock_(*setup.clock),
+      timelapses_(
+          std::move(setup.timelapse_paths),
+          [this](const std::string& path) { return take_photo_(path) == PhotoStatus::kSuccess; },
+          [this](const std::string& method, json params) {
+            return Notify(method, std::move(params));
+          },
+          std::move(setup.uploader), *setup.clock) {}
+
+int CameraService::Notify(const std::string& method, json params) {
+  return comms::Code(comms_.SendNotification(kNotificationTopic, method, std::move(params)));
+}
 
 comms::CommsStatus CameraService::Start() {
   using Handler = json (CameraService::*)(const json&);
@@ -61,9 +67,21 @@ comms::CommsStatus CameraService::Start() {
     const char* name;
     Handler handler;
   };
+  timelapses_.HandleUnfinished();
+  using Service = CameraService;
   const std::array methods{
-      Method{kTakePhoto, &CameraService::ReqCallbackCameraServiceTakePhoto},
-      Method{"camera.get_status", &CameraService::ReqCallbackCameraServiceGetStatus},
+      Method{kTakePhoto, &Service::ReqCallbackCameraServiceTakePhoto},
+      Method{"camera.get_status", &Service::ReqCallbackCameraServiceGetStatus},
+      Method{"camera.start_monitor", &Service::ReqCallbackCameraServiceStartMonitor},
+      Method{"camera.stop_monitor", &Service::ReqCallbackCameraServiceStopMonitor},
+      Method{"camera.start_timelapse", &Service::ReqCallbackCameraServiceStartTimelapse},
+      Method{"camera.stop_timelapse", &Service::ReqCallbackCameraServiceStopTimelapse},
+      Method{"camera.get_timelapse_instance",
+             &Service::ReqCallbackCameraServiceGetTimelapseInstance},
+      Method{"camera.delete_timelapse_instance",
+             &Service::ReqCallbackCameraServiceDeleteTimelapseInstance},
+      Method{"camera.upload_timelapse_instance",
+             &Service::ReqCallbackCameraServiceUploadTimelapseInstance},
   };
   for (const Method& method : methods) {
     const auto status =
@@ -78,10 +96,10 @@ comms::CommsStatus CameraService::Start() {
 }
 
 json CameraService::ReqCallbackCameraServiceTakePhoto(const json& params) {
-  if (!params.is_object() && !params.is_null()) return InvalidParams(kTakePhoto);
+  if (!AreCameraParams(params)) return InvalidCameraParams(kTakePhoto);
   if (!params.contains("reason"))
     return MakeError(comms::kInvalidParams, "Missing required param: reason");
-  if (!params["reason"].is_string()) return InvalidParams(kTakePhoto);
+  if (!params["reason"].is_string()) return InvalidCameraParams(kTakePhoto);
   const std::string reason = params["reason"].get<std::string>();
   VLOG_INFO(kTag, "Take a photo, reason is {}", utils::LogText(reason));
   if (reason == "printing") return TakePrintingPhoto();
@@ -89,7 +107,11 @@ json CameraService::ReqCallbackCameraServiceTakePhoto(const json& params) {
   return MakeError(comms::kInvalidRequest, "Invalid Request");
 }
 
-json CameraService::TakePrintingPhoto() const {
+json CameraService::TakePrintingPhoto() {
+  const std::optional<TimelapsePhoto> photo = timelapses_.TakePhoto();
+  if (photo == TimelapsePhoto::kTaken) return CameraSuccess();
+  if (photo == TimelapsePhoto::kFailed)
+    return MakeError(comms::kOperationFailed, "Take photo failed");
   VLOG_WARN(kTag, "Timelapse take photo: invalid operation.");
   return MakeError(comms::kInvalidRequest, "Invalid operation");
 }
@@ -97,7 +119,7 @@ json CameraService::TakePrintingPhoto() const {
 json CameraService::TakeDebugPhoto(const json& params) {
   const std::optional<DebugPhotoRequest> request = ParseDebugPhoto(params);
   const std::optional<std::string> path = request ? DebugPhotoPath(*request) : std::nullopt;
-  if (!path) return InvalidParams(kTakePhoto);
+  if (!path) return InvalidCameraParams(kTakePhoto);
   if (path->empty()) return PhotoAnswer(take_photo_(""));
   const std::optional<std::filesystem::path> target = paths_.Resolve(*path);
   if (!target) {
@@ -112,7 +134,7 @@ json CameraService::ReqCallbackCameraServiceGetStatus(const json&) {
   return json{{"state", "success"},
               {"interface_type", "MIPI"},
               {"monitoring", false},
-              {"timelapse", false}};
+              {"timelapse", timelapses_.IsRunning()}};
 }
 
 }  // namespace varnel::service

@@ -6,6 +6,7 @@
 
 #include "comms/comms_manager.h"
 #include "hal_adapter/multimedia_adapter.h"
+#include "service/camera/timelapse_service.h"
 #include "utils/client_path.h"
 
 namespace varnel::service {
@@ -18,23 +19,44 @@ class CameraService {
   /// thread.
   using TakePhoto = std::function<hal_adapter::PhotoStatus(const std::string& path)>;
 
-  /// The manager and the policy must outlive the service.
-  CameraService(comms::CommsManager& comms, TakePhoto take_photo,
-                const utils::ClientPathPolicy& paths);
+  /// What the service is built from; the defaults are the board's.
+  struct Setup {
+    TakePhoto take_photo;
+    const utils::ClientPathPolicy* paths = nullptr;  ///< must outlive the service
+    TimelapsePaths timelapse_paths = {};
+    std::unique_ptr<FileUploader> uploader = std::make_unique<NoUploader>();
+    utils::Clock* clock = &utils::SystemClock::Instance();
+  };
 
-  /// Registers the methods; the manager keeps references to this object from then on.
+  /// The manager must outlive the service.
+  CameraService(comms::CommsManager& comms, Setup setup);
+
+  /// Handles what an earlier run left, then registers the methods; the manager keeps references to
+  /// this object from then on.
   [[nodiscard]] comms::CommsStatus Start();
 
   nlohmann::json ReqCallbackCameraServiceTakePhoto(const nlohmann::json& params);
   nlohmann::json ReqCallbackCameraServiceGetStatus(const nlohmann::json& params);
+  nlohmann::json ReqCallbackCameraServiceStartMonitor(const nlohmann::json& params);
+  nlohmann::json ReqCallbackCameraServiceStopMonitor(const nlohmann::json& params);
+  nlohmann::json ReqCallbackCameraServiceStartTimelapse(const nlohmann::json& params);
+  nlohmann::json ReqCallbackCameraServiceStopTimelapse(const nlohmann::json& params);
+  nlohmann::json ReqCallbackCameraServiceGetTimelapseInstance(const nlohmann::json& params);
+  nlohmann::json ReqCallbackCameraServiceDeleteTimelapseInstance(const nlohmann::json& params);
+  nlohmann::json ReqCallbackCameraServiceUploadTimelapseInstance(const nlohmann::json& params);
 
  private:
   nlohmann::json TakeDebugPhoto(const nlohmann::json& params);
-  nlohmann::json TakePrintingPhoto() const;
+  nlohmann::json TakePrintingPhoto();
+  bool StartTimelapse(const std::string& type, const TimelapseSettings& settings);
+  int Notify(const std::string& method, nlohmann::json params);
+  void NotifyStatusChange(bool timelapse);
 
   comms::CommsManager& comms_;
   const TakePhoto take_photo_;
   const utils::ClientPathPolicy& paths_;
+  utils::Clock& clock_;
+  TimelapseService timelapses_;
 };
 
 }  // namespace varnel::service

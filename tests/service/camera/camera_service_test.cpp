@@ -38,11 +38,13 @@ class CameraServiceTest : public testing::Test {
   PhotoStatus status_ = PhotoStatus::kSuccess;
   std::vector<std::string> taken_;
   CameraService service_{comms_,
-                         [this](const std::string& path) {
-                           taken_.push_back(path);
-                           return status_;
-                         },
-                         paths_};
+                         {.take_photo =
+                              [this](const std::string& path) {
+                                taken_.push_back(path);
+                                return status_;
+                              },
+                          .paths = &paths_,
+                          .timelapse_paths = {.root = dir_ / "store", .web = dir_ / "web"}}};
 };
 
 json Error(int code, const char* message) {
@@ -100,6 +102,53 @@ TEST_F(CameraServiceTest, ThePhotoGoesToTheRealPathAndItsOutcomeIsAnswered) {
     status_ = status;
     EXPECT_EQ(Debug(dir_ / "p.jpg"), error);
   }
+}
+
+TEST_F(CameraServiceTest, TimeLapseParamsAreJudgedBeforeAnythingHappens) {
+  using Handler = json (CameraService::*)(const json&);
+  const Handler start = &CameraService::ReqCallbackCameraServiceStartTimelapse;
+  const Handler list = &CameraService::ReqCallbackCameraServiceGetTimelapseInstance;
+  const Handler remove = &CameraService::ReqCallbackCameraServiceDeleteTimelapseInstance;
+  const Handler upload = &CameraService::ReqCallbackCameraServiceUploadTimelapseInstance;
+  const Handler monitor = &CameraService::ReqCallbackCameraServiceStartMonitor;
+  const Handler end_monitor = &CameraService::ReqCallbackCameraServiceStopMonitor;
+  const json missing = Error(-32602, "Missing required params: mode, frame_rate");
+  const json invalid = Error(-32602, "Invalid params");
+  const struct {
+    Handler handler;
+    const char* params;
+    json answer;
+  } cases[] = {
+      {start, "null", missing},
+      {start, R"({"mode":"classic"})", missing},
+      {start, "[]", invalid},
+      {start, R"({"mode":7,"frame_rate":30})", invalid},
+      {start, R"({"mode":"classic","frame_rate":30,"type":7})", invalid},
+      {start, R"({"mode":"classic","frame_rate":30,"type":"old"})",
+       Error(-32600, "Unsupported type: old")},
+      {start, R"({"mode":"classic","frame_rate":30,"type":"continue"})",
+       Error(-32600, "start timelapse failed")},
+      {&CameraService::ReqCallbackCameraServiceStopTimelapse, "null",
+       Error(-32600, "Invalid operation")},
+      {list, "[]", invalid},
+      {remove, "null", Error(-32602, "Missing required param: date_index")},
+      {remove, R"({"date_index":7})", invalid},
+      {remove, R"({"date_index":"20260101000000"})",
+       json{{"state", "failed"}, {"message", "file not found"}}},
+      {upload, R"({"date_index":"1"})", Error(-32602, "Missing required params: date_index, type")},
+      {upload, R"({"date_index":"1","type":1})", invalid},
+      {upload, R"({"date_index":"1","type":"x"})",
+       json{{"state", "failed"}, {"message", "internal error"}}},
+      {monitor, "{}", Error(-32602, "Missing required params: domain, interval")},
+      {monitor, R"({"domain":"home","interval":1})", invalid},
+      {monitor, R"({"domain":"wan","interval":1,"expect_pw":true})",
+       Error(-32000, "Start monitor failed")},
+      {end_monitor, "null", Error(-32602, "Missing required param: domain")},
+      {end_monitor, R"({"domain":"lan"})", Error(-32000, "Stop monitor failed")},
+  };
+  for (const auto& test : cases)
+    EXPECT_EQ((service_.*test.handler)(json::parse(test.params)), test.answer) << test.params;
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "store"));
 }
 
 TEST_F(CameraServiceTest, StartFailsWhenANameIsTaken) {

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <stop_token>
+#include <string>
+#include <thread>
+
+#include "service/camera/timelapse.h"
+#include "service/camera/video_finisher.h"
+
+namespace varnel::service {
+
+/// Makes the films of stopped time-lapses, one after another, on a thread of its own. Thread-safe.
+class FilmQueue {
+ public:
+  explicit FilmQueue(VideoFinisher& finisher);
+  /// Waits for the film in progress; what waits stays on disk for the next start.
+  ~FilmQueue();
+  FilmQueue(const FilmQueue&) = delete;
+  FilmQueue& operator=(const FilmQueue&) = delete;
+
+  /// The time-lapse of a print that has just ended.
+  void Add(std::shared_ptr<Timelapse> timelapse);
+  /// One that an earlier run of the daemon left.
+  void Add(std::shared_ptr<TimelapseInstance> instance);
+  /// Its film could not be made; the next start tries again.
+  bool HasFailed(const std::string& index) const;
+
+ private:
+  struct Job {
+    std::shared_ptr<TimelapseInstance> instance;
+    std::shared_ptr<Timelapse> timelapse;
+  };
+
+  void Push(Job job);
+  void Run(const std::stop_token& stop);
+  void Make(const Job& job);
+
+  VideoFinisher& finisher_;
+  mutable std::mutex mutex_;
+  std::condition_variable_any changed_;
+  std::deque<Job> jobs_;          // mutex_
+  std::set<std::string> failed_;  // mutex_
+  std::jthread thread_;           // last: starts when the rest is complete
+};
+
+}  // namespace varnel::service

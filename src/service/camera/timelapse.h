@@ -1,0 +1,72 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <stop_token>
+#include <thread>
+
+#include "service/camera/timelapse_instance.h"
+#include "service/camera/video_finisher.h"
+
+namespace varnel::service {
+
+enum class TimelapsePhoto { kTaken, kNotActive, kFailed };
+
+/// The time-lapse of the current print: takes its photos, and turns each into a segment on a thread
+/// of its own, in order. Thread-safe.
+class Timelapse {
+ public:
+  /// Photos that wait for the encoder; the next one waits for room after it was taken.
+  static constexpr size_t kMaxWaiting = 2;
+
+  /// Takes a photo with the main camera to a path. True when the file is whole.
+  using TakePhotoTo = std::function<bool(const std::string& path)>;
+
+  Timelapse(std::shared_ptr<TimelapseInstance> instance, TakePhotoTo take_photo,
+            SegmentEncoder& segments);
+  /// Waits for the segment being encoded.
+  ~Timelapse();
+  Timelapse(const Timelapse&) = delete;
+  Timelapse& operator=(const Timelapse&) = delete;
+
+  /// A new instance becomes ACTIVATED; a continued one must be it.
+  [[nodiscard]] bool Start(bool continued);
+  /// Returns when the photo's file is whole.
+  [[nodiscard]] TimelapsePhoto TakePhoto();
+  /// The state becomes GENERATING. False when it is not active or has no photo.
+  [[nodiscard]] bool Stop();
+  /// Takes no more photos and forgets those that wait: the print goes on in another time-lapse.
+  void Abandon();
+
+  /// Ends the encoding thread; what waits is left on disk for the finisher.
+  void EndEncoding();
+
+  TimelapseInstance& Instance() { return *instance_; }
+  TimelapseState State() const { return instance_->State(); }
+
+ private:
+  bool Capture(uint32_t number) const;
+  void Enqueue(uint32_t number);
+  void EncodeWaiting(const std::stop_token& stop);
+
+  const std::shared_ptr<TimelapseInstance> instance_;
+  const TakePhotoTo take_photo_;
+  SegmentEncoder& segments_;
+
+  std::mutex photo_mutex_;    // one photo, and no state change while it is taken
+  uint32_t next_number_ = 1;  // photo_mutex_
+  bool abandoned_ = false;    // photo_mutex_
+
+  std::mutex queue_mutex_;
+  std::condition_variable_any queue_changed_;
+  std::deque<uint32_t> waiting_;  // queue_mutex_
+
+  std::mutex thread_mutex_;
+  std::jthread encoding_;  // thread_mutex_
+};
+
+}  // namespace varnel::service

@@ -1,0 +1,195 @@
+#include "service/camera/timelapse_root.h"
+
+#include <algorithm>
+#include <chrono>
+#include <optional>
+#include <system_error>
+
+#include "utils/atomic_file.h"
+#include "utils/local_time.h"
+#include "utils/log.h"
+#include "utils/log_text.h"
+
+namespace varnel::service {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kTag = "TLP";
+/// A name that is no index: the scan at start ignores it.
+constexpr const char* kBuildingPrefix = ".new_";
+constexpr std::chrono::milliseconds kRetryPause{500};
+constexpr int kMaxIndexTries = 20;
+constexpr size_t kMaxIndexBytes = 64;
+
+int64_t SecondsOf(utils::Clock::WallTime time) {
+  return std::chrono::floor<std::chrono::seconds>(time.time_since_epoch()).count();
+}
+
+bool Exists(const fs::path& path) {
+  std::error_code error;
+  return fs::exists(fs::symlink_status(path, error));
+}
+
+}  // namespace
+
+TimelapseRoot::TimelapseRoot(const TimelapsePaths& paths, utils::Clock& clock)
+    : paths_(paths), clock_(clock) {}
+
+bool TimelapseRoot::MakeRoot() const {
+  std::error_code error;
+  fs::create_directories(paths_.root, error);
+  if (error) {
+    VLOG_ERROR(kTag, "Create timelapse root temporary directory {} failed, reason: {}",
+               paths_.root.string(), error.message());
+  }
+  return !error;
+}
+
+std::string TimelapseRoot::FreeIndex() const {
+  for (int i = 0; i < kMaxIndexTries; ++i) {
+    const auto index = utils::LocalTimeDigits(SecondsOf(clock_.WallNow()));
+    if (index && !Exists(paths_.root / *index)) return *index;
+    VLOG_WARN(kTag, "{} exists, retry.", index.value_or("(no date)"));
+    clock_.SleepFor(kRetryPause);
+  }
+  return {};
+}
+
+bool TimelapseRoot::Build(const fs::path& directory, const TimelapseSettings& settings) const {
+  std::error_code error;
+  fs::remove_all(directory, error);
+  fs::create_directory(directory, error);
+  if (!error) error = SaveTimelapseSettings(settings, directory / "config.json");
+  if (error) {
+    VLOG_ERROR(kTag, "Create working directory {} failed, reason: {}", directory.string(),
+               error.message());
+  }
+  return !error && WriteTimelapseState(directory, TimelapseState::kReady);
+}
+
+std::shared_ptr<TimelapseInstance> TimelapseRoot::Create(const TimelapseSettings& settings) {
+  const std::string index = MakeRoot() ? FreeIndex() : std::string();
+  const fs::path building = paths_.root / (kBuildingPrefix + index);
+  const fs::path directory = paths_.root / index;
+  std::error_code error;
+  bool made = !index.empty() && Build(building, settings);
+  if (made) {
+    fs::rename(building, directory, error);
+    if (!error) error = utils::SyncDirectory(paths_.root);
+    if (error) {
+      VLOG_ERROR(kTag, "Create working directory {} failed, reason: {}", directory.string(),
+                 error.message());
+    }
+    made = !error;
+  }
+  if (!made) {
+    VLOG_ERROR(kTag, "Timelapse: create working directory failed.");
+    if (!index.empty()) fs::remove_all(building, error);
+    return nullptr;
+  }
+  PointAt(index);
+  VLOG_INFO(kTag, "Create a new timelapse instance, index is {}.", index);
+  return std::make_shared<TimelapseInstance>(directory, settings, TimelapseState::kReady);
+}
+
+void TimelapseRoot::PointAt(const std::string& index) const {
+  const fs::path directory = paths_.root / index;
+  if (const std::error_code error = utils::ReplaceSymlink(directory, paths_.Current())) {
+    VLOG_ERROR(kTag, "Create symlink to directory {} failed, reason: {}", directory.string(),
+               error.message());
+  }
+  if (const std::error_code error = utils::WriteFileAtomically(paths_.NextIndex(), index + '\n')) {
+    VLOG_ERROR(kTag, "Record the next index {} failed, reason: {}", index, error.message());
+  }
+}
+
+std::shared_ptr<TimelapseInstance> TimelapseRoot::Open(const std::string& index) const {
+  const fs::path directory = paths_.root / index;
+  std::error_code error;
+  TimelapseState state = TimelapseState::kInitial;
+  const char* problem = nullptr;
+  if (!IsTimelapseIndex(index) || !fs::is_directory(directory, error)) {
+    VLOG_ERROR(kTag, "{} is not exists.", directory.string());
+    problem = "no such directory";
+  } else if (ReadTimelapseState(directory, state) != StateRecord::kFound) {
+    problem = "no usable state record";
+  }
+  if (problem != nullptr) {
+    VLOG_ERROR(
+        kTag, "Initialize an existing timelapse instance failed, working directory: {}, reason: {}",
+        directory.string(), problem);
+    return nullptr;
+  }
+  TimelapseSettings settings = LoadTimelapseSettings(directory / "config.json");
+  VLOG_INFO(kTag,
+            "Initialize an existing instance, index: {}, state: {}, frame_rate: {}, mode: {}, "
+            "gcode_name: {}, gcode_path: {}",
+            index, TimelapseStateName(state), settings.frame_rate, settings.mode,
+            utils::LogText(settings.gcode_name), utils::LogText(settings.gcode_path));
+  return std::make_shared<TimelapseInstance>(directory, std::move(settings), state);
+}
+
+std::string TimelapseRoot::NextIndex() const {
+  std::string index = utils::ReadSmallFile(paths_.NextIndex(), kMaxIndexBytes).value_or("");
+  while (index.ends_with('\n')) index.pop_back();
+  return IsTimelapseIndex(index) ? index : std::string();
+}
+
+std::vector<std::string> TimelapseRoot::Indices() const {
+  std::vector<std::string> indices;
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(paths_.root, error)) {
+    const std::string name = entry.path().filename().string();
+    std::error_code ignored;
+    if (IsTimelapseIndex(name) && entry.is_directory(ignored) && !entry.is_symlink(ignored))
+      indices.push_back(name);
+  }
+  std::sort(indices.begin(), indices.end());
+  return indices;
+}
+
+void TimelapseRoot::RemoveUnfinished() const {
+  for (const std::string& index : Indices()) RemoveIfUnfinished(index);
+}
+
+void TimelapseRoot::RemoveIfUnfinished(const std::string& index) const {
+  const fs::path directory = paths_.root / index;
+  TimelapseState state = TimelapseState::kInitial;
+  const StateRecord record = ReadTimelapseState(directory, state);
+  if (record == StateRecord::kMissing)
+    VLOG_WARN(kTag, "Time-lapse {}: state file is not exists, do nothing.", index);
+  if (record != StateRecord::kFound || state != TimelapseState::kActivated) return;
+  VLOG_INFO(kTag, "Remove the unfinished time-lapse {}", index);
+  std::error_code error;
+  fs::remove_all(directory, error);
+  if (error) {
+    VLOG_ERROR(kTag, "Remove directory {} failed, reason: {}", directory.string(), error.message());
+  } else {
+    VLOG_INFO(kTag, "Remove the unfinished time-lapse {} done.", index);
+  }
+}
+
+void TimelapseRoot::RemoveHalfMade() const {
+  std::error_code error;
+  std::vector<fs::path> left;
+  for (const auto& entry : fs::directory_iterator(paths_.root, error)) {
+    if (entry.path().filename().string().starts_with(kBuildingPrefix)) left.push_back(entry.path());
+  }
+  for (const std::string& index : Indices()) {
+    TimelapseState state = TimelapseState::kInitial;
+    const fs::path directory = paths_.root / index;
+    const bool never_started = ReadTimelapseState(directory, state) == StateRecord::kFound &&
+                               state < TimelapseState::kActivated;
+    if (never_started) left.push_back(directory);
+  }
+  for (const fs::path& directory : left) {
+    fs::remove_all(directory, error);
+    if (error) {
+      VLOG_ERROR(kTag, "Remove directory {} failed, reason: {}", directory.string(),
+                 error.message());
+    }
+  }
+}
+
+}  // namespace varnel::service

@@ -1,0 +1,313 @@
+#include "service/camera/timelapse_store.h"
+
+#include <algorithm>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "service/camera/json_file.h"
+#include "service/camera/timelapse_instance.h"
+#include "utils/atomic_file.h"
+#include "utils/file_lock.h"
+#include "utils/log.h"
+#include "utils/log_text.h"
+
+namespace varnel::service {
+namespace {
+
+namespace fs = std::filesystem;
+using hal_adapter::HalStatus;
+using nlohmann::json;
+
+constexpr const char* kTag = "TLP";
+/// A name that is no index. A work directory that has it is as good as gone.
+constexpr const char* kDeletedPrefix = ".deleted_";
+constexpr size_t kMaxThumbnailBytes = size_t{16} << 20U;
+
+json EmptyDescription() {
+  return {{"count", 0}, {"instances", json::array()}};
+}
+
+bool IsDescription(const json& value) {
+  return value.is_object() && value.contains("instances") && value["instances"].is_array();
+}
+
+std::string TextOf(const json& record, const char* key) {
+  if (!record.is_object()) return {};
+  const auto value = record.find(key);
+  return value != record.end() && value->is_string() ? value->get<std::string>() : std::string();
+}
+
+auto FindIndex(json& instances, const std::string& index) {
+  return std::find_if(instances.begin(), instances.end(),
+                      [&](const json& record) { return TextOf(record, "date_index") == index; });
+}
+
+void SetCount(json& description) {
+  description["count"] = description["instances"].size();
+}
+
+json Number(const json& record, const char* key) {
+  const auto value = record.find(key);
+  return value != record.end() && value->is_number() ? *value : json(0);
+}
+
+json VideoSize(const json& record) {
+  std::error_code error;
+  const uintmax_t size = fs::file_size(TextOf(record, "video_path"), error);
+  if (error) VLOG_WARN(kTag, "Get video file size error: {}", error.message());
+  return error ? 0 : size;
+}
+
+/// The records that can be shown, the newest first.
+std::vector<const json*> Shown(const json& description) {
+  std::vector<const json*> records;
+  for (const json& record : description["instances"]) {
+    if (IsTimelapseIndex(TextOf(record, "date_index"))) records.push_back(&record);
+  }
+  std::stable_sort(records.begin(), records.end(), [](const json* a, const json* b) {
+    return TextOf(*a, "date_index") > TextOf(*b, "date_index");
+  });
+  return records;
+}
+
+}  // namespace
+
+TimelapseStore::TimelapseStore(const TimelapsePaths& paths, utils::Clock& clock)
+    : paths_(paths), clock_(clock) {}
+
+struct TimelapseStore::Opened {
+  utils::FileLock lock;
+};
+
+std::optional<TimelapseStore::Opened> TimelapseStore::Open() const {
+  std::string problem;
+  auto lock = utils::FileLock::Acquire(paths_.Lock(), kLockLimit, clock_, problem);
+  if (lock) return Opened{std::move(*lock)};
+  VLOG_ERROR(kTag, "Failed to acquire file lock: {}", problem);
+  return std::nullopt;
+}
+
+json TimelapseStore::LoadForUpdate(IllegalContent illegal, HalStatus& status) const {
+  status = hal_adapter::kHalSuccess;
+  JsonFile file = ReadJsonFile(kTag, paths_.Description());
+  if (file.state == JsonFile::State::kRead && IsDescription(file.value))
+    return std::move(file.value);
+  if (illegal == IllegalContent::kKeep) {
+    const bool missing = file.state == JsonFile::State::kMissing;
+    status = missing ? hal_adapter::kHalFileNotFound : hal_adapter::kHalFileFormatError;
+    if (missing) {
+      VLOG_ERROR(kTag, "File {} not found.", paths_.Description().string());
+    } else if (file.value.is_object() && file.value.contains("instances")) {
+      VLOG_ERROR(kTag, "The 'instances' is not array.");
+    } else {
+      VLOG_ERROR(kTag, "The content of the description file is illegal, do nothing.");
+    }
+    return {};
+  }
+  if (file.state == JsonFile::State::kMissing) return EmptyDescription();
+  VLOG_WARN(kTag, "The content of the description file is illegal, use a new description file.");
+  std::error_code error;
+  fs::rename(paths_.Description(), paths_.Description().string() + ".bad", error);
+  if (error) VLOG_ERROR(kTag, "Filesystem error: {}", error.message());
+  return EmptyDescription();
+}
+
+HalStatus TimelapseStore::Write(const json& description) const {
+  const std::error_code error =
+      utils::WriteFileAtomically(paths_.Description(), ToText(description));
+  if (!error) return hal_adapter::kHalSuccess;
+  VLOG_ERROR(kTag, "Filesystem error: {}", error.message());
+  return hal_adapter::kHalFailure;
+}
+
+std::string TimelapseStore::Add(const json& record) const {
+  const auto opened = Open();
+  if (!opened) return "the description file is locked";
+  HalStatus status = hal_adapter::kHalSuccess;
+  json description = LoadForUpdate(IllegalContent::kStartNew, status);
+  json& instances = description["instances"];
+  const auto found = FindIndex(instances, TextOf(record, "date_index"));
+  if (found != instances.end()) {
+    *found = record;
+  } else {
+    instances.push_back(record);
+  }
+  SetCount(description);
+  return Write(description) == hal_adapter::kHalSuccess ? std::string()
+                                                        : "the description file cannot be written";
+}
+
+json TimelapseStore::Item(const json& record, bool thumbnail_inline) const {
+  const std::string index = TextOf(record, "date_index");
+  json item = {{"date_index", index},
+               {"gcode_name", TextOf(record, "gcode_name")},
+               {"gcode_path", TextOf(record, "gcode_path")},
+               {"generate_date", TextOf(record, "generate_date")},
+               {"unix_timestamp_s", Number(record, "unix_timestamp_s")},
+               {"video_duration", TextOf(record, "video_duration")},
+               {"video_url", kWebUrl + VideoLinkName(index)},
+               {"video_size", VideoSize(record)}};
+  if (thumbnail_inline) {
+    const fs::path text = fs::path(TextOf(record, "timelapse_dir")) / "thumbnail_base64.txt";
+    item["thumbnail_base64"] =
+        "data:image/jpeg;base64," + utils::ReadSmallFile(text, kMaxThumbnailBytes).value_or("");
+  } else {
+    item["thumbnail_path"] = kWebUrl + ThumbnailLinkName(index);
+  }
+  return item;
+}
+
+json TimelapseStore::List(const TimelapseQuery& query) const {
+  json description = EmptyDescription();
+  std::error_code error;
+  if (!fs::exists(paths_.root, error)) {
+    VLOG_INFO(kTag, "The timelapse root temporary directory {} does not exist, set count to 0.",
+              paths_.root.string());
+  } else if (const auto opened = Open()) {
+    if (!fs::exists(paths_.Description(), error)) {
+      VLOG_INFO(kTag, "The description file {} does not exist, set count to 0.",
+                paths_.Description().string());
+    } else {
+      HalStatus status = hal_adapter::kHalSuccess;
+      description = LoadForUpdate(IllegalContent::kStartNew, status);
+      VLOG_INFO(kTag, "Parsed the description file successfully.");
+    }
+  }
+  const std::vector<const json*> records = Shown(description);
+  const size_t rows = query.all ? records.size() : query.page_rows;
+  // Divided and not multiplied: a page number may be any.
+  const bool beyond = rows == 0 || query.page_index - 1 > records.size() / rows;
+  const size_t first = beyond ? records.size() : (query.page_index - 1) * rows;
+  json items = json::array();
+  for (size_t i = first; i < records.size() && i - first < rows; ++i)
+    items.push_back(Item(*records[i], query.thumbnail_inline));
+  const size_t count = items.size();
+  return {{"total_count", records.size()},
+          {"page_index", query.page_index},
+          {"page_rows", rows},
+          {"count", count},
+          {"instances", std::move(items)}};
+}
+
+HalStatus TimelapseStore::Find(const std::string& index, json& record) const {
+  const auto opened = Open();
+  if (!opened) return hal_adapter::kHalFailure;
+  HalStatus status = hal_adapter::kHalSuccess;
+  json description = LoadForUpdate(IllegalContent::kKeep, status);
+  if (status != hal_adapter::kHalSuccess) return status;
+  const auto found = FindIndex(description["instances"], index);
+  if (found == description["instances"].end()) {
+    VLOG_ERROR(kTag, "The instance {} has not found, do nothing.", utils::LogText(index));
+    return hal_adapter::kHalInvalidParameter;
+  }
+  record = std::move(*found);
+  return hal_adapter::kHalSuccess;
+}
+
+void TimelapseStore::RemoveLinks(const std::string& index) const {
+  for (const std::string& name : {VideoLinkName(index), ThumbnailLinkName(index)}) {
+    std::error_code error;
+    fs::remove(paths_.web / name, error);
+    if (error) {
+      VLOG_ERROR(kTag, "Delete symlink {} failed, reason: {}", (paths_.web / name).string(),
+                 error.message());
+    }
+  }
+}
+
+HalStatus TimelapseStore::RemoveRecord(const std::string& index) const {
+  HalStatus status = hal_adapter::kHalSuccess;
+  json description = LoadForUpdate(IllegalContent::kKeep, status);
+  if (status != hal_adapter::kHalSuccess) return status;
+  json& instances = description["instances"];
+  const auto found = FindIndex(instances, index);
+  if (found == instances.end()) {
+    VLOG_ERROR(kTag, "The instance {} has not found, do nothing.", utils::LogText(index));
+    return hal_adapter::kHalInvalidParameter;
+  }
+  instances.erase(found);
+  SetCount(description);
+  return Write(description);
+}
+
+HalStatus TimelapseStore::DeleteLocked(const std::string& index) const {
+  json record;
+  HalStatus status = hal_adapter::kHalSuccess;
+  json description = LoadForUpdate(IllegalContent::kKeep, status);
+  if (status != hal_adapter::kHalSuccess) return status;
+  const bool known = FindIndex(description["instances"], index) != description["instances"].end();
+  const fs::path directory = paths_.root / index;
+  const fs::path deleted = paths_.root / (kDeletedPrefix + index);
+  std::error_code error;
+  // From here on the film is gone, whatever interrupts us: the next start completes it.
+  if (known && IsTimelapseIndex(index) && fs::is_directory(directory, error)) {
+    fs::rename(directory, deleted, error);
+    if (!error) error = utils::SyncDirectory(paths_.root);
+    if (error) {
+      VLOG_ERROR(kTag, "Delete instance directory '{}' failed, reason: {}", directory.string(),
+                 error.message());
+      return hal_adapter::kHalFailure;
+    }
+  }
+  status = RemoveRecord(index);
+  if (status != hal_adapter::kHalSuccess) {
+    if (known) fs::rename(deleted, directory, error);
+    return status;
+  }
+  if (!IsTimelapseIndex(index)) return status;
+  RemoveLinks(index);
+  fs::remove_all(deleted, error);
+  if (error) {
+    VLOG_ERROR(kTag, "Delete instance directory '{}' failed, reason: {}", directory.string(),
+               error.message());
+  }
+  return status;
+}
+
+HalStatus TimelapseStore::Delete(const std::string& index) const {
+  std::error_code error;
+  if (!fs::exists(paths_.root, error)) {
+    VLOG_ERROR(kTag, "File {} not found.", paths_.Description().string());
+    return hal_adapter::kHalFileNotFound;
+  }
+  const auto opened = Open();
+  return opened ? DeleteLocked(index) : hal_adapter::kHalFailure;
+}
+
+void TimelapseStore::PublishLinks(const json& record) const {
+  const std::string index = TextOf(record, "date_index");
+  std::error_code error;
+  fs::create_directories(paths_.web, error);
+  const std::pair<std::string, std::string> links[] = {
+      {VideoLinkName(index), TextOf(record, "video_path")},
+      {ThumbnailLinkName(index), TextOf(record, "thumbnail_path")}};
+  for (const auto& [name, target] : links) {
+    if (const std::error_code problem = utils::ReplaceSymlink(target, paths_.web / name)) {
+      VLOG_ERROR(kTag, "Create symlink {} failed, reason: {}", (paths_.web / name).string(),
+                 problem.message());
+    }
+  }
+}
+
+void TimelapseStore::CompleteDeletions() const {
+  std::vector<std::string> indices;
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(paths_.root, error)) {
+    const std::string name = entry.path().filename().string();
+    if (name.starts_with(kDeletedPrefix))
+      indices.push_back(name.substr(std::string_view(kDeletedPrefix).size()));
+  }
+  if (indices.empty()) return;
+  const auto opened = Open();
+  for (const std::string& index : indices) {
+    json record;
+    if (opened && IsTimelapseIndex(index)) {
+      (void)RemoveRecord(index);
+      RemoveLinks(index);
+    }
+    fs::remove_all(paths_.root / (kDeletedPrefix + index), error);
+  }
+}
+
+}  // namespace varnel::service

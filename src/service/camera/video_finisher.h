@@ -1,0 +1,72 @@
+#pragma once
+
+#include <functional>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "service/camera/timelapse_instance.h"
+#include "service/camera/timelapse_store.h"
+#include "service/camera/video_encoder.h"
+#include "utils/clock.h"
+
+namespace varnel::service {
+
+/// Sends a notification to the clients of the camera service; 0 or a negative status.
+using NotifyClients = std::function<int(const std::string& method, nlohmann::json params)>;
+
+/// Encodes what photos of an instance have no segment yet, in order. One encoder runs at a time,
+/// whoever calls.
+class SegmentEncoder {
+ public:
+  explicit SegmentEncoder(const VideoEncoder& encoder) : encoder_(encoder) {}
+
+  /// Encodes one photo and adds its segment to the list. A photo that cannot be encoded is logged
+  /// and left out of the film.
+  void Encode(const TimelapseInstance& instance, uint32_t number);
+  /// The photos that an interrupted print left.
+  void EncodeRest(const TimelapseInstance& instance);
+  [[nodiscard]] bool EncodeCover(const TimelapseInstance& instance);
+
+ private:
+  const VideoEncoder& encoder_;
+  std::mutex mutex_;
+};
+
+/// Makes the film of one instance in GENERATING: all of it can be repeated at any time, after a
+/// power failure too.
+class VideoFinisher {
+ public:
+  static constexpr int kAttempts = 3;
+
+  VideoFinisher(const VideoEncoder& encoder, SegmentEncoder& segments, const TimelapseStore& store,
+                NotifyClients notify, utils::Clock& clock = utils::SystemClock::Instance());
+
+  /// False when it could not be made; the state is GENERATING then.
+  bool Finish(TimelapseInstance& instance);
+
+ private:
+  struct Film {
+    std::filesystem::path path;
+    size_t frames = 0;
+  };
+
+  bool MakeCover(const TimelapseInstance& instance);
+  /// The number of frames; 0 when there is nothing to join.
+  size_t ListSegments(const TimelapseInstance& instance) const;
+  bool MakeThumbnail(const TimelapseInstance& instance) const;
+  bool JoinAndCheck(const TimelapseInstance& instance, Film& film) const;
+  bool TryJoin(const TimelapseInstance& instance, const Film& film) const;
+  nlohmann::json RecordOf(const TimelapseInstance& instance, const Film& film) const;
+  void NotifyProgress(int percent) const;
+  void NotifyCompleted(const nlohmann::json& params) const;
+  std::string Make(TimelapseInstance& instance);
+
+  const VideoEncoder& encoder_;
+  SegmentEncoder& segments_;
+  const TimelapseStore& store_;
+  const NotifyClients notify_;
+  utils::Clock& clock_;
+};
+
+}  // namespace varnel::service

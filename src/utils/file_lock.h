@@ -1,0 +1,29 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "utils/clock.h"
+#include "utils/owned.h"
+
+namespace varnel::utils {
+
+/// An exclusive advisory lock (flock) on a lock file, held while the object lives. It also excludes
+/// other threads of this process.
+class FileLock {
+ public:
+  /// Makes the file when it is missing. Waits at most `limit` for another holder. Nothing on
+  /// failure, with the reason in `problem`.
+  [[nodiscard]] static std::optional<FileLock> Acquire(const std::filesystem::path& file,
+                                                       std::chrono::milliseconds limit,
+                                                       Clock& clock, std::string& problem);
+
+ private:
+  explicit FileLock(UniqueFd file) : file_(std::move(file)) {}
+
+  UniqueFd file_;  ///< closing it gives the lock back
+};
+
+}  // namespace varnel::utils

@@ -1,0 +1,54 @@
+#include "utils/write_behind.h"
+
+#include <string_view>
+
+#include "utils/thread.h"
+#include "utils/write_all.h"
+
+namespace varnel::utils {
+
+WriteBehind::WriteBehind(int fd, size_t block_size) : fd_(fd) {
+  for (Block& block : blocks_) {
+    block.bytes.resize(block_size);
+  }
+  thread_ = SpawnGuarded("write-behind", "CRYPTO",
+                         [this](const std::stop_token& stop) { WriteBlocks(stop); });
+}
+
+WriteBehind::~WriteBehind() = default;
+
+char* WriteBehind::NextBlock() {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [this] { return filled_ - written_ < blocks_.size() || error_; });
+  return error_ ? nullptr : At(filled_).bytes.data();
+}
+
+void WriteBehind::Put(size_t size) {
+  const std::lock_guard lock(mutex_);
+  At(filled_).size = size;
+  ++filled_;
+  changed_.notify_all();
+}
+
+std::error_code WriteBehind::Finish() {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [this] { return filled_ == written_ || error_; });
+  return error_;
+}
+
+void WriteBehind::WriteBlocks(const std::stop_token& stop) {
+  std::unique_lock lock(mutex_);
+  while (!error_ && changed_.wait(lock, stop, [this] { return written_ < filled_; }) &&
+         !stop.stop_requested()) {
+    const Block& block = At(written_);
+    lock.unlock();
+    const std::error_code error =
+        WriteAll(fd_, std::string_view(block.bytes).substr(0, block.size));
+    lock.lock();
+    error_ = error;
+    ++written_;
+    changed_.notify_all();
+  }
+}
+
+}  // namespace varnel::utils

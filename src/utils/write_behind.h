@@ -1,0 +1,51 @@
+#pragma once
+
+#include <array>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+#include <stop_token>
+#include <string>
+#include <system_error>
+#include <thread>
+
+namespace varnel::utils {
+
+/// Writes blocks to a descriptor on a thread of its own, so that the next block is made meanwhile.
+/// Holds a few blocks and no more. For one producing thread.
+class WriteBehind {
+ public:
+  /// Throws std::system_error when no thread can be started. The descriptor stays the caller's.
+  WriteBehind(int fd, size_t block_size);
+  WriteBehind(const WriteBehind&) = delete;
+  WriteBehind& operator=(const WriteBehind&) = delete;
+  /// What is not written yet is dropped.
+  ~WriteBehind();
+
+  /// The block to fill next; waits until one is free. None once a write has failed.
+  [[nodiscard]] char* NextBlock();
+  /// Hands over the first `size` bytes of that block.
+  void Put(size_t size);
+  /// Waits until everything is written; the error of the write that failed.
+  [[nodiscard]] std::error_code Finish();
+
+ private:
+  struct Block {
+    std::string bytes;
+    size_t size = 0;
+  };
+
+  Block& At(size_t count) { return blocks_.at(count % blocks_.size()); }
+  void WriteBlocks(const std::stop_token& stop);
+
+  const int fd_;
+  std::array<Block, 4> blocks_;  // a block belongs to the producer until filled_ passes it
+  std::mutex mutex_;             // guards the next three
+  size_t filled_ = 0;
+  size_t written_ = 0;
+  std::error_code error_;
+  std::condition_variable_any changed_;
+  std::jthread thread_;  // last: it uses the others
+};
+
+}  // namespace varnel::utils

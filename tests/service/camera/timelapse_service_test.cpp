@@ -1,0 +1,194 @@
+#include "service/camera/timelapse_service.h"
+
+#include <gmock/gmock.h>
+
+#include <fstream>
+
+#include "service/camera/timelapse_world.h"
+#include "support/log_capture.h"
+
+namespace varnel::service {
+namespace {
+
+namespace fs = std::filesystem;
+using test::Eventually;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class TimelapseServiceTest : public testing::Test, public TimelapseWorld {
+ protected:
+  /// A new time-lapse with that many photos; returns its index.
+  std::string Record(TimelapseService& service, int photos) {
+    EXPECT_TRUE(service.StartNew({}));
+    const std::string index = TimelapseRoot(paths_).NextIndex();
+    for (int i = 0; i < photos; ++i) EXPECT_EQ(service.TakePhoto(), TimelapsePhoto::kTaken);
+    return index;
+  }
+  size_t Completed() {
+    size_t count = 0;
+    for (const auto& [method, params] : notified_.Items())
+      count += method == "notify_camera_generate_video_completed" ? 1 : 0;
+    return count;
+  }
+
+  test::LogCapture log_;
+};
+
+TEST_F(TimelapseServiceTest, AStoppedTimeLapseBecomesAFilm) {
+  const auto service = Service();
+  EXPECT_EQ(service->TakePhoto(), std::nullopt);
+  EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kNothingRuns);
+  const std::string index = Record(*service, 3);
+  EXPECT_TRUE(service->IsRunning());
+  EXPECT_EQ(State(index), "ACTIVATED\n");
+  EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+  EXPECT_NE(service->Stop(), TimelapseService::StopResult::kStopped);
+  EXPECT_EQ(Film(*service, index), "a3\na1\na2\na3\n") << "the last photo is the cover";
+  EXPECT_TRUE(Eventually([&] { return !service->IsRunning() && Completed() == 1; }));
+  EXPECT_EQ(service->TakePhoto(), TimelapsePhoto::kNotActive);
+  const auto item = service->Store().List({})["instances"][0];
+  EXPECT_EQ(item["video_duration"], "00:04");
+  EXPECT_TRUE(Eventually([&] {
+    return !fs::exists(paths_.root / index / "photo_00001.jpg") &&
+           fs::exists(paths_.root / index / "timelapse_f4_r30_classic.mp4");
+  })) << "photos and segments are not needed any more";
+  EXPECT_THAT(Leftovers(), IsEmpty());
+}
+
+TEST_F(TimelapseServiceTest, AnInterruptedPrintGoesOnWithAllItsFrames) {
+  std::string index;
+  {
+    const auto service = Service();
+    index = Record(*service, 2);
+  }
+  // A photo that was answered and not encoded, one cut short, and a line of the list cut short.
+  std::ofstream(paths_.root / index / "photo_00003.jpg") << "a3\n";
+  std::ofstream(paths_.root / index / ".varnel-abcdef.ts") << "half";
+  std::ofstream(paths_.root / index / "filelist.txt", std::ios::app) << "file '/half";
+  photos_ = 3;
+  const auto service = Service();
+  EXPECT_FALSE(service->IsRunning());
+  EXPECT_TRUE(service->Continue());
+  EXPECT_TRUE(service->Continue()) << "it goes on already";
+  EXPECT_EQ(service->TakePhoto(), TimelapsePhoto::kTaken);
+  EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+  EXPECT_EQ(Film(*service, index), "a4\na1\na2\na3\na4\n");
+  EXPECT_FALSE(service->Continue()) << "a film that is finished";
+  EXPECT_TRUE(log_.Has("TLP", "Timelapse " + index + " is not activated."));
+}
+
+TEST_F(TimelapseServiceTest, ANewPrintTakesNothingFromAnEarlierOne) {
+  {
+    const auto service = Service();
+    (void)Record(*service, 2);
+  }
+  const std::string unfinished = Instances().front();
+  const auto service = Service();
+  EXPECT_TRUE(fs::exists(paths_.root / unfinished)) << "it may be continued";
+  scene_ = "b";
+  const std::string second = Record(*service, 1);
+  EXPECT_THAT(Instances(), ElementsAre(second)) << "it may have the same index within one second";
+  EXPECT_EQ(TimelapseInstance(paths_.root / second, {}, {}).Photos().size(), 1U);
+  EXPECT_TRUE(log_.Has("TLP", "Remove the unfinished time-lapse " + unfinished + " done."));
+  scene_ = "c";
+  const std::string third = Record(*service, 1);
+  EXPECT_THAT(Instances(), ElementsAre(third)) << "not even one that runs";
+  EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+  EXPECT_EQ(Film(*service, third), "c4\nc4\n");
+}
+
+TEST_F(TimelapseServiceTest, ASecondPrintBeginsWhileTheFirstFilmIsMade) {
+  const fs::path gate = dir_ / "gate";
+  EncodeAs("while [ -n \"$list\" ] && [ ! -e '" + gate.string() + "' ]; do sleep 0.02; done");
+  const auto service = Service();
+  const std::string first = Record(*service, 1);
+  EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+  const std::string second = Record(*service, 2);
+  EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+  dir_.Write("gate", "");
+  EXPECT_EQ(Film(*service, first), "a1\na1\n");
+  EXPECT_EQ(Film(*service, second), "a3\na2\na3\n");
+}
+
+TEST_F(TimelapseServiceTest, WhatFailsNeverStopsWhatFollows) {
+  EncodeAs("case $input in *00002.jpg) exit 1;; *00003.jpg) : >\"$out\"; exit 0;; esac");
+  const auto service = Service();
+  const std::string index = Record(*service, 3);
+  camera_fails_ = true;
+  EXPECT_EQ(service->TakePhoto(), TimelapsePhoto::kFailed);
+  camera_fails_ = false;
+  EXPECT_EQ(service->TakePhoto(), TimelapsePhoto::kTaken);
+  EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+  EXPECT_EQ(Film(*service, index), "a4\na1\na4\n");
+  EXPECT_TRUE(log_.Has("TLP", "Generate segment video failed, exit code: 1"));
+}
+
+TEST_F(TimelapseServiceTest, AFailedFilmIsTriedAgainAtTheNextStart) {
+  EncodeAs("[ -n \"$list\" ] && exit 1");
+  std::string index;
+  {
+    const auto service = Service();
+    EXPECT_TRUE(service->StartNew({}));
+    EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kRefused) << "no photo yet";
+    index = Record(*service, 2);
+    EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+    EXPECT_TRUE(Eventually([&] { return Completed() == 1 && !service->IsRunning(); }));
+    EXPECT_EQ(notified_.Items().back().second["state"], "failed");
+    EXPECT_EQ(State(index), "GENERATING\n");
+    EXPECT_TRUE(log_.Has("TLP", "The video generation might have failed, try 3 time."));
+    EXPECT_EQ(service->Store().List({})["count"], 0);
+  }
+  EncodeAs("");
+  const auto service = Service();
+  EXPECT_EQ(Film(*service, index), "a2\na1\na2\n");
+  EXPECT_TRUE(Eventually([&] { return State(index) == "FINISHED\n"; }));
+  EXPECT_THAT(Leftovers(), IsEmpty());
+}
+
+TEST_F(TimelapseServiceTest, WithoutAnEncoderPhotosWaitOnDisk) {
+  fs::remove(paths_.ffmpeg);
+  std::string index;
+  {
+    const auto service = Service();
+    index = Record(*service, 2);
+    EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+    EXPECT_TRUE(Eventually([&] { return Completed() == 1; }));
+    EXPECT_TRUE(log_.Has("TLP", "FFmpeg program is not exists."));
+  }
+  EncodeAs("");
+  const auto service = Service();
+  EXPECT_EQ(Film(*service, index), "a2\na1\na2\n");
+}
+
+TEST_F(TimelapseServiceTest, TheStartClearsAwayWhatWasHalfMade) {
+  dir_.Write("store/.new_20260101000000/config.json", "{}");
+  dir_.Write("store/20260101000001/state", "READY\n");
+  dir_.Write("store/20260101000002/state", "nonsense");
+  dir_.Write("store/20260101000003/photo_00001.jpg", "no state");
+  dir_.Write("store/2026010100000/state", "GENERATING\n");
+  dir_.Write("store/.varnel-abcdef", "x");
+  dir_.Write("upload/1_timelapse_enc.mp4.enc", "x");
+  const auto service = Service();
+  EXPECT_THAT(Instances(), ElementsAre("20260101000002", "20260101000003"));
+  EXPECT_TRUE(fs::exists(paths_.root / "2026010100000/state")) << "thirteen digits";
+  EXPECT_TRUE(fs::is_empty(paths_.upload));
+  EXPECT_THAT(Leftovers(), IsEmpty());
+}
+
+TEST_F(TimelapseServiceTest, UploadsNeedTheCloudAndOnlyFilmsAreSent) {
+  const auto service = Service();
+  const std::string index = Record(*service, 1);
+  EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+  ASSERT_NE(Film(*service, index), "");
+  UploadedFilm film;
+  EXPECT_EQ(service->Upload(index, "audio", film), -1);
+  EXPECT_EQ(service->Upload("20200101000000", "video", film), -2);
+  EXPECT_EQ(service->Upload(index, "video", film), -1);
+  EXPECT_TRUE(log_.Has("TLP", "Cloud access code is unavailable."));
+  EXPECT_EQ(service->Store().Add({{"date_index", index}, {"video_path", "/etc/passwd"}}), "");
+  EXPECT_EQ(service->Upload(index, "video", film), -86);
+  EXPECT_EQ(service->Upload(index, "thumbnail", film), -1);
+}
+
+}  // namespace
+}  // namespace varnel::service

@@ -1,0 +1,105 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "service/camera/timelapse_service.h"
+#include "support/eventually.h"
+#include "support/temp_dir.h"
+
+namespace varnel::service {
+
+/// A store in a directory of its own, with a camera and an encoder that work on text: a photo is a
+/// line, a segment its copy, a film the lines of its segments.
+class TimelapseWorld {
+ public:
+  TimelapseWorld() {
+    paths_.root = dir_ / "store";
+    paths_.web = dir_ / "web";
+    paths_.upload = dir_ / "upload";
+    paths_.ffprobe = dir_.WriteScript("ffprobe", "echo 4.033").string();
+    paths_.ffmpeg = (dir_ / "ffmpeg").string();
+    EncodeAs("");
+  }
+
+  /// The encoder does this first, with its output file as $out.
+  void EncodeAs(const std::string& first) {
+    dir_.WriteScript("ffmpeg", R"(
+for out; do :; done
+list='' input='' previous=''
+for word; do
+  [ "$previous" = -i ] && input=$word
+  [ "$word" = concat ] && list=yes
+  previous=$word
+done
+)" + first + R"(
+[ "$out" = - ] && { grep -q . "$input"; exit; }
+if [ -n "$list" ]; then
+  sed -n "s/^file '\(.*\)'$/\1/p" "$input" | while read -r segment; do cat "$segment"; done >"$out"
+else
+  cat "$input" >"$out"
+fi)");
+  }
+
+  std::unique_ptr<TimelapseService> Service() {
+    auto service = std::make_unique<TimelapseService>(
+        paths_, [this](const std::string& path) { return TakePhoto(path); },
+        [this](const std::string& method, nlohmann::json params) {
+          notified_.Put({method, std::move(params)});
+          return 0;
+        });
+    service->HandleUnfinished();
+    return service;
+  }
+  bool TakePhoto(const std::string& path) {
+    if (camera_fails_) return false;
+    const auto file = std::filesystem::path(path);
+    std::ofstream(file) << scene_ << ++photos_ << '\n';
+    return true;
+  }
+  /// The film's text once it is listed; empty when it is not in time.
+  std::string Film(const TimelapseService& service, const std::string& index) {
+    const auto path = paths_.web / VideoLinkName(index);
+    const bool listed = test::Eventually([&] {
+      const nlohmann::json list = service.Store().List({});
+      for (const auto& item : list["instances"])
+        if (item["date_index"] == index) return std::filesystem::exists(path);
+      return false;
+    });
+    return listed ? test::ReadFile(path) : "";
+  }
+  std::string State(const std::string& index) const {
+    return test::ReadFile(paths_.root / index / "state");
+  }
+  /// The work directories, oldest first.
+  std::vector<std::string> Instances() const { return TimelapseRoot(paths_).Indices(); }
+  /// What an interruption must never leave: names that are neither of the store nor of a film.
+  std::vector<std::string> Leftovers() const {
+    std::vector<std::string> names;
+    for (const auto& directory : {paths_.root, paths_.web}) {
+      std::error_code error;
+      for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+        const std::string name = entry.path().filename().string();
+        if (name.starts_with('.') && name != ".lock") names.push_back(name);
+        if (directory == paths_.web && !std::filesystem::exists(entry.path()))
+          names.push_back("dangling " + name);
+      }
+    }
+    return names;
+  }
+
+  test::TempDir dir_;
+  TimelapsePaths paths_;
+  std::string scene_ = "a";
+  bool camera_fails_ = false;
+  int photos_ = 0;
+  test::Mailbox<std::pair<std::string, nlohmann::json>> notified_;
+};
+
+}  // namespace varnel::service

@@ -1,0 +1,360 @@
+// The installed openssl program judges every file that is made here.
+#define OPENSSL_SUPPRESS_DEPRECATED  // the only way to let the library's random bytes fail
+#include "utils/openssl_crypto.h"
+
+#include <gmock/gmock.h>
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+#include "utils/random_password.h"
+#include "utils/safe_exec.h"
+
+namespace varnel::utils {
+namespace {
+
+namespace fs = std::filesystem;
+using test::LogCapture;
+using test::ReadFile;
+using test::TempDir;
+using Salt = std::vector<uint8_t>;
+using Words = std::vector<std::string>;
+
+const Salt kSalt = {'s', 0, 0xff, '\n', 1, 2, 3, 4};
+const std::string kPassword = "p\xc3\xa4ss $word 'quoted' ";
+
+/// The same bytes for the same size, and no two blocks alike.
+std::string Content(size_t size) {
+  std::mt19937 random(static_cast<uint32_t>(size));
+  std::string text(size, '\0');
+  std::generate(text.begin(), text.end(), [&] { return static_cast<char>(random()); });
+  return text;
+}
+
+template <class Bytes>
+std::string Hex(const Bytes& bytes) {
+  std::string text;
+  for (const auto byte : bytes) text += fmt::format("{:02x}", static_cast<uint8_t>(byte));
+  return text;
+}
+
+std::string RunProgram(const std::string& program, const Words& words) {
+  SafeExec command(program);
+  for (const std::string& word : words) command.AddArg(word);
+  const SafeExec::Result result = command.Execute();
+  EXPECT_TRUE(result.success) << command.ToString() << ": " << result.standard_error;
+  return result.standard_output;
+}
+
+/// The exception's text; empty when there was none.
+template <class Body>
+std::string Failure(const Body& body) {
+  try {
+    body();
+    return "";
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+}
+
+class OpenSSLCryptoTest : public ::testing::Test {
+ protected:
+  OpenSSLCrypto Make(SaltMode mode, Salt salt = kSalt, const std::string& password = kPassword) {
+    return {"test_cap_enc_fix", password, 37, mode, std::move(salt)};
+  }
+
+  void Openssl(const fs::path& in, const Words& options) {
+    Words words = {"enc", "-aes-256-cbc", "-in", in, "-out", dir_ / "theirs"};
+    words.insert(words.end(), options.begin(), options.end());
+    RunProgram("/usr/bin/openssl", words);
+  }
+  void OpensslWithPassword(const fs::path& in, Words options) {
+    const fs::path password = dir_.Write("password", kPassword + "\n");
+    for (const char* word : {"-pbkdf2", "-md", "sha256", "-iter", "37", "-pass"}) {
+      options.emplace_back(word);
+    }
+    options.push_back("file:" + password.string());
+    Openssl(in, options);
+  }
+  std::string Decrypted(const fs::path& encrypted) {
+    OpensslWithPassword(encrypted, {"-d"});
+    return ReadFile(dir_ / "theirs");
+  }
+  /// Our ciphertext is the one that openssl makes with the salt of our header, and it comes back.
+  void ExpectInterchangeable(const fs::path& plain, const Salt& salt) {
+    const fs::path ours = dir_ / "ours";
+    EXPECT_EQ(ReadFile(ours).substr(0, 16), "Salted__" + std::string(salt.begin(), salt.end()));
+    OpensslWithPassword(plain, {"-e", "-S", Hex(salt)});
+    RunProgram("/usr/bin/cmp", {"--ignore-initial=16:0", ours, dir_ / "theirs"});
+    OpensslWithPassword(ours, {"-d"});
+    RunProgram("/usr/bin/cmp", {plain, dir_ / "theirs"});
+  }
+
+  const TempDir dir_;
+  const LogCapture log_;
+};
+
+TEST_F(OpenSSLCryptoTest, OpensslMakesTheSameAndOpensItForEverySizeAndSaltMode) {
+  for (const SaltMode mode : {SaltMode::kFixed, SaltMode::kRandomOnce, SaltMode::kRandomPerFile}) {
+    OpenSSLCrypto crypto = Make(mode);
+    for (const size_t size : {0, 1, 15, 16, 17, 65535, 65536, 65537}) {
+      SCOPED_TRACE(fmt::format("mode {}, {} bytes", static_cast<int>(mode), size));
+      const fs::path plain = dir_.Write("plain", Content(size));
+      crypto.EncryptFile(plain, dir_ / "ours");
+      EXPECT_EQ(fs::file_size(dir_ / "ours"), 16 + (size / 16 + 1) * 16);
+      ExpectInterchangeable(plain, crypto.Salt());
+    }
+  }
+}
+
+TEST_F(OpenSSLCryptoTest, ALargeFile) {
+  const fs::path plain = dir_.Write("plain", Content(100'000'000));
+  OpenSSLCrypto crypto = Make(SaltMode::kRandomPerFile);
+  crypto.EncryptFile(plain, dir_ / "ours");
+  ExpectInterchangeable(plain, crypto.Salt());
+}
+
+TEST_F(OpenSSLCryptoTest, AnyPasswordAndAnyLengthOfAFixedSalt) {
+  const fs::path plain = dir_.Write("plain", Content(1000));
+  for (const std::string& password : {std::string(), std::string("a\0b\nc\n", 6), Content(3000)}) {
+    for (const size_t salt_size : {0, 1, 7, 9, 100}) {
+      const std::string random = Content(salt_size);
+      const Salt salt(random.begin(), random.end());
+      Make(SaltMode::kFixed, salt, password).EncryptFile(plain, dir_ / "ours");
+      std::string key = RunProgram(
+          "/usr/bin/openssl",
+          {"kdf", "-keylen", "48", "-kdfopt", "digest:SHA256", "-kdfopt", "iter:37", "-kdfopt",
+           "hexpass:" + Hex(password), "-kdfopt", "hexsalt:" + Hex(salt), "PBKDF2"});
+      std::erase_if(key, [](char c) { return c == ':' || c == '\n'; });
+      Openssl(plain, {"-e", "-K", key.substr(0, 64), "-iv", key.substr(64)});
+      EXPECT_EQ(ReadFile(dir_ / "ours"), "Salted__" + random + ReadFile(dir_ / "theirs"));
+    }
+  }
+}
+
+TEST_F(OpenSSLCryptoTest, SaltModesDecideWhenASaltIsMade) {
+  const fs::path plain = dir_.Write("plain", "text");
+  const Salt given(12, 'x');
+  const auto salts = [&](SaltMode mode) {
+    OpenSSLCrypto crypto = Make(mode, given);
+    std::vector<Salt> made = {crypto.Salt()};
+    for (int file = 0; file < 2; ++file) {
+      crypto.EncryptFile(plain, dir_ / "ours");
+      made.push_back(crypto.Salt());
+    }
+    return made;
+  };
+  EXPECT_THAT(salts(SaltMode::kFixed), ::testing::Each(given));
+  const std::vector<Salt> once = salts(SaltMode::kRandomOnce);
+  EXPECT_EQ(once[0], given);
+  EXPECT_EQ(once[1].size(), 8U);
+  EXPECT_NE(once[1], Salt(8, 'x'));
+  EXPECT_EQ(once[1], once[2]);
+  const std::vector<Salt> each = salts(SaltMode::kRandomPerFile);
+  EXPECT_EQ(each[2].size(), 8U);
+  EXPECT_NE(each[1], each[2]);
+}
+
+TEST_F(OpenSSLCryptoTest, ThreadsShareOneObject) {
+  const fs::path plain = dir_.Write("plain", Content(300'000));
+  OpenSSLCrypto crypto = Make(SaltMode::kRandomPerFile);
+  const auto encrypt = [&](const std::string& name) {
+    for (int i = 0; i < 3; ++i) crypto.EncryptFile(plain, dir_ / (name + std::to_string(i)));
+  };
+  std::thread one(encrypt, "a");
+  std::thread two(encrypt, "b");
+  EXPECT_EQ(crypto.Salt().size(), 8U);
+  one.join();
+  two.join();
+  std::set<std::string> headers;
+  for (const char* name : {"a0", "a1", "a2", "b0", "b1", "b2"}) {
+    headers.insert(ReadFile(dir_ / name).substr(0, 16));
+    EXPECT_EQ(Decrypted(dir_ / name), Content(300'000));
+  }
+  EXPECT_EQ(headers.size(), 6U);
+}
+
+TEST_F(OpenSSLCryptoTest, InputThatChangesMeanwhileIsTakenAsItIsRead) {
+  const std::string content = Content(20'000'000);
+  const auto encrypt_while = [&](const auto& change) {
+    const fs::path plain = dir_.Write("plain", content);
+    fs::remove(dir_ / "ours");
+    std::atomic<bool> done = false;
+    std::thread changer([&] {
+      std::error_code missing;
+      while (!done && (fs::file_size(dir_ / "ours", missing) < 1'000'000 || missing)) {
+        std::this_thread::yield();
+      }
+      change(plain);
+    });
+    Make(SaltMode::kFixed).EncryptFile(plain, dir_ / "ours");
+    done = true;
+    changer.join();
+    return Decrypted(dir_ / "ours");
+  };
+  const std::string shrunk = encrypt_while([](const fs::path& p) { fs::resize_file(p, 500'000); });
+  EXPECT_GE(shrunk.size(), 500'000U);
+  EXPECT_TRUE(content.starts_with(shrunk));
+  const std::string grown = encrypt_while(
+      [&](const fs::path& p) { std::ofstream(p, std::ios::app | std::ios::binary) << "more"; });
+  EXPECT_TRUE(grown == content || grown == content + "more") << grown.size();
+}
+
+TEST_F(OpenSSLCryptoTest, UnreadableInputLeavesTheOutputAlone) {
+  const fs::path output = dir_.Write("ours", "older");
+  ASSERT_EQ(::mkfifo((dir_ / "fifo").c_str(), 0600), 0);
+  OpenSSLCrypto crypto = Make(SaltMode::kFixed);
+  for (const fs::path& input : {dir_ / "missing", dir_ / "fifo", dir_.Path()}) {
+    EXPECT_EQ(Failure([&] { crypto.EncryptFile(input, output); }),
+              "Open file " + input.string() + " failed");
+  }
+  EXPECT_EQ(ReadFile(output), "older");
+  // A regular file whose reading fails.
+  EXPECT_EQ(Failure([&] { crypto.EncryptFile("/proc/self/mem", output); }),
+            "Encryption update failed");
+  EXPECT_TRUE(log_.Has("CRYPTO", "Encryption update failed: Input/output error"));
+}
+
+TEST_F(OpenSSLCryptoTest, OutputIsANewFileOrRefused) {
+  const fs::path plain = dir_.Write("plain", "text");
+  const fs::path victim = dir_.Write("victim", "precious");
+  fs::create_symlink(victim, dir_ / "ours");
+  ASSERT_EQ(::mkfifo((dir_ / "fifo").c_str(), 0600), 0);
+  OpenSSLCrypto crypto = Make(SaltMode::kFixed);
+  crypto.EncryptFile(plain, dir_ / "ours");
+  EXPECT_EQ(ReadFile(victim), "precious");
+  EXPECT_EQ(Decrypted(dir_ / "ours"), "text");
+  EXPECT_EQ(fs::status(dir_ / "ours").permissions(), fs::perms(0600));
+  for (const fs::path& output : {dir_ / "no/ours", dir_.Path(), dir_ / "fifo", plain}) {
+    EXPECT_EQ(Failure([&] { crypto.EncryptFile(plain, output); }),
+              "Create file " + output.string() + " failed");
+  }
+  EXPECT_EQ(ReadFile(plain), "text");
+}
+
+TEST_F(OpenSSLCryptoTest, FullDiskFailsWhereverItFillsUpAndTheRestStaysForTheCaller) {
+  const fs::path plain = dir_.Write("plain", Content(1'000'000));
+  const fs::path output = dir_ / "ours";
+  OpenSSLCrypto crypto = Make(SaltMode::kFixed);
+  const auto with_room_for = [&](rlim_t bytes) {
+    rlimit before{};
+    ::getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit small = {bytes, before.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &small);
+    const std::string failure = Failure([&] { crypto.EncryptFile(plain, output); });
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_EQ(fs::file_size(output), std::min<rlim_t>(bytes, 1'000'032));
+    return failure;
+  };
+  ::signal(SIGXFSZ, SIG_IGN);
+  EXPECT_EQ(with_room_for(8), "Create file " + output.string() + " failed");
+  EXPECT_EQ(with_room_for(100), "Encryption update failed");
+  EXPECT_EQ(with_room_for(1'000'015), "Encryption update failed");
+  EXPECT_EQ(with_room_for(1'000'016), "Encryption finalization failed");
+  EXPECT_EQ(with_room_for(1'000'032), "");
+  ::signal(SIGXFSZ, SIG_DFL);
+  EXPECT_TRUE(log_.Has("CRYPTO", "Encryption update failed: File too large"));
+}
+
+/// The crypto library without any algorithm, for as long as it lives.
+class NoAlgorithms {
+ public:
+  NoAlgorithms() { EVP_set_default_properties(nullptr, "provider=none"); }
+  ~NoAlgorithms() { EVP_set_default_properties(nullptr, ""); }
+  NoAlgorithms(const NoAlgorithms&) = delete;
+  NoAlgorithms& operator=(const NoAlgorithms&) = delete;
+};
+
+TEST_F(OpenSSLCryptoTest, FailuresOfTheLibraryAndTheKeyIsDerivedOnlyWhenNeeded) {
+  constexpr const char* kNotDerived = "derive the KAY and IV using PBKDF2 falied";
+  const fs::path plain = dir_.Write("plain", "text");
+  for (const uint32_t iterations : {0U, 0x80000000U, 0xffffffffU}) {
+    OpenSSLCrypto crypto("count", kPassword, iterations, SaltMode::kFixed, kSalt);
+    EXPECT_EQ(Failure([&] { crypto.EncryptFile(plain, dir_ / "ours"); }), kNotDerived);
+    EXPECT_FALSE(fs::exists(dir_ / "ours"));
+  }
+  const std::pair<SaltMode, std::string> second_file[] = {
+      {SaltMode::kFixed, "Initialize encryption operation failed"},
+      {SaltMode::kRandomOnce, "Initialize encryption operation failed"},
+      {SaltMode::kRandomPerFile, kNotDerived}};
+  for (const auto& [mode, failure] : second_file) {
+    OpenSSLCrypto crypto = Make(mode);
+    const auto encrypt = [&] { crypto.EncryptFile(plain, dir_ / "ours"); };
+    EXPECT_EQ(Failure(encrypt), "");
+    {
+      const NoAlgorithms none;
+      EXPECT_EQ(Failure(encrypt), failure);
+    }
+    EXPECT_EQ(Failure(encrypt), "");
+  }
+}
+
+/// A random generator that has nothing to give, for as long as it lives.
+class NoRandomBytes {
+ public:
+  NoRandomBytes() { RAND_set_rand_method(&kMethod); }
+  ~NoRandomBytes() { RAND_set_rand_method(RAND_OpenSSL()); }
+  NoRandomBytes(const NoRandomBytes&) = delete;
+  NoRandomBytes& operator=(const NoRandomBytes&) = delete;
+
+ private:
+  static int Refuse(unsigned char* /*bytes*/, int /*count*/) { return 0; }
+  static constexpr RAND_METHOD kMethod = {nullptr, &Refuse, nullptr, nullptr, nullptr, nullptr};
+};
+
+TEST_F(OpenSSLCryptoTest, WithoutRandomBytesNoFileIsMadeUntilThereAreSome) {
+  const fs::path plain = dir_.Write("plain", "text");
+  for (const SaltMode mode : {SaltMode::kRandomOnce, SaltMode::kRandomPerFile}) {
+    OpenSSLCrypto crypto = Make(mode);
+    const auto encrypt = [&] { crypto.EncryptFile(plain, dir_ / "ours"); };
+    {
+      const NoRandomBytes none;
+      EXPECT_EQ(Failure(encrypt), "generate random salt failed");
+    }
+    EXPECT_FALSE(fs::exists(dir_ / "ours"));
+    EXPECT_EQ(Failure(encrypt), "");
+    EXPECT_NE(crypto.Salt(), kSalt);
+    fs::remove(dir_ / "ours");
+  }
+}
+
+TEST_F(OpenSSLCryptoTest, TheLogHasItsLifeAndNoSecret) {
+  const fs::path plain = dir_.Write("plain", "secret text");
+  {
+    OpenSSLCrypto crypto = Make(SaltMode::kFixed);
+    EXPECT_EQ(crypto.Password(), kPassword);
+    EXPECT_EQ(crypto.Iterations(), 37U);
+    crypto.EncryptFile(plain, dir_ / "ours");
+    EXPECT_NE(Failure([&] { crypto.EncryptFile(plain, dir_.Path()); }), "");
+  }
+  EXPECT_EQ(log_.Lines().front().front(), 'I');
+  EXPECT_TRUE(log_.Has("CRYPTO", "OpenSSL crypto 'test_cap_enc_fix' initialization."));
+  EXPECT_TRUE(log_.Has("CRYPTO", "OpenSSL crypto 'test_cap_enc_fix' deinitialization."));
+  EXPECT_EQ(log_.Text().find("word"), std::string::npos);
+  EXPECT_EQ(log_.Text().find("secret"), std::string::npos);
+}
+
+TEST(RandomPasswordTest, IsHexOrNothingOrTheFallback) {
+  EXPECT_THAT(RandomPassword("hex", 16), ::testing::MatchesRegex("[0-9a-f]{32}"));
+  EXPECT_NE(RandomPassword("hex", 16), RandomPassword("hex", 16));
+  std::set<char> digits;
+  for (const char digit : RandomPassword("hex", 4096)) digits.insert(digit);
+  EXPECT_EQ(digits.size(), 16U);
+  for (const char* encoding : {"base64", "HEX", ""}) EXPECT_EQ(RandomPassword(encoding, 16), "");
+  EXPECT_EQ(RandomPassword("hex", 0), "");
+  const NoRandomBytes none;
+  EXPECT_EQ(RandomPassword("hex", 16), "zed_key");
+}
+
+}  // namespace
+}  // namespace varnel::utils
