@@ -7,10 +7,7 @@
 
 namespace varnel::utils {
 
-WriteBehind::WriteBehind(int fd, size_t block_size) : fd_(fd) {
-  for (Block& block : blocks_) {
-    block.bytes.resize(block_size);
-  }
+WriteBehind::WriteBehind(int fd, size_t block_size) : fd_(fd), block_size_(block_size) {
   thread_ = SpawnGuarded("write-behind", "CRYPTO",
                          [this](const std::stop_token& stop) { WriteBlocks(stop); });
 }
@@ -20,25 +17,34 @@ WriteBehind::~WriteBehind() = default;
 char* WriteBehind::NextBlock() {
   std::unique_lock lock(mutex_);
   changed_.wait(lock, [this] { return filled_ - written_ < blocks_.size() || error_; });
-  return error_ ? nullptr : At(filled_).bytes.data();
+  if (error_) {
+    return nullptr;
+  }
+  At(filled_).bytes.resize(block_size_);  // only as many as a small file needs
+  return At(filled_).bytes.data();
 }
 
 void WriteBehind::Put(size_t size) {
   const std::lock_guard lock(mutex_);
   At(filled_).size = size;
   ++filled_;
-  changed_.notify_all();
+  if (filled_ - wanted_ >= kBatch) {
+    wanted_ = filled_;
+    changed_.notify_all();
+  }
 }
 
 std::error_code WriteBehind::Finish() {
   std::unique_lock lock(mutex_);
+  wanted_ = filled_;
+  changed_.notify_all();
   changed_.wait(lock, [this] { return filled_ == written_ || error_; });
   return error_;
 }
 
 void WriteBehind::WriteBlocks(const std::stop_token& stop) {
   std::unique_lock lock(mutex_);
-  while (!error_ && changed_.wait(lock, stop, [this] { return written_ < filled_; }) &&
+  while (!error_ && changed_.wait(lock, stop, [this] { return written_ < wanted_; }) &&
          !stop.stop_requested()) {
     const Block& block = At(written_);
     lock.unlock();

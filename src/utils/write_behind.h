@@ -12,7 +12,8 @@
 namespace varnel::utils {
 
 /// Writes blocks to a descriptor on a thread of its own, so that the next block is made meanwhile.
-/// Holds a few blocks and no more. For one producing thread.
+/// The blocks that wait are bounded, so a slow disk holds up the producer. For one producing
+/// thread.
 class WriteBehind {
  public:
   /// Throws std::system_error when no thread can be started. The descriptor stays the caller's.
@@ -35,14 +36,20 @@ class WriteBehind {
     size_t size = 0;
   };
 
+  static constexpr size_t kBlocks = 16;
+  /// Waking the thread costs more than one block does, so it is woken for half of them.
+  static constexpr size_t kBatch = kBlocks / 2;
+
   Block& At(size_t count) { return blocks_.at(count % blocks_.size()); }
   void WriteBlocks(const std::stop_token& stop);
 
   const int fd_;
-  std::array<Block, 4> blocks_;  // a block belongs to the producer until filled_ passes it
-  std::mutex mutex_;             // guards the next three
+  const size_t block_size_;
+  std::array<Block, kBlocks> blocks_;  // a block belongs to the producer until filled_ passes it
+  std::mutex mutex_;                   // guards the next four
   size_t filled_ = 0;
   size_t written_ = 0;
+  size_t wanted_ = 0;  // the thread is to write at least up to here
   std::error_code error_;
   std::condition_variable_any changed_;
   std::jthread thread_;  // last: it uses the others
