@@ -232,7 +232,6 @@ HalStatus TimelapseStore::RemoveRecord(const std::string& index) const {
 }
 
 HalStatus TimelapseStore::DeleteLocked(const std::string& index) const {
-  json record;
   HalStatus status = hal_adapter::kHalSuccess;
   json description = LoadForUpdate(IllegalContent::kKeep, status);
   if (status != hal_adapter::kHalSuccess) return status;
@@ -301,7 +300,6 @@ void TimelapseStore::CompleteDeletions() const {
   if (indices.empty()) return;
   const auto opened = Open();
   for (const std::string& index : indices) {
-    json record;
     if (opened && IsTimelapseIndex(index)) {
       (void)RemoveRecord(index);
       RemoveLinks(index);
