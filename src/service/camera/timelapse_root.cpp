@@ -37,8 +37,7 @@ TimelapseRoot::TimelapseRoot(const TimelapsePaths& paths, utils::Clock& clock)
     : paths_(paths), clock_(clock) {}
 
 bool TimelapseRoot::MakeRoot() const {
-  std::error_code error;
-  fs::create_directories(paths_.root, error);
+  const std::error_code error = utils::MakeDirectories(paths_.root);
   if (error) {
     VLOG_ERROR(kTag, "Create timelapse root temporary directory {} failed, reason: {}",
                paths_.root.string(), error.message());

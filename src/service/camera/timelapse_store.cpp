@@ -276,8 +276,9 @@ HalStatus TimelapseStore::Delete(const std::string& index) const {
 
 void TimelapseStore::PublishLinks(const json& record) const {
   const std::string index = TextOf(record, "date_index");
-  std::error_code error;
-  fs::create_directories(paths_.web, error);
+  if (const std::error_code error = utils::MakeDirectories(paths_.web)) {
+    VLOG_ERROR(kTag, "{} cannot be made: {}", paths_.web.string(), error.message());
+  }
   const std::pair<std::string, std::string> links[] = {
       {VideoLinkName(index), TextOf(record, "video_path")},
       {ThumbnailLinkName(index), TextOf(record, "thumbnail_path")}};

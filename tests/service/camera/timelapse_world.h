@@ -12,6 +12,7 @@
 #include "service/camera/timelapse_service.h"
 #include "support/eventually.h"
 #include "support/temp_dir.h"
+#include "utils/atomic_file.h"
 
 namespace varnel::service {
 
@@ -23,10 +24,16 @@ class TimelapseWorld {
     paths_.root = dir_ / "store";
     paths_.web = dir_ / "web";
     paths_.upload = dir_ / "upload";
+    WritePrograms();
+  }
+
+  void WritePrograms() {
     paths_.ffprobe = dir_.WriteScript("ffprobe", "echo 4.033").string();
     paths_.ffmpeg = (dir_ / "ffmpeg").string();
     EncodeAs("");
   }
+  /// Exists once a test has noted that something happened.
+  std::filesystem::path Noted(const std::string& event) const { return dir_ / "noted" / event; }
 
   /// The encoder does this first, with its output file as $out.
   void EncodeAs(const std::string& first) {
@@ -59,9 +66,7 @@ fi)");
   }
   bool TakePhoto(const std::string& path) {
     if (camera_fails_) return false;
-    const auto file = std::filesystem::path(path);
-    std::ofstream(file) << scene_ << ++photos_ << '\n';
-    return true;
+    return !utils::WriteFileAtomically(path, scene_ + std::to_string(++photos_) + '\n');
   }
   /// The film's text once it is listed; empty when it is not in time.
   std::string Film(const TimelapseService& service, const std::string& index) {
