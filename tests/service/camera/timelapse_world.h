@@ -46,7 +46,7 @@ for word; do
   previous=$word
 done
 )" + first + R"(
-[ "$out" = - ] && { grep -q . "$input"; exit; }
+[ "$out" = - ] && { grep -h broken "$input"; grep -q . "$input"; exit; }
 if [ -n "$list" ]; then
   sed -n "s/^file '\(.*\)'$/\1/p" "$input" | while read -r segment; do cat "$segment"; done >"$out"
 else
@@ -54,13 +54,15 @@ else
 fi)");
   }
 
-  std::unique_ptr<TimelapseService> Service() {
+  std::unique_ptr<TimelapseService> Service(
+      std::unique_ptr<FileUploader> uploader = std::make_unique<NoUploader>()) {
     auto service = std::make_unique<TimelapseService>(
         paths_, [this](const std::string& path) { return TakePhoto(path); },
         [this](const std::string& method, nlohmann::json params) {
           notified_.Put({method, std::move(params)});
           return 0;
-        });
+        },
+        std::move(uploader));
     service->HandleUnfinished();
     return service;
   }
