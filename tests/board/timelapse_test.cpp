@@ -4,8 +4,10 @@
 
 #include <fmt/format.h>
 
+#include <cstdlib>
 #include <random>
 #include <sstream>
+#include <thread>
 
 #include "board/daemon_talk.h"
 #include "board/served_board.h"
@@ -65,7 +67,7 @@ struct CodedScene {
 };
 
 class TimelapseTest : public testing::Test {
- protected:
+ public:
   /// @param slow_join joins and checks run at the speed at which the film plays
   std::unique_ptr<ServedBoard> NewBoard(CameraKind camera, bool slow_join = false) const {
     BootOptions options = DaemonOptions();
@@ -198,40 +200,113 @@ TEST_F(TimelapseTest, APrintBecomesAFilmThatPlaysAndLeavesNoTraceWhenDeleted) {
   }
 }
 
-TEST_F(TimelapseTest, ADaemonThatIsKilledAtAnyMomentLosesNoPhoto) {
-  constexpr unsigned kKills = 6;
-  std::mt19937 random(20261122);
-  const auto served = NewBoard(CameraKind::kMipi);
-  ASSERT_EQ(Start(*served, "new"), Success());
-  int photos = 0;
-  for (unsigned kill = 0; kill < kKills; ++kill) {
-    for (unsigned i = random() % 4; i-- > 0; ++photos) ASSERT_EQ(Print(*served), Success());
-    const json last = served->rpc.Post("camera.take_a_photo", {{"reason", "printing"}});
-    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 400));
-    ASSERT_TRUE(served->board.SignalDaemon(SIGKILL));
-    EXPECT_EQ(served->board.AwaitDaemonEnd(), 128 + SIGKILL);
-    ASSERT_TRUE(served->board.StartDaemon());
-    ASSERT_TRUE(served->rpc.AwaitDaemon());
-    ASSERT_EQ(Start(*served, "continue"), Success());
+/// A print on a board whose daemon is killed again and again.
+class KilledPrint {
+ public:
+  KilledPrint(std::unique_ptr<ServedBoard> served, unsigned seed)
+      : served_(std::move(served)), random_(seed) {}
+
+  void Run(int kills) {
+    // Some prints, so that films are made, listed and deleted meanwhile.
+    while (kills_ < kills && !testing::Test::HasFailure()) OnePrint();
+    ASSERT_TRUE(AwaitStillness());
+    EXPECT_EQ(served_->board
+                  .Shell("ls -A /userdata/.tmp_timelapse | grep -v -x -e '[0-9]*' -e .lock "
+                         "-e current -e index_next -e timelapse.json; "
+                         "find /home/ruxo/printer_data/camera -xtype l")
+                  .out,
+              "");
+    EXPECT_THAT(served_->rpc.Problems(), IsEmpty());
   }
-  ASSERT_EQ(Print(*served), Success());
-  ++photos;
-  ASSERT_EQ(served->rpc.Call("camera.stop_timelapse", nullptr), Success());
-  ASSERT_TRUE(served->board.SignalDaemon(SIGKILL)) << "while the film is made";
-  EXPECT_EQ(served->board.AwaitDaemonEnd(), 128 + SIGKILL);
-  ASSERT_TRUE(served->board.StartDaemon());
-  ASSERT_TRUE(served->rpc.AwaitDaemon());
-  const json film = AwaitFilm(*served);
-  ASSERT_FALSE(film.is_null());
-  const json probed = Probe(*served, WebFile(film, "video_url"));
-  const int frames = std::stoi(probed.at("nb_read_frames").get<std::string>());
-  EXPECT_GE(frames, photos + 1) << "each answered photo and the cover";
-  EXPECT_LE(frames, photos + 1 + int{kKills}) << "and those whose answer was not awaited";
-  EXPECT_EQ(served->board
-                .Shell("ls -A /userdata/.tmp_timelapse | grep -v -x -e '[0-9]*' -e .lock "
-                       "-e current -e index_next -e timelapse.json")
-                .out,
-            "");
+
+ private:
+  void OnePrint() {
+    (void)served_->rpc.Post("camera.start_timelapse", StartParams("new"));
+    MaybeKill(false);
+    if (!Accepted("camera.start_timelapse", StartParams("new"))) return;
+    int photos = 0;
+    const int wanted = 1 + static_cast<int>(random_() % 5);
+    while (photos < wanted) {
+      MaybeKill(true);
+      if (Accepted("camera.take_a_photo", {{"reason", "printing"}})) ++photos;
+    }
+    MaybeKill(true);
+    if (!Accepted("camera.stop_timelapse", nullptr)) return;
+    MaybeKill(false);
+    json film;
+    ASSERT_TRUE(test::Eventually(
+        [&] {
+          film = Newest();
+          return film.is_object();
+        },
+        std::chrono::seconds(120)))
+        << "a film is lost";
+    ExpectPlays(film, photos + 1);
+    if (random_() % 2 == 0) return;
+    (void)served_->rpc.Post("camera.delete_timelapse_instance",
+                            {{"date_index", film["date_index"]}});
+    MaybeKill(false);
+  }
+
+  static json StartParams(const char* type) {
+    return {{"type", type}, {"mode", "classic"}, {"frame_rate", 24}};
+  }
+  bool Accepted(const char* method, const json& params) {
+    const json answer = served_->rpc.Call(method, params);
+    EXPECT_EQ(answer, Success()) << method;
+    return answer == Success();
+  }
+  /// At a random moment of whatever goes on; the print goes on afterwards.
+  void MaybeKill(bool printing) {
+    if (random_() % 2 == 0) return;
+    if (printing) (void)served_->rpc.Post("camera.take_a_photo", {{"reason", "printing"}});
+    std::this_thread::sleep_for(std::chrono::milliseconds(random_() % 500));
+    EXPECT_TRUE(served_->board.SignalDaemon(SIGKILL));
+    EXPECT_EQ(served_->board.AwaitDaemonEnd(), 128 + SIGKILL);
+    EXPECT_TRUE(served_->board.StartDaemon());
+    EXPECT_TRUE(served_->rpc.AwaitDaemon());
+    ++kills_;
+    if (printing) (void)Accepted("camera.start_timelapse", StartParams("continue"));
+  }
+  /// The film of this print; a deletion may be going on.
+  json Newest() {
+    const json films = TimelapseTest::Films(*served_);
+    if (!films.is_array() || films.empty() || films[0]["date_index"] <= last_) return nullptr;
+    return films[0];
+  }
+  void ExpectPlays(const json& film, int frames) {
+    last_ = film["date_index"];
+    const json probed = TimelapseTest::Probe(*served_, TimelapseTest::WebFile(film, "video_url"));
+    ASSERT_TRUE(probed.is_object()) << probed;
+    EXPECT_GE(std::stoi(probed.at("nb_read_frames").get<std::string>()), frames)
+        << "each answered photo and the cover";
+  }
+  /// Every film is made, and what was deleted is gone.
+  bool AwaitStillness() {
+    return test::Eventually(
+        [&] {
+          return served_->board.Shell("grep -L FINISHED /userdata/.tmp_timelapse/[0-9]*/state")
+                     .out == "";
+        },
+        std::chrono::seconds(120));
+  }
+
+  const std::unique_ptr<ServedBoard> served_;
+  std::mt19937 random_;
+  int kills_ = 0;
+  std::string last_;
+};
+
+TEST_F(TimelapseTest, DaemonsThatAreKilledAtAnyMomentLoseNoFilm) {
+  const char* wanted = std::getenv("VARNEL_KILLS");
+  const int kills = wanted != nullptr ? std::atoi(wanted) : 10;
+  const int boards = kills < 4 ? 1 : 4;
+  std::vector<std::unique_ptr<KilledPrint>> prints;
+  for (int i = 0; i < boards; ++i)
+    prints.push_back(std::make_unique<KilledPrint>(NewBoard(CameraKind::kMipi), 20261122 + i));
+  std::vector<std::jthread> threads;
+  for (auto& print : prints)
+    threads.emplace_back([&] { print->Run((kills + boards - 1) / boards); });
 }
 
 }  // namespace
