@@ -221,18 +221,18 @@ class KilledPrint {
 
  private:
   void OnePrint() {
-    (void)served_->rpc.Post("camera.start_timelapse", StartParams("new"));
-    MaybeKill(false);
+    const json started = served_->rpc.Post("camera.start_timelapse", StartParams("new"));
+    if (!MaybeKill(false)) (void)served_->rpc.Await(started);  // or the next one may overtake it
     if (!Accepted("camera.start_timelapse", StartParams("new"))) return;
     int photos = 0;
     const int wanted = 1 + static_cast<int>(random_() % 5);
     while (photos < wanted) {
-      MaybeKill(true);
+      (void)MaybeKill(true);
       if (Accepted("camera.take_a_photo", {{"reason", "printing"}})) ++photos;
     }
-    MaybeKill(true);
+    (void)MaybeKill(true);
     if (!Accepted("camera.stop_timelapse", nullptr)) return;
-    MaybeKill(false);
+    (void)MaybeKill(false);
     json film;
     ASSERT_TRUE(test::Eventually(
         [&] {
@@ -245,7 +245,7 @@ class KilledPrint {
     if (random_() % 2 == 0) return;
     (void)served_->rpc.Post("camera.delete_timelapse_instance",
                             {{"date_index", film["date_index"]}});
-    MaybeKill(false);
+    (void)MaybeKill(false);
   }
 
   static json StartParams(const char* type) {
@@ -257,8 +257,8 @@ class KilledPrint {
     return answer == Success();
   }
   /// At a random moment of whatever goes on; the print goes on afterwards.
-  void MaybeKill(bool printing) {
-    if (random_() % 2 == 0) return;
+  bool MaybeKill(bool printing) {
+    if (random_() % 2 == 0) return false;
     if (printing) (void)served_->rpc.Post("camera.take_a_photo", {{"reason", "printing"}});
     std::this_thread::sleep_for(std::chrono::milliseconds(random_() % 500));
     EXPECT_TRUE(served_->board.SignalDaemon(SIGKILL));
@@ -267,6 +267,7 @@ class KilledPrint {
     EXPECT_TRUE(served_->rpc.AwaitDaemon());
     ++kills_;
     if (printing) (void)Accepted("camera.start_timelapse", StartParams("continue"));
+    return true;
   }
   /// The film of this print; a deletion may be going on.
   json Newest() {
