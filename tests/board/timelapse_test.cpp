@@ -109,15 +109,12 @@ class TimelapseTest : public testing::Test {
     const std::string told =
         served.board
             .Exec({"ffprobe", "-v", "error", "-count_frames", "-show_entries",
-                   "stream=profile,width,height,pix_fmt,r_frame_rate,nb_read_frames:"
-                   "format=duration",
+                   "stream=profile,width,height,pix_fmt,r_frame_rate,nb_read_frames,duration",
                    "-of", "json", inside})
             .out;
     const json all = json::parse(told, nullptr, false);
     if (!all.is_object()) return told;
-    json film = all.at("streams").at(0);
-    film["duration"] = all.at("format").at("duration");
-    return film;
+    return all.at("streams").at(0);
   }
   static void ExpectFilm(const json& probed, int frames, double frame_rate) {
     const double duration = std::stod(probed.value("duration", "0"));
@@ -198,6 +195,55 @@ TEST_F(TimelapseTest, APrintBecomesAFilmThatPlaysAndLeavesNoTraceWhenDeleted) {
               "");
     EXPECT_THAT(served->rpc.Problems(), IsEmpty());
   }
+}
+
+TEST_F(TimelapseTest, AFullDiskCostsNoPhotoThatWasAnswered) {
+  // A rate of which MPEG-TS cannot tell the time of a frame.
+  constexpr int kOddRate = 211;
+  BootOptions options = DaemonOptions();
+  ServedBoard served(options, [](const Board& board) {
+    WithDeployment(R"({"min_free_space_mib": 0})")(board);
+    EXPECT_EQ(board
+                  .Shell("mkdir /userdata/.tmp_timelapse && "
+                         "mount -t tmpfs -o size=16m none /userdata/.tmp_timelapse")
+                  .status,
+              0);
+  });
+  ASSERT_TRUE(served.rpc.AwaitDaemon());
+  const auto leave = [&](int kilobytes) {
+    return served.board.Shell(
+        "cd /userdata/.tmp_timelapse; rm -f .filler; free=$(df --output=avail -k . | tail -n 1); "
+        "head -c $((free - " +
+        std::to_string(kilobytes) + "))k /dev/zero >.filler");
+  };
+  ASSERT_EQ(Start(served, "new", kOddRate), Success());
+  int photos = 0;
+  for (const int room : {16384, 4, 60, 200, 400, 800, 16384}) {
+    if (room < 16384) (void)leave(room);
+    for (int i = 0; i < 2; ++i) {
+      const json answer = Print(served);
+      photos += answer == Success() ? 1 : 0;
+      EXPECT_TRUE(answer == Success() || answer == Error(-32000, "Take photo failed")) << answer;
+    }
+    (void)served.board.Shell("rm -f /userdata/.tmp_timelapse/.filler");
+  }
+  EXPECT_GE(photos, 4);
+  EXPECT_LT(photos, 14);
+  (void)leave(0);
+  EXPECT_EQ(served.rpc.Call("camera.stop_timelapse", nullptr),
+            Error(-32600, "Stop time-lapse photography failed"));
+  (void)leave(40);
+  EXPECT_EQ(served.rpc.Call("camera.stop_timelapse", nullptr), Success());
+  const auto completed = [&] {
+    return served.rpc.Notifications("notify_camera_generate_video_completed");
+  };
+  EXPECT_TRUE(test::Eventually([&] { return completed().size() == 1; }, std::chrono::seconds(60)));
+  EXPECT_EQ(completed().at(0).params.at("state"), "failed");
+  (void)served.board.Shell("rm -f /userdata/.tmp_timelapse/.filler");
+  served.Restart();
+  const json film = AwaitFilm(served);
+  ASSERT_FALSE(film.is_null());
+  ExpectFilm(Probe(served, WebFile(film, "video_url")), photos + 1, kOddRate);
 }
 
 /// A print on a board whose daemon is killed again and again.

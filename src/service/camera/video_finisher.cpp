@@ -23,6 +23,7 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 
 constexpr const char* kTag = "TLP";
+constexpr size_t kMaxProgressBytes = size_t{64} << 20U;
 constexpr size_t kMaxPhotoBytes = size_t{64} << 20U;
 constexpr mode_t kVideoMode = 0644;
 
@@ -190,6 +191,13 @@ bool VideoFinisher::TryJoin(const TimelapseInstance& instance, const Film& film)
   const auto start = clock_.Now();
   if (!encoder_.Join(instance.AllSegmentsList(), instance.Progress(), output->TemporaryPath(),
                      instance.Log("gen_video.log"), film.frames)) {
+    return false;
+  }
+  // A segment that cannot be opened ends the film there, and all the same the run is a success.
+  const int joined_frames = LastProgressFrame(
+      utils::ReadSmallFile(instance.Progress(), kMaxProgressBytes).value_or(std::string()));
+  if (joined_frames < 0 || static_cast<size_t>(joined_frames) < film.frames) {
+    VLOG_ERROR(kTag, "Generate video: {} of {} frames were joined", joined_frames, film.frames);
     return false;
   }
   const auto joined = clock_.Now();

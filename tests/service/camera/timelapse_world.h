@@ -39,16 +39,18 @@ class TimelapseWorld {
   void EncodeAs(const std::string& first) {
     dir_.WriteScript("ffmpeg", R"(
 for out; do :; done
-list='' input='' previous=''
+list='' input='' previous='' progress=''
 for word; do
   [ "$previous" = -i ] && input=$word
   [ "$word" = concat ] && list=yes
+  [ "$previous" = -progress ] && progress=$word
   previous=$word
 done
 )" + first + R"(
 [ "$out" = - ] && { grep -h broken "$input"; grep -q . "$input"; exit; }
 if [ -n "$list" ]; then
   sed -n "s/^file '\(.*\)'$/\1/p" "$input" | while read -r segment; do cat "$segment"; done >"$out"
+  frames=$(grep -c . "$input"); echo "frame=$frames" >"$progress"
 else
   cat "$input" >"$out"
 fi)");
