@@ -130,9 +130,10 @@ void ListBare(const fs::path& description) {
   std::ifstream file(description);
   const json films = json::parse(file);
   struct stat info {};
-  for (const json& film : films["instances"])
+  for (const json& film : films["instances"]) {
     if (::stat(film["video_path"].get_ref<const std::string&>().c_str(), &info) != 0)
       throw std::runtime_error("a film is missing");
+  }
 }
 
 void MeasureListing(const Options& options, Report& report) {

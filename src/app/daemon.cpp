@@ -113,12 +113,18 @@ void AllowDrives(utils::ClientPathPolicy& client_paths) {
                                                  &client_paths);
 }
 
+service::TimelapsePaths PathsOf(const utils::Deployment& deployment) {
+  service::TimelapsePaths paths;
+  paths.min_free_bytes = uint64_t{deployment.min_free_space_mib} << 20U;
+  return paths;
+}
+
 /// The services, in their start order. The object lives until the process ends: their threads are
 /// not joined.
 class Services {
  public:
   Services(comms::CommsManager& comms, Hardware& hardware,
-           const utils::ClientPathPolicy& client_paths)
+           const utils::ClientPathPolicy& client_paths, const utils::Deployment& deployment)
       : date_record_(hardware.storage.Paths().config_save),
         device_info_(
             comms, [&hardware]() -> const auto& { return hardware.system.Identity(); }),
@@ -126,7 +132,8 @@ class Services {
                             [&hardware](const std::string& path) {
                               return hardware.multimedia.TakePhoto(path);
                             },
-                        .paths = &client_paths}) {}
+                        .paths = &client_paths,
+                        .timelapse_paths = PathsOf(deployment)}) {}
 
   void Start() {
     date_record_.Start();
@@ -174,7 +181,7 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
   comms.SetSerialNumberProvider([hardware] { return hardware->system.Identity().serial_number; });
   if (comms.InitLocal() != comms::CommsStatus::kOk)
     throw std::runtime_error("the communication manager did not start");
-  auto* services = new Services(comms, *hardware, *client_paths);
+  auto* services = new Services(comms, *hardware, *client_paths, deployment);
   services->Start();
 
   Supervisor supervisor(comms, [] { return shutdown_requested != 0; });

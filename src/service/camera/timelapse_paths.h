@@ -17,6 +17,7 @@ struct TimelapsePaths {
   std::string ffprobe = "/usr/bin/ffprobe";
   // Generous: the encoder yields to everything else on the board.
   uint32_t frame_limit_ms = 120'000;  ///< for one photo, then it is killed
+  uint64_t min_free_bytes = 0;        ///< that a film must leave to the printer; 0: any
   uint32_t join_limit_ms = 300'000;   ///< for joining and for checking, besides the frames' share
 
   std::filesystem::path Description() const { return root / "timelapse.json"; }

@@ -36,7 +36,7 @@ TimelapseService::TimelapseService(TimelapsePaths paths, Timelapse::TakePhotoTo 
       encoder_(paths_),
       segments_(encoder_),
       store_(paths_, clock),
-      finisher_(encoder_, segments_, store_, std::move(notify), clock),
+      finisher_(encoder_, segments_, store_, std::move(notify), clock, paths_.min_free_bytes),
       root_(paths_, clock),
       films_(finisher_) {}
 

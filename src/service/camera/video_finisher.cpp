@@ -13,6 +13,7 @@
 #include "service/camera/generation_progress.h"
 #include "service/camera/segment_list.h"
 #include "utils/atomic_file.h"
+#include "utils/free_space.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 
@@ -130,12 +131,14 @@ void SegmentEncoder::Mend(const TimelapseInstance& instance, uint32_t number) {
 }
 
 VideoFinisher::VideoFinisher(const VideoEncoder& encoder, SegmentEncoder& segments,
-                             const TimelapseStore& store, NotifyClients notify, utils::Clock& clock)
+                             const TimelapseStore& store, NotifyClients notify, utils::Clock& clock,
+                             uint64_t min_free_bytes)
     : encoder_(encoder),
       segments_(segments),
       store_(store),
       notify_(std::move(notify)),
-      clock_(clock) {}
+      clock_(clock),
+      min_free_bytes_(min_free_bytes) {}
 
 bool VideoFinisher::MakeCover(const TimelapseInstance& instance) {
   if (SizeOf(instance.CoverPhoto()) > 0) {
@@ -157,9 +160,10 @@ bool VideoFinisher::MakeCover(const TimelapseInstance& instance) {
   return segments_.EncodeCover(instance);
 }
 
-size_t VideoFinisher::ListSegments(const TimelapseInstance& instance) const {
+bool VideoFinisher::ListSegments(const TimelapseInstance& instance, Film& film) const {
   std::vector<fs::path> all;
-  if (SizeOf(instance.CoverSegment()) > 0) {
+  film.segment_bytes = SizeOf(instance.CoverSegment());
+  if (film.segment_bytes > 0) {
     all.push_back(instance.CoverSegment());
   } else {
     VLOG_ERROR(kTag, "Generate video: cover segment '{}' invalid, skip.",
@@ -167,18 +171,30 @@ size_t VideoFinisher::ListSegments(const TimelapseInstance& instance) const {
   }
   for (const uint32_t number : instance.ListedSegments()) {
     const fs::path segment = instance.Segment(number);
-    if (SizeOf(segment) > 0) {
+    if (const uintmax_t size = SizeOf(segment); size > 0) {
       all.push_back(segment);
+      film.segment_bytes += size;
     } else {
       VLOG_ERROR(kTag, "Generate video: segment '{}' invalid, skip.", segment.string());
     }
   }
-  if (all.empty()) return 0;
-  if (const std::error_code error = WriteSegmentList(instance.AllSegmentsList(), all)) {
-    VLOG_ERROR(kTag, "Copy all segment file failed, reason: {}", error.message());
-    return 0;
+  film.frames = all.size();
+  film.path = instance.Video(film.frames);
+  if (all.empty()) return false;
+  const std::error_code error = WriteSegmentList(instance.AllSegmentsList(), all);
+  if (error) VLOG_ERROR(kTag, "Copy all segment file failed, reason: {}", error.message());
+  return !error;
+}
+
+bool VideoFinisher::HasRoomFor(const Film& film) const {
+  // Joined, the segments take no more room than before.
+  if (min_free_bytes_ == 0 ||
+      utils::EnoughFreeSpace(film.path.parent_path(), min_free_bytes_ + film.segment_bytes)) {
+    return true;
   }
-  return all.size();
+  VLOG_ERROR(kTag, "Less than {} MiB would be free with the film {}, it is not made",
+             min_free_bytes_ >> 20U, film.path.string());
+  return false;
 }
 
 bool VideoFinisher::TryJoin(const TimelapseInstance& instance, const Film& film) const {
@@ -216,13 +232,10 @@ bool VideoFinisher::TryJoin(const TimelapseInstance& instance, const Film& film)
 bool VideoFinisher::MendSegments(const TimelapseInstance& instance, Film& film) const {
   for (const uint32_t number : instance.ListedSegments())
     if (SizeOf(instance.Segment(number)) > 0) segments_.Mend(instance, number);
-  film.frames = ListSegments(instance);
-  film.path = instance.Video(film.frames);
-  return film.frames > 0;
+  return ListSegments(instance, film);
 }
 
 bool VideoFinisher::JoinAndCheck(const TimelapseInstance& instance, Film& film) const {
-  film.path = instance.Video(film.frames);
   const GenerationProgress progress(
       instance.Progress(), film.frames, [this](int percent) { NotifyProgress(percent); }, clock_);
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
@@ -278,8 +291,8 @@ std::string VideoFinisher::Make(TimelapseInstance& instance) {
   if (!segments_.EncodeRest(instance)) return "the encoder does not end";
   (void)MakeCover(instance);
   Film film;
-  film.frames = ListSegments(instance);
-  if (film.frames == 0) return "there is no segment";
+  if (!ListSegments(instance, film)) return "there is no segment";
+  if (!HasRoomFor(film)) return "there is no room for the film";
   if (!segments_.MakeThumbnail(instance) ||
       !WriteBase64(instance.Thumbnail(), instance.ThumbnailBase64())) {
     VLOG_WARN(kTag, "The film of {} has no thumbnail", instance.Index());

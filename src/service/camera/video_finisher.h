@@ -1,6 +1,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -53,7 +54,8 @@ class VideoFinisher {
   static constexpr int kAttempts = 3;
 
   VideoFinisher(const VideoEncoder& encoder, SegmentEncoder& segments, const TimelapseStore& store,
-                NotifyClients notify, utils::Clock& clock = utils::SystemClock::Instance());
+                NotifyClients notify, utils::Clock& clock = utils::SystemClock::Instance(),
+                uint64_t min_free_bytes = 0);
 
   /// False when it could not be made; the state is GENERATING then.
   bool Finish(TimelapseInstance& instance);
@@ -62,13 +64,15 @@ class VideoFinisher {
   struct Film {
     std::filesystem::path path;
     size_t frames = 0;
+    uintmax_t segment_bytes = 0;
   };
 
   bool MakeCover(const TimelapseInstance& instance);
-  /// The number of frames; 0 when there is nothing to join.
-  size_t ListSegments(const TimelapseInstance& instance) const;
+  /// False when there is nothing to join.
+  bool ListSegments(const TimelapseInstance& instance, Film& film) const;
   bool JoinAndCheck(const TimelapseInstance& instance, Film& film) const;
   bool MendSegments(const TimelapseInstance& instance, Film& film) const;
+  bool HasRoomFor(const Film& film) const;
   bool TryJoin(const TimelapseInstance& instance, const Film& film) const;
   nlohmann::json RecordOf(const TimelapseInstance& instance, const Film& film) const;
   void NotifyProgress(int percent) const;
@@ -81,6 +85,7 @@ class VideoFinisher {
   const TimelapseStore& store_;
   const NotifyClients notify_;
   utils::Clock& clock_;
+  const uint64_t min_free_bytes_;
 };
 
 }  // namespace varnel::service

@@ -208,6 +208,13 @@ TEST_F(TimelapseServiceTest, AFailedFilmIsTriedAgainAtTheNextStart) {
     EXPECT_EQ(service->Store().List({})["count"], 0);
   }
   EncodeAs("");
+  paths_.min_free_bytes = uint64_t{1} << 60U;
+  {
+    const auto service = Service();
+    EXPECT_TRUE(Eventually([&] { return Completed() == 2; }));
+    EXPECT_EQ(notified_.Items().back().second["message"], "there is no room for the film");
+  }
+  paths_.min_free_bytes = 1;
   const auto service = Service();
   EXPECT_EQ(Film(*service, index), "a2\na1\na2\n");
   EXPECT_TRUE(Eventually([&] { return State(index) == "FINISHED\n"; }));
