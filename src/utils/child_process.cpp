@@ -9,9 +9,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <functional>
-#include <system_error>
-#include <thread>
 
 #include "utils/child_registry.h"
 
@@ -89,27 +86,15 @@ bool MoveAboveStandard(UniqueFd& fd) {
   return static_cast<bool>(fd);
 }
 
-void LowerPriorityOfThisThread() {
-  constexpr int kThisThread = 1;
+/// Lowest priority for the processor and the disk. posix_spawn knows no idle one, and a child that
+/// inherited it from a thread of ours could hold up both while others need the processor. It has
+/// barely begun; its threads inherit it.
+void LowerPriority(pid_t pid) {
+  constexpr int kOneThread = 1;
   constexpr int kIdleClass = 3 << 13;
   const sched_param parameters{};
-  ::sched_setscheduler(0, SCHED_IDLE, &parameters);
-  ::syscall(SYS_ioprio_set, kThisThread, 0, kIdleClass);
-}
-
-/// A child inherits the priority of the thread that starts it; posix_spawn itself knows no idle
-/// one.
-int FromIdleThread(const std::function<int()>& spawn) {
-  int error = EAGAIN;
-  try {
-    std::thread([&] {
-      LowerPriorityOfThisThread();
-      error = spawn();
-    }).join();
-  } catch (const std::system_error&) {
-    return EAGAIN;
-  }
-  return error;
+  ::sched_setscheduler(pid, SCHED_IDLE, &parameters);
+  ::syscall(SYS_ioprio_set, kOneThread, pid, kIdleClass);
 }
 
 }  // namespace
@@ -181,11 +166,11 @@ int SpawnChild(const ChildSetup& setup, pid_t& pid) {
   if (start.Refused()) {
     return EAGAIN;
   }
-  const auto spawn = [&] {
-    return ::posix_spawn(&pid, setup.program, actions.Get(), attributes.Get(), setup.arguments,
-                         setup.environment);
-  };
-  const int error = setup.idle_priority ? FromIdleThread(spawn) : spawn();
+  const int error = ::posix_spawn(&pid, setup.program, actions.Get(), attributes.Get(),
+                                  setup.arguments, setup.environment);
+  if (error == 0 && setup.idle_priority) {
+    LowerPriority(pid);
+  }
   if (error == 0 && !setup.outlives_us) {
     RegisterChild(pid);
     // EndChildren() does not wait long for a start, and may have looked before.

@@ -11,20 +11,25 @@ namespace {
 constexpr std::chrono::milliseconds kRetry{2};
 
 /// Whoever is next in the queue holds this, another lock on the same file, so that a holder that
-/// comes back at once does not overtake those that wait.
-bool TryQueue(int fd, short type) {
+/// comes back at once does not overtake those that wait. True also where there are no such locks.
+bool TryQueue(int fd) {
   struct flock range {};
-  range.l_type = type;
+  range.l_type = F_WRLCK;
   range.l_whence = SEEK_SET;
-  return ::fcntl(fd, F_OFD_SETLK, &range) == 0;
+  return ::fcntl(fd, F_OFD_SETLK, &range) == 0 ||
+         (errno != EAGAIN && errno != EACCES && errno != EINTR);
 }
 
-bool TryLock(int fd) {
-  return ::flock(fd, LOCK_EX | LOCK_NB) == 0;
+void LeaveQueue(int fd) {
+  struct flock range {};
+  range.l_type = F_UNLCK;
+  range.l_whence = SEEK_SET;
+  (void)::fcntl(fd, F_OFD_SETLK, &range);
 }
 
-bool IsHeldByOther(int error) {
-  return error == EWOULDBLOCK || error == EACCES || error == EINTR;
+bool TryLock(int fd, int& error) {
+  error = ::flock(fd, LOCK_EX | LOCK_NB) == 0 ? 0 : errno;
+  return error == 0;
 }
 
 }  // namespace
@@ -37,17 +42,28 @@ std::optional<FileLock> FileLock::Acquire(const std::filesystem::path& file,
     problem = "Failed to open lock file";
     return std::nullopt;
   }
-  const auto deadline = clock.Now() + limit;
-  bool next = false;
-  while (!(next = next || TryQueue(fd.Get(), F_WRLCK)) || !TryLock(fd.Get())) {
-    if (!IsHeldByOther(errno) || clock.Now() >= deadline) {
+  const auto start = clock.Now();
+  int error = EWOULDBLOCK;
+  // A program that knows no queue may hold the lock of the queue for ever.
+  for (bool next = false;; clock.SleepFor(kRetry)) {
+    next = next || TryQueue(fd.Get()) || clock.Now() - start >= limit / 2;
+    if (next && TryLock(fd.Get(), error)) break;
+    const bool held = error == EWOULDBLOCK || error == EINTR;
+    if (!held || clock.Now() - start >= limit) {
+      LeaveQueue(fd.Get());
       problem = "Failed to acquire file lock";
       return std::nullopt;
     }
-    clock.SleepFor(kRetry);
   }
-  (void)TryQueue(fd.Get(), F_UNLCK);
+  LeaveQueue(fd.Get());
   return FileLock(std::move(fd));
+}
+
+FileLock::~FileLock() {
+  // A child that is being started may have a copy of the descriptor for a moment.
+  if (file_) {
+    ::flock(file_.Get(), LOCK_UN);
+  }
 }
 
 }  // namespace varnel::utils

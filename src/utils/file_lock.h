@@ -20,10 +20,14 @@ class FileLock {
                                                        std::chrono::milliseconds limit,
                                                        Clock& clock, std::string& problem);
 
+  FileLock(FileLock&& other) noexcept = default;
+  FileLock& operator=(FileLock&& other) = delete;
+  ~FileLock();
+
  private:
   explicit FileLock(UniqueFd file) : file_(std::move(file)) {}
 
-  UniqueFd file_;  ///< closing it gives the lock back
+  UniqueFd file_;
 };
 
 }  // namespace varnel::utils

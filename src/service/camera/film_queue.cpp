@@ -54,22 +54,25 @@ void FilmQueue::Run(const std::stop_token& stop) {
     const Job job = std::move(jobs_.front());
     jobs_.pop_front();
     lock.unlock();
-    try {
-      Make(job);
-    } catch (const std::exception& error) {
-      VLOG_ERROR(kTag, "A film was not made: {}", utils::LogText(error.what()));
-    }
+    const bool made = TryMake(job);
     lock.lock();
+    if (!made) failed_.insert(IndexOf(job));
   }
 }
 
-void FilmQueue::Make(const Job& job) {
-  if (job.timelapse) job.timelapse->EndEncoding();
-  if (!job.film) return;
-  TimelapseInstance& instance = job.timelapse ? job.timelapse->Instance() : *job.instance;
-  if (finisher_.Finish(instance)) return;
-  const std::lock_guard lock(mutex_);
-  failed_.insert(instance.Index());
+bool FilmQueue::TryMake(const Job& job) const {
+  try {
+    if (job.timelapse) job.timelapse->EndEncoding();
+    if (!job.film) return true;
+    return finisher_.Finish(job.timelapse ? job.timelapse->Instance() : *job.instance);
+  } catch (const std::exception& error) {
+    VLOG_ERROR(kTag, "A film was not made: {}", utils::LogText(error.what()));
+    return false;
+  }
+}
+
+std::string FilmQueue::IndexOf(const Job& job) {
+  return job.timelapse ? job.timelapse->Instance().Index() : job.instance->Index();
 }
 
 }  // namespace varnel::service

@@ -41,7 +41,8 @@ class FilmQueue {
 
   void Push(Job job);
   void Run(const std::stop_token& stop);
-  void Make(const Job& job);
+  bool TryMake(const Job& job) const;
+  static std::string IndexOf(const Job& job);
 
   VideoFinisher& finisher_;
   mutable std::mutex mutex_;

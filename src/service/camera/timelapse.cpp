@@ -38,15 +38,14 @@ bool Timelapse::Start(bool continued) {
   if (!continued && !instance_->RecordState(TimelapseState::kActivated)) return false;
   const std::vector<uint32_t> photos = instance_->Photos();
   if (!photos.empty()) next_number_ = photos.back() + 1;
+  {
+    const std::lock_guard queue_lock(queue_mutex_);
+    const std::vector<uint32_t> left = instance_->PhotosToEncode();
+    left_.assign(left.begin(), left.end());
+  }
   const std::lock_guard thread_lock(thread_mutex_);
-  // What an interruption left goes first, and holds up no photo of this run.
-  encoding_ =
-      utils::SpawnGuarded("film-segments", kTag,
-                          [this, left = instance_->PhotosToEncode()](const std::stop_token& stop) {
-                            for (const uint32_t number : left)
-                              if (!stop.stop_requested()) Encode(number);
-                            EncodeWaiting(stop);
-                          });
+  encoding_ = utils::SpawnGuarded("film-segments", kTag,
+                                  [this](const std::stop_token& stop) { EncodeWaiting(stop); });
   return true;
 }
 
@@ -65,33 +64,42 @@ bool Timelapse::Capture(uint32_t number) const {
 }
 
 TimelapsePhoto Timelapse::TakePhoto() {
+  uint32_t number = 0;
+  const TimelapsePhoto outcome = Take(number);
+  // No state change has to wait until there is room for it.
+  if (outcome == TimelapsePhoto::kTaken) Enqueue(number);
+  return outcome;
+}
+
+TimelapsePhoto Timelapse::Take(uint32_t& number) {
   const std::string index = instance_->Index();
   VLOG_INFO(kTag, "Timelapse {}: receive 'TakePhoto' command.", index);
   const std::lock_guard lock(photo_mutex_);
-  if (State() != TimelapseState::kActivated || abandoned_) {
+  if (State() != TimelapseState::kActivated || closed_) {
     VLOG_ERROR(kTag, "Timelapse take photo: {} is not active.", index);
     return TimelapsePhoto::kNotActive;
   }
   VLOG_INFO(kTag, "Timelapse {}: take photo {}.", index, next_number_);
   if (!Capture(next_number_)) return TimelapsePhoto::kFailed;
-  Enqueue(next_number_++);
+  number = next_number_++;
   return TimelapsePhoto::kTaken;
 }
 
 void Timelapse::Enqueue(uint32_t number) {
   std::unique_lock lock(queue_mutex_);
   // Bounded by the time limit of the encoder, which prefers us to films that are finished.
-  queue_changed_.wait(lock, [this] { return waiting_.size() < kMaxWaiting || abandoned_; });
+  queue_changed_.wait(lock, [this] { return waiting_.size() < kMaxWaiting || closed_; });
   waiting_.push_back(number);
   queue_changed_.notify_all();
 }
 
 void Timelapse::EncodeWaiting(const std::stop_token& stop) {
+  const auto some = [this] { return !waiting_.empty() || !left_.empty(); };
   std::unique_lock lock(queue_mutex_);
-  while (queue_changed_.wait(lock, stop, [this] { return !waiting_.empty(); }) &&
-         !stop.stop_requested()) {
-    const uint32_t number = waiting_.front();
-    waiting_.pop_front();
+  while (queue_changed_.wait(lock, stop, some) && !stop.stop_requested()) {
+    std::deque<uint32_t>& next = waiting_.empty() ? left_ : waiting_;
+    const uint32_t number = next.front();
+    next.pop_front();
     queue_changed_.notify_all();
     lock.unlock();
     Encode(number);
@@ -112,7 +120,7 @@ bool Timelapse::Stop() {
   const std::string index = instance_->Index();
   VLOG_INFO(kTag, "Timelapse {}: receive 'Stop' command.", index);
   const std::lock_guard lock(photo_mutex_);
-  if (State() != TimelapseState::kActivated || abandoned_) {
+  if (State() != TimelapseState::kActivated || closed_) {
     VLOG_ERROR(kTag, "Stop timelapse: {} is not active.", index);
     return false;
   }
@@ -123,21 +131,27 @@ bool Timelapse::Stop() {
   return instance_->RecordState(TimelapseState::kGenerating);
 }
 
+void Timelapse::Close() {
+  const std::lock_guard lock(queue_mutex_);  // so that a photo that waits cannot miss it
+  closed_ = true;
+  queue_changed_.notify_all();
+}
+
 void Timelapse::Abandon() {
-  {
-    const std::lock_guard lock(queue_mutex_);  // so that a photo that waits cannot miss it
-    abandoned_ = true;
-    queue_changed_.notify_all();
-  }
+  Close();
   const std::lock_guard lock(thread_mutex_);
   encoding_.request_stop();
 }
 
 void Timelapse::EndEncoding() {
-  const std::lock_guard lock(thread_mutex_);
-  if (!encoding_.joinable()) return;
-  encoding_.request_stop();
-  encoding_.join();
+  Close();
+  std::jthread encoding;
+  {
+    const std::lock_guard lock(thread_mutex_);
+    encoding = std::move(encoding_);
+  }
+  encoding.request_stop();
+  if (encoding.joinable()) encoding.join();
 }
 
 }  // namespace varnel::service

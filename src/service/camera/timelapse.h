@@ -53,6 +53,8 @@ class Timelapse {
  private:
   bool Capture(uint32_t number) const;
   void Enqueue(uint32_t number);
+  void Close();
+  TimelapsePhoto Take(uint32_t& number);
   void EncodeWaiting(const std::stop_token& stop);
   void Encode(uint32_t number) noexcept;
 
@@ -63,11 +65,12 @@ class Timelapse {
   std::mutex photo_mutex_;    // one photo, and no state change while it is taken
   uint32_t next_number_ = 1;  // photo_mutex_
 
-  std::atomic<bool> abandoned_ = false;
+  std::atomic<bool> closed_ = false;  // no photo is encoded any more
 
   std::mutex queue_mutex_;
   std::condition_variable_any queue_changed_;
   std::deque<uint32_t> waiting_;  // queue_mutex_
+  std::deque<uint32_t> left_;     // by an interruption; they come after those; queue_mutex_
 
   std::mutex thread_mutex_;
   std::jthread encoding_;  // thread_mutex_

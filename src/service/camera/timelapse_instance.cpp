@@ -145,7 +145,8 @@ std::vector<uint32_t> TimelapseInstance::PhotosToEncode() const {
   return numbers;
 }
 
-void TimelapseInstance::RemoveFiles(bool (*unwanted)(const std::string& name)) const {
+void TimelapseInstance::RemoveFiles(
+    const std::function<bool(const std::string& name)>& unwanted) const {
   std::error_code error;
   const auto entries = utils::DirectoryEntries(directory_, error);
   if (error) VLOG_WARN(kTag, "Remove file failed, reason: {}", error.message());
@@ -158,6 +159,12 @@ void TimelapseInstance::RemoveFiles(bool (*unwanted)(const std::string& name)) c
 
 void TimelapseInstance::RemoveTemporaryFiles() const {
   RemoveFiles(IsTemporary);
+}
+
+void TimelapseInstance::RemoveFilmsBut(const fs::path& film) const {
+  RemoveFiles([kept = film.filename().string()](const std::string& name) {
+    return name.starts_with("timelapse_f") && name.ends_with(".mp4") && name != kept;
+  });
 }
 
 void TimelapseInstance::RemoveHalfWritten() const {

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -58,6 +59,8 @@ class TimelapseInstance {
   std::vector<uint32_t> PhotosToEncode() const;
   /// Removes what a finished film needs no more.
   void RemoveTemporaryFiles() const;
+  /// Removes films that earlier attempts left.
+  void RemoveFilmsBut(const std::filesystem::path& film) const;
   /// Removes outputs that an interruption cut short.
   void RemoveHalfWritten() const;
 
@@ -65,7 +68,7 @@ class TimelapseInstance {
   /// Segments in MPEG-TS join to the exact frame rate when its clock of 90 kHz can tell one frame's
   /// time; those in AVI to any.
   const char* SegmentEnding() const;
-  void RemoveFiles(bool (*unwanted)(const std::string& name)) const;
+  void RemoveFiles(const std::function<bool(const std::string& name)>& unwanted) const;
 
   const std::filesystem::path directory_;
   const TimelapseSettings settings_;

@@ -26,6 +26,9 @@ struct TimelapsePaths {
   std::filesystem::path NextIndex() const { return root / "index_next"; }
 };
 
+/// Begins a name that is no index. A work directory that has it is as good as gone.
+inline constexpr const char* kDeletedPrefix = ".deleted_";
+
 inline constexpr const char* kWebUrl = "/files/camera/";
 
 /// Names of a finished film's links in the web directory.

@@ -51,10 +51,16 @@ bool TimelapseRoot::MakeRoot() const {
   return !error;
 }
 
+bool TimelapseRoot::IsTaken(const std::string& index) const {
+  return Exists(paths_.root / index) || Exists(paths_.root / (kBuildingPrefix + index)) ||
+         Exists(paths_.root / (kDeletedPrefix + index));
+}
+
 std::string TimelapseRoot::FreeIndex() const {
   for (int i = 0; i < kMaxIndexTries; ++i) {
     const auto index = utils::LocalTimeDigits(SecondsOf(clock_.WallNow()));
-    if (index && !Exists(paths_.root / *index)) return *index;
+    // Not that of the one before either: a photo or a segment of it may still be on its way.
+    if (index && *index != NextIndex() && !IsTaken(*index)) return *index;
     VLOG_WARN(kTag, "{} exists, retry.", index.value_or("(no date)"));
     clock_.SleepFor(kRetryPause);
   }
@@ -134,19 +140,21 @@ std::shared_ptr<TimelapseInstance> TimelapseRoot::Open(const std::string& index)
   } else if (ReadTimelapseState(directory, state) != StateRecord::kFound) {
     problem = "no usable state record";
   }
+  std::optional<TimelapseSettings> settings;
+  if (problem == nullptr) settings = LoadTimelapseSettings(directory / "config.json");
+  if (problem == nullptr && !settings) problem = "the config file cannot be read";
   if (problem != nullptr) {
     VLOG_ERROR(
         kTag, "Initialize an existing timelapse instance failed, working directory: {}, reason: {}",
         directory.string(), problem);
     return nullptr;
   }
-  TimelapseSettings settings = LoadTimelapseSettings(directory / "config.json");
   VLOG_INFO(kTag,
             "Initialize an existing instance, index: {}, state: {}, frame_rate: {}, mode: {}, "
             "gcode_name: {}, gcode_path: {}",
-            index, TimelapseStateName(state), settings.frame_rate, settings.mode,
-            utils::LogText(settings.gcode_name), utils::LogText(settings.gcode_path));
-  return std::make_shared<TimelapseInstance>(directory, std::move(settings), state);
+            index, TimelapseStateName(state), settings->frame_rate, settings->mode,
+            utils::LogText(settings->gcode_name), utils::LogText(settings->gcode_path));
+  return std::make_shared<TimelapseInstance>(directory, std::move(*settings), state);
 }
 
 std::string TimelapseRoot::NextIndex() const {

@@ -38,6 +38,7 @@ class TimelapseRoot {
  private:
   bool MakeRoot() const;
   std::string FreeIndex() const;
+  bool IsTaken(const std::string& index) const;
   bool Build(const std::filesystem::path& directory, const TimelapseSettings& settings) const;
   [[nodiscard]] bool PointAt(const std::string& index) const;
   /// Takes a work directory away at once, under a name that the next start removes in any case.

@@ -56,17 +56,18 @@ bool ReadFrameRate(const json& value, uint32_t& frame_rate) {
   return true;
 }
 
-TimelapseSettings LoadTimelapseSettings(const std::filesystem::path& file) {
+std::optional<TimelapseSettings> LoadTimelapseSettings(const std::filesystem::path& file) {
   const JsonFile content = ReadJsonFile(kTag, file);
   if (content.state == JsonFile::State::kMissing) {
     VLOG_WARN(kTag, "The config file is not exists, use default.");
-    return {};
+    return TimelapseSettings();
   }
+  if (content.state == JsonFile::State::kUnreadable) return std::nullopt;
   if (content.state == JsonFile::State::kRead) {
     if (auto settings = FromJson(content.value)) return *settings;
   }
   VLOG_WARN(kTag, "The content of the config file is illegal, use default.");
-  return {};
+  return TimelapseSettings();
 }
 
 std::error_code SaveTimelapseSettings(const TimelapseSettings& settings,

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <system_error>
 
@@ -23,8 +24,9 @@ struct TimelapseSettings {
 [[nodiscard]] bool ReadFrameRate(const nlohmann::json& value, uint32_t& frame_rate);
 
 /// The file "config.json" of an instance. What is missing or unusable in it keeps its default, with
-/// a log line.
-[[nodiscard]] TimelapseSettings LoadTimelapseSettings(const std::filesystem::path& file);
+/// a log line. Nothing when the file cannot be read at this moment.
+[[nodiscard]] std::optional<TimelapseSettings> LoadTimelapseSettings(
+    const std::filesystem::path& file);
 [[nodiscard]] std::error_code SaveTimelapseSettings(const TimelapseSettings& settings,
                                                     const std::filesystem::path& file);
 

@@ -21,8 +21,6 @@ using hal_adapter::HalStatus;
 using nlohmann::json;
 
 constexpr const char* kTag = "TLP";
-/// A name that is no index. A work directory that has it is as good as gone.
-constexpr const char* kDeletedPrefix = ".deleted_";
 constexpr size_t kMaxThumbnailBytes = size_t{16} << 20U;
 
 json EmptyDescription() {
@@ -138,8 +136,9 @@ std::optional<json> TimelapseStore::LoadOrStartNew() const {
   VLOG_WARN(kTag, "The content of the description file is illegal, use a new description file.");
   std::error_code error;
   fs::rename(paths_.Description(), paths_.Description().string() + ".bad", error);
-  if (error) VLOG_ERROR(kTag, "Filesystem error: {}", error.message());
-  return EmptyDescription();
+  if (!error) return EmptyDescription();
+  VLOG_ERROR(kTag, "Filesystem error: {}", error.message());
+  return std::nullopt;
 }
 
 HalStatus TimelapseStore::Write(const json& description) const {
@@ -249,7 +248,9 @@ void TimelapseStore::MakeLinks(const json& record, bool replace) const {
     const fs::path link = paths_.web / name;
     std::error_code ignored;
     const bool there = fs::symlink_status(link, ignored).type() == fs::file_type::symlink;
-    if ((there && !replace) || !fs::exists(target, ignored)) continue;
+    // The description file can be changed by others: nothing else of the board is served.
+    const bool ours = fs::path(target).parent_path() == paths_.root / index;
+    if (!ours || (there && !replace) || !fs::exists(target, ignored)) continue;
     std::error_code error = utils::MakeDirectories(paths_.web);
     if (!error) error = utils::ReplaceSymlink(target, link);
     if (error)
@@ -260,7 +261,7 @@ void TimelapseStore::MakeLinks(const json& record, bool replace) const {
 void TimelapseStore::RepairLinks() const {
   std::error_code error;
   if (!fs::exists(paths_.Description(), error)) return;
-  const auto opened = Open(kLockLimit);
+  const auto opened = Open(kListLockLimit);
   const std::optional<json> description = opened ? LoadForListing() : std::nullopt;
   if (!description) return;
   for (const json* record : Shown(*description)) MakeLinks(*record, false);
@@ -359,7 +360,7 @@ void TimelapseStore::CompleteDeletions() const {
       indices.push_back(name.substr(std::string_view(kDeletedPrefix).size()));
   }
   if (indices.empty()) return;
-  const auto opened = Open(kLockLimit);
+  const auto opened = Open(kListLockLimit);
   if (!opened) return;  // they keep their marks
   for (const std::string& index : indices)
     if (IsTimelapseIndex(index)) (void)CompleteDeletion(index);

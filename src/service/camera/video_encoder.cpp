@@ -43,6 +43,7 @@ bool FindProgram(const std::string& program) {
 /// Runs a command line that has been built; `failure` and `fatal` begin the lines of their cases.
 EncoderRun Run(utils::SafeExec& command, const char* failure, const char* fatal) {
   constexpr int32_t kTimeLimit = -1;
+  constexpr int32_t kNotExecutable = 127;  // and above it the signals
   VLOG_INFO(kTag, "{}", utils::LogText(command.ToString(), 2048));
   try {
     const utils::SafeExec::Result result = command.Execute();
@@ -54,10 +55,11 @@ EncoderRun Run(utils::SafeExec& command, const char* failure, const char* fatal)
     if (!result.standard_error.empty())
       VLOG_ERROR(kTag, "{}", utils::LogText(result.standard_error, 512));
     if (result.exit_code == kTimeLimit) return EncoderRun::kTimedOut;
+    if (result.exit_code < kNotExecutable) return EncoderRun::kFailed;
   } catch (const utils::SafeExecException& error) {
     VLOG_ERROR(kTag, "{}: {}", fatal, error.what());
   }
-  return EncoderRun::kFailed;
+  return EncoderRun::kNotRun;
 }
 
 bool HasContent(const fs::path& file) {
@@ -123,9 +125,9 @@ utils::SafeExec VideoEncoder::Ffmpeg() const {
 
 EncoderRun VideoEncoder::Encode(const fs::path& photo, uint32_t frame_rate, const fs::path& segment,
                                 const char* failure) const {
-  if (!Available()) return EncoderRun::kFailed;
+  if (!Available()) return EncoderRun::kNotRun;
   auto output = Output(segment);
-  if (!output) return EncoderRun::kFailed;
+  if (!output) return EncoderRun::kNotRun;
   utils::SafeExec command = Ffmpeg();
   const std::string rate = std::to_string(frame_rate);
   for (const char* argument : {"-threads", "1", "-y", "-f", "image2", "-r", rate.c_str(), "-i",
@@ -136,8 +138,8 @@ EncoderRun VideoEncoder::Encode(const fs::path& photo, uint32_t frame_rate, cons
   command.AddArg(output->TemporaryPath()).SetTimeout(paths_.frame_limit_ms);
   const EncoderRun run = Run(command, failure, "Execute fatal error");
   if (run != EncoderRun::kDone) return run;
-  return HasContent(output->TemporaryPath()) && PutInPlace(*output, segment) ? EncoderRun::kDone
-                                                                             : EncoderRun::kFailed;
+  if (!HasContent(output->TemporaryPath())) return EncoderRun::kFailed;
+  return PutInPlace(*output, segment) ? EncoderRun::kDone : EncoderRun::kNotRun;
 }
 
 EncoderRun VideoEncoder::EncodeSegment(const fs::path& photo, uint32_t frame_rate,
@@ -183,18 +185,36 @@ bool VideoEncoder::Join(const fs::path& list, const fs::path& progress, const fs
          EncoderRun::kDone;
 }
 
-bool VideoEncoder::Check(const fs::path& video, const fs::path& log, size_t frames) const {
-  if (!Available()) return false;
+EncoderRun VideoEncoder::Check(const fs::path& video, const fs::path& log, size_t frames) const {
+  if (!Available()) return EncoderRun::kNotRun;
+  if (!HasContent(video)) return EncoderRun::kFailed;
   utils::SafeExec command = Ffmpeg();
   for (const char* argument : {"-v", "error", "-i", video.c_str(), "-f", "null", "-"})
     command.AddArg(argument);
   command.SetTimeout(LimitFor(paths_.join_limit_ms, kCheckFrameMs, frames));
   NewLog(command, log);
+  const EncoderRun run = Run(command, "Check video failed, exit code", "Check video fatal error");
   // What cannot be decoded is reported without a failing status.
-  return HasContent(video) &&
-         Run(command, "Check video failed, exit code", "Check video fatal error") ==
-             EncoderRun::kDone &&
-         !HasContent(log);
+  return run == EncoderRun::kDone && HasContent(log) ? EncoderRun::kFailed : run;
+}
+
+std::optional<size_t> VideoEncoder::FrameCount(const fs::path& video) const {
+  utils::SafeExec command(paths_.ffprobe);
+  for (const char* argument : {"-v", "error", "-show_entries", "stream=nb_frames", "-of",
+                               "default=noprint_wrappers=1:nokey=1", video.c_str()}) {
+    command.AddArg(argument);
+  }
+  try {
+    const auto result =
+        command.SetIdlePriority().SetTimeout(kProbeLimitMs).SetOutputLimit(kProbeOutput).Execute();
+    const std::string text = Trimmed(result.standard_output);
+    size_t frames = 0;
+    const auto parsed = std::from_chars(text.data(), text.data() + text.size(), frames);
+    if (result.success && parsed.ec == std::errc{}) return frames;
+  } catch (const utils::SafeExecException& exception) {
+    VLOG_ERROR(kTag, "Count frames fatal error: {}", exception.what());
+  }
+  return std::nullopt;
 }
 
 std::string VideoEncoder::Duration(const fs::path& video) const {

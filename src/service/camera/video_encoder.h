@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 #include "service/camera/timelapse_paths.h"
@@ -11,7 +12,12 @@
 namespace varnel::service {
 
 /// How a run of the encoder ended.
-enum class EncoderRun { kDone, kFailed, kTimedOut };
+enum class EncoderRun {
+  kDone,
+  kFailed,  ///< it came to its own end and could not do it
+  kTimedOut,
+  kNotRun,  ///< not started or killed, or there was no place for the output: tells nothing
+};
 
 /// The runs of ffmpeg and ffprobe, each at the lowest priority and with a time limit. An output is
 /// put in place only when the run was successful. Thread-safe.
@@ -33,9 +39,11 @@ class VideoEncoder {
   [[nodiscard]] bool Join(const std::filesystem::path& list, const std::filesystem::path& progress,
                           const std::filesystem::path& video, const std::filesystem::path& log,
                           size_t frames) const;
-  /// Decodes the whole video.
-  [[nodiscard]] bool Check(const std::filesystem::path& video, const std::filesystem::path& log,
-                           size_t frames) const;
+  /// Decodes the whole video; kFailed when it does not play.
+  [[nodiscard]] EncoderRun Check(const std::filesystem::path& video,
+                                 const std::filesystem::path& log, size_t frames) const;
+  /// The number of frames of a joined video; nothing when it cannot be told.
+  [[nodiscard]] std::optional<size_t> FrameCount(const std::filesystem::path& video) const;
   /// "MM:SS"; "00:00" when it cannot be told.
   [[nodiscard]] std::string Duration(const std::filesystem::path& video) const;
 

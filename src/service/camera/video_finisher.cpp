@@ -24,7 +24,6 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 
 constexpr const char* kTag = "TLP";
-constexpr size_t kMaxProgressBytes = size_t{64} << 20U;
 constexpr size_t kMaxPhotoBytes = size_t{64} << 20U;
 constexpr mode_t kVideoMode = 0644;
 
@@ -90,6 +89,7 @@ EncoderRun SegmentEncoder::EncodeInTurn(const TimelapseInstance& instance, uint3
   if (const std::error_code error = AppendSegment(instance.SegmentList(), segment)) {
     VLOG_ERROR(kTag, "Take photo: segment file '{}' cannot be recorded: {}", segment.string(),
                error.message());
+    return EncoderRun::kNotRun;
   }
   return run;
 }
@@ -100,9 +100,12 @@ void SegmentEncoder::Encode(const TimelapseInstance& instance, uint32_t number) 
 }
 
 bool SegmentEncoder::EncodeRest(const TimelapseInstance& instance) {
+  int hung = 0;  // runs in a row; a single photo may be what it hangs on
   for (const uint32_t number : instance.PhotosToEncode()) {
     const Turn turn(*this, Urgency::kFinishing);
-    if (EncodeInTurn(instance, number) == EncoderRun::kTimedOut) return false;
+    const EncoderRun run = EncodeInTurn(instance, number);
+    hung = run == EncoderRun::kTimedOut ? hung + 1 : 0;
+    if (run == EncoderRun::kNotRun || hung > 1) return false;
   }
   return true;
 }
@@ -120,14 +123,19 @@ bool SegmentEncoder::MakeThumbnail(const TimelapseInstance& instance) {
                                 instance.Log("gen_thumbnail.log"));
 }
 
-void SegmentEncoder::Mend(const TimelapseInstance& instance, uint32_t number) {
+bool SegmentEncoder::Mend(const TimelapseInstance& instance, const fs::path& photo,
+                          const fs::path& segment) {
   const Turn turn(*this, Urgency::kFinishing);
-  const fs::path segment = instance.Segment(number);
-  const auto plays = [&] { return encoder_.Check(segment, instance.Log("check_video.log"), 1); };
-  if (plays()) return;
-  (void)encoder_.EncodeSegment(instance.Photo(number), instance.Settings().frame_rate, segment);
+  const auto check = [&] { return encoder_.Check(segment, instance.Log("check_video.log"), 1); };
+  EncoderRun run = check();
+  if (run == EncoderRun::kDone) return true;
+  if (run != EncoderRun::kFailed) return false;
+  run = encoder_.EncodeSegment(photo, instance.Settings().frame_rate, segment);
+  if (run == EncoderRun::kDone) run = check();
+  if (run != EncoderRun::kFailed) return run == EncoderRun::kDone;
   std::error_code error;
-  if (!plays()) fs::remove(segment, error);
+  fs::remove(segment, error);
+  return !error;
 }
 
 VideoFinisher::VideoFinisher(const VideoEncoder& encoder, SegmentEncoder& segments,
@@ -210,15 +218,17 @@ bool VideoFinisher::TryJoin(const TimelapseInstance& instance, const Film& film)
     return false;
   }
   // A segment that cannot be opened ends the film there, and all the same the run is a success.
-  const int joined_frames = LastProgressFrame(
-      utils::ReadSmallFile(instance.Progress(), kMaxProgressBytes).value_or(std::string()));
-  if (joined_frames < 0 || static_cast<size_t>(joined_frames) < film.frames) {
-    VLOG_ERROR(kTag, "Generate video: {} of {} frames were joined", joined_frames, film.frames);
+  const std::optional<size_t> frames = encoder_.FrameCount(output->TemporaryPath());
+  if (frames != film.frames) {
+    VLOG_ERROR(kTag, "Generate video: {} of {} frames were joined", frames.value_or(0),
+               film.frames);
     return false;
   }
   const auto joined = clock_.Now();
-  if (!encoder_.Check(output->TemporaryPath(), instance.Log("check_video.log"), film.frames))
+  if (encoder_.Check(output->TemporaryPath(), instance.Log("check_video.log"), film.frames) !=
+      EncoderRun::kDone) {
     return false;
+  }
   error = output->Commit();
   if (error) {
     VLOG_ERROR(kTag, "{} cannot be written: {}", film.path.string(), error.message());
@@ -230,9 +240,14 @@ bool VideoFinisher::TryJoin(const TimelapseInstance& instance, const Film& film)
 }
 
 bool VideoFinisher::MendSegments(const TimelapseInstance& instance, Film& film) const {
-  for (const uint32_t number : instance.ListedSegments())
-    if (SizeOf(instance.Segment(number)) > 0) segments_.Mend(instance, number);
-  return ListSegments(instance, film);
+  bool known = SizeOf(instance.CoverSegment()) == 0 ||
+               segments_.Mend(instance, instance.CoverPhoto(), instance.CoverSegment());
+  for (const uint32_t number : instance.ListedSegments()) {
+    const fs::path segment = instance.Segment(number);
+    known = known &&
+            (SizeOf(segment) == 0 || segments_.Mend(instance, instance.Photo(number), segment));
+  }
+  return known && ListSegments(instance, film);
 }
 
 bool VideoFinisher::JoinAndCheck(const TimelapseInstance& instance, Film& film) const {
@@ -270,11 +285,12 @@ void VideoFinisher::NotifyCompleted(const json& params) const {
     VLOG_ERROR(kTag, "Send {} error, ret = {}", kMethod, status);
 }
 
-std::string VideoFinisher::Publish(const json& record) const {
+std::string VideoFinisher::Publish(const json& record, const Film& film) const {
   std::string problem;
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
     problem = store_.Publish(record);
-    if (problem.empty()) break;
+    std::error_code ignored;
+    if (problem.empty() || !fs::exists(film.path, ignored)) break;
     VLOG_ERROR(kTag, "Add new video failed, reason: {}", problem);
   }
   return problem;
@@ -288,7 +304,7 @@ std::string VideoFinisher::Make(TimelapseInstance& instance) {
     VLOG_ERROR(kTag, "Working directory {} is not exists.", instance.Directory().string());
     return "the working directory is gone";
   }
-  if (!segments_.EncodeRest(instance)) return "the encoder does not end";
+  if (!segments_.EncodeRest(instance)) return "the encoder does not work";
   (void)MakeCover(instance);
   Film film;
   if (!ListSegments(instance, film)) return "there is no segment";
@@ -299,7 +315,7 @@ std::string VideoFinisher::Make(TimelapseInstance& instance) {
   }
   if (!JoinAndCheck(instance, film)) return "the video could not be generated";
   const json record = RecordOf(instance, film);
-  if (std::string problem = Publish(record); !problem.empty()) return problem;
+  if (std::string problem = Publish(record, film); !problem.empty()) return problem;
   NotifyCompleted({{"state", "success"},
                    {"date_index", instance.Index()},
                    {"gcode_name", instance.Settings().gcode_name},
@@ -309,6 +325,7 @@ std::string VideoFinisher::Make(TimelapseInstance& instance) {
   // The client may have deleted it by now.
   if (!instance.RecordState(TimelapseState::kFinished)) return {};
   instance.RemoveTemporaryFiles();
+  instance.RemoveFilmsBut(film.path);
   VLOG_INFO(kTag, "Generate video completed.");
   return {};
 }

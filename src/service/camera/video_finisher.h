@@ -26,13 +26,15 @@ class SegmentEncoder {
   /// Encodes one photo of a running print and adds its segment to the list. A photo that cannot be
   /// encoded is logged, and tried once more when the film is made.
   void Encode(const TimelapseInstance& instance, uint32_t number);
-  /// The photos that an interrupted print, or an encoder that failed, left. False when the encoder
-  /// hangs: nothing is known about the rest then.
+  /// The photos that an interrupted print, or an encoder that failed, left. One that cannot be
+  /// encoded is left out. False when the encoder could not do its work: the photos may be good.
   [[nodiscard]] bool EncodeRest(const TimelapseInstance& instance);
   [[nodiscard]] bool EncodeCover(const TimelapseInstance& instance);
   [[nodiscard]] bool MakeThumbnail(const TimelapseInstance& instance);
-  /// Encodes a segment again that cannot be decoded; it is removed when that does not help.
-  void Mend(const TimelapseInstance& instance, uint32_t number);
+  /// Encodes a segment again that cannot be decoded; it is removed when that does not help. False
+  /// when nothing could be found out about it.
+  [[nodiscard]] bool Mend(const TimelapseInstance& instance, const std::filesystem::path& photo,
+                          const std::filesystem::path& segment);
 
  private:
   enum class Urgency { kPrinting, kFinishing };
@@ -78,7 +80,7 @@ class VideoFinisher {
   void NotifyProgress(int percent) const;
   void NotifyCompleted(const nlohmann::json& params) const;
   std::string Make(TimelapseInstance& instance);
-  std::string Publish(const nlohmann::json& record) const;
+  std::string Publish(const nlohmann::json& record, const Film& film) const;
 
   const VideoEncoder& encoder_;
   SegmentEncoder& segments_;

@@ -63,16 +63,16 @@ TEST_F(TimelapsePartsTest, SettingsThatAreUnusableBecomeTheDefaults) {
   const fs::path file = dir_ / "config.json";
   const TimelapseSettings odd = {"a-Z_9", std::string(300, 'n') + "\n'\"😀", "../..", 240};
   EXPECT_FALSE(SaveTimelapseSettings(odd, file));
-  const TimelapseSettings read = LoadTimelapseSettings(file);
+  const TimelapseSettings read = LoadTimelapseSettings(file).value();
   EXPECT_EQ(read.gcode_name, odd.gcode_name);
   EXPECT_EQ(read.frame_rate, 240U);
   for (const char* illegal : {"{", "[]", R"({"mode":"../x"})", R"({"frame_rate":0})",
                               R"({"frame_rate":"30"})", R"({"gcode_name":7})", R"({"mode":""})"}) {
     dir_.Write("config.json", illegal);
-    EXPECT_EQ(LoadTimelapseSettings(file).mode, "classic") << illegal;
+    EXPECT_EQ(LoadTimelapseSettings(file)->mode, "classic") << illegal;
   }
   dir_.Write("config.json", "{}");
-  EXPECT_EQ(LoadTimelapseSettings(file).frame_rate, 30U);
+  EXPECT_EQ(LoadTimelapseSettings(file)->frame_rate, 30U);
   EXPECT_EQ(log_.Count("TLP", "The content of the config file is illegal, use default."), 7U);
 }
 

@@ -140,22 +140,39 @@ TEST_F(TimelapseServiceTest, APhotoWhoseEncoderFailedIsTriedAgainForTheFilm) {
   EXPECT_EQ(test::ReadFile(dir_ / "policy"), std::to_string(SCHED_IDLE) + "\n");
 }
 
+TEST_F(TimelapseServiceTest, AnEncoderThatIsKilledCostsNoSegment) {
+  // From the join on nothing runs to its end, checks of single segments neither.
+  EncodeAs("[ -n \"$list\" ] || [ \"$out\" = - ] && kill -9 $$");
+  std::string index;
+  {
+    const auto service = Service();
+    index = Record(*service, 3);
+    EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+    EXPECT_TRUE(Eventually([&] { return Completed() == 1; }));
+    EXPECT_TRUE(fs::exists(paths_.root / index / "seg_00001.ts"));
+  }
+  EncodeAs("");
+  std::ofstream(paths_.root / index / "cover.ts") << "broken";  // on a full disk, for example
+  const auto service = Service();
+  EXPECT_EQ(Film(*service, index), "a3\na1\na2\na3\n");
+}
+
 TEST_F(TimelapseServiceTest, AnEncoderThatHangsIsEndedAndHoldsUpNothing) {
   paths_.frame_limit_ms = 300;
-  EncodeAs("case $input in *00001.jpg) exec sleep 100;; esac");
+  EncodeAs("case $input in *.jpg) exec sleep 100;; esac");
   std::string index;
   {
     const auto service = Service();
     index = Record(*service, 6);
     EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
     EXPECT_TRUE(Eventually([&] { return Completed() == 1; }));
-    EXPECT_EQ(notified_.Items().back().second["message"], "the encoder does not end");
+    EXPECT_EQ(notified_.Items().back().second["message"], "the encoder does not work");
     (void)Record(*service, 1);
     EXPECT_TRUE(service->StartNew({})) << "while it hangs";
   }
-  EncodeAs("");
+  EncodeAs("case $input in *00001.jpg) exec sleep 100;; esac");
   const auto service = Service();
-  EXPECT_EQ(Film(*service, index), "a6\na1\na2\na3\na4\na5\na6\n");
+  EXPECT_EQ(Film(*service, index), "a6\na2\na3\na4\na5\na6\n") << "one photo is no hindrance";
 }
 
 TEST_F(TimelapseServiceTest, AnEncoderThatOutlivesItsDaemonSpoilsNothing) {

@@ -28,7 +28,10 @@ class TimelapseWorld {
   }
 
   void WritePrograms() {
-    paths_.ffprobe = dir_.WriteScript("ffprobe", "echo 4.033").string();
+    paths_.ffprobe = dir_.WriteScript("ffprobe", R"(
+for video; do :; done
+case "$*" in *nb_frames*) grep -c . "$video" ;; *) echo 4.033 ;; esac)")
+                         .string();
     paths_.ffmpeg = (dir_ / "ffmpeg").string();
     EncodeAs("");
   }
@@ -39,18 +42,16 @@ class TimelapseWorld {
   void EncodeAs(const std::string& first) {
     dir_.WriteScript("ffmpeg", R"(
 for out; do :; done
-list='' input='' previous='' progress=''
+list='' input='' previous=''
 for word; do
   [ "$previous" = -i ] && input=$word
   [ "$word" = concat ] && list=yes
-  [ "$previous" = -progress ] && progress=$word
   previous=$word
 done
 )" + first + R"(
 [ "$out" = - ] && { grep -h broken "$input"; grep -q . "$input"; exit; }
 if [ -n "$list" ]; then
   sed -n "s/^file '\(.*\)'$/\1/p" "$input" | while read -r segment; do cat "$segment"; done >"$out"
-  frames=$(grep -c . "$input"); echo "frame=$frames" >"$progress"
 else
   cat "$input" >"$out"
 fi)");
