@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "service/analysis/analysis_log.h"
+#include "service/analysis/pixel_rows.h"
 #include "utils/log.h"
 
 namespace varnel::service {
@@ -13,13 +14,6 @@ constexpr const char* kTag = kAnalysisTag;
 constexpr uint64_t kDarkest = 30;
 constexpr uint64_t kBrightest = 190;
 constexpr size_t kChannels = 3;
-
-/// 32-bit sums are what the compiler adds widest; a row is far below their limit.
-uint32_t RowSum(const uint8_t* row, size_t bytes) {
-  uint32_t sum = 0;
-  for (size_t i = 0; i < bytes; ++i) sum += row[i];
-  return sum;
-}
 
 uint64_t AverageByte(const ImageBuffer& image) {
   const auto width = static_cast<size_t>(image.width);

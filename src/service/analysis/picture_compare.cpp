@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "service/analysis/analysis_log.h"
+#include "service/analysis/pixel_rows.h"
 #include "utils/log.h"
 
 namespace varnel::service {
@@ -53,65 +54,38 @@ bool IsRgb(const ImageBuffer& image) {
   return image.format == PixelFormat::kRgb888 && image.virt_addr != nullptr;
 }
 
-/// `place` lies inside the picture.
-Patch Grey(const ImageBuffer& image, const DetectionBox& place) {
+/// `place` lies inside the picture. Rows are blurred across as they are made.
+Patch GreyBlurredAcross(const ImageBuffer& image, const DetectionBox& place) {
   Patch patch = EmptyPatch(place);
+  const auto width = static_cast<size_t>(patch.width);
   const auto stride =
       static_cast<size_t>(image.width_stride > 0 ? image.width_stride : image.width);
+  std::vector<uint8_t> grey(width);
   for (int32_t y = 0; y < patch.height; ++y) {
-    const uint8_t* rgb =
-        image.virt_addr +
-        (static_cast<size_t>(place.top + y) * stride + static_cast<size_t>(place.left)) * 3;
-    uint8_t* out = patch.Row(y);
-    for (int32_t x = 0; x < patch.width; ++x, rgb += 3)
-      out[x] = static_cast<uint8_t>((77U * rgb[0] + 150U * rgb[1] + 29U * rgb[2]) >> 8U);
+    const size_t first =
+        static_cast<size_t>(place.top + y) * stride + static_cast<size_t>(place.left);
+    GreyRow(image.virt_addr + first * 3, grey.data(), width);
+    BlurRow(grey.data(), patch.Row(y), width);
   }
   return patch;
 }
 
-/// 1 2 1 across; the picture's edge pixels are repeated.
-void BlurRow(const uint8_t* in, int32_t width, uint8_t* out) {
-  const int32_t last = width - 1;
-  for (int32_t x = 1; x < last; ++x)
-    out[x] = static_cast<uint8_t>((in[x - 1] + 2U * in[x] + in[x + 1] + 2U) >> 2U);
-  out[0] = static_cast<uint8_t>((3U * in[0] + in[std::min(1, last)] + 2U) >> 2U);
-  out[last] = static_cast<uint8_t>((in[std::max(last - 1, 0)] + 3U * in[last] + 2U) >> 2U);
-}
-
-void BlurAcross(Patch& patch) {
-  std::vector<uint8_t> row(static_cast<size_t>(patch.width));
-  for (int32_t y = 0; y < patch.height; ++y) {
-    BlurRow(patch.Row(y), patch.width, row.data());
-    std::copy(row.begin(), row.end(), patch.Row(y));
-  }
-}
-
-/// 1 2 1 downwards.
 void BlurDown(Patch& patch) {
   const auto width = static_cast<size_t>(patch.width);
   std::vector<uint8_t> above(patch.Row(0), patch.Row(0) + width);
   std::vector<uint8_t> own(width);
   for (int32_t y = 0; y < patch.height; ++y) {
     uint8_t* row = patch.Row(y);
-    const uint8_t* below = patch.Row(std::min(y + 1, patch.height - 1));
     std::copy(row, row + width, own.begin());
-    for (size_t x = 0; x < width; ++x)
-      row[x] = static_cast<uint8_t>((above[x] + 2U * own[x] + below[x] + 2U) >> 2U);
+    BlurRows(above.data(), own.data(), patch.Row(std::min(y + 1, patch.height - 1)), row, width);
     std::swap(above, own);
   }
 }
 
 Patch BlurredGrey(const ImageBuffer& image, const DetectionBox& place) {
-  Patch patch = Grey(image, place);
-  BlurAcross(patch);
+  Patch patch = GreyBlurredAcross(image, place);
   BlurDown(patch);
   return patch;
-}
-
-uint32_t RowDifference(const uint8_t* a, const uint8_t* b, int32_t width) {
-  uint32_t sum = 0;
-  for (int32_t x = 0; x < width; ++x) sum += static_cast<uint32_t>(std::abs(a[x] - b[x]));
-  return sum;
 }
 
 /// The two patches and the box that is compared, in the picture's pixels.
@@ -134,7 +108,7 @@ struct Comparison {
   uint64_t Difference(int32_t dx, int32_t dy, int32_t step) const {
     uint64_t sum = 0;
     for (int32_t y = 0; y < Height(); y += step)
-      sum += RowDifference(PictureRow(y), ReferenceRow(y, dx, dy), Width());
+      sum += RowDifference(PictureRow(y), ReferenceRow(y, dx, dy), static_cast<size_t>(Width()));
     return sum;
   }
 };
@@ -167,10 +141,8 @@ Offset BestOffset(const Comparison& both) {
 
 double Contrast(const Comparison& both, const Offset& at) {
   uint64_t sum = 0;
-  for (int32_t y = 0; y < both.Height(); ++y) {
-    const uint8_t* row = both.ReferenceRow(y, at.dx, at.dy);
-    for (int32_t x = 0; x < both.Width(); ++x) sum += row[x];
-  }
+  for (int32_t y = 0; y < both.Height(); ++y)
+    sum += RowSum(both.ReferenceRow(y, at.dx, at.dy), static_cast<size_t>(both.Width()));
   const double mean = static_cast<double>(sum) / both.Pixels();
   double deviation = 0;
   for (int32_t y = 0; y < both.Height(); ++y) {
