@@ -54,7 +54,7 @@ struct ImageRect {
 
 /// Pixels with their owner.
 struct Image {
-  ImageBuffer buffer;           ///< views `pixels`
+  ImageBuffer buffer;  ///< views `pixels`
   std::vector<uint8_t> pixels;
 
   Image() = default;

@@ -6,6 +6,8 @@
 
 namespace varnel::service {
 
+class RgaLibrary;
+
 /// Where a picture lies in the network's input.
 struct LetterBox {
   int32_t x_pad = 0;   ///< network pixels left of the picture
@@ -19,6 +21,11 @@ struct LetterBox {
 /// @param allow_slight_change a source that fits is centred unscaled
 /// @return 0, or a negative value with its message on standard output
 [[nodiscard]] int convert_image_with_letterbox(const ImageBuffer& source,
+                                               const ImageBuffer& destination, LetterBox& letterbox,
+                                               uint8_t background, bool allow_slight_change);
+
+/// The same with a 2D engine of the caller's choice instead of the board's.
+[[nodiscard]] int convert_image_with_letterbox(const RgaLibrary& engine, const ImageBuffer& source,
                                                const ImageBuffer& destination, LetterBox& letterbox,
                                                uint8_t background, bool allow_slight_change);
 

@@ -1,4 +1,4 @@
-#include "service/analysis/console_message.h"
+#include "service/analysis/image_print.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -8,7 +8,7 @@ namespace varnel::service {
 void PrintMessage(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  std::vprintf(format, arguments);
+  std::vfprintf(stdout, format, arguments);
   va_end(arguments);
   std::fflush(stdout);
 }
