@@ -5,7 +5,7 @@
 #include <memory>
 #include <new>
 
-#include "service/analysis/console_message.h"
+#include "service/analysis/image_print.h"
 #include "service/analysis/letterbox.h"
 #include "service/analysis/post_process.h"
 #include "service/analysis/rknn_library.h"

@@ -1,6 +1,6 @@
 #include <sys/resource.h>
 
-#include "service/analysis/console_message.h"
+#include "service/analysis/image_print.h"
 #include "service/analysis/rknn_library.h"
 #include "service/analysis/yolo11.h"
 
