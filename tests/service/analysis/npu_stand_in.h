@@ -93,8 +93,8 @@ struct NpuScript {
   size_t highest_loaded = 0;
   int inits = 0;
   int runs = 0;
-  std::set<void*> outputs;      ///< handed out and not given back
-  int wrong_calls = 0;          ///< with a handle or an output that is none
+  std::set<void*> outputs;         ///< handed out and not given back
+  int wrong_calls = 0;             ///< with a handle or an output that is none
   std::optional<RknnInput> input;  ///< of the last run
   std::vector<uint8_t> picture;    ///< its bytes
 };

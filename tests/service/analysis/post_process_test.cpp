@@ -52,7 +52,8 @@ struct Outputs {
     return branches[branch].boxes[At(branches[branch], side * dfl_len + bin, row, column)];
   }
   /// An object with whole distances to its left, top, right and bottom edge.
-  void Place(size_t branch, int row, int column, int cls, float score, std::array<int, 4> distance) {
+  void Place(size_t branch, int row, int column, int cls, float score,
+             std::array<int, 4> distance) {
     Score(branch, row, column, cls) = score;
     for (int side = 0; side < 4; ++side) {
       Logit(branch, row, column, side, distance[static_cast<size_t>(side)]) = 80;
@@ -61,7 +62,8 @@ struct Outputs {
 
   [[nodiscard]] std::vector<OutputBranch> Views() const {
     std::vector<OutputBranch> views;
-    for (const Branch& b : branches) views.push_back({b.boxes, b.scores, dfl_len, b.grid_h, b.grid_w});
+    for (const Branch& b : branches)
+      views.push_back({b.boxes, b.scores, dfl_len, b.grid_h, b.grid_w});
     return views;
   }
   [[nodiscard]] DetectionList Process() const {
@@ -138,7 +140,8 @@ class Oracle {
     };
     for (int k = 0; k < o_.dfl_len; ++k) sum += exponential(k);
     float expectation = 0;
-    for (int k = 0; k < o_.dfl_len; ++k) expectation += exponential(k) / sum * static_cast<float>(k);
+    for (int k = 0; k < o_.dfl_len; ++k)
+      expectation += exponential(k) / sum * static_cast<float>(k);
     return expectation;
   }
 
@@ -163,12 +166,15 @@ class Oracle {
     const auto edge = [&](float value, int pad, int limit) {
       const float moved = value - static_cast<float>(pad);
       const float inside = moved < 0 ? 0 : std::min(moved, static_cast<float>(limit));
-      return static_cast<int32_t>(static_cast<float>(static_cast<int>(inside)) / o_.letterbox.scale);
+      return static_cast<int32_t>(static_cast<float>(static_cast<int>(inside)) /
+                                  o_.letterbox.scale);
     };
     const LetterBox& l = o_.letterbox;
     return {{edge(box.x, l.x_pad, o_.width), edge(box.y, l.y_pad, o_.height),
              edge(box.x + box.w, l.x_pad, o_.width), edge(box.y + box.h, l.y_pad, o_.height)},
-            box.score, box.cls, 0};
+            box.score,
+            box.cls,
+            0};
   }
 
   const Outputs& o_;
@@ -194,7 +200,7 @@ void ExpectLikeOracle(const Outputs& outputs) {
 }
 
 /// Few different scores, so that many are equal to each other and to thresholds.
-float RandomScore(std::mt19937& random, unsigned share) {
+float RandomScore(std::mt19937& random, std::mt19937::result_type share) {
   if (random() % 100 >= share) return 0.03125F * static_cast<float>(random() % 8);
   switch (random() % 20) {
     case 0:
@@ -209,7 +215,7 @@ float RandomScore(std::mt19937& random, unsigned share) {
 }
 
 float RandomLogit(std::mt19937& random) {
-  const unsigned kind = random() % 4000;
+  const auto kind = random() % 4000;
   if (kind == 0) return kNan;
   if (kind == 1) return 200;  // its exponential is infinite
   if (kind == 2) return -kInfinity;
@@ -227,8 +233,9 @@ Outputs RandomOutputs(std::mt19937& random) {
   outputs.letterbox = {static_cast<int>(random() % 20), static_cast<int>(random() % 20),
                        0.1F + 0.01F * static_cast<float>(random() % 300)};
   outputs.nms = 0.1F * static_cast<float>(random() % 11);
-  for (float& threshold : outputs.thresholds) threshold = 0.0625F * static_cast<float>(4 + random() % 14);
-  const unsigned share = random() % 60;
+  for (float& threshold : outputs.thresholds)
+    threshold = 0.0625F * static_cast<float>(4 + random() % 14);
+  const auto share = random() % 60;
   for (Outputs::Branch& branch : outputs.branches) {
     for (float& score : branch.scores) score = RandomScore(random, share);
     for (float& logit : branch.boxes) logit = RandomLogit(random);
@@ -267,10 +274,10 @@ TEST(PostProcessTest, MapsABoxThroughPaddingAndScale) {
 TEST(PostProcessTest, ScoresMustExceedTheThresholdOfTheirOwnClass) {
   Outputs outputs(64, 64, 3, 4, {{8, 8}, {4, 4}, {2, 2}});
   outputs.thresholds = {0.5F, 0.25F, 1.0F};
-  outputs.Score(0, 0, 0, 0) = 0.5F;                                 // equal: no
-  outputs.Score(0, 0, 4, 0) = std::nextafter(0.5F, 1.0F);           // just above
+  outputs.Score(0, 0, 0, 0) = 0.5F;                                    // equal: no
+  outputs.Score(0, 0, 4, 0) = std::nextafter(0.5F, 1.0F);              // just above
   outputs.Score(0, 3, 0, 0) = 0.4F, outputs.Score(0, 3, 0, 1) = 0.3F;  // only the weaker one counts
-  outputs.Score(0, 3, 4, 2) = 1.0F;                                 // 1 can never be exceeded
+  outputs.Score(0, 3, 4, 2) = 1.0F;                                    // 1 can never be exceeded
   outputs.Score(0, 6, 0, 1) = kInfinity, outputs.Score(0, 6, 0, 0) = 0.75F;
   outputs.Score(0, 6, 4, 1) = kNan;
   const DetectionList found = outputs.Process();
@@ -286,7 +293,7 @@ TEST(PostProcessTest, DropsWhatOverlapsABetterBoxOfItsClassByMoreThanTheThreshol
   const auto count = [](float nms, int other_class) {
     Outputs outputs(32, 32, 2, 16, {{32, 32}});
     outputs.nms = nms;
-    outputs.Place(0, 12, 12, 0, 0.875F, {4, 4, 5, 5});            // 10 x 10 pixels, edges included
+    outputs.Place(0, 12, 12, 0, 0.875F, {4, 4, 5, 5});           // 10 x 10 pixels, edges included
     outputs.Place(0, 12, 13, other_class, 0.75F, {5, 4, 4, 0});  // the upper half of it
     ExpectLikeOracle(outputs);
     return outputs.Process().count;
@@ -324,8 +331,7 @@ TEST(PostProcessTest, RefusesOutputsSmallerThanTheirShape) {
     change(views[1]);
     DetectionList found;
     found.count = 99;
-    const int result =
-        post_process(views, {64, 64, {}, outputs.thresholds, 0.5F}, found);
+    const int result = post_process(views, {64, 64, {}, outputs.thresholds, 0.5F}, found);
     EXPECT_EQ(found.count, 0);
     return result;
   };
