@@ -127,7 +127,7 @@ TEST_F(RgaConvert, FillsByItselfWhatTheEngineCannotFill) {
 
 TEST_F(RgaConvert, IsNotAskedForRowsThatItCannotTake) {
   const Image destination = Grey(640, 640, 20);
-  const Image narrow = Grey(632, 640, 20);
+  const Image narrow = Grey(632, 650, 20);
   Image odd_stride = Grey(650, 640, 1);
   odd_stride.buffer.width = 640;
   odd_stride.buffer.width_stride = 650;
