@@ -205,8 +205,13 @@ TEST_F(DetectionTest, EachFailureIsOneErrorAndTheNextDetectionWorks) {
   }
   const fs::path model = served_.board.HostPath("/etc/varnel/camera_service/model");
   const std::string network = ReadFile(model / "bed_check.fp.rknn");
-  ReplaceFile(model / "bed_check.fp.rknn", "no network");
-  EXPECT_EQ(Items(""), not_loaded);
+  const std::string quantised =
+      ReadFile(ChartFile("").parent_path().parent_path() / "npu/model/quantised.rknn");
+  ASSERT_NE(quantised, "");
+  for (const std::string& unusable : {std::string("no network"), quantised}) {
+    ReplaceFile(model / "bed_check.fp.rknn", unusable);
+    EXPECT_EQ(Items(""), not_loaded);
+  }
   fs::remove(model / "bed_check.fp.rknn");
   EXPECT_EQ(Items(""), not_loaded);
   ReplaceFile(model / "bed_check.fp.rknn", network);
