@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "app/environment_check.h"
+#include "app/print_analysis.h"
 #include "app/signal_handling.h"
 #include "comms/comms_manager.h"
 #include "hal_adapter/ai_adapter.h"
@@ -118,15 +119,17 @@ void AllowDrives(utils::ClientPathPolicy& client_paths) {
 class Services {
  public:
   Services(comms::CommsManager& comms, Hardware& hardware,
-           const utils::ClientPathPolicy& client_paths)
+           const utils::ClientPathPolicy& client_paths, hal_adapter::SpaceCheck has_space)
       : date_record_(hardware.storage.Paths().config_save),
         device_info_(
             comms, [&hardware]() -> const auto& { return hardware.system.Identity(); }),
+        analysis_(hardware.ai.DetectResultDir(), std::move(has_space)),
         camera_(comms, {.take_photo =
                             [&hardware](const std::string& path) {
                               return hardware.multimedia.TakePhoto(path);
                             },
-                        .paths = &client_paths}) {}
+                        .paths = &client_paths,
+                        .analyser = &analysis_}) {}
 
   void Start() {
     date_record_.Start();
@@ -139,6 +142,7 @@ class Services {
  private:
   service::DateRecord date_record_;
   service::DeviceInfoService device_info_;
+  PrintAnalysis analysis_;
   service::CameraService camera_;
 };
 
@@ -174,7 +178,7 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
   comms.SetSerialNumberProvider([hardware] { return hardware->system.Identity().serial_number; });
   if (comms.InitLocal() != comms::CommsStatus::kOk)
     throw std::runtime_error("the communication manager did not start");
-  auto* services = new Services(comms, *hardware, *client_paths);
+  auto* services = new Services(comms, *hardware, *client_paths, SpaceCheckOf(deployment));
   services->Start();
 
   Supervisor supervisor(comms, [] { return shutdown_requested != 0; });

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
 
 namespace varnel::service {
 
@@ -36,5 +37,13 @@ struct DetectionList {
   int32_t count = 0;  ///< how many of `results` are filled
   std::array<Detection, kMaxDetections> results{};
 };
+
+/// The filled results.
+[[nodiscard]] inline std::span<Detection> Results(DetectionList& list) {
+  return std::span(list.results).first(static_cast<size_t>(list.count));
+}
+[[nodiscard]] inline std::span<const Detection> Results(const DetectionList& list) {
+  return std::span(list.results).first(static_cast<size_t>(list.count));
+}
 
 }  // namespace varnel::service

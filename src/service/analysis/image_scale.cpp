@@ -1,15 +1,15 @@
 #include "service/analysis/image_scale.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <vector>
 
 #include "service/analysis/image_layout.h"
 
-// The inner loops work on whole rows of bytes without branches, so that the compiler turns them
-// into vector code. A row is first gathered (both neighbours of every sample, copied together),
-// then blended horizontally into 16 bits, then two such rows are blended into the result.
+// The loops over rows have no branches and plain arrays, so that the compiler turns them into
+// vector code. A result row is made in three such passes: two source rows are blended into 16 bits
+// a value, the neighbours of every sample are gathered from it, and these are blended into the
+// result.
 
 namespace varnel::service {
 namespace {
@@ -52,30 +52,24 @@ Sample SampleOf(int32_t index, int32_t source_length, int32_t length, uint32_t o
   return {first, static_cast<uint32_t>((place % whole * one + length) / whole)};
 }
 
-/// Blends the gathered neighbours of every byte: 8 bits of value, 8 bits of fraction.
-void BlendNeighbours(const uint8_t* __restrict first, const uint8_t* __restrict second,
-                     const uint16_t* __restrict weights, uint16_t* __restrict blended,
-                     size_t count) {
+/// Blends two source rows; the result has 8 bits of value and 8 of fraction.
+/// @param weight of the lower one, 0 to 256
+void BlendRows(const uint8_t* __restrict upper, const uint8_t* __restrict lower, int weight,
+               uint16_t* __restrict blended, size_t count) {
   for (size_t i = 0; i < count; ++i) {
-    const int difference = second[i] - first[i];
-    blended[i] = static_cast<uint16_t>(first[i] * 256 + difference * weights[i]);
+    blended[i] = static_cast<uint16_t>(upper[i] * 256 + (lower[i] - upper[i]) * weight);
   }
 }
 
-/// Blends two rows; the weights add up to 65536 and neither is that large.
-void BlendRows(const uint16_t* __restrict upper, const uint16_t* __restrict lower,
-               uint16_t upper_weight, uint16_t lower_weight, uint8_t* __restrict row,
-               size_t count) {
+/// Blends the gathered neighbours. Both weights together are one 65536th short of one, so that each
+/// fits into 16 bits; the rounding hides it.
+void BlendNeighbours(const uint16_t* __restrict first, const uint16_t* __restrict second,
+                     const uint16_t* __restrict weights, uint8_t* __restrict row, size_t count) {
   for (size_t i = 0; i < count; ++i) {
-    const auto above = static_cast<uint16_t>(uint32_t{upper[i]} * upper_weight >> 16U);
-    const auto below = static_cast<uint16_t>(uint32_t{lower[i]} * lower_weight >> 16U);
-    row[i] = static_cast<uint8_t>(static_cast<uint16_t>(above + below + 128) >> 8U);
-  }
-}
-
-void RoundRow(const uint16_t* __restrict blended, uint8_t* __restrict row, size_t count) {
-  for (size_t i = 0; i < count; ++i) {
-    row[i] = static_cast<uint8_t>(static_cast<uint16_t>(blended[i] + 128) >> 8U);
+    const auto first_weight = static_cast<uint16_t>(~weights[i]);
+    const auto left = static_cast<uint16_t>(uint32_t{first[i]} * first_weight >> 16U);
+    const auto right = static_cast<uint16_t>(uint32_t{second[i]} * weights[i] >> 16U);
+    row[i] = static_cast<uint8_t>(static_cast<uint16_t>(left + right + 128) >> 8U);
   }
 }
 
@@ -85,127 +79,85 @@ class RowSampler {
  public:
   RowSampler(int32_t source_width, int32_t width);
 
-  size_t RowBytes() const { return offsets_.size() * kBytes; }
   /// Every sample is a source pixel.
   bool IsExact() const { return exact_; }
-  /// The first neighbours alone, which is all there is to do when the samples are exact.
-  void Gather(const uint8_t* source, uint8_t* row) const;
-  void Scale(const uint8_t* source, uint16_t* row);
+  /// Copies the first neighbour of every sample, which is all there is to do when they are exact.
+  void Copy(const uint8_t* source, uint8_t* row) const { Gather(source, 0, row); }
+  /// Samples a blended row.
+  void Interpolate(const uint16_t* blended, uint8_t* row);
 
  private:
-  /// A pixel is moved as one machine word. One of three bytes drags the first byte of the next one
-  /// along, which is written over by the pixel that comes after it.
+  /// A pixel is moved as one machine word. One of three values drags the first value of the next
+  /// one along, which is written over by the pixel that comes after it.
   static constexpr size_t kWord = kBytes == 3 ? 4 : kBytes;
 
-  std::vector<uint32_t> offsets_;  ///< of the first neighbour in the source row
-  std::vector<uint16_t> weights_;  ///< of the second neighbour, one for every byte
+  /// Gathers the pixels that lie `step` values behind the first neighbours.
+  template <class Value>
+  void Gather(const Value* source, size_t step, Value* row) const;
+
+  std::vector<uint32_t> offsets_;  ///< of the first neighbour in the source row, in values
+  std::vector<uint16_t> weights_;  ///< of the second neighbour, one for every value
   size_t whole_ = 0;               ///< how many samples can be moved as words inside of the row
   bool exact_ = true;
-  std::vector<uint8_t> first_;  ///< the first neighbours of a row, with room for the last word
-  std::vector<uint8_t> second_;
+  std::vector<uint16_t> first_;
+  std::vector<uint16_t> second_;
 };
 
 template <size_t kBytes>
 RowSampler<kBytes>::RowSampler(int32_t source_width, int32_t width)
-    : offsets_(static_cast<size_t>(width)), weights_(offsets_.size() * kBytes) {
-  const size_t source_bytes = static_cast<size_t>(source_width) * kBytes;
+    : offsets_(static_cast<size_t>(width)),
+      weights_(offsets_.size() * kBytes),
+      first_(weights_.size()),
+      second_(weights_.size()) {
+  const size_t row_end = static_cast<size_t>(source_width) * kBytes;
   for (size_t x = 0; x < offsets_.size(); ++x) {
-    const Sample sample = SampleOf(static_cast<int32_t>(x), source_width, width, 256);
+    const Sample sample = SampleOf(static_cast<int32_t>(x), source_width, width, 65536);
     offsets_[x] = static_cast<uint32_t>(sample.first) * kBytes;
     std::fill_n(weights_.begin() + static_cast<std::ptrdiff_t>(x * kBytes), kBytes,
-                static_cast<uint16_t>(sample.weight));
+                static_cast<uint16_t>(std::min(sample.weight, 65535U)));
     exact_ &= sample.weight == 0;
-    whole_ += offsets_[x] + kBytes + kWord <= source_bytes ? 1 : 0;
+    whole_ += offsets_[x] + kBytes + kWord <= row_end ? 1 : 0;
   }
   whole_ = std::min(whole_, offsets_.size() - 1);  // the last word would reach past the result
 }
 
 template <size_t kBytes>
-void RowSampler<kBytes>::Gather(const uint8_t* source, uint8_t* row) const {
-  for (size_t x = 0; x < whole_; ++x) {
-    std::memcpy(row + x * kBytes, source + offsets_[x], kWord);
+template <class Value>
+void RowSampler<kBytes>::Gather(const Value* source, size_t step, Value* row) const {
+  // Bytes may alias the members, so these are read once here instead of once for every pixel.
+  const uint32_t* const offsets = offsets_.data();
+  const size_t whole = whole_;
+  for (size_t x = 0; x < whole; ++x) {
+    std::memcpy(row + x * kBytes, source + offsets[x] + step, kWord * sizeof(Value));
   }
-  for (size_t x = whole_; x < offsets_.size(); ++x) {
-    std::memcpy(row + x * kBytes, source + offsets_[x], kBytes);
-  }
-}
-
-template <size_t kBytes>
-void RowSampler<kBytes>::Scale(const uint8_t* source, uint16_t* row) {
-  first_.resize(RowBytes());
-  second_.resize(RowBytes());
-  uint8_t* const first = first_.data();
-  uint8_t* const second = second_.data();
-  for (size_t x = 0; x < whole_; ++x) {
-    std::memcpy(first + x * kBytes, source + offsets_[x], kWord);
-    std::memcpy(second + x * kBytes, source + offsets_[x] + kBytes, kWord);
-  }
-  for (size_t x = whole_; x < offsets_.size(); ++x) {
+  for (size_t x = whole; x < offsets_.size(); ++x) {
     // The rightmost source pixel has no neighbour, and then no weight for it.
-    const size_t step = weights_[x * kBytes] == 0 ? 0 : kBytes;
-    std::memcpy(first + x * kBytes, source + offsets_[x], kBytes);
-    std::memcpy(second + x * kBytes, source + offsets_[x] + step, kBytes);
+    const size_t behind = weights_[x * kBytes] == 0 ? 0 : step;
+    std::memcpy(row + x * kBytes, source + offsets[x] + behind, kBytes * sizeof(Value));
   }
-  BlendNeighbours(first, second, weights_.data(), row, RowBytes());
 }
 
-/// Horizontally scaled source rows; the two newest are kept, as neighbouring results share them.
 template <size_t kBytes>
-class ScaledRows {
- public:
-  ScaledRows(const Plane& source, int32_t width) : source_(source), sampler_(source.width, width) {
-    for (Kept& kept : kept_) kept.row.resize(sampler_.RowBytes());
-  }
-
-  const RowSampler<kBytes>& Sampler() const { return sampler_; }
-  /// Row `y`, valid until two others were asked for.
-  const uint16_t* Row(int32_t y) {
-    if (kept_[newest_].y != y) {
-      newest_ = 1 - newest_;
-    }
-    Kept& kept = kept_[newest_];
-    if (kept.y != y) {
-      sampler_.Scale(source_.Row(y), kept.row.data());
-      kept.y = y;
-    }
-    return kept.row.data();
-  }
-
- private:
-  struct Kept {
-    int32_t y = -1;
-    std::vector<uint16_t> row;
-  };
-
-  const Plane source_;
-  RowSampler<kBytes> sampler_;
-  std::array<Kept, 2> kept_;
-  size_t newest_ = 0;
-};
-
-template <size_t kBytes>
-void ScaleRow(const Plane& source, ScaledRows<kBytes>& rows, const Sample& sample, uint8_t* row) {
-  const RowSampler<kBytes>& sampler = rows.Sampler();
-  if (sample.weight != 0) {
-    // The upper one first: it is more likely to be kept from the row above.
-    const uint16_t* const upper = rows.Row(sample.first);
-    const uint16_t* const lower = rows.Row(sample.first + 1);
-    BlendRows(upper, lower, static_cast<uint16_t>(65536 - sample.weight),
-              static_cast<uint16_t>(sample.weight), row, sampler.RowBytes());
-  } else if (sampler.IsExact()) {
-    sampler.Gather(source.Row(sample.first), row);
-  } else {
-    RoundRow(rows.Row(sample.first), row, sampler.RowBytes());
-  }
+void RowSampler<kBytes>::Interpolate(const uint16_t* blended, uint8_t* row) {
+  Gather(blended, 0, first_.data());
+  Gather(blended, kBytes, second_.data());
+  BlendNeighbours(first_.data(), second_.data(), weights_.data(), row, weights_.size());
 }
 
 template <size_t kBytes>
 void Scale(const Plane& source, const Plane& destination) {
-  ScaledRows<kBytes> rows(source, destination.width);
+  RowSampler<kBytes> sampler(source.width, destination.width);
+  std::vector<uint16_t> blended(static_cast<size_t>(source.width) * kBytes);
   for (int32_t y = 0; y < destination.height; ++y) {
-    Sample sample = SampleOf(y, source.height, destination.height, 65536);
-    sample.weight = std::min(sample.weight, 65535U);
-    ScaleRow(source, rows, sample, destination.Row(y));
+    const Sample sample = SampleOf(y, source.height, destination.height, 256);
+    if (sample.weight == 0 && sampler.IsExact()) {
+      sampler.Copy(source.Row(sample.first), destination.Row(y));
+      continue;
+    }
+    const int32_t lower = sample.first + (sample.weight == 0 ? 0 : 1);
+    BlendRows(source.Row(sample.first), source.Row(lower), static_cast<int>(sample.weight),
+              blended.data(), blended.size());
+    sampler.Interpolate(blended.data(), destination.Row(y));
   }
 }
 

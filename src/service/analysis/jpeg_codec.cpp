@@ -87,7 +87,7 @@ bool JpegDecoder::ReadHeader(std::span<const uint8_t> file, Image& image) {
   int colorspace = 0;
   const int result = tjDecompressHeader3(handle_.get(), file.data(), file.size(), &width, &height,
                                          &subsampling, &colorspace);
-  if (!IsUsable(result, handle_.get())) {
+  if (!IsUsable(result, handle_.get()) || width <= 0 || height <= 0) {
     PrintFailure();
     return false;
   }
