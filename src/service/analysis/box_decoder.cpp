@@ -101,14 +101,16 @@ BoxSides BoxDecoder::FastExpectations() const {
 }
 
 float BoxDecoder::Stride(const Candidate& candidate) const {
-  return static_cast<float>(processing_.height / branches_[candidate.branch].grid_h);
+  const int32_t stride = processing_.height / branches_[candidate.branch].grid_h;
+  return static_cast<float>(stride);
 }
 
 NetworkBox BoxDecoder::Box(const Candidate& candidate, const BoxSides& distances) const {
   const float stride = Stride(candidate);
   const auto grid_width = static_cast<uint32_t>(branches_[candidate.branch].grid_w);
   const auto column = static_cast<float>(candidate.cell % grid_width);
-  const auto row = static_cast<float>(candidate.cell / grid_width);
+  const uint32_t whole_row = candidate.cell / grid_width;
+  const auto row = static_cast<float>(whole_row);
   const float x1 = (column - distances[0] + 0.5F) * stride;
   const float y1 = (row - distances[1] + 0.5F) * stride;
   const float x2 = (column + distances[2] + 0.5F) * stride;
