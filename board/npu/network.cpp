@@ -11,14 +11,14 @@ bool TakesOnePicture(const OnnxFile& file) {
 
 }  // namespace
 
-Network::Network(OnnxFile file, cv::dnn::Net net) : file_(std::move(file)), net_(std::move(net)) {}
+Network::Network(OnnxFile file, const cv::dnn::Net& net) : file_(std::move(file)), net_(net) {}
 
 std::unique_ptr<Network> Network::Load(const std::string& bytes) try {
   auto file = OnnxFile::Parse(bytes);
   if (!file || !TakesOnePicture(*file)) return nullptr;
-  cv::dnn::Net net = cv::dnn::readNetFromONNX(bytes.data(), bytes.size());
+  const cv::dnn::Net net = cv::dnn::readNetFromONNX(bytes.data(), bytes.size());
   if (net.empty()) return nullptr;
-  return std::unique_ptr<Network>(new Network(std::move(*file), std::move(net)));
+  return std::unique_ptr<Network>(new Network(std::move(*file), net));
 } catch (const cv::Exception&) {
   return nullptr;
 }

@@ -29,7 +29,7 @@ class Network {
   [[nodiscard]] std::vector<float> Output(size_t index) const;
 
  private:
-  Network(OnnxFile file, cv::dnn::Net net);
+  Network(OnnxFile file, const cv::dnn::Net& net);
 
   OnnxFile file_;
   cv::dnn::Net net_;

@@ -4,27 +4,13 @@
 #include <array>
 #include <cmath>
 #include <limits>
-#include <optional>
 #include <vector>
+
+#include "service/analysis/box_suppression.h"
 
 namespace varnel::service {
 
 namespace {
-
-/// A cell in which a class was found.
-struct Candidate {
-  float score = 0;
-  int32_t cls_id = 0;
-  uint32_t branch = 0;
-  uint32_t cell = 0;
-};
-
-struct NetworkBox {
-  float x = 0;
-  float y = 0;
-  float width = 0;
-  float height = 0;
-};
 
 size_t Cells(const OutputBranch& branch) {
   return static_cast<size_t>(branch.grid_h) * static_cast<size_t>(branch.grid_w);
@@ -111,129 +97,52 @@ class Scan {
   std::vector<Candidate>& candidates_;
 };
 
-/// Decodes the boxes of candidates.
-class BoxDecoder {
+/// Maps boxes into the picture.
+class Mapping {
  public:
-  BoxDecoder(std::span<const OutputBranch> branches, int32_t network_height)
-      : branches_(branches), network_height_(network_height) {}
+  Mapping(const PostProcessing& processing, BoxDecoder& decoder)
+      : processing_(processing), decoder_(decoder) {}
 
-  /// Nothing when a number of the box is not finite.
-  std::optional<NetworkBox> Decode(const Candidate& candidate) {
-    const OutputBranch& branch = branches_[candidate.branch];
-    const auto stride = static_cast<float>(network_height_ / branch.grid_h);
-    const auto width = static_cast<uint32_t>(branch.grid_w);
-    const auto column = static_cast<float>(candidate.cell % width);
-    const auto row = static_cast<float>(candidate.cell / width);
-    std::array<float, 4> distance{};
-    for (size_t side = 0; side < 4; ++side) distance[side] = Distance(branch, candidate.cell, side);
-    const float x1 = (column - distance[0] + 0.5F) * stride;
-    const float y1 = (row - distance[1] + 0.5F) * stride;
-    const float x2 = (column + distance[2] + 0.5F) * stride;
-    const float y2 = (row + distance[3] + 0.5F) * stride;
-    const NetworkBox box{x1, y1, x2 - x1, y2 - y1};
-    // One number that is not finite makes the sum not finite.
-    if (!std::isfinite(x1 + y1 + x2 + y2)) return std::nullopt;
-    return box;
+  DetectionBox Map(const Candidate& candidate, const NetworkBox& box) const {
+    const NetworkBox& sure = IsSure(box) ? box : *decoder_.DecodeExactly(candidate);
+    return {X(sure.x), Y(sure.y), X(sure.x + sure.width), Y(sure.y + sure.height)};
   }
 
  private:
-  /// Expectation of the softmax over the values of one side.
-  float Distance(const OutputBranch& branch, size_t cell, size_t side) {
-    const size_t plane = Cells(branch);
-    const auto length = static_cast<size_t>(branch.dfl_len);
-    const float* logits = branch.boxes.data() + side * length * plane + cell;
-    exponentials_.resize(length);
-    float sum = 0;
-    for (size_t k = 0; k < length; ++k) {
-      exponentials_[k] = std::exp(logits[k * plane]);
-      sum += exponentials_[k];
+  /// Whether no edge could be in another pixel.
+  static bool IsSure(const NetworkBox& box) {
+    bool sure = true;
+    for (const float edge : {box.x, box.y, box.x + box.width, box.y + box.height}) {
+      sure &= std::floor(edge - box.error) == std::floor(edge + box.error);
     }
-    float distance = 0;
-    for (size_t k = 0; k < length; ++k) distance += exponentials_[k] / sum * static_cast<float>(k);
-    return distance;
+    return sure;
   }
 
-  const std::span<const OutputBranch> branches_;
-  const int32_t network_height_;
-  std::vector<float> exponentials_;
+  [[nodiscard]] int32_t X(float value) const {
+    return Edge(value, processing_.letterbox.x_pad, processing_.width);
+  }
+  [[nodiscard]] int32_t Y(float value) const {
+    return Edge(value, processing_.letterbox.y_pad, processing_.height);
+  }
+  [[nodiscard]] int32_t Edge(float value, int32_t padding, int32_t limit) const {
+    const float inside =
+        std::clamp(value - static_cast<float>(padding), 0.0F, static_cast<float>(limit));
+    const float scaled =
+        static_cast<float>(static_cast<int32_t>(inside)) / processing_.letterbox.scale;
+    constexpr auto kLargest = static_cast<float>(std::numeric_limits<int32_t>::max());
+    return scaled >= 0 && scaled < kLargest ? static_cast<int32_t>(scaled) : 0;
+  }
+
+  const PostProcessing& processing_;
+  BoxDecoder& decoder_;
 };
 
-/// The boxes that stay. They lie in columns, so that a new box is compared with all of them at
-/// once.
-class Survivors {
- public:
-  explicit Survivors(float nms_threshold) : nms_threshold_(nms_threshold) {}
-
-  [[nodiscard]] bool Full() const { return count_ == kMaxDetections; }
-  [[nodiscard]] size_t Count() const { return count_; }
-
-  /// True when a better box of the class overlaps this one by more than the threshold.
-  [[nodiscard]] bool Suppress(const NetworkBox& box, int32_t cls_id) const {
-    const float right = box.x + box.width;
-    const float bottom = box.y + box.height;
-    const float area = (box.width + 1.0F) * (box.height + 1.0F);
-    int suppressed = 0;
-    for (size_t i = 0; i < count_; ++i) {
-      const float width =
-          std::max(0.0F, std::min(right, right_[i]) - std::max(box.x, left_[i]) + 1.0F);
-      const float height =
-          std::max(0.0F, std::min(bottom, bottom_[i]) - std::max(box.y, top_[i]) + 1.0F);
-      const float overlap = width * height;
-      const float united = area_[i] + area - overlap;
-      const float ratio = overlap / united;
-      const float iou = united <= 0.0F ? 0.0F : ratio;
-      suppressed |= static_cast<int>(iou > nms_threshold_) & static_cast<int>(class_[i] == cls_id);
-    }
-    return suppressed != 0;
+struct IsBetter {
+  bool operator()(const Candidate& a, const Candidate& b) const {
+    if (a.score != b.score) return a.score > b.score;
+    return a.branch != b.branch ? a.branch < b.branch : a.cell < b.cell;
   }
-
-  void Add(const NetworkBox& box, int32_t cls_id) {
-    left_[count_] = box.x;
-    top_[count_] = box.y;
-    right_[count_] = box.x + box.width;
-    bottom_[count_] = box.y + box.height;
-    area_[count_] = (box.width + 1.0F) * (box.height + 1.0F);
-    class_[count_] = cls_id;
-    ++count_;
-  }
-
- private:
-  using Column = std::array<float, kMaxDetections>;
-
-  const float nms_threshold_;
-  size_t count_ = 0;
-  Column left_{};
-  Column top_{};
-  Column right_{};
-  Column bottom_{};
-  Column area_{};
-  std::array<int32_t, kMaxDetections> class_{};
 };
-
-/// A coordinate of the network's input as one of the picture.
-int32_t ToPicture(float coordinate, int32_t padding, int32_t limit, float scale) {
-  const float inside =
-      std::clamp(coordinate - static_cast<float>(padding), 0.0F, static_cast<float>(limit));
-  const float scaled = static_cast<float>(static_cast<int32_t>(inside)) / scale;
-  constexpr auto kLargest = static_cast<float>(std::numeric_limits<int32_t>::max());
-  return scaled >= 0 && scaled < kLargest ? static_cast<int32_t>(scaled) : 0;
-}
-
-DetectionBox ToPicture(const NetworkBox& box, const PostProcessing& processing) {
-  const LetterBox& letterbox = processing.letterbox;
-  const auto x = [&](float value) {
-    return ToPicture(value, letterbox.x_pad, processing.width, letterbox.scale);
-  };
-  const auto y = [&](float value) {
-    return ToPicture(value, letterbox.y_pad, processing.height, letterbox.scale);
-  };
-  return {x(box.x), y(box.y), x(box.x + box.width), y(box.y + box.height)};
-}
-
-bool IsBetter(const Candidate& a, const Candidate& b) {
-  if (a.score != b.score) return a.score > b.score;
-  return a.branch != b.branch ? a.branch < b.branch : a.cell < b.cell;
-}
 
 }  // namespace
 
@@ -246,19 +155,21 @@ int post_process(std::span<const OutputBranch> branches, const PostProcessing& p
     if (!IsWhole(branches[i], processing)) return -1;
     scan.Branch(branches[i], i);
   }
-  std::sort(candidates.begin(), candidates.end(), IsBetter);
+  std::sort(candidates.begin(), candidates.end(), IsBetter());
   // Only better boxes decide over a box, so the first that stay are known without looking further.
-  BoxDecoder decoder(branches, processing.height);
-  Survivors survivors(processing.nms_threshold);
+  BoxDecoder decoder(branches, processing);
+  BoxSuppression suppression(processing.nms_threshold, decoder);
   for (const Candidate& candidate : candidates) {
-    if (survivors.Full()) break;
-    const auto box = decoder.Decode(candidate);
-    if (!box || survivors.Suppress(*box, candidate.cls_id)) continue;
-    found.results[survivors.Count()] = {ToPicture(*box, processing), candidate.score,
-                                        candidate.cls_id, 0};
-    survivors.Add(*box, candidate.cls_id);
+    if (suppression.Full()) break;
+    suppression.Offer(candidate);
   }
-  found.count = static_cast<int32_t>(survivors.Count());
+  const Mapping mapping(processing, decoder);
+  for (size_t i = 0; i < suppression.Count(); ++i) {
+    const Candidate& candidate = suppression.CandidateAt(i);
+    found.results[i] = {mapping.Map(candidate, suppression.BoxAt(i)), candidate.score,
+                        candidate.cls_id, 0};
+  }
+  found.count = static_cast<int32_t>(suppression.Count());
   return 0;
 }
 

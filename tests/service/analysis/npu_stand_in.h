@@ -23,7 +23,7 @@ struct ScriptedNetwork {
   /// Of each output; one without values has no buffer.
   std::vector<std::vector<float>> values;
 
-  void AddOutput(std::vector<uint32_t> dims) {
+  void AddOutput(const std::vector<uint32_t>& dims) {
     TensorAttributes tensor;
     size_t elements = 1;
     for (const uint32_t dim : dims) {

@@ -36,14 +36,15 @@ struct Outputs {
       : width(w), height(h), classes(class_count), dfl_len(dfl) {
     thresholds.assign(static_cast<size_t>(classes), 0.5F);
     for (const auto& [rows, columns] : grids) {
-      const auto cells = static_cast<size_t>(rows * columns);
+      const auto cells = static_cast<size_t>(rows) * static_cast<size_t>(columns);
       branches.push_back({rows, columns, std::vector<float>(cells * static_cast<size_t>(4 * dfl)),
                           std::vector<float>(cells * static_cast<size_t>(classes))});
     }
   }
 
   static size_t At(const Branch& branch, int channel, int row, int column) {
-    return static_cast<size_t>((channel * branch.grid_h + row) * branch.grid_w + column);
+    const int index = (channel * branch.grid_h + row) * branch.grid_w + column;
+    return static_cast<size_t>(index);
   }
   float& Score(size_t branch, int row, int column, int cls) {
     return branches[branch].scores[At(branches[branch], cls, row, column)];
@@ -120,7 +121,8 @@ class Oracle {
     if (best < 0) return;
     float d[4];
     for (int side = 0; side < 4; ++side) d[side] = Distance(branch, row, column, side);
-    const auto stride = static_cast<float>(o_.height / branch.grid_h);
+    const int whole_stride = o_.height / branch.grid_h;
+    const auto stride = static_cast<float>(whole_stride);
     const auto i = static_cast<float>(row);
     const auto j = static_cast<float>(column);
     const float x1 = (j - d[0] + 0.5F) * stride;

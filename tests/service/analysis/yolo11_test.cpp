@@ -58,7 +58,7 @@ class Yolo11Test : public testing::Test {
   const RknnLibrary library_{{kNpuStandIn}};
   NpuContext context_{library_};
   ScriptedNetwork network_;
-  std::vector<uint8_t> pixels_ = std::vector<uint8_t>(128 * 64 * 3, 200);
+  std::vector<uint8_t> pixels_ = std::vector<uint8_t>(size_t{128} * 64 * 3, 200);
   ImageBuffer picture_;
   DetectionList found_;
   std::string printed_;
@@ -83,7 +83,7 @@ TEST_F(Yolo11Test, FindsAnObjectAndTellsItInPixelsOfThePicture) {
   EXPECT_EQ(script_.input->pass_through, 0);
   ASSERT_EQ(script_.picture.size(), 64U * 64 * 3);
   EXPECT_EQ(script_.picture[0], 114);
-  EXPECT_EQ(script_.picture[32 * 64 * 3], 200);
+  EXPECT_EQ(script_.picture[size_t{32} * 64 * 3], 200);
 }
 
 TEST_F(Yolo11Test, ReadsTheShapeOfBothLayoutsAndServesAThirdOutputPerBranch) {
