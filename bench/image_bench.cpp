@@ -61,7 +61,7 @@ Image Photo(int32_t width, int32_t height) {
   for (int32_t y = 0; y < height; ++y) {
     for (int32_t x = 0; x < width; ++x) {
       const int block = ((x / 97 + y / 61) % 5) * 20;
-      uint8_t* const pixel = image.pixels.data() + (y * width + x) * 3;
+      uint8_t* const pixel = image.pixels.data() + (int64_t{y} * width + x) * 3;
       for (int c = 0; c < 3; ++c) {
         pixel[c] = static_cast<uint8_t>(40 + block + x * (c + 1) * 20 / width + y * 30 / height +
                                         static_cast<int>(random() % 9));
@@ -140,7 +140,7 @@ class Reference {
     Check(tjDecompressHeader3(decoder_.get(), bytes_.data(), bytes_.size(), &width, &height,
                               &subsampling, &colorspace) == 0,
           "header");
-    pixels_.resize(static_cast<size_t>(width * height * 3));
+    pixels_.resize(static_cast<size_t>(width) * static_cast<size_t>(height) * 3);
     Check(tjDecompress2(decoder_.get(), bytes_.data(), bytes_.size(), pixels_.data(), width, 0,
                         height, TJPF_RGB, TJFLAG_LIMITSCANS) == 0,
           "decompression");

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "service/analysis/analysis_log.h"
+#include "service/analysis/image_layout.h"
 #include "service/analysis/pixel_rows.h"
 #include "utils/log.h"
 
@@ -17,11 +18,9 @@ constexpr size_t kChannels = 3;
 
 uint64_t AverageByte(const ImageBuffer& image) {
   const auto width = static_cast<size_t>(image.width);
-  const auto stride =
-      static_cast<size_t>(image.width_stride > 0 ? image.width_stride : image.width);
   uint64_t sum = 0;
   for (size_t y = 0; y < static_cast<size_t>(image.height); ++y)
-    sum += RowSum(image.virt_addr + y * stride * kChannels, width * kChannels);
+    sum += RowSum(image.virt_addr + y * RowPitch(image), width * kChannels);
   return sum / (width * static_cast<size_t>(image.height) * kChannels);
 }
 

@@ -26,7 +26,8 @@ struct Plane {
 
 Plane PlaneOf(const ImageBuffer& image, const ImageRect& rect) {
   const size_t pitch = RowPitch(image);
-  const auto left = static_cast<size_t>(rect.left * BytesPerPixel(image.format));
+  const auto left =
+      static_cast<size_t>(rect.left) * static_cast<size_t>(BytesPerPixel(image.format));
   return {image.virt_addr + static_cast<size_t>(rect.top) * pitch + left, pitch, Width(rect),
           Height(rect)};
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "service/analysis/analysis_log.h"
+#include "service/analysis/image_layout.h"
 #include "service/analysis/pixel_rows.h"
 #include "utils/log.h"
 
@@ -58,8 +59,7 @@ bool IsRgb(const ImageBuffer& image) {
 Patch GreyBlurredAcross(const ImageBuffer& image, const DetectionBox& place) {
   Patch patch = EmptyPatch(place);
   const auto width = static_cast<size_t>(patch.width);
-  const auto stride =
-      static_cast<size_t>(image.width_stride > 0 ? image.width_stride : image.width);
+  const auto stride = static_cast<size_t>(WidthStride(image));
   std::vector<uint8_t> grey(width);
   for (int32_t y = 0; y < patch.height; ++y) {
     const size_t first =

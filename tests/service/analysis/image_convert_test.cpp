@@ -277,7 +277,7 @@ TEST(CropImage, CopiesABoxOrRefusesIt) {
   ASSERT_EQ(crop_image(source, {50, 40, 61, 47}, crop), 0);
   EXPECT_EQ(crop.buffer.width, 11);
   EXPECT_EQ(crop.buffer.height, 7);
-  const uint8_t* const last = source.virt_addr + 46 * RowPitch(source) + 60 * 3;
+  const uint8_t* const last = source.virt_addr + 46 * RowPitch(source) + size_t{60} * 3;
   EXPECT_TRUE(std::equal(last, last + 3, crop.pixels.end() - 3));
   for (const DetectionBox& box :
        {DetectionBox{50, 40, 62, 47}, DetectionBox{-1, 0, 5, 5}, DetectionBox{5, 5, 5, 9},

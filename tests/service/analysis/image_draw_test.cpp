@@ -28,7 +28,7 @@ Image Black(PixelFormat format = PixelFormat::kRgb888) {
 }
 
 std::array<int, 3> At(const Image& image, int32_t x, int32_t y) {
-  const uint8_t* const pixel = image.pixels.data() + (y * kStride + x) * 3;
+  const uint8_t* const pixel = image.pixels.data() + (int64_t{y} * kStride + x) * 3;
   return {pixel[0], pixel[1], pixel[2]};
 }
 

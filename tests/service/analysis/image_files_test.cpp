@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <turbojpeg.h>
 
+#include <algorithm>
 #include <memory>
 #include <thread>
 
@@ -27,9 +28,9 @@ constexpr int32_t kHeight = 48;
 Image Gradient(PixelFormat format = PixelFormat::kRgb888) {
   Image image;
   EXPECT_TRUE(AllocateImage(image, kWidth + 5, kHeight, format));
+  const size_t pitch = std::max<size_t>(RowPitch(image.buffer), 1);
   for (size_t i = 0; i < image.pixels.size(); ++i) {
-    const size_t y = i / RowPitch(image.buffer);
-    image.pixels[i] = static_cast<uint8_t>(i % RowPitch(image.buffer) / 3 + 2 * y);
+    image.pixels[i] = static_cast<uint8_t>(i % pitch / 3 + 2 * (i / pitch));
   }
   image.buffer.width = kWidth;
   image.buffer.width_stride = kWidth + 5;
@@ -159,8 +160,8 @@ TEST(ReadImage, UsesATruncatedFileWithTheDecodersWarning) {
   EXPECT_EQ(ReadQuietly(path, cut, printed), 0);
   EXPECT_THAT(printed, StartsWith("warning : errorStr:"));
   EXPECT_THAT(printed, HasSubstr(", errorCode:0\n"));
-  EXPECT_TRUE(
-      std::equal(cut.pixels.begin(), cut.pixels.begin() + kWidth * 3 * 8, whole.pixels.begin()));
+  EXPECT_TRUE(std::equal(cut.pixels.begin(), cut.pixels.begin() + std::ptrdiff_t{kWidth} * 3 * 8,
+                         whole.pixels.begin()));
 }
 
 TEST(WriteImage, JpegComesBackAlikeFromEveryThread) {
