@@ -1,23 +1,19 @@
 // The pictures of the print analysis: letterboxing against OpenCV's bilinear resize on one thread
 // plus its border, JPEG files against the JPEG library alone; both take turns. Options: --directory
 // (in memory, or the disk is measured), --runs.
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <turbojpeg.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
+#include <memory>
 #include <opencv2/imgproc.hpp>
-#include <random>
-#include <stdexcept>
 
 #include "service/analysis/image_files.h"
 #include "service/analysis/image_layout.h"
 #include "service/analysis/letterbox.h"
-#include "support/report.h"
+#include "support/photo.h"
 
 namespace {
 
@@ -27,75 +23,6 @@ namespace fs = std::filesystem;
 
 constexpr int32_t kNetworkSide = 640;
 constexpr uint8_t kGrey = 114;
-
-/// The messages of what is measured cost their time, but do not belong into the report.
-class QuietOutput {
- public:
-  QuietOutput() : before_(dup(STDOUT_FILENO)) {
-    std::fflush(stdout);
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    dup2(null, STDOUT_FILENO);
-    close(null);
-  }
-  ~QuietOutput() {
-    std::fflush(stdout);
-    dup2(before_, STDOUT_FILENO);
-    close(before_);
-  }
-  QuietOutput(const QuietOutput&) = delete;
-  QuietOutput& operator=(const QuietOutput&) = delete;
-
- private:
-  const int before_;
-};
-
-void Check(bool good, const char* what) {
-  if (!good) throw std::runtime_error(std::string(what) + " failed");
-}
-
-/// Bright and dark areas, edges and the noise of a camera.
-Image Photo(int32_t width, int32_t height) {
-  Image image;
-  Check(AllocateImage(image, width, height, PixelFormat::kRgb888), "allocation");
-  std::mt19937 random(1);
-  for (int32_t y = 0; y < height; ++y) {
-    for (int32_t x = 0; x < width; ++x) {
-      const int block = ((x / 97 + y / 61) % 5) * 20;
-      uint8_t* const pixel = image.pixels.data() + (int64_t{y} * width + x) * 3;
-      for (int c = 0; c < 3; ++c) {
-        pixel[c] = static_cast<uint8_t>(40 + block + x * (c + 1) * 20 / width + y * 30 / height +
-                                        static_cast<int>(random() % 9));
-      }
-    }
-  }
-  return image;
-}
-
-double Milliseconds(const std::function<void()>& work) {
-  const auto start = std::chrono::steady_clock::now();
-  work();
-  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-      .count();
-}
-
-/// Medians of two jobs that take turns.
-void Compare(Report& report, const std::string& name, int runs, double limit,
-             const std::function<void()>& ours, const std::function<void()>& theirs) {
-  std::vector<double> our_times;
-  std::vector<double> their_times;
-  {
-    const QuietOutput quiet;
-    for (int run = 0; run < runs; ++run) {
-      our_times.push_back(Milliseconds(ours));
-      their_times.push_back(Milliseconds(theirs));
-    }
-  }
-  const double our_median = Percentile(our_times, 0.5);
-  const double their_median = Percentile(their_times, 0.5);
-  report.Figure(name + ", median", our_median, "ms");
-  report.Figure(name + ", reference, median", their_median, "ms");
-  report.AtMost(name + ", ratio", our_median / their_median, limit);
-}
 
 void MeasureLetterbox(Report& report, int runs, int32_t width, int32_t height, double limit) {
   const Image photo = Photo(width, height);
@@ -116,7 +43,8 @@ void MeasureLetterbox(Report& report, int runs, int32_t width, int32_t height, d
     cv::copyMakeBorder(scaled, bordered, top, kNetworkSide - scaled_height - top, 0, 0,
                        cv::BORDER_CONSTANT, cv::Scalar(kGrey, kGrey, kGrey));
   };
-  Compare(report, fmt::format("letterbox from {}x{}", width, height), runs, limit, ours, theirs);
+  CompareInTurns(report, fmt::format("letterbox from {}x{}", width, height), runs, limit, ours,
+                 theirs);
 }
 
 using File = std::unique_ptr<FILE, int (*)(FILE*)>;
@@ -171,11 +99,11 @@ void MeasureJpeg(Report& report, int runs, const fs::path& directory) {
   const fs::path ours = directory / "ours.jpg";
   const fs::path theirs = directory / "theirs.jpg";
   Reference reference;
-  Compare(
+  CompareInTurns(
       report, "JPEG write, 1920x1080", runs, 1.1,
       [&] { Check(write_image_jpeg(ours, kJpegQuality, photo.buffer) == 0, "writing"); },
       [&] { reference.Write(theirs, photo.buffer); });
-  Compare(
+  CompareInTurns(
       report, "JPEG read, 1920x1080", runs, 1.1,
       [&] {
         Image image;
