@@ -63,9 +63,10 @@ uint32_t BedItemFlag(const std::string& label, const DetectionBox& box, int32_t 
 
 void BedItemAlgorithm::PostCheck(DetectionRun& run) {
   for (Detection& result : Results(run.list)) {
-    if (result.flag == 0)
+    if (result.flag == 0) {
       result.flag =
           BedItemFlag(run.model.LabelOf(result.cls_id), result.box, run.picture.buffer.height);
+    }
   }
   if (!run.request.First()) {
     MarkKnownObjects(run, Name(), ReportStatic);

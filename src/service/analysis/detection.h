@@ -16,17 +16,17 @@ struct DetectionBox {
 
 /// Marks that the algorithms put on a result; a result without any is counted.
 enum DetectionFlag : uint32_t {
-  kDetectionIgnored = 1,        ///< rejected by verification, by size or by the reference picture
-  kDetectionOutsideBed = 2,     ///< at the top of the picture, behind the bed
-  kDetectionNotItem = 0x10,     ///< kept out of the item decision
+  kDetectionIgnored = 1,     ///< rejected by verification, by size or by the reference picture
+  kDetectionOutsideBed = 2,  ///< at the top of the picture, behind the bed
+  kDetectionNotItem = 0x10,  ///< kept out of the item decision
 };
 
 /// One object that a network found.
 struct Detection {
   DetectionBox box;
-  float prop = 0.0F;    ///< probability, 0 to 1
-  int32_t cls_id = 0;   ///< index into the model's labels
-  uint32_t flag = 0;    ///< DetectionFlag bits
+  float prop = 0.0F;   ///< probability, 0 to 1
+  int32_t cls_id = 0;  ///< index into the model's labels
+  uint32_t flag = 0;   ///< DetectionFlag bits
 };
 
 inline constexpr int32_t kMaxDetections = 128;

@@ -5,9 +5,13 @@
 namespace varnel::service {
 namespace {
 
+/// What a network that is no good may call a probability must still fit into an integer.
+constexpr float kMaxFigure = 100000.0F;
+
 /// In single precision, in which probabilities come: 0.9 stays 0.9 instead of 0.8999.
 double CutToFourDecimals(double value) {
-  return static_cast<int>(static_cast<float>(value) * 10000.0F) / 10000.0;
+  const float figure = std::clamp(static_cast<float>(value), -kMaxFigure, kMaxFigure);
+  return static_cast<int>(figure * 10000.0F) / 10000.0;
 }
 
 double Mixed(double ratio, double own, double before) {

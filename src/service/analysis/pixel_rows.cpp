@@ -25,9 +25,10 @@ uint32_t RowDifference(const uint8_t* a, const uint8_t* b, size_t count) {
 }
 
 void GreyRow(const uint8_t* rgb, uint8_t* grey, size_t count) {
-  for (size_t i = 0; i < count; ++i)
-    grey[i] = static_cast<uint8_t>(
-        (77U * rgb[3 * i] + 150U * rgb[3 * i + 1] + 29U * rgb[3 * i + 2]) >> 8U);
+  for (size_t i = 0; i < count; ++i) {
+    const uint32_t weighted = 77U * rgb[3 * i] + 150U * rgb[3 * i + 1] + 29U * rgb[3 * i + 2];
+    grey[i] = static_cast<uint8_t>(weighted >> 8U);
+  }
 }
 
 void BlurRow(const uint8_t* row, uint8_t* blurred, size_t count) {

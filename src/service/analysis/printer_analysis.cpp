@@ -22,10 +22,10 @@ std::unique_ptr<PrinterAnalysisAlgorithm> Serving(std::vector<std::string> label
 
 /// A clean picture answers every label.
 void FillWithZeros(const std::vector<std::string>& labels, json& output) {
+  const json zeros = {
+      {"obj_areas", 0.0}, {"obj_cnts", 0}, {"obj_probs", 0.0}, {"obj_weighted_probs", 0.0}};
   for (const std::string& label : labels) {
-    if (!output.contains(label))
-      output[label] = {
-          {"obj_areas", 0.0}, {"obj_cnts", 0}, {"obj_probs", 0.0}, {"obj_weighted_probs", 0.0}};
+    if (!output.contains(label)) output[label] = zeros;
   }
 }
 

@@ -72,6 +72,8 @@ TEST(DetectionStatisticsTest, FiguresAreThoseOfTheFormulas) {
   EXPECT_EQ(history.Size() + static_cast<size_t>(history.Totals()[0].count), 0U);
   history.Add(ListOf({Result({5, 5, 5, 9}, 0.7F), Result({0, 0, 10, 10}, 0.8F)}));
   EXPECT_NEAR(history.Totals()[0].weighted_prob, 0.8, 1e-6) << "without area it has no weight";
+  history.Add(ListOf({Result({0, 0, 9, 9}, 1e30F)}));
+  EXPECT_EQ(ClassStatistics(history.Totals()[0], 9, 9)["obj_probs"], 100000);
 }
 
 TEST(DetectionStatisticsTest, RunningTotalsAreThoseOfTheWholeList) {
