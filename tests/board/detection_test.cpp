@@ -235,9 +235,10 @@ TEST(DetectionWithoutNpuTest, OnlyDetectionsFail) {
   ServedBoard served(Npu(false));
   ASSERT_TRUE(served.rpc.AwaitDaemon());
   ShowScene(served.board, json::object());
-  for (int i = 0; i < 2; ++i)
+  for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(served.rpc.Call("camera.detect_capture", {{"labels", {"noodle"}}}),
               Failure(-1, "model load fail when detect"));
+  }
   EXPECT_EQ(served.Photo("/userdata/p.jpg"), Success());
   EXPECT_THAT(served.rpc.Problems(), IsEmpty());
   EXPECT_THAT(served.StopAndReadLog(),

@@ -85,11 +85,11 @@ class AnalysisWorld {
   }
 
   std::string Save(const Image& image) const {
-    const std::string path = dir_ / "picture.jpg";
+    std::string path = dir_ / "picture.jpg";
     EXPECT_EQ(write_image_jpeg(path, kJpegQuality, image.buffer), 0);
     return path;
   }
-  nlohmann::json Detect(nlohmann::json params, const Image& image = Plain(640, 640, 128)) {
+  nlohmann::json Detect(const nlohmann::json& params, const Image& image = Plain(640, 640, 128)) {
     result_ = analysis_->DetectPicture(Save(image), params);
     return result_.data;
   }
@@ -123,9 +123,10 @@ class AnalysisWorld {
  private:
   static void Script(const std::string& name, uint32_t classes, const std::vector<Found>& found) {
     ScriptedNetwork network = ScriptedNetwork::Detecting(640, 640, classes);
-    for (const Found& one : found)
+    for (const Found& one : found) {
       network.Place(0, one.row, one.column, one.cls, one.score,
                     {one.reach, one.reach, one.reach, one.reach});
+    }
     for (auto& [handle, loaded] : TheNpuScript().loaded) {
       if (loaded.values.size() == network.values.size() &&
           loaded.outputs[1].dims == network.outputs[1].dims)

@@ -125,9 +125,10 @@ TEST(BedItemFlagTest, LabelSizeAndPlaceDecide) {
       {"item", {401, 35, 501, 135}, 0},       {"item", {400, 36, 500, 136}, 0},
       {"item", {10, 10, 20, 20}, 1},  // a speck is a speck, wherever it is
   };
-  for (const auto& test : cases)
+  for (const auto& test : cases) {
     EXPECT_EQ(BedItemFlag(test.label, test.box, 1080), test.flag)
         << test.label << " " << test.box.left << " " << test.box.right << " " << test.box.bottom;
+  }
   EXPECT_TRUE(log.Has("ANALYSIS", "check size failed with w&h 500 500 24 24"));
   EXPECT_TRUE(log.Has("ANALYSIS", "check size failed 500 500 504 656"));
   EXPECT_TRUE(log.Has("ANALYSIS", "top outside object found: 400 35 500 135 0.125"));
@@ -154,9 +155,10 @@ TEST(PictureDiffRatioTest, ZeroForTheSameAndOneForAnother) {
 
   // Everything moved by 12 to the right and 8 up.
   Image moved = Plain(400, 300, 120);
-  for (size_t y = 0; y < 290; ++y)
+  for (size_t y = 0; y < 290; ++y) {
     std::copy_n(reference.pixels.begin() + static_cast<long>((y + 8) * 1200), 1200 - 36,
                 moved.pixels.begin() + static_cast<long>(y * 1200 + 36));
+  }
   EXPECT_EQ(PictureDiffRatio(reference.buffer, moved.buffer, box), 0.0);
   EXPECT_TRUE(log.Has("ANALYSIS", "find best sub_img_box to: 88 108 208 208 0"));
 
