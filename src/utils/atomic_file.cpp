@@ -71,6 +71,22 @@ std::error_code SyncDirectory(const fs::path& directory) {
   return ::fsync(fd.Get()) == 0 || errno == EINVAL ? std::error_code{} : LastError();
 }
 
+std::error_code MakeDirectories(const fs::path& directory) {
+  if (::mkdir(directory.c_str(), 0777) == 0) {
+    return SyncDirectory(DirectoryOf(directory));
+  }
+  std::error_code error = LastError();
+  if (error == std::errc::file_exists) {
+    std::error_code ignored;
+    return fs::is_directory(directory, ignored) ? std::error_code{} : error;
+  }
+  if (error != std::errc::no_such_file_or_directory || DirectoryOf(directory) == directory) {
+    return error;
+  }
+  error = MakeDirectories(DirectoryOf(directory));
+  return error ? error : MakeDirectories(directory);
+}
+
 std::error_code ReplaceSymlink(const fs::path& target, const fs::path& link) {
   const fs::path temporary = DirectoryOf(link) / (".varnel-" + link.filename().string());
   ::unlink(temporary.c_str());

@@ -62,6 +62,10 @@ class ReplacementFile {
 /// Syncs a directory: what was made, renamed or removed in it survives a power failure.
 [[nodiscard]] std::error_code SyncDirectory(const std::filesystem::path& directory);
 
+/// Makes a directory and those it lies in, as far as they are missing; they survive a power
+/// failure.
+[[nodiscard]] std::error_code MakeDirectories(const std::filesystem::path& directory);
+
 /// The content of a regular file (also of /proc and /sys). Nothing when it is missing, of another
 /// kind, unreadable or longer than `max_bytes`.
 [[nodiscard]] std::optional<std::string> ReadSmallFile(const std::filesystem::path& path,

@@ -9,6 +9,9 @@
 
 #include <cerrno>
 #include <csignal>
+#include <functional>
+#include <system_error>
+#include <thread>
 
 #include "utils/child_registry.h"
 
@@ -54,19 +57,13 @@ class SpawnActions {
 
 class SpawnAttributes {
  public:
-  explicit SpawnAttributes(bool idle_priority) : error_(posix_spawnattr_init(&attributes_)) {
+  SpawnAttributes() : error_(posix_spawnattr_init(&attributes_)) {
     sigset_t all;
     sigset_t none;
     sigfillset(&all);
     sigemptyset(&none);
-    int flags = POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
-    if (idle_priority) {
-      flags |= POSIX_SPAWN_SETSCHEDULER;
-      const sched_param parameters{};
-      posix_spawnattr_setschedpolicy(&attributes_, SCHED_IDLE);
-      posix_spawnattr_setschedparam(&attributes_, &parameters);
-    }
-    posix_spawnattr_setflags(&attributes_, static_cast<short>(flags));
+    constexpr int kFlags = POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
+    posix_spawnattr_setflags(&attributes_, static_cast<short>(kFlags));
     posix_spawnattr_setpgroup(&attributes_, 0);
     posix_spawnattr_setsigdefault(&attributes_, &all);
     posix_spawnattr_setsigmask(&attributes_, &none);
@@ -90,6 +87,29 @@ bool MoveAboveStandard(UniqueFd& fd) {
     fd.Reset(::fcntl(fd.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
   }
   return static_cast<bool>(fd);
+}
+
+void LowerPriorityOfThisThread() {
+  constexpr int kThisThread = 1;
+  constexpr int kIdleClass = 3 << 13;
+  const sched_param parameters{};
+  ::sched_setscheduler(0, SCHED_IDLE, &parameters);
+  ::syscall(SYS_ioprio_set, kThisThread, 0, kIdleClass);
+}
+
+/// A child inherits the priority of the thread that starts it; posix_spawn itself knows no idle
+/// one.
+int FromIdleThread(const std::function<int()>& spawn) {
+  int error = EAGAIN;
+  try {
+    std::thread([&] {
+      LowerPriorityOfThisThread();
+      error = spawn();
+    }).join();
+  } catch (const std::system_error&) {
+    return EAGAIN;
+  }
+  return error;
 }
 
 }  // namespace
@@ -150,7 +170,7 @@ std::optional<int> ChildProcess::Reap() {
 
 int SpawnChild(const ChildSetup& setup, pid_t& pid) {
   SpawnActions actions;
-  const SpawnAttributes attributes(setup.idle_priority);
+  const SpawnAttributes attributes;
   if (const int error = actions.Build(setup); error != 0) {
     return error;
   }
@@ -161,8 +181,11 @@ int SpawnChild(const ChildSetup& setup, pid_t& pid) {
   if (start.Refused()) {
     return EAGAIN;
   }
-  const int error = ::posix_spawn(&pid, setup.program, actions.Get(), attributes.Get(),
-                                  setup.arguments, setup.environment);
+  const auto spawn = [&] {
+    return ::posix_spawn(&pid, setup.program, actions.Get(), attributes.Get(), setup.arguments,
+                         setup.environment);
+  };
+  const int error = setup.idle_priority ? FromIdleThread(spawn) : spawn();
   if (error == 0 && !setup.outlives_us) {
     RegisterChild(pid);
     // EndChildren() does not wait long for a start, and may have looked before.

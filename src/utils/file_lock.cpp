@@ -8,10 +8,23 @@
 namespace varnel::utils {
 namespace {
 
-constexpr std::chrono::milliseconds kRetry{10};
+constexpr std::chrono::milliseconds kRetry{2};
+
+/// Whoever is next in the queue holds this, another lock on the same file, so that a holder that
+/// comes back at once does not overtake those that wait.
+bool TryQueue(int fd, short type) {
+  struct flock range {};
+  range.l_type = type;
+  range.l_whence = SEEK_SET;
+  return ::fcntl(fd, F_OFD_SETLK, &range) == 0;
+}
 
 bool TryLock(int fd) {
   return ::flock(fd, LOCK_EX | LOCK_NB) == 0;
+}
+
+bool IsHeldByOther(int error) {
+  return error == EWOULDBLOCK || error == EACCES || error == EINTR;
 }
 
 }  // namespace
@@ -25,14 +38,15 @@ std::optional<FileLock> FileLock::Acquire(const std::filesystem::path& file,
     return std::nullopt;
   }
   const auto deadline = clock.Now() + limit;
-  while (!TryLock(fd.Get())) {
-    const bool held = errno == EWOULDBLOCK || errno == EINTR;
-    if (!held || clock.Now() >= deadline) {
+  bool next = false;
+  while (!(next = next || TryQueue(fd.Get(), F_WRLCK)) || !TryLock(fd.Get())) {
+    if (!IsHeldByOther(errno) || clock.Now() >= deadline) {
       problem = "Failed to acquire file lock";
       return std::nullopt;
     }
     clock.SleepFor(kRetry);
   }
+  (void)TryQueue(fd.Get(), F_UNLCK);
   return FileLock(std::move(fd));
 }
 

@@ -80,6 +80,14 @@ json RpcCaller::Call(const std::string& method, const json& params, const std::s
   return Await(Post(method, params, topic));
 }
 
+std::vector<RpcCaller::Notification> RpcCaller::Notifications(const std::string& method) const {
+  const std::lock_guard lock(mutex_);
+  std::vector<Notification> found;
+  const auto [first, last] = notifications_.equal_range(json(method).dump());
+  for (auto it = first; it != last; ++it) found.push_back(it->second);
+  return found;
+}
+
 std::vector<json> RpcCaller::Answers() const {
   const std::lock_guard lock(mutex_);
   return answers_;
@@ -97,6 +105,7 @@ void RpcCaller::OnMessage(const std::string& topic, const std::string& payload) 
     OnAnswer(topic, message);
   } else if (topic.ends_with("/notification")) {
     Judge(topic, DaemonContract().CheckNotification(topic, message));
+    OnNotification(message);
   } else if (message.is_object() && message.contains("id") && message.contains("method")) {
     OnRequest(message);
   }
@@ -105,6 +114,13 @@ void RpcCaller::OnMessage(const std::string& topic, const std::string& payload) 
 
 void RpcCaller::OnRequest(const json& request) {
   if (request.at("method").is_string()) open_.emplace(request.at("id").dump(), request);
+}
+
+void RpcCaller::OnNotification(const json& notification) {
+  if (!notification.is_object() || !notification.contains("method")) return;
+  notifications_.emplace(
+      notification["method"].dump(),
+      Notification{std::chrono::steady_clock::now(), notification.value("params", json())});
 }
 
 void RpcCaller::OnAnswer(const std::string& topic, const json& answer) {

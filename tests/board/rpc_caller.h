@@ -37,6 +37,13 @@ class RpcCaller {
   /// Any bytes to any topic.
   void Publish(const std::string& topic, const std::string& payload);
 
+  /// A notification and when it came.
+  struct Notification {
+    std::chrono::steady_clock::time_point time;
+    json params;
+  };
+  /// Those with this method so far, in order.
+  [[nodiscard]] std::vector<Notification> Notifications(const std::string& method) const;
   /// All answers so far, as they were received.
   [[nodiscard]] std::vector<json> Answers() const;
   /// What broke the contract so far, one sentence each.
@@ -46,6 +53,7 @@ class RpcCaller {
   void Watch(const std::stop_token& stop);
   void OnMessage(const std::string& topic, const std::string& payload);
   void OnRequest(const json& request);
+  void OnNotification(const json& notification);
   void OnAnswer(const std::string& topic, const json& answer);
   void Judge(const std::string& topic, const std::optional<std::string>& problem);
 
@@ -54,11 +62,12 @@ class RpcCaller {
   test::MqttLink spy_;     // the watching thread's
   mutable std::mutex mutex_;
   std::condition_variable arrived_;
-  int last_id_ = 0;                        // mutex_
-  std::multimap<std::string, json> open_;  // requests by serialised id; mutex_
-  std::vector<json> answers_;              // mutex_
-  std::vector<std::string> problems_;      // mutex_
-  std::jthread watcher_;                   // last: it uses the rest
+  int last_id_ = 0;                                         // mutex_
+  std::multimap<std::string, json> open_;                   // requests by serialised id; mutex_
+  std::vector<json> answers_;                               // mutex_
+  std::vector<std::string> problems_;                       // mutex_
+  std::multimap<std::string, Notification> notifications_;  // by method; mutex_
+  std::jthread watcher_;                                    // last: it uses the rest
 };
 
 /// {"result": {"state": "success"}}

@@ -2,11 +2,17 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
+#include <fmt/format.h>
+
+#include <cstdlib>
 #include <random>
+#include <sstream>
+#include <thread>
 
 #include "board/daemon_talk.h"
 #include "board/served_board.h"
 #include "support/eventually.h"
+#include "support/temp_dir.h"
 
 namespace varnel::board {
 namespace {
@@ -15,22 +21,70 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 using testing::IsEmpty;
 
-constexpr int kPhotos = 24;
+constexpr int kPhotos = 120;
+constexpr int kBands = 8;
+
+/// A frame of both cameras that shows a number: bit by bit, from the left, in bright and dark
+/// bands.
+struct CodedScene {
+  explicit CodedScene(const Board& board) : board_(board) {}
+
+  void Show(unsigned number) const {
+    constexpr size_t kWidth = 1920;
+    constexpr size_t kPixels = kWidth * 1080;
+    std::string luma(kPixels, '\0');
+    for (size_t i = 0; i < kPixels; ++i) {
+      const size_t band = i % kWidth / (kWidth / kBands);
+      luma[i] = static_cast<char>((number >> band & 1U) != 0 ? 200 : 40);
+    }
+    std::string interleaved(2 * kPixels, '\x80');
+    for (size_t i = 0; i < kPixels; ++i) interleaved[2 * i] = luma[i];
+    std::ofstream(files_ / "scene.nv12") << luma << std::string(kPixels / 2, '\x80');
+    std::ofstream(files_ / "scene.yuyv") << interleaved;
+    board_.ShowFrames({files_ / "scene.nv12", files_ / "scene.yuyv"});
+  }
+
+  /// The numbers that the frames of a film show.
+  [[nodiscard]] std::vector<unsigned> NumbersIn(const ServedBoard& served,
+                                                const std::string& film) const {
+    const std::string grey =
+        served.board
+            .Shell("ffmpeg -nostdin -v error -i " + film + " -vf scale=" + std::to_string(kBands) +
+                   ":1:flags=area,format=gray -f rawvideo - | od -An -v -tu1 -w" +
+                   std::to_string(kBands))
+            .out;
+    std::istringstream values(grey);
+    std::vector<unsigned> numbers;
+    for (int value = 0, i = 0; values >> value; ++i) {
+      if (i % kBands == 0) numbers.push_back(0);
+      if (value > 120) numbers.back() |= 1U << static_cast<unsigned>(i % kBands);
+    }
+    return numbers;
+  }
+
+  const Board& board_;
+  const test::TempDir files_;
+};
 
 class TimelapseTest : public testing::Test {
- protected:
-  static std::unique_ptr<ServedBoard> NewBoard(CameraKind camera) {
+ public:
+  /// @param slow_join joins and checks run at the speed at which the film plays
+  std::unique_ptr<ServedBoard> NewBoard(CameraKind camera, bool slow_join = false) const {
     BootOptions options = DaemonOptions();
     options.camera = camera;
+    if (slow_join) {
+      options.binds = {{"/usr/bin/ffmpeg", "/opt/varnel/ffmpeg"},
+                       {slow_ffmpeg_.string(), "/usr/bin/ffmpeg"}};
+    }
     auto served = std::make_unique<ServedBoard>(options);
     EXPECT_TRUE(served->rpc.AwaitDaemon());
     return served;
   }
-  static json Start(ServedBoard& served, const char* type) {
+  static json Start(ServedBoard& served, const char* type, int frame_rate = 24) {
     return served.rpc.Call("camera.start_timelapse",
                            {{"type", type},
                             {"mode", "classic"},
-                            {"frame_rate", 24},
+                            {"frame_rate", frame_rate},
                             {"gcode_name", "it's \"b\"\n😀/../" + std::string(300, 'n')}});
   }
   static json Print(ServedBoard& served) {
@@ -50,32 +104,80 @@ class TimelapseTest : public testing::Test {
         std::chrono::seconds(60)));
     return films.empty() ? json() : films[0];
   }
-  /// What ffprobe tells of a film of the board.
-  static std::string Probe(const ServedBoard& served, const std::string& inside) {
-    return served.board
-        .Exec({"ffprobe", "-v", "error", "-count_frames", "-show_entries",
-               "stream=profile,width,height,pix_fmt,r_frame_rate,nb_read_frames", "-of",
-               "compact=p=0", inside})
-        .out;
+  /// What ffprobe tells of a film of the board, as a JSON object.
+  static json Probe(const ServedBoard& served, const std::string& inside) {
+    const std::string told =
+        served.board
+            .Exec({"ffprobe", "-v", "error", "-count_frames", "-show_entries",
+                   "stream=profile,width,height,pix_fmt,r_frame_rate,nb_read_frames,duration",
+                   "-of", "json", inside})
+            .out;
+    const json all = json::parse(told, nullptr, false);
+    if (!all.is_object()) return told;
+    return all.at("streams").at(0);
+  }
+  static void ExpectFilm(const json& probed, int frames, double frame_rate) {
+    const double duration = std::stod(probed.value("duration", "0"));
+    EXPECT_NEAR(duration, frames / frame_rate, 0.001 * frames / frame_rate);
+    json rest = probed;
+    rest.erase("duration");
+    EXPECT_EQ(rest, json({{"profile", "High"},
+                          {"width", 1920},
+                          {"height", 1080},
+                          {"pix_fmt", "yuv420p"},
+                          {"r_frame_rate", fmt::format("{}/1", frame_rate)},
+                          {"nb_read_frames", std::to_string(frames)}}));
+  }
+  /// A long joining run tells how far it is.
+  static void ExpectProgress(const ServedBoard& served) {
+    const auto told = served.rpc.Notifications("notify_camera_generate_video_progress");
+    EXPECT_GE(told.size(), 3U);
+    for (size_t i = 0; i < told.size(); ++i) {
+      const int percent = told[i].params.at("percent");
+      EXPECT_GE(percent, i == 0 ? 0 : told[i - 1].params.at("percent").get<int>());
+      EXPECT_LE(percent, 80);
+      if (i == 0) continue;
+      EXPECT_NEAR(std::chrono::duration<double>(told[i].time - told[i - 1].time).count(), 2, 0.7);
+    }
   }
   static std::string WebFile(const json& film, const char* key) {
     const std::string url = film.at(key);
     return "/home/ruxo/printer_data/camera/" + url.substr(url.rfind('/') + 1);
   }
+
+ private:
+  const test::TempDir programs_;
+  const fs::path slow_ffmpeg_ = programs_.WriteScript("ffmpeg", R"(
+case $* in
+  *" concat "*|*" null "*) exec /opt/varnel/ffmpeg -re "$@" ;;
+  *) exec /opt/varnel/ffmpeg "$@" ;;
+esac)");
 };
 
 TEST_F(TimelapseTest, APrintBecomesAFilmThatPlaysAndLeavesNoTraceWhenDeleted) {
   for (const CameraKind camera : {CameraKind::kMipi, CameraKind::kUsb}) {
-    const auto served = NewBoard(camera);
-    EXPECT_EQ(Start(*served, "new"), Success());
-    for (int i = 0; i < kPhotos; ++i) EXPECT_EQ(Print(*served), Success());
+    const bool slow_join = camera == CameraKind::kUsb;
+    const int frame_rate = slow_join ? 15 : 24;
+    const auto served = NewBoard(camera, slow_join);
+    const CodedScene scene(served->board);
+    EXPECT_EQ(Start(*served, "new", frame_rate), Success());
+    std::vector<unsigned> expected = {kPhotos};  // the cover is the last photo
+    for (unsigned i = 1; i <= kPhotos; ++i) {
+      scene.Show(i);
+      ASSERT_EQ(Print(*served), Success());
+      expected.push_back(i);
+    }
     EXPECT_EQ(served->rpc.Call("camera.stop_timelapse", nullptr), Success());
     const json film = AwaitFilm(*served);
     ASSERT_FALSE(film.is_null());
-    EXPECT_EQ(
-        Probe(*served, WebFile(film, "video_url")),
-        "profile=High|width=1920|height=1080|pix_fmt=yuv420p|r_frame_rate=24/1|nb_read_frames=" +
-            std::to_string(kPhotos + 1) + "\n");
+    const std::string video = WebFile(film, "video_url");
+    ExpectFilm(Probe(*served, video), kPhotos + 1, frame_rate);
+    EXPECT_EQ(scene.NumbersIn(*served, video), expected);
+    if (slow_join) ExpectProgress(*served);
+    EXPECT_TRUE(test::Eventually([&] {
+      return served->rpc.Notifications("notify_camera_generate_video_completed").size() == 1;
+    }));
+    EXPECT_FALSE(served->rpc.Notifications("notify_camera_status_change").empty());
     const json direct = Films(*served, {{"thumbnail_direct", true}})[0];
     EXPECT_TRUE(
         direct["thumbnail_base64"].get<std::string>().starts_with("data:image/jpeg;base64,/9j/"));
@@ -95,40 +197,163 @@ TEST_F(TimelapseTest, APrintBecomesAFilmThatPlaysAndLeavesNoTraceWhenDeleted) {
   }
 }
 
-TEST_F(TimelapseTest, ADaemonThatIsKilledAtAnyMomentLosesNoPhoto) {
-  constexpr unsigned kKills = 6;
-  std::mt19937 random(20261122);
-  const auto served = NewBoard(CameraKind::kMipi);
-  ASSERT_EQ(Start(*served, "new"), Success());
+TEST_F(TimelapseTest, AFullDiskCostsNoPhotoThatWasAnswered) {
+  // A rate of which MPEG-TS cannot tell the time of a frame.
+  constexpr int kOddRate = 211;
+  BootOptions options = DaemonOptions();
+  ServedBoard served(options, [](const Board& board) {
+    WithDeployment(R"({"min_free_space_mib": 0})")(board);
+    EXPECT_EQ(board
+                  .Shell("mkdir /userdata/.tmp_timelapse && "
+                         "mount -t tmpfs -o size=16m none /userdata/.tmp_timelapse")
+                  .status,
+              0);
+  });
+  ASSERT_TRUE(served.rpc.AwaitDaemon());
+  const auto leave = [&](int kilobytes) {
+    return served.board.Shell(
+        "cd /userdata/.tmp_timelapse; rm -f .filler; free=$(df --output=avail -k . | tail -n 1); "
+        "head -c $((free - " +
+        std::to_string(kilobytes) + "))k /dev/zero >.filler");
+  };
+  ASSERT_EQ(Start(served, "new", kOddRate), Success());
   int photos = 0;
-  for (unsigned kill = 0; kill < kKills; ++kill) {
-    for (unsigned i = random() % 4; i-- > 0; ++photos) ASSERT_EQ(Print(*served), Success());
-    const json last = served->rpc.Post("camera.take_a_photo", {{"reason", "printing"}});
-    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 400));
-    ASSERT_TRUE(served->board.SignalDaemon(SIGKILL));
-    EXPECT_EQ(served->board.AwaitDaemonEnd(), 128 + SIGKILL);
-    ASSERT_TRUE(served->board.StartDaemon());
-    ASSERT_TRUE(served->rpc.AwaitDaemon());
-    ASSERT_EQ(Start(*served, "continue"), Success());
+  for (const int room : {16384, 4, 60, 200, 400, 800, 16384}) {
+    if (room < 16384) (void)leave(room);
+    for (int i = 0; i < 2; ++i) {
+      const json answer = Print(served);
+      photos += answer == Success() ? 1 : 0;
+      EXPECT_TRUE(answer == Success() || answer == Error(-32000, "Take photo failed")) << answer;
+    }
+    (void)served.board.Shell("rm -f /userdata/.tmp_timelapse/.filler");
   }
-  ASSERT_EQ(Print(*served), Success());
-  ++photos;
-  ASSERT_EQ(served->rpc.Call("camera.stop_timelapse", nullptr), Success());
-  ASSERT_TRUE(served->board.SignalDaemon(SIGKILL)) << "while the film is made";
-  EXPECT_EQ(served->board.AwaitDaemonEnd(), 128 + SIGKILL);
-  ASSERT_TRUE(served->board.StartDaemon());
-  ASSERT_TRUE(served->rpc.AwaitDaemon());
-  const json film = AwaitFilm(*served);
+  EXPECT_GE(photos, 4);
+  EXPECT_LT(photos, 14);
+  (void)leave(0);
+  EXPECT_EQ(served.rpc.Call("camera.stop_timelapse", nullptr),
+            Error(-32600, "Stop time-lapse photography failed"));
+  (void)leave(40);
+  EXPECT_EQ(served.rpc.Call("camera.stop_timelapse", nullptr), Success());
+  const auto completed = [&] {
+    return served.rpc.Notifications("notify_camera_generate_video_completed");
+  };
+  EXPECT_TRUE(test::Eventually([&] { return completed().size() == 1; }, std::chrono::seconds(60)));
+  EXPECT_EQ(completed().at(0).params.at("state"), "failed");
+  (void)served.board.Shell("rm -f /userdata/.tmp_timelapse/.filler");
+  served.Restart();
+  const json film = AwaitFilm(served);
   ASSERT_FALSE(film.is_null());
-  const std::string probed = Probe(*served, WebFile(film, "video_url"));
-  const int frames = std::stoi(probed.substr(probed.rfind('=') + 1));
-  EXPECT_GE(frames, photos + 1) << "each answered photo and the cover";
-  EXPECT_LE(frames, photos + 1 + int{kKills}) << "and those whose answer was not awaited";
-  EXPECT_EQ(served->board
-                .Shell("ls -A /userdata/.tmp_timelapse | grep -v -x -e '[0-9]*' -e .lock "
-                       "-e current -e index_next -e timelapse.json")
-                .out,
-            "");
+  ExpectFilm(Probe(served, WebFile(film, "video_url")), photos + 1, kOddRate);
+}
+
+/// A print on a board whose daemon is killed again and again.
+class KilledPrint {
+ public:
+  KilledPrint(std::unique_ptr<ServedBoard> served, unsigned seed)
+      : served_(std::move(served)), random_(seed) {}
+
+  void Run(int kills) {
+    // Some prints, so that films are made, listed and deleted meanwhile.
+    while (kills_ < kills && !testing::Test::HasFailure()) OnePrint();
+    ASSERT_TRUE(AwaitStillness());
+    EXPECT_EQ(served_->board
+                  .Shell("ls -A /userdata/.tmp_timelapse | grep -v -x -e '[0-9]*' -e .lock "
+                         "-e current -e index_next -e timelapse.json; "
+                         "find /home/ruxo/printer_data/camera -xtype l")
+                  .out,
+              "");
+    EXPECT_THAT(served_->rpc.Problems(), IsEmpty());
+  }
+
+ private:
+  void OnePrint() {
+    const json started = served_->rpc.Post("camera.start_timelapse", StartParams("new"));
+    if (!MaybeKill(false)) (void)served_->rpc.Await(started);  // or the next one may overtake it
+    if (!Accepted("camera.start_timelapse", StartParams("new"))) return;
+    int photos = 0;
+    const int wanted = 1 + static_cast<int>(random_() % 5);
+    while (photos < wanted) {
+      (void)MaybeKill(true);
+      if (Accepted("camera.take_a_photo", {{"reason", "printing"}})) ++photos;
+    }
+    (void)MaybeKill(true);
+    if (!Accepted("camera.stop_timelapse", nullptr)) return;
+    (void)MaybeKill(false);
+    json film;
+    ASSERT_TRUE(test::Eventually(
+        [&] {
+          film = Newest();
+          return film.is_object();
+        },
+        std::chrono::seconds(120)))
+        << "a film is lost";
+    ExpectPlays(film, photos + 1);
+    if (random_() % 2 == 0) return;
+    (void)served_->rpc.Post("camera.delete_timelapse_instance",
+                            {{"date_index", film["date_index"]}});
+    (void)MaybeKill(false);
+  }
+
+  static json StartParams(const char* type) {
+    return {{"type", type}, {"mode", "classic"}, {"frame_rate", 24}};
+  }
+  bool Accepted(const char* method, const json& params) {
+    const json answer = served_->rpc.Call(method, params);
+    EXPECT_EQ(answer, Success()) << method;
+    return answer == Success();
+  }
+  /// At a random moment of whatever goes on; the print goes on afterwards.
+  bool MaybeKill(bool printing) {
+    if (random_() % 2 == 0) return false;
+    if (printing) (void)served_->rpc.Post("camera.take_a_photo", {{"reason", "printing"}});
+    std::this_thread::sleep_for(std::chrono::milliseconds(random_() % 500));
+    EXPECT_TRUE(served_->board.SignalDaemon(SIGKILL));
+    EXPECT_EQ(served_->board.AwaitDaemonEnd(), 128 + SIGKILL);
+    EXPECT_TRUE(served_->board.StartDaemon());
+    EXPECT_TRUE(served_->rpc.AwaitDaemon());
+    ++kills_;
+    if (printing) (void)Accepted("camera.start_timelapse", StartParams("continue"));
+    return true;
+  }
+  /// The film of this print; a deletion may be going on.
+  json Newest() {
+    const json films = TimelapseTest::Films(*served_);
+    if (!films.is_array() || films.empty() || films[0]["date_index"] <= last_) return nullptr;
+    return films[0];
+  }
+  void ExpectPlays(const json& film, int frames) {
+    last_ = film["date_index"];
+    const json probed = TimelapseTest::Probe(*served_, TimelapseTest::WebFile(film, "video_url"));
+    ASSERT_TRUE(probed.is_object()) << probed;
+    EXPECT_GE(std::stoi(probed.at("nb_read_frames").get<std::string>()), frames)
+        << "each answered photo and the cover";
+  }
+  /// Every film is made, and what was deleted is gone.
+  bool AwaitStillness() {
+    return test::Eventually(
+        [&] {
+          return served_->board.Shell("grep -L FINISHED /userdata/.tmp_timelapse/[0-9]*/state")
+                     .out == "";
+        },
+        std::chrono::seconds(120));
+  }
+
+  const std::unique_ptr<ServedBoard> served_;
+  std::mt19937 random_;
+  int kills_ = 0;
+  std::string last_;
+};
+
+TEST_F(TimelapseTest, DaemonsThatAreKilledAtAnyMomentLoseNoFilm) {
+  const char* wanted = std::getenv("VARNEL_KILLS");
+  const int kills = wanted != nullptr ? std::atoi(wanted) : 10;
+  const int boards = kills < 4 ? 1 : 4;
+  std::vector<std::unique_ptr<KilledPrint>> prints;
+  for (int i = 0; i < boards; ++i)
+    prints.push_back(std::make_unique<KilledPrint>(NewBoard(CameraKind::kMipi), 20261122 + i));
+  std::vector<std::jthread> threads;
+  for (auto& print : prints)
+    threads.emplace_back([&] { print->Run((kills + boards - 1) / boards); });
 }
 
 }  // namespace

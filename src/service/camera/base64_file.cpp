@@ -1,6 +1,7 @@
 #include "service/camera/base64_file.h"
 
 #include <openssl/evp.h>
+#include <unistd.h>
 
 #include <optional>
 #include <string>
@@ -65,7 +66,11 @@ bool WriteBase64(const fs::path& source, const fs::path& target) {
   if (!IsEncodable(source)) return false;
   const std::optional<std::string> bytes = utils::ReadSmallFile(source, kMaxBytes);
   if (!bytes) {
-    VLOG_ERROR(kTag, "Failed to read input file: {}", source.string());
+    if (::access(source.c_str(), R_OK) != 0) {
+      VLOG_ERROR(kTag, "Failed to open input file: {}", source.string());
+    } else {
+      VLOG_ERROR(kTag, "Failed to read input file: {}", source.string());
+    }
     return false;
   }
   return ReportWriteError(utils::WriteFileAtomically(target, Encoded(*bytes)), source, target);

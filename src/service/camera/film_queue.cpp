@@ -2,13 +2,20 @@
 
 #include <utility>
 
+#include "utils/log.h"
+#include "utils/log_text.h"
 #include "utils/thread.h"
 
 namespace varnel::service {
+namespace {
+
+constexpr const char* kTag = "TLP";
+
+}  // namespace
 
 FilmQueue::FilmQueue(VideoFinisher& finisher)
     : finisher_(finisher),
-      thread_(utils::SpawnGuarded("film-queue", "TLP",
+      thread_(utils::SpawnGuarded("film-queue", kTag,
                                   [this](const std::stop_token& stop) { Run(stop); })) {}
 
 FilmQueue::~FilmQueue() {
@@ -17,11 +24,15 @@ FilmQueue::~FilmQueue() {
 }
 
 void FilmQueue::Add(std::shared_ptr<Timelapse> timelapse) {
-  Push({nullptr, std::move(timelapse)});
+  Push({nullptr, std::move(timelapse), true});
+}
+
+void FilmQueue::Retire(std::shared_ptr<Timelapse> timelapse) {
+  Push({nullptr, std::move(timelapse), false});
 }
 
 void FilmQueue::Add(std::shared_ptr<TimelapseInstance> instance) {
-  Push({std::move(instance), nullptr});
+  Push({std::move(instance), nullptr, true});
 }
 
 bool FilmQueue::HasFailed(const std::string& index) const {
@@ -43,13 +54,18 @@ void FilmQueue::Run(const std::stop_token& stop) {
     const Job job = std::move(jobs_.front());
     jobs_.pop_front();
     lock.unlock();
-    Make(job);
+    try {
+      Make(job);
+    } catch (const std::exception& error) {
+      VLOG_ERROR(kTag, "A film was not made: {}", utils::LogText(error.what()));
+    }
     lock.lock();
   }
 }
 
 void FilmQueue::Make(const Job& job) {
   if (job.timelapse) job.timelapse->EndEncoding();
+  if (!job.film) return;
   TimelapseInstance& instance = job.timelapse ? job.timelapse->Instance() : *job.instance;
   if (finisher_.Finish(instance)) return;
   const std::lock_guard lock(mutex_);

@@ -25,6 +25,8 @@ class FilmQueue {
 
   /// The time-lapse of a print that has just ended.
   void Add(std::shared_ptr<Timelapse> timelapse);
+  /// One that is given up: its encoder is waited for in the background.
+  void Retire(std::shared_ptr<Timelapse> timelapse);
   /// One that an earlier run of the daemon left.
   void Add(std::shared_ptr<TimelapseInstance> instance);
   /// Its film could not be made; the next start tries again.
@@ -34,6 +36,7 @@ class FilmQueue {
   struct Job {
     std::shared_ptr<TimelapseInstance> instance;
     std::shared_ptr<Timelapse> timelapse;
+    bool film = true;
   };
 
   void Push(Job job);

@@ -1,5 +1,6 @@
 #include "service/camera/json_file.h"
 
+#include <new>
 #include <optional>
 #include <system_error>
 
@@ -12,7 +13,6 @@ namespace {
 
 using nlohmann::json;
 
-constexpr size_t kMaxBytes = size_t{64} << 20U;
 constexpr int kMaxDepth = 64;
 
 /// Our files are flat: deeper ones are not ours, and destroying a very deep value recurses.
@@ -23,6 +23,14 @@ json ParseBounded(const std::string& text) {
   });
 }
 
+/// False for what is no file of ours, whatever is tried.
+bool CouldBeRead(const std::filesystem::path& file) {
+  std::error_code error;
+  const bool regular = std::filesystem::is_regular_file(file, error);
+  if (error) return true;
+  return regular && std::filesystem::file_size(file, error) <= kMaxJsonFileBytes;
+}
+
 }  // namespace
 
 JsonFile ReadJsonFile(const char* tag, const std::filesystem::path& file) {
@@ -30,13 +38,20 @@ JsonFile ReadJsonFile(const char* tag, const std::filesystem::path& file) {
   if (std::filesystem::symlink_status(file, error).type() == std::filesystem::file_type::not_found)
     return {};
   JsonFile content{JsonFile::State::kIllegal, {}};
-  const std::optional<std::string> text = utils::ReadSmallFile(file, kMaxBytes);
-  if (!text) return content;
+  const std::optional<std::string> text = utils::ReadSmallFile(file, kMaxJsonFileBytes);
+  if (!text) {
+    if (CouldBeRead(file)) content.state = JsonFile::State::kUnreadable;
+    VLOG_ERROR(tag, "JSON exception {}", utils::LogText(file.string() + " cannot be read"));
+    return content;
+  }
   try {
     content.value = ParseBounded(*text);
     content.state = JsonFile::State::kRead;
   } catch (const json::parse_error& problem) {
     VLOG_ERROR(tag, "JSON Parse error at byte {}", problem.byte);
+  } catch (const std::bad_alloc&) {
+    content.state = JsonFile::State::kUnreadable;
+    VLOG_ERROR(tag, "JSON exception {}", "out of memory");
   } catch (const std::exception& problem) {
     VLOG_ERROR(tag, "JSON exception {}", utils::LogText(problem.what()));
   }

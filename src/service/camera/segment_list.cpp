@@ -39,19 +39,25 @@ std::optional<fs::path> PathIn(std::string_view line) {
 }
 
 /// Where the last whole line ends.
-off_t EndOfLines(int fd, off_t size) {
+std::error_code FindEndOfLines(int fd, off_t size, off_t& end) {
   const off_t start = size > kMaxLine ? size - kMaxLine : 0;
   std::string tail(static_cast<size_t>(size - start), '\0');
   const ssize_t got = ::pread(fd, tail.data(), tail.size(), start);
-  tail.resize(got > 0 ? static_cast<size_t>(got) : 0);
+  if (got < 0) return LastError();
+  tail.resize(static_cast<size_t>(got));
   const size_t newline = tail.rfind('\n');
-  return newline == std::string::npos ? 0 : start + static_cast<off_t>(newline) + 1;
+  // Never take away what might be lines.
+  if (newline == std::string::npos && start > 0)
+    return std::make_error_code(std::errc::illegal_byte_sequence);
+  end = newline == std::string::npos ? 0 : start + static_cast<off_t>(newline) + 1;
+  return {};
 }
 
 std::error_code AppendLine(int fd, const std::string& line) {
   struct stat info {};
   if (::fstat(fd, &info) != 0) return LastError();
-  const off_t end = EndOfLines(fd, info.st_size);
+  off_t end = 0;
+  if (const std::error_code error = FindEndOfLines(fd, info.st_size, end)) return error;
   if (end != info.st_size && ::ftruncate(fd, end) != 0) return LastError();
   std::error_code error = utils::WriteAll(fd, line);
   if (!error && ::fsync(fd) != 0) error = LastError();

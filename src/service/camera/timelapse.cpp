@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "utils/log.h"
+#include "utils/log_text.h"
 #include "utils/thread.h"
 
 namespace varnel::service {
@@ -37,19 +38,21 @@ bool Timelapse::Start(bool continued) {
   if (!continued && !instance_->RecordState(TimelapseState::kActivated)) return false;
   const std::vector<uint32_t> photos = instance_->Photos();
   if (!photos.empty()) next_number_ = photos.back() + 1;
-  {
-    const std::lock_guard queue_lock(queue_mutex_);
-    for (const uint32_t number : instance_->PhotosNotListed()) waiting_.push_back(number);
-  }
   const std::lock_guard thread_lock(thread_mutex_);
-  encoding_ = utils::SpawnGuarded("film-segments", kTag,
-                                  [this](const std::stop_token& stop) { EncodeWaiting(stop); });
+  // What an interruption left goes first, and holds up no photo of this run.
+  encoding_ =
+      utils::SpawnGuarded("film-segments", kTag,
+                          [this, left = instance_->PhotosToEncode()](const std::stop_token& stop) {
+                            for (const uint32_t number : left)
+                              if (!stop.stop_requested()) Encode(number);
+                            EncodeWaiting(stop);
+                          });
   return true;
 }
 
 bool Timelapse::Capture(uint32_t number) const {
   const std::filesystem::path photo = instance_->Photo(number);
-  if (!take_photo_(photo.string())) return false;
+  const bool taken = take_photo_(photo.string());
   std::error_code error;
   const uintmax_t size = std::filesystem::file_size(photo, error);
   if (error == std::errc::no_such_file_or_directory) {
@@ -58,7 +61,7 @@ bool Timelapse::Capture(uint32_t number) const {
     VLOG_ERROR(kTag, "Take photo: get capture file size ({}) invalid, error code: {}",
                error ? 0 : size, error.value());
   }
-  return !error && size > 0;
+  return taken && !error && size > 0;
 }
 
 TimelapsePhoto Timelapse::TakePhoto() {
@@ -77,8 +80,8 @@ TimelapsePhoto Timelapse::TakePhoto() {
 
 void Timelapse::Enqueue(uint32_t number) {
   std::unique_lock lock(queue_mutex_);
-  // The encoder's time limit bounds the wait.
-  queue_changed_.wait(lock, [this] { return waiting_.size() < kMaxWaiting; });
+  // Bounded by the time limit of the encoder, which prefers us to films that are finished.
+  queue_changed_.wait(lock, [this] { return waiting_.size() < kMaxWaiting || abandoned_; });
   waiting_.push_back(number);
   queue_changed_.notify_all();
 }
@@ -91,8 +94,17 @@ void Timelapse::EncodeWaiting(const std::stop_token& stop) {
     waiting_.pop_front();
     queue_changed_.notify_all();
     lock.unlock();
-    segments_.Encode(*instance_, number);
+    Encode(number);
     lock.lock();
+  }
+}
+
+void Timelapse::Encode(uint32_t number) noexcept {
+  try {
+    segments_.Encode(*instance_, number);
+  } catch (const std::exception& error) {
+    // The photo is still there when the film is made.
+    VLOG_ERROR(kTag, "Photo {} was not encoded: {}", number, utils::LogText(error.what()));
   }
 }
 
@@ -113,10 +125,12 @@ bool Timelapse::Stop() {
 
 void Timelapse::Abandon() {
   {
-    const std::lock_guard lock(photo_mutex_);
+    const std::lock_guard lock(queue_mutex_);  // so that a photo that waits cannot miss it
     abandoned_ = true;
+    queue_changed_.notify_all();
   }
-  EndEncoding();
+  const std::lock_guard lock(thread_mutex_);
+  encoding_.request_stop();
 }
 
 void Timelapse::EndEncoding() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -40,6 +41,7 @@ class Timelapse {
   /// The state becomes GENERATING. False when it is not active or has no photo.
   [[nodiscard]] bool Stop();
   /// Takes no more photos and forgets those that wait: the print goes on in another time-lapse.
+  /// Does not wait for the encoder.
   void Abandon();
 
   /// Ends the encoding thread; what waits is left on disk for the finisher.
@@ -52,6 +54,7 @@ class Timelapse {
   bool Capture(uint32_t number) const;
   void Enqueue(uint32_t number);
   void EncodeWaiting(const std::stop_token& stop);
+  void Encode(uint32_t number) noexcept;
 
   const std::shared_ptr<TimelapseInstance> instance_;
   const TakePhotoTo take_photo_;
@@ -59,7 +62,8 @@ class Timelapse {
 
   std::mutex photo_mutex_;    // one photo, and no state change while it is taken
   uint32_t next_number_ = 1;  // photo_mutex_
-  bool abandoned_ = false;    // photo_mutex_
+
+  std::atomic<bool> abandoned_ = false;
 
   std::mutex queue_mutex_;
   std::condition_variable_any queue_changed_;

@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <set>
 #include <system_error>
 #include <utility>
 
 #include "service/camera/segment_list.h"
 #include "utils/atomic_file.h"
+#include "utils/directory_entries.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 
@@ -42,13 +44,18 @@ std::optional<uint32_t> PhotoNumber(const std::string& name) {
 }
 
 std::optional<uint32_t> SegmentNumber(const std::string& name) {
-  return NumberIn(name, "seg_", ".ts");
+  const auto number = NumberIn(name, "seg_", ".ts");
+  return number ? number : NumberIn(name, "seg_", ".avi");
+}
+
+bool IsHalfWritten(const std::string& name) {
+  return name.starts_with(".varnel-");
 }
 
 bool IsTemporary(const std::string& name) {
-  constexpr std::array kFiles{"cover.jpg", "cover.ts", "filelist.txt", "progress.txt",
-                              "allfilelist.txt"};
-  return PhotoNumber(name) || SegmentNumber(name) || name.starts_with(".varnel-") ||
+  constexpr std::array kFiles{"cover.jpg",    "cover.ts",     "cover.avi",
+                              "filelist.txt", "progress.txt", "allfilelist.txt"};
+  return PhotoNumber(name) || SegmentNumber(name) || IsHalfWritten(name) ||
          std::find(kFiles.begin(), kFiles.end(), name) != kFiles.end();
 }
 
@@ -85,7 +92,16 @@ fs::path TimelapseInstance::Photo(uint32_t number) const {
 }
 
 fs::path TimelapseInstance::Segment(uint32_t number) const {
-  return directory_ / fmt::format("seg_{:05}.ts", number);
+  return directory_ / fmt::format("seg_{:05}{}", number, SegmentEnding());
+}
+
+fs::path TimelapseInstance::CoverSegment() const {
+  return directory_ / (std::string("cover") + SegmentEnding());
+}
+
+const char* TimelapseInstance::SegmentEnding() const {
+  constexpr uint32_t kTransportClock = 90'000;
+  return kTransportClock % settings_.frame_rate == 0 ? ".ts" : ".avi";
 }
 
 fs::path TimelapseInstance::Video(size_t frames) const {
@@ -96,7 +112,7 @@ fs::path TimelapseInstance::Video(size_t frames) const {
 std::vector<uint32_t> TimelapseInstance::Photos() const {
   std::vector<uint32_t> numbers;
   std::error_code error;
-  for (const auto& entry : fs::directory_iterator(directory_, error)) {
+  for (const auto& entry : utils::DirectoryEntries(directory_, error)) {
     if (const auto number = PhotoNumber(entry.path().filename().string()))
       numbers.push_back(*number);
   }
@@ -104,24 +120,48 @@ std::vector<uint32_t> TimelapseInstance::Photos() const {
   return numbers;
 }
 
-std::vector<uint32_t> TimelapseInstance::PhotosNotListed() const {
-  uint32_t last = 0;
-  for (const fs::path& segment : ReadSegmentList(SegmentList()))
-    last = std::max(last, SegmentNumber(segment.filename().string()).value_or(0));
+std::vector<uint32_t> TimelapseInstance::ListedSegments() const {
+  std::set<uint32_t> numbers;
+  for (const fs::path& segment : ReadSegmentList(SegmentList())) {
+    // By name: whatever a changed list says, only files of this instance get into its film.
+    const std::string name = segment.filename().string();
+    if (const auto number = SegmentNumber(name)) {
+      numbers.insert(*number);
+    } else {
+      VLOG_ERROR(kTag, "Generate video: segment '{}' invalid, skip.", utils::LogText(name));
+    }
+  }
+  return {numbers.begin(), numbers.end()};
+}
+
+std::vector<uint32_t> TimelapseInstance::PhotosToEncode() const {
+  const std::vector<uint32_t> listed = ListedSegments();
   std::vector<uint32_t> numbers = Photos();
-  numbers.erase(numbers.begin(), std::upper_bound(numbers.begin(), numbers.end(), last));
+  std::erase_if(numbers, [&](uint32_t number) {
+    std::error_code error;
+    return std::binary_search(listed.begin(), listed.end(), number) &&
+           fs::exists(Segment(number), error);
+  });
   return numbers;
 }
 
-void TimelapseInstance::RemoveTemporaryFiles() const {
+void TimelapseInstance::RemoveFiles(bool (*unwanted)(const std::string& name)) const {
   std::error_code error;
-  for (const auto& entry : fs::directory_iterator(directory_, error)) {
-    if (!IsTemporary(entry.path().filename().string())) continue;
-    std::error_code problem;
-    fs::remove(entry.path(), problem);
-    if (problem) VLOG_WARN(kTag, "Remove file failed, reason: {}", problem.message());
-  }
+  const auto entries = utils::DirectoryEntries(directory_, error);
   if (error) VLOG_WARN(kTag, "Remove file failed, reason: {}", error.message());
+  for (const auto& entry : entries) {
+    if (!unwanted(entry.path().filename().string())) continue;
+    fs::remove(entry.path(), error);
+    if (error) VLOG_WARN(kTag, "Remove file failed, reason: {}", error.message());
+  }
+}
+
+void TimelapseInstance::RemoveTemporaryFiles() const {
+  RemoveFiles(IsTemporary);
+}
+
+void TimelapseInstance::RemoveHalfWritten() const {
+  RemoveFiles(IsHalfWritten);
 }
 
 StateRecord ReadTimelapseState(const fs::path& directory, TimelapseState& state) {

@@ -40,7 +40,7 @@ class TimelapseInstance {
   std::filesystem::path Photo(uint32_t number) const;
   std::filesystem::path Segment(uint32_t number) const;
   std::filesystem::path CoverPhoto() const { return directory_ / "cover.jpg"; }
-  std::filesystem::path CoverSegment() const { return directory_ / "cover.ts"; }
+  std::filesystem::path CoverSegment() const;
   std::filesystem::path SegmentList() const { return directory_ / "filelist.txt"; }
   std::filesystem::path AllSegmentsList() const { return directory_ / "allfilelist.txt"; }
   std::filesystem::path Progress() const { return directory_ / "progress.txt"; }
@@ -51,13 +51,22 @@ class TimelapseInstance {
 
   /// The photos there are, in order.
   std::vector<uint32_t> Photos() const;
-  /// The photos behind the last one that is in the segment list: what an interrupted print left
-  /// to be encoded.
-  std::vector<uint32_t> PhotosNotListed() const;
+  /// The numbers in the segment list, each once and in order.
+  std::vector<uint32_t> ListedSegments() const;
+  /// The photos that have no listed segment: what an interrupted print, or an encoder that failed,
+  /// left to be encoded.
+  std::vector<uint32_t> PhotosToEncode() const;
   /// Removes what a finished film needs no more.
   void RemoveTemporaryFiles() const;
+  /// Removes outputs that an interruption cut short.
+  void RemoveHalfWritten() const;
 
  private:
+  /// Segments in MPEG-TS join to the exact frame rate when its clock of 90 kHz can tell one frame's
+  /// time; those in AVI to any.
+  const char* SegmentEnding() const;
+  void RemoveFiles(bool (*unwanted)(const std::string& name)) const;
+
   const std::filesystem::path directory_;
   const TimelapseSettings settings_;
   std::atomic<TimelapseState> state_;

@@ -114,6 +114,7 @@ json CameraService::ReqCallbackCameraServiceGetTimelapseInstance(const json& par
   VLOG_INFO(kTag, "method: {} params: get all flag is {}, page_index is {} page_rows is {}.", kList,
             query->all, query->page_index, query->page_rows);
   json answer = timelapses_.Store().List(*query);
+  if (answer.is_null()) return AnswerOf(hal_adapter::kHalFailure);
   answer["state"] = "success";
   return answer;
 }

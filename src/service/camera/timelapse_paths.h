@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 
@@ -14,6 +15,9 @@ struct TimelapsePaths {
   std::filesystem::path upload = "/userdata/.tmp";
   std::string ffmpeg = "/usr/bin/ffmpeg";
   std::string ffprobe = "/usr/bin/ffprobe";
+  // Generous: the encoder yields to everything else on the board.
+  uint32_t frame_limit_ms = 120'000;  ///< for one photo, then it is killed
+  uint32_t join_limit_ms = 300'000;   ///< for joining and for checking, besides the frames' share
 
   std::filesystem::path Description() const { return root / "timelapse.json"; }
   std::filesystem::path Lock() const { return root / ".lock"; }

@@ -11,6 +11,8 @@ using nlohmann::json;
 
 constexpr const char* kTag = "CAMSRV";
 constexpr double kLargestCount = 1e9;
+/// As long as a path may be; every listing carries all names.
+constexpr size_t kMaxNameBytes = 4096;
 
 /// An absent name keeps its default, with a warning.
 bool ReadName(const json& params, const char* key, std::string& name) {
@@ -19,7 +21,8 @@ bool ReadName(const json& params, const char* key, std::string& name) {
     VLOG_WARN(kTag, "start timelapse: the {} parameter was not set, use default {}", key, name);
     return true;
   }
-  if (!value->is_string()) return false;
+  if (!value->is_string() || value->get_ref<const std::string&>().size() > kMaxNameBytes)
+    return false;
   name = value->get<std::string>();
   return true;
 }

@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "utils/atomic_file.h"
+#include "utils/directory_entries.h"
 #include "utils/local_time.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
@@ -31,14 +32,18 @@ bool Exists(const fs::path& path) {
   return fs::exists(fs::symlink_status(path, error));
 }
 
+void ReportRemoval(const fs::path& directory, const std::error_code& error) {
+  if (!error) return;
+  VLOG_ERROR(kTag, "Remove directory {} failed, reason: {}", directory.string(), error.message());
+}
+
 }  // namespace
 
 TimelapseRoot::TimelapseRoot(const TimelapsePaths& paths, utils::Clock& clock)
     : paths_(paths), clock_(clock) {}
 
 bool TimelapseRoot::MakeRoot() const {
-  std::error_code error;
-  fs::create_directories(paths_.root, error);
+  const std::error_code error = utils::MakeDirectories(paths_.root);
   if (error) {
     VLOG_ERROR(kTag, "Create timelapse root temporary directory {} failed, reason: {}",
                paths_.root.string(), error.message());
@@ -88,20 +93,34 @@ std::shared_ptr<TimelapseInstance> TimelapseRoot::Create(const TimelapseSettings
     if (!index.empty()) fs::remove_all(building, error);
     return nullptr;
   }
-  PointAt(index);
+  if (!PointAt(index)) {
+    (void)Discard(index);
+    return nullptr;
+  }
   VLOG_INFO(kTag, "Create a new timelapse instance, index is {}.", index);
   return std::make_shared<TimelapseInstance>(directory, settings, TimelapseState::kReady);
 }
 
-void TimelapseRoot::PointAt(const std::string& index) const {
+bool TimelapseRoot::PointAt(const std::string& index) const {
   const fs::path directory = paths_.root / index;
   if (const std::error_code error = utils::ReplaceSymlink(directory, paths_.Current())) {
     VLOG_ERROR(kTag, "Create symlink to directory {} failed, reason: {}", directory.string(),
                error.message());
   }
-  if (const std::error_code error = utils::WriteFileAtomically(paths_.NextIndex(), index + '\n')) {
+  const std::error_code error = utils::WriteFileAtomically(paths_.NextIndex(), index + '\n');
+  if (error)
     VLOG_ERROR(kTag, "Record the next index {} failed, reason: {}", index, error.message());
-  }
+  return !error;
+}
+
+std::error_code TimelapseRoot::Discard(const std::string& index) const {
+  const fs::path aside = paths_.root / (kBuildingPrefix + index);
+  std::error_code error;
+  fs::remove_all(aside, error);
+  fs::rename(paths_.root / index, aside, error);
+  if (!error) error = utils::SyncDirectory(paths_.root);
+  if (!error) fs::remove_all(aside, error);
+  return error;
 }
 
 std::shared_ptr<TimelapseInstance> TimelapseRoot::Open(const std::string& index) const {
@@ -139,7 +158,10 @@ std::string TimelapseRoot::NextIndex() const {
 std::vector<std::string> TimelapseRoot::Indices() const {
   std::vector<std::string> indices;
   std::error_code error;
-  for (const auto& entry : fs::directory_iterator(paths_.root, error)) {
+  const auto entries = utils::DirectoryEntries(paths_.root, error);
+  if (error && error != std::errc::no_such_file_or_directory)
+    VLOG_ERROR(kTag, "Filesystem error: {}", error.message());
+  for (const auto& entry : entries) {
     const std::string name = entry.path().filename().string();
     std::error_code ignored;
     if (IsTimelapseIndex(name) && entry.is_directory(ignored) && !entry.is_symlink(ignored))
@@ -161,34 +183,24 @@ void TimelapseRoot::RemoveIfUnfinished(const std::string& index) const {
     VLOG_WARN(kTag, "Time-lapse {}: state file is not exists, do nothing.", index);
   if (record != StateRecord::kFound || state != TimelapseState::kActivated) return;
   VLOG_INFO(kTag, "Remove the unfinished time-lapse {}", index);
-  std::error_code error;
-  fs::remove_all(directory, error);
-  if (error) {
-    VLOG_ERROR(kTag, "Remove directory {} failed, reason: {}", directory.string(), error.message());
-  } else {
-    VLOG_INFO(kTag, "Remove the unfinished time-lapse {} done.", index);
-  }
+  const std::error_code error = Discard(index);
+  ReportRemoval(directory, error);
+  if (!error) VLOG_INFO(kTag, "Remove the unfinished time-lapse {} done.", index);
 }
 
 void TimelapseRoot::RemoveHalfMade() const {
   std::error_code error;
-  std::vector<fs::path> left;
-  for (const auto& entry : fs::directory_iterator(paths_.root, error)) {
-    if (entry.path().filename().string().starts_with(kBuildingPrefix)) left.push_back(entry.path());
+  for (const auto& entry : utils::DirectoryEntries(paths_.root, error)) {
+    if (!entry.path().filename().string().starts_with(kBuildingPrefix)) continue;
+    fs::remove_all(entry.path(), error);
+    ReportRemoval(entry.path(), error);
   }
   for (const std::string& index : Indices()) {
     TimelapseState state = TimelapseState::kInitial;
     const fs::path directory = paths_.root / index;
     const bool never_started = ReadTimelapseState(directory, state) == StateRecord::kFound &&
                                state < TimelapseState::kActivated;
-    if (never_started) left.push_back(directory);
-  }
-  for (const fs::path& directory : left) {
-    fs::remove_all(directory, error);
-    if (error) {
-      VLOG_ERROR(kTag, "Remove directory {} failed, reason: {}", directory.string(),
-                 error.message());
-    }
+    if (never_started) ReportRemoval(directory, Discard(index));
   }
 }
 

@@ -39,7 +39,9 @@ class TimelapseRoot {
   bool MakeRoot() const;
   std::string FreeIndex() const;
   bool Build(const std::filesystem::path& directory, const TimelapseSettings& settings) const;
-  void PointAt(const std::string& index) const;
+  [[nodiscard]] bool PointAt(const std::string& index) const;
+  /// Takes a work directory away at once, under a name that the next start removes in any case.
+  [[nodiscard]] std::error_code Discard(const std::string& index) const;
   void RemoveIfUnfinished(const std::string& index) const;
 
   const TimelapsePaths& paths_;

@@ -4,6 +4,7 @@
 #include <utility>
 #include <vector>
 
+#include "utils/directory_entries.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 
@@ -17,7 +18,7 @@ constexpr const char* kTag = "CAMSRV";
 /// Names that an interrupted replacement of a file or link left in a directory.
 void RemoveMatching(const fs::path& directory, std::string_view part) {
   std::error_code error;
-  for (const auto& entry : fs::directory_iterator(directory, error)) {
+  for (const auto& entry : utils::DirectoryEntries(directory, error)) {
     if (entry.path().filename().string().find(part) == std::string::npos) continue;
     std::error_code ignored;
     fs::remove(entry.path(), ignored);
@@ -52,6 +53,7 @@ void TimelapseService::HandleUnfinished() {
     const std::lock_guard lock(command_mutex_);
     RemoveTemporaryNames();
     store_.CompleteDeletions();
+    store_.RepairLinks();
     root_.RemoveHalfMade();
     const std::vector<std::string> indices = root_.Indices();
     if (indices.empty())
@@ -69,6 +71,7 @@ void TimelapseService::HandleUnfinished() {
 void TimelapseService::HandleLeftBehind(const std::string& index) {
   TimelapseState state = TimelapseState::kInitial;
   const bool known = ReadTimelapseState(paths_.root / index, state) == StateRecord::kFound;
+  if (known) TimelapseInstance(paths_.root / index, {}, state).RemoveHalfWritten();
   if (known && state == TimelapseState::kGenerating) {
     VLOG_INFO(kTag, "Handle timelapse instance {}, and it will be completed shortly.", index);
     if (auto instance = root_.Open(index)) films_.Add(std::move(instance));
@@ -96,9 +99,20 @@ bool TimelapseService::Begin(std::shared_ptr<TimelapseInstance> instance, bool c
 
 bool TimelapseService::StartNew(const TimelapseSettings& settings) {
   const std::lock_guard lock(command_mutex_);
-  if (const auto previous = Current()) previous->Abandon();
+  Retire();
   root_.RemoveUnfinished();
   return Begin(root_.Create(settings), false);
+}
+
+void TimelapseService::Retire() {
+  std::shared_ptr<Timelapse> previous;
+  {
+    const std::lock_guard lock(current_mutex_);
+    previous = std::exchange(current_, nullptr);
+  }
+  if (!previous) return;
+  previous->Abandon();
+  films_.Retire(std::move(previous));
 }
 
 bool TimelapseService::Continue() {

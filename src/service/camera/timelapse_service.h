@@ -46,6 +46,7 @@ class TimelapseService {
  private:
   void HandleLeftBehind(const std::string& index);
   void RemoveTemporaryNames() const;
+  void Retire();
   std::shared_ptr<Timelapse> Current() const;
   bool Begin(std::shared_ptr<TimelapseInstance> instance, bool continued);
 

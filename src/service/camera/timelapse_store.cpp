@@ -8,6 +8,7 @@
 #include "service/camera/json_file.h"
 #include "service/camera/timelapse_instance.h"
 #include "utils/atomic_file.h"
+#include "utils/directory_entries.h"
 #include "utils/file_lock.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
@@ -71,6 +72,11 @@ std::vector<const json*> Shown(const json& description) {
   return records;
 }
 
+HalStatus NotFound(const std::string& index) {
+  VLOG_ERROR(kTag, "The instance {} has not found, do nothing.", utils::LogText(index));
+  return hal_adapter::kHalInvalidParameter;
+}
+
 }  // namespace
 
 TimelapseStore::TimelapseStore(const TimelapsePaths& paths, utils::Clock& clock)
@@ -80,32 +86,55 @@ struct TimelapseStore::Opened {
   utils::FileLock lock;
 };
 
-std::optional<TimelapseStore::Opened> TimelapseStore::Open() const {
+std::optional<TimelapseStore::Opened> TimelapseStore::Open(std::chrono::seconds limit) const {
   std::string problem;
-  auto lock = utils::FileLock::Acquire(paths_.Lock(), kLockLimit, clock_, problem);
+  auto lock = utils::FileLock::Acquire(paths_.Lock(), limit, clock_, problem);
   if (lock) return Opened{std::move(*lock)};
   VLOG_ERROR(kTag, "Failed to acquire file lock: {}", problem);
   return std::nullopt;
 }
 
-json TimelapseStore::LoadForUpdate(IllegalContent illegal, HalStatus& status) const {
-  status = hal_adapter::kHalSuccess;
+json TimelapseStore::LoadExisting(HalStatus& status) const {
   JsonFile file = ReadJsonFile(kTag, paths_.Description());
+  status = hal_adapter::kHalSuccess;
   if (file.state == JsonFile::State::kRead && IsDescription(file.value))
     return std::move(file.value);
-  if (illegal == IllegalContent::kKeep) {
-    const bool missing = file.state == JsonFile::State::kMissing;
-    status = missing ? hal_adapter::kHalFileNotFound : hal_adapter::kHalFileFormatError;
-    if (missing) {
-      VLOG_ERROR(kTag, "File {} not found.", paths_.Description().string());
-    } else if (file.value.is_object() && file.value.contains("instances")) {
-      VLOG_ERROR(kTag, "The 'instances' is not array.");
-    } else {
-      VLOG_ERROR(kTag, "The content of the description file is illegal, do nothing.");
-    }
-    return {};
+  status = hal_adapter::kHalFileFormatError;
+  if (file.state == JsonFile::State::kMissing) {
+    VLOG_ERROR(kTag, "File {} not found.", paths_.Description().string());
+    status = hal_adapter::kHalFileNotFound;
+  } else if (file.state == JsonFile::State::kUnreadable) {
+    status = hal_adapter::kHalFailure;
+  } else if (file.value.is_object() && file.value.contains("instances")) {
+    VLOG_ERROR(kTag, "The 'instances' is not array.");
+  } else {
+    VLOG_ERROR(kTag, "The content of the description file is illegal, do nothing.");
   }
+  return {};
+}
+
+std::optional<json> TimelapseStore::LoadForListing() const {
+  JsonFile file = ReadJsonFile(kTag, paths_.Description());
+  if (file.state == JsonFile::State::kUnreadable) return std::nullopt;
+  if (file.state == JsonFile::State::kMissing) {
+    VLOG_INFO(kTag, "The description file {} does not exist, set count to 0.",
+              paths_.Description().string());
+    return EmptyDescription();
+  }
+  if (file.state != JsonFile::State::kRead || !IsDescription(file.value)) {
+    VLOG_WARN(kTag, "The content of the description file is illegal, use a new description file.");
+    return EmptyDescription();
+  }
+  VLOG_INFO(kTag, "Parsed the description file successfully.");
+  return std::move(file.value);
+}
+
+std::optional<json> TimelapseStore::LoadOrStartNew() const {
+  JsonFile file = ReadJsonFile(kTag, paths_.Description());
+  if (file.state == JsonFile::State::kUnreadable) return std::nullopt;
   if (file.state == JsonFile::State::kMissing) return EmptyDescription();
+  if (file.state == JsonFile::State::kRead && IsDescription(file.value))
+    return std::move(file.value);
   VLOG_WARN(kTag, "The content of the description file is illegal, use a new description file.");
   std::error_code error;
   fs::rename(paths_.Description(), paths_.Description().string() + ".bad", error);
@@ -114,28 +143,39 @@ json TimelapseStore::LoadForUpdate(IllegalContent illegal, HalStatus& status) co
 }
 
 HalStatus TimelapseStore::Write(const json& description) const {
-  const std::error_code error =
-      utils::WriteFileAtomically(paths_.Description(), ToText(description));
+  const std::string text = ToText(description);
+  const std::error_code error = text.size() > kMaxJsonFileBytes
+                                    ? std::make_error_code(std::errc::file_too_large)
+                                    : utils::WriteFileAtomically(paths_.Description(), text);
   if (!error) return hal_adapter::kHalSuccess;
   VLOG_ERROR(kTag, "Filesystem error: {}", error.message());
   return hal_adapter::kHalFailure;
 }
 
-std::string TimelapseStore::Add(const json& record) const {
-  const auto opened = Open();
-  if (!opened) return "the description file is locked";
-  HalStatus status = hal_adapter::kHalSuccess;
-  json description = LoadForUpdate(IllegalContent::kStartNew, status);
-  json& instances = description["instances"];
+std::string TimelapseStore::AddRecord(const json& record) const {
+  std::optional<json> description = LoadOrStartNew();
+  if (!description) return "the description file cannot be read";
+  json& instances = (*description)["instances"];
   const auto found = FindIndex(instances, TextOf(record, "date_index"));
   if (found != instances.end()) {
     *found = record;
   } else {
     instances.push_back(record);
   }
-  SetCount(description);
-  return Write(description) == hal_adapter::kHalSuccess ? std::string()
-                                                        : "the description file cannot be written";
+  SetCount(*description);
+  return Write(*description) == hal_adapter::kHalSuccess ? std::string()
+                                                         : "the description file cannot be written";
+}
+
+std::string TimelapseStore::Publish(const json& record) const {
+  const auto opened = Open(kLockLimit);
+  if (!opened) return "the description file is locked";
+  std::error_code ignored;
+  if (!fs::is_directory(TextOf(record, "timelapse_dir"), ignored))
+    return "it was deleted meanwhile";
+  std::string problem = AddRecord(record);
+  if (problem.empty()) MakeLinks(record, true);
+  return problem;
 }
 
 json TimelapseStore::Item(const json& record, bool thumbnail_inline) const {
@@ -159,21 +199,19 @@ json TimelapseStore::Item(const json& record, bool thumbnail_inline) const {
 }
 
 json TimelapseStore::List(const TimelapseQuery& query) const {
-  json description = EmptyDescription();
+  std::optional<json> loaded = EmptyDescription();
   std::error_code error;
   if (!fs::exists(paths_.root, error)) {
     VLOG_INFO(kTag, "The timelapse root temporary directory {} does not exist, set count to 0.",
               paths_.root.string());
-  } else if (const auto opened = Open()) {
-    if (!fs::exists(paths_.Description(), error)) {
-      VLOG_INFO(kTag, "The description file {} does not exist, set count to 0.",
-                paths_.Description().string());
-    } else {
-      HalStatus status = hal_adapter::kHalSuccess;
-      description = LoadForUpdate(IllegalContent::kStartNew, status);
-      VLOG_INFO(kTag, "Parsed the description file successfully.");
-    }
+  } else {
+    const auto opened = Open(kListLockLimit);
+    loaded = opened ? LoadForListing() : std::nullopt;
   }
+  return loaded ? Page(*loaded, query) : json();
+}
+
+json TimelapseStore::Page(const json& description, const TimelapseQuery& query) const {
   const std::vector<const json*> records = Shown(description);
   const size_t rows = query.all ? records.size() : query.page_rows;
   // Divided and not multiplied: a page number may be any.
@@ -191,77 +229,115 @@ json TimelapseStore::List(const TimelapseQuery& query) const {
 }
 
 HalStatus TimelapseStore::Find(const std::string& index, json& record) const {
-  const auto opened = Open();
+  const auto opened = Open(kLockLimit);
   if (!opened) return hal_adapter::kHalFailure;
   HalStatus status = hal_adapter::kHalSuccess;
-  json description = LoadForUpdate(IllegalContent::kKeep, status);
+  json description = LoadExisting(status);
   if (status != hal_adapter::kHalSuccess) return status;
   const auto found = FindIndex(description["instances"], index);
-  if (found == description["instances"].end()) {
-    VLOG_ERROR(kTag, "The instance {} has not found, do nothing.", utils::LogText(index));
-    return hal_adapter::kHalInvalidParameter;
-  }
+  if (found == description["instances"].end()) return NotFound(index);
   record = std::move(*found);
   return hal_adapter::kHalSuccess;
 }
 
+void TimelapseStore::MakeLinks(const json& record, bool replace) const {
+  const std::string index = TextOf(record, "date_index");
+  const std::pair<std::string, std::string> links[] = {
+      {VideoLinkName(index), TextOf(record, "video_path")},
+      {ThumbnailLinkName(index), TextOf(record, "thumbnail_path")}};
+  for (const auto& [name, target] : links) {
+    const fs::path link = paths_.web / name;
+    std::error_code ignored;
+    const bool there = fs::symlink_status(link, ignored).type() == fs::file_type::symlink;
+    if ((there && !replace) || !fs::exists(target, ignored)) continue;
+    std::error_code error = utils::MakeDirectories(paths_.web);
+    if (!error) error = utils::ReplaceSymlink(target, link);
+    if (error)
+      VLOG_ERROR(kTag, "Create symlink {} failed, reason: {}", link.string(), error.message());
+  }
+}
+
+void TimelapseStore::RepairLinks() const {
+  std::error_code error;
+  if (!fs::exists(paths_.Description(), error)) return;
+  const auto opened = Open(kLockLimit);
+  const std::optional<json> description = opened ? LoadForListing() : std::nullopt;
+  if (!description) return;
+  for (const json* record : Shown(*description)) MakeLinks(*record, false);
+}
+
 void TimelapseStore::RemoveLinks(const std::string& index) const {
+  std::error_code error;
   for (const std::string& name : {VideoLinkName(index), ThumbnailLinkName(index)}) {
-    std::error_code error;
     fs::remove(paths_.web / name, error);
     if (error) {
       VLOG_ERROR(kTag, "Delete symlink {} failed, reason: {}", (paths_.web / name).string(),
                  error.message());
     }
   }
+  // They may lie on another file system than what tells that they are to go.
+  if (fs::exists(paths_.web, error)) error = utils::SyncDirectory(paths_.web);
+  if (fs::read_symlink(paths_.Current(), error) == paths_.root / index)
+    fs::remove(paths_.Current(), error);
 }
 
 HalStatus TimelapseStore::RemoveRecord(const std::string& index) const {
   HalStatus status = hal_adapter::kHalSuccess;
-  json description = LoadForUpdate(IllegalContent::kKeep, status);
+  json description = LoadExisting(status);
   if (status != hal_adapter::kHalSuccess) return status;
   json& instances = description["instances"];
-  const auto found = FindIndex(instances, index);
-  if (found == instances.end()) {
-    VLOG_ERROR(kTag, "The instance {} has not found, do nothing.", utils::LogText(index));
-    return hal_adapter::kHalInvalidParameter;
+  if (FindIndex(instances, index) == instances.end()) return NotFound(index);
+  for (auto found = FindIndex(instances, index); found != instances.end();
+       found = FindIndex(instances, index)) {
+    instances.erase(found);
   }
-  instances.erase(found);
   SetCount(description);
   return Write(description);
 }
 
-HalStatus TimelapseStore::DeleteLocked(const std::string& index) const {
-  HalStatus status = hal_adapter::kHalSuccess;
-  json description = LoadForUpdate(IllegalContent::kKeep, status);
-  if (status != hal_adapter::kHalSuccess) return status;
-  const bool known = FindIndex(description["instances"], index) != description["instances"].end();
+bool TimelapseStore::SetAside(const std::string& index) const {
   const fs::path directory = paths_.root / index;
-  const fs::path deleted = paths_.root / (kDeletedPrefix + index);
   std::error_code error;
-  // From here on the film is gone, whatever interrupts us: the next start completes it.
-  if (known && IsTimelapseIndex(index) && fs::is_directory(directory, error)) {
-    fs::rename(directory, deleted, error);
-    if (!error) error = utils::SyncDirectory(paths_.root);
-    if (error) {
-      VLOG_ERROR(kTag, "Delete instance directory '{}' failed, reason: {}", directory.string(),
-                 error.message());
-      return hal_adapter::kHalFailure;
-    }
-  }
-  status = RemoveRecord(index);
-  if (status != hal_adapter::kHalSuccess) {
-    if (known) fs::rename(deleted, directory, error);
-    return status;
-  }
-  if (!IsTimelapseIndex(index)) return status;
-  RemoveLinks(index);
-  fs::remove_all(deleted, error);
+  if (!fs::is_directory(directory, error)) return true;
+  fs::rename(directory, paths_.root / (kDeletedPrefix + index), error);
+  if (!error) error = utils::SyncDirectory(paths_.root);
   if (error) {
     VLOG_ERROR(kTag, "Delete instance directory '{}' failed, reason: {}", directory.string(),
                error.message());
   }
+  return !error;
+}
+
+HalStatus TimelapseStore::CompleteDeletion(const std::string& index) const {
+  const fs::path deleted = paths_.root / (kDeletedPrefix + index);
+  RemoveLinks(index);
+  // Its content goes before the record: on a full disk that is what makes room to write.
+  std::error_code error;
+  for (const auto& entry : utils::DirectoryEntries(deleted, error)) {
+    fs::remove_all(entry.path(), error);
+    if (error) {
+      VLOG_ERROR(kTag, "Delete instance directory '{}' failed, reason: {}", deleted.string(),
+                 error.message());
+    }
+  }
+  const HalStatus status = RemoveRecord(index);
+  // The empty directory stays as a mark as long as the record does.
+  const bool gone = status == hal_adapter::kHalSuccess ||
+                    status == hal_adapter::kHalInvalidParameter ||
+                    status == hal_adapter::kHalFileNotFound;
+  if (gone) fs::remove(deleted, error);
   return status;
+}
+
+HalStatus TimelapseStore::DeleteLocked(const std::string& index) const {
+  HalStatus status = hal_adapter::kHalSuccess;
+  json description = LoadExisting(status);
+  if (status != hal_adapter::kHalSuccess) return status;
+  if (FindIndex(description["instances"], index) == description["instances"].end())
+    return NotFound(index);
+  if (!IsTimelapseIndex(index)) return RemoveRecord(index);
+  // From here on the film is gone, whatever interrupts us: the next start completes it.
+  return SetAside(index) ? CompleteDeletion(index) : hal_adapter::kHalFailure;
 }
 
 HalStatus TimelapseStore::Delete(const std::string& index) const {
@@ -270,42 +346,23 @@ HalStatus TimelapseStore::Delete(const std::string& index) const {
     VLOG_ERROR(kTag, "File {} not found.", paths_.Description().string());
     return hal_adapter::kHalFileNotFound;
   }
-  const auto opened = Open();
+  const auto opened = Open(kLockLimit);
   return opened ? DeleteLocked(index) : hal_adapter::kHalFailure;
-}
-
-void TimelapseStore::PublishLinks(const json& record) const {
-  const std::string index = TextOf(record, "date_index");
-  std::error_code error;
-  fs::create_directories(paths_.web, error);
-  const std::pair<std::string, std::string> links[] = {
-      {VideoLinkName(index), TextOf(record, "video_path")},
-      {ThumbnailLinkName(index), TextOf(record, "thumbnail_path")}};
-  for (const auto& [name, target] : links) {
-    if (const std::error_code problem = utils::ReplaceSymlink(target, paths_.web / name)) {
-      VLOG_ERROR(kTag, "Create symlink {} failed, reason: {}", (paths_.web / name).string(),
-                 problem.message());
-    }
-  }
 }
 
 void TimelapseStore::CompleteDeletions() const {
   std::vector<std::string> indices;
   std::error_code error;
-  for (const auto& entry : fs::directory_iterator(paths_.root, error)) {
+  for (const auto& entry : utils::DirectoryEntries(paths_.root, error)) {
     const std::string name = entry.path().filename().string();
     if (name.starts_with(kDeletedPrefix))
       indices.push_back(name.substr(std::string_view(kDeletedPrefix).size()));
   }
   if (indices.empty()) return;
-  const auto opened = Open();
-  for (const std::string& index : indices) {
-    if (opened && IsTimelapseIndex(index)) {
-      (void)RemoveRecord(index);
-      RemoveLinks(index);
-    }
-    fs::remove_all(paths_.root / (kDeletedPrefix + index), error);
-  }
+  const auto opened = Open(kLockLimit);
+  if (!opened) return;  // they keep their marks
+  for (const std::string& index : indices)
+    if (IsTimelapseIndex(index)) (void)CompleteDeletion(index);
 }
 
 }  // namespace varnel::service

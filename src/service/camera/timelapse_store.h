@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -25,15 +26,19 @@ struct TimelapseQuery {
 class TimelapseStore {
  public:
   static constexpr std::chrono::seconds kLockLimit{10};
+  /// A listing changes nothing and is asked for often.
+  static constexpr std::chrono::seconds kListLockLimit{3};
 
   explicit TimelapseStore(const TimelapsePaths& paths,
                           utils::Clock& clock = utils::SystemClock::Instance());
 
-  /// Adds the record of a film, or replaces that of the same "date_index". A description file that
-  /// is no such file is kept beside as "*.bad" and a new one begun. Empty, or why it failed.
-  [[nodiscard]] std::string Add(const nlohmann::json& record) const;
+  /// Adds the record of a film, or replaces that of the same "date_index", and links it for local
+  /// clients. A description file that is no such file is kept beside as "*.bad" and a new one
+  /// begun. Empty, or why it failed.
+  [[nodiscard]] std::string Publish(const nlohmann::json& record) const;
 
-  /// {"total_count", "page_index", "page_rows", "count", "instances"}, the newest first.
+  /// {"total_count", "page_index", "page_rows", "count", "instances"}, the newest first. Null when
+  /// the description file is locked or cannot be read.
   [[nodiscard]] nlohmann::json List(const TimelapseQuery& query) const;
 
   /// Removes a film with every trace. -86 without a description file, -87 for an illegal one, -2
@@ -43,22 +48,31 @@ class TimelapseStore {
   /// The record of a film; a status as of Delete().
   [[nodiscard]] hal_adapter::HalStatus Find(const std::string& index, nlohmann::json& record) const;
 
-  /// Links that serve a finished film to local clients; failures are logged.
-  void PublishLinks(const nlohmann::json& record) const;
-
   /// Completes deletions that were cut short. Before anything is served.
   void CompleteDeletions() const;
+  /// Makes links that are missing, because the web directory was not there for example.
+  void RepairLinks() const;
 
  private:
-  enum class IllegalContent { kKeep, kStartNew };
   struct Opened;
 
-  std::optional<Opened> Open() const;
-  nlohmann::json LoadForUpdate(IllegalContent illegal, hal_adapter::HalStatus& status) const;
+  std::optional<Opened> Open(std::chrono::seconds limit) const;
+  /// The description as it is, for an operation that needs one.
+  nlohmann::json LoadExisting(hal_adapter::HalStatus& status) const;
+  /// The description to add to; a broken one is put aside. None when it cannot be read.
+  std::optional<nlohmann::json> LoadOrStartNew() const;
+  /// The description to show; a broken one counts as empty. None when it cannot be read.
+  std::optional<nlohmann::json> LoadForListing() const;
   hal_adapter::HalStatus Write(const nlohmann::json& description) const;
+  std::string AddRecord(const nlohmann::json& record) const;
+  /// Failures are logged. Links whose film is missing are not made.
+  void MakeLinks(const nlohmann::json& record, bool replace) const;
   void RemoveLinks(const std::string& index) const;
   hal_adapter::HalStatus DeleteLocked(const std::string& index) const;
+  bool SetAside(const std::string& index) const;
+  hal_adapter::HalStatus CompleteDeletion(const std::string& index) const;
   hal_adapter::HalStatus RemoveRecord(const std::string& index) const;
+  nlohmann::json Page(const nlohmann::json& description, const TimelapseQuery& query) const;
   nlohmann::json Item(const nlohmann::json& record, bool thumbnail_inline) const;
 
   const TimelapsePaths& paths_;

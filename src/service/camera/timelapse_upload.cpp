@@ -75,7 +75,9 @@ HalStatus EncryptAndSend(const TimelapsePaths& paths, FileUploader& uploader,
                          const std::string& index, const std::string& type, const fs::path& source,
                          UploadedFilm& film) {
   const char* ending = type == "video" ? ".mp4.enc" : ".jpg.enc";
-  const TemporaryFile encrypted(paths.upload / (index + "_timelapse_enc" + ending));
+  // Two uploads of one film do not share a file.
+  const TemporaryFile encrypted(
+      paths.upload / (index + '_' + utils::RandomPassword("hex", 4) + "_timelapse_enc" + ending));
   utils::OpenSSLCrypto crypto(index + "_timelapse_enc",
                               utils::RandomPassword("hex", kPasswordBytes), kIterations,
                               utils::SaltMode::kRandomPerFile, {});

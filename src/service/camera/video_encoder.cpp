@@ -20,9 +20,6 @@ namespace fs = std::filesystem;
 constexpr const char* kTag = "TLP";
 constexpr const char* kNoDuration = "00:00";
 constexpr mode_t kFileMode = 0644;
-// Generous: the runs yield to everything else on the board.
-constexpr uint32_t kFrameLimitMs = 120'000;
-constexpr uint32_t kJoinLimitMs = 300'000;
 constexpr uint32_t kJoinFrameMs = 50;
 constexpr uint32_t kCheckFrameMs = 1'000;
 constexpr uint32_t kProbeLimitMs = 30'000;
@@ -44,18 +41,23 @@ bool FindProgram(const std::string& program) {
 }
 
 /// Runs a command line that has been built; `failure` and `fatal` begin the lines of their cases.
-bool Run(utils::SafeExec& command, const char* failure, const char* fatal) {
+EncoderRun Run(utils::SafeExec& command, const char* failure, const char* fatal) {
+  constexpr int32_t kTimeLimit = -1;
   VLOG_INFO(kTag, "{}", utils::LogText(command.ToString(), 2048));
   try {
     const utils::SafeExec::Result result = command.Execute();
-    if (result.success) return true;
+    if (result.success) {
+      VLOG_INFO(kTag, "exit code: {}", result.exit_code);
+      return EncoderRun::kDone;
+    }
     VLOG_ERROR(kTag, "{}: {}", failure, result.exit_code);
     if (!result.standard_error.empty())
       VLOG_ERROR(kTag, "{}", utils::LogText(result.standard_error, 512));
+    if (result.exit_code == kTimeLimit) return EncoderRun::kTimedOut;
   } catch (const utils::SafeExecException& error) {
     VLOG_ERROR(kTag, "{}: {}", fatal, error.what());
   }
-  return false;
+  return EncoderRun::kFailed;
 }
 
 bool HasContent(const fs::path& file) {
@@ -119,11 +121,11 @@ utils::SafeExec VideoEncoder::Ffmpeg() const {
   return command;
 }
 
-bool VideoEncoder::Encode(const fs::path& photo, uint32_t frame_rate, const fs::path& segment,
-                          const char* failure) const {
-  if (!Available()) return false;
+EncoderRun VideoEncoder::Encode(const fs::path& photo, uint32_t frame_rate, const fs::path& segment,
+                                const char* failure) const {
+  if (!Available()) return EncoderRun::kFailed;
   auto output = Output(segment);
-  if (!output) return false;
+  if (!output) return EncoderRun::kFailed;
   utils::SafeExec command = Ffmpeg();
   const std::string rate = std::to_string(frame_rate);
   for (const char* argument : {"-threads", "1", "-y", "-f", "image2", "-r", rate.c_str(), "-i",
@@ -131,19 +133,22 @@ bool VideoEncoder::Encode(const fs::path& photo, uint32_t frame_rate, const fs::
                                "-profile:v", "high", "-crf", "18", "-preset", "veryfast"}) {
     command.AddArg(argument);
   }
-  command.AddArg(output->TemporaryPath()).SetTimeout(kFrameLimitMs);
-  return Run(command, failure, "Execute fatal error") && HasContent(output->TemporaryPath()) &&
-         PutInPlace(*output, segment);
+  command.AddArg(output->TemporaryPath()).SetTimeout(paths_.frame_limit_ms);
+  const EncoderRun run = Run(command, failure, "Execute fatal error");
+  if (run != EncoderRun::kDone) return run;
+  return HasContent(output->TemporaryPath()) && PutInPlace(*output, segment) ? EncoderRun::kDone
+                                                                             : EncoderRun::kFailed;
 }
 
-bool VideoEncoder::EncodeSegment(const fs::path& photo, uint32_t frame_rate,
-                                 const fs::path& segment) const {
+EncoderRun VideoEncoder::EncodeSegment(const fs::path& photo, uint32_t frame_rate,
+                                       const fs::path& segment) const {
   return Encode(photo, frame_rate, segment, "Generate segment video failed, exit code");
 }
 
 bool VideoEncoder::EncodeCover(const fs::path& photo, uint32_t frame_rate,
                                const fs::path& segment) const {
-  return Encode(photo, frame_rate, segment, "Generate cover segment failed, exit code");
+  return Encode(photo, frame_rate, segment, "Generate cover segment failed, exit code") ==
+         EncoderRun::kDone;
 }
 
 bool VideoEncoder::MakeThumbnail(const fs::path& photo, const fs::path& thumbnail,
@@ -156,9 +161,10 @@ bool VideoEncoder::MakeThumbnail(const fs::path& photo, const fs::path& thumbnai
                                "crop=1200:900:390:180,scale=120:90"}) {
     command.AddArg(argument);
   }
-  command.AddArg(output->TemporaryPath()).SetTimeout(kFrameLimitMs);
+  command.AddArg(output->TemporaryPath()).SetTimeout(paths_.frame_limit_ms);
   NewLog(command, log);
-  return Run(command, "Generate thumbnail failed, exit code", "Execute fatal error") &&
+  return Run(command, "Generate thumbnail failed, exit code", "Execute fatal error") ==
+             EncoderRun::kDone &&
          HasContent(output->TemporaryPath()) && PutInPlace(*output, thumbnail);
 }
 
@@ -171,9 +177,10 @@ bool VideoEncoder::Join(const fs::path& list, const fs::path& progress, const fs
                                "-progress", progress.c_str(), video.c_str()}) {
     command.AddArg(argument);
   }
-  command.SetTimeout(LimitFor(kJoinLimitMs, kJoinFrameMs, frames));
+  command.SetTimeout(LimitFor(paths_.join_limit_ms, kJoinFrameMs, frames));
   NewLog(command, log);
-  return Run(command, "Generate video failed, exit code", "Generate video fatal error");
+  return Run(command, "Generate video failed, exit code", "Generate video fatal error") ==
+         EncoderRun::kDone;
 }
 
 bool VideoEncoder::Check(const fs::path& video, const fs::path& log, size_t frames) const {
@@ -181,11 +188,12 @@ bool VideoEncoder::Check(const fs::path& video, const fs::path& log, size_t fram
   utils::SafeExec command = Ffmpeg();
   for (const char* argument : {"-v", "error", "-i", video.c_str(), "-f", "null", "-"})
     command.AddArg(argument);
-  command.SetTimeout(LimitFor(kJoinLimitMs, kCheckFrameMs, frames));
+  command.SetTimeout(LimitFor(paths_.join_limit_ms, kCheckFrameMs, frames));
   NewLog(command, log);
   // What cannot be decoded is reported without a failing status.
   return HasContent(video) &&
-         Run(command, "Check video failed, exit code", "Check video fatal error") &&
+         Run(command, "Check video failed, exit code", "Check video fatal error") ==
+             EncoderRun::kDone &&
          !HasContent(log);
 }
 

@@ -10,6 +10,9 @@
 
 namespace varnel::service {
 
+/// How a run of the encoder ended.
+enum class EncoderRun { kDone, kFailed, kTimedOut };
+
 /// The runs of ffmpeg and ffprobe, each at the lowest priority and with a time limit. An output is
 /// put in place only when the run was successful. Thread-safe.
 class VideoEncoder {
@@ -17,8 +20,8 @@ class VideoEncoder {
   explicit VideoEncoder(const TimelapsePaths& paths);
 
   /// Encodes a photo into a segment of one frame.
-  [[nodiscard]] bool EncodeSegment(const std::filesystem::path& photo, uint32_t frame_rate,
-                                   const std::filesystem::path& segment) const;
+  [[nodiscard]] EncoderRun EncodeSegment(const std::filesystem::path& photo, uint32_t frame_rate,
+                                         const std::filesystem::path& segment) const;
   /// The same for the cover.
   [[nodiscard]] bool EncodeCover(const std::filesystem::path& photo, uint32_t frame_rate,
                                  const std::filesystem::path& segment) const;
@@ -37,8 +40,8 @@ class VideoEncoder {
   [[nodiscard]] std::string Duration(const std::filesystem::path& video) const;
 
  private:
-  bool Encode(const std::filesystem::path& photo, uint32_t frame_rate,
-              const std::filesystem::path& segment, const char* failure) const;
+  EncoderRun Encode(const std::filesystem::path& photo, uint32_t frame_rate,
+                    const std::filesystem::path& segment, const char* failure) const;
   utils::SafeExec Ffmpeg() const;
   bool Available() const;
 

@@ -23,6 +23,7 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 
 constexpr const char* kTag = "TLP";
+constexpr size_t kMaxProgressBytes = size_t{64} << 20U;
 constexpr size_t kMaxPhotoBytes = size_t{64} << 20U;
 constexpr mode_t kVideoMode = 0644;
 
@@ -49,34 +50,83 @@ long SecondsBetween(utils::Clock::TimePoint start, utils::Clock::TimePoint end) 
 
 }  // namespace
 
-void SegmentEncoder::Encode(const TimelapseInstance& instance, uint32_t number) {
-  const fs::path segment = instance.Segment(number);
-  const std::lock_guard lock(mutex_);
-  // A segment that is there was encoded before an interruption: it is put in place when complete.
-  if (SizeOf(segment) == 0) {
-    (void)encoder_.EncodeSegment(instance.Photo(number), instance.Settings().frame_rate, segment);
+/// The right to run the encoder, until its end.
+class SegmentEncoder::Turn {
+ public:
+  Turn(SegmentEncoder& owner, Urgency urgency) : owner_(owner) {
+    std::unique_lock lock(owner_.mutex_);
+    const bool printing = urgency == Urgency::kPrinting;
+    if (printing) ++owner_.printing_waits_;
+    owner_.free_.wait(lock,
+                      [&] { return !owner_.busy_ && (printing || owner_.printing_waits_ == 0); });
+    if (printing) --owner_.printing_waits_;
+    owner_.busy_ = true;
   }
+  ~Turn() {
+    const std::lock_guard lock(owner_.mutex_);
+    owner_.busy_ = false;
+    owner_.free_.notify_all();
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+ private:
+  SegmentEncoder& owner_;
+};
+
+EncoderRun SegmentEncoder::EncodeInTurn(const TimelapseInstance& instance, uint32_t number) {
+  const fs::path segment = instance.Segment(number);
+  EncoderRun run = EncoderRun::kDone;
+  // A segment that is there was encoded before an interruption: it is put in place when complete.
+  if (SizeOf(segment) == 0)
+    run = encoder_.EncodeSegment(instance.Photo(number), instance.Settings().frame_rate, segment);
   const uintmax_t size = SizeOf(segment);
   if (size == 0) {
     VLOG_ERROR(kTag, "Take photo: segment file '{}' invalid (size: {}), skip recording.",
                segment.string(), size);
-    return;
+    return run;
   }
   if (const std::error_code error = AppendSegment(instance.SegmentList(), segment)) {
     VLOG_ERROR(kTag, "Take photo: segment file '{}' cannot be recorded: {}", segment.string(),
                error.message());
   }
+  return run;
 }
 
-void SegmentEncoder::EncodeRest(const TimelapseInstance& instance) {
-  for (const uint32_t number : instance.PhotosNotListed()) Encode(instance, number);
+void SegmentEncoder::Encode(const TimelapseInstance& instance, uint32_t number) {
+  const Turn turn(*this, Urgency::kPrinting);
+  (void)EncodeInTurn(instance, number);
+}
+
+bool SegmentEncoder::EncodeRest(const TimelapseInstance& instance) {
+  for (const uint32_t number : instance.PhotosToEncode()) {
+    const Turn turn(*this, Urgency::kFinishing);
+    if (EncodeInTurn(instance, number) == EncoderRun::kTimedOut) return false;
+  }
+  return true;
 }
 
 bool SegmentEncoder::EncodeCover(const TimelapseInstance& instance) {
-  const std::lock_guard lock(mutex_);
+  const Turn turn(*this, Urgency::kFinishing);
   return SizeOf(instance.CoverSegment()) > 0 ||
          encoder_.EncodeCover(instance.CoverPhoto(), instance.Settings().frame_rate,
                               instance.CoverSegment());
+}
+
+bool SegmentEncoder::MakeThumbnail(const TimelapseInstance& instance) {
+  const Turn turn(*this, Urgency::kFinishing);
+  return encoder_.MakeThumbnail(instance.CoverPhoto(), instance.Thumbnail(),
+                                instance.Log("gen_thumbnail.log"));
+}
+
+void SegmentEncoder::Mend(const TimelapseInstance& instance, uint32_t number) {
+  const Turn turn(*this, Urgency::kFinishing);
+  const fs::path segment = instance.Segment(number);
+  const auto plays = [&] { return encoder_.Check(segment, instance.Log("check_video.log"), 1); };
+  if (plays()) return;
+  (void)encoder_.EncodeSegment(instance.Photo(number), instance.Settings().frame_rate, segment);
+  std::error_code error;
+  if (!plays()) fs::remove(segment, error);
 }
 
 VideoFinisher::VideoFinisher(const VideoEncoder& encoder, SegmentEncoder& segments,
@@ -115,14 +165,12 @@ size_t VideoFinisher::ListSegments(const TimelapseInstance& instance) const {
     VLOG_ERROR(kTag, "Generate video: cover segment '{}' invalid, skip.",
                instance.CoverSegment().string());
   }
-  for (const fs::path& listed : ReadSegmentList(instance.SegmentList())) {
-    // By name: whatever a changed list says, only files of this instance get into its film.
-    const fs::path segment = instance.Directory() / listed.filename();
+  for (const uint32_t number : instance.ListedSegments()) {
+    const fs::path segment = instance.Segment(number);
     if (SizeOf(segment) > 0) {
       all.push_back(segment);
     } else {
-      VLOG_ERROR(kTag, "Generate video: segment '{}' invalid, skip.",
-                 utils::LogText(segment.string()));
+      VLOG_ERROR(kTag, "Generate video: segment '{}' invalid, skip.", segment.string());
     }
   }
   if (all.empty()) return 0;
@@ -131,12 +179,6 @@ size_t VideoFinisher::ListSegments(const TimelapseInstance& instance) const {
     return 0;
   }
   return all.size();
-}
-
-bool VideoFinisher::MakeThumbnail(const TimelapseInstance& instance) const {
-  return encoder_.MakeThumbnail(instance.CoverPhoto(), instance.Thumbnail(),
-                                instance.Log("gen_thumbnail.log")) &&
-         WriteBase64(instance.Thumbnail(), instance.ThumbnailBase64());
 }
 
 bool VideoFinisher::TryJoin(const TimelapseInstance& instance, const Film& film) const {
@@ -149,6 +191,13 @@ bool VideoFinisher::TryJoin(const TimelapseInstance& instance, const Film& film)
   const auto start = clock_.Now();
   if (!encoder_.Join(instance.AllSegmentsList(), instance.Progress(), output->TemporaryPath(),
                      instance.Log("gen_video.log"), film.frames)) {
+    return false;
+  }
+  // A segment that cannot be opened ends the film there, and all the same the run is a success.
+  const int joined_frames = LastProgressFrame(
+      utils::ReadSmallFile(instance.Progress(), kMaxProgressBytes).value_or(std::string()));
+  if (joined_frames < 0 || static_cast<size_t>(joined_frames) < film.frames) {
+    VLOG_ERROR(kTag, "Generate video: {} of {} frames were joined", joined_frames, film.frames);
     return false;
   }
   const auto joined = clock_.Now();
@@ -164,11 +213,20 @@ bool VideoFinisher::TryJoin(const TimelapseInstance& instance, const Film& film)
   return true;
 }
 
+bool VideoFinisher::MendSegments(const TimelapseInstance& instance, Film& film) const {
+  for (const uint32_t number : instance.ListedSegments())
+    if (SizeOf(instance.Segment(number)) > 0) segments_.Mend(instance, number);
+  film.frames = ListSegments(instance);
+  film.path = instance.Video(film.frames);
+  return film.frames > 0;
+}
+
 bool VideoFinisher::JoinAndCheck(const TimelapseInstance& instance, Film& film) const {
   film.path = instance.Video(film.frames);
   const GenerationProgress progress(
       instance.Progress(), film.frames, [this](int percent) { NotifyProgress(percent); }, clock_);
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
+    if (attempt == kAttempts && !MendSegments(instance, film)) return false;
     if (TryJoin(instance, film)) return true;
     VLOG_WARN(kTag, "The video generation might have failed, try {} time.", attempt);
   }
@@ -199,33 +257,44 @@ void VideoFinisher::NotifyCompleted(const json& params) const {
     VLOG_ERROR(kTag, "Send {} error, ret = {}", kMethod, status);
 }
 
+std::string VideoFinisher::Publish(const json& record) const {
+  std::string problem;
+  for (int attempt = 1; attempt <= kAttempts; ++attempt) {
+    problem = store_.Publish(record);
+    if (problem.empty()) break;
+    VLOG_ERROR(kTag, "Add new video failed, reason: {}", problem);
+  }
+  return problem;
+}
+
 std::string VideoFinisher::Make(TimelapseInstance& instance) {
   std::error_code error;
   if (!fs::is_directory(instance.Directory(), error)) {
+    if (error && error != std::errc::no_such_file_or_directory)
+      VLOG_ERROR(kTag, "Generate video: check working directory failed: {}", error.message());
     VLOG_ERROR(kTag, "Working directory {} is not exists.", instance.Directory().string());
     return "the working directory is gone";
   }
-  segments_.EncodeRest(instance);
+  if (!segments_.EncodeRest(instance)) return "the encoder does not end";
   (void)MakeCover(instance);
   Film film;
   film.frames = ListSegments(instance);
   if (film.frames == 0) return "there is no segment";
-  if (!MakeThumbnail(instance))
+  if (!segments_.MakeThumbnail(instance) ||
+      !WriteBase64(instance.Thumbnail(), instance.ThumbnailBase64())) {
     VLOG_WARN(kTag, "The film of {} has no thumbnail", instance.Index());
+  }
   if (!JoinAndCheck(instance, film)) return "the video could not be generated";
   const json record = RecordOf(instance, film);
-  if (const std::string problem = store_.Add(record); !problem.empty()) {
-    VLOG_ERROR(kTag, "Add new video failed, reason: {}", problem);
-    return problem;
-  }
-  store_.PublishLinks(record);
-  if (!instance.RecordState(TimelapseState::kFinished)) return "the state could not be recorded";
+  if (std::string problem = Publish(record); !problem.empty()) return problem;
   NotifyCompleted({{"state", "success"},
                    {"date_index", instance.Index()},
                    {"gcode_name", instance.Settings().gcode_name},
                    {"video_url", kWebUrl + VideoLinkName(instance.Index())},
                    {"thumbnail_path", kWebUrl + ThumbnailLinkName(instance.Index())},
                    {"video_duration", record["video_duration"]}});
+  // The client may have deleted it by now.
+  if (!instance.RecordState(TimelapseState::kFinished)) return {};
   instance.RemoveTemporaryFiles();
   VLOG_INFO(kTag, "Generate video completed.");
   return {};
@@ -246,7 +315,7 @@ bool VideoFinisher::Finish(TimelapseInstance& instance) {
   } catch (const std::exception& error) {
     problem = utils::LogText(error.what());
   }
-  if (problem.empty()) return true;
+  if (problem.empty()) return instance.State() == TimelapseState::kFinished;
   VLOG_ERROR(kTag, "The film of {} was not made: {}", instance.Index(), problem);
   NotifyCompleted({{"state", "failed"}, {"date_index", instance.Index()}, {"message", problem}});
   return false;

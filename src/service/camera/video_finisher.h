@@ -1,5 +1,6 @@
 #pragma once
 
+#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -15,22 +16,34 @@ namespace varnel::service {
 /// Sends a notification to the clients of the camera service; 0 or a negative status.
 using NotifyClients = std::function<int(const std::string& method, nlohmann::json params)>;
 
-/// Encodes what photos of an instance have no segment yet, in order. One encoder runs at a time,
-/// whoever calls.
+/// Encodes pictures of an instance. One encoder runs at a time, whoever calls; a print that runs
+/// goes before films that are finished.
 class SegmentEncoder {
  public:
   explicit SegmentEncoder(const VideoEncoder& encoder) : encoder_(encoder) {}
 
-  /// Encodes one photo and adds its segment to the list. A photo that cannot be encoded is logged
-  /// and left out of the film.
+  /// Encodes one photo of a running print and adds its segment to the list. A photo that cannot be
+  /// encoded is logged, and tried once more when the film is made.
   void Encode(const TimelapseInstance& instance, uint32_t number);
-  /// The photos that an interrupted print left.
-  void EncodeRest(const TimelapseInstance& instance);
+  /// The photos that an interrupted print, or an encoder that failed, left. False when the encoder
+  /// hangs: nothing is known about the rest then.
+  [[nodiscard]] bool EncodeRest(const TimelapseInstance& instance);
   [[nodiscard]] bool EncodeCover(const TimelapseInstance& instance);
+  [[nodiscard]] bool MakeThumbnail(const TimelapseInstance& instance);
+  /// Encodes a segment again that cannot be decoded; it is removed when that does not help.
+  void Mend(const TimelapseInstance& instance, uint32_t number);
 
  private:
+  enum class Urgency { kPrinting, kFinishing };
+  class Turn;
+
+  EncoderRun EncodeInTurn(const TimelapseInstance& instance, uint32_t number);
+
   const VideoEncoder& encoder_;
   std::mutex mutex_;
+  std::condition_variable free_;
+  bool busy_ = false;       // mutex_
+  int printing_waits_ = 0;  // mutex_
 };
 
 /// Makes the film of one instance in GENERATING: all of it can be repeated at any time, after a
@@ -54,13 +67,14 @@ class VideoFinisher {
   bool MakeCover(const TimelapseInstance& instance);
   /// The number of frames; 0 when there is nothing to join.
   size_t ListSegments(const TimelapseInstance& instance) const;
-  bool MakeThumbnail(const TimelapseInstance& instance) const;
   bool JoinAndCheck(const TimelapseInstance& instance, Film& film) const;
+  bool MendSegments(const TimelapseInstance& instance, Film& film) const;
   bool TryJoin(const TimelapseInstance& instance, const Film& film) const;
   nlohmann::json RecordOf(const TimelapseInstance& instance, const Film& film) const;
   void NotifyProgress(int percent) const;
   void NotifyCompleted(const nlohmann::json& params) const;
   std::string Make(TimelapseInstance& instance);
+  std::string Publish(const nlohmann::json& record) const;
 
   const VideoEncoder& encoder_;
   SegmentEncoder& segments_;

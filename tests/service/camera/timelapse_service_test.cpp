@@ -1,6 +1,9 @@
 #include "service/camera/timelapse_service.h"
 
 #include <gmock/gmock.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <fstream>
 
@@ -123,6 +126,72 @@ TEST_F(TimelapseServiceTest, WhatFailsNeverStopsWhatFollows) {
   EXPECT_TRUE(log_.Has("TLP", "Generate segment video failed, exit code: 1"));
 }
 
+TEST_F(TimelapseServiceTest, APhotoWhoseEncoderFailedIsTriedAgainForTheFilm) {
+  const std::string first_time =
+      "mkdir \"" + (dir_ / "tried_").string() + "$(basename \"$input\")\" 2>/dev/null && ";
+  EncodeAs("case $input in *00001.jpg) " + first_time + "kill -9 $$;; *00002.jpg) " + first_time +
+           "{ : >\"$out\"; exit 0; };; *00003.jpg) " + first_time +
+           "{ echo broken >\"$out\"; exit 0; };; esac\nawk '{print $41}' /proc/$$/stat >'" +
+           (dir_ / "policy").string() + "'");
+  const auto service = Service();
+  const std::string index = Record(*service, 4);
+  EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+  EXPECT_EQ(Film(*service, index), "a4\na1\na2\na3\na4\n") << "3 was encoded, but could not play";
+  EXPECT_EQ(test::ReadFile(dir_ / "policy"), std::to_string(SCHED_IDLE) + "\n");
+}
+
+TEST_F(TimelapseServiceTest, AnEncoderThatHangsIsEndedAndHoldsUpNothing) {
+  paths_.frame_limit_ms = 300;
+  EncodeAs("case $input in *00001.jpg) exec sleep 100;; esac");
+  std::string index;
+  {
+    const auto service = Service();
+    index = Record(*service, 6);
+    EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+    EXPECT_TRUE(Eventually([&] { return Completed() == 1; }));
+    EXPECT_EQ(notified_.Items().back().second["message"], "the encoder does not end");
+    (void)Record(*service, 1);
+    EXPECT_TRUE(service->StartNew({})) << "while it hangs";
+  }
+  EncodeAs("");
+  const auto service = Service();
+  EXPECT_EQ(Film(*service, index), "a6\na1\na2\na3\na4\na5\na6\n");
+}
+
+TEST_F(TimelapseServiceTest, AnEncoderThatOutlivesItsDaemonSpoilsNothing) {
+  const fs::path gate = dir_ / "gate";
+  EncodeAs("while [ ! -e '" + gate.string() + "' ]; do sleep 0.02; done; echo orphan >\"$out\"");
+  const pid_t daemon = ::fork();
+  if (daemon == 0) {
+    const auto service = Service();
+    (void)Record(*service, 1);
+    (void)Eventually([&] { return !Instances().empty(); });
+    ::kill(::getpid(), SIGKILL);
+  }
+  ::waitpid(daemon, nullptr, 0);
+  EncodeAs("");
+  const std::string index = TimelapseRoot(paths_).NextIndex();
+  const auto service = Service();
+  EXPECT_TRUE(service->Continue());
+  dir_.Write("gate", "");
+  EXPECT_EQ(service->TakePhoto(), TimelapsePhoto::kTaken);
+  EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+  EXPECT_EQ(Film(*service, index), "a1\na1\na1\n");
+  EXPECT_TRUE(Eventually([&] { return Leftovers().empty(); }));
+}
+
+TEST_F(TimelapseServiceTest, ANewOneThatCannotBeginLeavesNothingThatSeemsToRun) {
+  const auto service = Service();
+  (void)Record(*service, 1);
+  fs::remove(paths_.NextIndex());
+  fs::create_directories(paths_.NextIndex() / "in the way");
+  EXPECT_FALSE(service->StartNew({}));
+  EXPECT_FALSE(service->IsRunning());
+  EXPECT_FALSE(service->Continue());
+  EXPECT_EQ(service->TakePhoto(), std::nullopt);
+  EXPECT_THAT(Instances(), IsEmpty());
+}
+
 TEST_F(TimelapseServiceTest, AFailedFilmIsTriedAgainAtTheNextStart) {
   EncodeAs("[ -n \"$list\" ] && exit 1");
   std::string index;
@@ -175,6 +244,51 @@ TEST_F(TimelapseServiceTest, TheStartClearsAwayWhatWasHalfMade) {
   EXPECT_THAT(Leftovers(), IsEmpty());
 }
 
+/// A cloud in a directory.
+class CopyingUploader : public FileUploader {
+ public:
+  explicit CopyingUploader(fs::path target) : target_(std::move(target)) {}
+  bool HasAccess() override { return true; }
+  std::optional<std::string> Upload(const fs::path& file, const Progress& progress) override {
+    EXPECT_EQ(fs::status(file.parent_path()).permissions(), fs::perms::owner_all);
+    fs::copy_file(file, target_, fs::copy_options::overwrite_existing);
+    progress(1, 2);
+    return "https://cloud.example/" + file.filename().string();
+  }
+
+ private:
+  const fs::path target_;
+};
+
+TEST_F(TimelapseServiceTest, AnUploadedFilmIsDecryptedByWhatTheAnswerTells) {
+  const fs::path sent = dir_ / "sent";
+  const auto service = Service(std::make_unique<CopyingUploader>(sent));
+  const std::string index = Record(*service, 2);
+  EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+  ASSERT_NE(Film(*service, index), "");
+  UploadedFilm film;
+  ASSERT_EQ(service->Upload(index, "video", film), 0);
+  EXPECT_THAT(film.url, testing::HasSubstr("_timelapse_enc.mp4.enc"));
+  EXPECT_TRUE(fs::is_empty(paths_.upload));
+  EXPECT_TRUE(log_.Has("TLP", "Upload timelapse progress: 50% (1/2)"));
+  EXPECT_EQ(log_.Text().find(film.password), std::string::npos);
+  const auto plain = utils::SafeExec("/usr/bin/openssl")
+                         .AddArg("enc")
+                         .AddArg("-d")
+                         .AddArg("-aes-256-cbc")
+                         .AddArg("-pbkdf2")
+                         .AddArg("-md")
+                         .AddArg("sha256")
+                         .AddArg("-iter")
+                         .AddArg(std::to_string(film.iterations))
+                         .AddArg("-pass")
+                         .AddArg("pass:" + film.password)
+                         .AddArg("-in")
+                         .AddArg(sent.string())
+                         .Execute();
+  EXPECT_EQ(plain.standard_output, "a2\na1\na2\n") << plain.standard_error;
+}
+
 TEST_F(TimelapseServiceTest, UploadsNeedTheCloudAndOnlyFilmsAreSent) {
   const auto service = Service();
   const std::string index = Record(*service, 1);
@@ -185,7 +299,10 @@ TEST_F(TimelapseServiceTest, UploadsNeedTheCloudAndOnlyFilmsAreSent) {
   EXPECT_EQ(service->Upload("20200101000000", "video", film), -2);
   EXPECT_EQ(service->Upload(index, "video", film), -1);
   EXPECT_TRUE(log_.Has("TLP", "Cloud access code is unavailable."));
-  EXPECT_EQ(service->Store().Add({{"date_index", index}, {"video_path", "/etc/passwd"}}), "");
+  EXPECT_EQ(service->Store().Publish({{"date_index", index},
+                                      {"timelapse_dir", (paths_.root / index).string()},
+                                      {"video_path", "/etc/passwd"}}),
+            "");
   EXPECT_EQ(service->Upload(index, "video", film), -86);
   EXPECT_EQ(service->Upload(index, "thumbnail", film), -1);
 }

@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +18,24 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
+
+/// A smaller limit of this process, until the end of the block.
+class ResourceLimit {
+ public:
+  ResourceLimit(__rlimit_resource resource, rlim_t soft) : resource_(resource) {
+    ::signal(SIGXFSZ, SIG_IGN);
+    ::getrlimit(resource_, &before_);
+    const rlimit now{soft, before_.rlim_max};
+    ::setrlimit(resource_, &now);
+  }
+  ~ResourceLimit() { ::setrlimit(resource_, &before_); }
+  ResourceLimit(const ResourceLimit&) = delete;
+  ResourceLimit& operator=(const ResourceLimit&) = delete;
+
+ private:
+  const __rlimit_resource resource_;
+  rlimit before_{};
+};
 
 class TimelapseStoreTest : public testing::Test {
  protected:
@@ -41,11 +61,7 @@ class TimelapseStoreTest : public testing::Test {
             {"video_path", (work / "film.mp4").string()},
             {"thumbnail_path", (work / "thumbnail.jpg").string()}};
   }
-  void AddFilm(const std::string& index) const {
-    const json film = Film(index);
-    EXPECT_EQ(store_.Add(film), "");
-    store_.PublishLinks(film);
-  }
+  void AddFilm(const std::string& index) const { EXPECT_EQ(store_.Publish(Film(index)), ""); }
   std::vector<std::string> Listed(const TimelapseQuery& query) const {
     std::vector<std::string> indices;
     const json list = store_.List(query);
@@ -132,7 +148,7 @@ TEST_F(TimelapseStoreTest, AnIllegalDescriptionIsKeptBesideTheNewOne) {
     Describe(illegal);
     EXPECT_EQ(store_.Delete("20260101000001"), -87);
     EXPECT_EQ(Description(), illegal) << "only a new one replaces it";
-    EXPECT_EQ(store_.Add(Film("20260101000001")), "");
+    EXPECT_EQ(store_.Publish(Film("20260101000001")), "");
     EXPECT_EQ(Listed({}).size(), 1U);
     EXPECT_EQ(test::ReadFile(paths_.Description().string() + ".bad"), illegal);
   }
@@ -142,8 +158,55 @@ TEST_F(TimelapseStoreTest, RecordsThatOthersChangedDoNoHarm) {
   Describe(R"({"count":"x","instances":[7,null,{},{"date_index":1},{"date_index":"../../etc"},
       {"date_index":"20260101000001","video_path":3,"unix_timestamp_s":"y","more":[1]}]})");
   EXPECT_EQ(Listed({}), (std::vector<std::string>{"20260101000001"}));
-  EXPECT_EQ(store_.Add(Film("20260101000002")), "");
+  EXPECT_EQ(store_.Publish(Film("20260101000002")), "");
   EXPECT_EQ(json::parse(Description())["instances"].size(), 7U) << "what is not ours stays";
+}
+
+TEST_F(TimelapseStoreTest, ADescriptionThatCannotBeReadNowIsNotGivenUp) {
+  AddFilm("20260101000001");
+  const json another = Film("20260101000002");
+  const int next = utils::UniqueFd(::open("/", O_RDONLY | O_CLOEXEC)).Get();
+  {
+    const ResourceLimit descriptors(RLIMIT_NOFILE, static_cast<rlim_t>(next) + 1);
+    EXPECT_TRUE(store_.List({}).is_null());
+    EXPECT_EQ(store_.Publish(another), "the description file cannot be read");
+    EXPECT_EQ(store_.Delete("20260101000001"), -1);
+  }
+  EXPECT_EQ(Listed({}), (std::vector<std::string>{"20260101000001"}));
+  EXPECT_FALSE(fs::exists(paths_.Description().string() + ".bad"));
+}
+
+TEST_F(TimelapseStoreTest, OnAFullDiskNothingIsLostAndFilmsCanBeDeleted) {
+  AddFilm("20260101000001");
+  json large = Film("20260101000002");
+  large["gcode_name"] = std::string(8192, 'n');
+  EXPECT_EQ(store_.Publish(large), "");
+  const std::string before = Description();
+  {
+    const ResourceLimit size(RLIMIT_FSIZE, 4096);
+    EXPECT_EQ(store_.Publish(Film("20260101000003")), "the description file cannot be written");
+    EXPECT_EQ(Description(), before);
+    EXPECT_EQ(store_.Delete("20260101000001"), -1) << "the record cannot be written";
+    EXPECT_TRUE(fs::is_empty(paths_.root / ".deleted_20260101000001")) << "there is room now";
+    EXPECT_EQ(store_.Delete("20260101000002"), 0);
+  }
+  store_.CompleteDeletions();
+  EXPECT_TRUE(Listed({}).empty());
+  EXPECT_TRUE(fs::is_empty(paths_.web));
+}
+
+TEST_F(TimelapseStoreTest, LinksAreOnlyMadeForWhatIsThere) {
+  dir_.Write("web", "not a directory");
+  json film = Film("20260101000001");
+  EXPECT_EQ(store_.Publish(film), "");
+  fs::remove(paths_.web);
+  fs::remove(paths_.root / "20260101000001/thumbnail.jpg");
+  store_.RepairLinks();
+  EXPECT_TRUE(fs::exists(paths_.web / "timelapse_20260101000001.mp4"));
+  EXPECT_EQ(std::distance(fs::directory_iterator(paths_.web), {}), 1);
+  EXPECT_EQ(store_.Delete("20260101000001"), 0);
+  EXPECT_EQ(store_.Publish(film), "it was deleted meanwhile");
+  EXPECT_TRUE(Listed({}).empty());
 }
 
 TEST_F(TimelapseStoreTest, ALockThatIsNeverGivenBackFailsTheOperation) {
@@ -151,28 +214,45 @@ TEST_F(TimelapseStoreTest, ALockThatIsNeverGivenBackFailsTheOperation) {
   const utils::UniqueFd holder(::open(paths_.Lock().c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_EQ(::flock(holder.Get(), LOCK_EX), 0);
   EXPECT_EQ(store_.Delete("20260101000001"), -1);
-  EXPECT_NE(store_.Add(Film("20260101000002")), "");
-  EXPECT_EQ(store_.List({})["count"], 0);
+  EXPECT_NE(store_.Publish(Film("20260101000002")), "");
+  EXPECT_TRUE(store_.List({}).is_null()) << "which is not a store without films";
   EXPECT_TRUE(log_.Has("TLP", "Failed to acquire file lock: Failed to acquire file lock"));
   EXPECT_GE(clock_.Elapsed(), TimelapseStore::kLockLimit);
 }
 
 TEST_F(TimelapseStoreTest, TwoProcessesLoseNoUpdate) {
-  constexpr int kUpdates = 100;
-  const auto add_all = [this](int process) {
-    for (int i = 0; i < kUpdates; ++i) {
-      const TimelapseStore store(paths_);
-      (void)store.Add({{"date_index", std::to_string(20260101000000 + process * 1000 + i)}});
+  constexpr int kFilms = 50;
+  constexpr int kRounds = 20;
+  // Each process looks after every round whether all its updates are there.
+  const auto update_all = [this](int64_t process) {
+    const TimelapseStore store(paths_);
+    int lost = 0;
+    for (int round = 1; round <= kRounds; ++round) {
+      for (int64_t film = 0; film < kFilms; ++film) {
+        const int64_t index = 20260101000000 + process * kFilms + film;
+        if (!store
+                 .Publish({{"date_index", std::to_string(index)},
+                           {"unix_timestamp_s", process * kRounds + round},
+                           {"timelapse_dir", paths_.root.string()}})
+                 .empty()) {
+          ++lost;
+        }
+      }
+      int found = 0;
+      const json list = store.List({});
+      for (const json& item : list["instances"])
+        found += item["unix_timestamp_s"] == process * kRounds + round ? 1 : 0;
+      lost += kFilms - found;
     }
+    return lost;
   };
   const pid_t child = ::fork();
-  if (child == 0) {
-    add_all(1);
-    ::_exit(0);
-  }
-  add_all(2);
-  ::waitpid(child, nullptr, 0);
-  EXPECT_EQ(Listed({}).size(), size_t{2 * kUpdates});
+  if (child == 0) ::_exit(update_all(1) == 0 ? 0 : 1);
+  EXPECT_EQ(update_all(2), 0);
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(Listed({}).size(), size_t{2 * kFilms});
 }
 
 }  // namespace

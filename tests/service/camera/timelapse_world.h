@@ -12,6 +12,7 @@
 #include "service/camera/timelapse_service.h"
 #include "support/eventually.h"
 #include "support/temp_dir.h"
+#include "utils/atomic_file.h"
 
 namespace varnel::service {
 
@@ -23,45 +24,53 @@ class TimelapseWorld {
     paths_.root = dir_ / "store";
     paths_.web = dir_ / "web";
     paths_.upload = dir_ / "upload";
+    WritePrograms();
+  }
+
+  void WritePrograms() {
     paths_.ffprobe = dir_.WriteScript("ffprobe", "echo 4.033").string();
     paths_.ffmpeg = (dir_ / "ffmpeg").string();
     EncodeAs("");
   }
+  /// Exists once a test has noted that something happened.
+  std::filesystem::path Noted(const std::string& event) const { return dir_ / "noted" / event; }
 
   /// The encoder does this first, with its output file as $out.
   void EncodeAs(const std::string& first) {
     dir_.WriteScript("ffmpeg", R"(
 for out; do :; done
-list='' input='' previous=''
+list='' input='' previous='' progress=''
 for word; do
   [ "$previous" = -i ] && input=$word
   [ "$word" = concat ] && list=yes
+  [ "$previous" = -progress ] && progress=$word
   previous=$word
 done
 )" + first + R"(
-[ "$out" = - ] && { grep -q . "$input"; exit; }
+[ "$out" = - ] && { grep -h broken "$input"; grep -q . "$input"; exit; }
 if [ -n "$list" ]; then
   sed -n "s/^file '\(.*\)'$/\1/p" "$input" | while read -r segment; do cat "$segment"; done >"$out"
+  frames=$(grep -c . "$input"); echo "frame=$frames" >"$progress"
 else
   cat "$input" >"$out"
 fi)");
   }
 
-  std::unique_ptr<TimelapseService> Service() {
+  std::unique_ptr<TimelapseService> Service(
+      std::unique_ptr<FileUploader> uploader = std::make_unique<NoUploader>()) {
     auto service = std::make_unique<TimelapseService>(
         paths_, [this](const std::string& path) { return TakePhoto(path); },
         [this](const std::string& method, nlohmann::json params) {
           notified_.Put({method, std::move(params)});
           return 0;
-        });
+        },
+        std::move(uploader));
     service->HandleUnfinished();
     return service;
   }
   bool TakePhoto(const std::string& path) {
     if (camera_fails_) return false;
-    const auto file = std::filesystem::path(path);
-    std::ofstream(file) << scene_ << ++photos_ << '\n';
-    return true;
+    return !utils::WriteFileAtomically(path, scene_ + std::to_string(++photos_) + '\n');
   }
   /// The film's text once it is listed; empty when it is not in time.
   std::string Film(const TimelapseService& service, const std::string& index) {
