@@ -1,8 +1,5 @@
 #include "virtual_board/camera/camera_files.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-
 #include <fstream>
 #include <system_error>
 
@@ -15,10 +12,7 @@ constexpr std::uintmax_t kJournalLimit = std::uintmax_t{1} << 20;
 }  // namespace
 
 bool CameraFiles::EditFaults(const std::function<std::string(const std::string&)>& edit) const {
-  // The lock ends with the descriptor.
-  const Fd lock(::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!lock || ::flock(lock.Get(), LOCK_EX) != 0) return false;
-  return ReplaceFile(Faults(), edit(ReadFile(Faults())));
+  return EditFile(Faults(), edit);
 }
 
 void CameraFiles::Note(const std::string& line) const {

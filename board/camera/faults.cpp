@@ -1,5 +1,6 @@
 #include "virtual_board/camera/faults.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -11,7 +12,9 @@ namespace {
 
 using Failure = Faults::Failure;
 
+/// A number or a name of the system's errors, or a negative number as it is.
 std::optional<int> ParseErrno(const std::string& word) {
+  if (word.size() > 1 && word[0] == '-') return std::atoi(word.c_str());
   for (int error = 1; error < 134; ++error) {
     const char* name = ::strerrorname_np(error);
     if (std::to_string(error) == word || (name != nullptr && word == name)) return error;

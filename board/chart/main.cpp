@@ -1,14 +1,14 @@
-// varnel-chart DIRECTORY [--frames N]   writes chart.nv12, chart.yuyv and chart.ppm, or
-// chart-0001.* to chart-N.* varnel-chart --compare A.ppm B.ppm    prints the mean absolute error of
-// each channel; 0 when all are below 4
+// Draws test charts and scenes, and compares pictures; see docs/virtual-board.md.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "virtual_board/chart/chart.h"
+#include "virtual_board/chart/scene.h"
 #include "virtual_board/common/files.h"
 
 namespace {
@@ -19,13 +19,13 @@ constexpr double kAcceptedError = 4.0;
 
 int Usage() {
   std::fputs(
-      "Usage: varnel-chart DIRECTORY [--frames N]\n       varnel-chart --compare A.ppm B.ppm\n",
+      "Usage: varnel-chart DIRECTORY [--frames N]\n       varnel-chart --scene SCENE.json STEM\n"
+      "       varnel-chart --compare A.ppm B.ppm\n",
       stderr);
   return 2;
 }
 
-bool Write(const std::string& stem, uint32_t number) {
-  const Image image = varnel::board::DrawChart(number);
+bool Write(const std::string& stem, const Image& image) {
   return varnel::board::ReplaceFile(stem + ".nv12", ToNv12(image)) &&
          varnel::board::ReplaceFile(stem + ".yuyv", ToYuyv(image)) &&
          varnel::board::ReplaceFile(stem + ".ppm", ToPpm(image));
@@ -33,14 +33,21 @@ bool Write(const std::string& stem, uint32_t number) {
 
 int Generate(const std::string& directory, uint32_t frames) {
   bool written = true;
-  if (frames == 0) written = Write(directory + "/chart", 0);
+  if (frames == 0) written = Write(directory + "/chart", varnel::board::DrawChart(0));
   for (uint32_t number = 1; written && number <= frames; ++number) {
     char name[32];
     std::snprintf(name, sizeof name, "/chart-%04u", number);
-    written = Write(directory + name, number);
+    written = Write(directory + name, varnel::board::DrawChart(number));
   }
   if (!written) std::fprintf(stderr, "varnel-chart: cannot write to %s\n", directory.c_str());
   return written ? 0 : 1;
+}
+
+int DrawScene(const std::string& file, const std::string& stem) {
+  const auto json = nlohmann::json::parse(varnel::board::ReadFile(file));
+  if (Write(stem, varnel::board::DrawScene(varnel::board::Scene::Parse(json)))) return 0;
+  std::fprintf(stderr, "varnel-chart: cannot write %s\n", stem.c_str());
+  return 1;
 }
 
 int Compare(const std::string& a, const std::string& b) {
@@ -58,6 +65,7 @@ int Compare(const std::string& a, const std::string& b) {
 int Run(const std::vector<std::string>& arguments) {
   const size_t count = arguments.size();
   if (count == 3 && arguments[0] == "--compare") return Compare(arguments[1], arguments[2]);
+  if (count == 3 && arguments[0] == "--scene") return DrawScene(arguments[1], arguments[2]);
   if (count == 1) return Generate(arguments[0], 0);
   if (count != 3 || arguments[1] != "--frames") return Usage();
   return Generate(arguments[0],

@@ -1,8 +1,13 @@
 #include "virtual_board/common/files.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+
 #include <fstream>
 #include <iterator>
 #include <system_error>
+
+#include "virtual_board/common/fd.h"
 
 namespace varnel::board {
 
@@ -20,6 +25,14 @@ bool ReplaceFile(const std::filesystem::path& path, const std::string& content) 
   std::error_code error;
   if (out) std::filesystem::rename(temporary, path, error);
   return out && !error;
+}
+
+bool EditFile(const std::filesystem::path& path,
+              const std::function<std::string(const std::string&)>& edit) {
+  // The lock of the directory ends with the descriptor.
+  const Fd lock(::open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!lock || ::flock(lock.Get(), LOCK_EX) != 0) return false;
+  return ReplaceFile(path, edit(ReadFile(path)));
 }
 
 }  // namespace varnel::board

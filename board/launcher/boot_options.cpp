@@ -45,6 +45,7 @@ const std::map<std::string, Action>& Actions() {
       {"--daemon", [](auto& o, auto& words) { o.daemon = words.Take("--daemon"); }},
       {"--no-daemon", [](auto& o, auto&) { o.start_daemon = false; }},
       {"--no-broker", [](auto& o, auto&) { o.start_broker = false; }},
+      {"--no-npu", [](auto& o, auto&) { o.npu = false; }},
       {"--foreground", [](auto& o, auto&) { o.foreground = true; }},
       {"--bind", TakeBind},
       {"--setenv", TakeVariable},

@@ -17,6 +17,7 @@ struct BootOptions {
   std::filesystem::path daemon;  ///< the varnel program on the host; empty: none
   bool start_daemon = true;
   bool start_broker = true;
+  bool npu = true;
   bool foreground = false;  ///< the caller becomes the board, which ends with the caller's parent
   std::vector<std::pair<std::string, std::string>> binds;  ///< host path, path inside
   std::map<std::string, std::string> environment;          ///< added for all programs inside

@@ -31,6 +31,12 @@ class Layout {
   [[nodiscard]] std::filesystem::path Services() const { return Control() / "services.json"; }
   [[nodiscard]] std::filesystem::path BrokerSocket() const { return Control() / "mosquitto.sock"; }
   [[nodiscard]] std::filesystem::path Camera() const { return Control() / "camera"; }
+  /// Faults and counters of the NPU.
+  [[nodiscard]] std::filesystem::path Npu() const { return Control() / "npu"; }
+  /// The networks that the daemon loads.
+  [[nodiscard]] std::filesystem::path Networks() const {
+    return EtcVarnel() / "camera_service/model";
+  }
   /// Answers of the i2cdetect stand-in.
   [[nodiscard]] std::filesystem::path I2c() const { return Control() / "i2c"; }
   [[nodiscard]] std::filesystem::path DaemonLog() const {
@@ -49,6 +55,7 @@ constexpr const char* kServices = "/run/varnel-board/services.json";
 constexpr const char* kBrokerSocket = "/run/varnel-board/mosquitto.sock";
 constexpr const char* kLog = "/var/log";
 constexpr const char* kTools = "/opt/varnel/board";
+constexpr const char* kNpuLibraries = "/opt/varnel/board/npu";
 constexpr const char* kDaemon = "/opt/varnel/bin/varnel";
 constexpr const char* kBrokerConfig = "/etc/mosquitto.conf";
 }  // namespace inside

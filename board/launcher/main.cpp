@@ -24,8 +24,8 @@ using namespace std::chrono_literals;
 using Words = std::vector<std::string>;
 
 constexpr const char* kUsage = R"(Usage:
-  varnel-board boot DIR [--camera mipi|usb] [--daemon PROGRAM] [--no-daemon] [--no-broker] [--foreground]
-                        [--bind HOST INSIDE]... [--setenv NAME VALUE]...
+  varnel-board boot DIR [--camera mipi|usb] [--daemon PROGRAM] [--no-daemon] [--no-broker] [--no-npu]
+                        [--foreground] [--bind HOST INSIDE]... [--setenv NAME VALUE]...
   varnel-board exec DIR COMMAND...           runs a command inside the board
   varnel-board net DIR COMMAND...            runs a command of the host on the board's network
   varnel-board start-daemon DIR [ARGUMENT...]

@@ -46,7 +46,7 @@ void MakeDirectories(const Layout& layout) {
        {layout.Userdata(), layout.DaemonLog().parent_path(), layout.Oem() / "printer_data",
         layout.EtcVarnel(), layout.Tmp(), layout.Run() / "udev", layout.Sys(),
         layout.Etc() / "mosquitto.d", layout.Proc(), layout.Dev(), layout.Log(), layout.I2c(),
-        layout.Camera() / "frames"}) {
+        layout.Camera() / "frames", layout.Npu(), layout.Networks()}) {
     fs::create_directories(directory);
   }
 }
@@ -72,9 +72,20 @@ void PlaceFrames(const Layout& layout, const fs::path& tools) {
   }
 }
 
+/// Networks that somebody put there stay.
+void PlaceNetworks(const Layout& layout, const fs::path& tools) {
+  for (const char* name : {"print_check.fp.rknn", "bed_check.fp.rknn", "noodle_verify.fp.rknn"}) {
+    const fs::path network = tools / "npu/model" / name;
+    if (fs::exists(network)) {
+      fs::copy_file(network, layout.Networks() / name, fs::copy_options::skip_existing);
+    }
+  }
+}
+
 void ForgetLastBoot(const Layout& layout) {
-  for (const fs::path& file : {layout.BrokerSocket(), layout.Control() / "control",
-                               layout.Camera() / "journal", layout.Camera() / "faults"}) {
+  for (const fs::path& file :
+       {layout.BrokerSocket(), layout.Control() / "control", layout.Camera() / "journal",
+        layout.Camera() / "faults", layout.Npu() / "faults", layout.Npu() / "state.json"}) {
     fs::remove(file);
   }
 }
@@ -104,6 +115,8 @@ std::map<std::string, std::string> BoardEnvironment(const BootOptions& options) 
        {"LANG", "C.UTF-8"},
        // Device messages of the board come without a device behind them in the kernel.
        {"SYSTEMD_DEVICE_VERIFY_SYSFS", "0"}});
+  // The daemon looks for the runtime by its plain name.
+  if (options.npu) environment.insert({"LD_LIBRARY_PATH", inside::kNpuLibraries});
   return environment;
 }
 
@@ -113,6 +126,7 @@ void PrepareBoard(const BootOptions& options, const Layout& layout, const fs::pa
   WriteSystemFiles(layout);
   WriteIdentityFiles(layout);
   PlaceFrames(layout, tools);
+  PlaceNetworks(layout, tools);
   WriteOnce(layout.I2c() / "answer", kFreeI2cAddress);
   WriteServices(options, layout);
 }

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "app/environment_check.h"
+#include "app/print_analysis.h"
 #include "app/signal_handling.h"
 #include "comms/comms_manager.h"
 #include "hal_adapter/ai_adapter.h"
@@ -128,12 +129,14 @@ class Services {
       : date_record_(hardware.storage.Paths().config_save),
         device_info_(
             comms, [&hardware]() -> const auto& { return hardware.system.Identity(); }),
+        analysis_(hardware.ai.DetectResultDir(), SpaceCheckOf(deployment)),
         camera_(comms, {.take_photo =
                             [&hardware](const std::string& path) {
                               return hardware.multimedia.TakePhoto(path);
                             },
                         .paths = &client_paths,
-                        .timelapse_paths = PathsOf(deployment)}) {}
+                        .timelapse_paths = PathsOf(deployment),
+                        .analyser = &analysis_}) {}
 
   void Start() {
     date_record_.Start();
@@ -146,6 +149,7 @@ class Services {
  private:
   service::DateRecord date_record_;
   service::DeviceInfoService device_info_;
+  PrintAnalysis analysis_;
   service::CameraService camera_;
 };
 

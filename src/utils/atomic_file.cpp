@@ -45,12 +45,14 @@ UniqueFd OpenTemporary(const fs::path& target, fs::path& temporary) {
   return fd;
 }
 
-std::error_code Publish(int fd, mode_t mode, const fs::path& temporary, const fs::path& target) {
-  if (::fchmod(fd, mode) != 0 || ::fsync(fd) != 0 ||
+std::error_code Publish(int fd, mode_t mode, const fs::path& temporary, const fs::path& target,
+                        Durability durability) {
+  const bool synced = durability == Durability::kPowerFailure;
+  if (::fchmod(fd, mode) != 0 || (synced && ::fsync(fd) != 0) ||
       ::rename(temporary.c_str(), target.c_str()) != 0) {
     return LastError();
   }
-  return SyncDirectory(DirectoryOf(target));
+  return synced ? SyncDirectory(DirectoryOf(target)) : std::error_code{};
 }
 
 bool IsRegular(int fd) {
@@ -105,7 +107,8 @@ std::string FileEnding(const fs::path& file) {
   return dot == std::string::npos ? "" : name.substr(dot);
 }
 
-std::error_code WriteFileAtomically(const fs::path& target, std::string_view bytes, mode_t mode) {
+std::error_code WriteFileAtomically(const fs::path& target, std::string_view bytes, mode_t mode,
+                                    Durability durability) {
   fs::path temporary;
   const UniqueFd fd = OpenTemporary(target, temporary);
   if (!fd) {
@@ -113,7 +116,7 @@ std::error_code WriteFileAtomically(const fs::path& target, std::string_view byt
   }
   std::error_code error = WriteAll(fd.Get(), bytes);
   if (!error) {
-    error = Publish(fd.Get(), mode, temporary, target);
+    error = Publish(fd.Get(), mode, temporary, target, durability);
   }
   if (error) {
     ::unlink(temporary.c_str());
@@ -171,7 +174,8 @@ std::error_code ReplacementFile::Commit() {
   if (!IsRegular(fd.Get())) {
     return std::make_error_code(std::errc::invalid_argument);
   }
-  const std::error_code error = Publish(fd.Get(), mode_, temporary_, target_);
+  const std::error_code error =
+      Publish(fd.Get(), mode_, temporary_, target_, Durability::kPowerFailure);
   if (!error) {
     temporary_.clear();
   }

@@ -15,11 +15,17 @@ namespace varnel::utils {
 /// choose a format by it. Empty without a dot.
 [[nodiscard]] std::string FileEnding(const std::filesystem::path& file);
 
-/// Replaces the file so that after a power failure either the old or the new content is there. A
-/// link is replaced, not followed. An error leaves the old file, except one of the directory's own
-/// sync, which comes after the rename.
-[[nodiscard]] std::error_code WriteFileAtomically(const std::filesystem::path& target,
-                                                  std::string_view bytes, mode_t mode = 0644);
+/// Whether a new file waits for the disk.
+enum class Durability {
+  kPowerFailure,  ///< after a power failure either the old or the new content is there
+  kCrash,         ///< readers and a killed process see one or the other; for files that can be lost
+};
+
+/// Replaces the file as a whole. A link is replaced, not followed. An error leaves the old file,
+/// except one of the directory's own sync, which comes after the rename.
+[[nodiscard]] std::error_code WriteFileAtomically(
+    const std::filesystem::path& target, std::string_view bytes, mode_t mode = 0644,
+    Durability durability = Durability::kPowerFailure);
 
 /// The same for a file that another program writes: it gets TemporaryPath(), and Commit() puts the
 /// result in place.

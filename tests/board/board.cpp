@@ -38,6 +38,7 @@ std::vector<std::string> BootCommand(const BootOptions& options) {
   if (!options.daemon.empty()) words.insert(words.end(), {"--daemon", options.daemon.string()});
   if (!options.start_daemon) words.emplace_back("--no-daemon");
   if (!options.start_broker) words.emplace_back("--no-broker");
+  if (!options.npu) words.emplace_back("--no-npu");
   for (const auto& [host, inside] : options.binds) {
     words.insert(words.end(), {"--bind", host, inside});
   }

@@ -6,6 +6,7 @@
 #include <map>
 
 #include "board/daemon_talk.h"
+#include "board/scenes.h"
 #include "board/served_board.h"
 #include "virtual_board/identity/block.h"
 
@@ -18,9 +19,15 @@ using testing::IsEmpty;
 
 /// What an example can ask to be arranged before it runs.
 void Arrange(const Board& board, const std::string& given) {
-  const std::map<std::string, std::string> faults = {{"", ""}, {"camera stalled", "stall"}};
-  ASSERT_EQ(faults.count(given), 1U) << "nobody knows how to arrange \"" << given << '"';
-  board.SetCameraFaults(faults.at(given));
+  const std::map<std::string, json> scenes = {
+      {"", json::object()},
+      {"camera stalled", json::object()},
+      {"clean bed", json::object()},
+      {"darkness", {{"bed", {10, 10, 10}}}},
+      {"noodle on the bed", {{"objects", {{{"class", "noodle"}, {"box", {612, 312, 852, 552}}}}}}}};
+  ASSERT_EQ(scenes.count(given), 1U) << "nobody knows how to arrange \"" << given << '"';
+  ShowScene(board, scenes.at(given));
+  board.SetCameraFaults(given == "camera stalled" ? "stall" : "");
 }
 
 /// The printer whose identity the contract shows.

@@ -62,7 +62,7 @@ bool HasOnly(const json& object, const std::set<std::string>& allowed) {
 bool IsDocumented(const json& error, const json& documented, const std::string& method) {
   return std::any_of(documented.begin(), documented.end(), [&](json candidate) {
     candidate.erase("x-description");
-    if (candidate.contains("data")) {
+    if (candidate.contains("data") && candidate.at("data").is_string()) {
       auto data = candidate.at("data").get<std::string>();
       if (const auto at = data.find("<name>"); at != data.npos) data.replace(at, 6, method);
       candidate["data"] = data;

@@ -55,7 +55,10 @@ CameraService::CameraService(comms::CommsManager& comms, Setup setup)
           [this](const std::string& method, json params) {
             return Notify(method, std::move(params));
           },
-          std::move(setup.uploader), *setup.clock) {}
+          std::move(setup.uploader), *setup.clock),
+      detection_(
+          [this](const std::string& path) { return take_photo_(path) == PhotoStatus::kSuccess; },
+          setup.analyser, std::move(setup.detection_picture), *setup.clock) {}
 
 int CameraService::Notify(const std::string& method, json params) {
   return comms::Code(comms_.SendNotification(kNotificationTopic, method, std::move(params)));
@@ -67,11 +70,13 @@ comms::CommsStatus CameraService::Start() {
     const char* name;
     Handler handler;
   };
+  detection_.LogState();
   timelapses_.HandleUnfinished();
   using Service = CameraService;
   const std::array methods{
       Method{kTakePhoto, &Service::ReqCallbackCameraServiceTakePhoto},
       Method{"camera.get_status", &Service::ReqCallbackCameraServiceGetStatus},
+      Method{"camera.detect_capture", &Service::ReqCallbackCameraServiceDetectCapture},
       Method{"camera.start_monitor", &Service::ReqCallbackCameraServiceStartMonitor},
       Method{"camera.stop_monitor", &Service::ReqCallbackCameraServiceStopMonitor},
       Method{"camera.start_timelapse", &Service::ReqCallbackCameraServiceStartTimelapse},
@@ -135,6 +140,12 @@ json CameraService::ReqCallbackCameraServiceGetStatus(const json&) {
               {"interface_type", "MIPI"},
               {"monitoring", false},
               {"timelapse", timelapses_.IsRunning()}};
+}
+
+json CameraService::ReqCallbackCameraServiceDetectCapture(const json& params) {
+  VLOG_INFO(kTag, "ReqCallbackCameraServiceDetectCapture: receive JSON-RPC message: {}",
+            comms::LogJson(params, kLoggedBytes));
+  return detection_.Detect(params);
 }
 
 }  // namespace varnel::service

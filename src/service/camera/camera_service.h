@@ -6,6 +6,7 @@
 
 #include "comms/comms_manager.h"
 #include "hal_adapter/multimedia_adapter.h"
+#include "service/camera/capture_detection.h"
 #include "service/camera/timelapse_service.h"
 #include "utils/client_path.h"
 
@@ -24,6 +25,8 @@ class CameraService {
     TakePhoto take_photo;
     const utils::ClientPathPolicy* paths = nullptr;  ///< must outlive the service
     TimelapsePaths timelapse_paths = {};
+    PrintAnalyser* analyser = nullptr;  ///< none: detections fail; must outlive the service
+    std::string detection_picture = "/tmp/printer_detection.jpg";
     std::unique_ptr<FileUploader> uploader = std::make_unique<NoUploader>();
     utils::Clock* clock = &utils::SystemClock::Instance();
   };
@@ -37,6 +40,7 @@ class CameraService {
 
   nlohmann::json ReqCallbackCameraServiceTakePhoto(const nlohmann::json& params);
   nlohmann::json ReqCallbackCameraServiceGetStatus(const nlohmann::json& params);
+  nlohmann::json ReqCallbackCameraServiceDetectCapture(const nlohmann::json& params);
   nlohmann::json ReqCallbackCameraServiceStartMonitor(const nlohmann::json& params);
   nlohmann::json ReqCallbackCameraServiceStopMonitor(const nlohmann::json& params);
   nlohmann::json ReqCallbackCameraServiceStartTimelapse(const nlohmann::json& params);
@@ -57,6 +61,7 @@ class CameraService {
   const utils::ClientPathPolicy& paths_;
   utils::Clock& clock_;
   TimelapseService timelapses_;
+  CaptureDetection detection_;
 };
 
 }  // namespace varnel::service

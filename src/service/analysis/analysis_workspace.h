@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "service/analysis/detection.h"
+#include "service/analysis/model_registry.h"
+#include "service/analysis/reference_picture.h"
+#include "service/analysis/result_pictures.h"
+
+namespace varnel::service {
+
+/// What the latest picture showed.
+struct LatestDetection {
+  std::string algorithm;
+  std::string status;
+  std::vector<std::string> labels;  ///< by class id
+  DetectionList found;              ///< with the algorithm's flags
+};
+
+/// What the algorithms of one analysis share. Used by one thread at a time.
+struct AnalysisWorkspace {
+  ModelRegistry models;
+  ReferencePicture reference;
+  ResultPictures pictures;
+  LatestDetection latest;
+};
+
+}  // namespace varnel::service

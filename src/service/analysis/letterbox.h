@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+
+#include "service/analysis/image_buffer.h"
+
+namespace varnel::service {
+
+class RgaLibrary;
+
+/// Where a picture lies in the network's input.
+struct LetterBox {
+  int32_t x_pad = 0;   ///< network pixels left of the picture
+  int32_t y_pad = 0;   ///< network pixels above the picture
+  float scale = 1.0F;  ///< network pixels per picture pixel
+};
+
+/// Scales `source` into `destination` keeping its shape, centred, with grey around it. Scaled width
+/// is a multiple of 4, scaled height and left and top padding are even.
+/// @param background grey value of the padding
+/// @param allow_slight_change a source that fits is centred unscaled
+/// @return 0, or a negative value with its message on standard output
+[[nodiscard]] int convert_image_with_letterbox(const ImageBuffer& source,
+                                               const ImageBuffer& destination, LetterBox& letterbox,
+                                               uint8_t background, bool allow_slight_change);
+
+/// The same with a 2D engine of the caller's choice instead of the board's.
+[[nodiscard]] int convert_image_with_letterbox(const RgaLibrary& engine, const ImageBuffer& source,
+                                               const ImageBuffer& destination, LetterBox& letterbox,
+                                               uint8_t background, bool allow_slight_change);
+
+}  // namespace varnel::service

@@ -1,0 +1,100 @@
+#include "service/analysis/noodle_verification.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <optional>
+
+#include "service/analysis/analysis_log.h"
+#include "service/analysis/image_convert.h"
+#include "utils/log.h"
+
+namespace varnel::service {
+namespace {
+
+using nlohmann::json;
+
+constexpr const char* kTag = kAnalysisTag;
+constexpr float kDefaultThreshold = 0.83F;
+
+/// How the network's answer is judged.
+struct Judgement {
+  explicit Judgement(const json& config)
+      : index(config.value("cls_label_idx", -1)),
+        threshold(config.value("cls_conf_threshold", 0.0F)) {
+    if (!(threshold > 0)) threshold = kDefaultThreshold;
+  }
+
+  int32_t index;
+  float threshold;
+};
+
+Model* FindVerifier(const DetectionRun& run, const std::string& label) {
+  Model* model = run.workspace.models.Find(json::array({label}));
+  if (model == nullptr) {
+    VLOG_ERROR(kTag, "cannot find verify_model for {}", label);
+    return nullptr;
+  }
+  if (!run.workspace.models.EnsureLoaded(*model)) {
+    VLOG_ERROR(kTag, "cannot load verify_model for {}", label);
+    return nullptr;
+  }
+  const auto& labels = model->Labels();
+  if (std::find(labels.begin(), labels.end(), label) == labels.end()) {
+    VLOG_ERROR(kTag, "verification cannot find label {} in model {}", label, model->Name());
+    return nullptr;
+  }
+  return model;
+}
+
+/// The part of the box that lies in the picture; a box at the edge may reach a pixel beyond it.
+DetectionBox Inside(const DetectionBox& box, const ImageBuffer& picture) {
+  return {std::clamp(box.left, 0, picture.width), std::clamp(box.top, 0, picture.height),
+          std::clamp(box.right, 0, picture.width), std::clamp(box.bottom, 0, picture.height)};
+}
+
+/// Nothing when the network did not answer.
+std::optional<bool> Passes(Model& verifier, const ImageBuffer& crop, const Judgement& judgement) {
+  std::vector<float> values;
+  if (const int code = verifier.Classify(crop, values); code != 0) {
+    VLOG_ERROR(kTag, "verify model {} failed ret={}", verifier.Name(), code);
+    return std::nullopt;
+  }
+  if (judgement.index < 0 || static_cast<size_t>(judgement.index) >= values.size()) {
+    VLOG_ERROR(kTag, "verify model {} has {} values, none with index {}", verifier.Name(),
+               values.size(), judgement.index);
+    return std::nullopt;
+  }
+  return values[static_cast<size_t>(judgement.index)] >= judgement.threshold;
+}
+
+void VerifyResult(DetectionRun& run, Model& verifier, const Judgement& judgement,
+                  Detection& result) {
+  Image crop;
+  const DetectionBox box = Inside(result.box, run.picture.buffer);
+  if (crop_image(run.picture.buffer, box, crop) != 0) {
+    VLOG_ERROR(kTag, "crop image failed {} {} {} {}", result.box.left, result.box.top,
+               result.box.right, result.box.bottom);
+    return;
+  }
+  const std::optional<bool> passes = Passes(verifier, crop.buffer, judgement);
+  const bool rejected = passes == false;
+  if (rejected) {
+    VLOG_INFO(kTag, "verify model check disable this item cls_label_idx:{}", judgement.index);
+    result.flag |= kDetectionIgnored;
+  }
+  const std::string suffix =
+      std::string(run.request.First() ? ".first" : "") + (rejected ? ".val_fail" : "");
+  run.workspace.pictures.SaveCrop(crop.buffer, suffix, verifier.PictureLimit());
+}
+
+}  // namespace
+
+void VerifyResults(DetectionRun& run, const std::string& label) {
+  Model* verifier = FindVerifier(run, label);
+  if (verifier == nullptr) return;
+  run.verifier = verifier;
+  const Judgement judgement(verifier->Config());
+  for (Detection& result : Results(run.list)) VerifyResult(run, *verifier, judgement, result);
+}
+
+}  // namespace varnel::service

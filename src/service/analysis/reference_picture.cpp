@@ -1,0 +1,104 @@
+#include "service/analysis/reference_picture.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <utility>
+
+#include "service/analysis/analysis_log.h"
+#include "service/analysis/picture_compare.h"
+#include "utils/log.h"
+
+namespace varnel::service {
+namespace {
+
+constexpr const char* kTag = kAnalysisTag;
+constexpr double kThreshold = 0.45;
+constexpr double kThresholdWithoutBox = 0.2;
+constexpr double kHeightShareWithoutBox = 0.7;
+/// Above it two boxes have nothing in common; the comparison has no business with them.
+constexpr double kUnrelated = 1.45;
+constexpr int32_t kMaxTopDistance = 30;
+constexpr int32_t kMinSide = 2;
+constexpr double kMaxGrowth = 4.0;
+constexpr double kMinOverlap = 0.8;
+
+bool IsLargeEnough(const DetectionBox& box) {
+  return box.right - box.left >= kMinSide && box.bottom - box.top >= kMinSide;
+}
+
+double InclusiveArea(const DetectionBox& box) {
+  return (double{1} + box.right - box.left) * (double{1} + box.bottom - box.top);
+}
+
+double InclusiveOverlap(const DetectionBox& a, const DetectionBox& b) {
+  const double width = double{1} + std::min(a.right, b.right) - std::max(a.left, b.left);
+  const double height = double{1} + std::min(a.bottom, b.bottom) - std::max(a.top, b.top);
+  return std::max(width, 0.0) * std::max(height, 0.0);
+}
+
+bool IsSamePlace(const DetectionBox& box, const DetectionBox& remembered) {
+  const double area = InclusiveArea(box);
+  const double remembered_area = InclusiveArea(remembered);
+  return std::abs(box.top - remembered.top) <= kMaxTopDistance && IsLargeEnough(box) &&
+         IsLargeEnough(remembered) && area < kMaxGrowth * remembered_area &&
+         InclusiveOverlap(box, remembered) >= kMinOverlap * std::min(area, remembered_area);
+}
+
+}  // namespace
+
+void ReferencePicture::Forget() {
+  owner_.clear();
+  picture_ = Image();
+  boxes_.clear();
+}
+
+void ReferencePicture::Reset(const std::string& why) {
+  VLOG_INFO(kTag, "ClearPrePrintImage reset {}", why);
+  Forget();
+}
+
+void ReferencePicture::Keep(const std::string& owner, const ImageBuffer& picture,
+                            std::vector<RememberedBox> boxes) {
+  owner_ = owner;
+  boxes_ = std::move(boxes);
+  Update(picture);
+}
+
+void ReferencePicture::Update(const ImageBuffer& picture) {
+  VLOG_INFO(kTag, "UpdatePrePrintImage");
+  picture_.pixels.assign(picture.virt_addr, picture.virt_addr + picture.size);
+  picture_.buffer = picture;
+  picture_.buffer.virt_addr = picture_.pixels.data();
+  picture_.buffer.fd = -1;
+}
+
+std::optional<KnownObject> ReferencePicture::FindKnown(const Detection& result,
+                                                       const ImageBuffer& picture) const {
+  const DetectionBox& box = result.box;
+  if (boxes_.empty()) {
+    if (box.bottom > kHeightShareWithoutBox * picture_.buffer.height || !IsLargeEnough(box))
+      return std::nullopt;
+    return Compare(result, picture, {}, kThresholdWithoutBox);
+  }
+  if (box.bottom > picture_.buffer.height) return std::nullopt;
+  for (const RememberedBox& remembered : boxes_) {
+    if (remembered.cls_id != result.cls_id || !IsSamePlace(box, remembered.box)) continue;
+    if (auto known = Compare(result, picture, remembered, kThreshold)) return known;
+  }
+  return std::nullopt;
+}
+
+std::optional<KnownObject> ReferencePicture::Compare(const Detection& result,
+                                                     const ImageBuffer& picture,
+                                                     const RememberedBox& remembered,
+                                                     double threshold) const {
+  const double diff_ratio = PictureDiffRatio(picture_.buffer, picture, result.box);
+  if (diff_ratio < 0) {
+    VLOG_ERROR(kTag, "picture box match has error! {}", diff_ratio);
+    return std::nullopt;
+  }
+  if (diff_ratio > threshold || diff_ratio >= kUnrelated) return std::nullopt;
+  return KnownObject{remembered, diff_ratio, threshold};
+}
+
+}  // namespace varnel::service

@@ -1,0 +1,15 @@
+#pragma once
+
+#include "service/analysis/printer_analysis_algorithm.h"
+
+namespace varnel::service {
+
+/// Finds filament that is wrapped round the nozzle. No network of the product serves its label yet:
+/// a request ends with kAnalysisNotLoaded.
+class WrapHeadAlgorithm : public PrinterAnalysisAlgorithm {
+ public:
+  using PrinterAnalysisAlgorithm::PrinterAnalysisAlgorithm;
+  [[nodiscard]] const char* Name() const override { return "wraphead_algorithm"; }
+};
+
+}  // namespace varnel::service

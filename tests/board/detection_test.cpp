@@ -1,0 +1,249 @@
+// A printer that looks at itself: pictures of known scenes go through camera, JPEG, networks and
+// decisions, and come out as figures that can be worked out by hand.
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <random>
+#include <regex>
+
+#include "board/scenes.h"
+#include "board/served_board.h"
+#include "virtual_board/common/files.h"
+
+namespace varnel::board {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using testing::DoubleNear;
+using testing::IsEmpty;
+
+using Box = std::array<int, 4>;
+const json kBedLabels = {"item", "nozzle", "legend_text", "extrusion_line"};
+
+double Area(const Box& box) {
+  return std::max(0.0, double{1} * box[2] - box[0]) * std::max(0.0, double{1} * box[3] - box[1]);
+}
+
+double Iou(const Box& a, const Box& b) {
+  const double both = Area(
+      {std::max(a[0], b[0]), std::max(a[1], b[1]), std::min(a[2], b[2]), std::min(a[3], b[3])});
+  return both / (Area(a) + Area(b) - both);
+}
+
+/// Results as the daemon logs them.
+struct Logged {
+  std::string label;
+  Box box;
+  int flag;
+};
+
+std::vector<Logged> LoggedResults(const std::string& log) {
+  static const std::regex kLine(R"(\] (\w+) @ \((\d+) (\d+) (\d+) (\d+)\) flag: (\d+) )");
+  std::vector<Logged> results;
+  for (std::sregex_iterator hit(log.begin(), log.end(), kLine), end; hit != end; ++hit) {
+    const auto number = [&hit](size_t group) { return std::stoi((*hit)[group]); };
+    results.push_back({(*hit)[1], {number(2), number(3), number(4), number(5)}, number(6)});
+  }
+  return results;
+}
+
+BootOptions Npu(bool present) {
+  BootOptions options = DaemonOptions();
+  options.npu = present;
+  return options;
+}
+
+class DetectionTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    served_.board.SetCameraFaults("rate 200");
+    ASSERT_TRUE(served_.rpc.AwaitDaemon());
+  }
+  void TearDown() override { EXPECT_THAT(served_.rpc.Problems(), IsEmpty()); }
+
+  json Detect(const json& params) { return served_.rpc.Call("camera.detect_capture", params); }
+  json Noodles(const char* status) {
+    const json answer =
+        Detect({{"labels", {"noodle"}}, {"detect_status", status}, {"z_position", 3}});
+    return answer.value("/result/noodle"_json_pointer, answer);
+  }
+  json Items(const char* status) {
+    const json answer = Detect({{"labels", kBedLabels}, {"detect_status", status}});
+    return answer.value("/result/item"_json_pointer, answer);
+  }
+  void Show(const json& objects) { ShowScene(served_.board, {{"objects", objects}}); }
+  [[nodiscard]] json NpuState() const {
+    return json::parse(ReadFile(served_.board.Paths().Npu() / "state.json"));
+  }
+  [[nodiscard]] size_t Pictures(const std::string& directory) const {
+    const fs::directory_iterator files(
+        served_.board.HostPath("/userdata/.tmp_detect_result/" + directory));
+    return static_cast<size_t>(std::distance(begin(files), end(files)));
+  }
+
+  ServedBoard served_{Npu(true)};
+};
+
+json Failure(int code, const char* message) {
+  return {{"error", {{"code", -32000}, {"message", message}, {"data", {{"err_code", code}}}}}};
+}
+
+/// One object in each field of a grid, of any size that fits.
+std::vector<Box> RandomBoxes(std::mt19937& random) {
+  std::vector<Box> boxes;
+  for (int left = 40; left < 1800; left += 620) {
+    for (int top = 160; top < 900; top += 450) {
+      const auto width = static_cast<int>(60 + random() % 480);
+      const auto height = static_cast<int>(60 + random() % 360);
+      boxes.push_back({left, top, left + width, top + height});
+    }
+  }
+  return boxes;
+}
+
+TEST_F(DetectionTest, ObjectsAreFoundWhereTheyAreAndCounted) {
+  std::mt19937 random(11);
+  std::vector<Logged> truth;
+  for (int round = 0; round < 3; ++round) {
+    const std::vector<Box> boxes = RandomBoxes(random);
+    for (const bool noodles : {true, false}) {
+      json objects = json::array();
+      double area = 0;
+      size_t count = 0;
+      for (size_t i = 0; i < boxes.size(); ++i) {
+        const std::string label = noodles ? "noodle" : kBedLabels[i % 4].get<std::string>();
+        objects.push_back({{"class", label}, {"box", boxes[i]}});
+        const bool counts = label == "noodle" || label == "item";
+        truth.push_back({label, boxes[i], counts ? 0 : 0x10});
+        count += counts ? 1 : 0;
+        area += counts ? Area(boxes[i]) : 0;
+      }
+      Show(objects);
+      const json figures = noodles ? Noodles("first") : Items("first");
+      EXPECT_EQ(figures.at("obj_cnts"), count);
+      EXPECT_THAT(figures.at("obj_areas").get<double>(),
+                  DoubleNear(area / (1920 * 1080 + 0.1), 0.01));
+      EXPECT_GE(figures.at("obj_probs"), figures.at("obj_weighted_probs"));
+      EXPECT_GT(figures.at("obj_weighted_probs"), 0.83);
+    }
+  }
+  std::vector<Logged> found = LoggedResults(served_.StopAndReadLog());
+  EXPECT_EQ(found.size(), truth.size());
+  for (const Logged& object : truth) {
+    const auto hit = std::find_if(found.begin(), found.end(), [&](const Logged& result) {
+      return result.label == object.label && Iou(result.box, object.box) >= 0.8;
+    });
+    ASSERT_NE(hit, found.end()) << object.label << " at " << object.box[0] << " " << object.box[1];
+    EXPECT_EQ(hit->flag, object.flag) << object.label;
+    found.erase(hit);
+  }
+}
+
+TEST_F(DetectionTest, APrintFromItsFirstPictureToItsLast) {
+  const json old_noodle = {{"class", "noodle"}, {"box", {612, 312, 852, 552}}};
+  const json lookalike = {{"class", "lookalike"}, {"box", {1200, 300, 1500, 500}}};
+  const json new_noodle = {{"class", "noodle"}, {"box", {1212, 612, 1452, 852}}};
+  Show(json::array({old_noodle}));
+  EXPECT_EQ(Noodles("first"),
+            json::parse(R"({"obj_cnts": 1, "obj_areas": 0.0277, "obj_probs": 0.9697,
+                                              "obj_weighted_probs": 0.9697})"))
+      << "57600 of 2073600 pixels";
+  EXPECT_EQ(NpuState()["contexts"], 0) << "noodle networks leave after the first picture";
+  EXPECT_EQ(Noodles("")["obj_cnts"], 0) << "it was there before the print";
+  EXPECT_EQ(NpuState()["contexts"], 1);
+  Show(json::array({old_noodle, lookalike}));
+  EXPECT_EQ(Noodles("")["obj_cnts"], 0);
+  EXPECT_EQ(Pictures("crop"), 4U) << "one of every find";
+  const size_t positive = Pictures("positive/det");
+  Show(json::array({old_noodle, new_noodle}));
+  EXPECT_EQ(Noodles("")["obj_cnts"], 1);
+  EXPECT_EQ(Pictures("positive/det"), positive + 1);
+  const std::string results = "/userdata/.tmp_detect_result/";
+  EXPECT_TRUE(served_.File(results + "org/printer_detect10.org.jpg") ==
+              served_.File("/tmp/printer_detection.jpg"));
+  EXPECT_TRUE(IsWholeJpeg(served_.File(results + "det/printer_detect10.det.jpg")));
+  EXPECT_EQ(Items("")["obj_cnts"], 0) << "a noodle is no item";
+  EXPECT_EQ(NpuState()["contexts"], 1) << "the other network has left";
+  EXPECT_EQ(Items("last")["obj_cnts"], 0);
+  EXPECT_EQ(Noodles("last")["obj_cnts"], 3) << "the reference went with the bed's last picture";
+  const json state = NpuState();
+  EXPECT_EQ(state["contexts"], 0);
+  EXPECT_EQ(state["highest_contexts"], 2);
+  EXPECT_EQ(state["outputs"], 0);
+  const json strict = {
+      {"labels", {"noodle"}}, {"detect_status", "first"}, {"noodle", {{"threshold", 0.98}}}};
+  EXPECT_EQ(Detect(strict)["result"]["noodle"]["obj_cnts"], 0);
+}
+
+TEST_F(DetectionTest, EachFailureIsOneErrorAndTheNextDetectionWorks) {
+  const json noodle = {{"labels", {"noodle"}}};
+  const json clean = {
+      {"obj_areas", 0.0}, {"obj_cnts", 0}, {"obj_probs", 0.0}, {"obj_weighted_probs", 0.0}};
+  Show(json::array());
+  EXPECT_EQ(Noodles(""), clean);
+  const json no_algorithm = Failure(-2, "cannot find corresponding model at current phase");
+  const json not_loaded = Failure(-1, "model load fail when detect");
+  EXPECT_EQ(Detect(nullptr), no_algorithm);
+  EXPECT_EQ(Detect({{"labels", {"item"}}}), no_algorithm);
+  EXPECT_EQ(Detect({{"labels", {"wraphead"}}}), not_loaded);
+  for (const json& params : {json::array(), json("noodle"), json{{"labels", {1}}},
+                             json{{"labels", {"noodle"}}, {"detect_status", 1}},
+                             json{{"labels", {"noodle"}}, {"z_position", "1"}},
+                             json{{"labels", {"noodle"}}, {"z_position", 1e10}},
+                             json{{"labels", {"noodle"}}, {"noodle", 0.5}}})
+    EXPECT_EQ(Detect(params), Error(-32602, "Invalid params")) << params;
+  for (const int grey : {10, 250}) {
+    ShowScene(served_.board, {{"bed", {grey, grey, grey}}});
+    EXPECT_EQ(Detect(noodle), Failure(-3, "picture is abnormal")) << grey;
+  }
+  Show(json::array());
+  const fs::path faults = served_.board.Paths().Npu() / "faults";
+  for (const char* call : {"rknn_inputs_set", "rknn_run", "rknn_outputs_get"}) {
+    ReplaceFile(faults, "fail " + std::string(call) + " -1 1");
+    EXPECT_EQ(Detect(noodle), Failure(-4, "model inference failed")) << call;
+  }
+  const fs::path model = served_.board.HostPath("/etc/varnel/camera_service/model");
+  const std::string network = ReadFile(model / "bed_check.fp.rknn");
+  const std::string quantised =
+      ReadFile(ChartFile("").parent_path().parent_path() / "npu/model/quantised.rknn");
+  ASSERT_NE(quantised, "");
+  for (const std::string& unusable : {std::string("no network"), quantised}) {
+    ReplaceFile(model / "bed_check.fp.rknn", unusable);
+    EXPECT_EQ(Items(""), not_loaded);
+  }
+  fs::remove(model / "bed_check.fp.rknn");
+  EXPECT_EQ(Items(""), not_loaded);
+  ReplaceFile(model / "bed_check.fp.rknn", network);
+  EXPECT_EQ(Items(""), clean);
+  EXPECT_EQ(Noodles(""), clean);
+  served_.board.SetCameraFaults("stall");
+  EXPECT_EQ(Detect(noodle), Error(-32000, "Take photo failed"));
+}
+
+TEST_F(DetectionTest, RequestsAreServedOneAfterAnother) {
+  Show(json::array({{{"class", "noodle"}, {"box", {612, 312, 852, 552}}}}));
+  EXPECT_EQ(Noodles("first")["obj_cnts"], 1);
+  std::vector<json> ids;
+  for (const json& labels : {kBedLabels, json{"noodle"}, kBedLabels, json{"noodle"}})
+    ids.push_back(served_.rpc.Post("camera.detect_capture", {{"labels", labels}}));
+  for (const json& id : ids) EXPECT_TRUE(served_.rpc.Await(id).contains("result"));
+  EXPECT_LE(NpuState()["highest_contexts"], 2);
+}
+
+TEST(DetectionWithoutNpuTest, OnlyDetectionsFail) {
+  ServedBoard served(Npu(false));
+  ASSERT_TRUE(served.rpc.AwaitDaemon());
+  ShowScene(served.board, json::object());
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(served.rpc.Call("camera.detect_capture", {{"labels", {"noodle"}}}),
+              Failure(-1, "model load fail when detect"));
+  }
+  EXPECT_EQ(served.Photo("/userdata/p.jpg"), Success());
+  EXPECT_THAT(served.rpc.Problems(), IsEmpty());
+  EXPECT_THAT(served.StopAndReadLog(),
+              testing::HasSubstr("PrinterAnalysis: printer detector created with status: ready"));
+}
+
+}  // namespace
+}  // namespace varnel::board

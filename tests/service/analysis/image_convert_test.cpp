@@ -1,0 +1,295 @@
+#include "service/analysis/image_convert.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+
+#include "service/analysis/image_layout.h"
+#include "service/analysis/letterbox.h"
+#include "service/analysis/rga_library.h"
+
+namespace varnel::service {
+namespace {
+
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+constexpr uint8_t kGrey = 114;
+constexpr uint8_t kUntouched = 77;
+
+const RgaLibrary& NoEngine() {
+  static const RgaLibrary kNone{std::span<const std::string>{}};
+  return kNone;
+}
+
+/// Noise, the hardest picture to interpolate; one memory for views of every size.
+ImageBuffer NoiseView(int32_t width, int32_t height, int32_t stride, PixelFormat format) {
+  static std::vector<uint8_t> noise = [] {
+    std::vector<uint8_t> bytes(size_t{4096} * 3072 * 3);
+    std::mt19937 random(7);
+    for (size_t i = 0; i < bytes.size(); ++i) {
+      bytes[i] = i < 1'000'000 ? static_cast<uint8_t>(random()) : bytes[i - 999'983];
+    }
+    return bytes;
+  }();
+  return {.width = width,
+          .height = height,
+          .width_stride = stride,
+          .format = format,
+          .virt_addr = noise.data(),
+          .size = noise.size()};
+}
+
+/// The value at a destination pixel, by the definition.
+double Reference(const ImageBuffer& source, const ImageRect& from, const ImageRect& to, int32_t x,
+                 int32_t y, size_t channel) {
+  const auto place = [](int32_t index, int32_t from_length, int32_t to_length) {
+    return std::clamp((index + 0.5) * from_length / to_length - 0.5, 0.0, from_length - 1.0);
+  };
+  const double px = place(x - to.left, Width(from), Width(to));
+  const double py = place(y - to.top, Height(from), Height(to));
+  const auto at = [&](double column, double row) {
+    const auto sx = static_cast<size_t>(from.left + std::min(column, Width(from) - 1.0));
+    const auto sy = static_cast<size_t>(from.top + std::min(row, Height(from) - 1.0));
+    const auto bytes = static_cast<size_t>(BytesPerPixel(source.format));
+    return static_cast<double>(source.virt_addr[sy * RowPitch(source) + sx * bytes + channel]);
+  };
+  const double x0 = std::floor(px);
+  const double y0 = std::floor(py);
+  const double upper = std::lerp(at(x0, y0), at(x0 + 1, y0), px - x0);
+  const double lower = std::lerp(at(x0, y0 + 1), at(x0 + 1, y0 + 1), px - x0);
+  return std::lerp(upper, lower, py - y0);
+}
+
+/// A destination with rows longer than its width, to see what is written beside it.
+struct Target {
+  Target(int32_t width, int32_t height, int32_t stride, PixelFormat format) {
+    EXPECT_TRUE(AllocateImage(image, stride, height, format));
+    std::fill(image.pixels.begin(), image.pixels.end(), kUntouched);
+    image.buffer.width = width;
+    image.buffer.width_stride = stride;
+  }
+  uint8_t At(int32_t x, int32_t y, size_t channel) const {
+    const auto bytes = static_cast<size_t>(BytesPerPixel(image.buffer.format));
+    return image.pixels[static_cast<size_t>(y) * RowPitch(image.buffer) +
+                        static_cast<size_t>(x) * bytes + channel];
+  }
+  Image image;
+};
+
+bool Covers(const ImageRect& rect, int32_t x, int32_t y) {
+  return x >= rect.left && x <= rect.right && y >= rect.top && y <= rect.bottom;
+}
+
+/// The corners of the stride box and of the rectangle, and random places.
+std::vector<std::pair<int32_t, int32_t>> Places(const ImageBuffer& image, const ImageRect& rect) {
+  const int32_t stride = WidthStride(image);
+  std::vector<std::pair<int32_t, int32_t>> places;
+  for (const int32_t x : {0, rect.left - 1, rect.left, rect.right, rect.right + 1, stride - 1}) {
+    for (const int32_t y : {0, rect.top - 1, rect.top, rect.bottom, rect.bottom + 1}) {
+      if (x >= 0 && x < stride && y >= 0 && y < image.height) places.emplace_back(x, y);
+    }
+  }
+  static std::mt19937 random(3);
+  for (int i = 0; i < 200; ++i) {
+    places.emplace_back(random() % static_cast<uint32_t>(stride),
+                        random() % static_cast<uint32_t>(image.height));
+  }
+  return places;
+}
+
+void ExpectScaled(const ImageBuffer& source, const ImageRect& from, const Target& target,
+                  const ImageRect& to, uint8_t around) {
+  const auto channels = static_cast<size_t>(BytesPerPixel(source.format));
+  for (const auto& [x, y] : Places(target.image.buffer, to)) {
+    for (size_t c = 0; c < channels; ++c) {
+      const double beside = x < target.image.buffer.width ? around : kUntouched;
+      const double wanted = Covers(to, x, y) ? Reference(source, from, to, x, y, c) : beside;
+      ASSERT_NEAR(target.At(x, y, c), wanted, Covers(to, x, y) ? 2 : 0)
+          << x << ',' << y << " of " << Width(from) << 'x' << Height(from) << " to " << Width(to)
+          << 'x' << Height(to) << ", " << channels << " channels";
+    }
+  }
+}
+
+/// What the letterbox is to be, in floating point.
+struct Wanted {
+  double scale;
+  int32_t width;
+  int32_t height;
+};
+
+Wanted WantedLetterbox(const ImageBuffer& source, int32_t width, int32_t height) {
+  const double scale = std::min(static_cast<double>(width) / source.width,
+                                static_cast<double>(height) / source.height);
+  const auto whole = [&](int32_t side) { return static_cast<int32_t>(side * scale + 1e-9); };
+  return {scale, whole(source.width) / 4 * 4, whole(source.height) / 2 * 2};
+}
+
+void ExpectLetterboxed(const ImageBuffer& source, int32_t width, int32_t height) {
+  const Target target(width, height, width + width % 3, source.format);
+  const Wanted wanted = WantedLetterbox(source, width, height);
+  LetterBox box;
+  CaptureStdout();
+  const int result =
+      convert_image_with_letterbox(NoEngine(), source, target.image.buffer, box, kGrey, false);
+  const std::string printed = GetCapturedStdout();
+  if (wanted.width == 0 || wanted.height == 0) {
+    EXPECT_LT(result, 0);
+    EXPECT_THAT(printed, testing::HasSubstr("has a scaled side of 0\n"));
+    return;
+  }
+  ASSERT_EQ(result, 0) << printed;
+  EXPECT_NEAR(box.scale, wanted.scale, 1e-5);
+  EXPECT_EQ(box.x_pad % 2 + box.y_pad % 2, 0);
+  for (const auto& [pad, free] :
+       {std::pair(box.x_pad, width - wanted.width), std::pair(box.y_pad, height - wanted.height)}) {
+    EXPECT_GE(free - 2 * pad, 0);
+    EXPECT_LT(free - 2 * pad, 4);
+  }
+  // A place in the picture comes back within one network pixel and what rounding took from the
+  // side.
+  EXPECT_LE(source.width * wanted.scale - wanted.width, 4);
+  EXPECT_LE(source.height * wanted.scale - wanted.height, 2);
+  const ImageRect to{box.x_pad, box.y_pad, box.x_pad + wanted.width - 1,
+                     box.y_pad + wanted.height - 1};
+  ExpectScaled(source, WholePicture(source), target, to, kGrey);
+}
+
+TEST(Letterbox, KeepsShapePaddingAndPixelsForEveryParity) {
+  const std::pair<int32_t, int32_t> networks[] = {{640, 640}, {320, 256}, {224, 225}, {33, 18}};
+  std::mt19937 random(11);
+  for (int i = 0; i < 512; ++i) {
+    // Every combination of the lowest bits of width, height and stride, over sizes of every order.
+    const auto bits = static_cast<int32_t>(i);
+    const auto sized = [&](uint32_t limit) {
+      const uint32_t order = 1U << random() % 12;
+      return static_cast<int32_t>(random() % std::min(limit, 2 * order)) & ~3;
+    };
+    const int32_t width = std::max(1, sized(3968) + bits % 4);
+    const int32_t height = std::max(1, sized(3068) + bits / 4 % 4);
+    const int32_t stride = width + (bits / 16 % 4) * 5;
+    const auto& [to_width, to_height] = networks[random() % std::size(networks)];
+    ExpectLetterboxed(NoiseView(width, height, stride, PixelFormat::kRgb888), to_width, to_height);
+    if (HasFatalFailure()) return;
+  }
+  ExpectLetterboxed(NoiseView(4096, 3072, 0, PixelFormat::kRgb888), 640, 640);
+  ExpectLetterboxed(NoiseView(1920, 1080, 0, PixelFormat::kRgb888), 640, 640);
+  ExpectLetterboxed(NoiseView(1900, 1069, 0, PixelFormat::kRgb888), 640, 640);
+}
+
+TEST(Letterbox, MapsCameraPicturesBackWithinOnePixel) {
+  struct Case {
+    int32_t width, height, x_pad, y_pad;
+  };
+  for (const Case& c : {Case{1920, 1080, 0, 140}, Case{1280, 720, 0, 140}, Case{640, 480, 0, 80},
+                        Case{1080, 1920, 140, 0}, Case{1900, 1069, 0, 140}, Case{320, 320, 0, 0}}) {
+    Target target(640, 640, 640, PixelFormat::kRgb888);
+    LetterBox box;
+    ASSERT_EQ(convert_image_with_letterbox(NoEngine(),
+                                           NoiseView(c.width, c.height, 0, PixelFormat::kRgb888),
+                                           target.image.buffer, box, kGrey, false),
+              0);
+    EXPECT_EQ(box.x_pad, c.x_pad);
+    EXPECT_EQ(box.y_pad, c.y_pad);
+    // The far corner of the picture lies where the padding begins on the other side.
+    EXPECT_NEAR(static_cast<float>(640 - 2 * c.x_pad) / box.scale, c.width, 1) << c.width;
+    EXPECT_NEAR(static_cast<float>(640 - 2 * c.y_pad) / box.scale, c.height, 1) << c.height;
+  }
+}
+
+TEST(Letterbox, SlightChangeCentresWhatFits) {
+  const ImageBuffer small = NoiseView(101, 51, 0, PixelFormat::kRgb888);
+  const Target target(224, 224, 224, PixelFormat::kRgb888);
+  LetterBox box;
+  ASSERT_EQ(convert_image_with_letterbox(NoEngine(), small, target.image.buffer, box, kGrey, true),
+            0);
+  EXPECT_EQ(box.scale, 1.0F);
+  ExpectScaled(small, WholePicture(small), target, {60, 86, 160, 136}, kGrey);
+}
+
+TEST(Letterbox, RefusesMissingMemory) {
+  const Target target(64, 64, 64, PixelFormat::kRgb888);
+  ImageBuffer nothing = target.image.buffer;
+  nothing.virt_addr = nullptr;
+  LetterBox box;
+  CaptureStdout();
+  EXPECT_LT(convert_image_with_letterbox(NoEngine(), target.image.buffer, nothing, box, 1, false),
+            0);
+  EXPECT_LT(convert_image_with_letterbox(NoEngine(), {}, target.image.buffer, box, 1, false), 0);
+  EXPECT_EQ(GetCapturedStdout(),
+            "malloc size 12288 error\nletterbox from 0x0 to 64x64 is not possible\n");
+}
+
+TEST(ConvertImage, ScalesCropsOfEveryPackedFormat) {
+  const PixelFormat formats[] = {PixelFormat::kRgb888, PixelFormat::kBgr888, PixelFormat::kRgba8888,
+                                 PixelFormat::kGrey8};
+  const std::pair<int32_t, int32_t> sizes[] = {{1, 1}, {2, 3}, {3, 2}, {7, 90}, {64, 1}, {50, 41}};
+  for (const PixelFormat format : formats) {
+    const ImageBuffer source = NoiseView(61, 47, 67, format);
+    for (const auto& [from_width, from_height] : sizes) {
+      const ImageRect from{61 - std::min(from_width, 61), 47 - std::min(from_height, 47), 60, 46};
+      for (const auto& [width, height] : sizes) {
+        const Target target(70, 95, 73, format);
+        const ImageRect to{3, 2, 2 + width, 1 + height};
+        ASSERT_EQ(convert_image(NoEngine(), source, target.image.buffer, from, to, kGrey), 0);
+        ExpectScaled(source, from, target, to, kGrey);
+        if (HasFatalFailure()) return;
+      }
+    }
+  }
+}
+
+TEST(ConvertImage, RefusesWhatTheProcessorCannotDo) {
+  const Target good(32, 32, 32, PixelFormat::kRgb888);
+  const ImageBuffer rgb = good.image.buffer;
+  const auto changed = [&](auto change) {
+    ImageBuffer image = rgb;
+    change(image);
+    return image;
+  };
+  const auto refuse = [&](const ImageBuffer& source, const ImageBuffer& destination,
+                          std::optional<ImageRect> crop, const std::string& reason) {
+    CaptureStdout();
+    EXPECT_EQ(convert_image(NoEngine(), source, destination, {}, crop, kGrey), -1);
+    EXPECT_EQ(GetCapturedStdout(),
+              "try convert image use cpu\n" + reason + "convert_image_cpu fail -1\n");
+  };
+  const ImageBuffer nv12 = changed([](ImageBuffer& image) { image.format = PixelFormat::kNv12; });
+  refuse(changed([](ImageBuffer& image) { image.virt_addr = nullptr; }), rgb, {}, "");
+  refuse(changed([](ImageBuffer& image) { image.format = PixelFormat::kBgr888; }), rgb, {}, "");
+  refuse(changed([](ImageBuffer& image) { --image.size; }), rgb, {}, "");
+  refuse(changed([](ImageBuffer& image) { image.width = -5; }), rgb, {}, "");
+  refuse(changed([](ImageBuffer& image) { image.width_stride = 31; }), rgb, {}, "");
+  refuse(nv12, nv12, {}, "no support format 2560\n");
+  for (const ImageRect& rect : {ImageRect{-1, 0, 5, 5}, ImageRect{0, 0, 32, 5},
+                                ImageRect{6, 0, 5, 5}, ImageRect{0, 0, 5, 32}}) {
+    refuse(rgb, rgb, rect, "");
+  }
+  EXPECT_THAT(good.image.pixels, testing::Each(kUntouched));
+}
+
+TEST(CropImage, CopiesABoxOrRefusesIt) {
+  const ImageBuffer source = NoiseView(61, 47, 67, PixelFormat::kRgb888);
+  Image crop;
+  ASSERT_EQ(crop_image(source, {50, 40, 61, 47}, crop), 0);
+  EXPECT_EQ(crop.buffer.width, 11);
+  EXPECT_EQ(crop.buffer.height, 7);
+  const uint8_t* const last = source.virt_addr + 46 * RowPitch(source) + size_t{60} * 3;
+  EXPECT_TRUE(std::equal(last, last + 3, crop.pixels.end() - 3));
+  for (const DetectionBox& box :
+       {DetectionBox{50, 40, 62, 47}, DetectionBox{-1, 0, 5, 5}, DetectionBox{5, 5, 5, 9},
+        DetectionBox{INT32_MIN, INT32_MIN, INT32_MAX, INT32_MAX}}) {
+    EXPECT_LT(crop_image(source, box, crop), 0);
+  }
+  ImageBuffer planar = source;
+  planar.format = PixelFormat::kNv12;
+  CaptureStdout();
+  EXPECT_LT(crop_image(planar, {0, 0, 4, 4}, crop), 0);
+  EXPECT_EQ(GetCapturedStdout(), "dst buffer is null\n");
+}
+
+}  // namespace
+}  // namespace varnel::service

@@ -1,0 +1,337 @@
+#include "service/analysis/printer_analysis.h"
+
+#include <gmock/gmock.h>
+
+#include <random>
+
+#include "service/analysis/analysis_world.h"
+
+namespace varnel::service {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class PrinterAnalysisTest : public testing::Test, public AnalysisWorld {
+ protected:
+  void TearDown() override {
+    analysis_.reset();
+    EXPECT_THAT(TheNpuScript().loaded, IsEmpty());
+    EXPECT_THAT(TheNpuScript().outputs, IsEmpty());
+    EXPECT_EQ(TheNpuScript().wrong_calls, 0);
+  }
+  int Code(const std::string& path, const json& params) {
+    result_ = analysis_->DetectPicture(path, params);
+    EXPECT_EQ(result_.data.value("err_code", 99), result_.code);
+    return result_.code;
+  }
+};
+
+const json kNoodle = {{"labels", {"noodle"}}};
+const json kZeros = {
+    {"obj_areas", 0.0}, {"obj_cnts", 0}, {"obj_probs", 0.0}, {"obj_weighted_probs", 0.0}};
+
+TEST_F(PrinterAnalysisTest, EachCauseHasItsCodeAndText) {
+  const std::string good = Save(Plain(640, 640, 128));
+  const std::string dark = dir_ / "dark.jpg";
+  ASSERT_EQ(write_image_jpeg(dark, 90, Plain(64, 64, 0).buffer), 0);
+  const std::string corrupt = dir_.Write("corrupt.jpg", "no picture");
+  Boot("[]");
+  EXPECT_FALSE(analysis_->Ready());
+  EXPECT_EQ(Code(good, kNoodle), -7);
+  EXPECT_STREQ(result_.Message(), "printer analysis module not ready");
+  Boot();
+  EXPECT_TRUE(analysis_->Ready());
+  const struct {
+    std::string path;
+    json params;
+    int code;
+    const char* message;
+  } cases[] = {
+      {"", kNoodle, -6, "file path of picture is error"},
+      {dir_ / "missing.jpg", kNoodle, -5, "fail to read picture file"},
+      {corrupt, kNoodle, -5, "fail to read picture file"},
+      {dark, kNoodle, -3, "picture is abnormal"},
+      {good, {{"labels", {"wraphead"}}}, -1, "model load fail when detect"},
+      {good, {{"labels", {"item"}}}, -2, "cannot find corresponding model at current phase"},
+      {good, {{"labels", {"nozzle", "item", "legend_text", "extrusion_line"}}}, -2, nullptr},
+      {good, {{"labels", "noodle"}}, -2, nullptr},
+      {good, {{"labels", {7}}}, -2, nullptr},
+      {good, {{"labels", json::array()}}, -2, nullptr},
+      {good, nullptr, -2, nullptr},
+      {good, kNoodle, 0, "succeed"},
+      {good,
+       {{"labels", {"noodle"}}, {"detect_status", 7}, {"z_position", "high"}, {"noodle", 3}},
+       0,
+       nullptr},
+      {good,
+       {{"labels", {"noodle"}}, {"z_position", 1e300}, {"noodle", {{"threshold", "x"}}}},
+       0,
+       nullptr},
+  };
+  for (const auto& test : cases) {
+    EXPECT_EQ(Code(test.path, test.params), test.code) << test.path << test.params;
+    EXPECT_STREQ(result_.Message(), test.message == nullptr ? result_.Message() : test.message);
+    EXPECT_EQ(result_.data.size(), test.code == 0 ? 2U : 1U);
+  }
+  EXPECT_EQ(TheNpuScript().runs, 3) << "no network sees a picture that is not fit for it";
+  for (const char* function : {"rknn_inputs_set", "rknn_run", "rknn_outputs_get"}) {
+    TheNpuScript().failures = {{function, {.code = -2}}};
+    EXPECT_EQ(Code(good, kNoodle), -4) << function;
+  }
+  EXPECT_STREQ(result_.Message(), "model inference failed");
+  TheNpuScript().failures.clear();
+  EXPECT_EQ(Code(good, kNoodle), 0);
+  for (const char* line :
+       {"DetectPicture error, path is empty", "find model failed |wraphead",
+        "cannot find algorithm for labels |item", "DetectPicture cannot find algorithm |item",
+        "image is abnormal! ret=-4 img=", "DetectPicture cannot find algorithm "})
+    EXPECT_NE(log_.Text().find(line), std::string::npos) << line;
+}
+
+TEST_F(PrinterAnalysisTest, ANetworkThatCannotBeLoadedIsTriedAgain) {
+  Boot();
+  TheNpuScript().failures = {{"rknn_init", {.code = -6}}};
+  DetectNoodles("");
+  EXPECT_EQ(result_.code, -1);
+  TheNpuScript().failures.clear();
+  fs::remove(dir_ / "model/print_check.fp.rknn");
+  DetectNoodles("");
+  EXPECT_EQ(result_.code, -1);
+  const std::string path = (dir_ / "model/print_check.fp.rknn").string();
+  EXPECT_TRUE(log_.Has("ANALYSIS", "init fail! model file not exists ! model_path=" + path));
+  EXPECT_TRUE(log_.Has(
+      "ANALYSIS", "init_yolo11_model fail! error code=-1 name=print_check model_path=" + path));
+  EXPECT_EQ(log_.Count("ANALYSIS", "DetectPicture EnsureLoad fail print_check"), 2U);
+  dir_.Write("model/print_check.fp.rknn", "");
+  DetectNoodles("");
+  EXPECT_EQ(result_.code, 0);
+}
+
+TEST_F(PrinterAnalysisTest, AnUnusableModelLeavesTheOthers) {
+  Boot(R"({"models": {
+    "bed_check": {"labels": ["item"], "fname": ""},
+    "noodle_verify": {"labels": ["verify_noodle"], "fname": "missing.rknn", "preload": true},
+    "print_check": {"labels": ["wraphead"], "fname": "print_check.fp.rknn", "preload": true},
+    "spare": {"fname": "x"}}})");
+  ASSERT_THAT(analysis_->Models().Models(), SizeIs(1));
+  EXPECT_THAT(TheNpuScript().loaded, SizeIs(1));
+  for (const char* line :
+       {"construct model bed_check", "file name of model bed_check is empty or missing",
+        "create model bed_check failed", "create model: bed_check failed",
+        "load model noodle_verify failed", "create model: noodle_verify failed",
+        "load model print_check ok", "no model find with name: spare"})
+    EXPECT_TRUE(log_.Has("ANALYSIS", line)) << line;
+  Detect({{"labels", {"wraphead"}}, {"detect_status", "last"}});
+  EXPECT_EQ(result_.data, json({{"err_code", 0}, {"wraphead", kZeros}}));
+  EXPECT_THAT(TheNpuScript().loaded, SizeIs(1)) << "nothing is unloaded unless told so";
+}
+
+TEST_F(PrinterAnalysisTest, ModelsAreFoundByTheirLabels) {
+  Boot();
+  const auto name = [this](const json& labels) {
+    const Model* model = analysis_->Models().Find(labels);
+    return std::string(model == nullptr ? "none" : model->Name());
+  };
+  EXPECT_EQ(name(json::array()), "bed_check");
+  EXPECT_EQ(name(nullptr), "bed_check");
+  EXPECT_EQ(name({"nozzle", "item"}), "bed_check");
+  EXPECT_EQ(name({"noodle"}), "print_check");
+  EXPECT_EQ(name({"verify_noodle"}), "noodle_verify");
+  EXPECT_EQ(name({"noodle", "item"}), "none");
+}
+
+TEST_F(PrinterAnalysisTest, ACleanPictureAnswersEveryLabelWithZeros) {
+  Boot();
+  EXPECT_EQ(DetectItems(""), json({{"err_code", 0},
+                                   {"item", kZeros},
+                                   {"nozzle", kZeros},
+                                   {"legend_text", kZeros},
+                                   {"extrusion_line", kZeros}}));
+}
+
+TEST_F(PrinterAnalysisTest, NoodlesAreVerifiedAndCountedOverThePrint) {
+  Boot();
+  NoodlesAre({{}, {.row = 60, .column = 10, .score = 0.85F}});
+  const json once = DetectNoodles("")["noodle"];
+  EXPECT_EQ(once["obj_cnts"], 2);
+  EXPECT_EQ(once["obj_areas"], 0.0312) << "12800 / 409600.1";
+  EXPECT_EQ(once["obj_probs"], 0.9);
+  EXPECT_EQ(once["obj_weighted_probs"], 0.875);
+  VerifierSays(0.69F);
+  EXPECT_EQ(DetectNoodles("")["noodle"], once) << "rejected ones count nowhere";
+  EXPECT_THAT(Flags(), ElementsAre(1, 1));
+  VerifierSays(0.7F);
+  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 4);
+  TheNpuScript().networks.erase("noodle_verify.fp.rknn");
+  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 6) << "what cannot be verified counts";
+  EXPECT_TRUE(log_.Has("ANALYSIS", "cannot load verify_model for verify_noodle"));
+  EXPECT_TRUE(log_.Has("ANALYSIS", "verify model check disable this item cls_label_idx:1"));
+  EXPECT_TRUE(
+      log_.Has("ANALYSIS", "detect status: status:  z: 0 name: noodle_algorithm his size: 3"));
+  EXPECT_THAT(Files("crop"), SizeIs(6)) << "of the two pictures that failed";
+  EXPECT_THAT(Files("crop"), testing::Contains("printer_detect4.val_fail.jpg"));
+}
+
+TEST_F(PrinterAnalysisTest, ARequestMayHaveItsOwnThreshold) {
+  Boot();
+  NoodlesAre({{.score = 0.6F}});
+  EXPECT_EQ(DetectNoodles("first")["noodle"], kZeros);
+  json params = {{"labels", {"noodle"}}, {"detect_status", "first"}};
+  const std::pair<json, int> cases[] = {{{{"threshold", 0.59}}, 1},
+                                        {{{"threshold", 0.61}}, 0},
+                                        {json::object(), 0},
+                                        {{{"threshold", -1e300}}, 1},
+                                        {{{"threshold", 1e300}}, 0}};
+  for (const auto& [settings, count] : cases) {
+    params["noodle"] = settings;
+    EXPECT_EQ(Detect(params)["noodle"]["obj_cnts"] != 0, count != 0) << settings;
+  }
+}
+
+TEST_F(PrinterAnalysisTest, WhatLayThereBeforeThePrintDoesNotCount) {
+  Boot();
+  const DetectionBox box{204, 204, 284, 284};
+  Image before = Plain(640, 640, 128);
+  Scribble(before, box, 1);
+  Image changed = Plain(640, 640, 128);
+  Scribble(changed, box, 2);
+  NoodlesAre({{}});
+  EXPECT_EQ(DetectNoodles("first", before)["noodle"]["obj_cnts"], 1);
+  EXPECT_TRUE(log_.Has("ANALYSIS", "found larger pre print noodle at box: 204 204 284 284"));
+  NoodlesAre({{}, {.row = 60}});
+  EXPECT_EQ(DetectNoodles("", before)["noodle"]["obj_cnts"], 1) << "only the new one";
+  EXPECT_THAT(Flags(), ElementsAre(1, 0));
+  EXPECT_EQ(log_.Count("ANALYSIS", "UpdatePrePrintImage"), 2U);
+  NoodlesAre({{}});
+  EXPECT_EQ(DetectNoodles("", changed)["noodle"]["obj_cnts"], 2) << "it grew";
+  EXPECT_EQ(DetectNoodles("last", before)["noodle"]["obj_cnts"], 2);
+  EXPECT_TRUE(log_.Has("ANALYSIS", "ClearPrePrintImage reset noodle_algorithm"));
+  EXPECT_EQ(DetectNoodles("", before)["noodle"]["obj_cnts"], 3) << "no reference, no excuse";
+}
+
+TEST_F(PrinterAnalysisTest, WithoutANoodleAtTheBeginningOnlyAnEqualPictureExcuses) {
+  Boot();
+  const DetectionBox high{204, 204, 284, 284};
+  const DetectionBox low{204, 444, 284, 524};
+  Image before = Plain(640, 640, 128);
+  Scribble(before, high, 1);
+  Scribble(before, low, 1);
+  EXPECT_EQ(DetectNoodles("first", before)["noodle"], kZeros);
+  NoodlesAre({{}, {.row = 60, .score = 0.89F}});
+  EXPECT_EQ(DetectNoodles("", before)["noodle"]["obj_cnts"], 1);
+  EXPECT_THAT(Flags(), ElementsAre(1, 0)) << "the lower part of the picture is the print";
+  Scribble(before, high, 2);
+  EXPECT_EQ(DetectNoodles("", before)["noodle"]["obj_cnts"], 3);
+}
+
+TEST_F(PrinterAnalysisTest, ItemsAreReportedOnce) {
+  Boot();
+  Image bed = Plain(640, 640, 128);
+  Scribble(bed, {204, 204, 284, 284}, 1);
+  ItemsAre({{.score = 0.9F},
+            {.row = 60, .cls = 1, .score = 0.89F},
+            {.row = 5, .column = 5, .score = 0.88F, .reach = 2}});
+  const json first = DetectItems("first", bed);
+  EXPECT_THAT(Flags(), ElementsAre(0, 0x10, 2));
+  EXPECT_EQ(first["item"]["obj_cnts"], 1);
+  EXPECT_EQ(first["nozzle"], kZeros) << "nozzles are no items";
+  EXPECT_EQ(DetectItems("", bed)["item"]["obj_cnts"], 1);
+  EXPECT_THAT(Flags(), ElementsAre(1, 0x10, 2));
+  EXPECT_TRUE(log_.Has("ANALYSIS", "found static obj: 204,204,284,284 204,204,284,284"));
+  EXPECT_TRUE(log_.Has("ANALYSIS", "ClearPrePrintImage reset beditem_algorithm"));
+  NoodlesAre({{}});
+  EXPECT_EQ(DetectNoodles("", bed)["noodle"]["obj_cnts"], 1) << "an item is no noodle";
+}
+
+TEST_F(PrinterAnalysisTest, PicturesAreKeptForPeople) {
+  Boot();
+  const std::string source = Save(Plain(640, 640, 128));
+  DetectNoodles("first");
+  EXPECT_EQ(test::ReadFile(dir_ / "results/org/printer_detect1.org.jpg"), test::ReadFile(source));
+  EXPECT_EQ(test::ReadFile(dir_ / "results/det/printer_detect1.det.jpg"), test::ReadFile(source));
+  EXPECT_THAT(Files("positive/org"), IsEmpty());
+  NoodlesAre({{}});
+  DetectNoodles("first");
+  EXPECT_THAT(Files("crop"), ElementsAre("printer_detect2.first.jpg"));
+  EXPECT_THAT(Files("positive/org"), ElementsAre("printer_detect3.org.jpg"));
+  EXPECT_THAT(Files("positive/det"), ElementsAre("printer_detect3.det.jpg"));
+  const std::string annotated = test::ReadFile(dir_ / "results/det/printer_detect3.det.jpg");
+  EXPECT_EQ(test::ReadFile(dir_ / "results/positive/det/printer_detect3.det.jpg"), annotated);
+  EXPECT_NE(annotated, test::ReadFile(source));
+  EXPECT_TRUE(log_.Has("ANALYSIS", "noodle @ (204 204 284 284) flag: 0 0.900"));
+  VerifierSays(0);
+  DetectNoodles("");
+  EXPECT_THAT(Files("crop"), SizeIs(2));
+  EXPECT_THAT(Files("positive/org"), SizeIs(1)) << "a rejected find is none";
+  Boot();
+  DetectNoodles("");
+  EXPECT_THAT(Files("org"), testing::Contains("printer_detect7.org.jpg")) << "numbers go on";
+}
+
+TEST_F(PrinterAnalysisTest, PictureLimitsHold) {
+  std::string config(kBuiltInModelConfig);
+  for (size_t at = 0; (at = config.find("\"max_detect_pic_cnt\": 100", at)) != std::string::npos;)
+    config.replace(at, 25, "\"max_detect_pic_cnt\": 2");
+  Boot(config);
+  NoodlesAre({{}});
+  for (int i = 0; i < 4; ++i) DetectNoodles("");
+  for (const char* directory : {"org", "det", "positive/org", "positive/det"})
+    EXPECT_THAT(Files(directory), SizeIs(2)) << directory;
+  EXPECT_THAT(Files("crop"), ElementsAre("printer_detect1.jpg", "printer_detect3.jpg"))
+      << "crops stop instead";
+  EXPECT_THAT(Files("org"), ElementsAre("printer_detect5.org.jpg", "printer_detect6.org.jpg"));
+}
+
+TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutResultDirectories) {
+  dir_.Write("results", "a file in their place");
+  Boot();
+  EXPECT_EQ(log_.Count("ANALYSIS", "reason: Not a directory"), 0U);
+  EXPECT_NE(log_.Text().find("Create detect result directory " + (dir_ / "results/org").string() +
+                             " failed, reason: Not a directory"),
+            std::string::npos);
+  NoodlesAre({{}});
+  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1);
+  EXPECT_TRUE(log_.Has("ANALYSIS", "saving image path is empty"));
+  fs::remove(dir_ / "results");
+  Boot();
+  fs::remove_all(dir_ / "results");
+  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1);
+  EXPECT_THAT(Files("det"), SizeIs(1)) << "made again";
+}
+
+/// What must be on the NPU after a request, whatever came before it.
+TEST_F(PrinterAnalysisTest, OneDetectionNetworkIsOnTheNpuAtATime) {
+  Boot();
+  TheNpuScript().networks["bed_check.fp.rknn"] = ScriptedNetwork::Detecting(64, 64, 4);
+  std::mt19937 random(5);
+  const std::string good = Save(Plain(128, 96, 128));
+  const std::string missing = dir_ / "missing.jpg";
+  const char* const statuses[] = {"first", "", "", "last"};
+  for (int i = 0; i < 1000; ++i) {
+    const bool noodle = random() % 2 == 0;
+    const bool wrap = random() % 10 == 0;
+    const std::string status = statuses[random() % 4];
+    VerifierSays(random() % 2 == 0 ? 1.0F : 0.0F);
+    ScriptedNetwork small = ScriptedNetwork::Detecting(64, 64, 1);
+    if (random() % 2 == 0) small.Place(0, 4, 4, 0, 0.9F, {2, 2, 2, 2});
+    TheNpuScript().networks["print_check.fp.rknn"] = std::move(small);
+    const size_t before = TheNpuScript().loaded.size();
+    json params = {{"detect_status", status}, {"labels", {"noodle"}}};
+    if (!noodle) params["labels"] = {"item", "nozzle", "legend_text", "extrusion_line"};
+    if (wrap) params["labels"] = {"wraphead"};
+    Code(random() % 10 == 0 ? missing : good, params);
+    const bool leaves = status == "last" || (noodle && status == "first");
+    ASSERT_EQ(TheNpuScript().loaded.size(), wrap ? before : leaves ? 0U : 1U) << i;
+    ASSERT_THAT(TheNpuScript().outputs, IsEmpty());
+  }
+  EXPECT_EQ(TheNpuScript().highest_loaded, 2U) << "a detection network and the verifying one";
+  analysis_.reset();
+  EXPECT_TRUE(log_.Has("ANALYSIS", "PrinterAnalysis releasing..."));
+}
+
+}  // namespace
+}  // namespace varnel::service

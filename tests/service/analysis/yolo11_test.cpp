@@ -1,0 +1,278 @@
+#include "service/analysis/yolo11.h"
+
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+
+#include "service/analysis/npu_stand_in.h"
+#include "service/analysis/rknn_library.h"
+
+namespace varnel::service {
+namespace {
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+
+constexpr const char* kNetwork = "/model/test.fp.rknn";
+
+class Yolo11Test : public testing::Test {
+ protected:
+  Yolo11Test() {
+    script_ = NpuScript();
+    network_ = ScriptedNetwork::Detecting(64, 64, 2);
+    picture_.width = 128;
+    picture_.height = 64;
+    picture_.virt_addr = pixels_.data();
+    picture_.size = pixels_.size();
+  }
+  ~Yolo11Test() override {
+    release_yolo11_model(context_);
+    EXPECT_TRUE(script_.loaded.empty());
+    EXPECT_TRUE(script_.outputs.empty());
+    EXPECT_EQ(script_.wrong_calls, 0);
+  }
+
+  int Load() {
+    script_.networks["test.fp.rknn"] = network_;
+    return Printing([&] { return init_yolo11_model(kNetwork, context_); });
+  }
+  int Find() {
+    found_.count = 99;
+    const std::vector<float> thresholds = {0.5F, 0.5F};
+    return Printing(
+        [&] { return inference_yolo11_model(context_, picture_, found_, thresholds, 0.5F); });
+  }
+  int Printing(const std::function<int()>& call) {
+    testing::internal::CaptureStdout();
+    const int code = call();
+    printed_ = testing::internal::GetCapturedStdout();
+    return code;
+  }
+
+  NpuScript& script_ = TheNpuScript();
+  const RknnLibrary library_{{kNpuStandIn}};
+  NpuContext context_{library_};
+  ScriptedNetwork network_;
+  std::vector<uint8_t> pixels_ = std::vector<uint8_t>(size_t{128} * 64 * 3, 200);
+  ImageBuffer picture_;
+  DetectionList found_;
+  std::string printed_;
+};
+
+TEST_F(Yolo11Test, FindsAnObjectAndTellsItInPixelsOfThePicture) {
+  network_.Place(0, 4, 2, 1, 0.75F, {1, 1, 2, 1});  // 12..36, 28..44 of 64 x 64 with 16 rows on top
+  ASSERT_EQ(Load(), 0);
+  for (int run = 0; run < 3; ++run) {
+    ASSERT_EQ(Find(), 0);
+    ASSERT_EQ(found_.count, 1);
+    const Detection& found = found_.results[0];
+    EXPECT_EQ(found.cls_id, 1);
+    EXPECT_EQ(found.prop, 0.75F);
+    EXPECT_EQ(found.box.left, 24);
+    EXPECT_EQ(found.box.top, 24);
+    EXPECT_EQ(found.box.right, 72);
+    EXPECT_EQ(found.box.bottom, 56);
+  }
+  EXPECT_EQ(script_.input->type, TensorType::kUint8);
+  EXPECT_EQ(script_.input->format, TensorFormat::kNhwc);
+  EXPECT_EQ(script_.input->pass_through, 0);
+  ASSERT_EQ(script_.picture.size(), 64U * 64 * 3);
+  EXPECT_EQ(script_.picture[0], 114);
+  EXPECT_EQ(script_.picture[size_t{32} * 64 * 3], 200);
+}
+
+TEST_F(Yolo11Test, ReadsTheShapeOfBothLayoutsAndServesAThirdOutputPerBranch) {
+  network_ = ScriptedNetwork::OfInput(0, 0);
+  network_.inputs[0].format = TensorFormat::kNchw;
+  network_.inputs[0].dims = {1, 3, 32, 96};
+  for (const uint32_t stride : {8U, 16U, 32U}) {
+    network_.AddOutput({1, 16, 32 / stride, 96 / stride});
+    network_.AddOutput({1, 3, 32 / stride, 96 / stride});  // one class more than asked for
+    network_.AddOutput({1, 1, 32 / stride, 96 / stride});
+  }
+  ASSERT_EQ(Load(), 0);
+  EXPECT_EQ(context_.width, 96);
+  EXPECT_EQ(context_.height, 32);
+  EXPECT_EQ(context_.channel, 3);
+  EXPECT_EQ(Find(), 0);
+  EXPECT_EQ(found_.count, 0);
+  // Another network takes its place.
+  network_ = ScriptedNetwork::Detecting(64, 64, 2);
+  ASSERT_EQ(Load(), 0);
+  EXPECT_EQ(context_.width, 64);
+  EXPECT_EQ(script_.highest_loaded, 1U);
+}
+
+TEST_F(Yolo11Test, EveryFailureOfTheRuntimeWhileLoadingLeavesNothingLoaded) {
+  script_.failures["rknn_init"] = {-3, 0};
+  EXPECT_EQ(Load(), -1);
+  EXPECT_EQ(printed_, "rknn_init fail! ret=-3\n");
+  script_.failures.clear();
+  for (int passing = 0; passing < 8; ++passing) {  // the counts, one input, six outputs
+    script_.failures["rknn_query"] = {-7, passing};
+    EXPECT_EQ(Load(), -1) << passing;
+    EXPECT_EQ(printed_, "rknn_query fail! ret=-7\n");
+    EXPECT_TRUE(script_.loaded.empty());
+    EXPECT_EQ(Find(), -1);
+  }
+  script_.failures.clear();
+  EXPECT_EQ(Printing([&] { return init_yolo11_model("/model/other", context_); }), -1);
+  EXPECT_EQ(printed_, "rknn_init fail! ret=-6\n");
+  EXPECT_EQ(Load(), 0);
+}
+
+TEST_F(Yolo11Test, EveryFailureOfTheRuntimeWhileRunningIsToldAndSurvived) {
+  network_.Place(0, 4, 2, 1, 0.75F, {1, 1, 2, 1});
+  ASSERT_EQ(Load(), 0);
+  const std::pair<const char*, const char*> failures[] = {
+      {"rknn_inputs_set", "rknn_input_set fail! ret=-8\n"},
+      {"rknn_run", "rknn_run fail! ret=-8\n"},
+      {"rknn_outputs_get", "rknn_outputs_get fail! ret=-8\n"}};
+  for (const auto& [function, message] : failures) {
+    script_.failures[function] = {-8, 0};
+    EXPECT_EQ(Find(), -8);
+    EXPECT_EQ(found_.count, 0);
+    EXPECT_THAT(printed_, EndsWith(message));
+    script_.failures[function] = {7, 0};  // whatever it is, it is no success
+    EXPECT_EQ(Find(), -1);
+    script_.failures.clear();
+  }
+  script_.failures["rknn_outputs_release"] = {-9, 0};
+  EXPECT_EQ(Find(), 0);
+  picture_.virt_addr = nullptr;
+  EXPECT_LT(Find(), 0);
+  EXPECT_THAT(printed_, HasSubstr("convert_image_with_letterbox fail! ret="));
+  script_.failures["rknn_destroy"] = {-1, 0};
+  EXPECT_EQ(release_yolo11_model(context_), 0);
+  EXPECT_EQ(context_.handle, 0U);
+}
+
+TEST_F(Yolo11Test, NetworksThatCannotBeServedAreRefusedAtLoad) {
+  const std::function<void(ScriptedNetwork&)> changes[] = {
+      [](auto& n) { n.counts.inputs = 0; },
+      [](auto& n) { n.counts.inputs = 2; },
+      [](auto& n) { n.counts.outputs = 0; },
+      [](auto& n) { n.counts.outputs = UINT32_MAX; },
+      [](auto& n) { n.inputs[0].dim_count = 3; },
+      [](auto& n) {
+        n.inputs[0].dims = {1, 64, 64, 1};
+      },
+      [](auto& n) {
+        n.inputs[0].dims = {2, 64, 64, 3};
+      },
+      [](auto& n) {
+        n.inputs[0].dims = {1, 0, 64, 3};
+      },
+      [](auto& n) {
+        n.inputs[0].dims = {1, UINT32_MAX, UINT32_MAX, 3};
+      },
+      [](auto& n) { n.outputs[3].dim_count = 17; },
+      [](auto& n) { n.outputs[3].dim_count = 0; },
+      [](auto& n) { n.outputs[3].dims[1] = 0; },
+      [](auto& n) {
+        n.outputs[3].dims = {1, 1U << 31U, 1U << 31U, 4};
+      },
+  };
+  const ScriptedNetwork good = network_;
+  for (const auto& change : changes) {
+    network_ = good;
+    change(network_);
+    EXPECT_EQ(Load(), -1) << (&change - changes);
+    EXPECT_THAT(printed_, HasSubstr("network /model/test.fp.rknn refused: "));
+    EXPECT_TRUE(script_.loaded.empty());
+  }
+  network_ = good;
+  network_.outputs[0].type = TensorType::kInt8;
+  network_.outputs[0].quantisation = TensorQuantisation::kAffineAsymmetric;
+  EXPECT_EQ(Load(), -1);
+  EXPECT_EQ(printed_,
+            "network /model/test.fp.rknn refused: it is quantised, only float networks are "
+            "served\n");
+}
+
+TEST_F(Yolo11Test, OutputsThatDoNotFitTheirAttributesAreAnErrorAndReleased) {
+  const std::function<void(ScriptedNetwork&)> changes[] = {
+      [](auto& n) {
+        n.AddOutput({1, 4, 8, 8});
+      },
+      [](auto& n) { n.counts.outputs = 3; },
+      [](auto& n) { n.outputs[2].dim_count = 3; },
+      [](auto& n) { n.outputs[2].dims[0] = 2; },
+      [](auto& n) { n.outputs[2].dims[1] = 3; },
+      [](auto& n) { n.outputs[3].dims[1] = 1; },
+      [](auto& n) { n.outputs[3].dims[2] = 5; },
+      [](auto& n) { n.outputs[2].dims[2] = n.outputs[3].dims[2] = 65; },
+      [](auto& n) { n.outputs[5].format = TensorFormat::kNhwc; },
+      [](auto& n) { n.values[0].clear(); },
+      [](auto& n) { n.values[4].pop_back(); },
+      [](auto& n) { n.values[5].resize(1); },
+  };
+  const ScriptedNetwork good = network_;
+  for (const auto& change : changes) {
+    network_ = good;
+    change(network_);
+    ASSERT_EQ(Load(), 0) << (&change - changes);
+    EXPECT_EQ(Find(), -1) << (&change - changes);
+    EXPECT_EQ(found_.count, 0);
+    EXPECT_THAT(printed_, HasSubstr("outputs of the network do not fit: "));
+    EXPECT_TRUE(script_.outputs.empty());
+  }
+}
+
+TEST_F(Yolo11Test, AClassifierGivesAllItsValues) {
+  network_ = ScriptedNetwork::Classifying(64, 64, {0.25F, 0.75F});
+  ASSERT_EQ(Load(), 0);
+  std::vector<float> values(5);
+  EXPECT_EQ(inference_classifier(context_, picture_, values), 0);
+  EXPECT_THAT(values, ElementsAre(0.25F, 0.75F));
+  EXPECT_EQ(Find(), -1);  // it finds no boxes
+  network_.values[0].pop_back();
+  ASSERT_EQ(Load(), 0);
+  EXPECT_EQ(Printing([&] { return inference_classifier(context_, picture_, values); }), -1);
+  EXPECT_TRUE(values.empty());
+}
+
+TEST_F(Yolo11Test, ABoardWithoutARuntimeSaysSo) {
+  const RknnLibrary none({"librknnrt-none.so", "libm.so.6"});
+  NpuContext context(none);
+  EXPECT_EQ(Printing([&] { return init_yolo11_model(kNetwork, context); }), -1);
+  EXPECT_THAT(printed_, HasSubstr("no NPU runtime: librknnrt-none.so: cannot open"));
+  EXPECT_THAT(printed_, HasSubstr("undefined symbol: rknn_init"));
+  const RknnLibrary second({"librknnrt-none.so", kNpuStandIn});
+  EXPECT_NE(second.Api(), nullptr);
+}
+
+/// In a group of its own, because the whole group is touched.
+int LoadBesideAnotherProgram(const std::function<int()>& load) {
+  ::setpgid(0, 0);
+  const pid_t other = ::fork();
+  if (other == 0) {
+    ::pause();
+    ::_exit(0);
+  }
+  ::setpgid(other, other);
+  ::setpriority(PRIO_PROCESS, static_cast<id_t>(other), 5);
+  const bool loaded = load() == 0;
+  const bool restored = ::getpriority(PRIO_PROCESS, 0) == 0;
+  const bool other_kept = ::getpriority(PRIO_PROCESS, static_cast<id_t>(other)) == 5;
+  ::kill(other, SIGKILL);
+  ::waitpid(other, nullptr, 0);
+  return loaded && restored && other_kept ? 0 : 1;
+}
+
+TEST_F(Yolo11Test, LoadingLeavesThePriorityOfTheProcessAndOfOtherProgramsAsItWas) {
+  script_.raise_priority = true;  // succeeds for root only, as it does in the daemon
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(LoadBesideAnotherProgram([&] { return Load(); }));
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
+}  // namespace
+}  // namespace varnel::service
