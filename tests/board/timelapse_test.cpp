@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <cstdlib>
+#include <list>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -101,7 +102,7 @@ class TimelapseTest : public testing::Test {
           films = Films(served);
           return films.size() == 1;
         },
-        std::chrono::seconds(60)));
+        std::chrono::seconds(180)));
     return films.empty() ? json() : films[0];
   }
   /// What ffprobe tells of a film of the board, as a JSON object.
@@ -237,7 +238,7 @@ TEST_F(TimelapseTest, AFullDiskCostsNoPhotoThatWasAnswered) {
   const auto completed = [&] {
     return served.rpc.Notifications("notify_camera_generate_video_completed");
   };
-  EXPECT_TRUE(test::Eventually([&] { return completed().size() == 1; }, std::chrono::seconds(60)));
+  EXPECT_TRUE(test::Eventually([&] { return completed().size() == 1; }, std::chrono::seconds(180)));
   EXPECT_EQ(completed().at(0).params.at("state"), "failed");
   (void)served.board.Shell("rm -f /userdata/.tmp_timelapse/.filler");
   served.Restart();
@@ -285,7 +286,7 @@ class KilledPrint {
           film = Newest();
           return film.is_object();
         },
-        std::chrono::seconds(120)))
+        std::chrono::seconds(240)))
         << "a film is lost";
     ExpectPlays(film, photos + 1);
     if (random_() % 2 == 0) return;
@@ -333,9 +334,9 @@ class KilledPrint {
     return test::Eventually(
         [&] {
           return served_->board.Shell("grep -L FINISHED /userdata/.tmp_timelapse/[0-9]*/state")
-                     .out == "";
+              .out.empty();
         },
-        std::chrono::seconds(120));
+        std::chrono::seconds(240));
   }
 
   const std::unique_ptr<ServedBoard> served_;
@@ -348,12 +349,11 @@ TEST_F(TimelapseTest, DaemonsThatAreKilledAtAnyMomentLoseNoFilm) {
   const char* wanted = std::getenv("VARNEL_KILLS");
   const int kills = wanted != nullptr ? std::atoi(wanted) : 10;
   const int boards = kills < 4 ? 1 : 4;
-  std::vector<std::unique_ptr<KilledPrint>> prints;
-  for (int i = 0; i < boards; ++i)
-    prints.push_back(std::make_unique<KilledPrint>(NewBoard(CameraKind::kMipi), 20261122 + i));
-  std::vector<std::jthread> threads;
-  for (auto& print : prints)
-    threads.emplace_back([&] { print->Run((kills + boards - 1) / boards); });
+  std::list<KilledPrint> prints;
+  std::list<std::jthread> threads;
+  for (int i = 0; i < boards; ++i) prints.emplace_back(NewBoard(CameraKind::kMipi), 20261122 + i);
+  for (KilledPrint& print : prints)
+    threads.emplace_back([&] { print.Run((kills + boards - 1) / boards); });
 }
 
 }  // namespace

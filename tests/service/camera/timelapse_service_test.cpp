@@ -23,7 +23,7 @@ class TimelapseServiceTest : public testing::Test, public TimelapseWorld {
   /// A new time-lapse with that many photos; returns its index.
   std::string Record(TimelapseService& service, int photos) {
     EXPECT_TRUE(service.StartNew({}));
-    const std::string index = TimelapseRoot(paths_).NextIndex();
+    std::string index = TimelapseRoot(paths_).NextIndex();
     for (int i = 0; i < photos; ++i) EXPECT_EQ(service.TakePhoto(), TimelapsePhoto::kTaken);
     return index;
   }
