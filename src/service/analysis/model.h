@@ -49,6 +49,10 @@ class Model {
   /// @return 0 or kAnalysisInferenceFailed
   [[nodiscard]] int Detect(const ImageBuffer& picture, const DetectRequest& request,
                            DetectionList& found);
+  /// The score that a result of each label must exceed.
+  [[nodiscard]] std::vector<float> Thresholds(const DetectRequest& request) const;
+  /// Shows the candidates of each picture from now on; null ends it.
+  void Observe(const CandidateObserver* observer) { context_.observer = observer; }
   /// The values that a classifying network gives a picture.
   /// @return 0 or negative
   [[nodiscard]] int Classify(const ImageBuffer& picture, std::vector<float>& values);
@@ -58,8 +62,6 @@ class Model {
   Model(const char* name, nlohmann::json config, const RknnLibrary* library);
 
  private:
-  std::vector<float> Thresholds(const DetectRequest& request) const;
-
   const nlohmann::json config_;
   ModelState state_ = ModelState::kCreated;
   const std::vector<std::string> labels_;

@@ -182,6 +182,13 @@ void CheckBox(const DetectionBox& box) {
   if (box.top > box.bottom) VLOG_ERROR(kTag, "box top/bottom {} {} error", box.top, box.bottom);
 }
 
+void ShowCandidates(const NpuContext& context, const Outputs& outputs, PostProcessing processing) {
+  const std::vector<float> low(processing.thresholds.size(), context.observer->threshold);
+  processing.thresholds = low;
+  DetectionList candidates;
+  if (FindBoxes(context, outputs, processing, candidates) == 0) context.observer->see(candidates);
+}
+
 }  // namespace
 
 int inference_yolo11_model(NpuContext& context, const ImageBuffer& picture, DetectionList& found,
@@ -190,7 +197,9 @@ int inference_yolo11_model(NpuContext& context, const ImageBuffer& picture, Dete
   const auto use = [&](const Outputs& outputs, const LetterBox& letterbox) {
     const PostProcessing processing{context.width, context.height, letterbox, thresholds,
                                     nms_threshold};
-    return FindBoxes(context, outputs, processing, found);
+    const int code = FindBoxes(context, outputs, processing, found);
+    if (code == 0 && context.observer != nullptr) ShowCandidates(context, outputs, processing);
+    return code;
   };
   const int code = RunNetwork(context, picture, use);
   for (int32_t i = 0; i < found.count; ++i) CheckBox(found.results[static_cast<size_t>(i)].box);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 #include <vector>
@@ -12,6 +13,13 @@
 namespace varnel::service {
 
 class RknnLibrary;
+
+/// Sees more of each picture than its detection: the boxes that the same run of the network gives
+/// with one low threshold for all classes. The detection itself is not touched by it.
+struct CandidateObserver {
+  float threshold = 0;  ///< the score that a candidate must exceed
+  std::function<void(const DetectionList&)> see;
+};
 
 /// One network on the NPU. Used by one thread at a time.
 struct NpuContext {
@@ -25,6 +33,7 @@ struct NpuContext {
   int32_t width = 0;
   int32_t height = 0;
   bool is_quant = false;
+  const CandidateObserver* observer = nullptr;  ///< outlives its use here; stays when released
 
   NpuContext() = default;
   explicit NpuContext(const RknnLibrary& runtime) : library(&runtime) {}
