@@ -1,0 +1,34 @@
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <span>
+#include <string>
+
+#include "replay/algorithm.h"
+
+namespace varnel::replay {
+
+/// What a replay is asked for.
+struct Options {
+  std::filesystem::path folder;
+  std::filesystem::path models;   ///< empty: the board's
+  std::filesystem::path runtime;  ///< empty: the board's
+  std::filesystem::path labels;   ///< empty: without
+  std::filesystem::path out = "replay-report";
+  const Algorithm* algorithm = FindAlgorithm("noodle");
+  std::map<std::string, double> thresholds;  ///< by label
+};
+
+struct CommandLine {
+  Options options;
+  bool help = false;
+  std::string error;  ///< for the user; empty when the line is good
+};
+
+/// @param arguments without the program's name
+[[nodiscard]] CommandLine ParseCommandLine(std::span<const char* const> arguments);
+
+extern const char* const kUsage;
+
+}  // namespace varnel::replay

@@ -1,0 +1,35 @@
+#include "replay/sweep.h"
+
+#include "replay/matching.h"
+
+namespace varnel::replay {
+
+void Sweep::Add(std::span<const Truth> truths, std::span<const Prediction> candidates) {
+  for (const Truth& truth : truths) ++classes_[truth.cls].objects;
+  const Matches matches = MatchWithinClasses(truths, candidates);
+  for (size_t i = 0; i < candidates.size(); ++i) {
+    Counts& counts = classes_[candidates[i].cls];
+    std::vector<int64_t>& kind = matches[i] ? counts.hits : counts.false_alarms;
+    for (size_t step = 0; step < kSteps && candidates[i].probability > Threshold(step); ++step)
+      ++kind[step];
+  }
+}
+
+Scores Sweep::At(size_t cls, size_t step) const {
+  const Counts& counts = classes_[cls];
+  return {counts.hits[step], counts.false_alarms[step], counts.objects - counts.hits[step]};
+}
+
+std::optional<size_t> Sweep::Best(size_t cls) const {
+  std::optional<size_t> best;
+  double highest = -1;
+  for (size_t step = 0; step < kSteps; ++step) {
+    const std::optional<double> f1 = At(cls, step).F1();
+    if (!f1 || *f1 <= highest) continue;
+    best = step;
+    highest = *f1;
+  }
+  return best;
+}
+
+}  // namespace varnel::replay
