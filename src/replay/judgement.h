@@ -26,7 +26,7 @@ struct Judgement {
   std::vector<Find> finds;             ///< at the thresholds asked for
   std::vector<Prediction> candidates;  ///< at the lowest threshold of a sweep
   bool candidates_full = false;        ///< there may have been more
-  std::string annotated;               ///< where the annotated picture is; empty without one
+  bool annotated = false;              ///< an annotated picture was written
   double milliseconds = 0;
 
   [[nodiscard]] bool Judged() const { return code == 0; }

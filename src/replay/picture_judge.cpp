@@ -90,7 +90,7 @@ std::string PictureJudge::ProblemWith(const json& labels) const {
     return "no network " + file.string() + "; --models names a directory";
   const bool loaded = analysis_->Models().EnsureLoaded(*model);
   model->Release();
-  return loaded ? std::string() : "the NPU does not take " + file.string();
+  return loaded ? std::string() : "the NPU does not take " + file.string() + ", see messages.log";
 }
 
 std::map<std::string, float> PictureJudge::Thresholds() const {
@@ -136,14 +136,14 @@ void PictureJudge::Fill(const service::AnalysisResult& result, Judgement& judgem
 }
 
 /// An old picture of this name goes in any case: it would show another judgement.
-std::string PictureJudge::KeepAnnotated(const std::string& picture) const {
+bool PictureJudge::KeepAnnotated(const std::string& picture) const {
   const fs::path target = annotated_ / picture;
   std::error_code error;
   fs::remove(target, error);
   const fs::directory_iterator made(results_.Path() / "det", error);
-  if (error || made == fs::directory_iterator()) return {};
+  if (error || made == fs::directory_iterator()) return false;
   fs::rename(made->path(), target, error);
-  return error ? std::string() : target.string();
+  return !error;
 }
 
 }  // namespace varnel::replay

@@ -41,7 +41,7 @@ class PictureJudge {
   [[nodiscard]] std::string ProblemWith(const nlohmann::json& labels) const;
   [[nodiscard]] nlohmann::json Request(const std::string& status) const;
   void Fill(const service::AnalysisResult& result, Judgement& judgement);
-  [[nodiscard]] std::string KeepAnnotated(const std::string& picture) const;
+  [[nodiscard]] bool KeepAnnotated(const std::string& picture) const;
 
   const Options& options_;
   const std::filesystem::path annotated_;

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <fstream>
 
+#include "replay/diverted_output.h"
 #include "replay/evaluation.h"
 #include "replay/interruption.h"
 #include "replay/picture_folder.h"
@@ -35,7 +36,8 @@ void Complain(const std::string& text) {
 /// Never unloaded: the runtime may have threads of its own when the process ends.
 const service::RknnLibrary& Runtime(const fs::path& file) {
   if (file.empty()) return service::RknnLibrary::Board();
-  return *new service::RknnLibrary({fs::absolute(file).string()});
+  static const auto& library = *new service::RknnLibrary({fs::absolute(file).string()});
+  return library;
 }
 
 std::string StatusOf(size_t index, size_t count) {
@@ -58,8 +60,9 @@ std::optional<Labels> ReadLabelsFile(const fs::path& file, std::string& error) {
 /// One replay on its way.
 class Run {
  public:
-  Run(const Options& options, Input input, PictureJudge& judge)
+  Run(const Options& options, Input input, PictureJudge& judge, std::FILE* out)
       : options_(options),
+        out_(out),
         classes_(options.algorithm->labels),
         pictures_(std::move(input.pictures)),
         judge_(judge),
@@ -81,8 +84,8 @@ class Run {
 
   /// Whether there is nothing to complain about.
   bool Finish() {
-    std::fputs(TotalsText(totals_, classes_).c_str(), stdout);
-    if (evaluation_) std::fputs(EvaluationText(*evaluation_).c_str(), stdout);
+    std::fputs(TotalsText(totals_, classes_).c_str(), out_);
+    if (evaluation_) std::fputs(EvaluationText(*evaluation_).c_str(), out_);
     bool good = Written(options_.out / "report.json", report_.Finish(Tail()));
     if (evaluation_) {
       const fs::path plot = options_.out / "sweep.svg";
@@ -90,7 +93,7 @@ class Run {
           plot, utils::WriteFileAtomically(
                     plot, SweepPlot(evaluation_->NetworkSweep(), classes_, judge_.Thresholds())));
     }
-    return good & IsComplete();
+    return good & IsComplete() & (std::fflush(out_) == 0);
   }
 
  private:
@@ -98,7 +101,7 @@ class Run {
     return {{"algorithm", options_.algorithm->name},
             {"folder", options_.folder.string()},
             {"models", judge_.Models().string()},
-            {"thresholds", judge_.Thresholds()}};
+            {"thresholds", ThresholdsJson(judge_.Thresholds())}};
   }
 
   [[nodiscard]] Json Tail() const {
@@ -112,11 +115,11 @@ class Run {
     return tail;
   }
 
-  static bool Written(const fs::path& file, const std::error_code& error) {
+  bool Written(const fs::path& file, const std::error_code& error) const {
     if (error) {
       Complain(file.string() + ": " + error.message());
     } else {
-      std::printf("%s\n", file.c_str());
+      std::fprintf(out_, "%s\n", file.c_str());
     }
     return !error;
   }
@@ -129,6 +132,7 @@ class Run {
   }
 
   const Options& options_;
+  std::FILE* const out_;
   const std::vector<std::string>& classes_;
   const std::vector<std::string> pictures_;
   PictureJudge& judge_;
@@ -166,12 +170,13 @@ bool Replay(const Options& options, Input input) {
   }
   const utils::Logger logger("varnel-replay", (options.out / "replay.log").string(), kLogMegabytes,
                              kLogFiles);
+  const DivertedOutput output(options.out / "messages.log");
   PictureJudge judge(options, annotated, Runtime(options.runtime));
   if (const std::string problem = judge.Problem(); !problem.empty()) {
     Complain(problem);
     return false;
   }
-  Run run(options, std::move(input), judge);
+  Run run(options, std::move(input), judge, output.ForPeople());
   run.JudgeAll();
   return run.Finish();
 }

@@ -15,6 +15,10 @@ Json Value(const std::optional<double>& value) {
   return value ? Json(Rounded(*value)) : Json();
 }
 
+Json ThresholdJson(float threshold) {
+  return Rounded(static_cast<double>(threshold));
+}
+
 Json FindJson(const Find& find, const std::vector<std::string>& classes) {
   const Box& box = find.prediction.box;
   return {{"label", classes.at(find.prediction.cls)},
@@ -46,9 +50,10 @@ Json SweepOf(const Sweep& sweep, size_t cls) {
     recall.push_back(Value(scores.Recall()));
   }
   Json best;
-  if (const std::optional<size_t> step = sweep.Best(cls))
-    best = {{"threshold", Rounded(static_cast<double>(Sweep::Threshold(*step)))},
-            {"f1", Value(sweep.At(cls, *step).F1())}};
+  if (const auto range = sweep.Best(cls))
+    best = {{"from", ThresholdJson(Sweep::Threshold(range->first))},
+            {"to", ThresholdJson(Sweep::Threshold(range->last))},
+            {"f1", Value(sweep.At(cls, range->first).F1())}};
   return {{"recall", recall}, {"precision", precision}, {"best", best}};
 }
 
@@ -62,9 +67,15 @@ Json PictureJson(const Judgement& judgement, const std::vector<std::string>& cla
           {"code", judgement.code},
           {"message", judgement.message},
           {"milliseconds", Rounded(judgement.milliseconds, 10)},
-          {"annotated", judgement.annotated.empty() ? Json() : Json(judgement.annotated)},
+          {"annotated", judgement.annotated ? Json("annotated/" + judgement.picture) : Json()},
           {"detections", detections},
           {"statistics", judgement.statistics}};
+}
+
+Json ThresholdsJson(const std::map<std::string, float>& thresholds) {
+  Json json = Json::object();
+  for (const auto& [label, threshold] : thresholds) json[label] = ThresholdJson(threshold);
+  return json;
 }
 
 Json TotalsJson(const Totals& totals, const std::vector<std::string>& classes) {
@@ -100,7 +111,7 @@ Json ScoresJson(const Evaluation& evaluation, const Confusion& which) {
 Json SweepJson(const Evaluation& evaluation) {
   Json thresholds = Json::array();
   for (size_t step = 0; step < Sweep::kSteps; ++step)
-    thresholds.push_back(Rounded(static_cast<double>(Sweep::Threshold(step))));
+    thresholds.push_back(ThresholdJson(Sweep::Threshold(step)));
   Json classes = Json::object();
   for (size_t cls = 0; cls < evaluation.Classes().size(); ++cls)
     classes[evaluation.Classes()[cls]] = SweepOf(evaluation.NetworkSweep(), cls);

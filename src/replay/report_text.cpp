@@ -69,9 +69,10 @@ std::string SweepText(const Sweep& sweep, const std::vector<std::string>& classe
   }
   text += "\n";
   for (size_t cls = 0; cls < classes.size(); ++cls) {
-    if (const std::optional<size_t> best = sweep.Best(cls))
-      text += fmt::format("  {}: best F1 {} at {:.2f}\n", classes[cls],
-                          Figure(sweep.At(cls, *best).F1()), Sweep::Threshold(*best));
+    if (const auto best = sweep.Best(cls))
+      text += fmt::format("  {}: best F1 {} from {:.2f} to {:.2f}\n", classes[cls],
+                          Figure(sweep.At(cls, best->first).F1()), Sweep::Threshold(best->first),
+                          Sweep::Threshold(best->last));
   }
   return text;
 }

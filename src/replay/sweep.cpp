@@ -20,14 +20,17 @@ Scores Sweep::At(size_t cls, size_t step) const {
   return {counts.hits[step], counts.false_alarms[step], counts.objects - counts.hits[step]};
 }
 
-std::optional<size_t> Sweep::Best(size_t cls) const {
-  std::optional<size_t> best;
+std::optional<Sweep::Range> Sweep::Best(size_t cls) const {
+  std::optional<Range> best;
   double highest = -1;
   for (size_t step = 0; step < kSteps; ++step) {
     const std::optional<double> f1 = At(cls, step).F1();
-    if (!f1 || *f1 <= highest) continue;
-    best = step;
-    highest = *f1;
+    if (f1 && *f1 > highest) {
+      best = Range{step, step};
+      highest = *f1;
+    } else if (f1 == highest && best->last + 1 == step) {
+      best->last = step;
+    }
   }
   return best;
 }

@@ -27,8 +27,13 @@ class Sweep {
   void Add(std::span<const Truth> truths, std::span<const Prediction> candidates);
 
   [[nodiscard]] Scores At(size_t cls, size_t step) const;
-  /// The lowest step with the highest F1; nothing for a class that was neither there nor found.
-  [[nodiscard]] std::optional<size_t> Best(size_t cls) const;
+  struct Range {
+    size_t first = 0;
+    size_t last = 0;
+  };
+  /// The steps with the highest F1, from the lowest as far as they follow each other; nothing for a
+  /// class that was neither there nor found.
+  [[nodiscard]] std::optional<Range> Best(size_t cls) const;
 
  private:
   struct Counts {

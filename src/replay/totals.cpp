@@ -11,7 +11,7 @@ void Totals::Add(const Judgement& judgement) {
     return;
   }
   ++judged_;
-  if (judgement.annotated.empty()) ++not_annotated_;
+  if (!judgement.annotated) ++not_annotated_;
   times_.push_back(judgement.milliseconds);
   for (const Find& find : judgement.finds) {
     OfClass& cls = classes_[find.prediction.cls];
