@@ -1,0 +1,179 @@
+// Matching, scores, sweep and plot, against figures worked out by hand.
+#include <gmock/gmock.h>
+
+#include <random>
+#include <regex>
+
+#include "replay/evaluation.h"
+#include "replay/matching.h"
+#include "replay/sweep_plot.h"
+
+namespace varnel::replay {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Pair;
+
+TEST(ReplayMatchingTest, OverlapIsSharedByCommonArea) {
+  const Box box{0, 0, 10, 10};
+  EXPECT_EQ(Iou(box, box), 1);
+  EXPECT_EQ(Iou(box, {0, 0, 10, 5}), 0.5);
+  EXPECT_DOUBLE_EQ(Iou(box, {5, 0, 15, 10}), 50.0 / 150);
+  EXPECT_EQ(Iou(box, {10, 0, 20, 10}), 0);
+  EXPECT_EQ(Iou({1, 1, 1, 1}, {1, 1, 1, 1}), 0);
+}
+
+TEST(ReplayMatchingTest, ThePredictionTakesTheObjectItOverlapsMost) {
+  const std::vector<Truth> truths = {{0, {0, 0, 10, 6}}, {0, {0, 0, 10, 9}}, {1, {0, 0, 10, 10}}};
+  const std::vector<Prediction> predictions = {
+      {0, 0.5F, {0, 0, 10, 10}}, {0, 0.9F, {0, 0, 10, 10}}, {0, 0.4F, {0, 0, 10, 10}}};
+  EXPECT_THAT(MatchWithinClasses(truths, predictions), ElementsAre(0U, 1U, std::nullopt));
+  EXPECT_THAT(MatchAcrossClasses(truths, predictions), ElementsAre(0U, 1U, 2U));
+}
+
+/// Two classes, every way to be right and wrong.
+struct Picture {
+  std::vector<Truth> truths = {{0, {0, 0, 100, 100}},
+                               {0, {200, 0, 300, 100}},
+                               {1, {400, 0, 500, 100}},
+                               {1, {600, 0, 700, 100}}};
+  std::vector<Prediction> predictions = {
+      {0, 0.90F, {0, 0, 100, 100}},    // false alarm: the next one is more probable
+      {0, 0.95F, {0, 0, 100, 60}},     // hit
+      {1, 0.99F, {200, 0, 300, 100}},  // the wrong class
+      {1, 0.80F, {400, 0, 500, 49}},   // overlaps too little: false alarm and miss
+      {0, 0.70F, {600, 0, 700, 100}},  // false alarm: the next one has the right class
+      {1, 0.60F, {600, 0, 700, 100}},  // hit
+  };
+};
+
+TEST(ReplayScoresTest, ConfusionPrecisionRecallAndF1) {
+  const Picture picture;
+  Confusion confusion(2);
+  for (int i = 0; i < 2; ++i) confusion.Add(picture.truths, picture.predictions);
+  std::vector<int64_t> table;
+  for (size_t truth = 0; truth < 3; ++truth)
+    for (size_t found = 0; found < 3; ++found) table.push_back(confusion.Count(truth, found) / 2);
+  EXPECT_THAT(table, ElementsAre(1, 1, 0, 0, 1, 1, 2, 1, 0));
+  for (size_t cls = 0; cls < 2; ++cls) {
+    EXPECT_DOUBLE_EQ(confusion.Of(cls).Precision().value(), 1.0 / 3);
+    EXPECT_DOUBLE_EQ(confusion.Of(cls).Recall().value(), 0.5);
+    EXPECT_DOUBLE_EQ(confusion.Of(cls).F1().value(), 0.4);
+  }
+  const Scores nothing = Confusion(1).Of(0);
+  EXPECT_FALSE(nothing.Precision() || nothing.Recall() || nothing.F1());
+}
+
+TEST(ReplaySweepTest, EachThresholdCutsTheLessProbable) {
+  const Picture picture;
+  Sweep sweep(2);
+  sweep.Add(picture.truths, picture.predictions);
+  const auto at = [&](size_t cls, size_t step) {
+    const Scores scores = sweep.At(cls, step);
+    return std::array{scores.hits, scores.false_alarms, scores.misses};
+  };
+  EXPECT_THAT(at(0, 0), ElementsAre(1, 2, 1)) << "0.05";
+  EXPECT_THAT(at(0, 13), ElementsAre(1, 1, 1)) << "0.70 is not exceeded by 0.70";
+  EXPECT_THAT(at(0, 17), ElementsAre(1, 0, 1)) << "0.90";
+  EXPECT_THAT(at(0, 18), ElementsAre(0, 0, 2)) << "0.95";
+  EXPECT_THAT(at(1, 11), ElementsAre(0, 2, 2)) << "0.60";
+  EXPECT_EQ(sweep.Best(0)->first, 17U);
+  EXPECT_EQ(sweep.Best(0)->last, 17U);
+  EXPECT_EQ(sweep.Best(1)->first, 0U);
+  EXPECT_EQ(sweep.Best(1)->last, 10U);
+  EXPECT_FALSE(Sweep(1).Best(0));
+}
+
+/// What a run with that threshold would have found.
+Scores Rematched(const std::vector<Truth>& truths, const std::vector<Prediction>& all, size_t cls,
+                 float threshold) {
+  std::vector<Prediction> cut;
+  for (const Prediction& prediction : all)
+    if (prediction.cls == cls && prediction.probability > threshold) cut.push_back(prediction);
+  Scores scores;
+  for (const auto& match : MatchWithinClasses(truths, cut))
+    ++(match ? scores.hits : scores.false_alarms);
+  for (const Truth& truth : truths) scores.misses += truth.cls == cls ? 1 : 0;
+  scores.misses -= scores.hits;
+  return scores;
+}
+
+TEST(ReplaySweepTest, IsWhatEachThresholdAloneGives) {
+  std::mt19937 random(5);
+  const auto box = [&random] {
+    const auto left = static_cast<double>(random() % 40);
+    const auto top = static_cast<double>(random() % 40);
+    return Box{left, top, left + 20 + static_cast<double>(random() % 20), top + 30};
+  };
+  std::vector<Truth> truths;
+  std::vector<Prediction> candidates;
+  for (size_t i = 0; i < 12; ++i) truths.push_back({i % 2, box()});
+  for (size_t i = 0; i < 60; ++i)
+    candidates.push_back({i % 2, static_cast<float>(random() % 1000) / 1000, box()});
+  Sweep sweep(2);
+  sweep.Add(truths, candidates);
+  for (size_t step = 0; step < Sweep::kSteps; ++step) {
+    for (size_t cls = 0; cls < 2; ++cls) {
+      const Scores expected = Rematched(truths, candidates, cls, Sweep::Threshold(step));
+      const Scores scores = sweep.At(cls, step);
+      EXPECT_EQ(scores.hits, expected.hits) << step;
+      EXPECT_EQ(scores.false_alarms, expected.false_alarms) << step;
+      EXPECT_EQ(scores.misses, expected.misses) << step;
+    }
+  }
+}
+
+TEST(ReplayEvaluationTest, TellsNetworkFromDecisionAndWhatWasLeftOut) {
+  const Box box{0, 0, 10, 10};
+  Evaluation evaluation({"item"}, {{"a.jpg", {{"item", box}, {"noodle", box}}},
+                                   {"failed.jpg", {{"item", box}}},
+                                   {"missing.jpg", {{"item", box}}}});
+  Judgement judgement;
+  judgement.picture = "a.jpg";
+  judgement.finds = {{{0, 0.9F, box}, 0, true}, {{0, 0.8F, {50, 50, 60, 60}}, 1, false}};
+  evaluation.Add(judgement);
+  judgement.picture = "failed.jpg";
+  judgement.code = -5;
+  evaluation.Add(judgement);
+  EXPECT_EQ(evaluation.Network().Of(0).Precision(), 0.5);
+  EXPECT_EQ(evaluation.Decision().Of(0).Precision(), 1);
+  EXPECT_EQ(evaluation.Decision().Of(0).Recall(), 1);
+  EXPECT_THAT(evaluation.OtherLabels(), ElementsAre(Pair("noodle", 1)));
+  EXPECT_THAT(evaluation.Unseen(), ElementsAre("failed.jpg", "missing.jpg"));
+}
+
+/// Whether every element is closed in its turn.
+bool IsWellFormed(const std::string& xml) {
+  static const std::regex kTag(R"(<(/?)(\w+)((?:\s+[\w:-]+="[^"<&]*")*)\s*(/?)>)");
+  std::vector<std::string> open;
+  for (std::sregex_iterator tag(xml.begin(), xml.end(), kTag), end; tag != end; ++tag) {
+    if ((*tag)[1].length() > 0) {
+      if (open.empty() || open.back() != (*tag)[2]) return false;
+      open.pop_back();
+    } else if ((*tag)[4].length() == 0) {
+      open.push_back((*tag)[2]);
+    }
+  }
+  const std::string rest = std::regex_replace(xml, kTag, "");
+  return open.empty() && rest.find('<') == std::string::npos;
+}
+
+TEST(ReplayPlotTest, IsWellFormedAndBreaksWhereThereIsNoFigure) {
+  Sweep sweep(2);
+  sweep.Add(std::vector<Truth>{{0, {0, 0, 10, 10}}},
+            std::vector<Prediction>{{0, 0.52F, {0, 0, 10, 10}}});
+  const std::string plot = SweepPlot(sweep, {"a<b&c", "absent"}, {{"a<b&c", 0.83F}});
+  EXPECT_TRUE(IsWellFormed(plot));
+  EXPECT_FALSE(IsWellFormed(plot + "<g>"));
+  EXPECT_THAT(plot, HasSubstr("a&lt;b&amp;c recall"));
+  EXPECT_THAT(plot, HasSubstr("threshold 0.83"));
+  EXPECT_THAT(plot, HasSubstr("prefers-color-scheme:dark"));
+  // Precision has a value in the ten steps up to 0.50 only, at the upper edge.
+  EXPECT_THAT(plot, HasSubstr("<polyline class=\"line c0 dash\" points=\"84.0,40.0 "));
+  EXPECT_THAT(plot, HasSubstr(" 300.0,40.0\"/>"));
+  EXPECT_THAT(plot, testing::Not(HasSubstr("polyline class=\"line c1")));
+}
+
+}  // namespace
+}  // namespace varnel::replay
