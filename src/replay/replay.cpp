@@ -127,7 +127,8 @@ class Run {
   [[nodiscard]] bool IsComplete() const {
     if (totals_.NotAnnotated() > 0)
       Complain(std::to_string(totals_.NotAnnotated()) + " annotated pictures cannot be written");
-    if (Interrupted()) Complain("interrupted");
+    const auto seen = static_cast<size_t>(totals_.Judged() + totals_.Failed());
+    if (seen < pictures_.size()) Complain("interrupted");
     return totals_.NotAnnotated() == 0 && static_cast<size_t>(totals_.Judged()) == pictures_.size();
   }
 
@@ -168,6 +169,8 @@ bool Replay(const Options& options, Input input) {
     Complain("annotated pictures would replace those of the folder");
     return false;
   }
+  // What lies there afterwards is of this replay.
+  for (const char* name : {"report.json", "sweep.svg"}) fs::remove(options.out / name);
   const utils::Logger logger("varnel-replay", (options.out / "replay.log").string(), kLogMegabytes,
                              kLogFiles);
   const DivertedOutput output(options.out / "messages.log");
