@@ -96,9 +96,10 @@ class Parser {
     if (result_.options.folder.empty()) result_.error = "which folder?";
     const auto& labels = result_.options.algorithm->labels;
     for (const auto& [label, threshold] : result_.options.thresholds) {
-      if (std::find(labels.begin(), labels.end(), label) == labels.end())
+      if (std::find(labels.begin(), labels.end(), label) == labels.end()) {
         result_.error =
             "--threshold: " + result_.options.algorithm->name + " has no label " + label;
+      }
     }
   }
 

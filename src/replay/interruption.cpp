@@ -1,6 +1,7 @@
 #include "replay/interruption.h"
 
 #include <csignal>
+#include <initializer_list>
 
 namespace varnel::replay {
 namespace {

@@ -50,10 +50,11 @@ Json SweepOf(const Sweep& sweep, size_t cls) {
     recall.push_back(Value(scores.Recall()));
   }
   Json best;
-  if (const auto range = sweep.Best(cls))
+  if (const auto range = sweep.Best(cls)) {
     best = {{"from", ThresholdJson(Sweep::Threshold(range->first))},
             {"to", ThresholdJson(Sweep::Threshold(range->last))},
             {"f1", Value(sweep.At(cls, range->first).F1())}};
+  }
   return {{"recall", recall}, {"precision", precision}, {"best", best}};
 }
 
@@ -80,9 +81,10 @@ Json ThresholdsJson(const std::map<std::string, float>& thresholds) {
 
 Json TotalsJson(const Totals& totals, const std::vector<std::string>& classes) {
   Json labels = Json::object();
-  for (size_t i = 0; i < classes.size(); ++i)
+  for (size_t i = 0; i < classes.size(); ++i) {
     labels[classes[i]] = {{"found", totals.Classes()[i].found},
                           {"stands", totals.Classes()[i].stands}};
+  }
   return {{"judged", totals.Judged()},
           {"not_judged", totals.Failed()},
           {"reasons", totals.Failures()},

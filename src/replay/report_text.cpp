@@ -69,26 +69,30 @@ std::string SweepText(const Sweep& sweep, const std::vector<std::string>& classe
   }
   text += "\n";
   for (size_t cls = 0; cls < classes.size(); ++cls) {
-    if (const auto best = sweep.Best(cls))
+    if (const auto best = sweep.Best(cls)) {
       text += fmt::format("  {}: best F1 {} from {:.2f} to {:.2f}\n", classes[cls],
                           Figure(sweep.At(cls, best->first).F1()), Sweep::Threshold(best->first),
                           Sweep::Threshold(best->last));
+    }
   }
   return text;
 }
 
 std::string LeftOutText(const Evaluation& evaluation) {
   std::string text;
-  for (const auto& [label, count] : evaluation.OtherLabels())
+  for (const auto& [label, count] : evaluation.OtherLabels()) {
     text += fmt::format("{} objects labelled {} left out: the network has no such class\n", count,
                         utils::LogText(label));
+  }
   const std::vector<std::string> unseen = evaluation.Unseen();
-  if (!unseen.empty())
+  if (!unseen.empty()) {
     text += fmt::format("{} labelled pictures were not judged, {} for example\n", unseen.size(),
                         utils::LogText(unseen.front()));
-  if (evaluation.PicturesCut() > 0)
+  }
+  if (evaluation.PicturesCut() > 0) {
     text += fmt::format("{} pictures have more candidates than are counted at low thresholds\n",
                         evaluation.PicturesCut());
+  }
   return text;
 }
 
@@ -98,9 +102,10 @@ std::string TotalsText(const Totals& totals, const std::vector<std::string>& cla
   std::string text = fmt::format("{} pictures judged, {} not\n", totals.Judged(), totals.Failed());
   for (const auto& [reason, count] : totals.Failures())
     text += fmt::format("  {}: {}\n", reason, count);
-  for (size_t i = 0; i < classes.size(); ++i)
+  for (size_t i = 0; i < classes.size(); ++i) {
     text += fmt::format("  {}: {} found, {} of them stand\n", classes[i], totals.Classes()[i].found,
                         totals.Classes()[i].stands);
+  }
   return text + fmt::format("  {:.1f} ms a picture (median {:.1f}, longest {:.1f})\n",
                             totals.MeanTime(), totals.MedianTime(), totals.LongestTime());
 }
