@@ -10,9 +10,11 @@ class RgaLibrary;
 
 /// Where a picture lies in the network's input.
 struct LetterBox {
-  int32_t x_pad = 0;   ///< network pixels left of the picture
-  int32_t y_pad = 0;   ///< network pixels above the picture
-  float scale = 1.0F;  ///< network pixels per picture pixel
+  int32_t x_pad = 0;  ///< network pixels left of the picture
+  int32_t y_pad = 0;  ///< network pixels above the picture
+  /// Network pixels per picture pixel, before the sides were rounded down: at the far edges a
+  /// point maps back up to 4 network pixels off in x and 2 in y, when the sides had to be rounded.
+  float scale = 1.0F;
 };
 
 /// Scales `source` into `destination` keeping its shape, centred, with grey around it. Scaled width

@@ -82,8 +82,8 @@ void VerifyResult(DetectionRun& run, Model& verifier, const Judgement& judgement
     VLOG_INFO(kTag, "verify model check disable this item cls_label_idx:{}", judgement.index);
     result.flag |= kDetectionIgnored;
   }
-  const std::string suffix =
-      std::string(run.request.First() ? ".first" : "") + (rejected ? ".val_fail" : "");
+  const char* first = run.request.First() ? ".first" : "";
+  const char* suffix = rejected ? ".val_fail" : first;
   run.workspace.pictures.SaveCrop(crop.buffer, suffix, verifier.PictureLimit());
 }
 

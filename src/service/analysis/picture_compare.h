@@ -10,7 +10,7 @@ inline constexpr int32_t kCompareReach = 16;
 
 /// How much a picture differs from the reference inside a box: 0 identical, about 1 unrelated.
 ///
-///   diff_ratio = min over (dx, dy) of D(dx, dy) / C(dx, dy), |dx|, |dy| <= kCompareReach
+///   diff_ratio = D(dx, dy) / C(dx, dy) where D is smallest, |dx|, |dy| <= kCompareReach
 ///   D = mean of |p(x, y) - r(x + dx, y + dy)| over the box
 ///   C = max(sqrt(2) * mean of |r - mean r| over the moved box, 6)
 ///

@@ -22,8 +22,8 @@ constexpr std::string_view kPrefix = "printer_detect";
 constexpr std::string_view kEnding = ".jpg";
 /// What a writer leaves behind when the power fails.
 constexpr std::string_view kTemporaryPrefix = ".varnel-";
-/// More cannot be ours, and the next number must fit.
-constexpr size_t kMaxDigits = 18;
+/// More cannot be ours, and however many follow, their numbers must fit.
+constexpr size_t kMaxDigits = 12;
 
 std::optional<uint64_t> NumberOf(std::string_view name) {
   if (!name.starts_with(kPrefix) || !name.ends_with(kEnding)) return std::nullopt;

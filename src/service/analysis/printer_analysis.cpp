@@ -65,6 +65,7 @@ AnalysisResult PrinterAnalysis::DetectPicture(const std::string& path, const jso
 }
 
 int PrinterAnalysis::Detect(const std::string& path, const DetectRequest& request, json& output) {
+  workspace_.latest = {};
   if (!ready_) return kAnalysisNotReady;
   if (path.empty()) {
     VLOG_ERROR(kTag, "DetectPicture error, path is empty");

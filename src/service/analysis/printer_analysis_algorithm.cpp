@@ -65,7 +65,7 @@ int PrinterAnalysisAlgorithm::RunLoaded(DetectionRun& run, json& output) {
             utils::LogText(run.request.status), run.request.z_position, Name(), history_.Size());
   if (run.request.First()) {
     history_.Clear();
-    // What an earlier print left must not speak for this one, even if this picture fails.
+    // What an earlier print left must not speak for this one, even if this picture cannot be used.
     run.workspace.reference.Forget();
   }
   int code = kAnalysisUnreadable;

@@ -26,6 +26,10 @@ bool IsLargeEnough(const DetectionBox& box) {
   return box.right - box.left >= kMinSide && box.bottom - box.top >= kMinSide;
 }
 
+double Area(const DetectionBox& box) {
+  return (double{0} + box.right - box.left) * (double{0} + box.bottom - box.top);
+}
+
 double InclusiveArea(const DetectionBox& box) {
   return (double{1} + box.right - box.left) * (double{1} + box.bottom - box.top);
 }
@@ -40,7 +44,7 @@ bool IsSamePlace(const DetectionBox& box, const DetectionBox& remembered) {
   const double area = InclusiveArea(box);
   const double remembered_area = InclusiveArea(remembered);
   return std::abs(box.top - remembered.top) <= kMaxTopDistance && IsLargeEnough(box) &&
-         IsLargeEnough(remembered) && area < kMaxGrowth * remembered_area &&
+         IsLargeEnough(remembered) && Area(box) < kMaxGrowth * Area(remembered) &&
          InclusiveOverlap(box, remembered) >= kMinOverlap * std::min(area, remembered_area);
 }
 
@@ -81,11 +85,12 @@ std::optional<KnownObject> ReferencePicture::FindKnown(const Detection& result,
     return Compare(result, picture, {}, kThresholdWithoutBox);
   }
   if (box.bottom > picture_.buffer.height) return std::nullopt;
-  for (const RememberedBox& remembered : boxes_) {
-    if (remembered.cls_id != result.cls_id || !IsSamePlace(box, remembered.box)) continue;
-    if (auto known = Compare(result, picture, remembered, kThreshold)) return known;
-  }
-  return std::nullopt;
+  // What is compared does not depend on which of several boxes it matches.
+  const auto remembered = std::find_if(boxes_.begin(), boxes_.end(), [&](const auto& one) {
+    return one.cls_id == result.cls_id && IsSamePlace(box, one.box);
+  });
+  if (remembered == boxes_.end()) return std::nullopt;
+  return Compare(result, picture, *remembered, kThreshold);
 }
 
 std::optional<KnownObject> ReferencePicture::Compare(const Detection& result,
