@@ -1,10 +1,14 @@
 #include "service/analysis/printer_analysis.h"
 
 #include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/resource.h>
 
+#include <cstring>
 #include <random>
 
 #include "service/analysis/analysis_world.h"
+#include "service/analysis/jpeg_files.h"
 
 namespace varnel::service {
 namespace {
@@ -92,6 +96,27 @@ TEST_F(PrinterAnalysisTest, EachCauseHasItsCodeAndText) {
     EXPECT_NE(log_.Text().find(line), std::string::npos) << line;
 }
 
+TEST_F(PrinterAnalysisTest, KindAndBrightnessOfAPictureDecideItsCode) {
+  Boot();
+  const struct {
+    const char* name;
+    std::string file;
+    int code;
+  } kinds[] = {
+      {"grey", Jpeg(TJPF_GRAY, TJSAMP_GRAY, 0), 0},
+      {"progressive", ProgressiveJpeg(), 0},
+      {"truncated", GoodJpeg().substr(0, GoodJpeg().size() * 3 / 4), 0},
+      {"cmyk", Jpeg(TJPF_CMYK, TJSAMP_444, 0), -5},
+      {"more than 64 million pixels", ResizedJpeg(8001, 8000), -5},
+  };
+  for (const auto& kind : kinds)
+    EXPECT_EQ(Code(dir_.Write("kind.jpg", kind.file), kNoodle), kind.code) << kind.name;
+  const std::pair<uint8_t, int> greys[] = {{29, -3}, {30, 0}, {190, 0}, {191, -3}};
+  for (const auto& [grey, code] : greys)
+    EXPECT_EQ(Code(Save(Plain(64, 64, grey)), kNoodle), code) << int{grey};
+  EXPECT_EQ(TheNpuScript().runs, 5);
+}
+
 TEST_F(PrinterAnalysisTest, ANetworkThatCannotBeLoadedIsTriedAgain) {
   Boot();
   TheNpuScript().failures = {{"rknn_init", {.code = -6}}};
@@ -174,6 +199,40 @@ TEST_F(PrinterAnalysisTest, NoodlesAreVerifiedAndCountedOverThePrint) {
       log_.Has("ANALYSIS", "detect status: status:  z: 0 name: noodle_algorithm his size: 3"));
   EXPECT_THAT(Files("crop"), SizeIs(6)) << "of the two pictures that failed";
   EXPECT_THAT(Files("crop"), testing::Contains("printer_detect4.val_fail.jpg"));
+}
+
+TEST_F(PrinterAnalysisTest, WhatTheVerifyingNetworkCannotTellCounts) {
+  const struct {
+    const char* call;  ///< passes for the detection network and fails for the verifying one
+    const char* setting;
+    const char* instead;
+    const char* line;
+  } cases[] = {
+      {"rknn_inputs_set", "", "", "verify model noodle_verify failed ret=-2"},
+      {"rknn_run", "", "", "verify model noodle_verify failed ret=-2"},
+      {"rknn_outputs_get", "", "", "verify model noodle_verify failed ret=-2"},
+      {"", "\"cls_label_idx\": 1", "\"cls_label_idx\": 2",
+       "verify model noodle_verify has 2 values, none with index 2"},
+      {"", "\"cls_label_idx\": 1", "\"cls_label_idx\": -1",
+       "verify model noodle_verify has 2 values, none with index -1"},
+      {"", "verify_noodle", "verify_other", "cannot find verify_model for verify_noodle"},
+  };
+  VerifierSays(0);  // whoever hears it, rejects the find
+  NoodlesAre({{}});
+  for (const auto& test : cases) {
+    std::string config(kBuiltInModelConfig);
+    config.replace(config.find(test.setting), std::strlen(test.setting), test.instead);
+    Boot(config);
+    TheNpuScript().failures = {{test.call, {.code = -2, .passing = 1}}};
+    const std::string name = std::string(test.call) + test.instead;
+    const size_t told = log_.Count("ANALYSIS", test.line);
+    EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1) << name;
+    EXPECT_EQ(result_.code, 0) << name;
+    EXPECT_EQ(log_.Count("ANALYSIS", test.line), told + 1) << name;
+    EXPECT_THAT(TheNpuScript().files, ElementsAre(testing::Pair(testing::_, "print_check.fp.rknn")))
+        << name;
+    EXPECT_THAT(TheNpuScript().outputs, IsEmpty()) << name;
+  }
 }
 
 TEST_F(PrinterAnalysisTest, ARequestMayHaveItsOwnThreshold) {
