@@ -362,6 +362,59 @@ TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutResultDirectories) {
   EXPECT_THAT(Files("det"), SizeIs(1)) << "made again";
 }
 
+/// While it lives, no file gets longer than this: the disk is full.
+class FullDisk {
+ public:
+  explicit FullDisk(rlim_t bytes) : before_signal_(::signal(SIGXFSZ, SIG_IGN)) {
+    ::getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit full{bytes, before_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &full);
+  }
+  ~FullDisk() {
+    ::setrlimit(RLIMIT_FSIZE, &before_);
+    ::signal(SIGXFSZ, before_signal_);
+  }
+  FullDisk(const FullDisk&) = delete;
+  FullDisk& operator=(const FullDisk&) = delete;
+
+ private:
+  const sighandler_t before_signal_;
+  rlimit before_{};
+};
+
+TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutRoomForTheirPictures) {
+  bool room = false;
+  has_space_ = [&](const fs::path& directory) {
+    EXPECT_EQ(directory, dir_ / "results/org");
+    return room;
+  };
+  Boot();
+  NoodlesAre({{}});
+  const char* const directories[] = {"crop", "org", "det", "positive/org", "positive/det"};
+  const auto expect_pictures = [&](size_t count) {
+    for (const char* directory : directories) EXPECT_THAT(Files(directory), SizeIs(count));
+  };
+  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1);
+  expect_pictures(0);
+  EXPECT_EQ(log_.Text().find("] save "), std::string::npos) << "not even tried";
+  room = true;
+  const std::string picture = Save(Plain(640, 640, 128));
+  ASSERT_GT(fs::file_size(picture), 1000U);
+  {
+    const FullDisk full(100);
+    EXPECT_EQ(Code(picture, kNoodle), 0);
+  }
+  EXPECT_EQ(result_.data["noodle"]["obj_cnts"], 2);
+  for (const char* name :
+       {"crop/printer_detect1.jpg", "org/printer_detect2.org.jpg", "det/printer_detect2.det.jpg",
+        "positive/org/printer_detect2.org.jpg", "positive/det/printer_detect2.det.jpg"})
+    EXPECT_TRUE(log_.Has("ANALYSIS", "save " + (dir_ / "results" / name).string() + " failed"))
+        << name;
+  expect_pictures(0);
+  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 3);
+  expect_pictures(1);
+}
+
 /// What must be on the NPU after a request, whatever came before it.
 TEST_F(PrinterAnalysisTest, OneDetectionNetworkIsOnTheNpuAtATime) {
   Boot();
