@@ -37,8 +37,8 @@ QuietOutput::~QuietOutput() {
   close(before_);
 }
 
-void CompareInTurns(Report& report, const std::string& name, int runs, double limit,
-                    const std::function<void()>& ours, const std::function<void()>& reference) {
+double MeasureInTurns(Report& report, const std::string& name, int runs,
+                      const std::function<void()>& ours, const std::function<void()>& reference) {
   std::vector<double> our_times;
   std::vector<double> reference_times;
   {
@@ -52,7 +52,12 @@ void CompareInTurns(Report& report, const std::string& name, int runs, double li
   const double reference_median = Percentile(reference_times, 0.5);
   report.Figure(name + ", median", our_median, "ms");
   report.Figure(name + ", reference, median", reference_median, "ms");
-  report.AtMost(name + ", ratio", our_median / reference_median, limit);
+  return our_median / reference_median;
+}
+
+void CompareInTurns(Report& report, const std::string& name, int runs, double limit,
+                    const std::function<void()>& ours, const std::function<void()>& reference) {
+  report.AtMost(name + ", ratio", MeasureInTurns(report, name, runs, ours, reference), limit);
 }
 
 }  // namespace varnel::bench

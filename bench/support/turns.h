@@ -23,7 +23,12 @@ class QuietOutput {
   const int before_;
 };
 
-/// Reports the medians of two jobs that take turns, and their ratio against the limit.
+/// Reports the medians of two jobs that take turns.
+/// @return their ratio
+double MeasureInTurns(Report& report, const std::string& name, int runs,
+                      const std::function<void()>& ours, const std::function<void()>& reference);
+
+/// The same with their ratio against the limit.
 void CompareInTurns(Report& report, const std::string& name, int runs, double limit,
                     const std::function<void()>& ours, const std::function<void()>& reference);
 

@@ -71,6 +71,7 @@ class AnalysisWorld {
     AnalysisSetup setup;
     setup.models = dir_ / "model";
     setup.results = dir_ / "results";
+    setup.has_space = has_space_;
     setup.library = &library_;
     setup.config = config;
     analysis_ = std::make_unique<PrinterAnalysis>(setup);
@@ -116,6 +117,7 @@ class AnalysisWorld {
 
   test::LogCapture log_;
   test::TempDir dir_;
+  ResultPictures::SpaceCheck has_space_;
   const RknnLibrary library_{{kNpuStandIn}};
   std::unique_ptr<PrinterAnalysis> analysis_;
   AnalysisResult result_;

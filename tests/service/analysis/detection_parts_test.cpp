@@ -230,6 +230,11 @@ TEST_F(PictureDirectoryTest, WhatOthersDoToItIsNoticed) {
   EXPECT_EQ(directory_.Count(), 0U);
   std::filesystem::remove(dir_ / "org");
   EXPECT_NE(Add(5), "");
+  const auto fails = [](const std::string&) { return false; };
+  EXPECT_EQ(directory_.Add("printer_detect6.jpg", 3, fails), "");
+  EXPECT_TRUE(
+      log_.Has("ANALYSIS", "save " + (dir_ / "org/printer_detect6.jpg").string() + " failed"));
+  EXPECT_EQ(directory_.HighestNumber(), 5U);
   EXPECT_EQ(PictureDirectory().Add("x", 3, {}), "");
   EXPECT_TRUE(log_.Has("ANALYSIS", "saving image path is empty"));
 }

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "service/analysis/image_layout.h"
+#include "service/analysis/jpeg_files.h"
 #include "support/temp_dir.h"
 
 namespace varnel::service {
@@ -21,8 +22,8 @@ using testing::StartsWith;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 
-constexpr int32_t kWidth = 80;
-constexpr int32_t kHeight = 48;
+constexpr int32_t kWidth = kJpegWidth;
+constexpr int32_t kHeight = kJpegHeight;
 
 /// A smooth picture, with unused pixels behind each row.
 Image Gradient(PixelFormat format = PixelFormat::kRgb888) {
@@ -37,43 +38,9 @@ Image Gradient(PixelFormat format = PixelFormat::kRgb888) {
   return image;
 }
 
-std::string Jpeg(int pixel_format, int subsampling, int flags) {
-  const std::unique_ptr<void, int (*)(tjhandle)> handle(tjInitCompress(), tjDestroy);
-  std::vector<uint8_t> pixels(size_t{kWidth} * kHeight * 4);
-  for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = static_cast<uint8_t>(i * i / 64);
-  unsigned char* bytes = nullptr;
-  unsigned long size = 0;
-  EXPECT_EQ(tjCompress2(handle.get(), pixels.data(), kWidth, 0, kHeight, pixel_format, &bytes,
-                        &size, subsampling, 90, flags),
-            0);
-  std::string file(reinterpret_cast<const char*>(bytes), size);
-  tjFree(bytes);
-  return file;
-}
-
-const std::string& Good() {
-  static const std::string kFile = Jpeg(TJPF_RGB, TJSAMP_420, 0);
-  return kFile;
-}
-
-std::string Progressive() {
-  return Jpeg(TJPF_RGB, TJSAMP_420, TJFLAG_PROGRESSIVE);
-}
-
-/// The same file claiming another size.
-std::string Resized(uint16_t width, uint16_t height) {
-  std::string file = Good();
-  const size_t frame = file.find("\xff\xc0");
-  for (const auto& [at, side] : {std::pair(frame + 5, height), std::pair(frame + 7, width)}) {
-    file[at] = static_cast<char>(side >> 8U);
-    file[at + 1] = static_cast<char>(side & 0xffU);
-  }
-  return file;
-}
-
 /// A progressive file whose last scan comes 600 times.
 std::string ScanBomb() {
-  std::string file = Progressive();
+  std::string file = ProgressiveJpeg();
   const size_t scan = file.rfind("\xff\xda");
   const std::string last = file.substr(scan, file.size() - 2 - scan);
   for (int i = 0; i < 600; ++i) file.insert(scan, last);
@@ -82,7 +49,7 @@ std::string ScanBomb() {
 
 /// The first scan lacks bytes, which is a warning; then comes what no file may have.
 std::string WarningThenFailure() {
-  std::string file = Progressive();
+  std::string file = ProgressiveJpeg();
   size_t marker = file.find("\xff\xda") + 2;
   do {
     marker = file.find('\xff', marker + 1);
@@ -101,9 +68,9 @@ int ReadQuietly(const std::string& path, Image& image, std::string& printed) {
 TEST(ReadImage, DecodesEveryKindToPackedRgb) {
   const TempDir directory;
   const std::pair<const char*, std::string> files[] = {
-      {"rgb.jpg", Good()},
+      {"rgb.jpg", GoodJpeg()},
       {"grey.jpeg", Jpeg(TJPF_GRAY, TJSAMP_GRAY, 0)},
-      {"progressive.JPG", Progressive()},
+      {"progressive.JPG", ProgressiveJpeg()},
       {"full.JPEG", Jpeg(TJPF_RGB, TJSAMP_444, 0)}};
   Image image;
   for (const auto& [name, bytes] : files) {
@@ -127,9 +94,9 @@ TEST(ReadImage, SaysWhyAFileIsRefused) {
   const std::tuple<const char*, std::string, std::string> files[] = {
       {"empty.jpg", "", empty},
       {"text.jpg", "this is no picture at all", failed},
-      {"cut_header.jpg", Good().substr(0, 100), failed},
+      {"cut_header.jpg", GoodJpeg().substr(0, 100), failed},
       {"cmyk.jpg", Jpeg(TJPF_CMYK, TJSAMP_444, 0), "error : CMYK pictures are not supported\n"},
-      {"large.jpg", Resized(8001, 8000), "error : a picture of 8001x8000 is too large\n"},
+      {"large.jpg", ResizedJpeg(8001, 8000), "error : a picture of 8001x8000 is too large\n"},
       {"bomb.jpg", ScanBomb(), failed},
       {"broken.jpg", WarningThenFailure(), failed},
       {"empty.data", "", "fread " + (directory / "empty.data").string() + " fail!\n"},
@@ -155,8 +122,8 @@ TEST(ReadImage, UsesATruncatedFileWithTheDecodersWarning) {
   Image whole;
   Image cut;
   std::string printed;
-  ASSERT_EQ(ReadQuietly(directory.Write("whole.jpg", Good()), whole, printed), 0);
-  const auto path = directory.Write("cut.jpg", Good().substr(0, Good().size() * 3 / 4));
+  ASSERT_EQ(ReadQuietly(directory.Write("whole.jpg", GoodJpeg()), whole, printed), 0);
+  const auto path = directory.Write("cut.jpg", GoodJpeg().substr(0, GoodJpeg().size() * 3 / 4));
   EXPECT_EQ(ReadQuietly(path, cut, printed), 0);
   EXPECT_THAT(printed, StartsWith("warning : errorStr:"));
   EXPECT_THAT(printed, HasSubstr(", errorCode:0\n"));

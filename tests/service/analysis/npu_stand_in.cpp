@@ -48,12 +48,17 @@ VARNEL_EXPORTED int rknn_init(RknnHandle* handle, void* model, uint32_t size, ui
   *handle = static_cast<RknnHandle>(++script.inits);
   script.loaded[*handle] = network->second;
   script.highest_loaded = std::max(script.highest_loaded, script.loaded.size());
+  script.files[*handle] = path.filename();
+  std::set<std::string> company;
+  for (const auto& [other, file] : script.files) company.insert(file);
+  script.companies.insert(std::move(company));
   return kRknnSuccess;
 }
 
 VARNEL_EXPORTED int rknn_destroy(RknnHandle handle) {
   if (Find(handle) == nullptr) return kRknnContextInvalid;
   Script().loaded.erase(handle);
+  Script().files.erase(handle);
   return Fault("rknn_destroy");
 }
 

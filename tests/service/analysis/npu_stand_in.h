@@ -91,6 +91,8 @@ struct NpuScript {
 
   std::map<RknnHandle, ScriptedNetwork> loaded;
   size_t highest_loaded = 0;
+  std::map<RknnHandle, std::string> files;    ///< of `loaded`
+  std::set<std::set<std::string>> companies;  ///< every set of `files` that was loaded together
   int inits = 0;
   int runs = 0;
   std::set<void*> outputs;         ///< handed out and not given back

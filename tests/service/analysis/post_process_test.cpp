@@ -326,6 +326,24 @@ TEST(PostProcessTest, ReturnsThe128BestOfMoreInAFixedOrder) {
   ExpectLikeOracle(outputs);
 }
 
+TEST(PostProcessTest, CutsFrom129SurvivorsOnwards) {
+  Outputs outputs(128, 128, 1, 4, {{16, 16}});
+  for (int cell = 0; cell < 129; ++cell) {
+    const float score = 0.51F + 0.003F * static_cast<float>(cell);
+    outputs.Place(0, cell / 16, cell % 16, 0, score, {0, 0, 0, 0});
+  }
+  ExpectLikeOracle(outputs);
+  const DetectionList cut = outputs.Process();
+  ASSERT_EQ(cut.count, 128);
+  EXPECT_EQ(cut.results[0].box.top, 68) << "the cell of the ninth row";
+  EXPECT_EQ(cut.results[127].box.left, 12) << "the worst, in the first cell, is cut off";
+  outputs.Score(0, 0, 0, 0) = 0;
+  ExpectLikeOracle(outputs);
+  const DetectionList whole = outputs.Process();
+  ASSERT_EQ(whole.count, 128);
+  EXPECT_EQ(whole.results[127].prop, cut.results[127].prop);
+}
+
 TEST(PostProcessTest, RefusesOutputsSmallerThanTheirShape) {
   const Outputs outputs(64, 64, 2, 16, {{8, 8}, {4, 4}, {2, 2}});
   const auto code = [&](auto change) {

@@ -1,10 +1,14 @@
 #include "service/analysis/printer_analysis.h"
 
 #include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/resource.h>
 
+#include <cstring>
 #include <random>
 
 #include "service/analysis/analysis_world.h"
+#include "service/analysis/jpeg_files.h"
 
 namespace varnel::service {
 namespace {
@@ -92,6 +96,27 @@ TEST_F(PrinterAnalysisTest, EachCauseHasItsCodeAndText) {
     EXPECT_NE(log_.Text().find(line), std::string::npos) << line;
 }
 
+TEST_F(PrinterAnalysisTest, KindAndBrightnessOfAPictureDecideItsCode) {
+  Boot();
+  const struct {
+    const char* name;
+    std::string file;
+    int code;
+  } kinds[] = {
+      {"grey", Jpeg(TJPF_GRAY, TJSAMP_GRAY, 0), 0},
+      {"progressive", ProgressiveJpeg(), 0},
+      {"truncated", GoodJpeg().substr(0, GoodJpeg().size() * 3 / 4), 0},
+      {"cmyk", Jpeg(TJPF_CMYK, TJSAMP_444, 0), -5},
+      {"more than 64 million pixels", ResizedJpeg(8001, 8000), -5},
+  };
+  for (const auto& kind : kinds)
+    EXPECT_EQ(Code(dir_.Write("kind.jpg", kind.file), kNoodle), kind.code) << kind.name;
+  const std::pair<uint8_t, int> greys[] = {{29, -3}, {30, 0}, {190, 0}, {191, -3}};
+  for (const auto& [grey, code] : greys)
+    EXPECT_EQ(Code(Save(Plain(64, 64, grey)), kNoodle), code) << int{grey};
+  EXPECT_EQ(TheNpuScript().runs, 5);
+}
+
 TEST_F(PrinterAnalysisTest, ANetworkThatCannotBeLoadedIsTriedAgain) {
   Boot();
   TheNpuScript().failures = {{"rknn_init", {.code = -6}}};
@@ -174,6 +199,40 @@ TEST_F(PrinterAnalysisTest, NoodlesAreVerifiedAndCountedOverThePrint) {
       log_.Has("ANALYSIS", "detect status: status:  z: 0 name: noodle_algorithm his size: 3"));
   EXPECT_THAT(Files("crop"), SizeIs(6)) << "of the two pictures that failed";
   EXPECT_THAT(Files("crop"), testing::Contains("printer_detect4.val_fail.jpg"));
+}
+
+TEST_F(PrinterAnalysisTest, WhatTheVerifyingNetworkCannotTellCounts) {
+  const struct {
+    const char* call;  ///< passes for the detection network and fails for the verifying one
+    const char* setting;
+    const char* instead;
+    const char* line;
+  } cases[] = {
+      {"rknn_inputs_set", "", "", "verify model noodle_verify failed ret=-2"},
+      {"rknn_run", "", "", "verify model noodle_verify failed ret=-2"},
+      {"rknn_outputs_get", "", "", "verify model noodle_verify failed ret=-2"},
+      {"", "\"cls_label_idx\": 1", "\"cls_label_idx\": 2",
+       "verify model noodle_verify has 2 values, none with index 2"},
+      {"", "\"cls_label_idx\": 1", "\"cls_label_idx\": -1",
+       "verify model noodle_verify has 2 values, none with index -1"},
+      {"", "verify_noodle", "verify_other", "cannot find verify_model for verify_noodle"},
+  };
+  VerifierSays(0);  // whoever hears it, rejects the find
+  NoodlesAre({{}});
+  for (const auto& test : cases) {
+    std::string config(kBuiltInModelConfig);
+    config.replace(config.find(test.setting), std::strlen(test.setting), test.instead);
+    Boot(config);
+    TheNpuScript().failures = {{test.call, {.code = -2, .passing = 1}}};
+    const std::string name = std::string(test.call) + test.instead;
+    const size_t told = log_.Count("ANALYSIS", test.line);
+    EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1) << name;
+    EXPECT_EQ(result_.code, 0) << name;
+    EXPECT_EQ(log_.Count("ANALYSIS", test.line), told + 1) << name;
+    EXPECT_THAT(TheNpuScript().files, ElementsAre(testing::Pair(testing::_, "print_check.fp.rknn")))
+        << name;
+    EXPECT_THAT(TheNpuScript().outputs, IsEmpty()) << name;
+  }
 }
 
 TEST_F(PrinterAnalysisTest, ARequestMayHaveItsOwnThreshold) {
@@ -303,6 +362,59 @@ TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutResultDirectories) {
   EXPECT_THAT(Files("det"), SizeIs(1)) << "made again";
 }
 
+/// While it lives, no file gets longer than this: the disk is full.
+class FullDisk {
+ public:
+  explicit FullDisk(rlim_t bytes) : before_signal_(::signal(SIGXFSZ, SIG_IGN)) {
+    ::getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit full{bytes, before_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &full);
+  }
+  ~FullDisk() {
+    ::setrlimit(RLIMIT_FSIZE, &before_);
+    ::signal(SIGXFSZ, before_signal_);
+  }
+  FullDisk(const FullDisk&) = delete;
+  FullDisk& operator=(const FullDisk&) = delete;
+
+ private:
+  const sighandler_t before_signal_;
+  rlimit before_{};
+};
+
+TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutRoomForTheirPictures) {
+  bool room = false;
+  has_space_ = [&](const fs::path& directory) {
+    EXPECT_EQ(directory, dir_ / "results/org");
+    return room;
+  };
+  Boot();
+  NoodlesAre({{}});
+  const char* const directories[] = {"crop", "org", "det", "positive/org", "positive/det"};
+  const auto expect_pictures = [&](size_t count) {
+    for (const char* directory : directories) EXPECT_THAT(Files(directory), SizeIs(count));
+  };
+  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1);
+  expect_pictures(0);
+  EXPECT_EQ(log_.Text().find("] save "), std::string::npos) << "not even tried";
+  room = true;
+  const std::string picture = Save(Plain(640, 640, 128));
+  ASSERT_GT(fs::file_size(picture), 1000U);
+  {
+    const FullDisk full(100);
+    EXPECT_EQ(Code(picture, kNoodle), 0);
+  }
+  EXPECT_EQ(result_.data["noodle"]["obj_cnts"], 2);
+  for (const char* name :
+       {"crop/printer_detect1.jpg", "org/printer_detect2.org.jpg", "det/printer_detect2.det.jpg",
+        "positive/org/printer_detect2.org.jpg", "positive/det/printer_detect2.det.jpg"})
+    EXPECT_TRUE(log_.Has("ANALYSIS", "save " + (dir_ / "results" / name).string() + " failed"))
+        << name;
+  expect_pictures(0);
+  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 3);
+  expect_pictures(1);
+}
+
 /// What must be on the NPU after a request, whatever came before it.
 TEST_F(PrinterAnalysisTest, OneDetectionNetworkIsOnTheNpuAtATime) {
   Boot();
@@ -328,7 +440,11 @@ TEST_F(PrinterAnalysisTest, OneDetectionNetworkIsOnTheNpuAtATime) {
     ASSERT_EQ(TheNpuScript().loaded.size(), wrap ? before : leaves ? 0U : 1U) << i;
     ASSERT_THAT(TheNpuScript().outputs, IsEmpty());
   }
-  EXPECT_EQ(TheNpuScript().highest_loaded, 2U) << "a detection network and the verifying one";
+  EXPECT_THAT(TheNpuScript().companies,
+              ElementsAre(ElementsAre("bed_check.fp.rknn"),
+                          ElementsAre("noodle_verify.fp.rknn", "print_check.fp.rknn"),
+                          ElementsAre("print_check.fp.rknn")))
+      << "never both detection networks, and the verifying one only beside that of noodles";
   analysis_.reset();
   EXPECT_TRUE(log_.Has("ANALYSIS", "PrinterAnalysis releasing..."));
 }
