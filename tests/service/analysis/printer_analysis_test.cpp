@@ -407,9 +407,10 @@ TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutRoomForTheirPictures) {
   EXPECT_EQ(result_.data["noodle"]["obj_cnts"], 2);
   for (const char* name :
        {"crop/printer_detect1.jpg", "org/printer_detect2.org.jpg", "det/printer_detect2.det.jpg",
-        "positive/org/printer_detect2.org.jpg", "positive/det/printer_detect2.det.jpg"})
+        "positive/org/printer_detect2.org.jpg", "positive/det/printer_detect2.det.jpg"}) {
     EXPECT_TRUE(log_.Has("ANALYSIS", "save " + (dir_ / "results" / name).string() + " failed"))
         << name;
+  }
   expect_pictures(0);
   EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 3);
   expect_pictures(1);
