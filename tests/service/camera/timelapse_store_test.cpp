@@ -252,7 +252,7 @@ TEST_F(TimelapseStoreTest, TwoProcessesLoseNoUpdate) {
   int status = -1;
   ::waitpid(child, &status, 0);
   EXPECT_EQ(status, 0);
-  EXPECT_EQ(Listed({}).size(), size_t{2 * kFilms});
+  EXPECT_EQ(Listed({}).size(), size_t{2} * kFilms);
 }
 
 }  // namespace
