@@ -124,9 +124,11 @@ TEST_F(OpenSSLCryptoTest, OpensslMakesTheSameAndOpensItForEverySizeAndSaltMode) 
 
 TEST_F(OpenSSLCryptoTest, ALargeFile) {
   const fs::path plain = dir_.Write("plain", Content(100'000'000));
-  OpenSSLCrypto crypto = Make(SaltMode::kRandomPerFile);
-  crypto.EncryptFile(plain, dir_ / "ours");
-  ExpectInterchangeable(plain, crypto.Salt());
+  for (const SaltMode mode : {SaltMode::kFixed, SaltMode::kRandomOnce, SaltMode::kRandomPerFile}) {
+    OpenSSLCrypto crypto = Make(mode);
+    crypto.EncryptFile(plain, dir_ / "ours");
+    ExpectInterchangeable(plain, crypto.Salt());
+  }
 }
 
 TEST_F(OpenSSLCryptoTest, AnyPasswordAndAnyLengthOfAFixedSalt) {
