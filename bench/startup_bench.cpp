@@ -3,6 +3,7 @@
 // --log-dir. No daemon may be running.
 #include <signal.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "support/caller.h"
@@ -68,14 +69,18 @@ int Measure(const Options& options) {
   uint64_t id = 0;
   std::vector<double> daemon;
   std::vector<double> reference;
-  for (int round = 0; round < options.Number("rounds", 3); ++round) {
+  for (int round = 0; round < options.Number("rounds", 5); ++round) {
     daemon.push_back(DaemonStart(options, link, id));
     reference.push_back(ReferenceStart(options));
   }
   Report report;
-  report.Figure("start-up to first answer, daemon without warm-up", Percentile(daemon, 0.5), "ms");
-  report.Figure("start-up, reference", Percentile(reference, 0.5), "ms");
-  report.AtMost("start-up, ratio", Percentile(daemon, 0.5) / Percentile(reference, 0.5), 3);
+  // The fastest of each: the MQTT library, in which both connect, looks every 100 ms only, and that
+  // hits some starts of either.
+  const double ours = *std::min_element(daemon.begin(), daemon.end());
+  const double theirs = *std::min_element(reference.begin(), reference.end());
+  report.Figure("start-up to first answer, daemon without warm-up", ours, "ms");
+  report.Figure("start-up, reference", theirs, "ms");
+  report.AtMost("start-up, ratio", ours / theirs, 3);
   return report.ExitStatus();
 }
 
