@@ -290,9 +290,9 @@ class KilledPrint {
         << "a film is lost";
     ExpectPlays(film, photos + 1);
     if (random_() % 2 == 0) return;
-    (void)served_->rpc.Post("camera.delete_timelapse_instance",
-                            {{"date_index", film["date_index"]}});
-    (void)MaybeKill(false);
+    const json deletion = served_->rpc.Post("camera.delete_timelapse_instance",
+                                            {{"date_index", film["date_index"]}});
+    if (!MaybeKill(false)) (void)served_->rpc.Await(deletion);
   }
 
   static json StartParams(const char* type) {
