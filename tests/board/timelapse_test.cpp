@@ -290,8 +290,8 @@ class KilledPrint {
         << "a film is lost";
     ExpectPlays(film, photos + 1);
     if (random_() % 2 == 0) return;
-    const json deletion = served_->rpc.Post("camera.delete_timelapse_instance",
-                                            {{"date_index", film["date_index"]}});
+    const json deletion =
+        served_->rpc.Post("camera.delete_timelapse_instance", {{"date_index", film["date_index"]}});
     if (!MaybeKill(false)) (void)served_->rpc.Await(deletion);
   }
 
