@@ -16,7 +16,8 @@ namespace varnel::comms {
 
 /// Turns the context pointers that a C library hands back into live objects. The library may call
 /// back after its handle was destroyed, so a context is a number that is looked up, never an
-/// address. Thread-safe; the process-wide instance outlives every library thread.
+/// address. Its upper half names the handle, its lower half is free for a number that tells the
+/// calls on one handle apart. Thread-safe; the process-wide instance outlives every library thread.
 template <class Client>
 class CallbackRegistry {
  public:
@@ -31,7 +32,15 @@ class CallbackRegistry {
     std::lock_guard lock(mutex_);
     const uintptr_t id = ++last_id_;
     entries_[id] = Entry{client, 0, false};
-    return reinterpret_cast<void*>(id);  // NOLINT(performance-no-int-to-ptr): only ever a number
+    return AsContext(id << kNumberBits);
+  }
+
+  /// The same handle's context with a number of the caller's.
+  static void* WithNumber(void* context, uint32_t number) {
+    return AsContext(Key(context) << kNumberBits | number);
+  }
+  static uint32_t NumberOf(void* context) {
+    return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(context));
   }
 
   /// Waits until no callback of this context runs; false when `limit` came first.
@@ -98,7 +107,14 @@ class CallbackRegistry {
     idle_.notify_all();
   }
 
-  static uintptr_t Key(void* context) { return reinterpret_cast<uintptr_t>(context); }
+  static constexpr int kNumberBits = 32;
+  static_assert(sizeof(uintptr_t) == 8);
+  static void* AsContext(uintptr_t bits) {
+    return reinterpret_cast<void*>(bits);  // NOLINT(performance-no-int-to-ptr): only ever a number
+  }
+  static uintptr_t Key(void* context) {
+    return reinterpret_cast<uintptr_t>(context) >> kNumberBits;
+  }
 
   int Active(void* context) const {
     const auto entry = entries_.find(Key(context));

@@ -1,5 +1,7 @@
 #include "comms/client_mqtt_async.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -13,7 +15,10 @@ namespace {
 
 constexpr const char* kTag = "MQTT";
 constexpr int kMaxBufferedMessages = 100;
+/// A full library buffer is asked again after this time, should no message leave it before.
 constexpr std::chrono::milliseconds kRoomPoll{5};
+/// Of what TLS says about one attempt; the log has all of it.
+constexpr size_t kMaxTlsText = 500;
 constexpr int kDisconnectLimitMs = 500;
 /// The broker does not send us more at once: the library would take any size into memory.
 constexpr unsigned kMaxReceivedPacket = 64U << 20;
@@ -35,25 +40,42 @@ MQTTAsync_SSLOptions TlsOptions(const MqttConnectSettings& settings) {
   options.disableDefaultTrustStore = 1;  // nobody but the given root vouches for the broker
   options.keyStore = OrNull(settings.client_certificate);
   options.privateKey = OrNull(settings.client_key);
-  options.ssl_error_cb = LogTlsError;
   return options;
+}
+
+bool IsNumeric(const std::string& host) {
+  in6_addr address{};
+  return ::inet_pton(AF_INET, host.c_str(), &address) == 1 || host.starts_with('[');
+}
+
+size_t ReceiveMaximum(const MQTTAsync_successData5* data) {
+  if (!data) return SendWindow::kDefaultReceiveMaximum;
+  const auto* properties = &data->properties;
+  const auto named = MQTTPROPERTY_CODE_RECEIVE_MAXIMUM;
+  // The library's functions do not change the properties that they read.
+  auto* readable = const_cast<MQTTProperties*>(properties);
+  if (!MQTTProperties_hasProperty(readable, named)) return SendWindow::kDefaultReceiveMaximum;
+  return static_cast<size_t>(MQTTProperties_getNumericValue(readable, named));
 }
 
 }  // namespace
 
-/// What the library calls. Each finds its client, which may be gone, and does nothing else.
+/// What the library calls. Each finds its client, which may be gone, and does nothing else. The
+/// context's number is the attempt, or the message, that the call is about.
 struct AsyncCallbacks {
   using Client = ClientMqttAsync;
+  using Registry = CallbackRegistry<Client>;
   template <class Body>
   static bool Run(void* context, Body body) noexcept {
-    return CallbackRegistry<Client>::Instance().Run(context, body);
+    return Registry::Instance().Run(context, body);
   }
+  static uint32_t Number(void* context) { return Registry::NumberOf(context); }
 
-  static void Connected(void* context, MQTTAsync_successData5*) {
-    Run(context, [](Client& client) { client.OnConnected(); });
+  static void Connected(void* context, MQTTAsync_successData5* data) {
+    Run(context, [=](Client& client) { client.OnAccepted(Number(context), data); });
   }
   static void ConnectFailed(void* context, MQTTAsync_failureData5* data) {
-    Run(context, [data](Client& client) { client.OnConnectFailed(data); });
+    Run(context, [=](Client& client) { client.OnConnectFailed(Number(context), data); });
   }
   static void ConnectionLost(void* context, char* cause) {
     Run(context, [cause](Client& client) { client.OnConnectionLost(cause); });
@@ -70,20 +92,27 @@ struct AsyncCallbacks {
     if (topic) MQTTAsync_free(topic);
     return 1;
   }
+  static void Subscribed(void* context, MQTTAsync_successData5*) {
+    Run(context, [=](Client& client) { client.OnSubscribed(Number(context)); });
+  }
   static void SubscribeFailed(void* context, MQTTAsync_failureData5* data) {
-    Run(context, [data](Client& client) { client.OnSubscribeFailed(data); });
+    Run(context, [=](Client& client) { client.OnSubscribeFailed(Number(context), data); });
   }
   static void Sent(void* context, MQTTAsync_successData5* data) {
-    Run(context, [data](Client& client) { client.OnSent(data); });
+    Run(context, [=](Client& client) { client.OnSent(Number(context), data); });
   }
   static void SendFailed(void* context, MQTTAsync_failureData5* data) {
-    Run(context, [data](Client& client) { client.OnSendFailed(data); });
+    Run(context, [=](Client& client) { client.OnSendFailed(Number(context), data); });
   }
   static void Disconnected(void* context, MQTTAsync_successData5*) {
     Run(context, [](Client& client) { client.OnDisconnected(); });
   }
   static void DisconnectFailed(void* context, MQTTAsync_failureData5*) {
     Run(context, [](Client& client) { client.OnDisconnected(); });
+  }
+  static int TlsError(const char* text, size_t length, void* context) {
+    Run(context, [=](Client& client) { client.OnTlsError(text, length); });
+    return LogTlsError(text, length, nullptr);
   }
 };
 
@@ -93,125 +122,122 @@ ClientMqttAsync::ClientMqttAsync(std::string name, Qos subscribe_qos, PahoAsyncA
       subscribe_qos_(subscribe_qos),
       api_(api),
       clock_(clock),
-      handle_(nullptr, DestroyHandle{&api}) {
+      window_(clock),
+      handle_(nullptr, DestroyHandle{&api}),
+      lookups_(api),
+      thread_("mqtt-link", clock, [this] { HandleAttemptLimit(); }) {
   PrepareMqttLibrary();
 }
 
 ClientMqttAsync::~ClientMqttAsync() {
   StopProcessing();
-  disconnecting_ = true;
-  {
-    std::lock_guard lock(api_mutex_);
-    CloseHandle();
-  }
+  (void)state_.Close();
+  thread_.Stop();
+  CloseConnection();
   Registry::Instance().AwaitUnused(this);
 }
 
 CommsStatus ClientMqttAsync::Connect(const MqttConnectSettings& settings) {
-  if (connecting_.exchange(true)) {
+  const LinkState::Begun begun = state_.Begin(settings);
+  if (begun.status == CommsStatus::kBusy)
     VLOG_WARN(kTag, "{}: Connect called while already connecting, ignored", Name());
-    return CommsStatus::kBusy;
-  }
-  const CommsStatus status =
-      IsReachableByName(settings.host) ? ConnectLocked(settings) : RefuseHost(settings);
-  if (status != CommsStatus::kOk) ReportConnectionLost();
-  return status;
-}
-
-bool ClientMqttAsync::IsReachableByName(const std::string& host) {
-  const std::string problem = api_.Resolve(host);
-  if (!problem.empty()) VLOG_ERROR(kTag, "{}: host {}: {}", Name(), host, problem);
-  return problem.empty();
-}
-
-CommsStatus ClientMqttAsync::RefuseHost(const MqttConnectSettings& settings) {
-  std::lock_guard lock(api_mutex_);
-  CloseHandle();
-  settings_ = settings;
-  connecting_ = false;
-  return CommsStatus::kFailure;
-}
-
-CommsStatus ClientMqttAsync::EndAttempt(CommsStatus status) {
-  if (status != CommsStatus::kOk) connecting_ = false;
-  return status;
-}
-
-CommsStatus ClientMqttAsync::ConnectLocked(const MqttConnectSettings& settings) {
-  std::lock_guard lock(api_mutex_);
-  CloseHandle();
-  settings_ = settings;
-  if (const CommsStatus created = CreateHandle(); created != CommsStatus::kOk)
-    return EndAttempt(created);
-  const int code = StartConnect();
-  if (code == MQTTASYNC_SUCCESS) {
-    VLOG_INFO(kTag, "{}: async connection started", Name());
-    return CommsStatus::kOk;
-  }
-  VLOG_ERROR(kTag, "{}: failed to start async connection, rc: {}", Name(), code);
-  DestroyHandleNow();
-  return EndAttempt(CommsStatus::kFailure);
+  if (begun.status == CommsStatus::kNotInitialized)
+    VLOG_WARN(kTag, "{}: Connect called after its end, ignored", Name());
+  return Begin(begun, Handle::kNew);
 }
 
 CommsStatus ClientMqttAsync::Reconnect() {
-  if (connected_) return CommsStatus::kOk;
-  if (connecting_.exchange(true)) {
+  if (IsConnected()) return CommsStatus::kOk;
+  const LinkState::Begun begun = state_.BeginAgain();
+  if (begun.status == CommsStatus::kBusy)
     VLOG_WARN(kTag, "{}: already connecting, reconnect ignored", Name());
-    return CommsStatus::kBusy;
-  }
-  const std::string host = KeptHost();
-  if (!host.empty() && !IsReachableByName(host)) {
-    connecting_ = false;
-    ReportConnectionLost();
-    return CommsStatus::kFailure;
-  }
-  const CommsStatus status = ReconnectLocked();
-  if (status == CommsStatus::kFailure) ReportConnectionLost();
-  return status;
-}
-
-std::string ClientMqttAsync::KeptHost() {
-  std::lock_guard lock(api_mutex_);
-  return settings_ ? settings_->host : std::string();
-}
-
-CommsStatus ClientMqttAsync::ReconnectLocked() {
-  std::lock_guard lock(api_mutex_);
-  if (!settings_) {
+  if (begun.status == CommsStatus::kNotInitialized)
     VLOG_ERROR(kTag, "{}: reconnect called but client not initialized", Name());
-    return EndAttempt(CommsStatus::kNotInitialized);
-  }
-  if (connected_) {  // the attempt that just ended was successful
-    connecting_ = false;
-    return CommsStatus::kOk;
-  }
-  // An attempt that failed at once has destroyed the handle; its settings are still here.
-  if (!handle_) {
-    if (const CommsStatus created = CreateHandle(); created != CommsStatus::kOk)
-      return EndAttempt(created);
-  } else {
-    // We may have been told of the failure by a library thread that is still taking that attempt
-    // apart, and would take ours apart with it.
-    api_.AwaitUnlocked(handle_.get());
-  }
-  const int code = StartConnect();
-  if (code != MQTTASYNC_SUCCESS) {
-    VLOG_ERROR(kTag, "{}: reconnect failed, rc: {}", Name(), code);
-    DestroyHandleNow();
-    return EndAttempt(CommsStatus::kFailure);
-  }
-  VLOG_INFO(kTag, "{}: async reconnect started", Name());
+  return Begin(begun, Handle::kKept);
+}
+
+CommsStatus ClientMqttAsync::Begin(const LinkState::Begun& begun, Handle handle) {
+  if (begun.status != CommsStatus::kOk) return begun.status;
+  thread_.Post([this, begun, handle] {
+    if (handle == Handle::kNew) CloseConnection();
+    if (begun.ended) Report({LinkEvent::Kind::kEnded, *begun.ended});
+    RunAttempt(begun.attempt);
+  });
   return CommsStatus::kOk;
 }
 
-CommsStatus ClientMqttAsync::CreateHandle() {
+void ClientMqttAsync::RunAttempt(uint32_t attempt) {
+  pin_.reset();
+  running_ = attempt;
+  const auto settings = state_.Settings(attempt);
+  if (!settings) return;
+  thread_.SetDeadline(clock_.Now() + kAttemptLimit);
+  if (IsNumeric(settings->host)) {
+    OpenConnection(attempt);
+  } else {
+    LookUp(attempt, *settings);
+  }
+}
+
+void ClientMqttAsync::LookUp(uint32_t attempt, const MqttConnectSettings& settings) {
+  const auto done = [this, attempt, host = settings.host](const NameAddresses& names) {
+    thread_.Post([this, attempt, host, names] { HandleAddresses(attempt, host, names); });
+  };
+  if (lookups_.Start(settings.host, done)) return;
+  HandleAddresses(attempt, settings.host, {{}, "earlier look-ups still wait for a name server"});
+}
+
+void ClientMqttAsync::HandleAddresses(uint32_t attempt, const std::string& host,
+                                      const NameAddresses& names) {
+  if (!state_.Settings(attempt)) return;
+  if (names.addresses.empty()) {
+    VLOG_ERROR(kTag, "{}: host {}: {}", Name(), host, names.problem);
+    (void)Drop(attempt, {.text = "host " + host + ": " + names.problem});
+    return;
+  }
+  // One address an attempt: the library tries only one, and the next attempt takes the next.
+  pin_.emplace(host, names.addresses[address_turn_++ % names.addresses.size()]);
+  OpenConnection(attempt);
+}
+
+void ClientMqttAsync::OpenConnection(uint32_t attempt) {
+  const auto settings = state_.Settings(attempt);
+  if (!settings) return;
+  std::unique_lock lock(api_mutex_);
+  const bool again = handle_ != nullptr;
+  if (again) {
+    // We may have been told of the failure by a library thread that is still taking that attempt
+    // apart, and would take ours apart with it.
+    api_.AwaitUnlocked(handle_.get());
+  } else if (CreateHandle(*settings) != CommsStatus::kOk) {
+    lock.unlock();
+    (void)Drop(attempt, {.text = "the MQTT library made no client"});
+    return;
+  }
+  const int code = StartConnect(attempt, *settings);
+  if (code == MQTTASYNC_SUCCESS) {
+    VLOG_INFO(kTag, "{}: {}", Name(),
+              again ? "async reconnect started" : "async connection started");
+    return;
+  }
+  if (again) {
+    VLOG_ERROR(kTag, "{}: reconnect failed, rc: {}", Name(), code);
+  } else {
+    VLOG_ERROR(kTag, "{}: failed to start async connection, rc: {}", Name(), code);
+  }
+  DestroyHandleNow();
+  lock.unlock();
+  (void)Drop(attempt, {.return_code = code});
+}
+
+CommsStatus ClientMqttAsync::CreateHandle(const MqttConnectSettings& settings) {
   MQTTAsync_createOptions options = MQTTAsync_createOptions_initializer5;
   options.sendWhileDisconnected = 0;
   options.maxBufferedMessages = kMaxBufferedMessages;
   options.restoreMessages = 1;
   MQTTAsync created = nullptr;
   const int code =
-      api_.Create(&created, ServerUri(*settings_, api_.Version()), settings_->client_id, options);
+      api_.Create(&created, ServerUri(settings, api_.Version()), settings.client_id, options);
   if (code != MQTTASYNC_SUCCESS) {
     VLOG_ERROR(kTag, "{}: failed to create client, rc: {} ({})", Name(), code, ErrorText(code));
     return CommsStatus::kFailure;
@@ -234,10 +260,10 @@ CommsStatus ClientMqttAsync::InstallCallbacks() {
   return CommsStatus::kFailure;
 }
 
-int ClientMqttAsync::StartConnect() {
-  const MqttConnectSettings& settings = *settings_;
-  port_ = settings.port;
-  live_handle_ = handle_.get();
+int ClientMqttAsync::StartConnect(uint32_t attempt, const MqttConnectSettings& settings) {
+  handle_attempt_ = attempt;
+  has_handle_ = true;
+  (void)TakeTlsText();
   MQTTAsync_connectOptions options = MQTTAsync_connectOptions_initializer5;
   options.keepAliveInterval = settings.keep_alive_s;
   options.connectTimeout = settings.connect_timeout_s;
@@ -250,8 +276,10 @@ int ClientMqttAsync::StartConnect() {
   options.password = OrNull(settings.password);
   options.onSuccess5 = AsyncCallbacks::Connected;
   options.onFailure5 = AsyncCallbacks::ConnectFailed;
-  options.context = context_;
+  options.context = Registry::WithNumber(context_, attempt);
   MQTTAsync_SSLOptions tls = TlsOptions(settings);
+  tls.ssl_error_cb = AsyncCallbacks::TlsError;
+  tls.ssl_error_context = context_;
   if (settings.Secure()) options.ssl = &tls;
   MQTTProperty limit{};
   limit.identifier = MQTTPROPERTY_CODE_MAXIMUM_PACKET_SIZE;
@@ -263,16 +291,103 @@ int ClientMqttAsync::StartConnect() {
   return code;
 }
 
-void ClientMqttAsync::Disconnect() {
-  disconnecting_ = true;
-  {
-    std::lock_guard lock(api_mutex_);
-    settings_.reset();
-    CloseHandle();
-    connecting_ = false;
+void ClientMqttAsync::HandleAccepted(uint32_t attempt, size_t receive_maximum) {
+  const auto settings = state_.Settings(attempt);
+  if (!settings || !state_.Accept(attempt)) return;
+  accepted_ = true;
+  pin_.reset();
+  window_.Open(receive_maximum);
+  SetNoDelayTowards(settings->port);
+  VLOG_INFO(kTag, "{}: connected successfully", Name());
+  for (const std::string& filter : ListenerFilters()) (void)SubscribeOn(attempt, filter);
+  HandleAcknowledged(attempt);
+}
+
+void ClientMqttAsync::HandleAcknowledged(uint32_t attempt) {
+  if (!state_.Acknowledged(attempt)) return;
+  thread_.SetDeadline(std::nullopt);
+  Report({LinkEvent::Kind::kConnected, attempt});
+}
+
+void ClientMqttAsync::HandleRefusedSubscription(uint32_t attempt, const Cause& cause) {
+  const auto settings = state_.Settings(attempt);
+  if (!settings) return;
+  if (!settings->needs_every_subscription) {
+    HandleAcknowledged(attempt);
+    return;
   }
-  disconnecting_ = false;
+  if (Drop(attempt, cause)) CloseConnection();
+}
+
+void ClientMqttAsync::HandleAttemptLimit() {
+  const uint32_t attempt = state_.Current();
+  if (state_.Phase() != LinkPhase::kConnecting) return;
+  VLOG_ERROR(kTag, "{}: no outcome of the attempt to connect within {} s", Name(),
+             kAttemptLimit.count());
+  if (Drop(attempt, {.return_code = Code(CommsStatus::kTimeout), .text = "no outcome in time"}))
+    CloseConnection();
+}
+
+bool ClientMqttAsync::Drop(uint32_t attempt, const Cause& cause) {
+  const auto kind = state_.Drop(attempt);
+  if (!kind) return false;
+  thread_.Post([this, kind = *kind, attempt, cause] { FinishDrop(kind, attempt, cause); });
+  return true;
+}
+
+void ClientMqttAsync::FinishDrop(LinkEvent::Kind kind, uint32_t attempt, const Cause& cause) {
+  std::string text = cause.text;
+  if (running_ == attempt) {  // its successor may run already
+    thread_.SetDeadline(std::nullopt);
+    accepted_ = false;
+    pin_.reset();
+    window_.Open(SendWindow::kDefaultReceiveMaximum);
+    if (std::string tls = TakeTlsText(); !tls.empty()) text = std::move(tls);
+  }
+  Report({kind, attempt, cause.return_code, cause.reason_code, text});
+}
+
+std::shared_future<void> ClientMqttAsync::PostEnd(std::optional<uint32_t> ended) {
+  auto done = std::make_shared<std::promise<void>>();
+  thread_.Post([this, ended, done] {
+    FinishEnd(ended);
+    done->set_value();
+  });
+  return done->get_future().share();
+}
+
+void ClientMqttAsync::FinishEnd(std::optional<uint32_t> ended) {
+  thread_.SetDeadline(std::nullopt);
+  pin_.reset();
+  CloseConnection();
+  window_.Open(SendWindow::kDefaultReceiveMaximum);
+  state_.Ended();
   VLOG_INFO(kTag, "{}: disconnected", Name());
+  if (ended) Report({LinkEvent::Kind::kEnded, *ended});
+}
+
+void ClientMqttAsync::Disconnect() {
+  PostEnd(state_.End()).wait();
+}
+
+void ClientMqttAsync::Close() {
+  const auto ended = state_.Close();
+  std::lock_guard lock(closed_mutex_);
+  if (!closed_.valid()) closed_ = PostEnd(ended);
+}
+
+void ClientMqttAsync::AwaitClosed() {
+  std::shared_future<void> closed;
+  {
+    std::lock_guard lock(closed_mutex_);
+    closed = closed_;
+  }
+  if (closed.valid()) closed.wait();
+}
+
+void ClientMqttAsync::CloseConnection() {
+  std::lock_guard lock(api_mutex_);
+  CloseHandle();
 }
 
 void ClientMqttAsync::CloseHandle() {
@@ -280,7 +395,7 @@ void ClientMqttAsync::CloseHandle() {
   if (!Registry::Instance().WaitIdle(context_, clock_, kCallbackLimit)) {
     VLOG_WARN(kTag, "{}: timed out waiting for active callbacks, forcing disconnect", Name());
   }
-  if (connected_) RequestDisconnect();
+  if (accepted_) RequestDisconnect();
   DestroyHandleNow();
 }
 
@@ -303,21 +418,21 @@ void ClientMqttAsync::RequestDisconnect() {
 void ClientMqttAsync::DestroyHandleNow() {
   Registry::Instance().Retire(context_);
   context_ = nullptr;
-  live_handle_ = nullptr;
+  has_handle_ = false;
   handle_.reset();
-  connected_ = false;
+  accepted_ = false;
 }
 
 CommsStatus ClientMqttAsync::SendRefusal() const {
-  if (!live_handle_) {
+  if (!has_handle_) {
     VLOG_ERROR(kTag, "{}: client handle is null, cannot send", Name());
     return CommsStatus::kNotInitialized;
   }
-  if (disconnecting_) {
+  if (state_.Ending()) {
     VLOG_WARN(kTag, "{}: client is disconnecting, cannot send", Name());
     return CommsStatus::kNotConnected;
   }
-  if (!connected_) {
+  if (!IsLive(state_.Current())) {
     VLOG_WARN(kTag, "{}: not connected", Name());
     return CommsStatus::kNotConnected;
   }
@@ -326,157 +441,161 @@ CommsStatus ClientMqttAsync::SendRefusal() const {
 
 CommsStatus ClientMqttAsync::Send(const std::string& topic, Qos qos, bool retain,
                                   std::string_view payload) {
+  MQTTAsync_message message = MQTTAsync_message_initializer;
+  message.qos = static_cast<int>(qos);
+  message.retained = retain ? 1 : 0;
+  return SendMessage(std::nullopt, topic, payload, message);
+}
+
+CommsStatus ClientMqttAsync::SendOn(uint32_t link, const std::string& topic, Qos qos,
+                                    std::string_view payload) {
+  MQTTAsync_message message = MQTTAsync_message_initializer;
+  message.qos = static_cast<int>(qos);
+  return SendMessage(link, topic, payload, message);
+}
+
+CommsStatus ClientMqttAsync::SendMessage(std::optional<uint32_t> link, const std::string& topic,
+                                         std::string_view payload, MQTTAsync_message message) {
   if (payload.size() > kMaxMqttPayload || topic.size() > kMaxMqttTopic) {
     return CommsStatus::kInvalidArgument;
   }
-  MQTTAsync_message message = MQTTAsync_message_initializer;
   message.payload =
       const_cast<char*>(payload.data());  // the library copies it and never writes to it
   message.payloadlen = static_cast<int>(payload.size());
-  message.qos = static_cast<int>(qos);
-  message.retained = retain ? 1 : 0;
-
   const auto deadline = clock_.Now() + kRoomLimit;
   while (true) {
+    if (link && !IsLive(*link)) return CommsStatus::kNotConnected;
     if (const CommsStatus refusal = SendRefusal(); refusal != CommsStatus::kOk) return refusal;
-    uint64_t seen = 0;
-    uint64_t connection = 0;
-    {
-      std::lock_guard lock(event_mutex_);
-      connection = connections_;
-      seen = sends_finished_;
-    }
-    const int code = TrySend(topic, message);
+    const uint32_t attempt = state_.Current();
+    const uint64_t seen = window_.Left();
+    const auto number = window_.Enter(topic.size() + payload.size(), message.qos > 0, deadline);
+    if (!number) return SendFailed(topic, MQTTASYNC_MAX_BUFFERED_MESSAGES, attempt);
+    const int code = TrySend(link, *number, topic, message);
     if (code == MQTTASYNC_SUCCESS) return CommsStatus::kOk;
-    if (code != MQTTASYNC_MAX_BUFFERED_MESSAGES || !WaitForRoom(deadline, seen))
-      return SendFailed(topic, code, connection);
+    window_.Leave(*number);
+    if (link && !IsLive(*link)) return CommsStatus::kNotConnected;
+    const auto now = clock_.Now();
+    if (code != MQTTASYNC_MAX_BUFFERED_MESSAGES || now >= deadline)
+      return SendFailed(topic, code, attempt);
+    window_.AwaitLeave(seen + 1, std::min(deadline, now + kRoomPoll));
   }
 }
 
-int ClientMqttAsync::TrySend(const std::string& topic, const MQTTAsync_message& message) {
+int ClientMqttAsync::TrySend(std::optional<uint32_t> link, uint32_t number,
+                             const std::string& topic, const MQTTAsync_message& message) {
   std::lock_guard lock(api_mutex_);
-  if (!handle_) return MQTTASYNC_DISCONNECTED;
+  if (!handle_ || (link && *link != handle_attempt_)) return MQTTASYNC_DISCONNECTED;
   MQTTAsync_responseOptions options = MQTTAsync_responseOptions_initializer;
   options.onSuccess5 = AsyncCallbacks::Sent;
   options.onFailure5 = AsyncCallbacks::SendFailed;
-  options.context = context_;
+  options.context = Registry::WithNumber(context_, number);
   return api_.Send(handle_.get(), topic, message, options);
 }
 
-bool ClientMqttAsync::WaitForRoom(utils::Clock::TimePoint deadline, uint64_t seen) {
-  const auto now = clock_.Now();
-  if (now >= deadline) return false;
-  std::unique_lock lock(event_mutex_);
-  clock_.WaitUntil(lock, event_wake_, std::min(deadline, now + kRoomPoll),
-                   [&] { return sends_finished_ != seen; });
-  return true;
-}
-
-CommsStatus ClientMqttAsync::SendFailed(const std::string& topic, int code, uint64_t connection) {
+CommsStatus ClientMqttAsync::SendFailed(const std::string& topic, int code, uint32_t attempt) {
   VLOG_ERROR(kTag, "{}: send failed on topic {}, rc: {}", Name(), utils::LogText(topic), code);
   if (code != MQTTASYNC_DISCONNECTED) return CommsStatus::kFailure;
   VLOG_WARN(kTag, "{}: send on topic {} detected disconnection, marking offline", Name(),
             utils::LogText(topic));
-  // The connection that failed may be over and its successor up: that one stays.
-  std::lock_guard lock(event_mutex_);
-  if (connection == connections_) connected_ = false;
+  (void)Drop(attempt, {.return_code = code});
   return CommsStatus::kNotConnected;
 }
 
 CommsStatus ClientMqttAsync::Subscribe(const std::string& filter) {
-  std::lock_guard lock(api_mutex_);
-  if (!handle_) return CommsStatus::kNotInitialized;
-  return SubscribeNow(filter) == MQTTASYNC_SUCCESS ? CommsStatus::kOk : CommsStatus::kFailure;
+  const uint32_t attempt = state_.Current();
+  return attempt == 0 ? CommsStatus::kOk : SubscribeOn(attempt, filter);
 }
 
-int ClientMqttAsync::SubscribeNow(const std::string& filter) {
+CommsStatus ClientMqttAsync::SubscribeOn(uint32_t attempt, const std::string& filter) {
+  if (!state_.ExpectAcknowledgement(attempt)) return CommsStatus::kOk;
   MQTTAsync_responseOptions options = MQTTAsync_responseOptions_initializer;
   options.subscribeOptions.retainHandling = kRetainedOnlyToNewSubscriptions;
+  options.onSuccess5 = AsyncCallbacks::Subscribed;
   options.onFailure5 = AsyncCallbacks::SubscribeFailed;
-  options.context = context_;
-  const int code = api_.Subscribe(live_handle_, filter, static_cast<int>(subscribe_qos_), options);
-  if (code != MQTTASYNC_SUCCESS) {
-    VLOG_ERROR(kTag, "{}: failed to subscribe topic {}, rc: {}", Name(), filter, code);
+  int code = MQTTASYNC_DISCONNECTED;
+  {
+    std::lock_guard lock(api_mutex_);
+    options.context = Registry::WithNumber(context_, attempt);
+    if (handle_ && handle_attempt_ == attempt)
+      code = api_.Subscribe(handle_.get(), filter, static_cast<int>(subscribe_qos_), options);
   }
-  return code;
+  if (code == MQTTASYNC_SUCCESS) return CommsStatus::kOk;
+  VLOG_ERROR(kTag, "{}: failed to subscribe topic {}, rc: {}", Name(), filter, code);
+  thread_.Post([this, attempt, code] {
+    HandleRefusedSubscription(attempt, {.return_code = code, .text = "a subscription failed"});
+  });
+  return CommsStatus::kFailure;
 }
 
-void ClientMqttAsync::OnConnected() {
-  SetNoDelayTowards(port_);
-  connecting_ = false;
-  if (!NoteConnection()) return;  // the library may report one connection twice
-  VLOG_INFO(kTag, "{}: connected successfully", Name());
-  for (const std::string& filter : ListenerFilters()) (void)SubscribeNow(filter);
+void ClientMqttAsync::OnAccepted(uint32_t attempt, const MQTTAsync_successData5* data) {
+  thread_.Post(
+      [this, attempt, maximum = ReceiveMaximum(data)] { HandleAccepted(attempt, maximum); });
 }
 
-bool ClientMqttAsync::NoteConnection() {
-  std::lock_guard lock(event_mutex_);
-  if (connected_.exchange(true)) return false;
-  ++connections_;
-  return true;
-}
-
-void ClientMqttAsync::OnConnectFailed(const MQTTAsync_failureData5* data) {
-  VLOG_ERROR(kTag, "{}: connection failed, rc: {}, reasonCode: {}", Name(), data ? data->code : 0,
-             static_cast<int>(data ? data->reasonCode : MQTTREASONCODE_SUCCESS));
-  connected_ = false;
-  connecting_ = false;
-  if (!disconnecting_) ReportConnectionLost();
+void ClientMqttAsync::OnConnectFailed(uint32_t attempt, const MQTTAsync_failureData5* data) {
+  Cause cause;
+  if (data) {
+    cause = {data->code, static_cast<int>(data->reasonCode), data->message ? data->message : ""};
+  }
+  VLOG_ERROR(kTag, "{}: connection failed, rc: {}, reasonCode: {}", Name(), cause.return_code,
+             cause.reason_code);
+  (void)Drop(attempt, cause);
 }
 
 void ClientMqttAsync::OnConnectionLost(const char* cause) {
-  if (disconnecting_) {
+  if (state_.Ending()) {
     VLOG_INFO(kTag, "{}: disconnecting, skipping connection-lost handling", Name());
     return;
   }
-  connected_ = false;
-  VLOG_WARN(kTag, "{}: connection lost, cause: {}", Name(), cause ? cause : "unknown");
-  ReportConnectionLost();
+  const std::string text = cause ? cause : "unknown";
+  VLOG_WARN(kTag, "{}: connection lost, cause: {}", Name(), text);
+  (void)Drop(handle_attempt_, {.text = text});
 }
 
 /// The library does not call its connection-lost callback after this one.
 void ClientMqttAsync::OnServerDisconnect(MQTTReasonCodes reason) {
-  const char* text = MQTTReasonCode_toString(reason);
+  const char* name = MQTTReasonCode_toString(reason);
+  const std::string text = name ? name : "unknown";
   VLOG_WARN(kTag, "{}: broker ended the connection, reasonCode: {} ({})", Name(),
-            static_cast<int>(reason), text ? text : "unknown");
-  if (disconnecting_) return;
-  connected_ = false;
-  ReportConnectionLost();
+            static_cast<int>(reason), text);
+  if (state_.Ending()) return;
+  (void)Drop(handle_attempt_, {.reason_code = static_cast<int>(reason), .text = text});
 }
 
 void ClientMqttAsync::OnMessage(const char* topic, int topic_length,
                                 const MQTTAsync_message* message) {
-  if (disconnecting_) {
+  if (state_.Ending()) {
     VLOG_INFO(kTag, "{}: disconnecting, skipping message processing", Name());
     return;
   }
-  Accept(topic, topic_length, message ? message->payload : nullptr,
+  Accept(handle_attempt_, topic, topic_length, message ? message->payload : nullptr,
          message ? message->payloadlen : -1, message && message->retained != 0);
 }
 
-void ClientMqttAsync::OnSubscribeFailed(const MQTTAsync_failureData5* data) {
+void ClientMqttAsync::OnSubscribed(uint32_t attempt) {
+  thread_.Post([this, attempt] { HandleAcknowledged(attempt); });
+}
+
+void ClientMqttAsync::OnSubscribeFailed(uint32_t attempt, const MQTTAsync_failureData5* data) {
+  Cause cause{.text = "a subscription was refused"};
+  if (data) {
+    cause.return_code = data->code;
+    cause.reason_code = static_cast<int>(data->reasonCode);
+  }
   VLOG_ERROR(kTag, "{}: subscribe failed, rc: {}, reasonCode: {}, will retry on next reconnect",
-             Name(), data ? data->code : 0,
-             static_cast<int>(data ? data->reasonCode : MQTTREASONCODE_SUCCESS));
+             Name(), cause.return_code, cause.reason_code);
+  thread_.Post([this, attempt, cause] { HandleRefusedSubscription(attempt, cause); });
 }
 
-void ClientMqttAsync::OnSent(const MQTTAsync_successData5* data) {
+void ClientMqttAsync::OnSent(uint32_t number, const MQTTAsync_successData5* data) {
   if (data) VLOG_DEBUG(kTag, "publish success on topic: {}", data->alt.pub.destinationName);
-  OnRoom();
+  window_.Leave(number);
 }
 
-void ClientMqttAsync::OnSendFailed(const MQTTAsync_failureData5* data) {
+void ClientMqttAsync::OnSendFailed(uint32_t number, const MQTTAsync_failureData5* data) {
   VLOG_ERROR(kTag, "publish failed, rc: {}, reasonCode: {}", data ? data->code : 0,
              static_cast<int>(data ? data->reasonCode : MQTTREASONCODE_SUCCESS));
-  OnRoom();
-}
-
-void ClientMqttAsync::OnRoom() {
-  {
-    std::lock_guard lock(event_mutex_);
-    ++sends_finished_;
-  }
-  event_wake_.notify_all();
+  window_.Leave(number);
 }
 
 void ClientMqttAsync::OnDisconnected() {
@@ -485,6 +604,16 @@ void ClientMqttAsync::OnDisconnected() {
     disconnected_ = true;
   }
   event_wake_.notify_all();
+}
+
+void ClientMqttAsync::OnTlsError(const char* text, size_t length) {
+  std::lock_guard lock(event_mutex_);
+  if (tls_text_.size() < kMaxTlsText) tls_text_.append(text, std::min(length, kMaxTlsText));
+}
+
+std::string ClientMqttAsync::TakeTlsText() {
+  std::lock_guard lock(event_mutex_);
+  return utils::LogText(std::exchange(tls_text_, {}));
 }
 
 }  // namespace varnel::comms

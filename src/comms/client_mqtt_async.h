@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -13,31 +14,45 @@
 
 #include "comms/callback_registry.h"
 #include "comms/client_mqtt_base.h"
+#include "comms/link_state.h"
+#include "comms/link_thread.h"
+#include "comms/name_lookups.h"
+#include "comms/name_pin.h"
 #include "comms/paho_async_api.h"
+#include "comms/send_window.h"
 #include "utils/clock.h"
 
 namespace varnel::comms {
 
-/// The client of both brokers, over the asynchronous Paho library with MQTT 5. Reconnecting is the
-/// owner's decision: the connection-lost callback tells it, Reconnect() does it.
+/// The client of both brokers, over the asynchronous Paho library with MQTT 5. A thread of its own
+/// does whatever can wait: it makes and ends connections, and reports what became of them.
+/// Reconnecting is the owner's decision: the callbacks tell it, Reconnect() does it.
 class ClientMqttAsync : public ClientMqttBase {
  public:
-  /// How long Disconnect() waits for library callbacks, and how long Send() waits for room in the
-  /// library's buffer.
+  /// How long an end waits for library callbacks, how long Send() waits for room, and after what
+  /// time an attempt without outcome has failed.
   static constexpr std::chrono::milliseconds kCallbackLimit{2000};
   static constexpr std::chrono::milliseconds kRoomLimit{5000};
+  static constexpr std::chrono::seconds kAttemptLimit{30};
 
   /// `subscribe_qos` is the delivery guarantee asked for every listener's topic.
   explicit ClientMqttAsync(std::string name, Qos subscribe_qos = Qos::kAtMostOnce,
                            PahoAsyncApi& api = PahoAsyncApi::Library(),
                            utils::Clock& clock = utils::SystemClock::Instance());
+  /// Waits for a look-up that runs.
   ~ClientMqttAsync() override;
 
   CommsStatus Connect(const MqttConnectSettings& settings) override;
   CommsStatus Reconnect() override;
   void Disconnect() override;
+  void Close() override;
+  void AwaitClosed() override;
   CommsStatus Send(const std::string& topic, Qos qos, bool retain,
                    std::string_view payload) override;
+  CommsStatus SendOn(uint32_t link, const std::string& topic, Qos qos,
+                     std::string_view payload) override;
+  LinkPhase Phase() const override { return state_.Phase(); }
+  bool IsLive(uint32_t link) const override { return state_.IsLive(link); }
 
  protected:
   CommsStatus Subscribe(const std::string& filter) override;
@@ -45,70 +60,99 @@ class ClientMqttAsync : public ClientMqttBase {
  private:
   friend struct AsyncCallbacks;
   using Registry = CallbackRegistry<ClientMqttAsync>;
+  enum class Handle { kNew, kKept };
 
   struct DestroyHandle {
     using pointer = MQTTAsync;
     PahoAsyncApi* api;
     void operator()(MQTTAsync handle) const { api->Destroy(handle); }
   };
-  using Handle = std::unique_ptr<void, DestroyHandle>;
 
-  // On our threads, with api_mutex_ held.
-  CommsStatus CreateHandle();
+  /// What the library told of a failure.
+  struct Cause {
+    int return_code = 0;
+    int reason_code = 0;
+    std::string text{};
+  };
+
+  // On the link's thread.
+  void RunAttempt(uint32_t attempt);
+  void LookUp(uint32_t attempt, const MqttConnectSettings& settings);
+  void HandleAddresses(uint32_t attempt, const std::string& host, const NameAddresses& names);
+  void OpenConnection(uint32_t attempt);
+  void HandleAccepted(uint32_t attempt, size_t receive_maximum);
+  void HandleAcknowledged(uint32_t attempt);
+  void HandleRefusedSubscription(uint32_t attempt, const Cause& cause);
+  void HandleAttemptLimit();
+  void FinishDrop(LinkEvent::Kind kind, uint32_t attempt, const Cause& cause);
+  void CloseConnection();
+  void FinishEnd(std::optional<uint32_t> ended);
+
+  // The same, with api_mutex_ held.
+  CommsStatus CreateHandle(const MqttConnectSettings& settings);
   CommsStatus InstallCallbacks();
-  int StartConnect();
+  int StartConnect(uint32_t attempt, const MqttConnectSettings& settings);
   void CloseHandle();
   void RequestDisconnect();
   void DestroyHandleNow();
-  CommsStatus EndAttempt(CommsStatus status);
-  int TrySend(const std::string& topic, const MQTTAsync_message& message);
 
-  // On our threads, without it.
-  bool IsReachableByName(const std::string& host);
-  CommsStatus RefuseHost(const MqttConnectSettings& settings);
-  std::string KeptHost();
-  CommsStatus ConnectLocked(const MqttConnectSettings& settings);
-  CommsStatus ReconnectLocked();
+  // On any thread.
+  /// False when the attempt and its link are over already.
+  bool Drop(uint32_t attempt, const Cause& cause);
+  CommsStatus Begin(const LinkState::Begun& begun, Handle handle);
+  std::shared_future<void> PostEnd(std::optional<uint32_t> ended);
+  CommsStatus SendMessage(std::optional<uint32_t> link, const std::string& topic,
+                          std::string_view payload, MQTTAsync_message message);
   CommsStatus SendRefusal() const;
-  bool WaitForRoom(utils::Clock::TimePoint deadline, uint64_t seen);
-  CommsStatus SendFailed(const std::string& topic, int code, uint64_t connection);
+  int TrySend(std::optional<uint32_t> link, uint32_t number, const std::string& topic,
+              const MQTTAsync_message& message);
+  CommsStatus SendFailed(const std::string& topic, int code, uint32_t attempt);
+  CommsStatus SubscribeOn(uint32_t attempt, const std::string& filter);
 
   // On the library's threads, some with the library's lock held: never takes api_mutex_.
-  void OnConnected();
-  void OnConnectFailed(const MQTTAsync_failureData5* data);
+  void OnAccepted(uint32_t attempt, const MQTTAsync_successData5* data);
+  void OnConnectFailed(uint32_t attempt, const MQTTAsync_failureData5* data);
   void OnConnectionLost(const char* cause);
   void OnServerDisconnect(MQTTReasonCodes reason);
   void OnMessage(const char* topic, int topic_length, const MQTTAsync_message* message);
-  void OnSubscribeFailed(const MQTTAsync_failureData5* data);
-  void OnSent(const MQTTAsync_successData5* data);
-  void OnSendFailed(const MQTTAsync_failureData5* data);
-  void OnRoom();
+  void OnSubscribed(uint32_t attempt);
+  void OnSubscribeFailed(uint32_t attempt, const MQTTAsync_failureData5* data);
+  void OnSent(uint32_t number, const MQTTAsync_successData5* data);
+  void OnSendFailed(uint32_t number, const MQTTAsync_failureData5* data);
   void OnDisconnected();
-  /// False when it is known already.
-  bool NoteConnection();
-  int SubscribeNow(const std::string& filter);
+  void OnTlsError(const char* text, size_t length);
+  std::string TakeTlsText();
 
   const Qos subscribe_qos_;
   PahoAsyncApi& api_;
   utils::Clock& clock_;
-
-  std::atomic<bool> connecting_{false};
-  std::atomic<bool> disconnecting_{false};
-  std::atomic<MQTTAsync> live_handle_{nullptr};  // for subscribing inside the library's callback
-  std::string port_;  // written before a connect starts, read by its callback
+  LinkState state_;
+  SendWindow window_;
 
   /// Held around every library call of our threads, never inside a library callback: the library
   /// calls back with its own lock held, and does not serialise concurrent sends itself.
   std::mutex api_mutex_;
-  Handle handle_;                                // guarded by api_mutex_
+  std::unique_ptr<void, DestroyHandle> handle_;  // guarded by api_mutex_
   void* context_ = nullptr;                      // guarded by api_mutex_
-  std::optional<MqttConnectSettings> settings_;  // guarded by api_mutex_
+  std::atomic<bool> has_handle_{false};
+  std::atomic<uint32_t> handle_attempt_{0};  // the newest one on this handle
 
   std::mutex event_mutex_;
   std::condition_variable event_wake_;
-  uint64_t sends_finished_ = 0;  // guarded by event_mutex_
-  uint64_t connections_ = 0;     // so far; guarded by event_mutex_
-  bool disconnected_ = false;    // guarded by event_mutex_
+  bool disconnected_ = false;  // guarded by event_mutex_
+  std::string tls_text_;       // of the newest attempt; guarded by event_mutex_
+
+  std::mutex closed_mutex_;
+  std::shared_future<void> closed_;  // guarded by closed_mutex_
+
+  // Of the link's thread.
+  uint32_t running_ = 0;   // the attempt that the rest of this group belongs to
+  bool accepted_ = false;  // by the broker
+  uint32_t address_turn_ = 0;
+  std::optional<NamePin> pin_;
+
+  NameLookups lookups_;
+  LinkThread thread_;  // last: starts when the rest is complete
 };
 
 }  // namespace varnel::comms

@@ -38,15 +38,20 @@ CommsStatus ClientMqttBase::AddListener(const std::string& filter, Listener list
     entry->second.swap(listener);  // the old one ends outside the lock: it is foreign code
     if (!added) VLOG_WARN(kTag, "{}: topic {} already has a listener, overwriting", name_, filter);
   }
-  return connected_ ? Subscribe(filter) : CommsStatus::kOk;
+  return Subscribe(filter);
 }
 
 void ClientMqttBase::RemoveListener(const std::string& filter) {
   std::map<std::string, Listener, std::less<>>::node_type removed;
   std::unique_lock lock(listeners_mutex_);
   removed = listeners_.extract(filter);
-  if (std::this_thread::get_id() == processing_thread_.get_id()) return;
-  delivered_.wait(lock, [this] { return !delivering_; });
+  if (std::this_thread::get_id() == processing_thread_.get_id() || delivering_ != filter) return;
+  delivered_.wait(lock, [this, seen = deliveries_] { return deliveries_ != seen; });
+}
+
+void ClientMqttBase::SetLinkCallback(LinkCallback callback) {
+  std::lock_guard lock(listeners_mutex_);
+  link_changed_ = std::move(callback);
 }
 
 void ClientMqttBase::SetConnectionLostCallback(ConnectionLostCallback callback) {
@@ -62,13 +67,17 @@ std::vector<std::string> ClientMqttBase::ListenerFilters() const {
   return filters;
 }
 
-void ClientMqttBase::ReportConnectionLost() {
-  ConnectionLostCallback callback;
+void ClientMqttBase::Report(const LinkEvent& event) {
+  ConnectionLostCallback lost;
+  LinkCallback changed;
   {
     std::lock_guard lock(listeners_mutex_);
-    callback = connection_lost_;
+    lost = connection_lost_;
+    changed = link_changed_;
   }
-  if (callback) callback();
+  if (changed) changed(event);
+  const bool down = event.kind == LinkEvent::Kind::kFailed || event.kind == LinkEvent::Kind::kLost;
+  if (down && lost) lost();
 }
 
 void ClientMqttBase::Enqueue(std::shared_ptr<MqttMessage> message) {
@@ -78,14 +87,15 @@ void ClientMqttBase::Enqueue(std::shared_ptr<MqttMessage> message) {
   });
 }
 
-void ClientMqttBase::Accept(const char* topic, int topic_length, const void* bytes, int length,
-                            bool retained) {
+void ClientMqttBase::Accept(uint32_t link, const char* topic, int topic_length, const void* bytes,
+                            int length, bool retained) {
   if (!topic) {
     VLOG_ERROR(kTag, "{}: invalid topic (null), length {}", name_, topic_length);
     return;
   }
   auto message = std::make_shared<MqttMessage>();
   message->retained = retained;
+  message->link = link;
   message->topic = topic_length > 0 ? std::string(topic, static_cast<size_t>(topic_length)) : topic;
   if (length < 0 || (length > 0 && !bytes)) {
     VLOG_ERROR(kTag, "{}: invalid message on topic {}", name_, utils::LogText(message->topic));
@@ -139,14 +149,15 @@ ClientMqttBase::Listener ClientMqttBase::TakeListener(const std::string& topic) 
   const auto exact = listeners_.find(topic);
   const auto& chosen = exact != listeners_.end() ? exact : found;
   if (chosen == listeners_.end()) return nullptr;
-  delivering_ = true;
+  delivering_ = chosen->first;
   return chosen->second;
 }
 
 void ClientMqttBase::FinishDelivery() {
   {
     std::lock_guard lock(listeners_mutex_);
-    delivering_ = false;
+    delivering_.clear();
+    ++deliveries_;
   }
   delivered_.notify_all();
 }

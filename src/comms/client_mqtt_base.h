@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -13,29 +12,12 @@
 #include <vector>
 
 #include "comms/drop_oldest_queue.h"
+#include "comms/link_event.h"
+#include "comms/mqtt_connect_settings.h"
 #include "comms/mqtt_message.h"
 #include "comms/status.h"
 
 namespace varnel::comms {
-
-/// Everything one connection to a broker needs. The link is secure when any certificate path is
-/// given.
-struct MqttConnectSettings {
-  std::string host{};
-  std::string port{};
-  std::string client_id{};
-  int keep_alive_s = 30;
-  std::string client_certificate{};  ///< path of a PEM file, like the next two
-  std::string client_key{};
-  std::string root_ca{};
-  std::string user_name{};  ///< not sent when empty, like the password
-  std::string password{};
-  int connect_timeout_s = 10;
-
-  bool Secure() const {
-    return !client_certificate.empty() || !client_key.empty() || !root_ca.empty();
-  }
-};
 
 /// What both MQTT clients share: one listener per topic filter, a bounded queue of received
 /// messages, and one thread that hands them to the listeners, so that the library's threads never
@@ -45,6 +27,7 @@ class ClientMqttBase {
  public:
   using Listener = std::function<void(const std::shared_ptr<MqttMessage>&)>;
   using ConnectionLostCallback = std::function<void()>;
+  using LinkCallback = std::function<void(const LinkEvent&)>;
 
   ClientMqttBase(const ClientMqttBase&) = delete;
   ClientMqttBase& operator=(const ClientMqttBase&) = delete;
@@ -56,20 +39,30 @@ class ClientMqttBase {
   /// spoil the whole stream.
   static constexpr size_t kMaxMqttTopic = 65'535;
 
-  /// Connects with these settings and keeps them for Reconnect(). kOk: started (asynchronous
-  /// client) or done (synchronous client). A failure, now or later, reaches the connection-lost
-  /// callback.
+  /// Connects with these settings and keeps them for Reconnect(); a link that is up ends. kOk:
+  /// started (asynchronous client) or done (synchronous client). kBusy while an attempt runs,
+  /// kNotInitialized after Close(). The outcome of what was started is reported as a LinkEvent.
   virtual CommsStatus Connect(const MqttConnectSettings& settings) = 0;
   /// Connects again with the kept settings; does nothing while connected.
   virtual CommsStatus Reconnect() = 0;
-  /// Ends the connection and forgets the settings. Returns within a few seconds whatever the broker
-  /// does.
+  /// Ends the connection, or the attempt to connect, and forgets the settings. Returns within a few
+  /// seconds whatever the broker does.
   virtual void Disconnect() = 0;
+  /// Starts what Disconnect() does and returns; nothing connects ever again.
+  virtual void Close() = 0;
+  /// Waits for the end that Close() started, as long as Disconnect() would.
+  virtual void AwaitClosed() = 0;
   /// Hands a message to the library. May wait a bounded time for room in the library's buffer.
   virtual CommsStatus Send(const std::string& topic, Qos qos, bool retain,
                            std::string_view payload) = 0;
+  /// Like Send(), but only over the link that bears this number: kNotConnected once it has ended.
+  virtual CommsStatus SendOn(uint32_t link, const std::string& topic, Qos qos,
+                             std::string_view payload) = 0;
 
-  bool IsConnected() const { return connected_; }
+  virtual LinkPhase Phase() const = 0;
+  /// The link of this number, which what has arrived over it bears, is not over.
+  virtual bool IsLive(uint32_t link) const = 0;
+  bool IsConnected() const { return Phase() == LinkPhase::kUp; }
   const std::string& Name() const { return name_; }
 
   /// Stores (or replaces) the listener of a topic filter, which is subscribed now if connected and
@@ -80,28 +73,27 @@ class ClientMqttBase {
   /// itself). The filter stays subscribed until the next connect; what still comes for it is logged
   /// and dropped.
   void RemoveListener(const std::string& filter);
-  /// Called on a library thread when the connection is lost or an attempt failed; must not block or
-  /// call this client.
+  /// Called on a thread of this client's for each LinkEvent; must not block or call this client.
+  void SetLinkCallback(LinkCallback callback);
+  /// The same for a link that was lost and an attempt that failed only.
   void SetConnectionLostCallback(ConnectionLostCallback callback);
 
  protected:
   explicit ClientMqttBase(std::string name);
 
-  /// Subscribes one filter on the live connection.
+  /// Subscribes one filter if there is a connection to do it on.
   virtual CommsStatus Subscribe(const std::string& filter) = 0;
 
-  /// For the library's arrival callbacks: copies what arrived and queues it, dropping the oldest
-  /// when the queue is full. `topic_length` 0: the topic ends at its NUL. A topic or message that
-  /// cannot be used is logged.
-  void Accept(const char* topic, int topic_length, const void* bytes, int length,
+  /// For the library's arrival callbacks: copies what arrived over this link and queues it,
+  /// dropping the oldest when the queue is full. `topic_length` 0: the topic ends at its NUL. A
+  /// topic or message that cannot be used is logged.
+  void Accept(uint32_t link, const char* topic, int topic_length, const void* bytes, int length,
               bool retained = false);
-  void ReportConnectionLost();
+  void Report(const LinkEvent& event);
   std::vector<std::string> ListenerFilters() const;
   /// Every derived destructor calls this first, so that no listener runs while its object comes
   /// apart.
   void StopProcessing();
-
-  std::atomic<bool> connected_{false};
 
  private:
   void Enqueue(std::shared_ptr<MqttMessage> message);
@@ -115,7 +107,9 @@ class ClientMqttBase {
   mutable std::mutex listeners_mutex_;
   std::map<std::string, Listener, std::less<>> listeners_;  // guarded by listeners_mutex_
   ConnectionLostCallback connection_lost_;                  // guarded by listeners_mutex_
-  bool delivering_ = false;                                 // guarded by listeners_mutex_
+  LinkCallback link_changed_;                               // guarded by listeners_mutex_
+  std::string delivering_;   // the filter whose listener runs; guarded by listeners_mutex_
+  uint64_t deliveries_ = 0;  // that have ended; guarded by listeners_mutex_
   std::condition_variable delivered_;
 
   DropOldestQueue<std::shared_ptr<MqttMessage>> queue_;

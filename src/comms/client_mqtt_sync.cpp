@@ -101,6 +101,7 @@ ClientMqttSync::~ClientMqttSync() {
 }
 
 CommsStatus ClientMqttSync::Connect(const MqttConnectSettings& settings) {
+  if (closed_) return CommsStatus::kNotInitialized;
   if (connecting_.exchange(true)) {
     VLOG_WARN(kTag, "{}: Connect called while already connecting, ignored", Name());
     return CommsStatus::kBusy;
@@ -115,7 +116,7 @@ CommsStatus ClientMqttSync::Connect(const MqttConnectSettings& settings) {
   CloseHandle();
   const CommsStatus status = Attempt();
   lock.unlock();
-  return Report(status);
+  return EndAttempt(status);
 }
 
 CommsStatus ClientMqttSync::Reconnect() {
@@ -132,16 +133,18 @@ CommsStatus ClientMqttSync::Reconnect() {
   }
   const CommsStatus status = Attempt();
   lock.unlock();
-  return Report(status);
+  return EndAttempt(status);
 }
 
-CommsStatus ClientMqttSync::Report(CommsStatus status) {
+CommsStatus ClientMqttSync::EndAttempt(CommsStatus status) {
   connecting_ = false;
-  if (status != CommsStatus::kOk) ReportConnectionLost();
+  const bool up = status == CommsStatus::kOk;
+  Report({up ? LinkEvent::Kind::kConnected : LinkEvent::Kind::kFailed, attempt_, Code(status)});
   return status;
 }
 
 CommsStatus ClientMqttSync::Attempt() {
+  ++attempt_;
   if (!handle_) {
     if (const CommsStatus created = CreateHandle(); created != CommsStatus::kOk) return created;
   }
@@ -223,6 +226,7 @@ CommsStatus ClientMqttSync::SubscribeLocked(const std::string& filter) {
 }
 
 CommsStatus ClientMqttSync::Subscribe(const std::string& filter) {
+  if (!connected_) return CommsStatus::kOk;
   std::lock_guard lock(api_mutex_);
   return handle_ ? SubscribeLocked(filter) : CommsStatus::kNotInitialized;
 }
@@ -249,6 +253,20 @@ CommsStatus ClientMqttSync::Send(const std::string& topic, Qos qos, bool retain,
   return handle_ ? Publish(topic, qos, retain, payload) : CommsStatus::kNotInitialized;
 }
 
+CommsStatus ClientMqttSync::SendOn(uint32_t link, const std::string& topic, Qos qos,
+                                   std::string_view payload) {
+  return IsLive(link) ? Send(topic, qos, false, payload) : CommsStatus::kNotConnected;
+}
+
+LinkPhase ClientMqttSync::Phase() const {
+  if (connected_) return LinkPhase::kUp;
+  return connecting_ ? LinkPhase::kConnecting : LinkPhase::kDown;
+}
+
+bool ClientMqttSync::IsLive(uint32_t link) const {
+  return connected_ && attempt_ == link;
+}
+
 CommsStatus ClientMqttSync::Publish(const std::string& topic, Qos qos, bool retain,
                                     std::string_view payload) {
   MQTTClient_message message = MQTTClient_message_initializer;
@@ -269,8 +287,14 @@ CommsStatus ClientMqttSync::Publish(const std::string& topic, Qos qos, bool reta
   return CommsStatus::kFailure;
 }
 
+void ClientMqttSync::Close() {
+  closed_ = true;
+  Disconnect();
+}
+
 void ClientMqttSync::Disconnect() {
   disconnecting_ = true;
+  const bool was_up = connected_;
   {
     std::lock_guard lock(api_mutex_);
     settings_.reset();
@@ -284,6 +308,7 @@ void ClientMqttSync::Disconnect() {
   }
   disconnecting_ = false;
   VLOG_INFO(kTag, "{}: sync disconnected", Name());
+  if (was_up) Report({LinkEvent::Kind::kEnded, attempt_});
 }
 
 void ClientMqttSync::CloseHandle() {
@@ -301,7 +326,7 @@ void ClientMqttSync::OnConnectionLost(const char* cause) {
   }
   connected_ = false;
   VLOG_WARN(kTag, "{}: connection lost, cause: {}", Name(), cause ? cause : "unknown");
-  ReportConnectionLost();
+  Report({LinkEvent::Kind::kLost, attempt_, 0, 0, cause ? cause : ""});
 }
 
 void ClientMqttSync::OnMessage(const char* topic, int topic_length, const void* bytes, int length,
@@ -310,7 +335,7 @@ void ClientMqttSync::OnMessage(const char* topic, int topic_length, const void* 
     VLOG_INFO(kTag, "{}: disconnecting, skipping message processing", Name());
     return;
   }
-  Accept(topic, topic_length, bytes, length, retained);
+  Accept(attempt_, topic, topic_length, bytes, length, retained);
 }
 
 }  // namespace varnel::comms

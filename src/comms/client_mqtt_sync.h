@@ -23,8 +23,14 @@ class ClientMqttSync : public ClientMqttBase {
   CommsStatus Connect(const MqttConnectSettings& settings) override;
   CommsStatus Reconnect() override;
   void Disconnect() override;
+  void Close() override;
+  void AwaitClosed() override {}
   CommsStatus Send(const std::string& topic, Qos qos, bool retain,
                    std::string_view payload) override;
+  CommsStatus SendOn(uint32_t link, const std::string& topic, Qos qos,
+                     std::string_view payload) override;
+  LinkPhase Phase() const override;
+  bool IsLive(uint32_t link) const override;
 
  protected:
   CommsStatus Subscribe(const std::string& filter) override;
@@ -47,7 +53,7 @@ class ClientMqttSync : public ClientMqttBase {
   CommsStatus Publish(const std::string& topic, Qos qos, bool retain, std::string_view payload);
   void CloseHandle();
 
-  CommsStatus Report(CommsStatus status);
+  CommsStatus EndAttempt(CommsStatus status);
   CommsStatus SendRefusal() const;
 
   // On the library's thread: never take api_mutex_.
@@ -55,7 +61,10 @@ class ClientMqttSync : public ClientMqttBase {
   void OnMessage(const char* topic, int topic_length, const void* bytes, int length, bool retained);
 
   const Qos subscribe_qos_;
+  std::atomic<bool> connected_{false};
   std::atomic<bool> connecting_{false};
+  std::atomic<bool> closed_{false};
+  std::atomic<uint32_t> attempt_{0};
   std::atomic<bool> disconnecting_{false};
 
   std::mutex api_mutex_;

@@ -1,5 +1,6 @@
 #include "comms/cloud_bridge.h"
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -16,34 +17,50 @@ constexpr size_t kLoggedBytes = 160;
 /// Publishes a local message on the cloud broker, topic and payload unchanged.
 class CloudPublisher : public ForwardDestination {
  public:
-  explicit CloudPublisher(std::shared_ptr<ClientMqttBase> cloud) : cloud_(std::move(cloud)) {}
+  CloudPublisher(std::shared_ptr<ClientMqttBase> cloud, std::shared_ptr<CloudOutage> outage)
+      : cloud_(std::move(cloud)), outage_(std::move(outage)) {}
   CommsStatus Deliver(const MqttMessage& message) override {
+    if (!cloud_->IsConnected()) {
+      outage_->Drop();
+      return CommsStatus::kOk;
+    }
+    outage_->Over();
     return cloud_->Send(message.topic, Qos::kAtLeastOnce, false, message.payload);
   }
 
  private:
   const std::shared_ptr<ClientMqttBase> cloud_;
+  const std::shared_ptr<CloudOutage> outage_;
 };
 
-/// Publishes the answer to one cloud request.
+/// One request on its way: which link it came over, and how a person finds it in the log.
+struct CloudRequest {
+  std::string method;
+  std::string id;
+  uint32_t link;
+};
+
+/// Publishes the answer to one cloud request, over the link that the request came over.
 class CloudAnswer : public ForwardDestination {
  public:
-  CloudAnswer(std::shared_ptr<ClientMqttBase> cloud, const std::string& method,
-              const Json& response)
-      : cloud_(std::move(cloud)),
-        method_(utils::LogText(method)),
-        id_(utils::LogText(Serialize(response["id"]))),
-        is_error_(response.contains("error")) {}
+  CloudAnswer(std::shared_ptr<ClientMqttBase> cloud, CloudRequest request, bool is_error)
+      : cloud_(std::move(cloud)), request_(std::move(request)), is_error_(is_error) {}
 
   CommsStatus Deliver(const MqttMessage& answer) override {
-    const CommsStatus status = cloud_->Send(answer.topic, Qos::kAtLeastOnce, false, answer.payload);
+    const CommsStatus status =
+        cloud_->SendOn(request_.link, answer.topic, Qos::kAtLeastOnce, answer.payload);
+    if (status == CommsStatus::kNotConnected && !cloud_->IsLive(request_.link)) {
+      VLOG_WARN(kTag, "cloud link has ended, no answer to {} (id={})", request_.method,
+                request_.id);
+      return CommsStatus::kOk;
+    }
     if (status != CommsStatus::kOk) {
       VLOG_ERROR(kTag, "cloud request dispatch failed: {}",
-                 "no answer could be sent to " + method_);
+                 "no answer could be sent to " + request_.method);
     } else if (is_error_) {
-      VLOG_INFO(kTag, "cloud req {} (id={}) → error response sent", method_, id_);
+      VLOG_INFO(kTag, "cloud req {} (id={}) → error response sent", request_.method, request_.id);
     } else {
-      VLOG_INFO(kTag, "cloud req {} (id={}) → response sent, len={}", method_, id_,
+      VLOG_INFO(kTag, "cloud req {} (id={}) → response sent, len={}", request_.method, request_.id,
                 answer.payload.size());
     }
     return status;
@@ -51,8 +68,7 @@ class CloudAnswer : public ForwardDestination {
 
  private:
   const std::shared_ptr<ClientMqttBase> cloud_;
-  const std::string method_;
-  const std::string id_;
+  const CloudRequest request_;
   const bool is_error_;
 };
 
@@ -60,10 +76,15 @@ class CloudAnswer : public ForwardDestination {
 /// must not hold the workers that run the methods.
 class CloudRequestRunner : public ForwardDestination {
  public:
-  using SendAnswer = std::function<void(const std::string& method, const Json& response)>;
+  using SendAnswer = std::function<void(const CloudRequest& request, const Json& response)>;
+  using MayRun = std::function<bool(const CloudRequest& request)>;
 
-  CloudRequestRunner(JsonRpcServer& server, CloudBridge::CloudGate gate, SendAnswer send_answer)
-      : server_(server), gate_(std::move(gate)), send_answer_(std::move(send_answer)) {}
+  CloudRequestRunner(JsonRpcServer& server, CloudBridge::CloudGate gate, MayRun may_run,
+                     SendAnswer send_answer)
+      : server_(server),
+        gate_(std::move(gate)),
+        may_run_(std::move(may_run)),
+        send_answer_(std::move(send_answer)) {}
 
   CommsStatus Deliver(const MqttMessage& message) override {
     auto parsed = ParsePayload(message.payload);
@@ -75,25 +96,30 @@ class CloudRequestRunner : public ForwardDestination {
                                                    : "not a JSON-RPC request");
       return CommsStatus::kOk;
     }
-    Run(std::move(*request), message.payload.size());
+    Run(std::move(*request), message);
     return CommsStatus::kOk;
   }
 
  private:
-  void Run(Json request, size_t bytes) {
+  void Run(Json request, const MqttMessage& message) {
     const auto name = request.find("method");
     const bool has_method = name != request.end() && name->is_string();
     const std::string method = has_method ? name->get<std::string>() : std::string();
-    const JsonRpcServer::Reply reply = [method, send = send_answer_](const Json& response) {
-      send(method, response);
+    const auto id = request.find("id");
+    const CloudRequest about{utils::LogText(method),
+                             id == request.end() ? "none" : utils::LogText(Serialize(*id)),
+                             message.link};
+    if (!may_run_(about)) return;
+    const JsonRpcServer::Reply reply = [about, send = send_answer_](const Json& response) {
+      send(about, response);
     };
     if (has_method && gate_(method)) {
-      server_.InvokeMethod(method, std::move(request), reply, bytes);
+      server_.InvokeMethod(method, std::move(request), reply, message.payload.size(),
+                           [about, may_run = may_run_] { return may_run(about); });
       return;
     }
     VLOG_ERROR(kTag, "cloud request dispatch failed: {}",
-               has_method ? "method not found: " + utils::LogText(method) : "no method");
-    const auto id = request.find("id");
+               has_method ? "method not found: " + about.method : "no method");
     if (id == request.end()) return;
     reply(MakeResponse(
         *id, has_method ? MethodNotFound(method) : MakeError(kInvalidRequest, "Invalid Request")));
@@ -101,6 +127,7 @@ class CloudRequestRunner : public ForwardDestination {
 
   JsonRpcServer& server_;
   const CloudBridge::CloudGate gate_;
+  const MayRun may_run_;
   const SendAnswer send_answer_;
 };
 
@@ -126,8 +153,14 @@ void LogForwarded(const std::string& stream, const std::string& payload) {
   }
 }
 
-bool IsOneTopicLevel(const std::string& serial_number) {
-  return !serial_number.empty() && serial_number.find_first_of("/+#$\0", 0, 5) == std::string::npos;
+/// What a device without an identity calls itself, and the first levels of the local topics: their
+/// traffic is not a device's.
+constexpr std::array kNoSerialNumbers{"--", "system", "camera", "mqtt_agent", "moonraker"};
+
+bool CanBeSerialNumber(const std::string& text) {
+  return !text.empty() && text.find_first_of("/+#$\0", 0, 5) == std::string::npos &&
+         std::find(kNoSerialNumbers.begin(), kNoSerialNumbers.end(), text) ==
+             kNoSerialNumbers.end();
 }
 
 }  // namespace
@@ -142,7 +175,7 @@ CloudBridge::~CloudBridge() {
 CommsStatus CloudBridge::Setup(const std::shared_ptr<ClientMqttBase>& local,
                                const std::shared_ptr<ClientMqttBase>& cloud,
                                const std::string& serial_number) {
-  if (!IsOneTopicLevel(serial_number)) {
+  if (!CanBeSerialNumber(serial_number)) {
     VLOG_ERROR(kTag, "SetupCloudForwarding: invalid serial number");
     return CommsStatus::kInvalidArgument;
   }
@@ -184,14 +217,24 @@ void CloudBridge::RemoveRoutes() {
 CommsStatus CloudBridge::RouteRequests(const Queues& queues) {
   const auto send_answer = [&forwarders = forwarders_, queue = queues.responses, cloud = cloud_,
                             topic = StreamTopic(serial_number_, "response")](
-                               const std::string& method, const Json& response) {
+                               const CloudRequest& request, const Json& response) {
     auto message = std::make_shared<MqttMessage>();
     message->topic = topic;
     message->payload = Serialize(response);
     forwarders.Forward(queue, std::move(message),
-                       std::make_shared<CloudAnswer>(cloud, method, response));
+                       std::make_shared<CloudAnswer>(cloud, request, response.contains("error")));
   };
-  auto runner = std::make_shared<CloudRequestRunner>(server_, gate_, send_answer);
+  const auto may_run = [cloud = cloud_, dropping = dropping_](const CloudRequest& request) {
+    if (*dropping) {
+      VLOG_WARN(kTag, "drop cloud request, logging out id: {}", request.id);
+    } else if (!cloud->IsLive(request.link)) {
+      VLOG_WARN(kTag, "drop cloud request, its link has ended id: {}", request.id);
+    } else {
+      return true;
+    }
+    return false;
+  };
+  auto runner = std::make_shared<CloudRequestRunner>(server_, gate_, may_run, send_answer);
   return cloud_->AddListener(
       RequestTopic(serial_number_),
       [this, queue = queues.requests, runner](const std::shared_ptr<MqttMessage>& message) {
@@ -209,7 +252,7 @@ CommsStatus CloudBridge::RouteConfig() {
 }
 
 CommsStatus CloudBridge::RouteToCloud(ForwarderPool::QueueId queue, const std::string& stream) {
-  auto publisher = std::make_shared<CloudPublisher>(cloud_);
+  auto publisher = std::make_shared<CloudPublisher>(cloud_, outage_);
   return local_->AddListener(
       StreamTopic(serial_number_, stream),
       [this, queue, stream, publisher](const std::shared_ptr<MqttMessage>& message) {

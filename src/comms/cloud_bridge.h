@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -7,6 +8,7 @@
 #include <string>
 
 #include "comms/client_mqtt_base.h"
+#include "comms/cloud_outage.h"
 #include "comms/forwarder_pool.h"
 #include "comms/json_rpc_server.h"
 
@@ -27,11 +29,14 @@ class CloudBridge {
   CloudBridge(const CloudBridge&) = delete;
   CloudBridge& operator=(const CloudBridge&) = delete;
 
-  /// Wires the routes of one device between two clients; again after a reconnect or with a new
-  /// cloud client replaces them. kInvalidArgument for a serial number that cannot be one level of a
-  /// topic.
+  /// Wires the routes of one device between two clients, which are the same in every call; another
+  /// call replaces the routes. kInvalidArgument for a serial number that cannot be one level of a
+  /// topic, stands for none, or is the name of a service.
   CommsStatus Setup(const std::shared_ptr<ClientMqttBase>& local,
                     const std::shared_ptr<ClientMqttBase>& cloud, const std::string& serial_number);
+
+  /// While on, cloud requests do not run, those that wait included: a user is being logged out.
+  void DropRequests(bool on) { *dropping_ = on; }
 
  private:
   /// One queue per forwarded stream.
@@ -50,6 +55,8 @@ class CloudBridge {
   ForwarderPool& forwarders_;
   JsonRpcServer& server_;
   const CloudGate gate_;
+  const std::shared_ptr<std::atomic<bool>> dropping_ = std::make_shared<std::atomic<bool>>(false);
+  const std::shared_ptr<CloudOutage> outage_ = std::make_shared<CloudOutage>();
 
   std::mutex mutex_;
   std::optional<Queues> queues_;  // guarded by mutex_, like the rest

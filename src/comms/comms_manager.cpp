@@ -1,5 +1,7 @@
 #include "comms/comms_manager.h"
 
+#include <unistd.h>
+
 #include <array>
 #include <utility>
 
@@ -27,11 +29,19 @@ CommsManager::CommsManager(ClientFactory make_client) : make_client_(std::move(m
 }
 
 CommsManager::~CommsManager() {
-  // The clients' listeners use the server and the bridge, so the clients' threads end first.
-  DisconnectAll();
-  EndLife();
-  cloud_.reset();
-  local_.reset();
+  // The clients' listeners use the server and the bridge, so the clients' connections end first.
+  for (const auto& client : {LocalClient(), CloudClient()}) {
+    if (client) client->Close();
+  }
+  for (const auto& client : {LocalClient(), CloudClient()}) {
+    if (client) client->AwaitClosed();
+  }
+  bridge_.reset();
+  rpc_clients_.clear();
+  // The forwarders' threads call the server, whose workers forward answers.
+  if (forwarders_) forwarders_->Stop();
+  server_.reset();
+  forwarders_.reset();
 }
 
 CommsManager& CommsManager::Instance() {
@@ -55,63 +65,74 @@ std::shared_ptr<ClientMqttBase> CommsManager::CloudClient() const {
   return cloud_;
 }
 
+std::shared_ptr<JsonRpcServer> CommsManager::Server() const {
+  std::lock_guard lock(state_mutex_);
+  return life_ == Life::kRunning ? server_ : nullptr;
+}
+
+bool CommsManager::Stopped() const {
+  std::lock_guard lock(state_mutex_);
+  return life_ == Life::kStopped;
+}
+
 CommsStatus CommsManager::InitLocal() {
-  std::unique_lock lock(state_mutex_);
-  if (initialised_) {
+  if (Stopped()) return CommsStatus::kNotInitialized;
+  if (!BeginLife()) {
     VLOG_WARN(kTag, "CommsManager already initialized");
     return CommsStatus::kOk;
   }
-  // An earlier life ends here, and outside the lock: its handlers may wait for it.
-  if (server_) {
-    lock.unlock();
-    EndLife();
-    lock.lock();
+  SerialNumberProvider provider;
+  {
+    std::lock_guard lock(state_mutex_);
+    provider = serial_number_provider_;
   }
-  serial_number_ = serial_number_provider_ ? serial_number_provider_() : std::string();
-  local_ = make_client_("Varnel Local", Qos::kAtMostOnce);
-  local_->SetConnectionLostCallback([this] { OnLocalLost(); });
-  server_ = std::make_unique<JsonRpcServer>("local_srv");
-  if (const CommsStatus bound = BindLocalServer(local_); bound != CommsStatus::kOk) return bound;
-  auto system_notifier = std::make_shared<JsonRpcClient>("system_notif");
-  if (const CommsStatus bound = system_notifier->Bind(local_, {kSystemNotification, ""});
-      bound != CommsStatus::kOk) {
+  const std::string serial_number = provider ? provider() : std::string();
+  LocalSide side;
+  const CommsStatus built = BuildLocalSide(side);
+  {
+    std::lock_guard lock(rpc_clients_mutex_);
+    rpc_clients_[{kSystemNotification, ""}] = side.system_notifier;
+  }
+  {
+    std::lock_guard lock(state_mutex_);
+    local_ = side.client;
+    server_ = side.server;
+    if (life_ == Life::kStarting) life_ = built == CommsStatus::kOk ? Life::kRunning : Life::kNew;
+  }
+  if (built == CommsStatus::kOk) VLOG_INFO(kTag, "CommsManager initialized (sn={})", serial_number);
+  return built;
+}
+
+bool CommsManager::BeginLife() {
+  std::lock_guard lock(state_mutex_);
+  if (life_ != Life::kNew) return false;
+  life_ = Life::kStarting;
+  return true;
+}
+
+CommsStatus CommsManager::BuildLocalSide(LocalSide& side) {
+  side.client = make_client_("Varnel Local", Qos::kAtMostOnce);
+  side.client->SetConnectionLostCallback([this] { OnLocalLost(); });
+  side.server = std::make_shared<JsonRpcServer>("local_srv");
+  if (const CommsStatus bound = BindServer(*side.server, side.client); bound != CommsStatus::kOk)
     return bound;
-  }
+  side.system_notifier = std::make_shared<JsonRpcClient>("system_notif");
+  const CommsStatus bound = side.system_notifier->Bind(side.client, {kSystemNotification, ""});
   forwarders_ = std::make_unique<ForwarderPool>();
   bridge_ = std::make_unique<CloudBridge>(
-      *forwarders_, *server_,
+      *forwarders_, *side.server,
       [this](const std::string& method) { return AllowedFromCloud(method); });
-  initialised_ = true;
-  const std::string serial_number = serial_number_;
-  lock.unlock();
-
-  {
-    std::lock_guard notifiers_lock(notifiers_mutex_);
-    notifiers_[kSystemNotification] = std::move(system_notifier);
-  }
-  VLOG_INFO(kTag, "CommsManager initialized (sn={})", serial_number);
-  return CommsStatus::kOk;
+  return bound;
 }
 
-void CommsManager::EndLife() {
-  bridge_.reset();
-  {
-    std::lock_guard lock(notifiers_mutex_);
-    notifiers_.clear();
-  }
-  // The forwarders' threads call the server, whose workers forward answers.
-  if (forwarders_) forwarders_->Stop();
-  server_.reset();
-  forwarders_.reset();
-}
-
-CommsStatus CommsManager::BindLocalServer(const std::shared_ptr<ClientMqttBase>& local) {
+CommsStatus CommsManager::BindServer(JsonRpcServer& server,
+                                     const std::shared_ptr<ClientMqttBase>& local) {
   const std::array<MqttChannel, 4> channels{{{"system/request", "system/response"},
                                              {"camera/request", "camera/response"},
                                              {"mqtt_agent/request", "mqtt_agent/response"},
                                              {"mqtt_agent/request/+", ""}}};
   for (const MqttChannel& channel : channels) {
-    if (const CommsStatus bound = server_->BindMqtt(local, channel); bound != CommsStatus::kOk)
+    if (const CommsStatus bound = server.BindMqtt(local, channel); bound != CommsStatus::kOk)
       return bound;
   }
   return CommsStatus::kOk;
@@ -165,14 +186,12 @@ void CommsManager::OnLocalLost() {
 
 CommsStatus CommsManager::RegisterMethod(const std::string& method, uint32_t cloud_flag,
                                          RpcHandler handler) {
-  {
-    std::lock_guard lock(state_mutex_);
-    if (!initialised_) {
-      VLOG_ERROR(kTag, "CommsManager not initialized, cannot register method: {}", method);
-      return CommsStatus::kNotInitialized;
-    }
+  const auto server = Server();
+  if (!server) {
+    VLOG_ERROR(kTag, "CommsManager not initialized, cannot register method: {}", method);
+    return CommsStatus::kNotInitialized;
   }
-  const CommsStatus status = server_->RegisterMethod(method, std::move(handler));
+  const CommsStatus status = server->RegisterMethod(method, std::move(handler));
   if (status != CommsStatus::kOk) return status;
   std::lock_guard lock(flags_mutex_);
   method_flags_[method] = cloud_flag;
@@ -187,35 +206,69 @@ bool CommsManager::AllowedFromCloud(const std::string& method) const {
 
 CommsStatus CommsManager::SendNotification(const std::string& topic, const std::string& method,
                                            Json params) {
-  const auto notifier = Notifier(topic);
+  const auto notifier = ClientOf({topic, ""});
   return notifier ? notifier->Notify(method, std::move(params)) : CommsStatus::kNotInitialized;
 }
 
-std::shared_ptr<JsonRpcClient> CommsManager::Notifier(const std::string& topic) {
-  std::shared_ptr<ClientMqttBase> local;
-  {
-    std::lock_guard lock(state_mutex_);
-    if (!initialised_) return nullptr;
-    local = local_;
+CommsStatus CommsManager::PublishLocal(const std::string& topic, const Json& message) {
+  const auto local = Server() ? LocalClient() : nullptr;
+  return local ? local->Send(topic, Qos::kAtMostOnce, false, Serialize(message))
+               : CommsStatus::kNotInitialized;
+}
+
+JsonRpcClient::CallResult CommsManager::CallLocal(const std::string& request_topic,
+                                                  const std::string& method, Json params,
+                                                  std::chrono::milliseconds timeout) {
+  const auto client = ClientOf({request_topic, ResponseTopicOf(request_topic)});
+  if (!client) return {CommsStatus::kNotInitialized, {}};
+  // Other programs read the same answers: the number alone would be theirs too.
+  const Json id = "varnel-" + std::to_string(::getpid()) + "-" + std::to_string(++calls_);
+  return client->Call(method, std::move(params), id, timeout);
+}
+
+std::shared_ptr<JsonRpcClient> CommsManager::ClientOf(const MqttChannel& channel) {
+  const auto local = Server() ? LocalClient() : nullptr;
+  if (!local) return nullptr;
+  std::lock_guard lock(rpc_clients_mutex_);
+  std::shared_ptr<JsonRpcClient>& client =
+      rpc_clients_[{channel.request_topic, channel.response_topic}];
+  if (!client) {
+    client = std::make_shared<JsonRpcClient>(channel.request_topic);
+    (void)client->Bind(local,
+                       channel);  // a subscription that fails now is made at the next connect
   }
-  std::lock_guard lock(notifiers_mutex_);
-  std::shared_ptr<JsonRpcClient>& notifier = notifiers_[topic];
-  if (!notifier) {
-    notifier = std::make_shared<JsonRpcClient>(topic);
-    (void)notifier->Bind(local, {topic, ""});  // cannot fail: a new client and nothing to subscribe
-  }
-  return notifier;
+  return client;
 }
 
 void CommsManager::InitCloud(const std::string& name) {
-  const auto previous = CloudClient();
-  if (previous) previous->Disconnect();
+  if (Stopped()) return;
+  if (CloudClient()) {
+    VLOG_WARN(kTag, "Cloud MQTT client '{}' exists already", CloudClient()->Name());
+    return;
+  }
   auto cloud = make_client_(name, Qos::kAtLeastOnce);
+  cloud->SetLinkCallback([this](const LinkEvent& event) { OnCloudEvent(event); });
   {
     std::lock_guard lock(state_mutex_);
+    if (cloud_) return;
     cloud_ = std::move(cloud);
   }
   VLOG_INFO(kTag, "Cloud MQTT client '{}' created", name);
+}
+
+void CommsManager::SetCloudEventCallback(ClientMqttBase::LinkCallback callback) {
+  if (!callback) return;
+  std::lock_guard lock(callback_mutex_);
+  cloud_event_ = std::move(callback);
+}
+
+void CommsManager::OnCloudEvent(const LinkEvent& event) {
+  ClientMqttBase::LinkCallback callback;
+  {
+    std::lock_guard lock(callback_mutex_);
+    callback = cloud_event_;
+  }
+  if (callback) callback(event);
 }
 
 CommsStatus CommsManager::ConnectCloud(const CloudEndpoint& endpoint) {
@@ -232,38 +285,53 @@ CommsStatus CommsManager::ConnectCloud(const CloudEndpoint& endpoint) {
                          .client_certificate = endpoint.client_certificate,
                          .client_key = endpoint.client_key,
                          .root_ca = endpoint.root_ca,
-                         .user_name = {},
-                         .password = {},
-                         .connect_timeout_s = endpoint.connect_timeout_s});
+                         .connect_timeout_s = endpoint.connect_timeout_s,
+                         .needs_every_subscription = true});
 }
 
-bool CommsManager::IsCloudConnected() const {
+void CommsManager::DisconnectCloud() {
+  if (const auto cloud = CloudClient()) cloud->Disconnect();
+}
+
+LinkPhase CommsManager::CloudPhase() const {
   const auto cloud = CloudClient();
-  return cloud && cloud->IsConnected();
+  return cloud ? cloud->Phase() : LinkPhase::kDown;
+}
+
+CommsStatus CommsManager::PublishCloud(const std::string& topic, const Json& message) {
+  const auto cloud = CloudClient();
+  if (!cloud) return CommsStatus::kNotInitialized;
+  if (!cloud->IsConnected()) return CommsStatus::kNotConnected;
+  return cloud->Send(topic, Qos::kAtLeastOnce, false, Serialize(message));
 }
 
 CommsStatus CommsManager::SetupCloudForwarding(const std::string& serial_number) {
-  const auto local = LocalClient();
+  const auto local = Server() ? LocalClient() : nullptr;
   const auto cloud = CloudClient();
-  if (!local || !cloud || !bridge_) {
+  if (!local || !cloud) {
     VLOG_ERROR(kTag, "SetupCloudForwarding: clients not initialized");
     return CommsStatus::kNotInitialized;
   }
   return bridge_->Setup(local, cloud, serial_number);
 }
 
-void CommsManager::DisconnectAll() {
-  for (const auto& client : {LocalClient(), CloudClient()}) {
-    if (client) client->Disconnect();
-  }
+void CommsManager::DropCloudRequests(bool on) {
+  if (Server()) bridge_->DropRequests(on);
 }
 
 void CommsManager::Stop() {
-  DisconnectAll();
+  const auto local = LocalClient();
+  const auto cloud = CloudClient();
   {
     std::lock_guard lock(state_mutex_);
-    initialised_ = false;
+    life_ = Life::kStopped;
   }
+  // Both are told before either is waited for: the cloud's goodbye does not depend on the local
+  // broker.
+  if (local) local->Close();
+  if (cloud) cloud->Close();
+  if (local) local->AwaitClosed();
+  if (cloud) cloud->AwaitClosed();
   VLOG_INFO(kTag, "CommsManager stopped");
 }
 

@@ -1,12 +1,14 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_map>
+#include <utility>
 
 #include "comms/client_mqtt_base.h"
 #include "comms/cloud_bridge.h"
@@ -30,7 +32,7 @@ struct CloudEndpoint {
 
 /// Where the services meet the brokers: the local link with the one method table, the notification
 /// senders, the cloud link and the routes between them. Thread-safe, but InitLocal() comes before
-/// everything else.
+/// everything else, and after Stop() nothing connects or registers any more.
 class CommsManager {
  public:
   using SerialNumberProvider = std::function<std::string()>;
@@ -65,45 +67,82 @@ class CommsManager {
   /// Sends a notification on a topic of the local broker.
   CommsStatus SendNotification(const std::string& topic, const std::string& method, Json params);
 
-  void InitCloud(const std::string& name);
-  CommsStatus ConnectCloud(const CloudEndpoint& endpoint);
-  bool IsCloudConnected() const;
-  CommsStatus SetupCloudForwarding(const std::string& serial_number);
+  /// Publishes on a topic of the local broker, at QoS 0.
+  CommsStatus PublishLocal(const std::string& topic, const Json& message);
+  /// Asks a program on the local broker and waits for its answer, on the request topic with
+  /// "request" replaced by "response". kTimeout without an answer in time. Not from a listener of
+  /// the local link: it could not be delivered there.
+  JsonRpcClient::CallResult CallLocal(const std::string& request_topic, const std::string& method,
+                                      Json params, std::chrono::milliseconds timeout);
 
+  /// Makes the cloud client, once: it lives as long as the process, and with it its routes.
+  void InitCloud(const std::string& name);
+  /// Called once for each attempt of the cloud link and once for the end of each link that was up,
+  /// on a thread of the client's; must not block or call the manager. An empty function is ignored.
+  void SetCloudEventCallback(ClientMqttBase::LinkCallback callback);
+  /// Starts connecting and returns; the outcome is an event. A link that is up is replaced. kBusy
+  /// while an attempt runs.
+  CommsStatus ConnectCloud(const CloudEndpoint& endpoint);
+  /// Ends the cloud link or the attempt at one, which is an event too. Returns within a few
+  /// seconds.
+  void DisconnectCloud();
+  LinkPhase CloudPhase() const;
+  bool IsCloudConnected() const { return CloudPhase() == LinkPhase::kUp; }
+  /// Publishes on a topic of the cloud broker, at QoS 1.
+  CommsStatus PublishCloud(const std::string& topic, const Json& message);
+  CommsStatus SetupCloudForwarding(const std::string& serial_number);
+  /// While on, no cloud request runs: a user is being logged out.
+  void DropCloudRequests(bool on);
+
+  /// Ends both links for good; returns when their connections are closed, within a few seconds.
   void Stop();
 
  private:
+  enum class Life { kNew, kStarting, kRunning, kStopped };
+
+  /// Made by InitLocal(), in this order.
+  struct LocalSide {
+    std::shared_ptr<ClientMqttBase> client;
+    std::shared_ptr<JsonRpcServer> server;
+    std::shared_ptr<JsonRpcClient> system_notifier;
+  };
+
+  bool BeginLife();
+  CommsStatus BuildLocalSide(LocalSide& side);
   std::shared_ptr<ClientMqttBase> LocalClient() const;
   std::shared_ptr<ClientMqttBase> CloudClient() const;
-  void DisconnectAll();
-  /// Takes apart what InitLocal() built, but for the clients.
-  void EndLife();
-  CommsStatus BindLocalServer(const std::shared_ptr<ClientMqttBase>& local);
-  std::shared_ptr<JsonRpcClient> Notifier(const std::string& topic);
+  std::shared_ptr<JsonRpcServer> Server() const;
+  bool Stopped() const;
+  static CommsStatus BindServer(JsonRpcServer& server,
+                                const std::shared_ptr<ClientMqttBase>& local);
+  std::shared_ptr<JsonRpcClient> ClientOf(const MqttChannel& channel);
   void OnLocalLost();
+  void OnCloudEvent(const LinkEvent& event);
   bool AllowedFromCloud(const std::string& method) const;
 
   const ClientFactory make_client_;
 
   mutable std::mutex state_mutex_;  // guards the next group; never held while another mutex here is
-  bool initialised_ = false;
+  Life life_ = Life::kNew;
   SerialNumberProvider serial_number_provider_;
-  std::string serial_number_;
   std::shared_ptr<ClientMqttBase> local_;
   std::shared_ptr<ClientMqttBase> cloud_;
+  std::shared_ptr<JsonRpcServer> server_;
 
   mutable std::mutex flags_mutex_;
   std::map<std::string, uint32_t, std::less<>> method_flags_;  // guarded by flags_mutex_
 
-  std::mutex notifiers_mutex_;
-  std::unordered_map<std::string, std::shared_ptr<JsonRpcClient>>
-      notifiers_;  // guarded by notifiers_mutex_
+  std::mutex rpc_clients_mutex_;
+  /// By request and response topic; guarded by rpc_clients_mutex_.
+  std::map<std::pair<std::string, std::string>, std::shared_ptr<JsonRpcClient>> rpc_clients_;
 
   std::mutex callback_mutex_;
-  std::function<void()> local_disconnect_;  // guarded by callback_mutex_
+  std::function<void()> local_disconnect_;    // guarded by callback_mutex_
+  ClientMqttBase::LinkCallback cloud_event_;  // guarded by callback_mutex_
 
-  // Made by InitLocal(); the clients' listeners use them, so they end after Stop() only.
-  std::unique_ptr<JsonRpcServer> server_;
+  std::atomic<uint64_t> calls_{0};
+
+  // Made by InitLocal(); the clients' listeners use them, so they end after the links only.
   std::unique_ptr<ForwarderPool> forwarders_;
   std::unique_ptr<CloudBridge> bridge_;
 };

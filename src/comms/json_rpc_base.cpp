@@ -13,6 +13,14 @@ constexpr size_t kLoggedBytes = 160;
 
 }  // namespace
 
+std::string ResponseTopicOf(const std::string& request_topic) {
+  constexpr std::string_view kRequest = "request";
+  const size_t at = request_topic.find(kRequest);
+  if (at == std::string::npos) return {};
+  std::string topic = request_topic;
+  return topic.replace(at, kRequest.size(), "response");
+}
+
 JsonRpcBase::JsonRpcBase(std::string name, const char* tag) : name_(std::move(name)), tag_(tag) {}
 
 CommsStatus JsonRpcBase::Publish(ClientMqttBase* client, const std::string& topic,

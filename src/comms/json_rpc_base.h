@@ -8,6 +8,10 @@
 
 namespace varnel::comms {
 
+/// "system/request" to "system/response"; empty for a topic without "request", which has no answer
+/// topic.
+std::string ResponseTopicOf(const std::string& request_topic);
+
 /// What both JSON-RPC ends share: a name for the log and publishing envelopes through an MQTT
 /// client.
 class JsonRpcBase {

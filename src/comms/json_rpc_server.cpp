@@ -10,15 +10,6 @@ namespace {
 
 constexpr const char* kTag = "JRPCS";
 
-/// "system/request" to "system/response"; a topic without "request" has no answer topic.
-std::string MapTopic(const std::string& request_topic) {
-  constexpr std::string_view kRequest = "request";
-  const size_t at = request_topic.find(kRequest);
-  if (at == std::string::npos) return {};
-  std::string topic = request_topic;
-  return topic.replace(at, kRequest.size(), "response");
-}
-
 const std::string* MethodOf(const Json& message) {
   if (!message.is_object()) return nullptr;
   const auto method = message.find("method");
@@ -34,7 +25,7 @@ Json TakeMember(Json& request, const char* name) {
 
 JsonRpcServer::JsonRpcServer(std::string name)
     : JsonRpcBase(std::move(name), kTag),
-      topic_mapper_(MapTopic),
+      topic_mapper_(ResponseTopicOf),
       camera_lane_("rpc-camera"),
       general_lane_("rpc") {
   VLOG_INFO(kTag, "Create a JSON-RPC server: {}", Name());
@@ -126,16 +117,16 @@ void JsonRpcServer::Serve(Json message, const std::string& topic, size_t bytes) 
   }
   Dispatch(
       method, std::move(message),
-      [this, topic](const Json& response) { SendResponse(response, topic); }, bytes);
+      [this, topic](const Json& response) { SendResponse(response, topic); }, bytes, nullptr);
 }
 
 void JsonRpcServer::InvokeMethod(const std::string& method, Json request, const Reply& reply,
-                                 size_t bytes) {
-  Dispatch(method, std::move(request), reply, bytes);
+                                 size_t bytes, Admit admit) {
+  Dispatch(method, std::move(request), reply, bytes, std::move(admit));
 }
 
 void JsonRpcServer::Dispatch(const std::string& method, Json request, const Reply& reply,
-                             size_t bytes) {
+                             size_t bytes, Admit admit) {
   const bool wants_answer = request.is_object() && request.contains("id");
   const auto answer = [&reply, wants_answer](Json id, Json value) {
     if (wants_answer && reply) reply(MakeResponse(std::move(id), std::move(value)));
@@ -148,8 +139,9 @@ void JsonRpcServer::Dispatch(const std::string& method, Json request, const Repl
   }
   const Json id = wants_answer ? request["id"] : Json();
   auto work = std::make_shared<Json>(std::move(request));
-  auto run = [this, method, handler, work, reply, wants_answer, id] {
+  auto run = [this, method, handler, work, reply, wants_answer, id, admit = std::move(admit)] {
     try {
+      if (admit && !admit()) return;
       Json value = CallHandler(method, handler, *work);
       if (wants_answer && reply) reply(MakeResponse(id, std::move(value)));
     } catch (const std::exception& error) {

@@ -21,6 +21,8 @@ using RpcHandler = std::function<Json(const Json& params)>;
 class JsonRpcServer : public JsonRpcBase {
  public:
   using Reply = std::function<void(const Json& response)>;
+  /// Asked on the worker before the method runs; false: it does not, and there is no response.
+  using Admit = std::function<bool()>;
 
   explicit JsonRpcServer(std::string name);
   /// Stops listening; waits for the handlers that run.
@@ -46,12 +48,14 @@ class JsonRpcServer : public JsonRpcBase {
   /// Runs a method for a caller that is not on MQTT. `reply` gets the response envelope on a worker
   /// thread (or on the caller's when the method is unknown or the server is busy), and nothing for
   /// a request without "id". `bytes` is the size of the request on the wire.
-  void InvokeMethod(const std::string& method, Json request, const Reply& reply, size_t bytes = 0);
+  void InvokeMethod(const std::string& method, Json request, const Reply& reply, size_t bytes = 0,
+                    Admit admit = nullptr);
 
  private:
   void OnPayload(const std::string& payload, const std::string& topic);
   void Serve(Json message, const std::string& topic, size_t bytes);
-  void Dispatch(const std::string& method, Json request, const Reply& reply, size_t bytes);
+  void Dispatch(const std::string& method, Json request, const Reply& reply, size_t bytes,
+                Admit admit);
   RpcHandler FindHandler(const std::string& method) const;
   Json CallHandler(const std::string& method, const RpcHandler& handler, const Json& request) const;
   std::string ResponseTopic(const std::string& request_topic) const;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace varnel::comms {
@@ -10,6 +11,8 @@ struct MqttMessage {
   std::string payload;
   /// Published before we subscribed and kept by the broker; it comes again at every connection.
   bool retained = false;
+  /// The link that it came over; see ClientMqttBase::IsLive().
+  uint32_t link = 0;
 };
 
 /// The topics of a JSON-RPC endpoint. An empty response topic: a server derives it from the

@@ -3,7 +3,9 @@
 #include <netdb.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <cstring>
+#include <memory>
 
 namespace varnel::comms {
 
@@ -34,14 +36,23 @@ int PahoAsyncApi::Connect(MQTTAsync handle, const MQTTAsync_connectOptions& opti
   return MQTTAsync_connect(handle, &options);
 }
 
-std::string PahoAsyncApi::Resolve(const std::string& host) {
+NameAddresses PahoAsyncApi::LookUp(const std::string& host) {
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;
-  addrinfo* addresses = nullptr;
-  const int code = ::getaddrinfo(host.c_str(), nullptr, &hints, &addresses);
-  if (code != 0) return ::gai_strerror(code);
-  ::freeaddrinfo(addresses);
-  return {};
+  addrinfo* found = nullptr;
+  const int code = ::getaddrinfo(host.c_str(), nullptr, &hints, &found);
+  if (code != 0) return {{}, ::gai_strerror(code)};
+  const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(found, ::freeaddrinfo);
+  NameAddresses names;
+  for (const addrinfo* at = found; at; at = at->ai_next) {
+    std::array<char, NI_MAXHOST> text{};
+    if (::getnameinfo(at->ai_addr, at->ai_addrlen, text.data(), text.size(), nullptr, 0,
+                      NI_NUMERICHOST) == 0) {
+      names.addresses.emplace_back(text.data());
+    }
+  }
+  if (names.addresses.empty()) names.problem = "no address";
+  return names;
 }
 
 void PahoAsyncApi::AwaitUnlocked(MQTTAsync handle) {

@@ -4,8 +4,16 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace varnel::comms {
+
+/// What became of a host name: numeric addresses in the order in which they are to be tried, or
+/// what went wrong.
+struct NameAddresses {
+  std::vector<std::string> addresses{};
+  std::string problem{};
+};
 
 /// Exactly the calls of the asynchronous MQTT library that ClientMqttAsync makes, with the
 /// library's own return codes; tests hand in a fake.
@@ -20,9 +28,8 @@ class PahoAsyncApi {
   virtual int SetDisconnected(MQTTAsync handle, void* context,
                               MQTTAsync_disconnected* disconnected);
   virtual int Connect(MQTTAsync handle, const MQTTAsync_connectOptions& options);
-  /// Looks a host name up, so that the library, which does it with its lock held, has the answer at
-  /// once: a silent name server would stop every other client. Empty, or what went wrong.
-  virtual std::string Resolve(const std::string& host);
+  /// Looks a host name up; takes as long as the name servers do.
+  virtual NameAddresses LookUp(const std::string& host);
   /// Returns when the library has left the work that it does under its lock.
   virtual void AwaitUnlocked(MQTTAsync handle);
   virtual int Disconnect(MQTTAsync handle, const MQTTAsync_disconnectOptions& options);

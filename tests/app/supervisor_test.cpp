@@ -108,7 +108,7 @@ TEST_F(SupervisorTest, ShutdownEndsEveryWait) {
     const milliseconds start = clock_.Elapsed();
     EXPECT_LE(LiveUntil(start + shutdown), start + shutdown + Supervisor::kFlagPoll)
         << "broker " << broker << ", " << shutdown.count() << " ms";
-    manager_.Stop();
+    client_->Disconnect();
   }
 }
 

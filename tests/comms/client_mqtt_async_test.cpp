@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <functional>
 #include <latch>
 #include <thread>
 
@@ -12,6 +14,8 @@
 
 namespace varnel::comms {
 namespace {
+
+using test::Eventually;
 
 /// The library with failure switches; the test plays its callbacks.
 class FakePaho : public PahoAsyncApi {
@@ -41,7 +45,11 @@ class FakePaho : public PahoAsyncApi {
     connect_options = options;
     return connect_code;
   }
-  std::string Resolve(const std::string&) override { return resolve_problem; }
+  NameAddresses LookUp(const std::string& host) override {
+    if (on_look_up) on_look_up(host);
+    if (!look_up_problem.empty()) return {{}, look_up_problem};
+    return {{"192.0.2.1"}, ""};
+  }
   void AwaitUnlocked(MQTTAsync) override {}
   int Disconnect(MQTTAsync, const MQTTAsync_disconnectOptions& options) override {
     if (disconnect_answers) options.onSuccess5(options.context, nullptr);
@@ -50,16 +58,19 @@ class FakePaho : public PahoAsyncApi {
   int Subscribe(MQTTAsync, const std::string& filter, int qos,
                 MQTTAsync_responseOptions& options) override {
     subscribed.Put(filter + "@" + std::to_string(qos));
+    if (subscribe_code != MQTTASYNC_SUCCESS) return subscribe_code;
     if (subscribe_refused) {
       MQTTAsync_failureData5 data = MQTTAsync_failureData5_initializer;
       data.code = -1;
       data.reasonCode = MQTTREASONCODE_NOT_AUTHORIZED;
       options.onFailure5(options.context, &data);
+    } else if (acknowledges) {
+      options.onSuccess5(options.context, nullptr);
     }
     return subscribe_code;
   }
   int Send(MQTTAsync, const std::string&, const MQTTAsync_message& message,
-           MQTTAsync_responseOptions&) override {
+           MQTTAsync_responseOptions& options) override {
     ++send_calls;
     if (on_send) on_send();
     if (full > 0) {
@@ -67,6 +78,7 @@ class FakePaho : public PahoAsyncApi {
       return MQTTASYNC_MAX_BUFFERED_MESSAGES;
     }
     if (send_code == MQTTASYNC_SUCCESS) {
+      deliveries.Put(options);
       sent.Put(std::string(static_cast<const char*>(message.payload),
                            static_cast<size_t>(message.payloadlen)));
     }
@@ -74,8 +86,26 @@ class FakePaho : public PahoAsyncApi {
   }
   void Destroy(MQTTAsync) override { --live; }
 
-  void Succeed() { connect_options.onSuccess5(connect_options.context, nullptr); }
-  void Fail() { connect_options.onFailure5(connect_options.context, nullptr); }
+  void Succeed(int receive_maximum = 0) {
+    MQTTAsync_successData5 data = MQTTAsync_successData5_initializer;
+    MQTTProperty maximum{};
+    maximum.identifier = MQTTPROPERTY_CODE_RECEIVE_MAXIMUM;
+    maximum.value.integer2 = static_cast<unsigned short>(receive_maximum);
+    if (receive_maximum > 0) MQTTProperties_add(&data.properties, &maximum);
+    connect_options.onSuccess5(connect_options.context, &data);
+    MQTTProperties_free(&data.properties);
+  }
+  void Fail(MQTTReasonCodes reason = MQTTREASONCODE_SUCCESS) {
+    MQTTAsync_failureData5 data = MQTTAsync_failureData5_initializer;
+    data.code = -1;
+    data.reasonCode = reason;
+    connect_options.onFailure5(connect_options.context, &data);
+  }
+  /// The broker has taken the oldest message that it has not yet.
+  void Deliver() {
+    const auto options = deliveries.Items().at(delivered_++);
+    options.onSuccess5(options.context, nullptr);
+  }
   void Arrive(const std::string& topic, const std::string& payload) {
     MQTTAsync_message* message = NewMessage(payload);
     auto* name = static_cast<char*>(MQTTAsync_malloc(topic.size() + 1));
@@ -83,7 +113,9 @@ class FakePaho : public PahoAsyncApi {
     arrived(context, name, 0, message);
   }
 
-  std::string resolve_problem;
+  std::string look_up_problem;
+  std::function<void(const std::string&)> on_look_up;
+  bool acknowledges = true;
   int create_code = MQTTASYNC_SUCCESS;
   int callbacks_code = MQTTASYNC_SUCCESS;
   int connect_code = MQTTASYNC_SUCCESS;
@@ -94,8 +126,8 @@ class FakePaho : public PahoAsyncApi {
   bool disconnect_answers = true;
   int full = 0;
 
-  int live = 0;
-  int connects = 0;
+  std::atomic<int> live = 0;
+  std::atomic<int> connects = 0;
   int send_calls = 0;
   void* context = nullptr;
   MQTTAsync_connectOptions connect_options{};
@@ -104,6 +136,7 @@ class FakePaho : public PahoAsyncApi {
   MQTTAsync_disconnected* disconnected = nullptr;
   test::Mailbox<std::string> subscribed;
   test::Mailbox<std::string> sent;
+  test::Mailbox<MQTTAsync_responseOptions> deliveries;
 
  private:
   static MQTTAsync_message* NewMessage(const std::string& payload) {
@@ -116,27 +149,54 @@ class FakePaho : public PahoAsyncApi {
   }
 
   int handle_storage_ = 0;
+  size_t delivered_ = 0;
 };
+
+using Kind = LinkEvent::Kind;
 
 class ClientMqttAsyncTest : public ::testing::Test {
  protected:
   ClientMqttAsyncTest() {
+    client_.SetLinkCallback([this](const LinkEvent& event) { events_.Put(event); });
     client_.SetConnectionLostCallback([this] { ++lost_; });
   }
-  void Connect() {
+  /// Returns when the library has been asked.
+  void Start() {
+    const int before = paho_.connects;
     ASSERT_EQ(client_.Connect(settings_), CommsStatus::kOk);
-    paho_.Succeed();
-    ASSERT_TRUE(client_.IsConnected());
+    ASSERT_TRUE(Eventually([&] { return paho_.connects > before; }));
   }
-  CommsStatus Send(const std::string& payload) {
-    return client_.Send("t", Qos::kAtMostOnce, false, payload);
+  void Connect(int receive_maximum = 0) {
+    Start();
+    paho_.Succeed(receive_maximum);
+    ASSERT_TRUE(Eventually([&] { return client_.IsConnected(); }));
+  }
+  void Reconnect() {
+    const int before = paho_.connects;
+    ASSERT_EQ(client_.Reconnect(), CommsStatus::kOk);
+    ASSERT_TRUE(Eventually([&] { return paho_.connects > before; }));
+  }
+  CommsStatus Send(const std::string& payload, Qos qos = Qos::kAtMostOnce) {
+    return client_.Send("t", qos, false, payload);
+  }
+  LinkEvent Event(size_t count) {
+    const auto events = events_.WaitFor(count);
+    return events.size() == count ? events.back() : LinkEvent{.text = "another number of events"};
+  }
+  /// Passes time until it is done.
+  bool InTime(const std::function<bool()>& done) {
+    return Eventually([&] {
+      clock_.Advance(std::chrono::milliseconds(100));
+      return done();
+    });
   }
 
   test::LogCapture log_;
   FakePaho paho_;
-  test::FakeClock clock_{test::FakeClock::Waiting::kJump};
-  MqttConnectSettings settings_{.host = "h", .port = "1", .client_id = "id"};
-  int lost_ = 0;
+  test::FakeClock clock_;
+  MqttConnectSettings settings_{.host = "192.0.2.7", .port = "1", .client_id = "id"};
+  std::atomic<int> lost_ = 0;
+  test::Mailbox<LinkEvent> events_;
   ClientMqttAsync client_{"T", Qos::kAtMostOnce, paho_, clock_};
 };
 
@@ -166,16 +226,18 @@ TEST_F(ClientMqttAsyncTest, Message257QueuedBehindABlockedListenerDropsTheOldest
 TEST_F(ClientMqttAsyncTest, AnotherConnectReplacesTheHandle) {
   Connect();
   settings_.root_ca = "/ca";
-  ASSERT_EQ(client_.Connect(settings_), CommsStatus::kOk);
+  Start();
   EXPECT_EQ(paho_.live, 1) << "the first handle is gone";
-  EXPECT_EQ(ServerUri(settings_, "1.3.12"), "mqtts://h:1");
-  EXPECT_EQ(ServerUri(settings_, "1.3.10"), "ssl://h:1");
-  EXPECT_EQ(ServerUri(settings_, "1.4"), "mqtts://h:1");
+  EXPECT_EQ(Event(2).kind, Kind::kEnded);
+  EXPECT_EQ(ServerUri(settings_, "1.3.12"), "mqtts://192.0.2.7:1");
+  EXPECT_EQ(ServerUri(settings_, "1.3.10"), "ssl://192.0.2.7:1");
+  EXPECT_EQ(ServerUri(settings_, "1.4"), "mqtts://192.0.2.7:1");
   EXPECT_EQ(ServerUri({.host = "h", .port = "1"}, "unknown"), "tcp://h:1");
 }
 
 TEST_F(ClientMqttAsyncTest, OneAttemptAtATime) {
-  ASSERT_EQ(client_.Connect(settings_), CommsStatus::kOk);
+  Start();
+  EXPECT_EQ(client_.Phase(), LinkPhase::kConnecting);
   EXPECT_EQ(client_.Connect(settings_), CommsStatus::kBusy);
   EXPECT_EQ(client_.Reconnect(), CommsStatus::kBusy);
   EXPECT_TRUE(log_.Has("MQTT", "T: Connect called while already connecting, ignored"));
@@ -183,57 +245,109 @@ TEST_F(ClientMqttAsyncTest, OneAttemptAtATime) {
   EXPECT_EQ(paho_.connects, 1);
   paho_.Succeed();
   paho_.Succeed();  // the library may report twice
+  EXPECT_EQ(Event(1).kind, Kind::kConnected);
   EXPECT_EQ(log_.Count("MQTT", "T: connected successfully"), 1U);
 }
 
-TEST_F(ClientMqttAsyncTest, EveryFailedAttemptIsReportedAndCanBeRepeated) {
+TEST_F(ClientMqttAsyncTest, EveryFailedAttemptIsReportedOnceAndCanBeRepeated) {
   EXPECT_EQ(client_.Reconnect(), CommsStatus::kNotInitialized);
   EXPECT_TRUE(log_.Has("MQTT", "T: reconnect called but client not initialized"));
-  EXPECT_EQ(lost_, 0);
 
   paho_.create_code = -1;
-  EXPECT_EQ(client_.Connect(settings_), CommsStatus::kFailure);
-  EXPECT_EQ(lost_, 1);
+  EXPECT_EQ(client_.Connect(settings_), CommsStatus::kOk);
+  EXPECT_EQ(Event(1).kind, Kind::kFailed);
   paho_.create_code = MQTTASYNC_SUCCESS;
   paho_.callbacks_code = -1;
-  EXPECT_EQ(client_.Reconnect(), CommsStatus::kFailure);
+  EXPECT_EQ(client_.Reconnect(), CommsStatus::kOk);
+  EXPECT_EQ(Event(2).kind, Kind::kFailed);
   EXPECT_TRUE(log_.Has("MQTT", "T: failed to set callbacks, rc: -1"));
-  EXPECT_EQ(lost_, 2);
   paho_.callbacks_code = MQTTASYNC_SUCCESS;
-  paho_.connect_code = -1;
-  EXPECT_EQ(client_.Connect(settings_), CommsStatus::kFailure);
-  EXPECT_TRUE(log_.Has("MQTT", "T: failed to start async connection, rc: -1"));
-  EXPECT_EQ(client_.Reconnect(), CommsStatus::kFailure);
-  EXPECT_TRUE(log_.Has("MQTT", "T: reconnect failed, rc: -1"));
-  EXPECT_EQ(lost_, 4);
+  paho_.connect_code = -2;
+  EXPECT_EQ(client_.Connect(settings_), CommsStatus::kOk);
+  EXPECT_EQ(Event(3).return_code, -2);
+  EXPECT_TRUE(log_.Has("MQTT", "T: failed to start async connection, rc: -2"));
+  paho_.connect_code = MQTTASYNC_SUCCESS;
+  Reconnect();  // builds the handle again
+  paho_.Fail(MQTTREASONCODE_BAD_USER_NAME_OR_PASSWORD);
+  EXPECT_EQ(Event(4).reason_code, MQTTREASONCODE_BAD_USER_NAME_OR_PASSWORD);
+  paho_.connect_code = -2;
+  EXPECT_EQ(client_.Reconnect(), CommsStatus::kOk);
+  EXPECT_EQ(Event(5).attempt, 5U);
+  EXPECT_TRUE(log_.Has("MQTT", "T: reconnect failed, rc: -2"));
   EXPECT_EQ(paho_.live, 0);
 
-  paho_.connect_code = MQTTASYNC_SUCCESS;
-  paho_.resolve_problem = "Name or service not known";
-  EXPECT_EQ(client_.Connect(settings_), CommsStatus::kFailure);
-  EXPECT_EQ(client_.Reconnect(), CommsStatus::kFailure);
+  settings_.host = "broker";
+  paho_.look_up_problem = "Name or service not known";
+  EXPECT_EQ(client_.Connect(settings_), CommsStatus::kOk);
+  EXPECT_EQ(Event(6).text, "host broker: Name or service not known");
+  EXPECT_EQ(paho_.live, 0) << "the library is not asked";
+  EXPECT_EQ(client_.Phase(), LinkPhase::kDown);
   EXPECT_EQ(lost_, 6);
-  EXPECT_EQ(paho_.live, 0) << "the library is not asked, it would look up with its lock held";
-  paho_.resolve_problem.clear();
-  EXPECT_EQ(client_.Reconnect(), CommsStatus::kOk) << "builds the handle again";
-  paho_.Fail();
-  EXPECT_EQ(lost_, 7);
-  EXPECT_EQ(client_.Reconnect(), CommsStatus::kOk);
+  paho_.connect_code = MQTTASYNC_SUCCESS;
+  paho_.look_up_problem.clear();
+  Reconnect();
   paho_.Succeed();
-  EXPECT_TRUE(client_.IsConnected());
+  EXPECT_EQ(Event(7).kind, Kind::kConnected);
   client_.Disconnect();
+  EXPECT_EQ(Event(8).kind, Kind::kEnded);
   EXPECT_EQ(client_.Reconnect(), CommsStatus::kNotInitialized) << "a wanted end stays";
   EXPECT_EQ(paho_.live, 0);
+}
+
+TEST_F(ClientMqttAsyncTest, AnEndCancelsALookUpAndAnAttemptForGood) {
+  std::latch asked(1);
+  std::latch answer(1);
+  paho_.on_look_up = [&](const std::string&) {
+    asked.count_down();
+    answer.wait();
+  };
+  settings_.host = "broker";
+  EXPECT_EQ(client_.Connect(settings_), CommsStatus::kOk) << "at once, nobody waits for the name";
+  asked.wait();
+  client_.Disconnect();
+  EXPECT_EQ(Event(1).kind, Kind::kEnded);
+  answer.count_down();
+  settings_.host = "192.0.2.7";
+  Start();
+  EXPECT_EQ(paho_.connects, 1) << "the first was never started";
+  const auto attempt = paho_.connect_options;
+  client_.Disconnect();
+  attempt.onSuccess5(attempt.context, nullptr);
+  EXPECT_EQ(Event(2).kind, Kind::kEnded);
+  EXPECT_FALSE(client_.IsConnected());
+  Connect();
+  client_.Close();
+  client_.AwaitClosed();
+  EXPECT_EQ(client_.Connect(settings_), CommsStatus::kNotInitialized);
+  EXPECT_EQ(client_.Reconnect(), CommsStatus::kNotInitialized);
+  EXPECT_EQ(Event(4).kind, Kind::kEnded);
+  EXPECT_EQ(paho_.live, 0);
+}
+
+TEST_F(ClientMqttAsyncTest, NoLookUpOutlastsAnAttemptAndFewRunAtATime) {
+  std::latch answer(1);
+  paho_.on_look_up = [&](const std::string&) { answer.wait(); };
+  settings_.host = "broker";
+  for (size_t attempt = 1; attempt <= NameLookups::kMaxRunning; ++attempt) {
+    EXPECT_EQ(client_.Connect(settings_), CommsStatus::kOk);
+    EXPECT_TRUE(InTime([&] { return client_.Phase() == LinkPhase::kDown; }));
+    EXPECT_EQ(Event(attempt).kind, Kind::kFailed) << "a name server that stays silent";
+  }
+  EXPECT_EQ(client_.Connect(settings_), CommsStatus::kOk);
+  EXPECT_EQ(Event(NameLookups::kMaxRunning + 1).kind, Kind::kFailed);
+  answer.count_down();
 }
 
 TEST_F(ClientMqttAsyncTest, ABrokerThatTakesItsLeaveIsALostConnection) {
   Connect();
   paho_.disconnected(paho_.context, nullptr, MQTTREASONCODE_SESSION_TAKEN_OVER);
   EXPECT_FALSE(client_.IsConnected());
-  EXPECT_EQ(lost_, 1);
-  EXPECT_EQ(client_.Reconnect(), CommsStatus::kOk);
+  EXPECT_EQ(Event(2).kind, Kind::kLost);
+  EXPECT_EQ(Event(2).reason_code, MQTTREASONCODE_SESSION_TAKEN_OVER);
+  Reconnect();
   paho_.Succeed();
-  EXPECT_TRUE(client_.IsConnected());
+  EXPECT_EQ(Event(3).kind, Kind::kConnected);
+  EXPECT_EQ(lost_, 1);
 }
 
 TEST_F(ClientMqttAsyncTest, SubscribesOnEveryConnectAndWhenAListenerIsAdded) {
@@ -247,9 +361,9 @@ TEST_F(ClientMqttAsyncTest, SubscribesOnEveryConnectAndWhenAListenerIsAdded) {
   (void)client_.AddListener("b/+", ignore);
   paho_.lost(paho_.context, nullptr);
   EXPECT_TRUE(log_.Has("MQTT", "T: connection lost, cause: unknown"));
-  EXPECT_EQ(lost_, 1);
-  ASSERT_EQ(client_.Reconnect(), CommsStatus::kOk);
+  Reconnect();
   paho_.Succeed();
+  EXPECT_EQ(Event(3).kind, Kind::kConnected);
   EXPECT_EQ(paho_.subscribed.Items(), (std::vector<std::string>{"a@0", "b/+@0", "a@0", "b/+@0"}));
 
   paho_.subscribe_code = -9;
@@ -260,16 +374,44 @@ TEST_F(ClientMqttAsyncTest, SubscribesOnEveryConnectAndWhenAListenerIsAdded) {
   (void)client_.AddListener("d", ignore);
   EXPECT_TRUE(log_.Has(
       "MQTT", "T: subscribe failed, rc: -1, reasonCode: 135, will retry on next reconnect"));
+  EXPECT_TRUE(client_.IsConnected()) << "the local link goes on";
+}
+
+TEST_F(ClientMqttAsyncTest, ALinkThatNeedsThemIsUpWithEverySubscription) {
+  settings_.needs_every_subscription = true;
+  (void)client_.AddListener("a", [](const std::shared_ptr<MqttMessage>&) {});
+  paho_.acknowledges = false;
+  Start();
+  paho_.Succeed();
+  ASSERT_EQ(paho_.subscribed.WaitFor(1).size(), 1U);
+  EXPECT_EQ(client_.Phase(), LinkPhase::kConnecting);
+  EXPECT_TRUE(InTime([&] { return client_.Phase() == LinkPhase::kDown; }));
+  EXPECT_EQ(Event(1).text, "no outcome in time");
+  EXPECT_EQ(paho_.live, 0);
+
+  paho_.subscribe_refused = true;
+  Start();
+  paho_.Succeed();
+  EXPECT_EQ(Event(2).kind, Kind::kFailed);
+  EXPECT_EQ(Event(2).reason_code, MQTTREASONCODE_NOT_AUTHORIZED);
+  EXPECT_TRUE(Eventually([&] { return paho_.live == 0; }));
+  paho_.subscribe_refused = false;
+  paho_.acknowledges = true;
+  Connect();
+  paho_.subscribe_refused = true;
+  (void)client_.AddListener("b", [](const std::shared_ptr<MqttMessage>&) {});
+  EXPECT_EQ(Event(4).kind, Kind::kLost) << "a link that is deaf for one topic";
 }
 
 TEST_F(ClientMqttAsyncTest, SendsOnlyOverALiveLink) {
   EXPECT_EQ(Send("x"), CommsStatus::kNotInitialized);
   EXPECT_TRUE(log_.Has("MQTT", "T: client handle is null, cannot send"));
-  ASSERT_EQ(client_.Connect(settings_), CommsStatus::kOk);
+  Start();
   EXPECT_EQ(Send("x"), CommsStatus::kNotConnected);
   EXPECT_TRUE(log_.Has("MQTT", "T: not connected"));
   EXPECT_EQ(paho_.send_calls, 0);
   paho_.Succeed();
+  EXPECT_EQ(Event(1).kind, Kind::kConnected);
   EXPECT_EQ(Send("x"), CommsStatus::kOk);
   paho_.send_code = MQTTASYNC_FAILURE;
   EXPECT_EQ(Send("x"), CommsStatus::kFailure);
@@ -279,23 +421,50 @@ TEST_F(ClientMqttAsyncTest, SendsOnlyOverALiveLink) {
   EXPECT_EQ(Send("x"), CommsStatus::kNotConnected);
   EXPECT_FALSE(client_.IsConnected());
   EXPECT_TRUE(log_.Has("MQTT", "T: send on topic t detected disconnection, marking offline"));
+  Reconnect();
   paho_.Succeed();
+  EXPECT_EQ(Event(3).kind, Kind::kConnected);
   paho_.on_send = [this] {  // the link goes and comes back before the sender is told
     paho_.lost(paho_.context, nullptr);
+    Reconnect();
     paho_.Succeed();
+    EXPECT_EQ(Event(5).kind, Kind::kConnected);
   };
   EXPECT_EQ(Send("x"), CommsStatus::kNotConnected);
   EXPECT_TRUE(client_.IsConnected());
+  paho_.on_send = nullptr;
+  paho_.send_code = MQTTASYNC_SUCCESS;
+  EXPECT_EQ(client_.SendOn(3, "t", Qos::kAtLeastOnce, "late"), CommsStatus::kNotConnected);
+  EXPECT_EQ(client_.SendOn(4, "t", Qos::kAtLeastOnce, "y"), CommsStatus::kNotConnected);
 }
 
 TEST_F(ClientMqttAsyncTest, AFullBufferIsWaitedForWithinALimit) {
-  Connect();
+  Connect(3);
   paho_.full = 5;
-  EXPECT_EQ(Send("late"), CommsStatus::kOk);
-  EXPECT_EQ(paho_.sent.Items(), std::vector<std::string>{"late"});
-  paho_.full = 1'000'000;
-  EXPECT_EQ(Send("never"), CommsStatus::kFailure);
+  std::atomic<int> done = 0;
+  std::jthread sender([&] {
+    EXPECT_EQ(Send("late"), CommsStatus::kOk);
+    ++done;
+    paho_.full = 1'000'000;
+    EXPECT_EQ(Send("never"), CommsStatus::kFailure);
+    ++done;
+    paho_.full = 0;
+    for (const char* payload : {"1", "2", "3"})
+      EXPECT_EQ(Send(payload, Qos::kAtLeastOnce), CommsStatus::kOk);
+    EXPECT_EQ(Send(std::string(SendWindow::kMaxBytes, 'x')), CommsStatus::kOk);
+    ++done;
+  });
+  EXPECT_TRUE(InTime([&] { return done == 2; }));
   EXPECT_TRUE(log_.Has("MQTT", "T: send failed on topic t, rc: -12"));
+  EXPECT_EQ(paho_.sent.WaitFor(3), (std::vector<std::string>{"late", "1", "2"}))
+      << "below the broker's receive maximum";
+  paho_.Deliver();
+  paho_.Deliver();
+  EXPECT_EQ(paho_.sent.WaitFor(4).back(), "3");
+  EXPECT_EQ(done, 2) << "64 MiB are the most beside anything else";
+  paho_.Deliver();
+  paho_.Deliver();
+  EXPECT_EQ(paho_.sent.WaitFor(5).size(), 5U);
 }
 
 TEST_F(ClientMqttAsyncTest, UnusableMessagesNeverReachAListener) {
@@ -326,6 +495,7 @@ TEST_F(ClientMqttAsyncTest, CallbacksOfADestroyedHandleFindNothing) {
   void* const old_context = paho_.context;
   const auto old_options = paho_.connect_options;
   client_.Disconnect();
+  EXPECT_EQ(Event(2).kind, Kind::kEnded);
   paho_.lost(old_context, nullptr);
   old_options.onSuccess5(old_context, nullptr);
   paho_.Arrive("t", "x");
@@ -339,14 +509,19 @@ TEST_F(ClientMqttAsyncTest, DisconnectDoesNotWaitForEver) {
   paho_.disconnect_answers = false;
   std::latch entered(1);
   std::latch gate(1);
-  client_.SetConnectionLostCallback([&] {
-    entered.count_down();
-    gate.wait();
+  std::jthread library([&] {
+    CallbackRegistry<ClientMqttAsync>::Instance().Run(paho_.context, [&](ClientMqttAsync&) {
+      entered.count_down();
+      gate.wait();
+    });
   });
-  std::jthread library([&] { paho_.lost(paho_.context, nullptr); });
   entered.wait();
-  std::jthread waiter([&] { client_.Disconnect(); });
-  waiter.join();
+  std::atomic<bool> done = false;
+  std::jthread waiter([&] {
+    client_.Disconnect();
+    done = true;
+  });
+  EXPECT_TRUE(InTime([&] { return done.load(); }));
   EXPECT_TRUE(log_.Has("MQTT", "T: timed out waiting for active callbacks, forcing disconnect"));
   EXPECT_TRUE(log_.Has("MQTT", "T: disconnected"));
   EXPECT_EQ(paho_.live, 0);

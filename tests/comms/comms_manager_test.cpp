@@ -4,6 +4,7 @@
 
 #include <latch>
 
+#include "support/eventually.h"
 #include "support/fake_mqtt_client.h"
 #include "support/log_capture.h"
 
@@ -28,14 +29,9 @@ class CommsManagerTest : public ::testing::Test {
   }
   void InitCloud() {
     Init();
+    manager_.SetCloudEventCallback([this](const LinkEvent& event) { events_.Put(event.kind); });
     manager_.InitCloud("Varnel Cloud");
-    ASSERT_EQ(manager_.ConnectCloud({.host = "h",
-                                     .port = "8883",
-                                     .client_id = "c",
-                                     .client_certificate = "cert",
-                                     .client_key = "key",
-                                     .root_ca = "ca"}),
-              CommsStatus::kOk);
+    ASSERT_EQ(manager_.ConnectCloud(endpoint_), CommsStatus::kOk);
     ASSERT_EQ(manager_.SetupCloudForwarding("SN1"), CommsStatus::kOk);
   }
   FakeMqttClient& Local() { return *clients_.at("Varnel Local"); }
@@ -52,7 +48,18 @@ class CommsManagerTest : public ::testing::Test {
     return Json::parse(sent.back().payload);
   }
 
+  bool Logged(const std::string& line) {
+    return test::Eventually([&] { return log_.Has("COMMS", line); });
+  }
+
+  const CloudEndpoint endpoint_{.host = "h",
+                                .port = "8883",
+                                .client_id = "c",
+                                .client_certificate = "cert",
+                                .client_key = "key",
+                                .root_ca = "ca"};
   test::LogCapture log_;
+  test::Mailbox<LinkEvent::Kind> events_;
   std::map<std::string, std::shared_ptr<FakeMqttClient>> clients_;
   CommsManager manager_{[this](const std::string& name, Qos) {
     return clients_[name] = std::make_shared<FakeMqttClient>(name);
@@ -79,6 +86,10 @@ TEST_F(CommsManagerTest, CallsOutOfOrderAreRefused) {
   manager_.Stop();
   EXPECT_FALSE(manager_.IsLocalConnected());
   EXPECT_EQ(Code(manager_.RegisterMethod("m.late", 1, [](const Json&) { return Json(); })), -8);
+  EXPECT_EQ(Code(manager_.InitLocal()), -8);
+  EXPECT_EQ(Code(manager_.ConnectLocal("h", "1", "i")), -8);
+  manager_.ReconnectLocal();
+  EXPECT_FALSE(manager_.IsLocalConnected()) << "nothing connects any more";
 }
 
 TEST_F(CommsManagerTest, OneNotifierServesEachTopic) {
@@ -127,19 +138,86 @@ TEST_F(CommsManagerTest, WhatCannotBeServedOrSentForTheCloudIsDropped) {
       test::Eventually([&] { return log_.Has("FWDP", "ForwarderPool: send failed, rc=-9"); }));
 }
 
-TEST_F(CommsManagerTest, RoutesOfAnotherDeviceOrClientAreTakenAway) {
+TEST_F(CommsManagerTest, OneCloudClientKeepsItsRoutesAndAnotherDeviceTakesThem) {
   InitCloud();
-  const auto first = clients_.at("Varnel Cloud");
-  manager_.InitCloud("Varnel Cloud");
+  FakeMqttClient* const first = &Cloud();
+  manager_.InitCloud("Another");
+  ASSERT_EQ(manager_.ConnectCloud(endpoint_), CommsStatus::kOk);
+  EXPECT_EQ(first, &Cloud());
+  EXPECT_EQ(clients_.size(), 2U);
+  EXPECT_EQ(AskFromCloud(R"({"id":1,"method":"system.open","params":2})")["result"], 2);
   ASSERT_EQ(manager_.SetupCloudForwarding("SN2"), CommsStatus::kOk);
-  first->Arrive("SN1/request", R"({"id":1,"method":"system.open"})");
+  Cloud().Arrive("SN1/request", R"({"id":1,"method":"system.open"})");
   Local().Arrive("SN1/status", "old");
   Local().Arrive("SN2/status", "new");
-  EXPECT_EQ(Cloud().sent.WaitFor(1).at(0).payload, "new");
-  EXPECT_TRUE(first->sent.Items().empty());
-  for (const char* bad : {"", "a/b", "+", "#", "$x"}) {
+  EXPECT_EQ(Cloud().sent.WaitFor(2).at(1).payload, "new");
+  for (const char* bad : {"", "a/b", "+", "#", "$x", "--", "system", "camera", "mqtt_agent"}) {
     EXPECT_EQ(manager_.SetupCloudForwarding(bad), CommsStatus::kInvalidArgument) << bad;
   }
+}
+
+TEST_F(CommsManagerTest, ACloudRequestLivesAndDiesWithItsLink) {
+  std::latch entered(1);
+  std::latch gate(1);
+  InitCloud();
+  (void)manager_.RegisterMethod("system.slow", 1, [&](const Json&) {
+    entered.count_down();
+    gate.wait();
+    return Json();
+  });
+  Cloud().Arrive("SN1/request", R"({"id":1,"method":"system.slow"})");
+  entered.wait();
+  Cloud().Lose();
+  Cloud().Arrive("SN1/request", R"({"id":2,"method":"system.open"})");
+  EXPECT_TRUE(Logged("drop cloud request, its link has ended id: 2"));
+  ASSERT_EQ(manager_.ConnectCloud(endpoint_), CommsStatus::kOk);
+  gate.count_down();
+  EXPECT_TRUE(Logged("cloud link has ended, no answer to system.slow (id=1)"));
+
+  manager_.DropCloudRequests(true);
+  Cloud().Arrive("SN1/request", R"({"id":3,"method":"system.open"})");
+  EXPECT_TRUE(Logged("drop cloud request, logging out id: 3"));
+  manager_.DropCloudRequests(false);
+  EXPECT_EQ(AskFromCloud(R"({"id":4,"method":"system.open"})")["id"], 4);
+  EXPECT_EQ(Cloud().sent.Items().size(), 1U) << "nothing else was answered";
+  manager_.DisconnectCloud();
+  using Kind = LinkEvent::Kind;
+  EXPECT_EQ(events_.WaitFor(4),
+            (std::vector{Kind::kConnected, Kind::kLost, Kind::kConnected, Kind::kEnded}));
+}
+
+TEST_F(CommsManagerTest, AnOutageOfTheCloudIsTwoLinesAndACount) {
+  InitCloud();
+  Cloud().Lose();
+  for (int i = 0; i < 3; ++i) Local().Arrive("SN1/status", "lost");
+  EXPECT_TRUE(Logged("The cloud link is down, messages for it are dropped"));
+  EXPECT_EQ(manager_.PublishCloud("SN1/notification", {}), CommsStatus::kNotConnected);
+  Local().Arrive("SN1/response", "lost");  // another queue's thread, which may be later
+  EXPECT_TRUE(test::Eventually([&] { return log_.Has("COMMS", "local → cloud response: lost"); }));
+  ASSERT_EQ(manager_.ConnectCloud(endpoint_), CommsStatus::kOk);
+  Local().Arrive("SN1/status", "kept");
+  EXPECT_EQ(Cloud().sent.WaitFor(1).at(0).payload, "kept");
+  EXPECT_EQ(log_.Count("COMMS", "The cloud link is down, messages for it are dropped"), 1U);
+  EXPECT_EQ(log_.Text().find("send failed"), std::string::npos) << log_.Text();
+}
+
+TEST_F(CommsManagerTest, AsksAndTellsProgramsOnBothBrokers) {
+  InitCloud();
+  Local().on_send = [&] {
+    const Json request = Json::parse(Local().sent.Items().back().payload);
+    Local().Arrive("moonraker/response", Json({{"id", request["id"]}, {"result", "yes"}}).dump());
+  };
+  const auto ask = [&](std::chrono::milliseconds limit) {
+    return manager_.CallLocal("moonraker/request", "server.info", {}, limit);
+  };
+  EXPECT_EQ(ask(std::chrono::seconds(20)).response["result"], "yes");
+  EXPECT_EQ(ask(std::chrono::seconds(20)).status, CommsStatus::kOk);
+  Local().on_send = nullptr;
+  EXPECT_EQ(ask(std::chrono::milliseconds(1)).status, CommsStatus::kTimeout);
+  EXPECT_EQ(manager_.PublishLocal("any/topic", {{"a", 1}}), CommsStatus::kOk);
+  EXPECT_EQ(Local().sent.Items().back().payload, R"({"a":1})");
+  EXPECT_EQ(manager_.PublishCloud("SN1/notification", "x"), CommsStatus::kOk);
+  EXPECT_EQ(Cloud().sent.Items().back().qos, Qos::kAtLeastOnce);
 }
 
 /// Waits at the first message until the gate opens.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -24,16 +25,33 @@ class FakeMqttClient : public comms::ClientMqttBase {
   ~FakeMqttClient() override { StopProcessing(); }
 
   comms::CommsStatus Connect(const comms::MqttConnectSettings& new_settings) override {
+    if (closed) return comms::CommsStatus::kNotInitialized;
     settings = new_settings;
-    connected_ = connects;
-    if (!connects) ReportConnectionLost();
+    ++link;
+    connected = connects;
+    Report({connects ? comms::LinkEvent::Kind::kConnected : comms::LinkEvent::Kind::kFailed, link});
     return connects ? comms::CommsStatus::kOk : comms::CommsStatus::kFailure;
   }
   comms::CommsStatus Reconnect() override {
     ++reconnects;
     return Connect(settings);
   }
-  void Disconnect() override { connected_ = false; }
+  void Disconnect() override {
+    if (connected.exchange(false)) Report({comms::LinkEvent::Kind::kEnded, link});
+  }
+  void Close() override {
+    closed = true;
+    Disconnect();
+  }
+  void AwaitClosed() override {}
+  comms::CommsStatus SendOn(uint32_t number, const std::string& topic, comms::Qos qos,
+                            std::string_view payload) override {
+    return IsLive(number) ? Send(topic, qos, false, payload) : comms::CommsStatus::kNotConnected;
+  }
+  comms::LinkPhase Phase() const override {
+    return connected ? comms::LinkPhase::kUp : comms::LinkPhase::kDown;
+  }
+  bool IsLive(uint32_t number) const override { return connected && link == number; }
   comms::CommsStatus Send(const std::string& topic, comms::Qos qos, bool retain,
                           std::string_view payload) override {
     if (!sends) return comms::CommsStatus::kNotConnected;
@@ -43,12 +61,12 @@ class FakeMqttClient : public comms::ClientMqttBase {
   }
 
   void Arrive(const std::string& topic, const std::string& payload, bool retained = false) {
-    Accept(topic.data(), static_cast<int>(topic.size()), payload.data(),
+    Accept(link, topic.data(), static_cast<int>(topic.size()), payload.data(),
            static_cast<int>(payload.size()), retained);
   }
   void Lose() {
-    connected_ = false;
-    ReportConnectionLost();
+    connected = false;
+    Report({comms::LinkEvent::Kind::kLost, link});
   }
 
   // Failure switches and what the client was asked for.
@@ -57,12 +75,16 @@ class FakeMqttClient : public comms::ClientMqttBase {
   bool subscribes = true;
   std::function<void()> on_send;
   int reconnects = 0;
+  std::atomic<bool> connected{false};
+  std::atomic<bool> closed{false};
+  std::atomic<uint32_t> link{0};
   comms::MqttConnectSettings settings;
   Mailbox<SentMessage> sent;
   Mailbox<std::string> subscribed;
 
  protected:
   comms::CommsStatus Subscribe(const std::string& filter) override {
+    if (!connected) return comms::CommsStatus::kOk;
     subscribed.Put(filter);
     return subscribes ? comms::CommsStatus::kOk : comms::CommsStatus::kFailure;
   }
