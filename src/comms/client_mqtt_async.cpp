@@ -124,8 +124,8 @@ ClientMqttAsync::ClientMqttAsync(std::string name, Qos subscribe_qos, PahoAsyncA
       clock_(clock),
       window_(clock),
       handle_(nullptr, DestroyHandle{&api}),
-      lookups_(api),
-      thread_("mqtt-link", clock, [this] { HandleAttemptLimit(); }) {
+      thread_("mqtt-link", clock, [this] { HandleAttemptLimit(); }),
+      lookups_(api) {
   PrepareMqttLibrary();
 }
 

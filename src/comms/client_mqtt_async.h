@@ -151,8 +151,8 @@ class ClientMqttAsync : public ClientMqttBase {
   uint32_t address_turn_ = 0;
   std::optional<NamePin> pin_;
 
-  NameLookups lookups_;
-  LinkThread thread_;  // last: starts when the rest is complete
+  LinkThread thread_;
+  NameLookups lookups_;  // last: what runs there posts to the thread
 };
 
 }  // namespace varnel::comms

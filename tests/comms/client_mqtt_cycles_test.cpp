@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <latch>
 #include <random>
 #include <thread>
 
@@ -68,6 +70,55 @@ TEST(MqttCycles, AThousandConnectReconnectAndDestroyCycles) {
   const sockaddr_in address = test::Loopback(vanishing.Port());
   (void)connect(wake, reinterpret_cast<const sockaddr*>(&address), sizeof address);
   close(wake);
+}
+
+/// The library, with a name server of the test's: it answers once, and then not before the test
+/// ends.
+class FallingSilent : public PahoAsyncApi {
+ public:
+  NameAddresses LookUp(const std::string&) override {
+    if (asked_++ > 0) test_ends_.wait();
+    return {{"127.0.0.1"}, ""};
+  }
+  void End() { test_ends_.count_down(); }
+
+ private:
+  std::atomic<int> asked_ = 0;
+  std::latch test_ends_{1};
+};
+
+TEST(MqttNames, ANameServerThatFallsSilentStopsNoOtherLink) {
+  Mosquitto broker;
+  FallingSilent names;
+  ClientMqttAsync local("local");
+  ClientMqttAsync cloud("cloud", Qos::kAtLeastOnce, names);
+  test::Mailbox<int> echoes;
+  (void)local.AddListener("echo", [&](const std::shared_ptr<MqttMessage>&) { echoes.Put(1); });
+  (void)local.Connect({.host = "127.0.0.1", .port = broker.Port(), .client_id = "local"});
+  ASSERT_TRUE(Eventually([&] { return local.IsConnected(); }));
+  const auto median_echo = [&] {
+    std::vector<std::chrono::steady_clock::duration> times;
+    for (size_t i = 0; i < 51; ++i) {
+      const auto start = std::chrono::steady_clock::now();
+      const size_t before = echoes.Items().size();
+      EXPECT_EQ(local.Send("echo", Qos::kAtMostOnce, false, "x"), CommsStatus::kOk);
+      EXPECT_EQ(echoes.WaitFor(before + 1).size(), before + 1);
+      times.push_back(std::chrono::steady_clock::now() - start);
+    }
+    std::nth_element(times.begin(), times.begin() + 25, times.end());
+    return times[25];
+  };
+  const auto undisturbed = median_echo();
+  // A name that no server knows: the library finds its address only in our answer.
+  const MqttConnectSettings settings{
+      .host = "cloud.invalid", .port = broker.Port(), .client_id = "cloud"};
+  EXPECT_EQ(cloud.Connect(settings), CommsStatus::kOk);
+  EXPECT_TRUE(Eventually([&] { return cloud.IsConnected(); }));
+  EXPECT_EQ(cloud.Connect(settings), CommsStatus::kOk) << "at once";
+  EXPECT_EQ(cloud.Phase(), LinkPhase::kConnecting);
+  EXPECT_LE(median_echo(), undisturbed + std::chrono::milliseconds(50));
+  names.End();
+  EXPECT_TRUE(Eventually([&] { return cloud.IsConnected(); }));
 }
 
 }  // namespace

@@ -186,6 +186,15 @@ TEST_F(CommsManagerTest, ACloudRequestLivesAndDiesWithItsLink) {
             (std::vector{Kind::kConnected, Kind::kLost, Kind::kConnected, Kind::kEnded}));
 }
 
+TEST_F(CommsManagerTest, AStuckLocalLinkDoesNotCostTheCloudItsGoodbye) {
+  InitCloud();
+  bool told = false;
+  Local().on_await_closed = [&] { told = Cloud().closed; };
+  manager_.Stop();
+  EXPECT_TRUE(told);
+  EXPECT_EQ(Code(manager_.ConnectCloud(endpoint_)), -8);
+}
+
 TEST_F(CommsManagerTest, AnOutageOfTheCloudIsTwoLinesAndACount) {
   InitCloud();
   Cloud().Lose();

@@ -43,7 +43,9 @@ class FakeMqttClient : public comms::ClientMqttBase {
     closed = true;
     Disconnect();
   }
-  void AwaitClosed() override {}
+  void AwaitClosed() override {
+    if (on_await_closed) on_await_closed();
+  }
   comms::CommsStatus SendOn(uint32_t number, const std::string& topic, comms::Qos qos,
                             std::string_view payload) override {
     return IsLive(number) ? Send(topic, qos, false, payload) : comms::CommsStatus::kNotConnected;
@@ -74,6 +76,7 @@ class FakeMqttClient : public comms::ClientMqttBase {
   bool sends = true;
   bool subscribes = true;
   std::function<void()> on_send;
+  std::function<void()> on_await_closed;
   int reconnects = 0;
   std::atomic<bool> connected{false};
   std::atomic<bool> closed{false};
