@@ -51,6 +51,7 @@ class CloudLinkTest : public testing::Test {
     Register("system.echo", 1);
     Register("mqtt_agent.inner", 0);
     manager_.InitCloud("Varnel Cloud");
+    manager_.SetCloudEventCallback([this](const comms::LinkEvent& event) { events_.Put(event); });
     (void)manager_.ConnectLocal("127.0.0.1", "1883", "cloud-link-test");
     StartCloud("ca.crt");
     (void)local_program_.Connect(
@@ -120,6 +121,7 @@ class CloudLinkTest : public testing::Test {
   size_t sent_fences_ = 0;
   test::LogCapture log_;
   test::Mailbox<std::string> runs_;
+  test::Mailbox<comms::LinkEvent> events_;
   comms::CommsManager manager_;
   comms::ClientMqttAsync local_program_{"Local program"};
   comms::ClientMqttAsync cloud_program_{"Cloud program"};
@@ -213,9 +215,14 @@ TEST_F(CloudLinkTest, RoutesComeBackWithTheBrokerAndAfterARefusal) {
   Cloud().Start();
   StartCloud("foreign-ca.crt");
   EXPECT_TRUE(Eventually([&] { return Logged("Varnel Cloud: connection failed, rc: "); }));
+  EXPECT_THAT(events_.WaitFor(3).back().text, HasSubstr("certificate verify failed"));
   EXPECT_FALSE(manager_.IsCloudConnected());
   StartCloud("ca.crt");
   EXPECT_TRUE(Eventually([&] { return manager_.IsCloudConnected(); }));
+  using Kind = comms::LinkEvent::Kind;
+  std::vector<Kind> kinds;
+  for (const auto& event : events_.WaitFor(4)) kinds.push_back(event.kind);
+  EXPECT_EQ(kinds, (std::vector{Kind::kConnected, Kind::kLost, Kind::kFailed, Kind::kConnected}));
   CloudSpy().AwaitReady();
   SetUpRoutes();
   Publish("status", "after");
