@@ -191,6 +191,7 @@ TEST_F(CommsManagerTest, AStuckLocalLinkDoesNotCostTheCloudItsGoodbye) {
   bool told = false;
   Local().on_await_closed = [&] { told = Cloud().closed; };
   manager_.Stop();
+  Local().on_await_closed = nullptr;
   EXPECT_TRUE(told);
   EXPECT_EQ(Code(manager_.ConnectCloud(endpoint_)), -8);
 }
