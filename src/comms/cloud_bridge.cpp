@@ -29,11 +29,11 @@ class CloudPublisher : public ForwardDestination {
 class CloudAnswer : public ForwardDestination {
  public:
   CloudAnswer(std::shared_ptr<ClientMqttBase> cloud, const std::string& method,
-              const Json& response)
+              const RpcAnswer& answer)
       : cloud_(std::move(cloud)),
         method_(utils::LogText(method)),
-        id_(utils::LogText(Serialize(response["id"]))),
-        is_error_(response.contains("error")) {}
+        id_(utils::LogText(answer.id)),
+        is_error_(answer.is_error) {}
 
   CommsStatus Deliver(const MqttMessage& answer) override {
     const CommsStatus status = cloud_->Send(answer.topic, Qos::kAtLeastOnce, false, answer.payload);
@@ -60,43 +60,39 @@ class CloudAnswer : public ForwardDestination {
 /// must not hold the workers that run the methods.
 class CloudRequestRunner : public ForwardDestination {
  public:
-  using SendAnswer = std::function<void(const std::string& method, const Json& response)>;
+  using SendAnswer = std::function<void(const std::string& method, RpcAnswer answer)>;
 
   CloudRequestRunner(JsonRpcServer& server, CloudBridge::CloudGate gate, SendAnswer send_answer)
       : server_(server), gate_(std::move(gate)), send_answer_(std::move(send_answer)) {}
 
   CommsStatus Deliver(const MqttMessage& message) override {
-    auto parsed = ParsePayload(message.payload);
-    Json* request = std::get_if<Json>(&parsed);
-    if (!request || !request->is_object()) {
-      const auto* failure = std::get_if<ParseFailure>(&parsed);
+    auto read = JsonRpcRequest::Read(message.payload);
+    if (const auto* failure = std::get_if<ParseFailure>(&read)) {
       VLOG_ERROR(kTag, "cloud request dispatch failed: {}",
-                 failure && !failure->text.empty() ? utils::LogText(failure->text)
-                                                   : "not a JSON-RPC request");
+                 failure->text.empty() ? "not a JSON-RPC request" : utils::LogText(failure->text));
       return CommsStatus::kOk;
     }
-    Run(std::move(*request), message.payload.size());
+    Run(std::move(std::get<JsonRpcRequest>(read)));
     return CommsStatus::kOk;
   }
 
  private:
-  void Run(Json request, size_t bytes) {
-    const auto name = request.find("method");
-    const bool has_method = name != request.end() && name->is_string();
-    const std::string method = has_method ? name->get<std::string>() : std::string();
-    const JsonRpcServer::Reply reply = [method, send = send_answer_](const Json& response) {
-      send(method, response);
+  void Run(JsonRpcRequest request) {
+    const bool has_method = request.Method().has_value();
+    const std::string method = request.Method().value_or("");
+    const JsonRpcServer::Reply reply = [method, send = send_answer_](RpcAnswer answer) {
+      send(method, std::move(answer));
     };
     if (has_method && gate_(method)) {
-      server_.InvokeMethod(method, std::move(request), reply, bytes);
+      server_.InvokeMethod(method, std::move(request), reply);
       return;
     }
     VLOG_ERROR(kTag, "cloud request dispatch failed: {}",
                has_method ? "method not found: " + utils::LogText(method) : "no method");
-    const auto id = request.find("id");
-    if (id == request.end()) return;
-    reply(MakeResponse(
-        *id, has_method ? MethodNotFound(method) : MakeError(kInvalidRequest, "Invalid Request")));
+    if (!request.WantsAnswer()) return;
+    const Json error =
+        has_method ? MethodNotFound(method) : MakeError(kInvalidRequest, "Invalid Request");
+    reply({request.Id(), true, MakeResponse(request.Id(), error)});
   }
 
   JsonRpcServer& server_;
@@ -184,12 +180,12 @@ void CloudBridge::RemoveRoutes() {
 CommsStatus CloudBridge::RouteRequests(const Queues& queues) {
   const auto send_answer = [&forwarders = forwarders_, queue = queues.responses, cloud = cloud_,
                             topic = StreamTopic(serial_number_, "response")](
-                               const std::string& method, const Json& response) {
+                               const std::string& method, RpcAnswer answer) {
+    auto destination = std::make_shared<CloudAnswer>(cloud, method, answer);
     auto message = std::make_shared<MqttMessage>();
     message->topic = topic;
-    message->payload = Serialize(response);
-    forwarders.Forward(queue, std::move(message),
-                       std::make_shared<CloudAnswer>(cloud, method, response));
+    message->payload = std::move(answer.payload);
+    forwarders.Forward(queue, std::move(message), std::move(destination));
   };
   auto runner = std::make_shared<CloudRequestRunner>(server_, gate_, send_answer);
   return cloud_->AddListener(

@@ -164,7 +164,7 @@ void CommsManager::OnLocalLost() {
 }
 
 CommsStatus CommsManager::RegisterMethod(const std::string& method, uint32_t cloud_flag,
-                                         RpcHandler handler) {
+                                         MethodKind kind, RpcHandler handler) {
   {
     std::lock_guard lock(state_mutex_);
     if (!initialised_) {
@@ -172,7 +172,7 @@ CommsStatus CommsManager::RegisterMethod(const std::string& method, uint32_t clo
       return CommsStatus::kNotInitialized;
     }
   }
-  const CommsStatus status = server_->RegisterMethod(method, std::move(handler));
+  const CommsStatus status = server_->RegisterMethod(method, kind, std::move(handler));
   if (status != CommsStatus::kOk) return status;
   std::lock_guard lock(flags_mutex_);
   method_flags_[method] = cloud_flag;
