@@ -45,8 +45,13 @@ int64_t StatusField(const fs::path& file, const std::string& name) {
 ProcessSize SizeOf(pid_t pid) {
   const fs::path status = ProcOf(pid) / "status";
   const fs::directory_iterator descriptors(ProcOf(pid) / "fd");
-  return {StatusField(status, "VmRSS"), StatusField(status, "Threads"),
-          std::distance(begin(descriptors), end(descriptors))};
+  return {StatusField(status, "VmRSS"), StatusField(status, "VmHWM"),
+          StatusField(status, "Threads"), std::distance(begin(descriptors), end(descriptors))};
+}
+
+void ForgetPeak(pid_t pid) {
+  constexpr const char* kPeak = "5";
+  std::ofstream(ProcOf(pid) / "clear_refs") << kPeak;
 }
 
 double CpuSeconds(pid_t pid) {

@@ -11,10 +11,12 @@ namespace varnel::bench {
 /// What /proc tells about a running process. A process that is gone throws std::runtime_error.
 struct ProcessSize {
   int64_t resident_kib = 0;
+  int64_t peak_kib = 0;  ///< the most that was resident since the start or ForgetPeak()
   int64_t threads = 0;
   int64_t descriptors = 0;
 };
 ProcessSize SizeOf(pid_t pid);
+void ForgetPeak(pid_t pid);
 /// Processor time used so far by all its threads.
 double CpuSeconds(pid_t pid);
 /// How often its threads went to sleep so far: each ends with one wake-up.

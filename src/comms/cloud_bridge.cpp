@@ -76,7 +76,7 @@ class CloudAnswer : public ForwardDestination {
 /// must not hold the workers that run the methods.
 class CloudRequestRunner : public ForwardDestination {
  public:
-  using SendAnswer = std::function<void(const CloudRequest& request, const Json& response)>;
+  using SendAnswer = std::function<void(const CloudRequest& request, RpcAnswer answer)>;
   using MayRun = std::function<bool(const CloudRequest& request)>;
 
   CloudRequestRunner(JsonRpcServer& server, CloudBridge::CloudGate gate, MayRun may_run,
@@ -87,42 +87,37 @@ class CloudRequestRunner : public ForwardDestination {
         send_answer_(std::move(send_answer)) {}
 
   CommsStatus Deliver(const MqttMessage& message) override {
-    auto parsed = ParsePayload(message.payload);
-    Json* request = std::get_if<Json>(&parsed);
-    if (!request || !request->is_object()) {
-      const auto* failure = std::get_if<ParseFailure>(&parsed);
+    auto read = JsonRpcRequest::Read(message.payload);
+    if (const auto* failure = std::get_if<ParseFailure>(&read)) {
       VLOG_ERROR(kTag, "cloud request dispatch failed: {}",
-                 failure && !failure->text.empty() ? utils::LogText(failure->text)
-                                                   : "not a JSON-RPC request");
+                 failure->text.empty() ? "not a JSON-RPC request" : utils::LogText(failure->text));
       return CommsStatus::kOk;
     }
-    Run(std::move(*request), message);
+    Run(std::move(std::get<JsonRpcRequest>(read)), message.link);
     return CommsStatus::kOk;
   }
 
  private:
-  void Run(Json request, const MqttMessage& message) {
-    const auto name = request.find("method");
-    const bool has_method = name != request.end() && name->is_string();
-    const std::string method = has_method ? name->get<std::string>() : std::string();
-    const auto id = request.find("id");
+  void Run(JsonRpcRequest request, uint32_t link) {
+    const bool has_method = request.Method().has_value();
+    const std::string method = request.Method().value_or("");
     const CloudRequest about{utils::LogText(method),
-                             id == request.end() ? "none" : utils::LogText(Serialize(*id)),
-                             message.link};
+                             request.WantsAnswer() ? utils::LogText(request.Id()) : "none", link};
     if (!may_run_(about)) return;
-    const JsonRpcServer::Reply reply = [about, send = send_answer_](const Json& response) {
-      send(about, response);
+    const JsonRpcServer::Reply reply = [about, send = send_answer_](RpcAnswer answer) {
+      send(about, std::move(answer));
     };
     if (has_method && gate_(method)) {
-      server_.InvokeMethod(method, std::move(request), reply, message.payload.size(),
+      server_.InvokeMethod(method, std::move(request), reply,
                            [about, may_run = may_run_] { return may_run(about); });
       return;
     }
     VLOG_ERROR(kTag, "cloud request dispatch failed: {}",
                has_method ? "method not found: " + about.method : "no method");
-    if (id == request.end()) return;
-    reply(MakeResponse(
-        *id, has_method ? MethodNotFound(method) : MakeError(kInvalidRequest, "Invalid Request")));
+    if (!request.WantsAnswer()) return;
+    const Json error =
+        has_method ? MethodNotFound(method) : MakeError(kInvalidRequest, "Invalid Request");
+    reply({request.Id(), true, MakeResponse(request.Id(), error)});
   }
 
   JsonRpcServer& server_;
@@ -217,12 +212,12 @@ void CloudBridge::RemoveRoutes() {
 CommsStatus CloudBridge::RouteRequests(const Queues& queues) {
   const auto send_answer = [&forwarders = forwarders_, queue = queues.responses, cloud = cloud_,
                             topic = StreamTopic(serial_number_, "response")](
-                               const CloudRequest& request, const Json& response) {
+                               const CloudRequest& request, RpcAnswer answer) {
+    auto destination = std::make_shared<CloudAnswer>(cloud, request, answer.is_error);
     auto message = std::make_shared<MqttMessage>();
     message->topic = topic;
-    message->payload = Serialize(response);
-    forwarders.Forward(queue, std::move(message),
-                       std::make_shared<CloudAnswer>(cloud, request, response.contains("error")));
+    message->payload = std::move(answer.payload);
+    forwarders.Forward(queue, std::move(message), std::move(destination));
   };
   const auto may_run = [cloud = cloud_, dropping = dropping_](const CloudRequest& request) {
     if (*dropping) {

@@ -185,13 +185,13 @@ void CommsManager::OnLocalLost() {
 }
 
 CommsStatus CommsManager::RegisterMethod(const std::string& method, uint32_t cloud_flag,
-                                         RpcHandler handler) {
+                                         MethodKind kind, RpcHandler handler) {
   const auto server = Server();
   if (!server) {
     VLOG_ERROR(kTag, "CommsManager not initialized, cannot register method: {}", method);
     return CommsStatus::kNotInitialized;
   }
-  const CommsStatus status = server->RegisterMethod(method, std::move(handler));
+  const CommsStatus status = server->RegisterMethod(method, kind, std::move(handler));
   if (status != CommsStatus::kOk) return status;
   std::lock_guard lock(flags_mutex_);
   method_flags_[method] = cloud_flag;

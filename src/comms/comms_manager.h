@@ -63,7 +63,8 @@ class CommsManager {
   void SetLocalDisconnectCallback(std::function<void()> callback);
 
   /// Registers a method with the local server. Flag 0 keeps it from the cloud.
-  CommsStatus RegisterMethod(const std::string& method, uint32_t cloud_flag, RpcHandler handler);
+  CommsStatus RegisterMethod(const std::string& method, uint32_t cloud_flag, MethodKind kind,
+                             RpcHandler handler);
   /// Sends a notification on a topic of the local broker.
   CommsStatus SendNotification(const std::string& topic, const std::string& method, Json params);
 

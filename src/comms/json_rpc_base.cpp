@@ -24,12 +24,12 @@ std::string ResponseTopicOf(const std::string& request_topic) {
 JsonRpcBase::JsonRpcBase(std::string name, const char* tag) : name_(std::move(name)), tag_(tag) {}
 
 CommsStatus JsonRpcBase::Publish(ClientMqttBase* client, const std::string& topic,
-                                 const Json& envelope) const {
+                                 std::string_view envelope) const {
   if (!client || topic.empty()) {
     VLOG_ERROR(tag_, "Unsupported operation");
     return CommsStatus::kUnsupported;
   }
-  return client->Send(topic, Qos::kAtMostOnce, false, Serialize(envelope));
+  return client->Send(topic, Qos::kAtMostOnce, false, envelope);
 }
 
 void JsonRpcBase::LogInvalidMessage(std::string_view payload) const {
@@ -39,7 +39,11 @@ void JsonRpcBase::LogInvalidMessage(std::string_view payload) const {
 std::unique_ptr<Json> JsonRpcBase::ParseLogged(const std::string& payload) const {
   auto parsed = ParsePayload(payload);
   if (Json* value = std::get_if<Json>(&parsed)) return std::make_unique<Json>(std::move(*value));
-  const auto& failure = std::get<ParseFailure>(parsed);
+  LogFailure(std::get<ParseFailure>(parsed), payload);
+  return nullptr;
+}
+
+void JsonRpcBase::LogFailure(const ParseFailure& failure, std::string_view payload) const {
   switch (failure.kind) {
     case ParseFailure::Kind::kSyntax:
       VLOG_ERROR(tag_, "parse error at byte {}", failure.byte);
@@ -49,10 +53,10 @@ std::unique_ptr<Json> JsonRpcBase::ParseLogged(const std::string& payload) const
       break;
     case ParseFailure::Kind::kTooLarge:
     case ParseFailure::Kind::kTooDeep:
+    case ParseFailure::Kind::kNotAnObject:
       LogInvalidMessage(payload);
       break;
   }
-  return nullptr;
 }
 
 }  // namespace varnel::comms

@@ -75,7 +75,7 @@ JsonRpcClient::CallResult JsonRpcClient::Call(const std::string& method, Json pa
   std::future<Json> response = pending->result.get_future();
   const Json request = MakeRequest(method, std::move(params), id);
   if (const CommsStatus sent =
-          Publish(binding.client.get(), binding.channel.request_topic, request);
+          Publish(binding.client.get(), binding.channel.request_topic, Serialize(request));
       sent != CommsStatus::kOk) {
     VLOG_ERROR(kTag, "Send request failed, id {}", Serialize(id));
     RemovePending(id);
@@ -96,7 +96,7 @@ CommsStatus JsonRpcClient::Notify(const std::string& method, Json params) {
     return CommsStatus::kNotInitialized;
   }
   const CommsStatus status = Publish(binding.client.get(), binding.channel.request_topic,
-                                     MakeNotification(method, std::move(params)));
+                                     Serialize(MakeNotification(method, std::move(params))));
   if (status != CommsStatus::kOk) VLOG_ERROR(kTag, "Notification of call failure");
   return status;
 }

@@ -55,12 +55,12 @@ Json MakeNotification(const std::string& method, Json params) {
   return Json{{"jsonrpc", "2.0"}, {"method", method}, {"params", std::move(params)}};
 }
 
-Json MakeResponse(Json id, Json value) {
-  const char* member = IsErrorObject(value) ? "error" : "result";
-  Json response = Json::object();
-  response["jsonrpc"] = "2.0";
-  response["id"] = std::move(id);
-  response[member] = std::move(value);
+std::string MakeResponse(std::string_view id, const Json& value) {
+  std::string response = R"({"jsonrpc":"2.0","id":)";
+  response += id;
+  response += IsErrorObject(value) ? R"(,"error":)" : R"(,"result":)";
+  response += Serialize(value);
+  response += '}';
   return response;
 }
 

@@ -23,7 +23,7 @@ constexpr int kMaxNesting = 64;
 
 /// Why a payload is not served.
 struct ParseFailure {
-  enum class Kind { kTooLarge, kTooDeep, kSyntax, kOther } kind;
+  enum class Kind { kTooLarge, kTooDeep, kNotAnObject, kSyntax, kOther } kind;
   size_t byte = 0;   ///< position of a syntax error
   std::string text;  ///< the parser's own message
 };
@@ -36,9 +36,9 @@ std::string Serialize(const Json& value);
 
 Json MakeRequest(const std::string& method, Json params, Json id);
 Json MakeNotification(const std::string& method, Json params);
-/// `value` is what a handler returned: an object with a numeric "code" and a string "message"
-/// becomes the "error" member, anything else the "result".
-Json MakeResponse(Json id, Json value);
+/// One line of JSON. `id` is JSON text; `value` is what a handler returned: an object with a
+/// numeric "code" and a string "message" becomes the "error" member, anything else the "result".
+std::string MakeResponse(std::string_view id, const Json& value);
 Json MakeError(int code, const std::string& message);
 /// The error of a method that is not registered, with its name as data.
 Json MethodNotFound(const std::string& method);

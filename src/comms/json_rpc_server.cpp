@@ -10,23 +10,12 @@ namespace {
 
 constexpr const char* kTag = "JRPCS";
 
-const std::string* MethodOf(const Json& message) {
-  if (!message.is_object()) return nullptr;
-  const auto method = message.find("method");
-  return method != message.end() ? method->get_ptr<const std::string*>() : nullptr;
-}
-
-Json TakeMember(Json& request, const char* name) {
-  const auto member = request.find(name);
-  return member == request.end() ? Json() : std::move(*member);
-}
-
 }  // namespace
 
 JsonRpcServer::JsonRpcServer(std::string name)
     : JsonRpcBase(std::move(name), kTag),
       topic_mapper_(ResponseTopicOf),
-      camera_lane_("rpc-camera"),
+      camera_lane_("cam"),
       general_lane_("rpc") {
   VLOG_INFO(kTag, "Create a JSON-RPC server: {}", Name());
 }
@@ -37,11 +26,13 @@ JsonRpcServer::~JsonRpcServer() {
     client_->RemoveListener(request_topic);
 }
 
-CommsStatus JsonRpcServer::RegisterMethod(const std::string& method, RpcHandler handler) {
+CommsStatus JsonRpcServer::RegisterMethod(const std::string& method, MethodKind kind,
+                                          RpcHandler handler) {
   if (method.empty() || !handler) return CommsStatus::kInvalidArgument;
+  LaneOf(method).Open(kind);
   {
     std::lock_guard lock(methods_mutex_);
-    if (!methods_.emplace(method, std::move(handler)).second) {
+    if (!methods_.emplace(method, Method{kind, std::move(handler)}).second) {
       VLOG_ERROR(kTag, "Callback of method {} has been registered", method);
       return CommsStatus::kFailure;
     }
@@ -84,93 +75,83 @@ CommsStatus JsonRpcServer::BindMqtt(const std::shared_ptr<ClientMqttBase>& clien
 
 void JsonRpcServer::OnPayload(const std::string& payload, const std::string& topic) {
   try {
-    const std::unique_ptr<Json> message = ParseLogged(payload);
-    if (!message) return;
-    if (!MethodOf(*message)) {
-      LogInvalidMessage(payload);
-      return;
+    auto read = JsonRpcRequest::Read(payload);
+    if (auto* request = std::get_if<JsonRpcRequest>(&read)) {
+      OnMessage(std::move(*request), topic);
+    } else {
+      LogFailure(std::get<ParseFailure>(read), payload);
     }
-    Serve(std::move(*message), topic, payload.size());
   } catch (const std::exception& error) {
     VLOG_ERROR(kTag, "Handling message exception {}", utils::LogText(error.what()));
   }
 }
 
-void JsonRpcServer::OnMessage(Json message, const std::string& topic) {
-  const size_t bytes = Serialize(message).size();
-  Serve(std::move(message), topic, bytes);
-}
-
-void JsonRpcServer::Serve(Json message, const std::string& topic, size_t bytes) {
-  const std::string* name = MethodOf(message);
-  if (!name) {
-    LogInvalidMessage(Serialize(message));
+void JsonRpcServer::OnMessage(JsonRpcRequest request, const std::string& topic) {
+  const auto method = request.Method();
+  if (!method) {
+    LogInvalidMessage(request.Payload());
     return;
   }
-  const std::string method = *name;
-  const auto id = message.find("id");
-  if (id == message.end()) {
-    VLOG_INFO(kTag, "Receive notification request: method is {}", utils::LogText(method));
+  if (request.WantsAnswer()) {
+    VLOG_INFO(kTag, "Receive normal request: id is {}, method is {}", utils::LogText(request.Id()),
+              utils::LogText(*method));
   } else {
-    VLOG_INFO(kTag, "Receive normal request: id is {}, method is {}",
-              utils::LogText(Serialize(*id)), utils::LogText(method));
+    VLOG_INFO(kTag, "Receive notification request: method is {}", utils::LogText(*method));
   }
-  Dispatch(
-      method, std::move(message),
-      [this, topic](const Json& response) { SendResponse(response, topic); }, bytes, nullptr);
+  InvokeMethod(
+      *method, std::move(request),
+      [this, topic](const RpcAnswer& answer) { SendResponse(answer.payload, topic); }, nullptr);
 }
 
-void JsonRpcServer::InvokeMethod(const std::string& method, Json request, const Reply& reply,
-                                 size_t bytes, Admit admit) {
-  Dispatch(method, std::move(request), reply, bytes, std::move(admit));
-}
-
-void JsonRpcServer::Dispatch(const std::string& method, Json request, const Reply& reply,
-                             size_t bytes, Admit admit) {
-  const bool wants_answer = request.is_object() && request.contains("id");
-  const auto answer = [&reply, wants_answer](Json id, Json value) {
-    if (wants_answer && reply) reply(MakeResponse(std::move(id), std::move(value)));
-  };
-  RpcHandler handler = FindHandler(method);
-  if (!handler) {
+void JsonRpcServer::InvokeMethod(const std::string& method, JsonRpcRequest request, Reply reply,
+                                 Admit admit) {
+  std::optional<Method> found = FindMethod(method);
+  if (!found) {
     VLOG_ERROR(kTag, "Method not found: {}", utils::LogText(method));
-    answer(wants_answer ? TakeMember(request, "id") : Json(), MethodNotFound(method));
+    Answer(request, reply, MethodNotFound(method));
     return;
   }
-  const Json id = wants_answer ? request["id"] : Json();
-  auto work = std::make_shared<Json>(std::move(request));
-  auto run = [this, method, handler, work, reply, wants_answer, id, admit = std::move(admit)] {
-    try {
-      if (admit && !admit()) return;
-      Json value = CallHandler(method, handler, *work);
-      if (wants_answer && reply) reply(MakeResponse(id, std::move(value)));
-    } catch (const std::exception& error) {
-      VLOG_ERROR(kTag, "Handling message exception {}", utils::LogText(error.what()));
-    }
-  };
-  if (LaneOf(method).TryPost(std::move(run), bytes)) return;
+  const RequestSize size{request.Payload().size(), request.BuiltBytes()};
+  auto call = std::make_shared<const Call>(Call{
+      method, std::move(found->handler), std::move(request), std::move(reply), std::move(admit)});
+  if (LaneOf(method).TryPost(
+          found->kind, [call] { Run(*call); }, size))
+    return;
   VLOG_WARN(kTag, "Server busy, refusing method {}", method);
-  answer(id, MakeError(kOperationFailed, "Server busy"));
+  Answer(call->request, call->reply, MakeError(kOperationFailed, "Server busy"));
 }
 
-RpcHandler JsonRpcServer::FindHandler(const std::string& method) const {
-  std::lock_guard lock(methods_mutex_);
-  const auto found = methods_.find(method);
-  return found == methods_.end() ? nullptr : found->second;
+void JsonRpcServer::Answer(const JsonRpcRequest& request, const Reply& reply, const Json& value) {
+  if (!request.WantsAnswer() || !reply) return;
+  reply({request.Id(), IsErrorObject(value), MakeResponse(request.Id(), value)});
 }
 
-Json JsonRpcServer::CallHandler(const std::string& method, const RpcHandler& handler,
-                                const Json& request) const {
-  static const Json kNoParams;
+void JsonRpcServer::Run(const Call& call) {
   try {
-    const auto params = request.is_object() ? request.find("params") : request.end();
-    return handler(request.is_object() && params != request.end() ? *params : kNoParams);
+    if (call.admit && !call.admit()) return;
+    Answer(call.request, call.reply, CallHandler(call));
   } catch (const std::exception& error) {
-    VLOG_ERROR(kTag, "Handler exception for method {}: {}", method, utils::LogText(error.what()));
+    VLOG_ERROR(kTag, "Handling message exception {}", utils::LogText(error.what()));
+  }
+}
+
+Json JsonRpcServer::CallHandler(const Call& call) {
+  try {
+    return call.handler(call.request.Params());
+  } catch (const std::exception& error) {
+    VLOG_ERROR(kTag, "Handler exception for method {}: {}", call.method,
+               utils::LogText(error.what()));
   } catch (...) {
-    VLOG_ERROR(kTag, "Handler exception for method {}: {}", method, "unknown");
+    VLOG_ERROR(kTag, "Handler exception for method {}: {}", call.method, "unknown");
   }
   return MakeError(kInternalError, "Internal error");
+}
+
+std::optional<JsonRpcServer::Method> JsonRpcServer::FindMethod(const std::string& method) const {
+  std::lock_guard lock(methods_mutex_);
+  const auto found = methods_.find(method);
+  if (found == methods_.end()) return std::nullopt;
+  return found->second;
 }
 
 std::string JsonRpcServer::ResponseTopic(const std::string& request_topic) const {
@@ -180,7 +161,8 @@ std::string JsonRpcServer::ResponseTopic(const std::string& request_topic) const
   return fixed ? channel->second : topic_mapper_(request_topic);
 }
 
-void JsonRpcServer::SendResponse(const Json& response, const std::string& request_topic) const {
+void JsonRpcServer::SendResponse(std::string_view response,
+                                 const std::string& request_topic) const {
   const std::string topic = ResponseTopic(request_topic);
   std::shared_ptr<ClientMqttBase> client;
   {

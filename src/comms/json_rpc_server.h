@@ -4,12 +4,23 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "comms/json_rpc_base.h"
+#include "comms/json_rpc_request.h"
 #include "comms/worker_lane.h"
 
 namespace varnel::comms {
+
+/// The answer to one request, ready to be published. Views live for the length of the call that
+/// delivers it.
+struct RpcAnswer {
+  std::string_view id;  ///< JSON text
+  bool is_error;
+  std::string payload;
+};
 
 /// Takes a request's "params" (null when absent) and returns the result, or {"code": number,
 /// "message": text} for a failure. Runs on a worker thread; several calls may run at once. Whatever
@@ -20,8 +31,8 @@ using RpcHandler = std::function<Json(const Json& params)>;
 /// Thread-safe.
 class JsonRpcServer : public JsonRpcBase {
  public:
-  using Reply = std::function<void(const Json& response)>;
-  /// Asked on the worker before the method runs; false: it does not, and there is no response.
+  using Reply = std::function<void(RpcAnswer answer)>;
+  /// Asked on the worker before the method runs; false: it does not, and there is no answer.
   using Admit = std::function<bool()>;
 
   explicit JsonRpcServer(std::string name);
@@ -31,7 +42,7 @@ class JsonRpcServer : public JsonRpcBase {
   JsonRpcServer& operator=(const JsonRpcServer&) = delete;
 
   /// kInvalidArgument (-2) for an empty name or handler, kFailure for a name that is taken.
-  CommsStatus RegisterMethod(const std::string& method, RpcHandler handler);
+  CommsStatus RegisterMethod(const std::string& method, MethodKind kind, RpcHandler handler);
 
   /// Serves the channel's request topic on `client`, which must be the same for every channel.
   /// Without a response topic in the channel each answer goes to the request's topic with "request"
@@ -42,37 +53,49 @@ class JsonRpcServer : public JsonRpcBase {
   /// every connection. True and logged for such a one.
   static bool IsStale(const MqttMessage& request);
 
-  /// Serves one parsed message that came on `topic`.
-  void OnMessage(Json message, const std::string& topic);
+  /// Serves one message that came on `topic`.
+  void OnMessage(JsonRpcRequest request, const std::string& topic);
 
-  /// Runs a method for a caller that is not on MQTT. `reply` gets the response envelope on a worker
-  /// thread (or on the caller's when the method is unknown or the server is busy), and nothing for
-  /// a request without "id". `bytes` is the size of the request on the wire.
-  void InvokeMethod(const std::string& method, Json request, const Reply& reply, size_t bytes = 0,
+  /// Runs a method for a caller that is not on MQTT, if `admit` (null: always) lets it. `reply`
+  /// gets the answer on a worker thread (or on the caller's when the method is unknown or the
+  /// server is busy), and nothing for a request without "id".
+  void InvokeMethod(const std::string& method, JsonRpcRequest request, Reply reply,
                     Admit admit = nullptr);
 
  private:
+  struct Method {
+    MethodKind kind;
+    RpcHandler handler;
+  };
+  /// A call on its way to a handler and back.
+  struct Call {
+    std::string method;
+    RpcHandler handler;
+    JsonRpcRequest request;
+    Reply reply;
+    Admit admit;
+  };
+
   void OnPayload(const std::string& payload, const std::string& topic);
-  void Serve(Json message, const std::string& topic, size_t bytes);
-  void Dispatch(const std::string& method, Json request, const Reply& reply, size_t bytes,
-                Admit admit);
-  RpcHandler FindHandler(const std::string& method) const;
-  Json CallHandler(const std::string& method, const RpcHandler& handler, const Json& request) const;
+  static void Answer(const JsonRpcRequest& request, const Reply& reply, const Json& value);
+  static void Run(const Call& call);
+  static Json CallHandler(const Call& call);
+  std::optional<Method> FindMethod(const std::string& method) const;
   std::string ResponseTopic(const std::string& request_topic) const;
-  void SendResponse(const Json& response, const std::string& request_topic) const;
+  void SendResponse(std::string_view response, const std::string& request_topic) const;
   WorkerLane& LaneOf(const std::string& method);
 
   const std::function<std::string(const std::string&)> topic_mapper_;
 
   mutable std::mutex methods_mutex_;
-  std::map<std::string, RpcHandler, std::less<>> methods_;  // guarded by methods_mutex_
+  std::map<std::string, Method, std::less<>> methods_;  // guarded by methods_mutex_
 
   mutable std::mutex bindings_mutex_;
   std::shared_ptr<ClientMqttBase> client_;  // guarded by bindings_mutex_
   std::map<std::string, std::string>
       channels_;  // request to response topic; guarded by bindings_mutex_
 
-  WorkerLane camera_lane_;  // last: their threads use the rest
+  WorkerLane camera_lane_;  // last: the threads use the rest
   WorkerLane general_lane_;
 };
 

@@ -1,6 +1,8 @@
 #include "comms/worker_lane.h"
 
-#include <memory>
+#include <malloc.h>
+
+#include <algorithm>
 #include <utility>
 
 namespace varnel::comms {
@@ -28,14 +30,37 @@ class WorkerLane::Place {
   bool granted_ = false;
 };
 
-WorkerLane::WorkerLane(const std::string& name) : pool_(kThreads, name, "JRPCS") {}
+WorkerLane::WorkerLane(std::string name) : name_(std::move(name)) {}
 
-bool WorkerLane::TryPost(std::function<void()> task, size_t bytes) {
-  auto place = std::make_shared<Place>(*this, bytes);
+void WorkerLane::Open(MethodKind kind) {
+  constexpr std::array<const char*, kKinds> kNames{"quick", "photo", "detect", "list", "net"};
+  const auto index = static_cast<size_t>(kind);
+  const std::lock_guard lock(mutex_);
+  OpenPool(index, kNames.at(index), WorkersFor(kind));
+  OpenPool(kLarge, "large", 1);
+}
+
+void WorkerLane::OpenPool(size_t index, const char* name, size_t workers) {
+  auto& pool = pools_.at(index);
+  if (!pool) pool = std::make_unique<utils::ThreadPool>(workers, name_ + "-" + name, "JRPCS");
+}
+
+utils::ThreadPool& WorkerLane::PoolAt(size_t index) {
+  const std::lock_guard lock(mutex_);
+  return *pools_.at(index);
+}
+
+bool WorkerLane::TryPost(MethodKind kind, std::function<void()> task, RequestSize size) {
+  auto place = std::make_shared<Place>(*this, size.bytes);
   if (!place->Granted()) return false;
-  (void)pool_.Post([place = std::move(place), work = std::move(task)]() mutable {
+  const bool large = std::max(size.bytes, size.built_bytes) > kLargeBytes;
+  auto& pool = PoolAt(large ? kLarge : static_cast<size_t>(kind));
+  (void)pool.Post([place = std::move(place), work = std::move(task), large]() mutable {
     place.reset();
     work();
+    work = nullptr;
+    // By itself the allocator would keep what it got for the many small pieces of a large request.
+    if (large) ::malloc_trim(0);
   });
   return true;
 }

@@ -1,36 +1,69 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <functional>
+#include <memory>
+#include <mutex>
 #include <string>
 
+#include "comms/method_kind.h"
 #include "utils/thread_pool.h"
 
 namespace varnel::comms {
 
-/// A thread pool with a bounded backlog: what cannot start soon is refused, so a flood of requests
-/// costs its senders an error instead of this process its memory.
+/// What one request takes.
+struct RequestSize {
+  size_t bytes = 0;        ///< while it waits
+  size_t built_bytes = 0;  ///< while it runs
+};
+
+/// Workers for the methods of one group of services, apart for each kind of method, with one
+/// bounded backlog: what cannot start soon is refused, so a flood of requests costs its senders an
+/// error instead of this process its memory. Large requests have one worker of their own, so that
+/// only one of them is built at a time. Thread-safe.
 class WorkerLane {
  public:
-  static constexpr size_t kThreads = 4;
   static constexpr size_t kMaxWaiting = 1024;
-  /// Of the requests that wait; parsed they may take many times as much.
+  /// Of the requests that wait.
   static constexpr size_t kMaxWaitingBytes = size_t{8} << 20;
+  /// What is larger, waiting or built, is large.
+  static constexpr size_t kLargeBytes = size_t{256} << 10;
 
-  explicit WorkerLane(const std::string& name);
+  static constexpr size_t WorkersFor(MethodKind kind) {
+    // The camera serves one after another. A detection runs, one waits, and one is refused.
+    return kind == MethodKind::kPhoto || kind == MethodKind::kDetection ? 3 : 2;
+  }
 
-  /// `bytes` is the size of the request that the task holds. False when too much waits already. An
-  /// exception that a task lets out is lost.
-  [[nodiscard]] bool TryPost(std::function<void()> task, size_t bytes);
+  /// `name` begins the names of the threads.
+  explicit WorkerLane(std::string name);
+
+  /// Starts the workers of a kind, unless they run already. Throws std::system_error when the
+  /// system has no thread left.
+  void Open(MethodKind kind);
+
+  /// The kind must be open. False when too much waits already. An exception that a task lets out is
+  /// lost.
+  [[nodiscard]] bool TryPost(MethodKind kind, std::function<void()> task, RequestSize size);
 
  private:
   /// The place of one waiting task; given back when the task starts or is thrown away.
   class Place;
 
+  static constexpr size_t kKinds = static_cast<size_t>(MethodKind::kNetwork) + 1;
+  static constexpr size_t kLarge = kKinds;
+
+  void OpenPool(size_t index, const char* name, size_t workers);
+  utils::ThreadPool& PoolAt(size_t index);
+
+  const std::string name_;
   std::atomic<size_t> waiting_{0};
   std::atomic<size_t> waiting_bytes_{0};
-  utils::ThreadPool pool_;  // last: its threads use the counter
+  std::mutex mutex_;
+  // By kind, and one for what is large; once made they stay. Guarded by mutex_. Last: the threads
+  // use the counters.
+  std::array<std::unique_ptr<utils::ThreadPool>, kKinds + 1> pools_;
 };
 
 }  // namespace varnel::comms

@@ -137,6 +137,21 @@ TEST_F(CameraFaultsTest, FaultsLeaveNoDescriptorBehind) {
   EXPECT_EQ(board().DaemonCounters().descriptors, before);
 }
 
+TEST_F(CameraFaultsTest, NothingOfAnotherKindStandsBehindPhotosAndDetections) {
+  board().SetCameraFaults("rate 10");
+  std::vector<json> slow;
+  for (int i = 0; i < 16; ++i) slow.push_back(served().PostPhoto("/userdata/never.nv12"));
+  for (int i = 0; i < 5; ++i) slow.push_back(served().rpc.Post("camera.detect_capture", nullptr));
+  for (const char* method : {"camera.get_status", "camera.get_timelapse_instance",
+                             "camera.upload_timelapse_instance", "camera.stop_timelapse"}) {
+    const auto id = served().rpc.Post(method, json::object());
+    EXPECT_FALSE(served().rpc.Await(id, 1s).is_null()) << method;
+  }
+  EXPECT_TRUE(served().rpc.Await(slow[15], 0s).is_null()) << "that was no question of patience";
+  for (const json& id : slow) EXPECT_FALSE(served().rpc.Await(id).is_null());
+  fs::remove(board().HostPath("/userdata/never.nv12"));
+}
+
 /// The first photo's converter hangs until its time limit of 30 s; the others wait for 10 s.
 TEST_F(CameraFaultsTest, AHangingConverterIsKilledAndNobodyWaitsLongForIt) {
   const size_t processes = board().Processes().size();

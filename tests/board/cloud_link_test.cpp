@@ -73,7 +73,8 @@ class CloudLinkTest : public testing::Test {
       runs_.Put(method);
       return params;
     };
-    EXPECT_EQ(manager_.RegisterMethod(method, flag, handler), CommsStatus::kOk);
+    EXPECT_EQ(manager_.RegisterMethod(method, flag, comms::MethodKind::kQuick, handler),
+              CommsStatus::kOk);
   }
   void StartCloud(const std::string& root_ca) {
     const MqttConnectSettings link = CloudSide::Settings("device-" + sn_);

@@ -2,11 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <latch>
 
 #include "support/eventually.h"
 #include "support/fake_mqtt_client.h"
 #include "support/log_capture.h"
+
+/// Of the sanitizer that this program is built with, if it is.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the sanitizers' name
+extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
 
 namespace varnel::comms {
 namespace {
@@ -22,10 +27,13 @@ class CommsManagerTest : public ::testing::Test {
   void Init() {
     ASSERT_EQ(manager_.InitLocal(), CommsStatus::kOk);
     ASSERT_EQ(manager_.ConnectLocal("127.0.0.1", "1883", "varnel"), CommsStatus::kOk);
-    ASSERT_EQ(manager_.RegisterMethod("system.open", 1, [](const Json& params) { return params; }),
+    ASSERT_EQ(Register("system.open", 1, [](const Json& params) { return params; }),
               CommsStatus::kOk);
-    ASSERT_EQ(manager_.RegisterMethod("mqtt_agent.inner", 0, [](const Json&) { return Json(); }),
+    ASSERT_EQ(Register("mqtt_agent.inner", 0, [](const Json&) { return Json(); }),
               CommsStatus::kOk);
+  }
+  CommsStatus Register(const std::string& method, uint32_t flag, RpcHandler handler) {
+    return manager_.RegisterMethod(method, flag, MethodKind::kQuick, std::move(handler));
   }
   void InitCloud() {
     Init();
@@ -67,7 +75,7 @@ class CommsManagerTest : public ::testing::Test {
 };
 
 TEST_F(CommsManagerTest, CallsOutOfOrderAreRefused) {
-  EXPECT_EQ(Code(manager_.RegisterMethod("m.early", 1, [](const Json&) { return Json(); })), -8);
+  EXPECT_EQ(Code(Register("m.early", 1, [](const Json&) { return Json(); })), -8);
   EXPECT_TRUE(log_.Has("COMMS", "CommsManager not initialized, cannot register method: m.early"));
   EXPECT_NE(manager_.ConnectLocal("h", "1", "i"), CommsStatus::kOk);
   EXPECT_TRUE(log_.Has("COMMS", "ConnectLocal() called before InitLocal()"));
@@ -85,7 +93,7 @@ TEST_F(CommsManagerTest, CallsOutOfOrderAreRefused) {
   EXPECT_TRUE(log_.Has("COMMS", "CommsManager already initialized"));
   manager_.Stop();
   EXPECT_FALSE(manager_.IsLocalConnected());
-  EXPECT_EQ(Code(manager_.RegisterMethod("m.late", 1, [](const Json&) { return Json(); })), -8);
+  EXPECT_EQ(Code(Register("m.late", 1, [](const Json&) { return Json(); })), -8);
   EXPECT_EQ(Code(manager_.InitLocal()), -8);
   EXPECT_EQ(Code(manager_.ConnectLocal("h", "1", "i")), -8);
   manager_.ReconnectLocal();
@@ -138,6 +146,41 @@ TEST_F(CommsManagerTest, WhatCannotBeServedOrSentForTheCloudIsDropped) {
       test::Eventually([&] { return log_.Has("FWDP", "ForwarderPool: send failed, rc=-9"); }));
 }
 
+/// The largest request there is, of what takes most room when it is built: empty objects.
+std::string LargestRequest(const std::string& method, const std::string& bulky) {
+  std::string request = R"({"method":")" + method + R"(",")" + bulky + "\":[{}";
+  while (request.size() < kMaxPayloadBytes - 14) request += ",{}";
+  return request + (bulky == "id" ? "]}" : R"(],"id":1})");
+}
+
+TEST_F(CommsManagerTest, LargeRequestsTakeLittleMemoryHoweverLongTheyWait) {
+  if (__sanitizer_get_current_allocated_bytes == nullptr) GTEST_SKIP() << "nobody counts bytes";
+  InitCloud();
+  const auto fifteen = [this](FakeMqttClient& client, const std::string& topic,
+                              const std::string& method) {
+    const auto gate = std::make_shared<std::latch>(1);
+    const auto runs = std::make_shared<std::atomic<int>>(0);
+    const auto handler = [gate, runs](const Json&) {
+      ++*runs;
+      gate->wait();
+      return Json();
+    };
+    ASSERT_EQ(Register(method, 1, handler), CommsStatus::kOk);
+    const size_t answers = client.sent.Items().size();
+    const size_t before = __sanitizer_get_current_allocated_bytes();
+    client.Arrive(topic, LargestRequest(method, "params"));
+    ASSERT_TRUE(test::Eventually([&] { return *runs == 1; }));
+    for (int i = 1; i < 15; ++i) client.Arrive(topic, LargestRequest(method, "id"));
+    EXPECT_EQ(client.sent.WaitFor(answers + 6).size(), answers + 6) << "eight may wait";
+    EXPECT_LT(__sanitizer_get_current_allocated_bytes(), before + (size_t{64} << 20U)) << method;
+    gate->count_down();
+    EXPECT_EQ(client.sent.WaitFor(answers + 15).size(), answers + 15);
+  };
+  fifteen(Local(), "camera/request", "camera.slow");
+  fifteen(Local(), "system/request", "system.slow");
+  fifteen(Cloud(), "SN1/request", "system.cloud");
+}
+
 TEST_F(CommsManagerTest, OneCloudClientKeepsItsRoutesAndAnotherDeviceTakesThem) {
   InitCloud();
   FakeMqttClient* const first = &Cloud();
@@ -160,7 +203,7 @@ TEST_F(CommsManagerTest, ACloudRequestLivesAndDiesWithItsLink) {
   std::latch entered(1);
   std::latch gate(1);
   InitCloud();
-  (void)manager_.RegisterMethod("system.slow", 1, [&](const Json&) {
+  (void)Register("system.slow", 1, [&](const Json&) {
     entered.count_down();
     gate.wait();
     return Json();

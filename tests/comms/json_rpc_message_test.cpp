@@ -35,7 +35,7 @@ TEST(PayloadLimits, ServesExactlyTheDocumentedSizesAndDepths) {
 
 TEST(Envelope, HandlersValuesBecomeResultsOrErrors) {
   const auto member = [](const char* value) {
-    const Json response = MakeResponse(1, Json::parse(value));
+    const Json response = Json::parse(MakeResponse("1", Json::parse(value)));
     return response.contains("error") ? "error" : "result";
   };
   EXPECT_STREQ(member(R"({"code":-32602,"message":"m"})"), "error");

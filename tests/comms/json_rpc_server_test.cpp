@@ -19,16 +19,17 @@ using test::LogCapture;
 class JsonRpcServerTest : public ::testing::Test {
  protected:
   JsonRpcServerTest() {
-    EXPECT_EQ(server_.RegisterMethod("system.echo", [](const Json& params) { return params; }),
-              CommsStatus::kOk);
-    EXPECT_EQ(server_.RegisterMethod("system.throw",
-                                     [](const Json&) -> Json { throw std::runtime_error("boom"); }),
-              CommsStatus::kOk);
+    Register("system.echo", [](const Json& params) { return params; });
+    Register("system.throw", [](const Json&) -> Json { throw std::runtime_error("boom"); });
     EXPECT_EQ(server_.BindMqtt(client_, {"system/request", "system/response"}), CommsStatus::kOk);
     EXPECT_EQ(server_.BindMqtt(client_, {"agent/request/+", ""}), CommsStatus::kOk);
     EXPECT_EQ(server_.BindMqtt(client_, {"mute/+", ""}), CommsStatus::kOk);
   }
 
+  void Register(const std::string& method, RpcHandler handler,
+                MethodKind kind = MethodKind::kQuick) {
+    EXPECT_EQ(server_.RegisterMethod(method, kind, std::move(handler)), CommsStatus::kOk);
+  }
   /// The answer to one request; the echo behind it shows that nothing else came.
   Json Ask(const std::string& payload, const std::string& topic = "system/request") {
     const size_t before = client_->sent.Items().size();
@@ -56,7 +57,7 @@ TEST_F(JsonRpcServerTest, EchoesIdsOfEveryJsonTypeAsTheSameValue) {
   for (const char* id :
        {"-7", "0", "18446744073709551615", "-9223372036854775808", "-9223372036854775809", "5e-324",
         "123456789012345678901234567890", "\"\"", R"("\u0000\n\"\\\ud83d\udcf7é")", "null", "true",
-        "[]", "[1,[2]]", "{}", R"({"a":{"b":null}})"}) {
+        "[]", "[1 , [2]] ", "{}", " {\"id\":{\"method\":null}}\n", "7 "}) {
     const Json answer =
         Ask(std::string(R"({"jsonrpc":"2.0","method":"system.echo","id":)") + id + "}");
     EXPECT_EQ(answer["id"], Json::parse(id));
@@ -86,7 +87,10 @@ TEST_F(JsonRpcServerTest, AnswersErrorsAndResults) {
       -32602);
   EXPECT_EQ(Ask(R"({"jsonrpc":"1.0","method":"system.echo","id":1,"params":[2]})")["result"],
             Json::parse("[2]"));
-  EXPECT_EQ(Ask(R"({"id":1,"id":2,"method":"x","method":"system.echo"})")["id"], 2)
+  EXPECT_EQ(Ask("\xEF\xBB\xBF"
+                R"({"id":1,"id":2,"params":{"id":3},"params":[4,{"id":5,"method":"y"}],"method":7,
+                    "method":"system.echo"})"),
+            Json::parse(R"({"jsonrpc":"2.0","id":2,"result":[4,{"id":5,"method":"y"}]})"))
       << "the last of equal keys counts";
 }
 
@@ -106,8 +110,8 @@ TEST_F(JsonRpcServerTest, StaysSilentAboutWhatCannotBeAnswered) {
   const std::string deep(100'000, '[');
   for (const std::string& payload :
        {std::string("{"), std::string("[]"), std::string("7"), std::string(R"({"id":1})"),
-        std::string(R"({"id":1,"method":7})"), std::string("\xff\xfe"), std::string(), deep,
-        std::string(R"([{"method":"system.echo","id":1}])"),
+        std::string(R"({"id":1,"method":"system.echo","method":7})"), std::string("\xff\xfe"),
+        std::string(), deep, std::string(R"([{"method":"system.echo","id":1}])"),
         std::string(R"({"method":"system.echo","id":1} {})"),
         std::string(R"({"method":"system.echo","id":"\ud800"})"),
         R"({"method":"system.echo","id":)" + deep + std::string(100'000, ']') + "}",
@@ -125,43 +129,51 @@ TEST_F(JsonRpcServerTest, StaysSilentAboutWhatCannotBeAnswered) {
   EXPECT_LT(log_.Text().size(), 20'000U) << "payloads are cut in the log";
 }
 
-TEST_F(JsonRpcServerTest, ASlowCameraMethodDelaysNoOther) {
-  std::latch entered(WorkerLane::kThreads);
+TEST_F(JsonRpcServerTest, ASlowMethodDelaysNoneOfAnotherKindOrLane) {
+  constexpr size_t kWorkers = WorkerLane::WorkersFor(MethodKind::kPhoto);
+  std::latch entered(kWorkers);
   std::latch gate(1);
-  EXPECT_EQ(server_.RegisterMethod("camera.slow",
-                                   [&](const Json&) {
-                                     entered.count_down();
-                                     gate.wait();
-                                     return Json("slow");
-                                   }),
-            CommsStatus::kOk);
-  for (size_t i = 0; i < WorkerLane::kThreads; ++i) {
+  std::atomic<size_t> runs = 0;
+  Register(
+      "camera.slow",
+      [&](const Json&) {
+        if (runs++ < kWorkers) entered.count_down();
+        gate.wait();
+        return Json("slow");
+      },
+      MethodKind::kPhoto);
+  Register("camera.echo", [](const Json& params) { return params; });
+  for (size_t i = 0; i <= kWorkers; ++i) {
     client_->Arrive("system/request", R"({"method":"camera.slow","id":"s"})");
   }
   entered.wait();
   EXPECT_EQ(Ask(R"({"method":"system.echo","id":"fast"})")["id"], "fast");
+  EXPECT_EQ(Ask(R"({"method":"camera.echo","id":"fast"})")["id"], "fast");
   gate.count_down();
-  EXPECT_EQ(client_->sent.WaitFor(1 + WorkerLane::kThreads).size(), 1 + WorkerLane::kThreads);
+  EXPECT_EQ(client_->sent.WaitFor(3 + kWorkers).size(), 3 + kWorkers);
 }
 
 TEST_F(JsonRpcServerTest, AFloodIsRefusedBeyondTheBacklog) {
-  auto entered = std::make_shared<std::latch>(WorkerLane::kThreads);
+  constexpr size_t kWorkers = WorkerLane::WorkersFor(MethodKind::kListing);
+  auto entered = std::make_shared<std::latch>(kWorkers);
   // Shared: what still waits when the test ends is run by the server's destructor or dropped.
   auto gate = std::make_shared<std::latch>(1);
   auto ran = std::make_shared<std::atomic<size_t>>(0);
-  EXPECT_EQ(server_.RegisterMethod("system.slow",
-                                   [entered, gate, ran](const Json&) {
-                                     if ((*ran)++ < WorkerLane::kThreads) entered->count_down();
-                                     gate->wait();
-                                     return Json();
-                                   }),
-            CommsStatus::kOk);
-  for (size_t i = 0; i < WorkerLane::kThreads; ++i) {
-    server_.InvokeMethod("system.slow", Json{{"id", i}}, nullptr);
-  }
+  Register(
+      "system.slow",
+      [entered, gate, ran](const Json&) {
+        if ((*ran)++ < kWorkers) entered->count_down();
+        gate->wait();
+        return Json();
+      },
+      MethodKind::kListing);
+  const auto invoke = [this](const std::string& request) {
+    server_.InvokeMethod("system.slow", std::get<JsonRpcRequest>(JsonRpcRequest::Read(request)),
+                         nullptr);
+  };
+  for (size_t i = 0; i < kWorkers; ++i) invoke(R"({"id":1})");
   entered->wait();
-  for (size_t i = 0; i < WorkerLane::kMaxWaiting; ++i)
-    server_.InvokeMethod("system.slow", Json::object(), nullptr);
+  for (size_t i = 0; i < WorkerLane::kMaxWaiting; ++i) invoke("{}");
   EXPECT_EQ(Ask(R"({"method":"system.slow","id":9})")["error"],
             Json::parse(R"({"code":-32000,"message":"Server busy"})"));
   client_->Arrive("system/request", R"({"method":"system.slow"})");
@@ -171,34 +183,12 @@ TEST_F(JsonRpcServerTest, AFloodIsRefusedBeyondTheBacklog) {
   gate->count_down();
 }
 
-TEST_F(JsonRpcServerTest, LargeRequestsThatWaitAreBoundedInBytes) {
-  const auto gate = std::make_shared<std::latch>(1);
-  const auto ran = std::make_shared<std::atomic<size_t>>(0);
-  const auto slow = [gate, ran](const Json&) {
-    ++*ran;
-    gate->wait();
-    return Json();
-  };
-  EXPECT_EQ(server_.RegisterMethod("camera.slow", slow), CommsStatus::kOk);
-  constexpr size_t kLarge = WorkerLane::kMaxWaitingBytes / 4 + 1;
-  const auto post = [&](size_t bytes) {
-    server_.InvokeMethod("camera.slow", Json::object(), nullptr, bytes);
-  };
-  for (size_t i = 1; i <= WorkerLane::kThreads; ++i) {
-    post(2 * WorkerLane::kMaxWaitingBytes);
-    EXPECT_TRUE(test::Eventually([&] { return *ran == i; })) << "served when nothing waits";
-  }
-  for (int i = 0; i < 4; ++i) post(kLarge);
-  EXPECT_EQ(log_.Count("JRPCS", "Server busy, refusing method camera.slow"), 1U);
-  gate->count_down();
-}
-
 TEST_F(JsonRpcServerTest, RegistrationAndBindingRefuseWhatCannotWork) {
-  EXPECT_EQ(server_.RegisterMethod("", [](const Json&) { return Json(); }),
+  const auto nothing = [](const Json&) { return Json(); };
+  EXPECT_EQ(server_.RegisterMethod("", MethodKind::kQuick, nothing), CommsStatus::kInvalidArgument);
+  EXPECT_EQ(server_.RegisterMethod("m", MethodKind::kQuick, nullptr),
             CommsStatus::kInvalidArgument);
-  EXPECT_EQ(server_.RegisterMethod("m", nullptr), CommsStatus::kInvalidArgument);
-  EXPECT_NE(server_.RegisterMethod("system.echo", [](const Json&) { return Json(); }),
-            CommsStatus::kOk);
+  EXPECT_NE(server_.RegisterMethod("system.echo", MethodKind::kQuick, nothing), CommsStatus::kOk);
   EXPECT_TRUE(log_.Has("JRPCS", "Callback of method system.echo has been registered"));
   EXPECT_NE(server_.BindMqtt(nullptr, {"a", "b"}), CommsStatus::kOk);
   EXPECT_TRUE(log_.Has("JRPCS", "MQTT link is invalid"));
@@ -213,12 +203,10 @@ TEST_F(JsonRpcServerTest, RegistrationAndBindingRefuseWhatCannotWork) {
 TEST_F(JsonRpcServerTest, AnAnswerThatCannotBeSentIsLogged) {
   client_->sends = false;
   std::latch done(1);
-  EXPECT_EQ(server_.RegisterMethod("system.last",
-                                   [&](const Json&) {
-                                     done.count_down();
-                                     return Json();
-                                   }),
-            CommsStatus::kOk);
+  Register("system.last", [&](const Json&) {
+    done.count_down();
+    return Json();
+  });
   client_->Arrive("system/request", R"({"method":"system.none","id":1})");
   client_->Arrive("system/request", R"({"method":"system.last"})");
   done.wait();

@@ -66,34 +66,40 @@ int CameraService::Notify(const std::string& method, json params) {
 
 comms::CommsStatus CameraService::Start() {
   using Handler = json (CameraService::*)(const json&);
+  using Kind = comms::MethodKind;
   struct Method {
     const char* name;
+    Kind kind;
     Handler handler;
   };
   detection_.LogState();
   timelapses_.HandleUnfinished();
   using Service = CameraService;
   const std::array methods{
-      Method{kTakePhoto, &Service::ReqCallbackCameraServiceTakePhoto},
-      Method{"camera.get_status", &Service::ReqCallbackCameraServiceGetStatus},
-      Method{"camera.detect_capture", &Service::ReqCallbackCameraServiceDetectCapture},
-      Method{"camera.start_monitor", &Service::ReqCallbackCameraServiceStartMonitor},
-      Method{"camera.stop_monitor", &Service::ReqCallbackCameraServiceStopMonitor},
-      Method{"camera.start_timelapse", &Service::ReqCallbackCameraServiceStartTimelapse},
-      Method{"camera.stop_timelapse", &Service::ReqCallbackCameraServiceStopTimelapse},
-      Method{"camera.get_timelapse_instance",
+      Method{kTakePhoto, Kind::kPhoto, &Service::ReqCallbackCameraServiceTakePhoto},
+      Method{"camera.get_status", Kind::kQuick, &Service::ReqCallbackCameraServiceGetStatus},
+      Method{"camera.detect_capture", Kind::kDetection,
+             &Service::ReqCallbackCameraServiceDetectCapture},
+      Method{"camera.start_monitor", Kind::kNetwork,
+             &Service::ReqCallbackCameraServiceStartMonitor},
+      Method{"camera.stop_monitor", Kind::kQuick, &Service::ReqCallbackCameraServiceStopMonitor},
+      Method{"camera.start_timelapse", Kind::kListing,
+             &Service::ReqCallbackCameraServiceStartTimelapse},
+      Method{"camera.stop_timelapse", Kind::kListing,
+             &Service::ReqCallbackCameraServiceStopTimelapse},
+      Method{"camera.get_timelapse_instance", Kind::kListing,
              &Service::ReqCallbackCameraServiceGetTimelapseInstance},
-      Method{"camera.delete_timelapse_instance",
+      Method{"camera.delete_timelapse_instance", Kind::kListing,
              &Service::ReqCallbackCameraServiceDeleteTimelapseInstance},
-      Method{"camera.upload_timelapse_instance",
+      Method{"camera.upload_timelapse_instance", Kind::kNetwork,
              &Service::ReqCallbackCameraServiceUploadTimelapseInstance},
   };
   for (const Method& method : methods) {
-    const auto status =
-        comms_.RegisterMethod(method.name, kFromCloud, [this, method](const json& params) {
-          LogRequest(params);
-          return (this->*method.handler)(params);
-        });
+    const auto status = comms_.RegisterMethod(method.name, kFromCloud, method.kind,
+                                              [this, method](const json& params) {
+                                                LogRequest(params);
+                                                return (this->*method.handler)(params);
+                                              });
     if (status != comms::CommsStatus::kOk) return status;
   }
   VLOG_INFO(kTag, "Camera service initialized via CommsManager.");

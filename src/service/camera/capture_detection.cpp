@@ -70,7 +70,7 @@ bool FitLabelObjects(const json& params) {
   });
 }
 
-/// A place among those that run or wait. More would take the workers of all other methods.
+/// A place among those that run or wait. More could hardly be served before they give up.
 class Place {
  public:
   explicit Place(std::atomic<int>& present)

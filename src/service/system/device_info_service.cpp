@@ -28,7 +28,7 @@ DeviceInfoService::DeviceInfoService(comms::CommsManager& comms, IdentityProvide
 
 comms::CommsStatus DeviceInfoService::Start() {
   const auto status = comms_.RegisterMethod(
-      "system.get_device_info", kFromCloud,
+      "system.get_device_info", kFromCloud, comms::MethodKind::kQuick,
       [this](const json& params) { return ReqCallbackSystemGetDeviceInfo(params); });
   if (status == comms::CommsStatus::kOk) {
     VLOG_INFO(kTag, "Device info initialized via CommsManager.");

@@ -1,0 +1,15 @@
+#pragma once
+
+namespace varnel::comms {
+
+/// What may make a method slow; methods of one kind wait for each other, those of different kinds
+/// never do.
+enum class MethodKind {
+  kQuick,      ///< answers from memory
+  kPhoto,      ///< waits for the camera
+  kDetection,  ///< waits for the camera and the NPU
+  kListing,    ///< reads or changes what is on disk
+  kNetwork,    ///< talks to the cloud
+};
+
+}  // namespace varnel::comms
