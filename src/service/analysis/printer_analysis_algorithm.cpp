@@ -49,6 +49,7 @@ int PrinterAnalysisAlgorithm::Detect(AnalysisWorkspace& workspace, const std::st
     return kAnalysisNotLoaded;
   }
   workspace.models.ReleaseOthers(*model);
+  workspace.pictures.BeginPicture();
   DetectionRun run{workspace, request, *model, path};
   const int code = RunLoaded(run, output);
   ReleaseAfter(run);
@@ -74,6 +75,7 @@ int PrinterAnalysisAlgorithm::RunLoaded(DetectionRun& run, json& output) {
     SavePictures(run);
   } else {
     VLOG_ERROR(kTag, "read_image {} fail! ret={}", run.path, read);
+    run.workspace.pictures.SaveUnreadable(run.path, SavingOf(run));
   }
   Finish(run);
   return code;

@@ -198,7 +198,7 @@ TEST_F(PrinterAnalysisTest, NoodlesAreVerifiedAndCountedOverThePrint) {
   EXPECT_TRUE(
       log_.Has("ANALYSIS", "detect status: status:  z: 0 name: noodle_algorithm his size: 3"));
   EXPECT_THAT(Files("crop"), SizeIs(6)) << "of the two pictures that failed";
-  EXPECT_THAT(Files("crop"), testing::Contains("printer_detect4.val_fail.jpg"));
+  EXPECT_THAT(Files("crop"), testing::Contains("printer_detect2.2.val_fail.jpg"));
 }
 
 TEST_F(PrinterAnalysisTest, WhatTheVerifyingNetworkCannotTellCounts) {
@@ -316,10 +316,10 @@ TEST_F(PrinterAnalysisTest, PicturesAreKeptForPeople) {
   NoodlesAre({{}});
   DetectNoodles("first");
   EXPECT_THAT(Files("crop"), ElementsAre("printer_detect2.first.jpg"));
-  EXPECT_THAT(Files("positive/org"), ElementsAre("printer_detect3.org.jpg"));
-  EXPECT_THAT(Files("positive/det"), ElementsAre("printer_detect3.det.jpg"));
-  const std::string annotated = test::ReadFile(dir_ / "results/det/printer_detect3.det.jpg");
-  EXPECT_EQ(test::ReadFile(dir_ / "results/positive/det/printer_detect3.det.jpg"), annotated);
+  EXPECT_THAT(Files("positive/org"), ElementsAre("printer_detect2.org.jpg"));
+  EXPECT_THAT(Files("positive/det"), ElementsAre("printer_detect2.det.jpg"));
+  const std::string annotated = test::ReadFile(dir_ / "results/det/printer_detect2.det.jpg");
+  EXPECT_EQ(test::ReadFile(dir_ / "results/positive/det/printer_detect2.det.jpg"), annotated);
   EXPECT_NE(annotated, test::ReadFile(source));
   EXPECT_TRUE(log_.Has("ANALYSIS", "noodle @ (204 204 284 284) flag: 0 0.900"));
   VerifierSays(0);
@@ -327,8 +327,14 @@ TEST_F(PrinterAnalysisTest, PicturesAreKeptForPeople) {
   EXPECT_THAT(Files("crop"), SizeIs(2));
   EXPECT_THAT(Files("positive/org"), SizeIs(1)) << "a rejected find is none";
   Boot();
+  const std::string broken = "no picture" + std::string(ResultPictures::kMaxUnreadable, '.');
+  EXPECT_EQ(Code(dir_.Write("broken.jpg", broken), kNoodle), -5);
+  EXPECT_EQ(test::ReadFile(dir_ / "results/org/printer_detect4.org.jpg"),
+            broken.substr(0, ResultPictures::kMaxUnreadable));
+  EXPECT_EQ(Code(dir_ / "missing.jpg", kNoodle), -5);
   DetectNoodles("");
-  EXPECT_THAT(Files("org"), testing::Contains("printer_detect7.org.jpg")) << "numbers go on";
+  EXPECT_THAT(Files("org"), SizeIs(5)) << "numbers go on, and nothing was kept of a missing one";
+  EXPECT_THAT(Files("org"), testing::Contains("printer_detect5.org.jpg"));
 }
 
 TEST_F(PrinterAnalysisTest, PictureLimitsHold) {
@@ -340,9 +346,9 @@ TEST_F(PrinterAnalysisTest, PictureLimitsHold) {
   for (int i = 0; i < 4; ++i) DetectNoodles("");
   for (const char* directory : {"org", "det", "positive/org", "positive/det"})
     EXPECT_THAT(Files(directory), SizeIs(2)) << directory;
-  EXPECT_THAT(Files("crop"), ElementsAre("printer_detect1.jpg", "printer_detect3.jpg"))
+  EXPECT_THAT(Files("crop"), ElementsAre("printer_detect1.jpg", "printer_detect2.jpg"))
       << "crops stop instead";
-  EXPECT_THAT(Files("org"), ElementsAre("printer_detect5.org.jpg", "printer_detect6.org.jpg"));
+  EXPECT_THAT(Files("org"), ElementsAre("printer_detect3.org.jpg", "printer_detect4.org.jpg"));
 }
 
 TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutResultDirectories) {
@@ -406,8 +412,8 @@ TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutRoomForTheirPictures) {
   }
   EXPECT_EQ(result_.data["noodle"]["obj_cnts"], 2);
   for (const char* name :
-       {"crop/printer_detect1.jpg", "org/printer_detect2.org.jpg", "det/printer_detect2.det.jpg",
-        "positive/org/printer_detect2.org.jpg", "positive/det/printer_detect2.det.jpg"}) {
+       {"crop/printer_detect1.jpg", "org/printer_detect1.org.jpg", "det/printer_detect1.det.jpg",
+        "positive/org/printer_detect1.org.jpg", "positive/det/printer_detect1.det.jpg"}) {
     EXPECT_TRUE(log_.Has("ANALYSIS", "save " + (dir_ / "results" / name).string() + " failed"))
         << name;
   }
