@@ -6,9 +6,12 @@
 
 #include <cstring>
 #include <random>
+#include <thread>
 
 #include "service/analysis/analysis_world.h"
 #include "service/analysis/jpeg_files.h"
+#include "support/eventually.h"
+#include "support/fake_clock.h"
 
 namespace varnel::service {
 namespace {
@@ -106,6 +109,7 @@ TEST_F(PrinterAnalysisTest, KindAndBrightnessOfAPictureDecideItsCode) {
       {"grey", Jpeg(TJPF_GRAY, TJSAMP_GRAY, 0), 0},
       {"progressive", ProgressiveJpeg(), 0},
       {"truncated", GoodJpeg().substr(0, GoodJpeg().size() * 3 / 4), 0},
+      {"mostly missing", GoodJpeg().substr(0, GoodJpeg().size() * 3 / 8), -5},
       {"cmyk", Jpeg(TJPF_CMYK, TJSAMP_444, 0), -5},
       {"more than 64 million pixels", ResizedJpeg(8001, 8000), -5},
   };
@@ -134,6 +138,48 @@ TEST_F(PrinterAnalysisTest, ANetworkThatCannotBeLoadedIsTriedAgain) {
   dir_.Write("model/print_check.fp.rknn", "");
   DetectNoodles("");
   EXPECT_EQ(result_.code, 0);
+  EXPECT_THAT(log_.Text(),
+              testing::HasSubstr(" ms: input 640x640x3, outputs 1x64x80x80 1x1x80x80 1x64x40x40 "
+                                 "1x1x40x40 1x64x20x20 1x1x20x20, runtime 2.3.2 (scripted), driver "
+                                 "0.9.6\n"));
+}
+
+TEST_F(PrinterAnalysisTest, AnNpuThatDoesNotAnswerHoldsNobodyUp) {
+  test::FakeClock clock;
+  clock_ = &clock;
+  const auto threads = [] {
+    return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
+  };
+  const auto threads_before = threads();
+  for (const bool destroyed : {false, true}) {
+    Boot();
+    const auto gate = TheNpuScript().gate = std::make_shared<NpuScript::Gate>();
+    std::jthread request([&] { DetectNoodles(""); });
+    gate->reached.get_future().wait();
+    clock.AwaitWaiters(1);
+    clock.Advance(NpuThread::kPatience);
+    request.join();
+    EXPECT_EQ(result_.code, -4);
+    const int inits = TheNpuScript().inits;
+    DetectNoodles("first");
+    EXPECT_EQ(result_.code, -4) << "at once, since no time passes";
+    DetectItems("");
+    EXPECT_EQ(result_.code, -4);
+    EXPECT_EQ(TheNpuScript().inits, inits) << "no other call reaches a runtime that hangs";
+    if (destroyed) analysis_.reset();
+    gate->open.set_value();
+    ASSERT_TRUE(test::Eventually(
+        [&] { return log_.Count("ANALYSIS", "The NPU answers again") == (destroyed ? 2U : 1U); }));
+    EXPECT_THAT(TheNpuScript().loaded, IsEmpty());
+    if (destroyed) continue;
+    DetectNoodles("");
+    EXPECT_EQ(result_.code, 0);
+  }
+  EXPECT_TRUE(test::Eventually([&] { return threads() == threads_before; }));
+  EXPECT_EQ(
+      log_.Count("ANALYSIS", "The NPU has not answered for 60 s, detections fail until it does"),
+      2U);
+  EXPECT_THAT(Files("org"), SizeIs(7)) << "the photos are kept";
 }
 
 TEST_F(PrinterAnalysisTest, AnUnusableModelLeavesTheOthers) {
@@ -212,7 +258,7 @@ TEST_F(PrinterAnalysisTest, WhatTheVerifyingNetworkCannotTellCounts) {
       {"rknn_run", "", "", "verify model noodle_verify failed ret=-2"},
       {"rknn_outputs_get", "", "", "verify model noodle_verify failed ret=-2"},
       {"", "\"cls_label_idx\": 1", "\"cls_label_idx\": 2",
-       "verify model noodle_verify has 2 values, none with index 2"},
+       "cannot load verify_model for verify_noodle"},
       {"", "\"cls_label_idx\": 1", "\"cls_label_idx\": -1",
        "verify model noodle_verify has 2 values, none with index -1"},
       {"", "verify_noodle", "verify_other", "cannot find verify_model for verify_noodle"},
