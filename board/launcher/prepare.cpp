@@ -82,6 +82,15 @@ void PlaceNetworks(const Layout& layout, const fs::path& tools) {
   }
 }
 
+/// By its driver the daemon knows that there is an NPU.
+void PlaceNpuDriver(const BootOptions& options, const Layout& layout) {
+  const fs::path node = layout.Sys() / "class/drm/renderD128";
+  fs::remove_all(node);
+  if (!options.npu) return;
+  fs::create_directories(node / "device");
+  Write(node / "device/uevent", "DRIVER=RKNPU\n");
+}
+
 void ForgetLastBoot(const Layout& layout) {
   for (const fs::path& file :
        {layout.BrokerSocket(), layout.Control() / "control", layout.Camera() / "journal",
@@ -127,6 +136,7 @@ void PrepareBoard(const BootOptions& options, const Layout& layout, const fs::pa
   WriteIdentityFiles(layout);
   PlaceFrames(layout, tools);
   PlaceNetworks(layout, tools);
+  PlaceNpuDriver(options, layout);
   WriteOnce(layout.I2c() / "answer", kFreeI2cAddress);
   WriteServices(options, layout);
 }

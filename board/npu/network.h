@@ -28,12 +28,17 @@ class Network {
   [[nodiscard]] bool HasRun() const { return !results_.empty(); }
   [[nodiscard]] std::vector<float> Output(size_t index) const;
 
+  /// After a time-out or a reset nothing more can be had of a network.
+  void Die() { dead_ = true; }
+  [[nodiscard]] bool IsDead() const { return dead_; }
+
  private:
   Network(OnnxFile file, const cv::dnn::Net& net);
 
   OnnxFile file_;
   cv::dnn::Net net_;
   std::vector<cv::Mat> results_;
+  bool dead_ = false;
 };
 
 }  // namespace varnel::board

@@ -20,6 +20,10 @@ int NpuFiles::TakeFault(const std::string& function) const {
   return code;
 }
 
+bool NpuFiles::Stalls() const {
+  return varnel::board::Faults::Parse(ReadFile(Faults())).stall;
+}
+
 void NpuFiles::WriteState(const NpuCounters& counters) const {
   std::error_code error;
   if (!std::filesystem::is_directory(directory_, error)) return;

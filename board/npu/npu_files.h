@@ -18,7 +18,8 @@ struct NpuCounters {
 /// sides see. Without the directory nothing is shared.
 ///
 /// - `faults`      lines "fail FUNCTION CODE [COUNT [SKIP]]", like those of the cameras: the
-/// function returns the negative code
+/// function returns the negative code; and "stall": a run does not return as long as the line is
+/// there
 /// - `state.json`  the counters of the process that used the NPU last
 class NpuFiles {
  public:
@@ -29,6 +30,7 @@ class NpuFiles {
 
   /// The code that a call of `function` must fail with, 0 for none. A counted fault is used up.
   [[nodiscard]] int TakeFault(const std::string& function) const;
+  [[nodiscard]] bool Stalls() const;
   void WriteState(const NpuCounters& counters) const;
 
  private:

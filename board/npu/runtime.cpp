@@ -3,12 +3,14 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <opencv2/core/utility.hpp>
+#include <thread>
 
 #include "service/analysis/rknn_api.h"
 #include "virtual_board/common/files.h"
@@ -44,6 +46,20 @@ class Runtime {
     return code;
   } catch (...) {
     return kRknnFail;
+  }
+
+  /// Before a run, as long as the fault asks for it.
+  void Stall() const {
+    while (files_.Stalls()) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+
+  /// After a run: some of the codes on demand are those of an NPU that was reset.
+  int EndRun(RknnHandle handle, int code) noexcept {
+    const std::lock_guard lock(mutex_);
+    Network* network = Find(handle);
+    if (network != nullptr && (code == kRknnTimeOut || code == kRknnDeviceUnavailable))
+      network->Die();
+    return code;
   }
 
   int Load(const std::string& bytes, RknnHandle& handle) {
@@ -106,7 +122,8 @@ int ServeNetwork(const char* function, RknnHandle handle,
                  const std::function<int(Network&)>& call) {
   return TheRuntime().Serve(function, [&] {
     Network* network = TheRuntime().Find(handle);
-    return network == nullptr ? static_cast<int>(kRknnContextInvalid) : call(*network);
+    const bool serves = network != nullptr && !network->IsDead();
+    return serves ? call(*network) : static_cast<int>(kRknnContextInvalid);
   });
 }
 
@@ -158,6 +175,8 @@ int Query(const Network& network, RknnQuery query, void* answer, uint32_t size) 
                                static_cast<uint32_t>(file.outputs.size())},
                   answer, size);
   }
+  if (query == RknnQuery::kVersions)
+    return Answer(RuntimeVersions{{"virtual"}, {"virtual"}}, answer, size);
   const bool input = query == RknnQuery::kInputAttr;
   if ((!input && query != RknnQuery::kOutputAttr) || size != sizeof(TensorAttributes)) {
     return kRknnParameterInvalid;
@@ -219,8 +238,10 @@ VARNEL_EXPORTED int rknn_inputs_set(RknnHandle handle, uint32_t count, RknnInput
 }
 
 VARNEL_EXPORTED int rknn_run(RknnHandle handle, void* /*extension*/) {
-  return ServeNetwork("rknn_run", handle,
-                      [&](Network& network) { return TheRuntime().Run(network); });
+  TheRuntime().Stall();
+  return TheRuntime().EndRun(handle, ServeNetwork("rknn_run", handle, [&](Network& network) {
+                               return TheRuntime().Run(network);
+                             }));
 }
 
 VARNEL_EXPORTED int rknn_outputs_get(RknnHandle handle, uint32_t count, RknnOutput* outputs,

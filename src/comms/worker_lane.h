@@ -32,7 +32,7 @@ class WorkerLane {
   static constexpr size_t kLargeBytes = size_t{256} << 10;
 
   static constexpr size_t WorkersFor(MethodKind kind) {
-    // The camera serves one after another. A detection runs, one waits, and one is refused.
+    // The camera serves one after another: one runs, and those behind it begin to count their wait.
     return kind == MethodKind::kPhoto || kind == MethodKind::kDetection ? 3 : 2;
   }
 

@@ -191,9 +191,9 @@ TEST_F(DetectionTest, APrintFromItsFirstPictureToItsLast) {
   EXPECT_EQ(Noodles("")["obj_cnts"], 1);
   EXPECT_EQ(Pictures("positive/det"), positive + 1);
   const std::string results = "/userdata/.tmp_detect_result/";
-  EXPECT_TRUE(served_.File(results + "org/printer_detect10.org.jpg") ==
+  EXPECT_TRUE(served_.File(results + "org/printer_detect4.org.jpg") ==
               served_.File("/tmp/printer_detection.jpg"));
-  EXPECT_TRUE(IsWholeJpeg(served_.File(results + "det/printer_detect10.det.jpg")));
+  EXPECT_TRUE(IsWholeJpeg(served_.File(results + "det/printer_detect4.det.jpg")));
   EXPECT_EQ(Items("")["obj_cnts"], 0) << "a noodle is no item";
   EXPECT_EQ(NpuState()["contexts"], 1) << "the other network has left";
   EXPECT_EQ(Items("last")["obj_cnts"], 0);
@@ -233,8 +233,9 @@ TEST_F(DetectionTest, EachFailureIsOneErrorAndTheNextDetectionWorks) {
   Show(json::array());
   const fs::path faults = served_.board.Paths().Npu() / "faults";
   for (const char* call : {"rknn_inputs_set", "rknn_run", "rknn_outputs_get"}) {
-    ReplaceFile(faults, "fail " + std::string(call) + " -1 1");
+    ReplaceFile(faults, "fail " + std::string(call) + " -2 1");
     EXPECT_EQ(Detect(noodle), Failure(-4, "model inference failed")) << call;
+    EXPECT_EQ(Noodles(""), clean) << "loaded again after " << call;
   }
   for (const char* call : {"rknn_init", "rknn_query"}) {
     ReplaceFile(faults, "fail " + std::string(call) + " -1 1");
@@ -246,7 +247,8 @@ TEST_F(DetectionTest, EachFailureIsOneErrorAndTheNextDetectionWorks) {
   const std::string quantised =
       ReadFile(ChartFile("").parent_path().parent_path() / "npu/model/quantised.rknn");
   ASSERT_NE(quantised, "");
-  for (const std::string& unusable : {std::string("no network"), quantised}) {
+  const std::string one_class = ReadFile(model / "print_check.fp.rknn");
+  for (const std::string& unusable : {std::string("no network"), quantised, one_class}) {
     ReplaceFile(model / "bed_check.fp.rknn", unusable);
     EXPECT_EQ(Items(""), not_loaded);
   }
@@ -255,11 +257,15 @@ TEST_F(DetectionTest, EachFailureIsOneErrorAndTheNextDetectionWorks) {
   ReplaceFile(model / "bed_check.fp.rknn", network);
   EXPECT_EQ(Items(""), clean);
   EXPECT_EQ(Noodles(""), clean);
-  EXPECT_THAT(ReadFile(served_.board.Paths().Log() / "daemon.log"),
-              HasSubstr("\nnetwork /etc/varnel/camera_service/model/bed_check.fp.rknn refused: it "
-                        "is quantised, only float networks are served\n"));
   served_.board.SetCameraFaults("stall");
   EXPECT_EQ(Detect(noodle), Error(-32000, "Take photo failed"));
+  const std::string refused =
+      "] network /etc/varnel/camera_service/model/bed_check.fp.rknn refused: ";
+  EXPECT_THAT(
+      served_.StopAndReadLog(),
+      testing::AllOf(HasSubstr(refused + "it is quantised, only float networks are served\n"),
+                     HasSubstr(refused + "it tells 1 classes apart, its labels are 4\n"),
+                     HasSubstr("runtime virtual, driver virtual\n")));
 }
 
 TEST_F(DetectionTest, RequestsAreServedOneAfterAnotherAndHoldUpNothingElse) {
@@ -269,13 +275,10 @@ TEST_F(DetectionTest, RequestsAreServedOneAfterAnotherAndHoldUpNothingElse) {
   for (const json& labels : {kBedLabels, json{"noodle"}, kBedLabels, json{"noodle"}})
     ids.push_back(served_.rpc.Post("camera.detect_capture", {{"labels", labels}}));
   EXPECT_TRUE(served_.rpc.Call("camera.get_status", nullptr).contains("result"));
-  int detected = 0;
   for (const json& id : ids) {
     const json answer = served_.rpc.Await(id);
-    detected += answer.contains("result") ? 1 : 0;
-    EXPECT_TRUE(answer.contains("result") || answer == Error(-32000, "Take photo failed"));
+    EXPECT_TRUE(answer.contains("result")) << answer;
   }
-  EXPECT_GE(detected, 2);
   EXPECT_LE(NpuState()["highest_contexts"], 2);
 }
 
@@ -316,7 +319,7 @@ TEST_P(FullDiskTest, DetectionsGoOn) {
   EXPECT_THAT(served.StopAndReadLog(),
               HasSubstr(reserves ? "Less than 64 MiB free in /userdata/.tmp_detect_result, nothing "
                                    "is written there"
-                                 : "save /userdata/.tmp_detect_result/org/printer_detect2.org.jpg "
+                                 : "save /userdata/.tmp_detect_result/org/printer_detect1.org.jpg "
                                    "failed"));
 }
 

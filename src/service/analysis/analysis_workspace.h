@@ -20,6 +20,7 @@ struct LatestDetection {
 
 /// What the algorithms of one analysis share. Used by one thread at a time.
 struct AnalysisWorkspace {
+  NpuThread npu;  ///< of the models
   ModelRegistry models;
   ReferencePicture reference;
   ResultPictures pictures;

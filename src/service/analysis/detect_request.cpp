@@ -48,8 +48,8 @@ float LabelThreshold(const json& object, const std::string& label, float fallbac
   if (!settings.is_object()) return fallback;
   const json& threshold = Member(settings, "threshold");
   if (!threshold.is_number()) return fallback;
-  // One that no score can exceed is allowed: the class then yields nothing.
-  return static_cast<float>(std::clamp(threshold.get<double>(), 0.0, 1e6));
+  // One is allowed, though no score can exceed it: the class then yields nothing.
+  return static_cast<float>(std::clamp(threshold.get<double>(), 0.0, 1.0));
 }
 
 std::vector<std::string> TextList(const json& array) {

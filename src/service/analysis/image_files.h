@@ -9,8 +9,8 @@ namespace varnel::service {
 inline constexpr int kJpegQuality = 90;
 
 /// Reads a .jpg/.jpeg file into packed RGB, or a .data file as raw bytes (its geometry stays 0).
-/// A truncated JPEG prints the decoder's warning and is used; CMYK and more than 64 megapixels are
-/// refused. Messages go to standard output.
+/// A truncated JPEG prints the decoder's warning and is used if half of it is there; CMYK and more
+/// than 64 megapixels are refused. Messages go to standard output.
 /// @return 0 or negative
 [[nodiscard]] int read_image(const std::string& path, Image& image);
 

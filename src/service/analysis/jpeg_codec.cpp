@@ -2,6 +2,8 @@
 
 #include <turbojpeg.h>
 
+#include <algorithm>
+
 #include "service/analysis/image_layout.h"
 #include "service/analysis/image_print.h"
 
@@ -40,6 +42,20 @@ class LastRow {
 
   const std::span<uint8_t> row_;
 };
+
+bool IsMidGrey(std::span<const uint8_t> row) {
+  return std::all_of(row.begin(), row.end(), [](uint8_t value) { return value == 128; });
+}
+
+/// What a file that ends too early does not tell of a picture is decoded as plain mid-grey.
+bool LacksMoreThanHalf(const ImageBuffer& image) {
+  const size_t pitch = RowPitch(image);
+  const auto rows = static_cast<size_t>(image.height);
+  size_t missing = 0;
+  while (missing < rows && IsMidGrey({image.virt_addr + (rows - 1 - missing) * pitch, pitch}))
+    ++missing;
+  return missing * 2 > rows;
+}
 
 void PrintWarning(tjhandle handle) {
   PrintMessage("warning : errorStr:%s, errorCode:%d\n", tjGetErrorStr2(handle),
@@ -96,9 +112,14 @@ bool JpegDecoder::ReadHeader(std::span<const uint8_t> file, Image& image) {
 }
 
 int JpegDecoder::Decode(std::span<const uint8_t> file, Image& image) {
-  if (!ReadHeader(file, image)) {
-    return -1;
-  }
+  if (TryDecode(file, image)) return 0;
+  // After a failure the old one may be half-way in a file that it takes the next one for.
+  handle_.reset(tjInitDecompress());
+  return -1;
+}
+
+bool JpegDecoder::TryDecode(std::span<const uint8_t> file, Image& image) {
+  if (!ReadHeader(file, image)) return false;
   const ImageBuffer& buffer = image.buffer;
   const LastRow last_row(buffer);
   const int result =
@@ -106,12 +127,13 @@ int JpegDecoder::Decode(std::span<const uint8_t> file, Image& image) {
                     static_cast<int>(RowPitch(buffer)), buffer.height, TJPF_RGB, kDecodeFlags);
   if (!IsUsable(result, handle_.get()) || !last_row.IsDecoded()) {
     PrintFailure();
-    return -1;
+    return false;
   }
-  if (result != 0) {
-    PrintWarning(handle_.get());
-  }
-  return 0;
+  if (result == 0) return true;
+  PrintWarning(handle_.get());
+  if (!LacksMoreThanHalf(buffer)) return true;
+  PrintMessage("error : more than half of the picture is missing\n");
+  return false;
 }
 
 JpegEncoder& JpegEncoder::OfThisThread() {
@@ -131,6 +153,7 @@ JpegBytes JpegEncoder::Encode(const ImageBuffer& image, int quality) {
   if (!IsUsable(result, handle_.get())) {
     PrintMessage("error : compress failed, errorStr:%s, errorCode:%d\n",
                  tjGetErrorStr2(handle_.get()), tjGetErrorCode(handle_.get()));
+    handle_.reset(tjInitCompress());
     return {};
   }
   return file;

@@ -23,8 +23,8 @@ struct JpegBytes {
 void CloseJpegHandle(void* handle);
 using JpegHandle = utils::Owned<void, CloseJpegHandle>;
 
-/// Decodes into packed RGB. Making a handle costs more than a small picture, so it is kept; one
-/// decoder serves one thread.
+/// Decodes into packed RGB. Making a handle costs more than a small picture, so it is kept as long
+/// as it succeeds; one decoder serves one thread.
 class JpegDecoder {
  public:
   /// The calling thread's own; it ends with the thread.
@@ -32,11 +32,13 @@ class JpegDecoder {
   JpegDecoder();
 
   /// Failures and the library's warnings (a truncated file's, for one) are printed. CMYK pictures,
-  /// pictures of more than 64 megapixels and progressive ones of very many scans are refused.
+  /// pictures of more than 64 megapixels, progressive ones of very many scans and those of which
+  /// more than half is missing are refused.
   /// @return 0 or negative
   [[nodiscard]] int Decode(std::span<const uint8_t> file, Image& image);
 
  private:
+  [[nodiscard]] bool TryDecode(std::span<const uint8_t> file, Image& image);
   [[nodiscard]] bool ReadHeader(std::span<const uint8_t> file, Image& image);
   void PrintFailure() const;
 

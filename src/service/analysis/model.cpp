@@ -1,6 +1,7 @@
 #include "service/analysis/model.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include "service/analysis/analysis_log.h"
@@ -20,13 +21,20 @@ std::vector<std::string> TextsOf(const json& config, const char* key) {
   return config.value(key, std::vector<std::string>{});
 }
 
+/// What detecting networks find is named by the labels; of a classifying one a single value counts.
+NetworkUse UseOf(const json& config, NetworkKind kind, size_t labels) {
+  if (kind == NetworkKind::kDetecting) return {kind, labels};
+  return {kind, static_cast<size_t>(std::max(config.value("cls_label_idx", -1), 0)) + 1};
+}
+
 }  // namespace
 
-Model::Model(const char* name, json config, const RknnLibrary* library)
+Model::Model(const char* name, json config, const Npu& npu, NetworkKind kind)
     : config_(std::move(config)),
       labels_(TextsOf(config_, "labels")),
-      positive_labels_(TextsOf(config_, "save_pic_of_positive_labels")) {
-  context_.library = library;
+      positive_labels_(TextsOf(config_, "save_pic_of_positive_labels")),
+      use_(UseOf(config_, kind, labels_.size())),
+      context_(npu) {
   VLOG_INFO(kTag, "construct model {}", name);
   if (!config_.value("fname", std::string()).empty()) return;
   VLOG_ERROR(kTag, "file name of model {} is empty or missing", name);
@@ -57,13 +65,18 @@ bool Model::EnsureLoaded(const std::filesystem::path& directory) {
     VLOG_ERROR(kTag, "init fail! model file not exists ! model_path={}", path);
     return false;
   }
-  const int code = init_yolo11_model(path, context_);
+  const auto start = context_.npu.thread.Now();
+  const int code = init_yolo11_model(path, use_, context_);
   if (code != 0) {
     VLOG_ERROR(kTag, "init_yolo11_model fail! error code={} name={} model_path={}", code, Name(),
                path);
     return false;
   }
   state_ = ModelState::kLoaded;
+  const auto time = context_.npu.thread.Now() - start;
+  VLOG_INFO(kTag, "network {} loaded in {} ms: {}", Name(),
+            std::chrono::duration_cast<std::chrono::milliseconds>(time).count(),
+            Description(*context_.network));
   return true;
 }
 
@@ -81,11 +94,14 @@ int Model::Detect(const ImageBuffer& picture, const DetectRequest& request, Dete
                                           config_.value("nms_threshold", kDefaultNms));
   if (code == 0) return 0;
   VLOG_ERROR(kTag, "inference_yolo11_model fail! ret={}", code);
+  Release();
   return kAnalysisInferenceFailed;
 }
 
 int Model::Classify(const ImageBuffer& picture, std::vector<float>& values) {
-  return inference_classifier(context_, picture, values);
+  const int code = inference_classifier(context_, picture, values);
+  if (code != 0) Release();
+  return code;
 }
 
 std::vector<float> Model::Thresholds(const DetectRequest& request) const {

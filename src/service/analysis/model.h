@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "service/analysis/detect_request.h"
@@ -45,7 +46,8 @@ class Model {
   /// Takes it from the NPU, when it is there.
   void Release();
 
-  /// Finds objects in a picture with a threshold for each label.
+  /// Finds objects in a picture with a threshold for each label. A network that fails leaves the
+  /// NPU: after a time-out or a reset its context would fail for ever.
   /// @return 0 or kAnalysisInferenceFailed
   [[nodiscard]] int Detect(const ImageBuffer& picture, const DetectRequest& request,
                            DetectionList& found);
@@ -53,19 +55,19 @@ class Model {
   [[nodiscard]] std::vector<float> Thresholds(const DetectRequest& request) const;
   /// Shows the candidates of each picture from now on; null ends it.
   void Observe(const CandidateObserver* observer) { context_.observer = observer; }
-  /// The values that a classifying network gives a picture.
+  /// The values that a classifying network gives a picture. One that fails leaves the NPU, too.
   /// @return 0 or negative
   [[nodiscard]] int Classify(const ImageBuffer& picture, std::vector<float>& values);
 
  protected:
-  /// @param library the board's own when null
-  Model(const char* name, nlohmann::json config, const RknnLibrary* library);
+  Model(const char* name, nlohmann::json config, const Npu& npu, NetworkKind kind);
 
  private:
   const nlohmann::json config_;
   ModelState state_ = ModelState::kCreated;
   const std::vector<std::string> labels_;
   const std::vector<std::string> positive_labels_;
+  const NetworkUse use_;
   NpuContext context_;
 };
 
@@ -73,8 +75,8 @@ class Model {
 class NoodleModel : public Model {
  public:
   static constexpr const char* kName = "print_check";
-  explicit NoodleModel(nlohmann::json config, const RknnLibrary* library = nullptr)
-      : Model(kName, std::move(config), library) {}
+  NoodleModel(nlohmann::json config, const Npu& npu)
+      : Model(kName, std::move(config), npu, NetworkKind::kDetecting) {}
   [[nodiscard]] const char* Name() const override { return kName; }
 };
 
@@ -82,8 +84,8 @@ class NoodleModel : public Model {
 class BedItemModel : public Model {
  public:
   static constexpr const char* kName = "bed_check";
-  explicit BedItemModel(nlohmann::json config, const RknnLibrary* library = nullptr)
-      : Model(kName, std::move(config), library) {}
+  BedItemModel(nlohmann::json config, const Npu& npu)
+      : Model(kName, std::move(config), npu, NetworkKind::kDetecting) {}
   [[nodiscard]] const char* Name() const override { return kName; }
 };
 
@@ -91,8 +93,8 @@ class BedItemModel : public Model {
 class NoodleVerifyModel : public Model {
  public:
   static constexpr const char* kName = "noodle_verify";
-  explicit NoodleVerifyModel(nlohmann::json config, const RknnLibrary* library = nullptr)
-      : Model(kName, std::move(config), library) {}
+  NoodleVerifyModel(nlohmann::json config, const Npu& npu)
+      : Model(kName, std::move(config), npu, NetworkKind::kClassifying) {}
   [[nodiscard]] const char* Name() const override { return kName; }
 };
 

@@ -14,11 +14,10 @@ using nlohmann::json;
 
 constexpr const char* kTag = kAnalysisTag;
 
-std::unique_ptr<Model> NewModel(const std::string& name, const json& config,
-                                const RknnLibrary* library) {
-  if (name == NoodleModel::kName) return std::make_unique<NoodleModel>(config, library);
-  if (name == BedItemModel::kName) return std::make_unique<BedItemModel>(config, library);
-  if (name == NoodleVerifyModel::kName) return std::make_unique<NoodleVerifyModel>(config, library);
+std::unique_ptr<Model> NewModel(const std::string& name, const json& config, const Npu& npu) {
+  if (name == NoodleModel::kName) return std::make_unique<NoodleModel>(config, npu);
+  if (name == BedItemModel::kName) return std::make_unique<BedItemModel>(config, npu);
+  if (name == NoodleVerifyModel::kName) return std::make_unique<NoodleVerifyModel>(config, npu);
   return nullptr;
 }
 
@@ -31,8 +30,8 @@ bool Serves(const Model& model, const std::vector<std::string>& labels) {
 
 }  // namespace
 
-ModelRegistry::ModelRegistry(std::filesystem::path directory, const RknnLibrary* library)
-    : directory_(std::move(directory)), library_(library) {}
+ModelRegistry::ModelRegistry(std::filesystem::path directory, const Npu& npu)
+    : directory_(std::move(directory)), npu_(npu) {}
 
 ModelRegistry::~ModelRegistry() {
   for (const auto& model : models_) model->Release();
@@ -47,7 +46,7 @@ void ModelRegistry::CreateAll(const json& config) {
 }
 
 bool ModelRegistry::Create(const std::string& name, const json& config) {
-  std::unique_ptr<Model> model = NewModel(name, config, library_);
+  std::unique_ptr<Model> model = NewModel(name, config, npu_);
   if (!model) {
     VLOG_WARN(kTag, "no model find with name: {}", utils::LogText(name));
     return true;  // skipped

@@ -14,8 +14,7 @@ namespace varnel::service {
 class ModelRegistry {
  public:
   /// @param directory where the network files are
-  /// @param library the NPU runtime, the board's own when null
-  explicit ModelRegistry(std::filesystem::path directory, const RknnLibrary* library = nullptr);
+  ModelRegistry(std::filesystem::path directory, const Npu& npu);
   /// Releases every model.
   ~ModelRegistry();
   ModelRegistry(const ModelRegistry&) = delete;
@@ -42,7 +41,7 @@ class ModelRegistry {
   bool Create(const std::string& name, const nlohmann::json& config);
 
   const std::filesystem::path directory_;
-  const RknnLibrary* const library_;
+  const Npu npu_;
   bool unloads_ = false;
   std::vector<std::unique_ptr<Model>> models_;
 };

@@ -29,10 +29,15 @@ void FillWithZeros(const std::vector<std::string>& labels, json& output) {
   }
 }
 
+utils::Clock& ClockOf(const AnalysisSetup& setup) {
+  return setup.clock != nullptr ? *setup.clock : utils::SystemClock::Instance();
+}
+
 }  // namespace
 
 PrinterAnalysis::PrinterAnalysis(const AnalysisSetup& setup)
-    : workspace_{.models = ModelRegistry(setup.models, setup.library),
+    : workspace_{.npu = NpuThread(ClockOf(setup)),
+                 .models = ModelRegistry(setup.models, {workspace_.npu, setup.library}),
                  .reference = {},
                  .pictures = ResultPictures(setup.results, setup.has_space),
                  .latest = {}},

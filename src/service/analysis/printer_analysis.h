@@ -11,6 +11,7 @@
 #include "service/analysis/analysis_workspace.h"
 #include "service/analysis/model_config.h"
 #include "service/analysis/printer_analysis_algorithm.h"
+#include "utils/clock.h"
 
 namespace varnel::service {
 
@@ -21,6 +22,7 @@ struct AnalysisSetup {
   ResultPictures::SpaceCheck has_space = {};  ///< none: there is always room
   const RknnLibrary* library = nullptr;       ///< the NPU runtime, the board's own when null
   std::string_view config = kBuiltInModelConfig;
+  utils::Clock* clock = nullptr;  ///< the machine's own when null
 };
 
 /// Tells from a picture whether a print fails. It takes no lock: one caller at a time.
@@ -30,7 +32,8 @@ class PrinterAnalysis {
   /// configuration that is no JSON object leaves the analysis unready, a value of a wrong type in
   /// it throws nlohmann::json::type_error.
   explicit PrinterAnalysis(const AnalysisSetup& setup = {});
-  /// Releases every model.
+  /// Releases every model. It does not wait for an NPU that does not answer, which uses the runtime
+  /// as long as it is busy.
   ~PrinterAnalysis();
   PrinterAnalysis(const PrinterAnalysis&) = delete;
   PrinterAnalysis& operator=(const PrinterAnalysis&) = delete;

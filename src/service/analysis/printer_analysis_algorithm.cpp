@@ -49,14 +49,17 @@ int PrinterAnalysisAlgorithm::Detect(AnalysisWorkspace& workspace, const std::st
     return kAnalysisNotLoaded;
   }
   workspace.models.ReleaseOthers(*model);
+  workspace.pictures.BeginPicture();
   DetectionRun run{workspace, request, *model, path};
-  const int code = RunLoaded(run, output);
+  const int code = RunModel(run, output);
   ReleaseAfter(run);
   return code;
 }
 
-int PrinterAnalysisAlgorithm::RunLoaded(DetectionRun& run, json& output) {
-  if (!run.workspace.models.EnsureLoaded(run.model)) {
+int PrinterAnalysisAlgorithm::RunModel(DetectionRun& run, json& output) {
+  AnalysisWorkspace& workspace = run.workspace;
+  // An NPU that does not answer is a failing inference, not a missing network.
+  if (workspace.npu.Answers() && !workspace.models.EnsureLoaded(run.model)) {
     VLOG_ERROR(kTag, "DetectPicture EnsureLoad fail {}", run.model.Name());
     return kAnalysisNotLoaded;
   }
@@ -66,7 +69,7 @@ int PrinterAnalysisAlgorithm::RunLoaded(DetectionRun& run, json& output) {
   if (run.request.First()) {
     history_.Clear();
     // What an earlier print left must not speak for this one, even if this picture cannot be used.
-    run.workspace.reference.Forget();
+    workspace.reference.Forget();
   }
   int code = kAnalysisUnreadable;
   if (read == 0) {
@@ -74,6 +77,7 @@ int PrinterAnalysisAlgorithm::RunLoaded(DetectionRun& run, json& output) {
     SavePictures(run);
   } else {
     VLOG_ERROR(kTag, "read_image {} fail! ret={}", run.path, read);
+    workspace.pictures.SaveUnreadable(run.path, SavingOf(run));
   }
   Finish(run);
   return code;

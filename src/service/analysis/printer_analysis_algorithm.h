@@ -38,7 +38,7 @@ class PrinterAnalysisAlgorithm {
   [[nodiscard]] virtual bool ReleasesAfterFirst() const { return false; }
 
  private:
-  int RunLoaded(DetectionRun& run, nlohmann::json& output);
+  int RunModel(DetectionRun& run, nlohmann::json& output);
   int Examine(DetectionRun& run, nlohmann::json& output);
   void WriteStatistics(const ImageBuffer& picture, nlohmann::json& output) const;
   void SavePictures(DetectionRun& run) const;

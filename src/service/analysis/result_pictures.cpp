@@ -3,11 +3,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
 #include "service/analysis/analysis_log.h"
 #include "service/analysis/image_files.h"
+#include "utils/atomic_file.h"
 #include "utils/log.h"
 
 namespace varnel::service {
@@ -24,6 +27,14 @@ bool CopyFile(const std::string& from, const std::string& to) {
   if (fs::copy_file(from, to, fs::copy_options::overwrite_existing, error)) return true;
   ::unlink(to.c_str());  // half of it may be there, when the disk is full for example
   return false;
+}
+
+bool CopyBeginning(const std::string& from, const std::string& to) {
+  std::string bytes(ResultPictures::kMaxUnreadable, '\0');
+  std::ifstream file(from, std::ios::binary);
+  file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  const std::string_view read(bytes.data(), static_cast<size_t>(file.gcount()));
+  return !utils::WriteFileAtomically(to, read, 0644, utils::Durability::kCrash);
 }
 
 PictureDirectory::Writer CopyOf(const std::string& from) {
@@ -65,16 +76,23 @@ PictureDirectory ResultPictures::Create(const fs::path& path) {
   return PictureDirectory();
 }
 
-uint64_t ResultPictures::NextNumber() {
+void ResultPictures::BeginPicture() {
+  numbered_ = false;
+  crops_ = 0;
+}
+
+/// The picture gets its number with the first file that is kept of it.
+std::string ResultPictures::Name() {
+  if (std::exchange(numbered_, true)) return PictureName(last_number_);
   for (PictureDirectory* directory : {&org_, &det_, &crop_, &positive_org_, &positive_det_})
     last_number_ = std::max(last_number_, directory->HighestNumber());
-  return ++last_number_;
+  return PictureName(++last_number_);
 }
 
 void ResultPictures::Save(const std::string& source, const ImageBuffer* annotated,
                           const PictureSaving& saving) {
   if (saving.limit == 0 || !HasSpace()) return;
-  const std::string name = PictureName(NextNumber());
+  const std::string name = Name();
   const std::string org_name = name + ".org.jpg";
   const std::string det_name = name + ".det.jpg";
   const std::string org =
@@ -88,9 +106,18 @@ void ResultPictures::Save(const std::string& source, const ImageBuffer* annotate
   positive_det_.Add(det_name, saving.limit, det.empty() ? drawn : SameAs(det));
 }
 
+void ResultPictures::SaveUnreadable(const std::string& source, const PictureSaving& saving) {
+  std::error_code error;
+  if (!saving.original || saving.limit == 0 || !fs::is_regular_file(source, error) || !HasSpace())
+    return;
+  org_.Add(Name() + ".org.jpg", saving.limit,
+           [&source](const std::string& to) { return CopyBeginning(source, to); });
+}
+
 void ResultPictures::SaveCrop(const ImageBuffer& crop, const std::string& suffix, size_t limit) {
   if (crop_.Count() >= limit || !HasSpace()) return;
-  crop_.Add(PictureName(NextNumber()) + suffix + ".jpg", limit, Encoding(crop));
+  const std::string place = ++crops_ == 1 ? "" : "." + std::to_string(crops_);
+  crop_.Add(Name() + place + suffix + ".jpg", limit, Encoding(crop));
 }
 
 }  // namespace varnel::service

@@ -33,23 +33,33 @@ class ResultPictures {
   /// Once. A directory that cannot be made is logged and its pictures are not written.
   void CreateDirectories();
 
+  /// What is kept from here on belongs to another picture.
+  void BeginPicture();
+
   /// Keeps the picture of one detection.
   /// @param source the file as it came: "org" is a copy of its bytes
   /// @param annotated null when there is nothing to be seen on it: "det" is then the same file
   void Save(const std::string& source, const ImageBuffer* annotated, const PictureSaving& saving);
 
-  /// Keeps a crop as "printer_detect<number><suffix>.jpg", as long as there are fewer than `limit`.
+  /// Keeps what is no picture in "org", its first kMaxUnreadable bytes at most.
+  void SaveUnreadable(const std::string& source, const PictureSaving& saving);
+  static constexpr size_t kMaxUnreadable = size_t{4} << 20U;
+
+  /// Keeps a crop as "printer_detect<number><suffix>.jpg", as long as there are fewer than `limit`;
+  /// further ones of the same picture as "printer_detect<number>.2<suffix>.jpg" and so on.
   void SaveCrop(const ImageBuffer& crop, const std::string& suffix, size_t limit);
 
  private:
   PictureDirectory Create(const std::filesystem::path& path);
-  uint64_t NextNumber();
+  std::string Name();
   bool HasSpace() const { return !has_space_ || has_space_(base_ / "org"); }
 
   const std::filesystem::path base_;
   const SpaceCheck has_space_;
   PictureDirectory org_, det_, crop_, positive_org_, positive_det_;
   uint64_t last_number_ = 0;
+  bool numbered_ = false;  ///< last_number_ is the picture's
+  int crops_ = 0;          ///< of the picture
 };
 
 }  // namespace varnel::service

@@ -11,7 +11,7 @@ namespace varnel::service {
 
 using RknnHandle = uint64_t;
 
-enum class RknnQuery : int32_t { kInOutNum = 0, kInputAttr = 1, kOutputAttr = 2 };
+enum class RknnQuery : int32_t { kInOutNum = 0, kInputAttr = 1, kOutputAttr = 2, kVersions = 5 };
 
 enum class TensorFormat : int32_t { kNchw = 0, kNhwc = 1 };
 
@@ -27,6 +27,8 @@ enum class TensorQuantisation : int32_t {
 enum RknnCode : int {
   kRknnSuccess = 0,
   kRknnFail = -1,
+  kRknnTimeOut = -2,
+  kRknnDeviceUnavailable = -3,
   kRknnParameterInvalid = -5,
   kRknnModelInvalid = -6,
   kRknnContextInvalid = -7,
@@ -58,6 +60,11 @@ struct TensorAttributes {
   uint32_t size_with_stride = 0;
   uint8_t pass_through = 0;
   uint32_t height_stride = 0;
+};
+
+struct RuntimeVersions {
+  std::array<char, 256> runtime{};
+  std::array<char, 256> driver{};
 };
 
 struct RknnInput {
@@ -99,6 +106,7 @@ static_assert(offsetof(TensorAttributes, fixed_point) == 348);
 static_assert(offsetof(TensorAttributes, zero_point) == 352);
 static_assert(offsetof(TensorAttributes, pass_through) == 368);
 static_assert(offsetof(TensorAttributes, height_stride) == 372);
+static_assert(sizeof(RuntimeVersions) == 512 && offsetof(RuntimeVersions, driver) == 256);
 static_assert(sizeof(RknnInput) == 32 && offsetof(RknnInput, buffer) == 8);
 static_assert(offsetof(RknnInput, pass_through) == 20 && offsetof(RknnInput, format) == 28);
 static_assert(sizeof(RknnOutput) == 24 && offsetof(RknnOutput, index) == 4);

@@ -2,6 +2,8 @@
 
 #include <dlfcn.h>
 
+#include <utility>
+
 namespace varnel::service {
 
 namespace {
@@ -31,7 +33,8 @@ void RknnLibrary::Closer::operator()(void* handle) const noexcept {
   ::dlclose(handle);
 }
 
-RknnLibrary::RknnLibrary(const std::vector<std::string>& names) {
+RknnLibrary::RknnLibrary(const std::vector<std::string>& names, std::optional<NpuDriver> driver)
+    : driver_(std::move(driver)) {
   for (const std::string& name : names) {
     if (Load(name)) return;
   }
@@ -39,8 +42,15 @@ RknnLibrary::RknnLibrary(const std::vector<std::string>& names) {
 
 const RknnLibrary& RknnLibrary::Board() {
   // Never unloaded: the runtime may have threads of its own when the process ends.
-  static const RknnLibrary& library = *new RknnLibrary({"librknnrt.so", "/usr/lib/librknnrt.so"});
+  static const RknnLibrary& library =
+      *new RknnLibrary({"librknnrt.so", "/usr/lib/librknnrt.so"}, NpuDriver());
   return library;
+}
+
+std::string RknnLibrary::Problem() const {
+  if (!handle_) return "no NPU runtime: " + error_;
+  if (driver_ && !driver_->IsThere()) return "no NPU driver: none of " + driver_->Places();
+  return {};
 }
 
 bool RknnLibrary::Load(const std::string& name) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdint>
 #include <functional>
 #include <span>
 #include <string>
@@ -8,7 +7,8 @@
 
 #include "service/analysis/detection.h"
 #include "service/analysis/image_buffer.h"
-#include "service/analysis/rknn_api.h"
+#include "service/analysis/loaded_network.h"
+#include "service/analysis/npu_thread.h"
 
 namespace varnel::service {
 
@@ -21,41 +21,37 @@ struct CandidateObserver {
   std::function<void(const DetectionList&)> see;
 };
 
-/// One network on the NPU. Used by one thread at a time.
-struct NpuContext {
+/// The NPU as networks see it.
+struct Npu {
+  NpuThread& thread;                     ///< outlives them
   const RknnLibrary* library = nullptr;  ///< the board's own when null
-  RknnHandle handle = 0;                 ///< of the runtime, 0 when nothing is loaded
-  uint32_t input_count = 0;
-  uint32_t output_count = 0;
-  std::vector<TensorAttributes> inputs;
-  std::vector<TensorAttributes> outputs;
-  int32_t channel = 0;
-  int32_t width = 0;
-  int32_t height = 0;
-  bool is_quant = false;
-  const CandidateObserver* observer = nullptr;  ///< outlives its use here; stays when released
-
-  NpuContext() = default;
-  explicit NpuContext(const RknnLibrary& runtime) : library(&runtime) {}
-  ~NpuContext();  ///< releases
-  NpuContext(const NpuContext&) = delete;
-  NpuContext& operator=(const NpuContext&) = delete;
 };
 
-/// Loads a network file into an NPU context, in the place of one that it holds. Messages go to
-/// standard output. Refused are quantised networks, and those whose tensors make no sense.
+/// Room for one network on the NPU. Used by one thread at a time.
+struct NpuContext {
+  explicit NpuContext(const Npu& its_npu) : npu(its_npu) {}
+
+  const Npu npu;
+  OnNpu<LoadedNetwork> network{npu.thread, nullptr};  ///< null when nothing is loaded
+  const CandidateObserver* observer = nullptr;  ///< outlives its use here; stays when released
+};
+
+/// Loads a network file into an NPU context, in the place of one that it holds. The runtime's
+/// failures go to standard output, other reasons to the log: refused are quantised networks, and
+/// those whose tensors do not fit the use.
 /// @return 0 or -1; nothing stays loaded after a failure
-[[nodiscard]] int init_yolo11_model(const std::string& path, NpuContext& context);
+[[nodiscard]] int init_yolo11_model(const std::string& path, const NetworkUse& use,
+                                    NpuContext& context);
 
 /// Frees everything of the context; harmless on an empty one.
 /// @return 0
 int release_yolo11_model(NpuContext& context);
 
 /// Finds objects in a packed RGB picture of any size.
-/// @param thresholds one per class: the score that a box must exceed; classes of the network beyond
-/// them do not count
+/// @param thresholds one per class: the score that a box must exceed
 /// @param nms_threshold overlap (IoU) above which the weaker box of a class is dropped
-/// @return 0 or negative; `found` is empty after a failure
+/// @return 0 or negative, kRknnTimeOut when the NPU does not answer; `found` is empty after a
+/// failure
 [[nodiscard]] int inference_yolo11_model(NpuContext& context, const ImageBuffer& picture,
                                          DetectionList& found, std::span<const float> thresholds,
                                          float nms_threshold);

@@ -1,17 +1,19 @@
 #include <sys/resource.h>
 
+#include "service/analysis/analysis_log.h"
 #include "service/analysis/image_print.h"
 #include "service/analysis/rknn_library.h"
 #include "service/analysis/yolo11.h"
+#include "utils/log.h"
 
 namespace varnel::service {
 
 namespace {
 
-// Far beyond every network that the hardware runs, and small enough for any product of sizes.
+constexpr const char* kTag = kAnalysisTag;
+// Far beyond every network that the hardware runs.
 constexpr uint32_t kMaxTensors = 64;
 constexpr uint32_t kMaxSide = 8192;
-constexpr uint64_t kMaxElements = uint64_t{1} << 28U;
 
 /// The runtime raises the priority of the process that loads a network. Programs that the process
 /// has started have groups of their own and keep theirs.
@@ -20,27 +22,29 @@ void RestorePriority() {
   ::setpriority(PRIO_PGRP, 0, 0);
 }
 
-const RknnApi* FindRuntime(NpuContext& context) {
-  if (context.library == nullptr) context.library = &RknnLibrary::Board();
-  const RknnApi* api = context.library->Api();
-  if (api == nullptr) PrintMessage("no NPU runtime: %s\n", context.library->Error().c_str());
-  return api;
+/// Null, which is logged, when there is nothing to be called.
+const RknnApi* FindRuntime(const Npu& npu) {
+  const RknnLibrary& library = npu.library != nullptr ? *npu.library : RknnLibrary::Board();
+  const std::string problem = library.Problem();
+  if (problem.empty()) return library.Api();
+  VLOG_ERROR(kTag, "{}", problem);
+  return nullptr;
 }
 
-int QueryCounts(const RknnApi& api, NpuContext& context) {
+int QueryCounts(LoadedNetwork& network) {
   TensorCounts counts;
-  const int code = api.query(context.handle, RknnQuery::kInOutNum, &counts, sizeof counts);
-  context.input_count = counts.inputs;
-  context.output_count = counts.outputs;
+  const int code = network.api.query(network.handle, RknnQuery::kInOutNum, &counts, sizeof counts);
+  network.input_count = counts.inputs;
+  network.output_count = counts.outputs;
   return code;
 }
 
-int QueryAttributes(const RknnApi& api, RknnHandle handle, RknnQuery query, uint32_t count,
+int QueryAttributes(const LoadedNetwork& network, RknnQuery query, uint32_t count,
                     std::vector<TensorAttributes>& attributes) {
   attributes.assign(count, {});
   for (uint32_t i = 0; i < count; ++i) {
     attributes[i].index = i;
-    const int code = api.query(handle, query, &attributes[i], sizeof attributes[i]);
+    const int code = network.api.query(network.handle, query, &attributes[i], sizeof attributes[i]);
     if (code != kRknnSuccess) return code;
   }
   return kRknnSuccess;
@@ -51,9 +55,16 @@ bool Queried(int code) {
   return code == kRknnSuccess;
 }
 
-bool CountsAreServed(const NpuContext& context) {
-  return context.input_count == 1 && context.output_count >= 1 &&
-         context.output_count <= kMaxTensors;
+/// Only for people: a runtime that does not tell is none the worse.
+void QueryVersions(LoadedNetwork& network) {
+  RuntimeVersions versions;
+  if (network.api.query(network.handle, RknnQuery::kVersions, &versions, sizeof versions) == 0)
+    network.versions = versions;
+}
+
+bool CountsAreServed(const LoadedNetwork& network) {
+  return network.input_count == 1 && network.output_count >= 1 &&
+         network.output_count <= kMaxTensors;
 }
 
 bool IsQuantised(const TensorAttributes& output) {
@@ -61,102 +72,79 @@ bool IsQuantised(const TensorAttributes& output) {
          output.type == TensorType::kInt8;
 }
 
-void TakeInputShape(NpuContext& context) {
-  const TensorAttributes& input = context.inputs[0];
+void TakeInputShape(LoadedNetwork& network) {
+  const TensorAttributes& input = network.inputs[0];
   const bool nchw = input.format == TensorFormat::kNchw;
   const auto side = [&](size_t of_nchw, size_t of_nhwc) {
     const uint32_t value = input.dims[nchw ? of_nchw : of_nhwc];
     return value <= kMaxSide ? static_cast<int32_t>(value) : 0;
   };
-  context.channel = side(1, 3);
-  context.height = side(2, 1);
-  context.width = side(3, 2);
+  network.channel = side(1, 3);
+  network.height = side(2, 1);
+  network.width = side(3, 2);
 }
 
-/// Pictures are RGB.
-bool InputIsServed(const NpuContext& context) {
-  const TensorAttributes& input = context.inputs[0];
-  return input.dim_count == 4 && input.dims[0] == 1 && context.channel == 3 && context.width > 0 &&
-         context.height > 0;
-}
-
-bool HasShape(const TensorAttributes& tensor) {
-  if (tensor.dim_count == 0 || tensor.dim_count > kMaxTensorDims) return false;
-  uint64_t elements = 1;
-  for (uint32_t i = 0; i < tensor.dim_count; ++i) {
-    if (tensor.dims[i] == 0 || tensor.dims[i] > kMaxElements / elements) return false;
-    elements *= tensor.dims[i];
-  }
-  return true;
-}
-
-bool OutputsHaveShapes(const NpuContext& context) {
-  for (const TensorAttributes& output : context.outputs) {
-    if (!HasShape(output)) return false;
-  }
-  return true;
-}
-
-/// Why the network cannot be run; null when it can.
-const char* Refusal(const NpuContext& context) {
-  if (context.is_quant) return "it is quantised, only float networks are served";
-  if (!InputIsServed(context)) return "its input is not one RGB picture";
-  if (!OutputsHaveShapes(context)) return "an output has no shape";
-  return nullptr;
-}
-
-bool Refuse(const std::string& path, const char* reason) {
-  PrintMessage("network %s refused: %s\n", path.c_str(), reason);
+bool Refuse(const std::string& path, const std::string& reason) {
+  VLOG_ERROR(kTag, "network {} refused: {}", path, reason);
   return false;
 }
 
 /// Reads everything that is to be known of the loaded network.
-bool Describe(const RknnApi& api, const std::string& path, NpuContext& context) {
-  if (!Queried(QueryCounts(api, context))) return false;
-  if (!CountsAreServed(context)) return Refuse(path, "its numbers of inputs and outputs");
-  if (!Queried(QueryAttributes(api, context.handle, RknnQuery::kInputAttr, context.input_count,
-                               context.inputs)) ||
-      !Queried(QueryAttributes(api, context.handle, RknnQuery::kOutputAttr, context.output_count,
-                               context.outputs))) {
+bool Describe(const std::string& path, LoadedNetwork& network) {
+  if (!Queried(QueryCounts(network))) return false;
+  if (!CountsAreServed(network)) {
+    return Refuse(path, fmt::format("{} inputs and {} outputs are not served", network.input_count,
+                                    network.output_count));
+  }
+  if (!Queried(
+          QueryAttributes(network, RknnQuery::kInputAttr, network.input_count, network.inputs)) ||
+      !Queried(QueryAttributes(network, RknnQuery::kOutputAttr, network.output_count,
+                               network.outputs))) {
     return false;
   }
-  context.is_quant = IsQuantised(context.outputs[0]);
-  TakeInputShape(context);
-  const char* refusal = Refusal(context);
-  return refusal == nullptr || Refuse(path, refusal);
+  QueryVersions(network);
+  network.is_quant = IsQuantised(network.outputs[0]);
+  TakeInputShape(network);
+  const std::string refusal = Refusal(network);
+  return refusal.empty() || Refuse(path, refusal);
 }
+
+/// What the NPU's thread needs to load a network, and what comes of it.
+struct Loading {
+  const std::string path;
+  const RknnApi api;
+  const NetworkUse use;
+  std::shared_ptr<LoadedNetwork> network{};  ///< null after a failure
+
+  void Load() {
+    auto loaded = std::make_shared<LoadedNetwork>(api, use);
+    std::string model = path;  // the runtime asks for a pointer that it could write to
+    const int code = api.init(&loaded->handle, model.data(), 0, 0, nullptr);
+    RestorePriority();
+    if (code != kRknnSuccess) {
+      PrintMessage("rknn_init fail! ret=%d\n", code);
+      loaded->handle = 0;
+      return;
+    }
+    if (Describe(path, *loaded)) network = std::move(loaded);
+  }
+};
 
 }  // namespace
 
-NpuContext::~NpuContext() {
-  release_yolo11_model(*this);
-}
-
-int init_yolo11_model(const std::string& path, NpuContext& context) {
+int init_yolo11_model(const std::string& path, const NetworkUse& use, NpuContext& context) {
   release_yolo11_model(context);
-  const RknnApi* api = FindRuntime(context);
+  const RknnApi* api = FindRuntime(context.npu);
   if (api == nullptr) return -1;
-  std::string model = path;  // the runtime asks for a pointer that it could write to
-  const int code = api->init(&context.handle, model.data(), 0, 0, nullptr);
-  RestorePriority();
-  if (code != kRknnSuccess) {
-    PrintMessage("rknn_init fail! ret=%d\n", code);
-    context.handle = 0;
-    return -1;
-  }
-  if (Describe(*api, path, context)) return 0;
-  release_yolo11_model(context);
-  return -1;
+  NpuThread& thread = context.npu.thread;
+  const OnNpu<Loading> loading(thread, std::make_shared<Loading>(Loading{path, *api, use}));
+  if (!thread.Do([job = loading.Share()] { job->Load(); })) return -1;
+  context.network.Reset(std::move(loading->network));
+  return context.network ? 0 : -1;
 }
 
 int release_yolo11_model(NpuContext& context) {
-  context.inputs = {};
-  context.outputs = {};
-  context.input_count = 0;
-  context.output_count = 0;
-  context.is_quant = false;
-  if (context.handle != 0) context.library->Api()->destroy(context.handle);
-  context.handle = 0;
+  context.network.Reset();
   return 0;
 }
 

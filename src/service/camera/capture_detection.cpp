@@ -70,23 +70,6 @@ bool FitLabelObjects(const json& params) {
   });
 }
 
-/// A place among those that run or wait. More could hardly be served before they give up.
-class Place {
- public:
-  explicit Place(std::atomic<int>& present)
-      : present_(present), there_(++present <= kMostPresent) {}
-  ~Place() { --present_; }
-  Place(const Place&) = delete;
-  Place& operator=(const Place&) = delete;
-  explicit operator bool() const { return there_; }
-
- private:
-  static constexpr int kMostPresent = 2;
-
-  std::atomic<int>& present_;
-  const bool there_;
-};
-
 }  // namespace
 
 bool AreDetectionParams(const json& params) {
@@ -114,11 +97,6 @@ json CaptureDetection::Detect(const json& params) {
     return Failure(kNoAnalyserMessage, kNoAnalyser);
   }
   if (!AreDetectionParams(params)) return InvalidCameraParams(kMethod);
-  const Place place(present_);
-  if (!place) {
-    VLOG_WARN(kTag, "A detection runs and another waits");
-    return Failure(kTakePhotoFailed);
-  }
   const hal_adapter::PhotoTurn::Holder turn(turn_, kMaxWait);
   if (!turn) VLOG_WARN(kTag, "Earlier detections are still running after 10s");
   if (!turn || !take_photo_(picture_)) return Failure(kTakePhotoFailed);

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -13,8 +12,8 @@
 namespace varnel::service {
 
 /// "camera.detect_capture": a photo, and what the analyser says about it. Callable from any thread:
-/// requests are served one after another, since they share the photo's file and the analyser. While
-/// one runs and another waits, further ones fail at once.
+/// requests are served one after another, since they share the photo's file and the analyser; one
+/// that waits longer than 10 s fails.
 class CaptureDetection {
  public:
   /// Whether the photo is in the file.
@@ -33,8 +32,7 @@ class CaptureDetection {
   const TakePhoto take_photo_;
   PrintAnalyser* const analyser_;
   const std::string picture_;
-  std::atomic<int> present_ = 0;  // requests that run or wait
-  hal_adapter::PhotoTurn turn_;   // over the picture's file and the analyser
+  hal_adapter::PhotoTurn turn_;  // over the picture's file and the analyser
 };
 
 /// Whether the types are right: "labels" a list of texts, "detect_status" a text, "z_position" a

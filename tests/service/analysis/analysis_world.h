@@ -74,6 +74,7 @@ class AnalysisWorld {
     setup.has_space = has_space_;
     setup.library = &library_;
     setup.config = config;
+    setup.clock = clock_;
     analysis_ = std::make_unique<PrinterAnalysis>(setup);
   }
 
@@ -118,6 +119,7 @@ class AnalysisWorld {
   test::LogCapture log_;
   test::TempDir dir_;
   ResultPictures::SpaceCheck has_space_;
+  utils::Clock* clock_ = nullptr;
   const RknnLibrary library_{{kNpuStandIn}};
   std::unique_ptr<PrinterAnalysis> analysis_;
   AnalysisResult result_;

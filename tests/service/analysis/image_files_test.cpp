@@ -94,10 +94,13 @@ TEST(ReadImage, SaysWhyAFileIsRefused) {
   const std::tuple<const char*, std::string, std::string> files[] = {
       {"empty.jpg", "", empty},
       {"text.jpg", "this is no picture at all", failed},
-      {"cut_header.jpg", GoodJpeg().substr(0, 100), failed},
+      {"cut_header.jpg", GoodJpeg().substr(0, 180), failed},
       {"cmyk.jpg", Jpeg(TJPF_CMYK, TJSAMP_444, 0), "error : CMYK pictures are not supported\n"},
       {"large.jpg", ResizedJpeg(8001, 8000), "error : a picture of 8001x8000 is too large\n"},
       {"bomb.jpg", ScanBomb(), failed},
+      {"little.jpg", GoodJpeg().substr(0, GoodJpeg().size() * 3 / 8),
+       "warning : errorStr:Premature end of JPEG file, errorCode:0\n"
+       "error : more than half of the picture is missing\n"},
       {"broken.jpg", WarningThenFailure(), failed},
       {"empty.data", "", "fread " + (directory / "empty.data").string() + " fail!\n"},
       {"picture.bmp", "BM", (directory / "picture.bmp").string() + ": not a picture's name\n"}};
@@ -107,6 +110,8 @@ TEST(ReadImage, SaysWhyAFileIsRefused) {
     EXPECT_LT(ReadQuietly(directory.Write(name, bytes), image, printed), 0) << name;
     EXPECT_THAT(printed, StartsWith(message)) << name;
     EXPECT_EQ(printed.back(), '\n') << name;
+    EXPECT_EQ(ReadQuietly(directory.Write("good.jpg", GoodJpeg()), image, printed), 0)
+        << "after " << name;
   }
   EXPECT_LT(ReadQuietly(directory / "missing.jpg", image, printed), 0);
   EXPECT_EQ(printed, "open input file failure\n");

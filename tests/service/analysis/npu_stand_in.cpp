@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #define VARNEL_EXPORTED extern "C" __attribute__((visibility("default")))
 
@@ -66,6 +67,10 @@ VARNEL_EXPORTED int rknn_query(RknnHandle handle, RknnQuery query, void* answer,
   const ScriptedNetwork* network = Find(handle);
   if (const int fault = Fault("rknn_query"); fault != 0) return fault;
   if (network == nullptr) return kRknnContextInvalid;
+  if (query == RknnQuery::kVersions && size == sizeof(RuntimeVersions)) {
+    *static_cast<RuntimeVersions*>(answer) = {{"2.3.2 (scripted)"}, {"0.9.6"}};
+    return kRknnSuccess;
+  }
   if (query == RknnQuery::kInOutNum && size == sizeof network->counts) {
     std::memcpy(answer, &network->counts, size);
     return kRknnSuccess;
@@ -81,6 +86,7 @@ VARNEL_EXPORTED int rknn_query(RknnHandle handle, RknnQuery query, void* answer,
 
 VARNEL_EXPORTED int rknn_inputs_set(RknnHandle handle, uint32_t count, RknnInput* inputs) {
   if (const int fault = Fault("rknn_inputs_set"); fault != 0) return fault;
+  if (Script().dead.contains(handle)) return kRknnContextInvalid;
   if (Find(handle) == nullptr || count != 1) return kRknnInputInvalid;
   Script().input = *inputs;
   const auto* bytes = static_cast<const uint8_t*>(inputs->buffer);
@@ -89,7 +95,14 @@ VARNEL_EXPORTED int rknn_inputs_set(RknnHandle handle, uint32_t count, RknnInput
 }
 
 VARNEL_EXPORTED int rknn_run(RknnHandle handle, void* extension) {
-  if (const int fault = Fault("rknn_run"); fault != 0) return fault;
+  if (const auto gate = std::exchange(Script().gate, nullptr)) {
+    gate->reached.set_value();
+    gate->open.get_future().wait();
+  }
+  if (const int fault = Fault("rknn_run"); fault != 0) {
+    Script().dead.insert(handle);
+    return fault;
+  }
   if (Find(handle) == nullptr || extension != nullptr) return kRknnContextInvalid;
   ++Script().runs;
   return kRknnSuccess;

@@ -4,7 +4,9 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <future>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -30,6 +32,7 @@ struct ScriptedNetwork {
       tensor.dims[tensor.dim_count++] = dim;
       elements *= dim;
     }
+    tensor.element_count = static_cast<uint32_t>(elements);
     outputs.push_back(tensor);
     values.emplace_back(elements, 0.0F);
     counts.outputs = static_cast<uint32_t>(outputs.size());
@@ -86,10 +89,17 @@ struct NpuScript {
   };
 
   std::map<std::string, ScriptedNetwork> networks;  ///< by file name; other files fail with -6
-  std::map<std::string, Failure> failures;          ///< by function
+  std::map<std::string, Failure> failures;          ///< by function; a failing run ends its network
+  /// Holds the next run back until it is opened.
+  struct Gate {
+    std::promise<void> reached;
+    std::promise<void> open;
+  };
+  std::shared_ptr<Gate> gate;
   bool raise_priority = false;
 
   std::map<RknnHandle, ScriptedNetwork> loaded;
+  std::set<RknnHandle> dead;  ///< serve nothing but their end
   size_t highest_loaded = 0;
   std::map<RknnHandle, std::string> files;    ///< of `loaded`
   std::set<std::set<std::string>> companies;  ///< every set of `files` that was loaded together

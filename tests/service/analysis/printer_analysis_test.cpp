@@ -6,9 +6,12 @@
 
 #include <cstring>
 #include <random>
+#include <thread>
 
 #include "service/analysis/analysis_world.h"
 #include "service/analysis/jpeg_files.h"
+#include "support/eventually.h"
+#include "support/fake_clock.h"
 
 namespace varnel::service {
 namespace {
@@ -106,6 +109,7 @@ TEST_F(PrinterAnalysisTest, KindAndBrightnessOfAPictureDecideItsCode) {
       {"grey", Jpeg(TJPF_GRAY, TJSAMP_GRAY, 0), 0},
       {"progressive", ProgressiveJpeg(), 0},
       {"truncated", GoodJpeg().substr(0, GoodJpeg().size() * 3 / 4), 0},
+      {"mostly missing", GoodJpeg().substr(0, GoodJpeg().size() * 3 / 8), -5},
       {"cmyk", Jpeg(TJPF_CMYK, TJSAMP_444, 0), -5},
       {"more than 64 million pixels", ResizedJpeg(8001, 8000), -5},
   };
@@ -134,6 +138,48 @@ TEST_F(PrinterAnalysisTest, ANetworkThatCannotBeLoadedIsTriedAgain) {
   dir_.Write("model/print_check.fp.rknn", "");
   DetectNoodles("");
   EXPECT_EQ(result_.code, 0);
+  EXPECT_THAT(log_.Text(),
+              testing::HasSubstr(" ms: input 640x640x3, outputs 1x64x80x80 1x1x80x80 1x64x40x40 "
+                                 "1x1x40x40 1x64x20x20 1x1x20x20, runtime 2.3.2 (scripted), driver "
+                                 "0.9.6\n"));
+}
+
+TEST_F(PrinterAnalysisTest, AnNpuThatDoesNotAnswerHoldsNobodyUp) {
+  test::FakeClock clock;
+  clock_ = &clock;
+  const auto threads = [] {
+    return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
+  };
+  const auto threads_before = threads();
+  for (const bool destroyed : {false, true}) {
+    Boot();
+    const auto gate = TheNpuScript().gate = std::make_shared<NpuScript::Gate>();
+    std::jthread request([&] { DetectNoodles(""); });
+    gate->reached.get_future().wait();
+    clock.AwaitWaiters(1);
+    clock.Advance(NpuThread::kPatience);
+    request.join();
+    EXPECT_EQ(result_.code, -4);
+    const int inits = TheNpuScript().inits;
+    DetectNoodles("first");
+    EXPECT_EQ(result_.code, -4) << "at once, since no time passes";
+    DetectItems("");
+    EXPECT_EQ(result_.code, -4);
+    EXPECT_EQ(TheNpuScript().inits, inits) << "no other call reaches a runtime that hangs";
+    if (destroyed) analysis_.reset();
+    gate->open.set_value();
+    ASSERT_TRUE(test::Eventually(
+        [&] { return log_.Count("ANALYSIS", "The NPU answers again") == (destroyed ? 2U : 1U); }));
+    EXPECT_THAT(TheNpuScript().loaded, IsEmpty());
+    if (destroyed) continue;
+    DetectNoodles("");
+    EXPECT_EQ(result_.code, 0);
+  }
+  EXPECT_TRUE(test::Eventually([&] { return threads() == threads_before; }));
+  EXPECT_EQ(
+      log_.Count("ANALYSIS", "The NPU has not answered for 60 s, detections fail until it does"),
+      2U);
+  EXPECT_THAT(Files("org"), SizeIs(7)) << "the photos are kept";
 }
 
 TEST_F(PrinterAnalysisTest, AnUnusableModelLeavesTheOthers) {
@@ -198,7 +244,7 @@ TEST_F(PrinterAnalysisTest, NoodlesAreVerifiedAndCountedOverThePrint) {
   EXPECT_TRUE(
       log_.Has("ANALYSIS", "detect status: status:  z: 0 name: noodle_algorithm his size: 3"));
   EXPECT_THAT(Files("crop"), SizeIs(6)) << "of the two pictures that failed";
-  EXPECT_THAT(Files("crop"), testing::Contains("printer_detect4.val_fail.jpg"));
+  EXPECT_THAT(Files("crop"), testing::Contains("printer_detect2.2.val_fail.jpg"));
 }
 
 TEST_F(PrinterAnalysisTest, WhatTheVerifyingNetworkCannotTellCounts) {
@@ -212,7 +258,7 @@ TEST_F(PrinterAnalysisTest, WhatTheVerifyingNetworkCannotTellCounts) {
       {"rknn_run", "", "", "verify model noodle_verify failed ret=-2"},
       {"rknn_outputs_get", "", "", "verify model noodle_verify failed ret=-2"},
       {"", "\"cls_label_idx\": 1", "\"cls_label_idx\": 2",
-       "verify model noodle_verify has 2 values, none with index 2"},
+       "cannot load verify_model for verify_noodle"},
       {"", "\"cls_label_idx\": 1", "\"cls_label_idx\": -1",
        "verify model noodle_verify has 2 values, none with index -1"},
       {"", "verify_noodle", "verify_other", "cannot find verify_model for verify_noodle"},
@@ -316,10 +362,10 @@ TEST_F(PrinterAnalysisTest, PicturesAreKeptForPeople) {
   NoodlesAre({{}});
   DetectNoodles("first");
   EXPECT_THAT(Files("crop"), ElementsAre("printer_detect2.first.jpg"));
-  EXPECT_THAT(Files("positive/org"), ElementsAre("printer_detect3.org.jpg"));
-  EXPECT_THAT(Files("positive/det"), ElementsAre("printer_detect3.det.jpg"));
-  const std::string annotated = test::ReadFile(dir_ / "results/det/printer_detect3.det.jpg");
-  EXPECT_EQ(test::ReadFile(dir_ / "results/positive/det/printer_detect3.det.jpg"), annotated);
+  EXPECT_THAT(Files("positive/org"), ElementsAre("printer_detect2.org.jpg"));
+  EXPECT_THAT(Files("positive/det"), ElementsAre("printer_detect2.det.jpg"));
+  const std::string annotated = test::ReadFile(dir_ / "results/det/printer_detect2.det.jpg");
+  EXPECT_EQ(test::ReadFile(dir_ / "results/positive/det/printer_detect2.det.jpg"), annotated);
   EXPECT_NE(annotated, test::ReadFile(source));
   EXPECT_TRUE(log_.Has("ANALYSIS", "noodle @ (204 204 284 284) flag: 0 0.900"));
   VerifierSays(0);
@@ -327,8 +373,14 @@ TEST_F(PrinterAnalysisTest, PicturesAreKeptForPeople) {
   EXPECT_THAT(Files("crop"), SizeIs(2));
   EXPECT_THAT(Files("positive/org"), SizeIs(1)) << "a rejected find is none";
   Boot();
+  const std::string broken = "no picture" + std::string(ResultPictures::kMaxUnreadable, '.');
+  EXPECT_EQ(Code(dir_.Write("broken.jpg", broken), kNoodle), -5);
+  EXPECT_EQ(test::ReadFile(dir_ / "results/org/printer_detect4.org.jpg"),
+            broken.substr(0, ResultPictures::kMaxUnreadable));
+  EXPECT_EQ(Code(dir_ / "missing.jpg", kNoodle), -5);
   DetectNoodles("");
-  EXPECT_THAT(Files("org"), testing::Contains("printer_detect7.org.jpg")) << "numbers go on";
+  EXPECT_THAT(Files("org"), SizeIs(5)) << "numbers go on, and nothing was kept of a missing one";
+  EXPECT_THAT(Files("org"), testing::Contains("printer_detect5.org.jpg"));
 }
 
 TEST_F(PrinterAnalysisTest, PictureLimitsHold) {
@@ -340,9 +392,9 @@ TEST_F(PrinterAnalysisTest, PictureLimitsHold) {
   for (int i = 0; i < 4; ++i) DetectNoodles("");
   for (const char* directory : {"org", "det", "positive/org", "positive/det"})
     EXPECT_THAT(Files(directory), SizeIs(2)) << directory;
-  EXPECT_THAT(Files("crop"), ElementsAre("printer_detect1.jpg", "printer_detect3.jpg"))
+  EXPECT_THAT(Files("crop"), ElementsAre("printer_detect1.jpg", "printer_detect2.jpg"))
       << "crops stop instead";
-  EXPECT_THAT(Files("org"), ElementsAre("printer_detect5.org.jpg", "printer_detect6.org.jpg"));
+  EXPECT_THAT(Files("org"), ElementsAre("printer_detect3.org.jpg", "printer_detect4.org.jpg"));
 }
 
 TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutResultDirectories) {
@@ -406,8 +458,8 @@ TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutRoomForTheirPictures) {
   }
   EXPECT_EQ(result_.data["noodle"]["obj_cnts"], 2);
   for (const char* name :
-       {"crop/printer_detect1.jpg", "org/printer_detect2.org.jpg", "det/printer_detect2.det.jpg",
-        "positive/org/printer_detect2.org.jpg", "positive/det/printer_detect2.det.jpg"}) {
+       {"crop/printer_detect1.jpg", "org/printer_detect1.org.jpg", "det/printer_detect1.det.jpg",
+        "positive/org/printer_detect1.org.jpg", "positive/det/printer_detect1.det.jpg"}) {
     EXPECT_TRUE(log_.Has("ANALYSIS", "save " + (dir_ / "results" / name).string() + " failed"))
         << name;
   }

@@ -39,8 +39,10 @@ struct TrueBox {
 };
 
 DetectionList FindIn(const Scene& scene, const char* network, size_t classes) {
-  NpuContext context(VirtualNpu());
-  EXPECT_EQ(init_yolo11_model(NetworkFile(network), context), 0);
+  NpuThread thread;
+  NpuContext context({thread, &VirtualNpu()});
+  EXPECT_EQ(init_yolo11_model(NetworkFile(network), {NetworkKind::kDetecting, classes}, context),
+            0);
   board::Image image = DrawScene(scene);
   DetectionList found;
   const std::vector<float> thresholds(classes, 0.83F);
@@ -89,8 +91,11 @@ TEST(VirtualNpuTest, FindsObjectsOfAllSizesWhereTheyAre) {
 }
 
 TEST(VirtualNpuTest, TellsNoodlesFromWhatLooksLikeThem) {
-  NpuContext context(VirtualNpu());
-  ASSERT_EQ(init_yolo11_model(NetworkFile("noodle_verify.fp.rknn"), context), 0);
+  NpuThread thread;
+  NpuContext context({thread, &VirtualNpu()});
+  ASSERT_EQ(init_yolo11_model(NetworkFile("noodle_verify.fp.rknn"), {NetworkKind::kClassifying, 2},
+                              context),
+            0);
   const std::pair<const char*, bool> crops[] = {
       {"noodle", true}, {"lookalike", false}, {"item", false}};
   for (const auto& [name, passes] : crops) {
@@ -104,10 +109,11 @@ TEST(VirtualNpuTest, TellsNoodlesFromWhatLooksLikeThem) {
 }
 
 TEST(VirtualNpuTest, RefusesWhatIsNoFloatNetwork) {
-  NpuContext context(VirtualNpu());
+  NpuThread thread;
+  NpuContext context({thread, &VirtualNpu()});
   for (const std::string& file : {std::string(VARNEL_VIRTUAL_NPU), std::string("/nonexistent"),
                                   NetworkFile("quantised.rknn")}) {
-    EXPECT_EQ(init_yolo11_model(file, context), -1) << file;
+    EXPECT_EQ(init_yolo11_model(file, {NetworkKind::kDetecting, 1}, context), -1) << file;
   }
 }
 

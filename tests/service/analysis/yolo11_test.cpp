@@ -10,6 +10,8 @@
 
 #include "service/analysis/npu_stand_in.h"
 #include "service/analysis/rknn_library.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
 
 namespace varnel::service {
 namespace {
@@ -37,9 +39,9 @@ class Yolo11Test : public testing::Test {
     EXPECT_EQ(script_.wrong_calls, 0);
   }
 
-  int Load() {
+  int Load(const NetworkUse& use = {NetworkKind::kDetecting, 2}) {
     script_.networks["test.fp.rknn"] = network_;
-    return Printing([&] { return init_yolo11_model(kNetwork, context_); });
+    return Printing([&] { return init_yolo11_model(kNetwork, use, context_); });
   }
   int Find() {
     found_.count = 99;
@@ -56,7 +58,9 @@ class Yolo11Test : public testing::Test {
 
   NpuScript& script_ = TheNpuScript();
   const RknnLibrary library_{{kNpuStandIn}};
-  NpuContext context_{library_};
+  const test::LogCapture log_;
+  NpuThread thread_;
+  NpuContext context_{{thread_, &library_}};
   ScriptedNetwork network_;
   std::vector<uint8_t> pixels_ = std::vector<uint8_t>(size_t{128} * 64 * 3, 200);
   ImageBuffer picture_;
@@ -92,19 +96,19 @@ TEST_F(Yolo11Test, ReadsTheShapeOfBothLayoutsAndServesAThirdOutputPerBranch) {
   network_.inputs[0].dims = {1, 3, 32, 96};
   for (const uint32_t stride : {8U, 16U, 32U}) {
     network_.AddOutput({1, 16, 32 / stride, 96 / stride});
-    network_.AddOutput({1, 3, 32 / stride, 96 / stride});  // one class more than asked for
+    network_.AddOutput({1, 2, 32 / stride, 96 / stride});
     network_.AddOutput({1, 1, 32 / stride, 96 / stride});
   }
   ASSERT_EQ(Load(), 0);
-  EXPECT_EQ(context_.width, 96);
-  EXPECT_EQ(context_.height, 32);
-  EXPECT_EQ(context_.channel, 3);
+  EXPECT_EQ(context_.network->width, 96);
+  EXPECT_EQ(context_.network->height, 32);
+  EXPECT_EQ(context_.network->channel, 3);
   EXPECT_EQ(Find(), 0);
   EXPECT_EQ(found_.count, 0);
   // Another network takes its place.
   network_ = ScriptedNetwork::Detecting(64, 64, 2);
   ASSERT_EQ(Load(), 0);
-  EXPECT_EQ(context_.width, 64);
+  EXPECT_EQ(context_.network->width, 64);
   EXPECT_EQ(script_.highest_loaded, 1U);
 }
 
@@ -121,24 +125,25 @@ TEST_F(Yolo11Test, EveryFailureOfTheRuntimeWhileLoadingLeavesNothingLoaded) {
     EXPECT_EQ(Find(), -1);
   }
   script_.failures.clear();
-  EXPECT_EQ(Printing([&] { return init_yolo11_model("/model/other", context_); }), -1);
+  EXPECT_EQ(Printing([&] { return init_yolo11_model("/model/other", {}, context_); }), -1);
   EXPECT_EQ(printed_, "rknn_init fail! ret=-6\n");
   EXPECT_EQ(Load(), 0);
 }
 
 TEST_F(Yolo11Test, EveryFailureOfTheRuntimeWhileRunningIsToldAndSurvived) {
   network_.Place(0, 4, 2, 1, 0.75F, {1, 1, 2, 1});
-  ASSERT_EQ(Load(), 0);
   const std::pair<const char*, const char*> failures[] = {
       {"rknn_inputs_set", "rknn_input_set fail! ret=-8\n"},
       {"rknn_run", "rknn_run fail! ret=-8\n"},
       {"rknn_outputs_get", "rknn_outputs_get fail! ret=-8\n"}};
   for (const auto& [function, message] : failures) {
+    ASSERT_EQ(Load(), 0);
     script_.failures[function] = {-8, 0};
     EXPECT_EQ(Find(), -8);
     EXPECT_EQ(found_.count, 0);
     EXPECT_THAT(printed_, EndsWith(message));
     script_.failures[function] = {7, 0};  // whatever it is, it is no success
+    ASSERT_EQ(Load(), 0);
     EXPECT_EQ(Find(), -1);
     script_.failures.clear();
   }
@@ -149,7 +154,7 @@ TEST_F(Yolo11Test, EveryFailureOfTheRuntimeWhileRunningIsToldAndSurvived) {
   EXPECT_THAT(printed_, HasSubstr("convert_image_with_letterbox fail! ret="));
   script_.failures["rknn_destroy"] = {-1, 0};
   EXPECT_EQ(release_yolo11_model(context_), 0);
-  EXPECT_EQ(context_.handle, 0U);
+  EXPECT_FALSE(context_.network);
 }
 
 TEST_F(Yolo11Test, NetworksThatCannotBeServedAreRefusedAtLoad) {
@@ -158,6 +163,22 @@ TEST_F(Yolo11Test, NetworksThatCannotBeServedAreRefusedAtLoad) {
       [](auto& n) { n.counts.inputs = 2; },
       [](auto& n) { n.counts.outputs = 0; },
       [](auto& n) { n.counts.outputs = UINT32_MAX; },
+      [](auto& n) { n.counts.outputs = 3; },
+      [](auto& n) {
+        n.AddOutput({1, 4, 8, 8});
+      },
+      [](auto& n) { n.outputs[2].dim_count = 3; },
+      [](auto& n) { n.outputs[2].dims[0] = 2; },
+      [](auto& n) { n.outputs[2].dims[1] = 3; },
+      [](auto& n) { n.outputs[3].dims[1] = 1; },
+      [](auto& n) { n = ScriptedNetwork::Detecting(64, 64, 3); },
+      [](auto& n) {
+        n = ScriptedNetwork::Classifying(64, 64, {0, 1});
+      },
+      [](auto& n) { n.outputs[3].dims[2] = 5; },
+      [](auto& n) { n.outputs[4].dims[2] = n.outputs[5].dims[2] = 65; },
+      [](auto& n) { n.outputs[5].format = TensorFormat::kNhwc; },
+      [](auto& n) { --n.outputs[5].element_count; },
       [](auto& n) { n.inputs[0].dim_count = 3; },
       [](auto& n) {
         n.inputs[0].dims = {1, 64, 64, 1};
@@ -183,31 +204,22 @@ TEST_F(Yolo11Test, NetworksThatCannotBeServedAreRefusedAtLoad) {
     network_ = good;
     change(network_);
     EXPECT_EQ(Load(), -1) << (&change - changes);
-    EXPECT_THAT(printed_, HasSubstr("network /model/test.fp.rknn refused: "));
+    EXPECT_EQ(log_.Lines().size(), static_cast<size_t>(&change - changes + 1));
+    EXPECT_THAT(log_.Lines().back(), HasSubstr("] network /model/test.fp.rknn refused: "));
     EXPECT_TRUE(script_.loaded.empty());
   }
+  network_ = ScriptedNetwork::Classifying(64, 64, {1});
+  EXPECT_EQ(Load({NetworkKind::kClassifying, 2}), -1);
+  EXPECT_THAT(log_.Text(), EndsWith("refused: it has 1 values, at least 2 are needed\n"));
   network_ = good;
   network_.outputs[0].type = TensorType::kInt8;
   network_.outputs[0].quantisation = TensorQuantisation::kAffineAsymmetric;
   EXPECT_EQ(Load(), -1);
-  EXPECT_EQ(printed_,
-            "network /model/test.fp.rknn refused: it is quantised, only float networks are "
-            "served\n");
+  EXPECT_THAT(log_.Text(), EndsWith("refused: it is quantised, only float networks are served\n"));
 }
 
 TEST_F(Yolo11Test, OutputsThatDoNotFitTheirAttributesAreAnErrorAndReleased) {
   const std::function<void(ScriptedNetwork&)> changes[] = {
-      [](auto& n) {
-        n.AddOutput({1, 4, 8, 8});
-      },
-      [](auto& n) { n.counts.outputs = 3; },
-      [](auto& n) { n.outputs[2].dim_count = 3; },
-      [](auto& n) { n.outputs[2].dims[0] = 2; },
-      [](auto& n) { n.outputs[2].dims[1] = 3; },
-      [](auto& n) { n.outputs[3].dims[1] = 1; },
-      [](auto& n) { n.outputs[3].dims[2] = 5; },
-      [](auto& n) { n.outputs[2].dims[2] = n.outputs[3].dims[2] = 65; },
-      [](auto& n) { n.outputs[5].format = TensorFormat::kNhwc; },
       [](auto& n) { n.values[0].clear(); },
       [](auto& n) { n.values[4].pop_back(); },
       [](auto& n) { n.values[5].resize(1); },
@@ -225,30 +237,51 @@ TEST_F(Yolo11Test, OutputsThatDoNotFitTheirAttributesAreAnErrorAndReleased) {
 }
 
 TEST_F(Yolo11Test, AClassifierGivesAllItsValues) {
+  const NetworkUse use = {NetworkKind::kClassifying, 2};
   network_ = ScriptedNetwork::Classifying(64, 64, {0.25F, 0.75F});
-  ASSERT_EQ(Load(), 0);
+  ASSERT_EQ(Load(use), 0);
   std::vector<float> values(5);
   EXPECT_EQ(inference_classifier(context_, picture_, values), 0);
   EXPECT_THAT(values, ElementsAre(0.25F, 0.75F));
   EXPECT_EQ(Find(), -1);  // it finds no boxes
   network_.values[0].pop_back();
-  ASSERT_EQ(Load(), 0);
+  ASSERT_EQ(Load(use), 0);
   EXPECT_EQ(Printing([&] { return inference_classifier(context_, picture_, values); }), -1);
   EXPECT_TRUE(values.empty());
 }
 
 TEST_F(Yolo11Test, ABoardWithoutARuntimeSaysSo) {
   const RknnLibrary none({"librknnrt-none.so", "libm.so.6"});
-  NpuContext context(none);
-  EXPECT_EQ(Printing([&] { return init_yolo11_model(kNetwork, context); }), -1);
-  EXPECT_THAT(printed_, HasSubstr("no NPU runtime: librknnrt-none.so: cannot open"));
-  EXPECT_THAT(printed_, HasSubstr("undefined symbol: rknn_init"));
+  NpuContext context({thread_, &none});
+  EXPECT_EQ(init_yolo11_model(kNetwork, {}, context), -1);
+  EXPECT_THAT(log_.Text(), HasSubstr("no NPU runtime: librknnrt-none.so: cannot open"));
+  EXPECT_THAT(log_.Text(), HasSubstr("undefined symbol: rknn_init"));
   const RknnLibrary second({"librknnrt-none.so", kNpuStandIn});
   EXPECT_NE(second.Api(), nullptr);
 }
 
+TEST_F(Yolo11Test, TheRuntimeIsNotCalledBeforeADriverIsThere) {
+  const test::TempDir sys;
+  const RknnLibrary library({kNpuStandIn}, NpuDriver{sys / "debug", sys / "drm", sys / "node"});
+  NpuContext context({thread_, &library});
+  script_.networks["test.fp.rknn"] = network_;
+  const auto load = [&] { return init_yolo11_model(kNetwork, {{}, 2}, context); };
+  sys.Write("drm/renderD128/device/uevent", "DRIVER=panfrost\n");
+  sys.Write("drm/card1/device/uevent", "DRIVER=RKNPU\n");
+  EXPECT_EQ(load(), -1);
+  EXPECT_EQ(log_.Lines().size(), 1U);
+  EXPECT_THAT(log_.Text(), HasSubstr("] no NPU driver: none of " + (sys / "debug").string()));
+  EXPECT_EQ(script_.inits, 0);
+  for (const char* place : {"debug/driver_version", "drm/renderD129/device/uevent", "node"}) {
+    sys.Write(place, "MAJOR=226\nDRIVER=RKNPU\n");
+    EXPECT_EQ(load(), 0) << place;
+    std::filesystem::remove_all(sys / std::filesystem::path(place).begin()->string());
+  }
+}
+
 /// In a group of its own, because the whole group is touched.
-int LoadBesideAnotherProgram(const std::function<int()>& load) {
+int LoadBesideAnotherProgram(const std::function<int()>& load,
+                             const std::function<int()>& restored_priority) {
   ::setpgid(0, 0);
   const pid_t other = ::fork();
   if (other == 0) {
@@ -258,7 +291,7 @@ int LoadBesideAnotherProgram(const std::function<int()>& load) {
   ::setpgid(other, other);
   ::setpriority(PRIO_PROCESS, static_cast<id_t>(other), 5);
   const bool loaded = load() == 0;
-  const bool restored = ::getpriority(PRIO_PROCESS, 0) == 0;
+  const bool restored = restored_priority() == 0;
   const bool other_kept = ::getpriority(PRIO_PROCESS, static_cast<id_t>(other)) == 5;
   ::kill(other, SIGKILL);
   ::waitpid(other, nullptr, 0);
@@ -268,7 +301,11 @@ int LoadBesideAnotherProgram(const std::function<int()>& load) {
 TEST_F(Yolo11Test, LoadingLeavesThePriorityOfTheProcessAndOfOtherProgramsAsItWas) {
   script_.raise_priority = true;  // succeeds for root only, as it does in the daemon
   const pid_t child = ::fork();
-  if (child == 0) ::_exit(LoadBesideAnotherProgram([&] { return Load(); }));
+  int priority = -1;
+  const auto of_the_thread = [&] {
+    return thread_.Do([&] { priority = ::getpriority(PRIO_PROCESS, 0); }) ? priority : -1;
+  };
+  if (child == 0) ::_exit(LoadBesideAnotherProgram([&] { return Load(); }, of_the_thread));
   int status = -1;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
