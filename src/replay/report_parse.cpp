@@ -1,7 +1,9 @@
 #include "replay/report_parse.h"
 
+#include <cerrno>
 #include <fstream>
 #include <stdexcept>
+#include <system_error>
 
 namespace varnel::replay {
 namespace {
@@ -47,6 +49,7 @@ Sweep ParseSweep(const Json& json, const std::vector<std::string>& classes) {
 Json ReadReport(const std::filesystem::path& file,
                 const std::function<void(const Json&)>& picture) {
   std::ifstream in(file, std::ios::binary);
+  if (!in) throw std::system_error(errno, std::generic_category(), file.string());
   std::string member;
   const auto take = [&](int depth, Json::parse_event_t event, const Json& parsed) {
     if (depth == kMembers && event == Json::parse_event_t::key) member = parsed.get<std::string>();

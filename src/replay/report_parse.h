@@ -11,7 +11,8 @@ namespace varnel::replay {
 
 /// Reads a report.json, picture by picture, so that one of any size needs little memory.
 /// @param picture gets each element of "pictures"
-/// @return the other members. Throws std::runtime_error when the file is no whole report.
+/// @return the other members. Throws std::runtime_error when the file cannot be read or is no
+/// whole report.
 [[nodiscard]] nlohmann::ordered_json ReadReport(
     const std::filesystem::path& file,
     const std::function<void(const nlohmann::ordered_json&)>& picture);

@@ -137,7 +137,7 @@ std::string TotalsText(const Totals& totals, const std::vector<std::string>& cla
 
 std::string SkippedText(const nlohmann::ordered_json& skipped) {
   if (skipped.at("count") == 0) return {};
-  std::string text = fmt::format("{} other files skipped\n", skipped.at("count").get<int64_t>());
+  std::string text = fmt::format("Skipped: {}\n", skipped.at("count").get<int64_t>());
   for (const auto& [reason, count] : skipped.at("reasons").items())
     text += fmt::format("  {}: {}\n", reason, count.get<int64_t>());
   return text;

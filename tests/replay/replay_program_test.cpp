@@ -223,6 +223,7 @@ TEST_F(ReplayPrintsTest, MergedShardsAreOneRun) {
 
   EXPECT_THAT(Merge({"1", "3"}).standard_error, HasSubstr("shard 2 of 3 is missing"));
   EXPECT_THAT(Merge({"1", "2", "2", "3"}).standard_error, HasSubstr("2 of 3 is there twice"));
+  EXPECT_THAT(Merge({"1", "nothing"}).standard_error, HasSubstr("nothing/report.json: No such"));
   EXPECT_THAT(Merge({"1", "out"}).standard_error, HasSubstr("no report of a shard"));
   EXPECT_THAT(MergeWith("2", "/networks/0/sha256", "0"), HasSubstr("other networks"));
   EXPECT_THAT(MergeWith("3", "/picture_list/sha256", "0"), HasSubstr("another list of pictures"));
