@@ -59,6 +59,7 @@ void Evaluation::AddDecision(const std::vector<Truth>& truths, const std::vector
 void Evaluation::AddVerification(const std::vector<Truth>& truths, const std::vector<Find>& finds) {
   if (!scoring_.verify_sweep) return;
   std::vector<std::optional<float>> values;
+  values.reserve(finds.size());
   for (const Find& find : finds) values.push_back(find.verified);
   const auto all = PredictionsOf(finds, [](const Find&) { return true; });
   scoring_.verify_sweep->AddByValue(truths, all, values);

@@ -138,6 +138,7 @@ std::vector<std::string> PictureJudge::Networks() const {
   if (!options_.algorithm->verifier.empty())
     wanted.push_back(json::array({options_.algorithm->verifier}));
   std::vector<std::string> files;
+  files.reserve(wanted.size());
   for (const json& labels : wanted)
     files.push_back(analysis_->Models().Find(labels)->Config().value("fname", std::string()));
   return files;
