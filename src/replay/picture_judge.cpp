@@ -169,7 +169,7 @@ Judgement PictureJudge::Judge(const Turn& turn) {
 
 /// The analysis knows endings in small and in capital letters. Of any other it sees a link.
 fs::path PictureJudge::PathOf(const std::string& picture) const {
-  const fs::path path = fs::absolute(options_.folder / picture);
+  fs::path path = fs::absolute(options_.folder / picture);
   const std::string ending = path.extension().string();
   const auto is_small = [](unsigned char c) { return std::islower(c) != 0; };
   const auto small = std::count_if(ending.begin(), ending.end(), is_small);
