@@ -4,8 +4,10 @@
 #include <map>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "replay/algorithm.h"
+#include "replay/turn.h"
 
 namespace varnel::replay {
 
@@ -18,6 +20,11 @@ struct Options {
   std::filesystem::path out = "replay-report";
   const Algorithm* algorithm = FindAlgorithm("noodle");
   std::map<std::string, double> thresholds;  ///< by label
+  bool prints = false;                       ///< each folder below `folder` is a print
+  bool independent = false;                  ///< each picture is a print of its own
+  Shard shard;
+  bool merge = false;
+  std::vector<std::filesystem::path> shards;  ///< to be merged: where their reports went
 };
 
 struct CommandLine {

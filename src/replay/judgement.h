@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -9,11 +10,30 @@
 
 namespace varnel::replay {
 
+/// Why a find carries a flag.
+enum class Reason : uint8_t {
+  kNone,         ///< it carries none
+  kOnlyShown,    ///< its label is answered with zeros, what it shows belongs there
+  kRejected,     ///< by the verifying network
+  kTooSmall,     ///< or too thin
+  kBehindBed,    ///< at the top of the picture
+  kThereBefore,  ///< the reference picture explains it
+};
+
+/// For people and report.json; null without a reason.
+[[nodiscard]] const char* ReasonText(Reason reason);
+
 /// A find with what the algorithm made of it.
 struct Find {
   Prediction prediction;
-  uint32_t flag = 0;    ///< service::DetectionFlag bits
-  bool stands = false;  ///< neither rejected nor explained: the algorithm says that it is there
+  uint32_t flag = 0;  ///< service::DetectionFlag bits
+  Reason reason = Reason::kNone;
+  std::optional<float> verified = std::nullopt;  ///< the verifying network's value
+
+  /// Neither rejected nor explained: the algorithm says that it is there.
+  [[nodiscard]] bool Stands() const {
+    return reason == Reason::kNone || reason == Reason::kOnlyShown;
+  }
 };
 
 /// What the analysis said about one picture.

@@ -3,7 +3,9 @@
 #include <span>
 
 #include "replay/command_line.h"
+#include "replay/complaint.h"
 #include "replay/interruption.h"
+#include "replay/merge.h"
 #include "replay/replay.h"
 
 namespace {
@@ -12,10 +14,11 @@ constexpr int kIncomplete = 1;
 constexpr int kWrongCall = 2;
 
 int Run(const varnel::replay::Options& options) {
+  if (options.merge) return varnel::replay::Merge(options) ? 0 : kIncomplete;
   std::string error;
   std::optional<varnel::replay::Input> input = varnel::replay::ReadInput(options, error);
   if (!input) {
-    std::fprintf(stderr, "varnel-replay: %s\n", error.c_str());
+    varnel::replay::Complain(error);
     return kIncomplete;
   }
   varnel::replay::CatchInterruption();
@@ -33,7 +36,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "varnel-replay: %s\n\n%s", line.error.c_str(), varnel::replay::kUsage);
     return kWrongCall;
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "varnel-replay: %s\n", e.what());
+    varnel::replay::Complain(e.what());
     return kIncomplete;
   }
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <system_error>
@@ -7,8 +8,23 @@
 
 namespace varnel::replay {
 
-/// The names of the JPEG files in a folder, sorted; an error leaves the list empty.
-[[nodiscard]] std::vector<std::string> ListPictures(const std::filesystem::path& folder,
-                                                    std::error_code& error);
+struct SkippedFile {
+  std::string name;
+  std::string reason;
+};
+
+/// What lies in a folder, sorted by name.
+struct PictureList {
+  std::vector<std::string> pictures;
+  uint64_t bytes = 0;  ///< of all pictures
+  std::string sha256;  ///< of a line "<bytes> <name>\n" for each picture
+  std::vector<SkippedFile> skipped;
+};
+
+/// Lists the JPEG files of a folder; an error leaves nothing.
+/// @param prints the pictures are in the folders below it, a print in each, and named
+/// "folder/picture"
+[[nodiscard]] PictureList ListPictures(const std::filesystem::path& folder, bool prints,
+                                       std::error_code& error);
 
 }  // namespace varnel::replay

@@ -1,5 +1,8 @@
 #include "replay/picture_judge.h"
 
+#include <algorithm>
+#include <cctype>
+
 #include "replay/sweep.h"
 #include "service/analysis/rknn_library.h"
 #include "utils/clock.h"
@@ -10,10 +13,12 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 
-/// The product's networks and decisions. Only the pictures that are kept are others: the annotated
+/// The product's networks and decisions. The pictures that are kept are others: the annotated
 /// one of each input, to be taken away at once.
-std::string Configuration() {
+std::string Configuration(const Options& options) {
   json config = json::parse(service::kBuiltInModelConfig);
+  // Each print would load the network again, and here each picture is one.
+  if (options.independent) config["enable_model_unload"] = false;
   for (json& model : config["models"]) {
     model["max_detect_pic_cnt"] = model.contains("cls_label_idx") ? 0 : 1;
     model["save_orignal_pic"] = 0;
@@ -22,10 +27,11 @@ std::string Configuration() {
   return config.dump();
 }
 
-std::unique_ptr<service::PrinterAnalysis> NewAnalysis(const fs::path& models,
+std::unique_ptr<service::PrinterAnalysis> NewAnalysis(const Options& options,
+                                                      const fs::path& models,
                                                       const fs::path& results,
                                                       const service::RknnLibrary& library) {
-  const std::string config = Configuration();
+  const std::string config = Configuration(options);
   service::AnalysisSetup setup;
   setup.models = models;
   setup.results = results;
@@ -42,9 +48,24 @@ Prediction PredictionOf(const service::Detection& result) {
            static_cast<double>(box.right), static_cast<double>(box.bottom)}};
 }
 
-Find FindOf(const service::Detection& result) {
-  constexpr uint32_t kRejected = service::kDetectionIgnored | service::kDetectionOutsideBed;
-  return {PredictionOf(result), result.flag, (result.flag & kRejected) == 0};
+/// The verifying network and the sizes have a flag in common; no algorithm uses both.
+Reason ReasonOf(const service::Detection& result, bool known, bool verified) {
+  if (known) return Reason::kThereBefore;
+  if ((result.flag & service::kDetectionIgnored) != 0)
+    return verified ? Reason::kRejected : Reason::kTooSmall;
+  if ((result.flag & service::kDetectionOutsideBed) != 0) return Reason::kBehindBed;
+  return result.flag == 0 ? Reason::kNone : Reason::kOnlyShown;
+}
+
+std::vector<Find> FindsOf(const service::LatestDetection& latest) {
+  std::vector<Find> finds;
+  for (size_t i = 0; i < Results(latest.found).size(); ++i) {
+    const service::Detection& result = latest.found.results[i];
+    const std::optional<float>& verified = latest.verified[i];
+    finds.push_back({PredictionOf(result), result.flag,
+                     ReasonOf(result, latest.known[i], verified.has_value()), verified});
+  }
+  return finds;
 }
 
 double MillisecondsSince(utils::Clock::TimePoint start) {
@@ -63,7 +84,7 @@ PictureJudge::PictureJudge(const Options& options, const fs::path& annotated,
       observer_{Sweep::Threshold(0),
                 [this](const service::DetectionList& found) { candidates_ = found; }},
       models_(options.models.empty() ? service::AnalysisSetup().models : options.models),
-      analysis_(NewAnalysis(models_, results_.Path(), library)) {
+      analysis_(NewAnalysis(options, models_, results_.Path(), library)) {
   if (options_.labels.empty()) return;
   service::Model* model = analysis_->Models().Find(json(options_.algorithm->labels));
   if (model != nullptr) model->Observe(&observer_);
@@ -102,6 +123,27 @@ std::map<std::string, float> PictureJudge::Thresholds() const {
   return thresholds;
 }
 
+std::map<std::string, float> PictureJudge::VerifyThresholds() const {
+  std::map<std::string, float> thresholds;
+  if (options_.algorithm->verifier.empty()) return thresholds;
+  const service::Model* model =
+      analysis_->Models().Find(json::array({options_.algorithm->verifier}));
+  for (const std::string& label : options_.algorithm->labels)
+    thresholds[label] = model->Config().value("cls_conf_threshold", 0.0F);
+  return thresholds;
+}
+
+std::vector<std::string> PictureJudge::Networks() const {
+  std::vector<json> wanted = {options_.algorithm->labels};
+  if (!options_.algorithm->verifier.empty())
+    wanted.push_back(json::array({options_.algorithm->verifier}));
+  std::vector<std::string> files;
+  files.reserve(wanted.size());
+  for (const json& labels : wanted)
+    files.push_back(analysis_->Models().Find(labels)->Config().value("fname", std::string()));
+  return files;
+}
+
 json PictureJudge::Request(const std::string& status) const {
   json request = {{"labels", options_.algorithm->labels}, {"detect_status", status}};
   for (const auto& [label, threshold] : options_.thresholds)
@@ -109,27 +151,40 @@ json PictureJudge::Request(const std::string& status) const {
   return request;
 }
 
-Judgement PictureJudge::Judge(const std::string& picture, const std::string& status) {
+Judgement PictureJudge::Judge(const Turn& turn) {
   Judgement judgement;
-  judgement.picture = picture;
-  judgement.status = status;
+  judgement.picture = turn.picture;
+  judgement.status = turn.status;
   candidates_ = {};
   const auto start = utils::SystemClock::Instance().Now();
   const service::AnalysisResult result =
-      analysis_->DetectPicture((options_.folder / picture).string(), Request(status));
+      analysis_->DetectPicture(PathOf(turn.picture).string(), Request(turn.status));
   judgement.milliseconds = MillisecondsSince(start);
   judgement.code = result.code;
   judgement.message = result.Message();
   if (result.code == service::kAnalysisSuccess) Fill(result, judgement);
-  judgement.annotated = KeepAnnotated(picture);
+  judgement.annotated = KeepAnnotated(turn.picture);
   return judgement;
+}
+
+/// The analysis knows endings in small and in capital letters. Of any other it sees a link.
+fs::path PictureJudge::PathOf(const std::string& picture) const {
+  fs::path path = fs::absolute(options_.folder / picture);
+  const std::string ending = path.extension().string();
+  const auto is_small = [](unsigned char c) { return std::islower(c) != 0; };
+  const auto small = std::count_if(ending.begin(), ending.end(), is_small);
+  if (small == 0 || small + 1 == static_cast<std::ptrdiff_t>(ending.size())) return path;
+  const fs::path link = results_.Path() / "picture.jpg";
+  std::error_code error;
+  fs::remove(link, error);
+  fs::create_symlink(path, link, error);
+  return error ? path : link;
 }
 
 void PictureJudge::Fill(const service::AnalysisResult& result, Judgement& judgement) {
   judgement.statistics = result.data;
   judgement.statistics.erase("err_code");
-  for (const service::Detection& found : Results(analysis_->Latest().found))
-    judgement.finds.push_back(FindOf(found));
+  judgement.finds = FindsOf(analysis_->Latest());
   for (const service::Detection& found : Results(candidates_))
     judgement.candidates.push_back(PredictionOf(found));
   judgement.candidates_full = candidates_.count == service::kMaxDetections;
@@ -140,6 +195,7 @@ bool PictureJudge::KeepAnnotated(const std::string& picture) const {
   const fs::path target = annotated_ / picture;
   std::error_code error;
   fs::remove(target, error);
+  fs::create_directories(target.parent_path(), error);
   const fs::directory_iterator made(results_.Path() / "det", error);
   if (error || made == fs::directory_iterator()) return false;
   fs::rename(made->path(), target, error);

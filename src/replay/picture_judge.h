@@ -29,17 +29,26 @@ class PictureJudge {
 
   /// Why no picture could be judged; empty when the networks can be used.
   [[nodiscard]] std::string Problem() const;
+  [[nodiscard]] const std::vector<std::string>& Classes() const {
+    return options_.algorithm->labels;
+  }
   /// Where the networks are.
   [[nodiscard]] const std::filesystem::path& Models() const { return models_; }
+  // Below: only without a problem.
   /// The threshold of each class in use.
   [[nodiscard]] std::map<std::string, float> Thresholds() const;
 
-  /// @param status "first", "last" or anything else
-  [[nodiscard]] Judgement Judge(const std::string& picture, const std::string& status);
+  /// From which value of the verifying network on a find of each class passes; empty without one.
+  [[nodiscard]] std::map<std::string, float> VerifyThresholds() const;
+  /// The files of the networks in use, first the one that detects.
+  [[nodiscard]] std::vector<std::string> Networks() const;
+
+  [[nodiscard]] Judgement Judge(const Turn& turn);
 
  private:
   [[nodiscard]] std::string ProblemWith(const nlohmann::json& labels) const;
   [[nodiscard]] nlohmann::json Request(const std::string& status) const;
+  [[nodiscard]] std::filesystem::path PathOf(const std::string& picture) const;
   void Fill(const service::AnalysisResult& result, Judgement& judgement);
   [[nodiscard]] bool KeepAnnotated(const std::string& picture) const;
 

@@ -2,20 +2,18 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <fstream>
+#include <sstream>
 
+#include "replay/complaint.h"
 #include "replay/diverted_output.h"
 #include "replay/evaluation.h"
 #include "replay/interruption.h"
-#include "replay/picture_folder.h"
 #include "replay/picture_judge.h"
 #include "replay/progress.h"
-#include "replay/report_file.h"
+#include "replay/provenance.h"
+#include "replay/report.h"
 #include "replay/report_json.h"
-#include "replay/report_text.h"
-#include "replay/sweep_plot.h"
 #include "replay/totals.h"
 #include "service/analysis/rknn_library.h"
 #include "utils/logger.h"
@@ -24,14 +22,9 @@ namespace varnel::replay {
 namespace {
 
 namespace fs = std::filesystem;
-using Json = nlohmann::ordered_json;
 
 constexpr size_t kLogMegabytes = 10;
 constexpr size_t kLogFiles = 2;
-
-void Complain(const std::string& text) {
-  std::fputs(("varnel-replay: " + text + "\n").c_str(), stderr);
-}
 
 /// Never unloaded: the runtime may have threads of its own when the process ends.
 const service::RknnLibrary& Runtime(const fs::path& file) {
@@ -40,148 +33,89 @@ const service::RknnLibrary& Runtime(const fs::path& file) {
   return library;
 }
 
-std::string StatusOf(size_t index, size_t count) {
-  if (index == 0) return "first";
-  return index + 1 == count ? "last" : "";
+/// In one go: labels may come through a pipe.
+void ReadLabelsFile(const fs::path& file, Input& input, std::string& error) {
+  std::string text;
+  input.labels_digest = DigestOf(file, [&text](std::string_view piece) { text += piece; });
+  std::istringstream lines(std::move(text));
+  input.labels = ReadLabels(lines, error);
+  if (!input.labels) error = file.string() + ": " + error;
 }
 
-std::optional<Labels> ReadLabelsFile(const fs::path& file, std::string& error) {
-  std::ifstream lines(file);
-  std::optional<Labels> labels;
-  if (lines) {
-    labels = ReadLabels(lines, error);
-  } else {
-    error = std::generic_category().message(errno);
-  }
-  if (!labels) error = file.string() + ": " + error;
-  return labels;
+/// What is labelled in the pictures that other shards judge is none of this one's business.
+void KeepOwn(const std::vector<std::string>& pictures, const std::vector<Turn>& own,
+             Labels& labels) {
+  Labels kept;
+  for (const Turn& turn : own)
+    if (auto node = labels.extract(turn.picture)) kept.insert(std::move(node));
+  for (const std::string& picture : pictures) labels.erase(picture);
+  labels.merge(kept);
 }
 
-/// One replay on its way.
-class Run {
- public:
-  Run(const Options& options, Input input, PictureJudge& judge, std::FILE* out)
-      : options_(options),
-        out_(out),
-        classes_(options.algorithm->labels),
-        pictures_(std::move(input.pictures)),
-        judge_(judge),
-        report_(options.out / "report.json", Head()),
-        totals_(classes_.size()) {
-    if (input.labels) evaluation_.emplace(classes_, std::move(*input.labels));
+bool JudgeAll(const std::vector<Turn>& turns, PictureJudge& judge, Report& report, Totals& totals,
+              std::optional<Evaluation>& evaluation) {
+  Progress progress(stderr, ::isatty(STDERR_FILENO) == 1, turns.size());
+  for (const Turn& turn : turns) {
+    if (Interrupted()) return false;
+    const Judgement judgement = judge.Judge(turn);
+    progress.Add(judgement);
+    totals.Add(judgement);
+    if (evaluation) evaluation->Add(judgement);
+    report.AddPicture(PictureJson(judgement, judge.Classes()));
   }
-
-  void JudgeAll() {
-    Progress progress(stderr, ::isatty(STDERR_FILENO) == 1, pictures_.size());
-    for (size_t i = 0; i < pictures_.size() && !Interrupted(); ++i) {
-      const Judgement judgement = judge_.Judge(pictures_[i], StatusOf(i, pictures_.size()));
-      progress.Add(judgement);
-      totals_.Add(judgement);
-      if (evaluation_) evaluation_->Add(judgement);
-      report_.AddPicture(PictureJson(judgement, classes_));
-    }
-  }
-
-  /// Whether there is nothing to complain about.
-  bool Finish() {
-    std::fputs(TotalsText(totals_, classes_).c_str(), out_);
-    if (evaluation_) std::fputs(EvaluationText(*evaluation_).c_str(), out_);
-    bool good = Written(options_.out / "report.json", report_.Finish(Tail()));
-    if (evaluation_) {
-      const fs::path plot = options_.out / "sweep.svg";
-      good &= Written(
-          plot, utils::WriteFileAtomically(
-                    plot, SweepPlot(evaluation_->NetworkSweep(), classes_, judge_.Thresholds())));
-    }
-    return good & IsComplete() & (std::fflush(out_) == 0);
-  }
-
- private:
-  [[nodiscard]] Json Head() const {
-    return {{"algorithm", options_.algorithm->name},
-            {"folder", options_.folder.string()},
-            {"models", judge_.Models().string()},
-            {"thresholds", ThresholdsJson(judge_.Thresholds())}};
-  }
-
-  [[nodiscard]] Json Tail() const {
-    Json tail = {{"interrupted", Interrupted()}, {"totals", TotalsJson(totals_, classes_)}};
-    if (!evaluation_) return tail;
-    tail["network"] = ScoresJson(*evaluation_, evaluation_->Network());
-    tail["decision"] = ScoresJson(*evaluation_, evaluation_->Decision());
-    tail["sweep"] = SweepJson(*evaluation_);
-    tail["labelled_but_not_judged"] = evaluation_->Unseen();
-    tail["labels_of_no_class"] = evaluation_->OtherLabels();
-    return tail;
-  }
-
-  bool Written(const fs::path& file, const std::error_code& error) const {
-    if (error) {
-      Complain(file.string() + ": " + error.message());
-    } else {
-      std::fprintf(out_, "%s\n", file.c_str());
-    }
-    return !error;
-  }
-
-  [[nodiscard]] bool IsComplete() const {
-    if (totals_.NotAnnotated() > 0)
-      Complain(std::to_string(totals_.NotAnnotated()) + " annotated pictures cannot be written");
-    const auto seen = static_cast<size_t>(totals_.Judged() + totals_.Failed());
-    if (seen < pictures_.size()) Complain("interrupted");
-    return totals_.NotAnnotated() == 0 && static_cast<size_t>(totals_.Judged()) == pictures_.size();
-  }
-
-  const Options& options_;
-  std::FILE* const out_;
-  const std::vector<std::string>& classes_;
-  const std::vector<std::string> pictures_;
-  PictureJudge& judge_;
-  ReportFile report_;
-  Totals totals_;
-  std::optional<Evaluation> evaluation_;
-};
+  return true;
+}
 
 }  // namespace
 
 std::optional<Input> ReadInput(const Options& options, std::string& error) {
   Input input;
   std::error_code failure;
-  input.pictures = ListPictures(options.folder, failure);
+  input.list = ListPictures(options.folder, options.prints, failure);
   if (failure) {
     error = options.folder.string() + ": " + failure.message();
     return std::nullopt;
   }
-  if (input.pictures.empty()) {
-    error = options.folder.string() + ": no picture (.jpg, .jpeg) in it";
+  if (input.list.pictures.empty()) {
+    error = options.folder.string() + ": no picture (.jpg, .jpeg) in " +
+            (options.prints ? "the folders below it" : "it");
     return std::nullopt;
   }
+  input.turns = TurnsOf(options.shard, TurnsOf(input.list.pictures, options.independent));
   if (options.labels.empty()) return input;
-  input.labels = ReadLabelsFile(options.labels, error);
+  ReadLabelsFile(options.labels, input, error);
   if (!input.labels) return std::nullopt;
+  KeepOwn(input.list.pictures, input.turns, *input.labels);
   return input;
 }
 
 bool Replay(const Options& options, Input input) {
   const fs::path annotated = options.out / "annotated";
   fs::create_directories(annotated);
-  if (fs::equivalent(annotated, options.folder)) {
-    Complain("annotated pictures would replace those of the folder");
+  if (fs::equivalent(annotated, options.folder) ||
+      (options.prints && fs::equivalent(options.out, options.folder))) {
+    Complain("annotated pictures would replace those of the folder, or be among them");
     return false;
   }
-  // What lies there afterwards is of this replay.
-  for (const char* name : {"report.json", "sweep.svg"}) fs::remove(options.out / name);
+  RemoveReport(options.out);
   const utils::Logger logger("varnel-replay", (options.out / "replay.log").string(), kLogMegabytes,
                              kLogFiles);
   const DivertedOutput output(options.out / "messages.log");
-  PictureJudge judge(options, annotated, Runtime(options.runtime));
+  const service::RknnLibrary& library = Runtime(options.runtime);
+  PictureJudge judge(options, annotated, library);
   if (const std::string problem = judge.Problem(); !problem.empty()) {
     Complain(problem);
     return false;
   }
-  Run run(options, std::move(input), judge, output.ForPeople());
-  run.JudgeAll();
-  return run.Finish();
+  Report report(*options.algorithm, options.out, HeadJson(options, input, judge, library),
+                output.ForPeople());
+  Totals totals(options.algorithm->labels.size());
+  std::optional<Evaluation> evaluation;
+  if (input.labels) evaluation.emplace(*options.algorithm, std::move(*input.labels));
+  const bool whole = JudgeAll(input.turns, judge, report, totals, evaluation);
+  std::optional<Scoring> scoring;
+  if (evaluation) scoring = evaluation->Result();
+  return report.Finish(totals, scoring, !whole);
 }
 
 }  // namespace varnel::replay

@@ -5,17 +5,21 @@
 #include <vector>
 
 #include "replay/command_line.h"
+#include "replay/file_digest.h"
 #include "replay/labels.h"
+#include "replay/picture_folder.h"
 
 namespace varnel::replay {
 
 /// What a replay works on, read before anything is written.
 struct Input {
-  std::vector<std::string> pictures;
-  std::optional<Labels> labels;  ///< nothing when none were asked for
+  PictureList list;         ///< the whole folder
+  std::vector<Turn> turns;  ///< what is judged of it
+  FileDigest labels_digest;
+  std::optional<Labels> labels;  ///< without those of other shards; nothing when not asked for
 };
 
-/// @param error for the user
+/// @param error for the user. Throws std::system_error when the labels cannot be read.
 [[nodiscard]] std::optional<Input> ReadInput(const Options& options, std::string& error);
 
 /// Judges all pictures and writes everything to options.out. The outcome goes to standard output,

@@ -21,10 +21,13 @@ Json ThresholdJson(float threshold) {
 
 Json FindJson(const Find& find, const std::vector<std::string>& classes) {
   const Box& box = find.prediction.box;
+  const char* reason = ReasonText(find.reason);
   return {{"label", classes.at(find.prediction.cls)},
           {"box", {box.left, box.top, box.right, box.bottom}},
           {"probability", Rounded(static_cast<double>(find.prediction.probability))},
-          {"flag", find.flag}};
+          {"flag", find.flag},
+          {"reason", reason != nullptr ? Json(reason) : Json()},
+          {"verified", find.verified ? Value(static_cast<double>(*find.verified)) : Json()}};
 }
 
 Json ConfusionJson(const Confusion& confusion, const std::vector<std::string>& classes) {
@@ -42,6 +45,7 @@ Json ConfusionJson(const Confusion& confusion, const std::vector<std::string>& c
 }
 
 Json SweepOf(const Sweep& sweep, size_t cls) {
+  const Sweep::Counts& counts = sweep.Of(cls);
   Json precision = Json::array();
   Json recall = Json::array();
   for (size_t step = 0; step < Sweep::kSteps; ++step) {
@@ -55,7 +59,32 @@ Json SweepOf(const Sweep& sweep, size_t cls) {
             {"to", ThresholdJson(Sweep::Threshold(range->last))},
             {"f1", Value(sweep.At(cls, range->first).F1())}};
   }
-  return {{"recall", recall}, {"precision", precision}, {"best", best}};
+  return {
+      {"objects", counts.objects}, {"hits", counts.hits},    {"false_alarms", counts.false_alarms},
+      {"recall", recall},          {"precision", precision}, {"best", best}};
+}
+
+Json SweepJson(const Sweep& sweep, const std::vector<std::string>& classes) {
+  Json thresholds = Json::array();
+  for (size_t step = 0; step < Sweep::kSteps; ++step)
+    thresholds.push_back(ThresholdJson(Sweep::Threshold(step)));
+  Json figures = Json::object();
+  for (size_t cls = 0; cls < classes.size(); ++cls) figures[classes[cls]] = SweepOf(sweep, cls);
+  return {{"thresholds", thresholds}, {"classes", figures}};
+}
+
+Json ScoresJson(const Confusion& confusion, const std::vector<std::string>& classes) {
+  Json figures = Json::object();
+  for (size_t cls = 0; cls < classes.size(); ++cls) {
+    const Scores scores = confusion.Of(cls);
+    figures[classes[cls]] = {{"hits", scores.hits},
+                             {"false_alarms", scores.false_alarms},
+                             {"misses", scores.misses},
+                             {"precision", Value(scores.Precision())},
+                             {"recall", Value(scores.Recall())},
+                             {"f1", Value(scores.F1())}};
+  }
+  return {{"classes", figures}, {"confusion", ConfusionJson(confusion, classes)}};
 }
 
 }  // namespace
@@ -79,16 +108,30 @@ Json ThresholdsJson(const std::map<std::string, float>& thresholds) {
   return json;
 }
 
+Json PictureListJson(const PictureList& list) {
+  return {{"pictures", list.pictures.size()}, {"bytes", list.bytes}, {"sha256", list.sha256}};
+}
+
+Json SkippedJson(const std::vector<SkippedFile>& skipped) {
+  std::map<std::string, int64_t> reasons;
+  Json files = Json::array();
+  for (const SkippedFile& file : skipped) {
+    ++reasons[file.reason];
+    files.push_back({{"file", file.name}, {"reason", file.reason}});
+  }
+  return {{"count", skipped.size()}, {"reasons", reasons}, {"files", files}};
+}
+
 Json TotalsJson(const Totals& totals, const std::vector<std::string>& classes) {
   Json labels = Json::object();
   for (size_t i = 0; i < classes.size(); ++i) {
-    labels[classes[i]] = {{"found", totals.Classes()[i].found},
-                          {"stands", totals.Classes()[i].stands}};
+    const Totals::OfClass& cls = totals.classes[i];
+    labels[classes[i]] = {{"found", cls.found}, {"stands", cls.stands}, {"reasons", cls.reasons}};
   }
-  return {{"judged", totals.Judged()},
+  return {{"judged", totals.judged},
           {"not_judged", totals.Failed()},
-          {"reasons", totals.Failures()},
-          {"without_annotated_picture", totals.NotAnnotated()},
+          {"reasons", totals.failures},
+          {"without_annotated_picture", totals.not_annotated},
           {"labels", labels},
           {"milliseconds",
            {{"mean", Rounded(totals.MeanTime(), 10)},
@@ -96,30 +139,18 @@ Json TotalsJson(const Totals& totals, const std::vector<std::string>& classes) {
             {"longest", Rounded(totals.LongestTime(), 10)}}}};
 }
 
-Json ScoresJson(const Evaluation& evaluation, const Confusion& which) {
-  Json classes = Json::object();
-  for (size_t cls = 0; cls < which.Classes(); ++cls) {
-    const Scores scores = which.Of(cls);
-    classes[evaluation.Classes()[cls]] = {{"hits", scores.hits},
-                                          {"false_alarms", scores.false_alarms},
-                                          {"misses", scores.misses},
-                                          {"precision", Value(scores.Precision())},
-                                          {"recall", Value(scores.Recall())},
-                                          {"f1", Value(scores.F1())}};
-  }
-  return {{"classes", classes}, {"confusion", ConfusionJson(which, evaluation.Classes())}};
-}
-
-Json SweepJson(const Evaluation& evaluation) {
-  Json thresholds = Json::array();
-  for (size_t step = 0; step < Sweep::kSteps; ++step)
-    thresholds.push_back(ThresholdJson(Sweep::Threshold(step)));
-  Json classes = Json::object();
-  for (size_t cls = 0; cls < evaluation.Classes().size(); ++cls)
-    classes[evaluation.Classes()[cls]] = SweepOf(evaluation.NetworkSweep(), cls);
-  return {{"thresholds", thresholds},
-          {"classes", classes},
-          {"pictures_with_more_candidates", evaluation.PicturesCut()}};
+Json ScoringJson(const Scoring& scoring) {
+  const auto& classes = scoring.classes;
+  Json json = {{"network", ScoresJson(scoring.network, classes)},
+               {"decision", ScoresJson(scoring.decision, classes)},
+               {"sweep", SweepJson(scoring.sweep, classes)}};
+  for (size_t cls = 0; cls < classes.size(); ++cls)
+    json["decision"]["classes"][classes[cls]]["explained"] = scoring.explained[cls];
+  json["sweep"]["pictures_with_more_candidates"] = scoring.pictures_cut;
+  json["verify_sweep"] = scoring.verify_sweep ? SweepJson(*scoring.verify_sweep, classes) : Json();
+  json["labelled_but_not_judged"] = scoring.unseen;
+  json["labels_of_no_class"] = scoring.other_labels;
+  return json;
 }
 
 }  // namespace varnel::replay

@@ -5,8 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "replay/evaluation.h"
 #include "replay/judgement.h"
+#include "replay/picture_folder.h"
+#include "replay/scoring.h"
 #include "replay/totals.h"
 
 namespace varnel::replay {
@@ -15,11 +16,11 @@ namespace varnel::replay {
 [[nodiscard]] nlohmann::ordered_json PictureJson(const Judgement& judgement,
                                                  const std::vector<std::string>& classes);
 [[nodiscard]] nlohmann::ordered_json ThresholdsJson(const std::map<std::string, float>& thresholds);
+[[nodiscard]] nlohmann::ordered_json PictureListJson(const PictureList& list);
+[[nodiscard]] nlohmann::ordered_json SkippedJson(const std::vector<SkippedFile>& skipped);
 [[nodiscard]] nlohmann::ordered_json TotalsJson(const Totals& totals,
                                                 const std::vector<std::string>& classes);
-/// @param which the network's or the algorithm's confusion of `evaluation`
-[[nodiscard]] nlohmann::ordered_json ScoresJson(const Evaluation& evaluation,
-                                                const Confusion& which);
-[[nodiscard]] nlohmann::ordered_json SweepJson(const Evaluation& evaluation);
+/// The members that tell how the judgements fit the labels.
+[[nodiscard]] nlohmann::ordered_json ScoringJson(const Scoring& scoring);
 
 }  // namespace varnel::replay

@@ -27,17 +27,34 @@ size_t NameWidth(const std::vector<std::string>& classes) {
   return width;
 }
 
-std::string ScoresText(const Confusion& confusion, const std::vector<std::string>& classes) {
+/// @param explained of each class; empty for a table without that column
+std::string ScoresText(const Confusion& confusion, const std::vector<std::string>& classes,
+                       const std::vector<int64_t>& explained) {
   const size_t width = NameWidth(classes);
-  std::string text = fmt::format("  {:{}} {:>8} {:>8} {:>8} {:>9} {:>7} {:>7}\n", "", width, "hits",
-                                 "false", "missed", "precision", "recall", "F1");
+  const auto row = [&](const std::string& name, const auto& hits, const auto& wrong,
+                       const std::string& known, const auto& missed, const std::string& figures) {
+    const std::string column = explained.empty() ? "" : fmt::format(" {:>9}", known);
+    return fmt::format("  {:{}} {:>8} {:>8}{} {:>8} {}\n", name, width, hits, wrong, column, missed,
+                       figures);
+  };
+  std::string text = row("", "hits", "false", "explained", "missed",
+                         fmt::format("{:>9} {:>7} {:>7}", "precision", "recall", "F1"));
   for (size_t cls = 0; cls < classes.size(); ++cls) {
     const Scores scores = confusion.Of(cls);
-    text += fmt::format("  {:{}} {:>8} {:>8} {:>8} {:>9} {:>7} {:>7}\n", classes[cls], width,
-                        scores.hits, scores.false_alarms, scores.misses, Figure(scores.Precision()),
-                        Figure(scores.Recall()), Figure(scores.F1()));
+    text += row(classes[cls], scores.hits, scores.false_alarms,
+                explained.empty() ? "" : std::to_string(explained[cls]), scores.misses,
+                fmt::format("{:>9} {:>7} {:>7}", Figure(scores.Precision()),
+                            Figure(scores.Recall()), Figure(scores.F1())));
   }
   return text;
+}
+
+std::string DecisionText(const Scoring& scoring) {
+  std::string text = "\nWhat the algorithm left of it\n" +
+                     ScoresText(scoring.decision, scoring.classes, scoring.explained);
+  const bool any = std::any_of(scoring.explained.begin(), scoring.explained.end(),
+                               [](int64_t count) { return count > 0; });
+  return any ? text + "  explained: there before the print; neither hits nor missed\n" : text;
 }
 
 std::string ConfusionText(const Confusion& confusion, std::vector<std::string> names) {
@@ -78,20 +95,26 @@ std::string SweepText(const Sweep& sweep, const std::vector<std::string>& classe
   return text;
 }
 
-std::string LeftOutText(const Evaluation& evaluation) {
+std::string VerifySweepText(const Scoring& scoring) {
+  if (!scoring.verify_sweep) return {};
+  return "\nNetwork and verification at other thresholds of the latter: recall/precision\n" +
+         SweepText(*scoring.verify_sweep, scoring.classes);
+}
+
+std::string LeftOutText(const Scoring& scoring) {
   std::string text;
-  for (const auto& [label, count] : evaluation.OtherLabels()) {
+  for (const auto& [label, count] : scoring.other_labels) {
     text += fmt::format("{} objects labelled {} left out: the network has no such class\n", count,
                         utils::LogText(label));
   }
-  const std::vector<std::string> unseen = evaluation.Unseen();
+  const std::set<std::string>& unseen = scoring.unseen;
   if (!unseen.empty()) {
     text += fmt::format("{} labelled pictures were not judged, {} for example\n", unseen.size(),
-                        utils::LogText(unseen.front()));
+                        utils::LogText(*unseen.begin()));
   }
-  if (evaluation.PicturesCut() > 0) {
+  if (scoring.pictures_cut > 0) {
     text += fmt::format("{} pictures have more candidates than are counted at low thresholds\n",
-                        evaluation.PicturesCut());
+                        scoring.pictures_cut);
   }
   return text;
 }
@@ -99,25 +122,33 @@ std::string LeftOutText(const Evaluation& evaluation) {
 }  // namespace
 
 std::string TotalsText(const Totals& totals, const std::vector<std::string>& classes) {
-  std::string text = fmt::format("{} pictures judged, {} not\n", totals.Judged(), totals.Failed());
-  for (const auto& [reason, count] : totals.Failures())
+  std::string text = fmt::format("{} pictures judged, {} not\n", totals.judged, totals.Failed());
+  for (const auto& [reason, count] : totals.failures)
     text += fmt::format("  {}: {}\n", reason, count);
   for (size_t i = 0; i < classes.size(); ++i) {
-    text += fmt::format("  {}: {} found, {} of them stand\n", classes[i], totals.Classes()[i].found,
-                        totals.Classes()[i].stands);
+    const Totals::OfClass& cls = totals.classes[i];
+    text += fmt::format("  {}: {} found, {} of them stand\n", classes[i], cls.found, cls.stands);
+    for (const auto& [reason, count] : cls.reasons)
+      text += fmt::format("    {}: {}\n", reason, count);
   }
   return text + fmt::format("  {:.1f} ms a picture (median {:.1f}, longest {:.1f})\n",
                             totals.MeanTime(), totals.MedianTime(), totals.LongestTime());
 }
 
-std::string EvaluationText(const Evaluation& evaluation) {
-  const auto& classes = evaluation.Classes();
-  return "\nThe network at its thresholds\n" + ScoresText(evaluation.Network(), classes) +
-         "\nLabelled (rows) and found as (columns)\n" +
-         ConfusionText(evaluation.Network(), classes) + "\nWhat the algorithm left of it\n" +
-         ScoresText(evaluation.Decision(), classes) +
-         "\nThe network at other thresholds: recall/precision\n" +
-         SweepText(evaluation.NetworkSweep(), classes) + LeftOutText(evaluation);
+std::string SkippedText(const nlohmann::ordered_json& skipped) {
+  if (skipped.at("count") == 0) return {};
+  std::string text = fmt::format("Skipped: {}\n", skipped.at("count").get<int64_t>());
+  for (const auto& [reason, count] : skipped.at("reasons").items())
+    text += fmt::format("  {}: {}\n", reason, count.get<int64_t>());
+  return text;
+}
+
+std::string ScoringText(const Scoring& scoring) {
+  const auto& classes = scoring.classes;
+  return "\nThe network at its thresholds\n" + ScoresText(scoring.network, classes, {}) +
+         "\nLabelled (rows) and found as (columns)\n" + ConfusionText(scoring.network, classes) +
+         DecisionText(scoring) + "\nThe network at other thresholds: recall/precision\n" +
+         SweepText(scoring.sweep, classes) + VerifySweepText(scoring) + LeftOutText(scoring);
 }
 
 }  // namespace varnel::replay

@@ -40,6 +40,10 @@ void Confusion::Add(std::span<const Truth> truths, std::span<const Prediction> p
   }
 }
 
+void Confusion::Add(const Confusion& other) {
+  for (size_t i = 0; i < counts_.size(); ++i) counts_[i] += other.counts_[i];
+}
+
 Scores Confusion::Of(size_t cls) const {
   Scores scores;
   scores.hits = Count(cls, cls);

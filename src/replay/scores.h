@@ -31,6 +31,10 @@ class Confusion {
   /// One more picture; classes of both lists must be below Classes().
   void Add(std::span<const Truth> truths, std::span<const Prediction> predictions);
 
+  /// The same of other pictures.
+  void Add(const Confusion& other);
+  void Set(size_t truth, size_t found, int64_t count) { At(truth, found) = count; }
+
   [[nodiscard]] size_t Classes() const { return classes_; }
   /// Stands for "nothing there" on both sides.
   [[nodiscard]] size_t Background() const { return classes_; }

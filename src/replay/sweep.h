@@ -26,6 +26,23 @@ class Sweep {
   /// One more picture; classes of both lists must be below that of the constructor.
   void Add(std::span<const Truth> truths, std::span<const Prediction> candidates);
 
+  /// One more picture of a sweep over another value than the probability, which still says who
+  /// chooses first: each step is matched by itself.
+  /// @param values one for each prediction: from this threshold on it counts; nothing: always
+  void AddByValue(std::span<const Truth> truths, std::span<const Prediction> predictions,
+                  std::span<const std::optional<float>> values);
+  /// What a sweep over other pictures counted.
+  void Add(const Sweep& other);
+
+  /// The figures of one class at all steps.
+  struct Counts {
+    std::vector<int64_t> hits = std::vector<int64_t>(kSteps);
+    std::vector<int64_t> false_alarms = std::vector<int64_t>(kSteps);
+    int64_t objects = 0;
+  };
+  [[nodiscard]] const Counts& Of(size_t cls) const { return classes_[cls]; }
+  void Set(size_t cls, Counts counts) { classes_[cls] = std::move(counts); }
+
   [[nodiscard]] Scores At(size_t cls, size_t step) const;
   struct Range {
     size_t first = 0;
@@ -36,11 +53,6 @@ class Sweep {
   [[nodiscard]] std::optional<Range> Best(size_t cls) const;
 
  private:
-  struct Counts {
-    std::vector<int64_t> hits = std::vector<int64_t>(kSteps);
-    std::vector<int64_t> false_alarms = std::vector<int64_t>(kSteps);
-    int64_t objects = 0;
-  };
   std::vector<Counts> classes_;
 };
 

@@ -84,7 +84,7 @@ std::string Text(double x, double y, const char* anchor, const std::string& text
                      x, y, anchor, Escaped(text));
 }
 
-std::string Axes() {
+std::string Axes(const std::string& title) {
   std::string svg;
   for (int tenth = 0; tenth <= 10; tenth += 2) {
     const double value = tenth / 10.0;
@@ -98,7 +98,7 @@ std::string Axes() {
                      "\n",
                      kLeft, kTop, kTop + kHeight, kLeft + kWidth);
   return svg + Text(kLeft + kWidth / 2, kTop + kHeight + 38, "middle", "threshold") +
-         Text(kLeft, kTop - 16, "start", "recall and precision of the network");
+         Text(kLeft, kTop - 16, "start", title);
 }
 
 using Figure = std::optional<double> (Scores::*)() const;
@@ -135,7 +135,8 @@ std::string LegendEntry(size_t row, const std::string& classes, const std::strin
 
 }  // namespace
 
-std::string SweepPlot(const Sweep& sweep, const std::vector<std::string>& classes,
+std::string SweepPlot(const std::string& title, const Sweep& sweep,
+                      const std::vector<std::string>& classes,
                       const std::map<std::string, float>& thresholds) {
   const double width = kLegend + 210;
   const double height =
@@ -144,7 +145,7 @@ std::string SweepPlot(const Sweep& sweep, const std::vector<std::string>& classe
                                 R"({:.0f}" width="{:.0f}" height="{:.0f}">)"
                                 "\n",
                                 width, height, width, height);
-  svg += Style() + R"(<rect class="back" width="100%" height="100%"/>)" + "\n" + Axes();
+  svg += Style() + R"(<rect class="back" width="100%" height="100%"/>)" + "\n" + Axes(title);
   for (size_t cls = 0; cls < classes.size(); ++cls) {
     const std::string line = fmt::format("line c{}", ShadeOf(cls));
     svg += Curve(sweep, cls, &Scores::Recall, line);

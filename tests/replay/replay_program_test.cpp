@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include <nlohmann/json.hpp>
+#include <regex>
 
 #include "service/analysis/image_files.h"
 #include "support/temp_dir.h"
@@ -13,6 +14,8 @@ namespace {
 
 using nlohmann::json;
 using testing::HasSubstr;
+using testing::Pair;
+using testing::UnorderedElementsAre;
 
 using Objects = std::vector<std::pair<std::string, std::array<int, 4>>>;
 
@@ -32,8 +35,10 @@ class ReplayProgramTest : public testing::Test {
     view.height = static_cast<int32_t>(image.height);
     view.virt_addr = image.rgb.data();
     view.size = image.rgb.size();
-    files_.Write("pictures/.keep", "");
-    ASSERT_EQ(service::write_image((files_ / "pictures" / picture).string(), view), 0);
+    const std::filesystem::path file = files_ / "pictures" / picture;
+    std::filesystem::create_directories(file.parent_path());
+    ASSERT_EQ(service::write_image(files_ / "drawn.jpg", view), 0);
+    std::filesystem::rename(files_ / "drawn.jpg", file);
   }
 
   utils::SafeExec::Result Run(const std::vector<std::string>& arguments,
@@ -44,6 +49,24 @@ class ReplayProgramTest : public testing::Test {
     for (const std::string& argument : arguments) program.AddArg(argument);
     program.AddArg(files_ / "pictures").SetTimeout(120000);
     return program.Execute();
+  }
+  /// Into "merged", of these folders.
+  utils::SafeExec::Result Merge(const std::vector<std::string>& shards) {
+    utils::SafeExec program(VARNEL_REPLAY);
+    program.AddArg("--merge").AddArg("--out").AddArg(files_ / "merged");
+    for (const std::string& shard : shards) program.AddArg(files_ / shard);
+    program.SetTimeout(120000);
+    return program.Execute();
+  }
+  /// Changes one value of a shard's report, merges 1, 2 and 3, and changes it back.
+  std::string MergeWith(const std::string& shard, const std::string& member, const json& value) {
+    const std::string whole = test::ReadFile(files_ / (shard + "/report.json"));
+    json report = json::parse(whole);
+    report[json::json_pointer(member)] = value;
+    files_.Write(shard + "/report.json", report.dump());
+    const auto run = Merge({"1", "2", "3"});
+    files_.Write(shard + "/report.json", whole);
+    return run.exit_code == 1 ? run.standard_error : "merged";
   }
   [[nodiscard]] std::string LabelsFile() const { return files_.Write("labels.jsonl", labels_); }
   [[nodiscard]] json Report() const {
@@ -115,6 +138,100 @@ TEST_F(ReplayProgramTest, WhatCannotBeJudgedIsCountedAndTheRestIsJudged) {
   EXPECT_EQ(report["decision"]["classes"]["noodle"]["recall"], 0);
   EXPECT_EQ(report["sweep"], sweep);
   EXPECT_EQ(sweep["classes"]["noodle"]["recall"][9], 1);
+}
+
+/// Two prints: in one a noodle was there before and another comes, in the other all is new.
+class ReplayPrintsTest : public ReplayProgramTest {
+ protected:
+  void SetUp() override {
+    const Objects::value_type old = {"noodle", {300, 300, 540, 540}};
+    const Objects::value_type fresh = {"noodle", {900, 400, 1140, 640}};
+    const Objects::value_type lookalike = {"lookalike", {1200, 700, 1500, 900}};
+    Show("p1/a.jpg", {old});
+    Show("p1/b.JPG", {old, lookalike});
+    Show("p1/c.Jpeg", {old, fresh});
+    Show("p2/a.jpg", {});
+    Show("p2/b.jpg", {fresh});
+    files_.Write("pictures/p2/c.jpg", "no picture");
+    files_.Write("pictures/notes.txt", "");
+  }
+};
+
+TEST_F(ReplayPrintsTest, WhatTheReferenceExplainsIsNotMissed) {
+  const std::string labels = LabelsFile();
+  const auto run = Run({"--prints", "--labels-file", labels});
+  EXPECT_THAT(run.standard_output, HasSubstr("there before the print: 2"));
+  EXPECT_THAT(run.standard_output, HasSubstr("explained: there before the print"));
+  json report = Report();
+  json decision = report["decision"]["classes"]["noodle"];
+  EXPECT_EQ(decision["explained"], 2);
+  EXPECT_EQ(decision["misses"], 0);
+  EXPECT_EQ(decision["recall"], 1);
+  const auto& pictures = report["pictures"];
+  EXPECT_EQ(pictures[3]["detect_status"], "first") << "the second print";
+  std::vector<std::pair<json, bool>> reasons;
+  for (const json& find : pictures[1]["detections"]) {
+    reasons.emplace_back(find["reason"], find["verified"] >= 0.7);
+    EXPECT_EQ(find["flag"], 1);
+  }
+  EXPECT_THAT(reasons,
+              UnorderedElementsAre(Pair(json("there before the print"), true),
+                                   Pair(json("rejected by the verifying network"), false)));
+  const json& sweep = report["verify_sweep"]["classes"]["noodle"];
+  EXPECT_EQ(sweep["hits"][13], 5) << "without the reference";
+  EXPECT_EQ(sweep["false_alarms"][13], 0);
+  EXPECT_THAT(test::ReadFile(files_ / "out/verify_sweep.svg"), HasSubstr("threshold 0.70"));
+
+  EXPECT_EQ(Run({"--prints", "--independent", "--labels-file", labels}).exit_code, 1);
+  report = Report();
+  decision = report["decision"]["classes"]["noodle"];
+  EXPECT_EQ(decision["explained"], 0);
+  EXPECT_EQ(decision["hits"], 5);
+  EXPECT_EQ(report["pictures"][1]["statistics"]["noodle"]["obj_cnts"], 1) << "no history";
+}
+
+/// What may differ between two runs.
+std::string WithoutTimes(const std::string& text) {
+  static const std::regex kTimes(
+      R"re("(date|milliseconds|mean|median|longest)": ?("[^"]*"|[0-9.e+-]+)|.* ms a picture.*)re");
+  return std::regex_replace(text, kTimes, "$1");
+}
+
+TEST_F(ReplayPrintsTest, MergedShardsAreOneRun) {
+  const std::string labels = LabelsFile();
+  const std::vector<std::string> arguments = {"--prints", "--labels-file", labels};
+  const auto one = Run(arguments);
+  for (const char* shard : {"1", "2", "3"}) {
+    auto cut = arguments;
+    cut.insert(cut.end(), {"--out", files_ / shard, "--shard", std::string(shard) + "/3"});
+    EXPECT_EQ(Run(cut).exit_code, *shard == '2' ? 1 : 0) << "a picture of 2 is broken";
+  }
+  const auto merged = Merge({"3", "1", "2"});
+  EXPECT_EQ(merged.exit_code, 1) << merged.standard_error;
+  const auto file = [&](const char* folder, const std::string& name) {
+    return test::ReadFile(files_ / folder / name);
+  };
+  EXPECT_EQ(WithoutTimes(file("merged", "report.json")), WithoutTimes(file("out", "report.json")));
+  for (const char* name : {"sweep.svg", "verify_sweep.svg", "annotated/p1/b.JPG"}) {
+    EXPECT_NE(file("out", name), "") << name;
+    EXPECT_EQ(file("merged", name), file("out", name)) << name;
+  }
+  const auto told = [](const std::string& text) {
+    return WithoutTimes(text.substr(0, text.rfind("best F1")));
+  };
+  EXPECT_EQ(told(merged.standard_output), told(one.standard_output));
+
+  EXPECT_THAT(Merge({"1", "3"}).standard_error, HasSubstr("shard 2 of 3 is missing"));
+  EXPECT_THAT(Merge({"1", "2", "2", "3"}).standard_error, HasSubstr("2 of 3 is there twice"));
+  EXPECT_THAT(Merge({"1", "nothing"}).standard_error, HasSubstr("nothing/report.json: No such"));
+  EXPECT_THAT(Merge({"1", "out"}).standard_error, HasSubstr("no report of a shard"));
+  EXPECT_THAT(MergeWith("2", "/networks/0/sha256", "0"), HasSubstr("other networks"));
+  EXPECT_THAT(MergeWith("3", "/picture_list/sha256", "0"), HasSubstr("another list of pictures"));
+  EXPECT_THAT(MergeWith("3", "/shard/count", 4), HasSubstr("one of 4"));
+  EXPECT_THAT(MergeWith("1", "/interrupted", true), HasSubstr("was interrupted"));
+  EXPECT_THAT(MergeWith("1", "/totals", json()), HasSubstr("not as it was written"));
+  EXPECT_EQ(WithoutTimes(file("merged", "report.json")), WithoutTimes(file("out", "report.json")))
+      << "a refused merge leaves what is there";
 }
 
 TEST_F(ReplayProgramTest, WithoutWhatItNeedsItSaysSo) {

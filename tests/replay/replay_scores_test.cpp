@@ -124,23 +124,49 @@ TEST(ReplaySweepTest, IsWhatEachThresholdAloneGives) {
   }
 }
 
+TEST(ReplaySweepTest, VerificationIsSweptByItsValue) {
+  const std::vector<Truth> truths = {{0, {0, 0, 10, 10}}};
+  const std::vector<Prediction> finds = {{0, 0.9F, {0, 0, 10, 10}},  // chooses first, until cut
+                                         {0, 0.8F, {0, 0, 10, 9}},
+                                         {0, 0.85F, {50, 0, 60, 10}}};  // could not be verified
+  Sweep sweep(1);
+  sweep.AddByValue(truths, finds, std::vector<std::optional<float>>{0.3F, 0.7F, std::nullopt});
+  const auto at = [&](size_t step) {
+    return std::array{sweep.At(0, step).hits, sweep.At(0, step).false_alarms};
+  };
+  EXPECT_THAT(at(5), ElementsAre(1, 2)) << "0.30 passes 0.30";
+  EXPECT_THAT(at(6), ElementsAre(1, 1)) << "the second find takes the object";
+  EXPECT_THAT(at(13), ElementsAre(1, 1)) << "0.70";
+  EXPECT_THAT(at(14), ElementsAre(0, 1));
+}
+
 TEST(ReplayEvaluationTest, TellsNetworkFromDecisionAndWhatWasLeftOut) {
   const Box box{0, 0, 10, 10};
-  Evaluation evaluation({"item"}, {{"a.jpg", {{"item", box}, {"noodle", box}}},
-                                   {"failed.jpg", {{"item", box}}},
-                                   {"missing.jpg", {{"item", box}}}});
+  const Box known{20, 20, 30, 30};
+  const Box rejected{40, 40, 50, 50};
+  Evaluation evaluation(
+      *FindAlgorithm("noodle"),
+      {{"a.jpg", {{"noodle", box}, {"noodle", known}, {"noodle", rejected}, {"item", box}}},
+       {"failed.jpg", {{"noodle", box}}},
+       {"missing.jpg", {{"noodle", box}}}});
   Judgement judgement;
   judgement.picture = "a.jpg";
-  judgement.finds = {{{0, 0.9F, box}, 0, true}, {{0, 0.8F, {50, 50, 60, 60}}, 1, false}};
+  judgement.finds = {{{0, 0.9F, box}},
+                     {{0, 0.95F, box}, 1, Reason::kThereBefore, 0.9F},  // the other one hits
+                     {{0, 0.8F, known}, 1, Reason::kThereBefore, 0.9F},
+                     {{0, 0.8F, rejected}, 1, Reason::kRejected, 0.2F}};
   evaluation.Add(judgement);
   judgement.picture = "failed.jpg";
   judgement.code = -5;
   evaluation.Add(judgement);
-  EXPECT_EQ(evaluation.Network().Of(0).Precision(), 0.5);
-  EXPECT_EQ(evaluation.Decision().Of(0).Precision(), 1);
-  EXPECT_EQ(evaluation.Decision().Of(0).Recall(), 1);
-  EXPECT_THAT(evaluation.OtherLabels(), ElementsAre(Pair("noodle", 1)));
-  EXPECT_THAT(evaluation.Unseen(), ElementsAre("failed.jpg", "missing.jpg"));
+  const Scoring result = evaluation.Result();
+  EXPECT_EQ(result.network.Of(0).Recall(), 1);
+  EXPECT_THAT(result.explained, ElementsAre(1));
+  EXPECT_EQ(result.decision.Of(0).Precision(), 1);
+  EXPECT_EQ(result.decision.Of(0).Recall(), 0.5) << "one hit, one rejected";
+  EXPECT_EQ(result.verify_sweep->At(0, 13).hits, 2) << "whatever the reference explains";
+  EXPECT_THAT(result.other_labels, ElementsAre(Pair("item", 1)));
+  EXPECT_THAT(result.unseen, ElementsAre("failed.jpg", "missing.jpg"));
 }
 
 /// Whether every element is closed in its turn.
@@ -163,7 +189,7 @@ TEST(ReplayPlotTest, IsWellFormedAndBreaksWhereThereIsNoFigure) {
   Sweep sweep(2);
   sweep.Add(std::vector<Truth>{{0, {0, 0, 10, 10}}},
             std::vector<Prediction>{{0, 0.52F, {0, 0, 10, 10}}});
-  const std::string plot = SweepPlot(sweep, {"a<b&c", "absent"}, {{"a<b&c", 0.83F}});
+  const std::string plot = SweepPlot("title", sweep, {"a<b&c", "absent"}, {{"a<b&c", 0.83F}});
   EXPECT_TRUE(IsWellFormed(plot));
   EXPECT_FALSE(IsWellFormed(plot + "<g>"));
   EXPECT_THAT(plot, HasSubstr("a&lt;b&amp;c recall"));

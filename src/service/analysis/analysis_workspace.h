@@ -1,5 +1,6 @@
 #pragma once
 
+#include <bitset>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,9 @@ struct LatestDetection {
   std::string status;
   std::vector<std::string> labels;  ///< by class id
   DetectionList found;              ///< with the algorithm's flags
+  /// Results that the reference picture explains.
+  std::bitset<kMaxDetections> known = {};
+  VerifiedValues verified = {};
 };
 
 /// What the algorithms of one analysis share. Used by one thread at a time.

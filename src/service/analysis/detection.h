@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 namespace varnel::service {
@@ -37,6 +38,9 @@ struct DetectionList {
   int32_t count = 0;  ///< how many of `results` are filled
   std::array<Detection, kMaxDetections> results{};
 };
+
+/// The value that a verifying network gave each result of a list; nothing where none was given.
+using VerifiedValues = std::array<std::optional<float>, kMaxDetections>;
 
 /// The filled results.
 [[nodiscard]] inline std::span<Detection> Results(DetectionList& list) {

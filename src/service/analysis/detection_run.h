@@ -21,6 +21,7 @@ struct DetectionRun {
   std::bitset<kMaxDetections> known{};  ///< results that the reference picture explains
   Model* verifier = nullptr;            ///< the network that verified them, when one did
   bool clear_history = false;           ///< what was counted so far does not count from here on
+  VerifiedValues verified{};
 };
 
 }  // namespace varnel::service

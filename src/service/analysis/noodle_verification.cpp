@@ -53,7 +53,7 @@ DetectionBox Inside(const DetectionBox& box, const ImageBuffer& picture) {
 }
 
 /// Nothing when the network did not answer.
-std::optional<bool> Passes(Model& verifier, const ImageBuffer& crop, const Judgement& judgement) {
+std::optional<float> ValueOf(Model& verifier, const ImageBuffer& crop, const Judgement& judgement) {
   std::vector<float> values;
   if (const int code = verifier.Classify(crop, values); code != 0) {
     VLOG_ERROR(kTag, "verify model {} failed ret={}", verifier.Name(), code);
@@ -64,11 +64,11 @@ std::optional<bool> Passes(Model& verifier, const ImageBuffer& crop, const Judge
                values.size(), judgement.index);
     return std::nullopt;
   }
-  return values[static_cast<size_t>(judgement.index)] >= judgement.threshold;
+  return values[static_cast<size_t>(judgement.index)];
 }
 
-void VerifyResult(DetectionRun& run, Model& verifier, const Judgement& judgement,
-                  Detection& result) {
+void VerifyResult(DetectionRun& run, Model& verifier, const Judgement& judgement, size_t index) {
+  Detection& result = run.list.results[index];
   Image crop;
   const DetectionBox box = Inside(result.box, run.picture.buffer);
   if (crop_image(run.picture.buffer, box, crop) != 0) {
@@ -76,8 +76,10 @@ void VerifyResult(DetectionRun& run, Model& verifier, const Judgement& judgement
                result.box.right, result.box.bottom);
     return;
   }
-  const std::optional<bool> passes = Passes(verifier, crop.buffer, judgement);
-  const bool rejected = passes == false;
+  const std::optional<float> value = ValueOf(verifier, crop.buffer, judgement);
+  run.verified[index] = value;
+  // A value that is no number passes no threshold.
+  const bool rejected = value && !(*value >= judgement.threshold);
   if (rejected) {
     VLOG_INFO(kTag, "verify model check disable this item cls_label_idx:{}", judgement.index);
     result.flag |= kDetectionIgnored;
@@ -94,7 +96,7 @@ void VerifyResults(DetectionRun& run, const std::string& label) {
   if (verifier == nullptr) return;
   run.verifier = verifier;
   const Judgement judgement(verifier->Config());
-  for (Detection& result : Results(run.list)) VerifyResult(run, *verifier, judgement, result);
+  for (size_t i = 0; i < Results(run.list).size(); ++i) VerifyResult(run, *verifier, judgement, i);
 }
 
 }  // namespace varnel::service

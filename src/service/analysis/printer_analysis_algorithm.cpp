@@ -116,6 +116,8 @@ void PrinterAnalysisAlgorithm::Finish(DetectionRun& run) {
   if (run.clear_history) history_.Clear();
   if (run.verifier != nullptr) run.workspace.models.ReleaseAfterUse(*run.verifier);
   run.workspace.latest = {Name(), run.request.status, run.model.Labels(), run.list};
+  run.workspace.latest.known = run.known;
+  run.workspace.latest.verified = run.verified;
 }
 
 void PrinterAnalysisAlgorithm::ReleaseAfter(DetectionRun& run) const {
