@@ -93,9 +93,7 @@ ClientMqttAsync::ClientMqttAsync(std::string name, Qos subscribe_qos, PahoAsyncA
       subscribe_qos_(subscribe_qos),
       api_(api),
       clock_(clock),
-      handle_(nullptr, DestroyHandle{&api}) {
-  PrepareMqttLibrary();
-}
+      handle_(nullptr, DestroyHandle{&api}) {}
 
 ClientMqttAsync::~ClientMqttAsync() {
   StopProcessing();
