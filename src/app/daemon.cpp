@@ -127,8 +127,7 @@ class Services {
   Services(comms::CommsManager& comms, Hardware& hardware,
            const utils::ClientPathPolicy& client_paths, const utils::Deployment& deployment)
       : date_record_(hardware.storage.Paths().config_save),
-        device_info_(
-            comms, [&hardware]() -> const auto& { return hardware.system.Identity(); }),
+        device_info_(comms, [&hardware] { return hardware.system.Identity(); }),
         analysis_(hardware.ai.DetectResultDir(), SpaceCheckOf(deployment)),
         camera_(comms, {.take_photo =
                             [&hardware](const std::string& path) {
@@ -182,7 +181,7 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
   auto* hardware = new Hardware(deployment);
   hardware->Start();
   comms::CommsManager& comms = comms::CommsManager::Instance();
-  comms.SetSerialNumberProvider([hardware] { return hardware->system.Identity().serial_number; });
+  comms.SetSerialNumberProvider([hardware] { return hardware->system.Identity()->serial_number; });
   if (comms.InitLocal() != comms::CommsStatus::kOk)
     throw std::runtime_error("the communication manager did not start");
   auto* services = new Services(comms, *hardware, *client_paths, deployment);
