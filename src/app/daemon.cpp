@@ -105,13 +105,14 @@ utils::ClientPathRules PathRulesOf(const utils::Deployment& deployment) {
   return rules;
 }
 
-/// Drives that are plugged in from now on are open to files that clients ask for.
+/// USB drives, plugged in before or from now on, are open to files that clients ask for.
 void AllowDrives(utils::ClientPathPolicy& client_paths) {
   const auto allow = [](const hal_adapter::HalEventRecord* event, void* policy) {
     static_cast<utils::ClientPathPolicy*>(policy)->AllowDirectory(event->payload);
   };
-  (void)hal_adapter::register_hal_event_callback(hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT, allow,
-                                                 &client_paths);
+  for (const auto type :
+       {hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT, hal_adapter::HAL_EVENT_SYS_USB_DRIVE_PRESENT})
+    (void)hal_adapter::register_hal_event_callback(type, allow, &client_paths);
 }
 
 service::TimelapsePaths PathsOf(const utils::Deployment& deployment) {

@@ -171,6 +171,8 @@ TEST_F(DeviceIdentityTest, AnInsertedDriveIsOpenToClientsUntilItIsPulledOut) {
             0);
   EXPECT_TRUE(test::Eventually([&] { return clear_.Photo(photo) == Success(); }));
   EXPECT_EQ(board.Exec({"test", "-s", photo}).status, 0);
+  clear_.Restart();
+  EXPECT_EQ(clear_.Photo(photo), Success()) << "there before the daemon";
   EXPECT_EQ(board.Exec({"varnel-usb", "unplug"}).status, 0);
   EXPECT_EQ(clear_.Photo(photo), Error(-32600, "Invalid Request"));
 }
