@@ -12,6 +12,7 @@
 
 #include "platform/upgrade.h"
 #include "platform/upgrade_output.h"
+#include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 #include "utils/owned.h"
@@ -62,7 +63,7 @@ TEST_F(UpgradeTest, LongOutputIsCutWhileTheScriptGoesOn) {
 said() { stat -L -c %s /proc/$$/fd/2; }
 echo first; head -c 3000000 /dev/zero; i=0
 while [ "$(said)" -gt 1048576 ] && [ $((i += 1)) -lt 5000 ]; do :; done
-echo last; [ "$(said)" -eq 40965 ])sh";
+echo last; [ "$(said)" -le 1048576 ])sh";
   EXPECT_EQ(Upgrade(kScript), 0);
   EXPECT_TRUE(log_.Has("IMSYS", "Upgrade: first"));
 }
@@ -125,7 +126,7 @@ TEST_F(UpgradeTest, TheScriptFinishesThoughTheDaemonIsKilled) {
     EXPECT_EQ(outputs(), 1U) << "its script runs";
   }
   const UpgradeOutputGuard guard(UpgradeOutput::FindIn(dir_.Path()));
-  EXPECT_EQ(outputs(), 0U);
+  EXPECT_TRUE(test::Eventually([&] { return outputs() == 0; }));
 }
 
 }  // namespace
