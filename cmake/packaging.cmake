@@ -1,5 +1,6 @@
 # What is installed besides the program, and "cpack" in the build directory, which makes the Debian package.
 install(FILES packaging/varnel.service DESTINATION lib/systemd/system)
+install(PROGRAMS packaging/await-devices DESTINATION lib/varnel)
 install(FILES README.md CHANGELOG.md DESTINATION share/doc/varnel)
 install(DIRECTORY docs/ DESTINATION share/doc/varnel/docs)
 install(FILES packaging/deployment.json DESTINATION share/doc/varnel/examples)

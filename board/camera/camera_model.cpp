@@ -15,8 +15,8 @@ constexpr FrameFormat kNv12 = {V4L2_PIX_FMT_NV12, "Y/CbCr 4:2:0", ".nv12",      
 constexpr FrameFormat kYuyv = {V4L2_PIX_FMT_YUYV, "YUYV 4:2:2", ".yuyv",    kWidth,
                                kHeight,           kWidth * 2,   kPixels * 2};
 
-// Sensor pipelines list a packed format beside NV12. Without one libv4l2 would take NV12 for a
-// format that is always to be converted, and hand out RGB.
+// Without a packed format beside it ("formats 1") libv4l2 takes NV12 for one that is always to be
+// converted, and hands out RGB to programs that do not switch that off.
 constexpr FrameFormat kMipiFormats[] = {kNv12, kYuyv};
 constexpr FrameFormat kUsbFormats[] = {kYuyv};
 

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <tuple>
 
 #include "virtual_board/common/files.h"
 
@@ -131,10 +132,10 @@ int CaptureDevice::QueryCapabilities(void* argument) {
 
 int CaptureDevice::EnumFormats(void* argument) {
   auto& format = As<v4l2_fmtdesc>(argument);
-  if (!IsCapture(format.type) || format.index >= model_.formats.size()) return EINVAL;
+  if (!IsCapture(format.type) || format.index >= Formats().size()) return EINVAL;
   format.flags = 0;
-  format.pixelformat = model_.formats[format.index].pixel_format;
-  CopyText(format.description, model_.formats[format.index].name);
+  format.pixelformat = Formats()[format.index].pixel_format;
+  CopyText(format.description, Formats()[format.index].name);
   return 0;
 }
 
@@ -149,6 +150,7 @@ int CaptureDevice::TryFormat(void* argument) {
   auto& format = As<v4l2_format>(argument);
   if (!IsCapture(format.type)) return EINVAL;
   Fill(format, FormatFor(format.fmt.pix.pixelformat));
+  if (faults_.size) std::tie(format.fmt.pix.width, format.fmt.pix.height) = *faults_.size;
   return 0;
 }
 
@@ -159,8 +161,13 @@ int CaptureDevice::SetFormat(void* argument) {
   return error;
 }
 
+std::span<const FrameFormat> CaptureDevice::Formats() const {
+  const size_t count = model_.formats.size();
+  return model_.formats.first(std::clamp<size_t>(faults_.formats.value_or(count), 1, count));
+}
+
 const FrameFormat& CaptureDevice::FormatFor(uint32_t pixel_format) const {
-  for (const FrameFormat& format : model_.formats) {
+  for (const FrameFormat& format : Formats()) {
     if (format.pixel_format == pixel_format) return format;
   }
   return model_.formats.front();

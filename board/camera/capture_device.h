@@ -3,6 +3,7 @@
 #include <linux/videodev2.h>
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -72,6 +73,7 @@ class CaptureDevice {
   int AwaitFrame();
   void FillBuffer(uint32_t index, v4l2_buffer& buffer);
   void Describe(uint32_t index, v4l2_buffer& buffer) const;
+  [[nodiscard]] std::span<const FrameFormat> Formats() const;
   [[nodiscard]] const FrameFormat& FormatFor(uint32_t pixel_format) const;
   [[nodiscard]] uint32_t Rate() const;
   [[nodiscard]] size_t SlotSize() const;

@@ -82,7 +82,7 @@ int CaptureDevice::DequeueBuffer(void* argument) {
 void CaptureDevice::FillBuffer(uint32_t index, v4l2_buffer& buffer) {
   Describe(index, buffer);
   buffer.bytesused = faults_.error_bytes.value_or(static_cast<uint32_t>(format_.frame_size));
-  if (faults_.error_bytes) buffer.flags |= V4L2_BUF_FLAG_ERROR;
+  if (faults_.error_bytes || InjectedError("frame") != 0) buffer.flags |= V4L2_BUF_FLAG_ERROR;
   buffer.timestamp = MonotonicNow();
   buffer.sequence = sequence_++;
   buffer.index = faults_.index.value_or(index);

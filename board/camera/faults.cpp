@@ -66,6 +66,12 @@ const std::map<std::string, Setter>& Setters() {
       {"error-buffer", [](Faults& f, std::istream& in) { f.error_bytes = NumberOr(in, 0); }},
       {"index", [](Faults& f, std::istream& in) { f.index = NumberOr(in, 0); }},
       {"buffers", [](Faults& f, std::istream& in) { f.buffers = NumberOr(in, 0); }},
+      {"formats", [](Faults& f, std::istream& in) { f.formats = NumberOr(in, 0); }},
+      {"size",
+       [](Faults& f, std::istream& in) {
+         const uint32_t width = NumberOr(in, 0);
+         f.size = std::pair(width, NumberOr(in, 0));
+       }},
       {"rate", [](Faults& f, std::istream& in) { f.rate = NumberOr(in, 0); }},
       {"fail", AddFailure},
   };

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace varnel::board {
@@ -13,10 +14,13 @@ namespace varnel::board {
 ///
 ///     unplug                              every call fails with ENODEV, opening too, until the line is removed
 ///     stall                               streaming starts but no frame ever comes
-///     fail REQUEST ERRNO [COUNT [SKIP]]   REQUEST is "VIDIOC_..." or "mmap", ERRNO a number or a name; the first
-///                                         SKIP calls pass, the next COUNT fail, then the line goes; COUNT 0: for ever
+///     fail REQUEST ERRNO [COUNT [SKIP]]   REQUEST is "VIDIOC_...", "mmap" or "frame" (carries the error flag), ERRNO a
+///                                         number or a name; the first SKIP calls pass, the next COUNT fail, then the
+///                                         line goes; COUNT 0: for ever
 ///     error-buffer [BYTES]                frames carry the error flag and only BYTES (0) bytes
 ///     index N                             dequeued buffers carry the index N
+///     formats N                           only the first N formats are listed and given
+///     size WIDTH HEIGHT                   frames are said to have this size
 ///     buffers N                           at most N buffers are granted
 ///     rate N                              N frames per second
 ///     no-capture, no-streaming            the capability is missing
@@ -36,6 +40,8 @@ struct Faults {
   std::optional<uint32_t> error_bytes;
   std::optional<uint32_t> index;
   std::optional<uint32_t> buffers;
+  std::optional<uint32_t> formats;
+  std::optional<std::pair<uint32_t, uint32_t>> size;  ///< width, height
   std::optional<uint32_t> rate;
   std::vector<Failure> failures;
 

@@ -22,9 +22,11 @@ namespace {
 constexpr const char* kSys = "/sys";
 
 /// What libudev reads of a device.
-void MakeDevice(const fs::path& directory, const fs::path& subsystem, const std::string& type) {
+void MakeDevice(const fs::path& directory, const fs::path& subsystem, const std::string& type,
+                const std::string& name = {}) {
   fs::create_directories(directory);
-  if (!ReplaceFile(directory / "uevent", "DEVTYPE=" + type + "\n"))
+  const std::string node = name.empty() ? "" : "DEVNAME=" + name + "\n";
+  if (!ReplaceFile(directory / "uevent", node + "DEVTYPE=" + type + "\n"))
     throw std::runtime_error("cannot write in " + directory.string());
   if (!fs::is_symlink(directory / "subsystem"))
     fs::create_symlink(subsystem, directory / "subsystem");
@@ -49,9 +51,15 @@ fs::path Drive::Disk(bool usb) const {
   return Device(usb) / "block" / name_;
 }
 
+fs::path Drive::Listed() const {
+  return fs::path(kSys) / "class/block" / name_;
+}
+
 void Drive::MakeTree(bool usb) const {
   MakeDevice(Device(usb), usb ? "/sys/bus/usb" : "/sys/bus/platform", usb ? "usb_device" : "");
-  MakeDevice(Disk(usb), "/sys/class/block", "disk");
+  MakeDevice(Disk(usb), "/sys/class/block", "disk", name_);
+  fs::create_directories(Listed().parent_path());
+  if (!fs::is_symlink(Listed())) fs::create_symlink(Disk(usb), Listed());
 }
 
 void Drive::Plug(const PlugOptions& options) const {
@@ -90,6 +98,7 @@ void Drive::Unplug() const {
     if (::umount2(directory.c_str(), MNT_DETACH) != 0)
       throw std::system_error(errno, std::generic_category(), "umount " + directory);
   }
+  fs::remove(Listed());
   fs::remove_all(Device(usb));
   Announce("remove", usb);
 }

@@ -32,6 +32,8 @@ class Drive {
  private:
   [[nodiscard]] std::filesystem::path Device(bool usb) const;
   [[nodiscard]] std::filesystem::path Disk(bool usb) const;
+  /// Where whoever lists all disks finds it.
+  [[nodiscard]] std::filesystem::path Listed() const;
   [[nodiscard]] std::string Partition() const { return "/dev/" + name_ + "1"; }
   void MakeTree(bool usb) const;
   void Mount(const PlugOptions& options) const;

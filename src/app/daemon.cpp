@@ -105,13 +105,14 @@ utils::ClientPathRules PathRulesOf(const utils::Deployment& deployment) {
   return rules;
 }
 
-/// Drives that are plugged in from now on are open to files that clients ask for.
+/// USB drives, plugged in before or from now on, are open to files that clients ask for.
 void AllowDrives(utils::ClientPathPolicy& client_paths) {
   const auto allow = [](const hal_adapter::HalEventRecord* event, void* policy) {
     static_cast<utils::ClientPathPolicy*>(policy)->AllowDirectory(event->payload);
   };
-  (void)hal_adapter::register_hal_event_callback(hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT, allow,
-                                                 &client_paths);
+  for (const auto type :
+       {hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT, hal_adapter::HAL_EVENT_SYS_USB_DRIVE_PRESENT})
+    (void)hal_adapter::register_hal_event_callback(type, allow, &client_paths);
 }
 
 service::TimelapsePaths PathsOf(const utils::Deployment& deployment) {
@@ -127,8 +128,7 @@ class Services {
   Services(comms::CommsManager& comms, Hardware& hardware,
            const utils::ClientPathPolicy& client_paths, const utils::Deployment& deployment)
       : date_record_(hardware.storage.Paths().config_save),
-        device_info_(
-            comms, [&hardware]() -> const auto& { return hardware.system.Identity(); }),
+        device_info_(comms, [&hardware] { return hardware.system.Identity(); }),
         analysis_(hardware.ai.DetectResultDir(), SpaceCheckOf(deployment)),
         camera_(comms, {.take_photo =
                             [&hardware](const std::string& path) {
@@ -182,7 +182,7 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
   auto* hardware = new Hardware(deployment);
   hardware->Start();
   comms::CommsManager& comms = comms::CommsManager::Instance();
-  comms.SetSerialNumberProvider([hardware] { return hardware->system.Identity().serial_number; });
+  comms.SetSerialNumberProvider([hardware] { return hardware->system.Identity()->serial_number; });
   if (comms.InitLocal() != comms::CommsStatus::kOk)
     throw std::runtime_error("the communication manager did not start");
   auto* services = new Services(comms, *hardware, *client_paths, deployment);

@@ -6,6 +6,7 @@
 #include "app/command_line.h"
 #include "app/daemon.h"
 #include "app/signal_handling.h"
+#include "comms/mqtt_library.h"
 
 namespace {
 
@@ -23,6 +24,7 @@ void OpenStandardDescriptors() {
 
 int main(int argc, char** argv) {
   OpenStandardDescriptors();
+  varnel::comms::IgnoreProxies();
   varnel::app::InstallSignalHandling();
   const auto log_target = varnel::app::ParseCommandLine(argc, argv);
   if (!log_target) {

@@ -125,9 +125,7 @@ ClientMqttAsync::ClientMqttAsync(std::string name, Qos subscribe_qos, PahoAsyncA
       window_(clock),
       handle_(nullptr, DestroyHandle{&api}),
       thread_("mqtt-link", clock, [this] { HandleAttemptLimit(); }),
-      lookups_(api) {
-  PrepareMqttLibrary();
-}
+      lookups_(api) {}
 
 ClientMqttAsync::~ClientMqttAsync() {
   StopProcessing();

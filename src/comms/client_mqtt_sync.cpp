@@ -86,7 +86,6 @@ void ClientMqttSync::DestroyHandle::operator()(void* handle) const {
 
 ClientMqttSync::ClientMqttSync(std::string name, Qos subscribe_qos)
     : ClientMqttBase(std::move(name)), subscribe_qos_(subscribe_qos) {
-  PrepareMqttLibrary();
   MQTTClient_setTraceLevel(MQTTCLIENT_TRACE_ERROR);
 }
 

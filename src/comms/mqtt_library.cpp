@@ -8,7 +8,6 @@
 #include <charconv>
 #include <cstdlib>
 #include <filesystem>
-#include <mutex>
 #include <optional>
 #include <string_view>
 
@@ -48,12 +47,9 @@ std::optional<int> PeerPort(int fd) {
 
 }  // namespace
 
-void PrepareMqttLibrary() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    for (const char* name : {"http_proxy", "https_proxy", "HTTP_PROXY", "HTTPS_PROXY"})
-      unsetenv(name);
-  });
+void IgnoreProxies() {
+  for (const char* name : {"http_proxy", "https_proxy", "HTTP_PROXY", "HTTPS_PROXY"})
+    unsetenv(name);
 }
 
 int LogTlsError(const char* text, size_t length, void* /*context*/) {

@@ -11,9 +11,10 @@ namespace varnel::comms {
 /// deliver a retained message a second time.
 constexpr unsigned char kRetainedOnlyToNewSubscriptions = 1;
 
-/// Once before the first client: takes the proxy out of the process's environment, through which
-/// the library would send even loopback traffic.
-void PrepareMqttLibrary();
+/// Takes the proxy, through which the library would send even loopback traffic, out of the
+/// process's environment. To be called while the process has one thread: others may read the
+/// environment.
+void IgnoreProxies();
 
 /// For the library's TLS options: why a handshake failed.
 int LogTlsError(const char* text, size_t length, void* context);

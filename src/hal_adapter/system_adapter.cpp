@@ -35,6 +35,11 @@ DeviceIdentity ToIdentity(const DeviceInfo& info) {
   return identity;
 }
 
+/// The platform puts a text of its own for an interface that is not there.
+bool HasMac(const DeviceIdentity& identity) {
+  return identity.mac.find(':') != std::string::npos;
+}
+
 bool IsWriteError(const std::error_code& error) {
   return error == std::errc::no_space_on_device || error == std::errc::io_error ||
          error == std::errc::file_too_large;
@@ -72,37 +77,67 @@ uint32_t SystemAdapter::DeviceSeed() {
 
 bool SystemAdapter::Start() {
   table_ = StartArea(kTag, init_, registry_.system);
-  const bool known = table_ != nullptr && ReadIdentity();
-  Publish();
-  VLOG_INFO(kTag, "Product is {}:{}", identity_.product_code, identity_.serial_number);
-  uuid_ = MakeUuid();
-  VLOG_INFO(kTag, "UUID is {}", uuid_);
-  VLOG_INFO(kTag, "Firmware version is {}", utils::LogText(identity_.firmware_version));
+  std::shared_ptr<const DeviceIdentity> identity = table_ != nullptr ? ReadIdentity() : nullptr;
+  const bool known = identity != nullptr;
+  const std::lock_guard lock(mutex_);
+  Adopt(known ? std::move(identity) : identity_);
   return known;
 }
 
-bool SystemAdapter::ReadIdentity() {
+void SystemAdapter::Adopt(std::shared_ptr<const DeviceIdentity> identity) {
+  identity_ = std::move(identity);
+  Publish();
+  VLOG_INFO(kTag, "Product is {}:{}", identity_->product_code, identity_->serial_number);
+  uuid_ = MakeUuid();
+  VLOG_INFO(kTag, "UUID is {}", uuid_);
+  VLOG_INFO(kTag, "Firmware version is {}", utils::LogText(identity_->firmware_version));
+}
+
+/// One caller reads, which may take half a second; others get what is known.
+void SystemAdapter::LookAgain() {
+  const std::unique_lock reading(reading_, std::try_to_lock);
+  if (!reading || table_ == nullptr) return;
+  {
+    const std::lock_guard lock(mutex_);
+    if (HasMac(*identity_)) return;
+  }
+  std::shared_ptr<const DeviceIdentity> identity = ReadIdentity();
+  if (!identity || !HasMac(*identity)) return;
+  const std::lock_guard lock(mutex_);
+  Adopt(std::move(identity));
+}
+
+std::shared_ptr<const DeviceIdentity> SystemAdapter::Identity() {
+  LookAgain();
+  const std::lock_guard lock(mutex_);
+  return identity_;
+}
+
+std::string SystemAdapter::Uuid() {
+  LookAgain();
+  const std::lock_guard lock(mutex_);
+  return uuid_;
+}
+
+std::shared_ptr<const DeviceIdentity> SystemAdapter::ReadIdentity() const {
   DeviceInfo info{};
   const utils::WipeAtEnd wipe(info);
-  const bool read =
-      table_->get_device_info != nullptr && table_->get_device_info(&info) == kHalSuccess;
-  if (read) {
-    identity_ = ToIdentity(info);
-  } else {
+  if (table_->get_device_info == nullptr || table_->get_device_info(&info) != kHalSuccess) {
     VLOG_ERROR(kTag, "Get device information failed");
+    return nullptr;
   }
-  return read;
+  return std::make_shared<const DeviceIdentity>(ToIdentity(info));
 }
 
 void SystemAdapter::Publish() const {
-  WriteLine(files_.serial_number, identity_.serial_number);
-  WriteLine(files_.product_code, identity_.product_code);
-  WriteLine(files_.version, identity_.firmware_version);
-  WriteLine(files_.full_version, identity_.full_firmware_version);
+  WriteLine(files_.serial_number, identity_->serial_number);
+  WriteLine(files_.product_code, identity_->product_code);
+  WriteLine(files_.version, identity_->firmware_version);
+  WriteLine(files_.full_version, identity_->full_firmware_version);
 }
 
 std::string SystemAdapter::MakeUuid() const {
-  const std::string name = identity_.serial_number + identity_.mac + identity_.processor_serial;
+  const std::string name = identity_->serial_number + identity_->mac + identity_->processor_serial;
   if (!name.empty()) {
     if (std::optional<std::string> uuid = NameUuid(name)) return *uuid;
     VLOG_ERROR(kTag, "SHA-1 is not available, the UUID is random");

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
+#include <mutex>
 #include <string>
 
 #include "hal_adapter/area_start.h"
@@ -31,7 +33,8 @@ struct IdentityFiles {
 };
 
 /// The system area: identity, upgrade, board data. After Start() every function is callable from
-/// any thread.
+/// any thread. A network interface may come after the daemon: as long as the MAC address is
+/// missing, whoever asks for the identity has it read again.
 class SystemAdapter {
  public:
   explicit SystemAdapter(AreaInit init, IdentityFiles files = {},
@@ -41,8 +44,9 @@ class SystemAdapter {
   /// Once, before anything else. Reads and publishes the identity; the UUID is set even when it
   /// fails.
   [[nodiscard]] bool Start();
-  const DeviceIdentity& Identity() const { return identity_; }
-  const std::string& Uuid() const { return uuid_; }
+  /// Never null; does not change.
+  std::shared_ptr<const DeviceIdentity> Identity();
+  std::string Uuid();
 
   /// Runs until the upgrade ended. The platform's status, or -7 without the slot.
   [[nodiscard]] HalStatus UpgradeFirmware(uint32_t target, const std::string& package) const;
@@ -52,7 +56,9 @@ class SystemAdapter {
 
  private:
   static uint32_t DeviceSeed();
-  bool ReadIdentity();
+  std::shared_ptr<const DeviceIdentity> ReadIdentity() const;
+  void Adopt(std::shared_ptr<const DeviceIdentity> identity);
+  void LookAgain();
   void Publish() const;
   std::string MakeUuid() const;
 
@@ -61,8 +67,11 @@ class SystemAdapter {
   const HalRegistry& registry_;
   const std::function<uint32_t()> random_seed_;
   const SystemHalInterface* table_ = nullptr;
-  DeviceIdentity identity_;
-  std::string uuid_;
+
+  std::mutex reading_;  // held while the identity is read again, taken before mutex_
+  std::mutex mutex_;
+  std::shared_ptr<const DeviceIdentity> identity_ = std::make_shared<DeviceIdentity>();  // mutex_
+  std::string uuid_;                                                                     // mutex_
 };
 
 }  // namespace varnel::hal_adapter

@@ -11,14 +11,16 @@ namespace varnel::platform {
 namespace {
 
 constexpr const char* kTag = "IMMMCAM";
+/// From the start of the stream to a whole frame.
 constexpr int64_t kWaitMs = 2000;
-/// Ends a capture whose driver keeps saying that a frame is there and never hands one out.
-constexpr int64_t kCaptureLimitMs = 2 * kWaitMs;
+/// A driver that says that a frame is there and hands none out, or only faulty ones, is not asked
+/// again at once: it would take the whole processor.
+constexpr int kRetryPauseMs = 10;
 
 /// True when a buffer can be dequeued.
 bool WaitForFrame(const CameraInstance& inst, int64_t deadline) {
   for (;;) {
-    const int64_t left = std::clamp<int64_t>(deadline - inst.calls->now_ms(), 0, kWaitMs);
+    const int64_t left = std::max<int64_t>(deadline - inst.calls->now_ms(), 0);
     const int ready = left > 0 ? inst.calls->wait_readable(inst.fd, static_cast<int>(left)) : 0;
     if (ready > 0) return true;
     if (ready < 0 && errno == EINTR) continue;
@@ -29,6 +31,18 @@ bool WaitForFrame(const CameraInstance& inst, int64_t deadline) {
     }
     return false;
   }
+}
+
+/// Whether the capture goes on with this buffer.
+bool IsUsable(CameraInstance& inst, const v4l2_buffer& buffer) {
+  if (buffer.index >= kCameraBufferCount) {
+    PLOG_ERROR(kTag, "v4l2 buffer index out of range");
+    return false;
+  }
+  if ((buffer.flags & V4L2_BUF_FLAG_ERROR) == 0) return true;
+  PLOG_DEBUG(kTag, "A faulty frame is skipped");
+  if (!QueueCameraBuffer(inst, buffer.index)) PLOG_ERROR(kTag, "VIDIOC_QBUF");
+  return false;
 }
 
 }  // namespace
@@ -82,23 +96,25 @@ bool QueueCameraBuffer(CameraInstance& inst, uint32_t index) {
 }
 
 bool DequeueCameraBuffer(CameraInstance& inst, v4l2_buffer& buffer) {
-  const int64_t deadline = inst.calls->now_ms() + kCaptureLimitMs;
+  const int64_t deadline = inst.calls->now_ms() + kWaitMs;
+  bool faulty = false;
   while (WaitForFrame(inst, deadline)) {
     buffer = CameraBufferRequest(0);
-    if (!CameraControl(inst, VIDIOC_DQBUF, &buffer)) {
-      if (errno == EAGAIN) continue;
-      PLOG_ERROR(kTag, "VIDIOC_DQBUF");
-    }
-    if (buffer.index < kCameraBufferCount) return true;
-    PLOG_ERROR(kTag, "v4l2 buffer index out of range");
+    const bool dequeued = CameraControl(inst, VIDIOC_DQBUF, &buffer);
+    const bool again = !dequeued && errno == EAGAIN;
+    if (!dequeued && !again) PLOG_ERROR(kTag, "VIDIOC_DQBUF");
+    if (!again && IsUsable(inst, buffer)) return true;
+    faulty = faulty || (buffer.flags & V4L2_BUF_FLAG_ERROR) != 0;
+    inst.calls->wait_readable(-1, kRetryPauseMs);
   }
+  if (faulty) PLOG_ERROR(kTag, "Only faulty frames came");
   return false;
 }
 
 hal_adapter::CameraImage CameraFrame(const CameraInstance& inst, const v4l2_buffer& buffer) {
   const CameraBuffer& mapped = inst.buffers[buffer.index];
   hal_adapter::CameraImage image{};
-  if ((buffer.flags & V4L2_BUF_FLAG_ERROR) == 0 && mapped.address != nullptr) {
+  if (mapped.address != nullptr) {
     image.data = static_cast<const uint8_t*>(mapped.address);
     image.size = std::min<size_t>(buffer.bytesused, mapped.length);
   }

@@ -18,12 +18,11 @@ void UnmapCameraBuffers(CameraInstance& inst);
 
 bool QueueCameraBuffer(CameraInstance& inst, uint32_t index);
 
-/// Waits for a filled buffer. False when none came in time or the wait failed; the driver's own
-/// error counts as a buffer, as its number is filled in.
+/// Waits for a filled buffer, passing over faulty ones. False when none came in time or the wait
+/// failed; a failing call counts as a buffer, as its number is filled in.
 bool DequeueCameraBuffer(CameraInstance& inst, v4l2_buffer& buffer);
 
-/// Describes the frame in `buffer`, never more than what is mapped; empty when the frame is
-/// unusable.
+/// Describes the frame in `buffer`, never more than what is mapped; empty when nothing is.
 hal_adapter::CameraImage CameraFrame(const CameraInstance& inst, const v4l2_buffer& buffer);
 
 }  // namespace varnel::platform

@@ -38,6 +38,7 @@ HalStatus CheckCapabilities(CameraInstance& inst) {
   return hal_adapter::kHalSuccess;
 }
 
+/// 0 for a format that we do not know: the driver chooses.
 uint32_t FourccOf(uint32_t pixel_format) {
   switch (pixel_format) {
     case hal_adapter::CAMERA_PIXEL_FORMAT_NV12:
@@ -45,9 +46,14 @@ uint32_t FourccOf(uint32_t pixel_format) {
     case hal_adapter::CAMERA_PIXEL_FORMAT_YUYV:
       return V4L2_PIX_FMT_YUYV;
     default:
-      PLOG_WARN(kTag, "No format has been set.");
       return 0;
   }
+}
+
+/// Bytes of a line without padding, 0 when it is not known.
+uint32_t LineBytesOf(const CameraInstance& inst) {
+  if (inst.pixel_format == hal_adapter::CAMERA_PIXEL_FORMAT_NV12) return inst.width;
+  return inst.pixel_format == hal_adapter::CAMERA_PIXEL_FORMAT_YUYV ? 2 * inst.width : 0;
 }
 
 HalStatus SetFormat(CameraInstance& inst) {
@@ -56,19 +62,13 @@ HalStatus SetFormat(CameraInstance& inst) {
   format.fmt.pix.width = inst.width;
   format.fmt.pix.height = inst.height;
   format.fmt.pix.field = V4L2_FIELD_ANY;
-  const uint32_t wanted = FourccOf(inst.pixel_format);
-  format.fmt.pix.pixelformat = wanted;
+  format.fmt.pix.pixelformat = FourccOf(inst.pixel_format);
+  if (format.fmt.pix.pixelformat == 0) PLOG_WARN(kTag, "No format has been set.");
   if (!CameraControl(inst, VIDIOC_S_FMT, &format)) {
     PLOG_ERROR(kTag, "VIDIOC_S_FMT failed");
     return hal_adapter::kHalNoMemory;
   }
-  // A driver answers with what comes nearest instead of failing.
-  if (format.fmt.pix.width != inst.width || format.fmt.pix.height != inst.height ||
-      format.fmt.pix.pixelformat != wanted) {
-    PLOG_WARN(kTag, "The camera gives %ux%u in format 0x%08x instead of %ux%u in 0x%08x",
-              format.fmt.pix.width, format.fmt.pix.height, format.fmt.pix.pixelformat, inst.width,
-              inst.height, wanted);
-  }
+  inst.granted = format.fmt.pix;
   return hal_adapter::kHalSuccess;
 }
 
@@ -111,6 +111,16 @@ HalStatus CheckOpenable(const CameraInstance* inst, const CameraConfig* config) 
     return hal_adapter::kHalInvalidState;
   }
   return hal_adapter::kHalSuccess;
+}
+
+/// Converted as if it were what was asked for, such a frame gives a picture of nothing.
+void RefuseFrames(const CameraInstance& inst) {
+  const v4l2_pix_format& granted = inst.granted;
+  PLOG_ERROR(kTag,
+             "The camera gives %ux%u in format 0x%08x with lines of %u bytes instead of %ux%u in "
+             "0x%08x with %u, no photo is taken",
+             granted.width, granted.height, granted.pixelformat, granted.bytesperline, inst.width,
+             inst.height, FourccOf(inst.pixel_format), LineBytesOf(inst));
 }
 
 bool SetStream(CameraInstance& inst, unsigned long request) {
@@ -167,6 +177,15 @@ HalStatus camera_device_open(CameraInstance* inst, const CameraConfig* config) {
   return hal_adapter::kHalSuccess;
 }
 
+bool camera_device_gives_what_was_asked(const CameraInstance& inst) {
+  const v4l2_pix_format& granted = inst.granted;
+  const uint32_t fourcc = FourccOf(inst.pixel_format);
+  const uint32_t line = LineBytesOf(inst);
+  return granted.width == inst.width && granted.height == inst.height &&
+         (fourcc == 0 || granted.pixelformat == fourcc) &&
+         (line == 0 || granted.bytesperline == 0 || granted.bytesperline == line);
+}
+
 HalStatus camera_device_capture(CameraInstance* inst, CameraImage* image) {
   if (inst == nullptr || image == nullptr) {
     PLOG_ERROR(kTag, "The input parameter inst or image is NULL");
@@ -175,6 +194,10 @@ HalStatus camera_device_capture(CameraInstance* inst, CameraImage* image) {
   if (inst->state != CAMERA_STATE_OPENED) {
     PLOG_ERROR(kTag, "The state of camera is not opened");
     return hal_adapter::kHalInvalidState;
+  }
+  if (!camera_device_gives_what_was_asked(*inst)) {
+    RefuseFrames(*inst);
+    return hal_adapter::kHalNoMemory;
   }
   for (uint32_t index = 0; index < kCameraBufferCount; ++index) {
     if (!QueueCameraBuffer(*inst, index)) PLOG_ERROR(kTag, "VIDIOC_QBUF failed");

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <linux/videodev2.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -23,6 +25,7 @@ struct CameraInstance {
   uint32_t width = 0;
   uint32_t height = 0;
   uint32_t pixel_format = 0;
+  v4l2_pix_format granted{};  ///< what the driver gives instead
   uint32_t state = hal_adapter::CAMERA_STATE_NOT_INITIALISED;
   std::string device_path;
   int fd = 0;  ///< stays 0 until the first open, -1 after a close
@@ -41,7 +44,12 @@ hal_adapter::HalStatus camera_device_init(CameraInstance* inst, const hal_adapte
 hal_adapter::HalStatus camera_device_open(CameraInstance* inst,
                                           const hal_adapter::CameraConfig* config);
 
-/// One frame; streaming runs only meanwhile. 0 with an untouched image when no frame came in time.
+/// A driver answers with what comes nearest instead of failing, so an open device may give frames
+/// of another size or format.
+bool camera_device_gives_what_was_asked(const CameraInstance& inst);
+
+/// One frame; streaming runs only meanwhile. 0 with an untouched image when no whole frame came in
+/// time; -3 from a driver that gives other frames than those the instance was opened for.
 hal_adapter::HalStatus camera_device_capture(CameraInstance* inst, hal_adapter::CameraImage* image);
 
 hal_adapter::HalStatus camera_device_close(CameraInstance* inst);

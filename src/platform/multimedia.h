@@ -12,6 +12,8 @@ struct MultimediaBoard {
   std::string i2cdetect = "/usr/sbin/i2cdetect";
   std::string mipi_device = "/dev/video11";
   std::string usb_device = "/dev/video18";
+  /// There while a driver holds the sensor's address, for which i2cdetect says "UU".
+  std::string sensor_driver = "/sys/bus/i2c/devices/4-0037/driver";
   const V4l2Calls* calls = &kLibV4l2Calls;
 };
 

@@ -17,8 +17,6 @@ constexpr size_t kPathLimit = 511;
 constexpr uint32_t kCommandLimitMs = 10 * 60'000;
 /// Of what tar says; its list of members is of no use.
 constexpr size_t kOutputLimit = 512;
-/// tar's exit status when a file changed while it was read, as logs do: the archive is good.
-constexpr HalStatus kFilesChanged = 1;
 
 /// A program that was killed has not finished what it wrote.
 bool WasKilled(HalStatus status) {
@@ -62,9 +60,7 @@ void Archive(const DataBoard& board, const DataArchive& archive, const std::stri
     std::error_code ignored;
     if (WasKilled(status)) fs::remove(target, ignored);
   }
-  if (status != 0 && status != kFilesChanged) {
-    PLOG_ERROR(kTag, "Collect platform data (%s) failed", archive.name.c_str());
-  }
+  if (status != 0) PLOG_ERROR(kTag, "Collect platform data (%s) failed", archive.name.c_str());
 }
 
 void CopyFile(const std::string& cp, const DataType& data, const std::string& out_dir) {

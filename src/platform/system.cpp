@@ -1,8 +1,12 @@
+#include <functional>
+#include <optional>
+
 #include "hal_interface/hal_register.h"
 #include "hal_interface/platform_init.h"
 #include "platform/platform_data.h"
 #include "platform/system_info.h"
 #include "platform/upgrade.h"
+#include "platform/upgrade_output.h"
 #include "platform/usb_monitor.h"
 #include "utils/log_printf.h"
 
@@ -18,6 +22,8 @@ constexpr const char* kUnknownHardware = "Unknown";
 struct System {
   SystemInfoBoard info;
   DataBoard data;
+  UpgradeBoard upgrade;
+  std::optional<UpgradeOutputGuard> upgrade_leftovers;
 };
 System& TheSystem() {
   static System system;
@@ -33,7 +39,7 @@ HalStatus Check(const void* pointer) {
 }
 
 HalStatus UpgradeFirmware(uint32_t target, const char* package) {
-  return upgrade_firmware({}, target, package);
+  return upgrade_firmware(TheSystem().upgrade, target, package);
 }
 
 HalStatus CollectPlatformData(uint32_t type, const char* out_dir) {
@@ -54,11 +60,11 @@ constexpr hal_adapter::SystemHalInterface kTable = {
     GetDeviceInfo, Check, UpgradeFirmware, CollectPlatformData, PrepareReboot, Reserved};
 
 /// The board lives without it.
-void StartUsbMonitor() {
+void StartUnlessItThrows(const char* what, const std::function<void()>& start) {
   try {
-    USBMonitor::Start();
+    start();
   } catch (const std::exception& error) {
-    PLOG_ERROR(kTag, "The watch for USB drives does not start: %s", error.what());
+    PLOG_ERROR(kTag, "The watch for %s does not start: %s", what, error.what());
   }
 }
 
@@ -69,11 +75,16 @@ HalStatus platform_system_init(const SystemSettings& settings) {
   TheSystem().info.identity = {settings.identity_device, settings.identity_offset,
                                settings.identity_key_file};
   hal_adapter::register_system_hal(&kTable);
-  StartUsbMonitor();
+  StartUnlessItThrows("USB drives", [] { USBMonitor::Start(); });
+  StartUnlessItThrows("outputs of upgrades", [] {
+    System& system = TheSystem();
+    system.upgrade_leftovers.emplace(UpgradeOutput::FindIn(system.upgrade.output_dir));
+  });
   return hal_adapter::kHalSuccess;
 }
 
 void platform_system_shutdown() {
+  TheSystem().upgrade_leftovers.reset();
   USBMonitor::Stop();
 }
 

@@ -24,7 +24,8 @@ constexpr const char* kSubsystem = "block";
 constexpr const char* kDeviceType = "disk";
 constexpr size_t kMountTableLimit = size_t{4} << 20;
 
-using DeviceEvent = utils::Owned<udev_device, udev_device_unref>;
+using Device = utils::Owned<udev_device, udev_device_unref>;
+using Enumeration = utils::Owned<udev_enumerate, udev_enumerate_unref>;
 
 struct Singleton {
   std::mutex mutex;
@@ -40,8 +41,9 @@ bool Is(const char* text, std::string_view wanted) {
   return text != nullptr && text == wanted;
 }
 
-bool IsUsb(udev_device* device) {
-  return udev_device_get_parent_with_subsystem_devtype(device, "usb", "usb_device") != nullptr;
+bool IsUsbDisk(udev_device* device) {
+  return Is(udev_device_get_devtype(device), kDeviceType) &&
+         udev_device_get_parent_with_subsystem_devtype(device, "usb", "usb_device") != nullptr;
 }
 
 }  // namespace
@@ -93,6 +95,7 @@ bool USBMonitor::SetUp() {
 
 void USBMonitor::Run() {
   PLOG_INFO(kTag, "Monitor task start");
+  AnnouncePresentDrives();
   while (running_) {
     if (WaitForEvent()) ReceiveEvent();
   }
@@ -112,7 +115,7 @@ bool USBMonitor::WaitForEvent() {
 
 void USBMonitor::ReceiveEvent() {
   errno = 0;
-  const DeviceEvent event(udev_monitor_receive_device(monitor_.get()));
+  const Device event(udev_monitor_receive_device(monitor_.get()));
   if (!event) {
     ReportFailure("Receiving", errno);
     return;
@@ -135,18 +138,48 @@ void USBMonitor::HandleEvent(udev_device* device) {
   const char* action = udev_device_get_action(device);
   if (node == nullptr || action == nullptr) return;
   PLOG_INFO(kTag, "Device event: node: %s, action: %s", node, action);
-  if (Is(action, "add") && Is(udev_device_get_devtype(device), kDeviceType) && IsUsb(device)) {
+  if (Is(action, "add") && IsUsbDisk(device)) {
     PLOG_INFO(kTag, "USB drive detected: %s", node);
-    AnnounceDrive(node);
+    if (const auto directory = AwaitMount(node))
+      Announce(hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT, *directory);
   }
 }
 
-void USBMonitor::AnnounceDrive(const std::string& node) {
-  const auto directory = AwaitMount(node);
-  if (!directory) return;
+/// At boot the system may be about to mount them; card readers without a card it never does.
+void USBMonitor::AnnouncePresentDrives() {
+  std::vector<std::string> nodes = PresentDrives();
+  for (int tries = 0; tries < board_.mount_tries && running_ && !nodes.empty(); ++tries) {
+    if (tries > 0) Pause(board_.mount_pause);
+    std::erase_if(nodes, [this](const std::string& node) {
+      const auto directory = MountDirectory(node);
+      if (directory) Announce(hal_adapter::HAL_EVENT_SYS_USB_DRIVE_PRESENT, *directory);
+      return directory.has_value();
+    });
+  }
+}
+
+std::vector<std::string> USBMonitor::PresentDrives() const {
+  std::vector<std::string> nodes;
+  const Enumeration all(udev_enumerate_new(context_.get()));
+  if (!all || udev_enumerate_add_match_subsystem(all.get(), kSubsystem) < 0 ||
+      udev_enumerate_scan_devices(all.get()) < 0) {
+    PLOG_WARN(kTag, "Drives that are there already are not known");
+    return nodes;
+  }
+  for (udev_list_entry* entry = udev_enumerate_get_list_entry(all.get()); entry != nullptr;
+       entry = udev_list_entry_get_next(entry)) {
+    const Device device(
+        udev_device_new_from_syspath(context_.get(), udev_list_entry_get_name(entry)));
+    const char* node = device ? udev_device_get_devnode(device.get()) : nullptr;
+    if (node != nullptr && IsUsbDisk(device.get())) nodes.emplace_back(node);
+  }
+  return nodes;
+}
+
+void USBMonitor::Announce(hal_adapter::HalEventType type, const std::string& directory) {
   hal_adapter::HalEventRecord record{};
-  record.type = hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT;
-  copy_text(record.payload, *directory);
+  record.type = type;
+  copy_text(record.payload, directory);
   const hal_adapter::HalStatus status = board_.post(&record);
   if (status != hal_adapter::kHalSuccess)
     PLOG_WARN(kTag, "Failed to post USB drive event, err is %d", status);
@@ -155,17 +188,21 @@ void USBMonitor::AnnounceDrive(const std::string& node) {
 /// Nothing when the drive is not mounted in time or the monitor is to end.
 std::optional<std::string> USBMonitor::AwaitMount(const std::string& node) {
   for (int tries = 0; tries < board_.mount_tries && running_; ++tries) {
-    const auto mounts = utils::ReadSmallFile(board_.mounts, kMountTableLimit);
-    auto directory = mount_directory_of(node, mounts.value_or(""));
-    if (directory) {
-      PLOG_INFO(kTag, "The device has been mounted to %s",
-                utils::LogText(*directory, sizeof hal_adapter::HalEventRecord::payload).c_str());
-      return directory;
-    }
+    if (auto directory = MountDirectory(node)) return directory;
     Pause(board_.mount_pause);
   }
   if (running_) PLOG_ERROR(kTag, "Device mounting timeout");
   return std::nullopt;
+}
+
+std::optional<std::string> USBMonitor::MountDirectory(const std::string& node) const {
+  const auto mounts = utils::ReadSmallFile(board_.mounts, kMountTableLimit);
+  auto directory = mount_directory_of(node, mounts.value_or(""));
+  if (directory) {
+    PLOG_INFO(kTag, "The device has been mounted to %s",
+              utils::LogText(*directory, sizeof hal_adapter::HalEventRecord::payload).c_str());
+  }
+  return directory;
 }
 
 /// Ends early when the monitor is to end.

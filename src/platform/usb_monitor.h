@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "hal_interface/hal_register.h"
 #include "utils/owned.h"
@@ -29,7 +30,8 @@ struct UsbMonitorBoard {
 };
 
 /// Posts HAL_EVENT_SYS_USB_DRIVE_INSERT with the mount directory of every USB drive that is plugged
-/// in while it lives. Without libudev it is inert: that is logged and not tried again.
+/// in while it lives, and HAL_EVENT_SYS_USB_DRIVE_PRESENT for those that were there before. Without
+/// libudev it is inert: that is logged and not tried again.
 class USBMonitor {
  public:
   explicit USBMonitor(UsbMonitorBoard board);
@@ -53,8 +55,11 @@ class USBMonitor {
   void ReceiveEvent();
   void ReportFailure(const char* what, int error);
   void HandleEvent(udev_device* device);
-  void AnnounceDrive(const std::string& node);
+  void AnnouncePresentDrives();
+  std::vector<std::string> PresentDrives() const;
+  void Announce(hal_adapter::HalEventType type, const std::string& directory);
   std::optional<std::string> AwaitMount(const std::string& node);
+  std::optional<std::string> MountDirectory(const std::string& node) const;
   void Pause(std::chrono::milliseconds time);
 
   const UsbMonitorBoard board_;

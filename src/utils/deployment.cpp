@@ -144,12 +144,24 @@ std::optional<json> ReadSettings(const fs::path& file) {
   return settings;
 }
 
+void WarnOfOpenKey(const std::string& file) {
+  std::error_code error;
+  const fs::perms modes = fs::status(file, error).permissions();
+  if (!error && (modes & fs::perms::others_read) != fs::perms::none) {
+    VLOG_WARN(kTag, "deployment settings: identity.key_file {} is readable by everyone",
+              LogText(file));
+  }
+}
+
 }  // namespace
 
 Deployment LoadDeployment(const fs::path& file) {
   Deployment deployment;
   if (const std::optional<json> settings = ReadSettings(file)) {
     ReadObject(*settings, "", deployment);
+  }
+  if (!deployment.identity_key_file.empty()) {
+    WarnOfOpenKey(deployment.identity_key_file);
   }
   return deployment;
 }

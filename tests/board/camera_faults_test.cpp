@@ -87,6 +87,7 @@ TEST_F(CameraFaultsTest, EachFailingCallFailsOnePhoto) {
                           "fail VIDIOC_QBUF EIO 3",
                           "error-buffer",
                           "error-buffer 3110400",
+                          "fail VIDIOC_DQBUF EAGAIN 0",
                           "fail VIDIOC_STREAMON ENODEV 1",
                           "fail VIDIOC_DQBUF ENODEV 1",
                           "fail VIDIOC_STREAMOFF ENODEV 1"};
@@ -95,19 +96,22 @@ TEST_F(CameraFaultsTest, EachFailingCallFailsOnePhoto) {
     ExpectNoFile();
     ExpectHealthy();
   }
-  EXPECT_EQ(PhotoUnder("fail VIDIOC_DQBUF EAGAIN 3\nfail VIDIOC_STREAMON EINTR 3"), Success());
+  EXPECT_EQ(
+      PhotoUnder("fail VIDIOC_DQBUF EAGAIN 3\nfail VIDIOC_STREAMON EINTR 3\nfail frame EIO 2"),
+      Success());
   fs::remove(board().HostPath("/userdata/never.nv12"));
 }
 
 TEST_F(CameraFaultsTest, ALostCameraIsOpenedAgainWhateverTheOpeningMeets) {
   const char* openings[] = {"unplug",
-                            "fail VIDIOC_QUERYCAP EIO 1 2",
+                            "fail VIDIOC_QUERYCAP EIO 1 1",
                             "fail VIDIOC_S_FMT EBUSY 1",
                             "fail VIDIOC_REQBUFS ENOMEM 1",
                             "fail VIDIOC_QUERYBUF EIO 1",
                             "fail VIDIOC_QUERYBUF EIO 3",
                             "fail mmap ENOMEM 1",
                             "buffers 2",
+                            "size 1280 720",
                             "no-capture",
                             "no-streaming"};
   for (const char* opening : openings) {
@@ -118,6 +122,19 @@ TEST_F(CameraFaultsTest, ALostCameraIsOpenedAgainWhateverTheOpeningMeets) {
     ExpectHealthy();
     EXPECT_THAT(board().CameraJournal(), HasSubstr("close /dev/video11\nopen /dev/video11\n"));
   }
+}
+
+/// As sensor pipelines do; libv4l2 would convert.
+TEST_F(CameraFaultsTest, ACameraThatListsNv12AloneGivesNv12) {
+  EXPECT_EQ(PhotoUnder("fail VIDIOC_DQBUF ENODEV 1"), kFailed);
+  const size_t before = board().CameraJournal().size();
+  EXPECT_EQ(PhotoUnder("formats 1"), Success());
+  EXPECT_EQ(ReadFile(board().HostPath("/userdata/never.nv12")), ReadFile(ChartFile("chart.nv12")));
+  fs::remove(board().HostPath("/userdata/never.nv12"));
+  const std::string opened = board().CameraJournal().substr(before);
+  size_t frames = 0;
+  for (size_t at = 0; (at = opened.find("stream-on", at)) != std::string::npos; ++at) ++frames;
+  EXPECT_EQ(frames, 11U) << "ten for its exposure";
 }
 
 TEST_F(CameraFaultsTest, FaultsLeaveNoDescriptorBehind) {

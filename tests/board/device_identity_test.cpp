@@ -146,6 +146,9 @@ TEST_F(DeviceIdentityTest, AnswersAndFilesFollowEverySource) {
   EXPECT_EQ(UuidLine(nameless_.board.DaemonLog()), kNamelessUuid);
   ASSERT_TRUE(nameless_.board.StartDaemon());
   ASSERT_TRUE(nameless_.rpc.AwaitDaemon());
+  fs::create_directories(Address(nameless_.board).parent_path());
+  Put(Address(nameless_.board), "0a:1b:2c:3d:4e:5f\n");
+  EXPECT_EQ(Asked(nameless_)["mac_address"], "0A:1B:2C:3D:4E:5F") << "the interface came late";
 
   // The next start sees what has changed meanwhile, here in a storage that the maker moved.
   ChangeEverySource(clear_.board);
@@ -168,6 +171,8 @@ TEST_F(DeviceIdentityTest, AnInsertedDriveIsOpenToClientsUntilItIsPulledOut) {
             0);
   EXPECT_TRUE(test::Eventually([&] { return clear_.Photo(photo) == Success(); }));
   EXPECT_EQ(board.Exec({"test", "-s", photo}).status, 0);
+  clear_.Restart();
+  EXPECT_EQ(clear_.Photo(photo), Success()) << "there before the daemon";
   EXPECT_EQ(board.Exec({"varnel-usb", "unplug"}).status, 0);
   EXPECT_EQ(clear_.Photo(photo), Error(-32600, "Invalid Request"));
 }

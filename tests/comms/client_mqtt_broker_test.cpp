@@ -85,13 +85,6 @@ TEST_F(MqttBrokerTest, AReplacedListenerGetsNoRetainedMessageAgain) {
   EXPECT_EQ(box_.Items(), (std::vector<std::string>{"kept=x (kept)", "kept=last"}));
 }
 
-TEST_F(MqttBrokerTest, AProxyInTheEnvironmentChangesNothing) {
-  setenv("http_proxy", "http://127.0.0.1:1", 1);
-  const auto client = NewClient("p");
-  unsetenv("http_proxy");
-  EXPECT_TRUE(ConnectAndWait(*client, "p"));
-}
-
 TEST_F(MqttBrokerTest, ComesBackAfterTheBrokerDied) {
   const auto client = NewClient("r");
   (void)client->AddListener("t", Into(box_));

@@ -67,7 +67,7 @@ TEST_F(SystemAdapterTest, PublishesWhoTheBoardIs) {
   EXPECT_TRUE(log_.Has("HALSYS", "Product is PC9:SN01"));
   EXPECT_TRUE(log_.Has("HALSYS", "Firmware version is 1.2.3"));
   EXPECT_TRUE(log_.Has("HALSYS", "UUID is " + adapter.Uuid()));
-  EXPECT_EQ(adapter.Identity().device_key.Text(), "the-secret-key");
+  EXPECT_EQ(adapter.Identity()->device_key.Text(), "the-secret-key");
   EXPECT_THAT(log_.Text(), testing::Not(HasSubstr("the-secret-key")));
 }
 
@@ -114,6 +114,19 @@ TEST_F(SystemAdapterTest, AnyPartOfTheIdentityMakesTheUuidNameBased) {
   SystemAdapter adapter = Adapter();
   ASSERT_TRUE(adapter.Start());
   EXPECT_EQ(adapter.Uuid(), RandomUuid(5489)) << "nothing to name it by";
+}
+
+TEST_F(SystemAdapterTest, AnInterfaceThatComesLaterIsFoundWhenSomebodyAsks) {
+  DeviceInfo& device = test::Fake().device;
+  SetText(device.mac, "UnknownMAC");
+  SystemAdapter adapter = Adapter();
+  ASSERT_TRUE(adapter.Start());
+  EXPECT_EQ(adapter.Uuid(), NameUuid("SN01UnknownMAC0badcafe"));
+  EXPECT_EQ(log_.Count("HALSYS", "Product is PC9:SN01"), 1u);
+  SetText(device.mac, "AA:BB:CC:DD:EE:FF");
+  EXPECT_EQ(adapter.Identity()->mac, "AA:BB:CC:DD:EE:FF");
+  SetText(device.mac, "11:22:33:44:55:66");
+  EXPECT_EQ(adapter.Uuid(), NameUuid("SN01AA:BB:CC:DD:EE:FF0badcafe")) << "read once";
 }
 
 TEST(DeviceUuidTest, IsTheFirst16BytesOfSha1WithVersionAndVariant) {

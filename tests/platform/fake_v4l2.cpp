@@ -55,8 +55,10 @@ int Close(int /*fd*/) {
   return driver->close_errno != 0 ? Fail(driver->close_errno) : 0;
 }
 
-int WaitReadable(int /*fd*/, int timeout_ms) {
-  return driver->Wait(timeout_ms);
+int WaitReadable(int fd, int timeout_ms) {
+  if (fd >= 0) return driver->Wait(timeout_ms);
+  driver->now_ms += timeout_ms;
+  return 0;
 }
 
 int64_t NowMs() {
@@ -85,6 +87,7 @@ v4l2_buffer Frame(uint32_t index, uint32_t bytes_used, uint32_t flags) {
 }
 
 int FakeV4l2::Ioctl(unsigned long request, void* argument) {
+  ++calls[request];
   if (request == VIDIOC_DQBUF && always_again) return Fail(EAGAIN);
   if (const int error = Next(ioctl_errnos[request]); error != 0) return Fail(error);
   Serve(request, argument);
@@ -99,6 +102,7 @@ void FakeV4l2::Serve(unsigned long request, void* argument) {
       break;
     case VIDIOC_S_FMT:
       format = *static_cast<v4l2_format*>(argument);
+      if (granted) static_cast<v4l2_format*>(argument)->fmt.pix = *granted;
       break;
     case VIDIOC_REQBUFS:
       static_cast<v4l2_requestbuffers*>(argument)->count = granted_buffers;

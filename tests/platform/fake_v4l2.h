@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,7 +36,8 @@ struct FakeV4l2 {
 
   uint32_t capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
   uint32_t granted_buffers = 3;
-  std::deque<v4l2_buffer> frames;  ///< what DQBUF hands out; none left: buffer 1, full
+  std::optional<v4l2_pix_format> granted;  ///< given whatever is asked for
+  std::deque<v4l2_buffer> frames;          ///< what DQBUF hands out; none left: buffer 1, full
 
   // What happened.
   std::string opened_path;
@@ -45,6 +47,7 @@ struct FakeV4l2 {
   int mappings = 0;
   bool streaming = false;
   std::vector<uint32_t> queued;
+  std::map<unsigned long, int> calls;  ///< how often each request came
   int64_t now_ms = 0;
   std::array<std::array<uint8_t, kFrameSize>, 3> memory{};
 

@@ -33,6 +33,7 @@ class MultimediaTest : public testing::Test {
   const hal_adapter::MultimediaHalInterface& Start(const char* probe) {
     MultimediaBoard board;
     board.i2cdetect = dir_.WriteScript("i2cdetect", probe);
+    board.sensor_driver = dir_ / "driver";
     board.calls = &test::kFakeV4l2;
     EXPECT_EQ(multimedia_init(board), 0);
     return Table();
@@ -159,13 +160,32 @@ TEST_F(MultimediaTest, ACameraThatFailsOrStaysSilentIsOpenedAgain) {
   EXPECT_GT(image_.size, 0u);
 }
 
-TEST_F(MultimediaTest, ACameraPluggedInAfterTheStartServesPhotos) {
+TEST_F(MultimediaTest, ACameraPluggedInAfterTheStartWarmsUpAndServesPhotos) {
   const auto& table = Start("echo UU");
   driver_.open_errno = ENOENT;
   EXPECT_EQ(table.open_camera(0, nullptr), -1);
   driver_.open_errno = 0;
   EXPECT_EQ(table.take_photo(0, &image_), 0);
   EXPECT_GT(image_.size, 0u);
+  EXPECT_EQ(driver_.calls[VIDIOC_STREAMON], 11);
+  EXPECT_EQ(table.take_photo(0, &image_), 0);
+  EXPECT_EQ(driver_.calls[VIDIOC_STREAMON], 12);
+}
+
+TEST_F(MultimediaTest, ADriverThatComesLaterBringsItsCamera) {
+  const auto& table = Start(R"(cat "${0%/*}/driver" 2>&1 || [ $? = 1 ])");
+  ASSERT_EQ(table.open_camera(0, nullptr), 0);
+  ASSERT_EQ(table.take_photo(0, &image_), 0);
+  EXPECT_EQ(driver_.opened_path, "/dev/video18");
+  dir_.Write("driver", "UU");
+  ASSERT_EQ(table.take_photo(0, &image_), 0);
+  EXPECT_EQ(driver_.opened_path, "/dev/video11");
+  EXPECT_EQ(image_.pixel_format, hal_adapter::CAMERA_PIXEL_FORMAT_NV12);
+  EXPECT_GT(image_.size, 0u);
+  dir_.WriteScript("i2cdetect", "exit 1");
+  std::filesystem::remove(dir_ / "driver");
+  EXPECT_EQ(table.take_photo(0, &image_), 0);
+  EXPECT_EQ(driver_.opens, 2) << "a bus that cannot be asked changes nothing";
 }
 
 }  // namespace

@@ -11,6 +11,8 @@
 #include <string>
 
 #include "platform/upgrade.h"
+#include "platform/upgrade_output.h"
+#include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 #include "utils/owned.h"
@@ -55,6 +57,17 @@ TEST_F(UpgradeTest, KeepsTheFirst40960BytesOfItsOutput) {
   EXPECT_THAT(log_.Text(), testing::Not(HasSubstr("beyond")));
 }
 
+/// The script waits for the cut of its own output.
+TEST_F(UpgradeTest, LongOutputIsCutWhileTheScriptGoesOn) {
+  constexpr const char* kScript = R"sh(
+said() { stat -L -c %s /proc/$$/fd/2; }
+echo first; head -c 3000000 /dev/zero; i=0
+while [ "$(said)" -gt 1048576 ] && [ $((i += 1)) -lt 5000 ]; do :; done
+echo last; [ "$(said)" -le 1048576 ])sh";
+  EXPECT_EQ(Upgrade(kScript), 0);
+  EXPECT_TRUE(log_.Has("IMSYS", "Upgrade: first"));
+}
+
 TEST_F(UpgradeTest, AMissingScriptIsNotFound) {
   UpgradeBoard board;
   board.script = dir_ / "none";
@@ -97,12 +110,23 @@ TEST_F(UpgradeTest, TheScriptFinishesThoughTheDaemonIsKilled) {
   EXPECT_TRUE(killed.Put());
   EXPECT_TRUE(ended.WaitForText());
   std::string said;
+  std::string said_in;
   for (const auto& entry : fs::directory_iterator(dir_.Path())) {
     if (entry.path().filename().string().starts_with(".upgrade-")) {
-      said = test::ReadFile(entry.path());
+      said_in = entry.path();
+      said = test::ReadFile(said_in);
     }
   }
   EXPECT_EQ(said, "still\nhere\n");
+  ASSERT_EQ(::symlink("gone", (dir_ / ".upgrade-link").c_str()), 0);
+  const auto outputs = [this] { return UpgradeOutput::FindIn(dir_.Path()).size(); };
+  {
+    const utils::UniqueFd writer(::open(said_in.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+    const UpgradeOutputGuard guard(UpgradeOutput::FindIn(dir_.Path()));
+    EXPECT_EQ(outputs(), 1U) << "its script runs";
+  }
+  const UpgradeOutputGuard guard(UpgradeOutput::FindIn(dir_.Path()));
+  EXPECT_TRUE(test::Eventually([&] { return outputs() == 0; }));
 }
 
 }  // namespace

@@ -113,8 +113,8 @@ class UsbMonitorTest : public testing::Test {
     board.mount_pause = 1ms;
     board.failure_pause = 1ms;
     board.post = [this](const HalEventRecord* event) {
-      EXPECT_EQ(event->type, hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT);
-      posted_.Put(event->payload);
+      const bool inserted = event->type == hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT;
+      posted_.Put((inserted ? "" : "present ") + std::string(event->payload));
       return post_status_;
     };
     return board;
@@ -164,6 +164,17 @@ TEST_F(UsbMonitorTest, ReportsAddedUsbDisksAndNothingElse) {
   EXPECT_TRUE(log_.Has(kTag, "The device has been mounted to /mnt/my stick"));
   EXPECT_TRUE(log_.Has(kTag, "select ret = 1"));
   EXPECT_EQ(log_.Count(kTag, "Monitor task start"), 1u) << "one monitor, however often started";
+}
+
+TEST_F(UsbMonitorTest, DrivesThatAreThereAlreadyAreToldAsSuch) {
+  devices_.AddUsb("sda");
+  devices_.AddUsb("sdb");
+  devices_.AddInternal("nvme0n1");
+  dir_.Write("mounts", "/dev/nvme0n1 / ext4\n/dev/sda1 /mnt/a vfat\n/dev/sdc /mnt/c vfat\n");
+  Start(Board());
+  devices_.AddUsb("sdc");
+  EXPECT_THAT(posted_.WaitFor(2), ElementsAre("present /mnt/a", "/mnt/c"));
+  EXPECT_FALSE(log_.Has(kTag, "Device mounting timeout")) << "a card reader without a card";
 }
 
 TEST_F(UsbMonitorTest, ADriveThatIsNeverMountedIsGivenUp) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <fmt/format.h>
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
 
@@ -37,8 +38,8 @@ class LogCapture {
   std::string Text() const { return sink_->Text(); }
   /// How many lines are of this tag and end with this text.
   size_t Count(std::string_view tag, std::string_view text) const {
-    const std::string prefix = "[" + std::string(tag) + ":";
-    const std::string ending = "] " + std::string(text);
+    const std::string prefix = fmt::format("[{}:", tag);
+    const std::string ending = fmt::format("] {}", text);
     const std::vector<std::string> lines = Lines();
     return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&](const auto& line) {
       return line.find(prefix) == 2 && line.ends_with(ending);

@@ -58,6 +58,15 @@ TEST(DeploymentTest, EachMistakeGivesOneWarningAndTheDefaultAndNoFileNone) {
     EXPECT_THAT(text, testing::StartsWith("W [MAIN:"));
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
   }
+  const std::string key = dir.Write("key", "k");
+  for (const auto& [mode, warnings] : {std::pair(0600, 0U), {0640, 0U}, {0604, 1U}}) {
+    const LogCapture log;
+    std::filesystem::permissions(key, std::filesystem::perms(mode));
+    (void)LoadDeployment(dir.Write("d.json", R"({"identity": {"key_file": ")" + key + "\"}}"));
+    EXPECT_EQ(log.Count("MAIN", "deployment settings: identity.key_file " + key +
+                                    " is readable by everyone"),
+              warnings);
+  }
 }
 
 }  // namespace

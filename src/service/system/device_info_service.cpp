@@ -38,15 +38,15 @@ comms::CommsStatus DeviceInfoService::Start() {
 
 json DeviceInfoService::ReqCallbackSystemGetDeviceInfo(const json& params) const {
   VLOG_INFO(kTag, "receive JSON-RPC message: {}", comms::LogJson(params, kLoggedBytes));
-  const hal_adapter::DeviceIdentity& identity = identity_();
+  const auto identity = identity_();
   return {
       {"state", "success"},
-      {"serial_number", Known(identity.serial_number, "--")},
-      {"product_code", Known(identity.product_code, "--")},
-      {"version", identity.firmware_version},
-      {"fullversion", identity.full_firmware_version},
-      {"hwver", Known(identity.hardware_version, "Unknown")},
-      {"mac_address", Known(identity.mac, "UnknownMAC")},
+      {"serial_number", Known(identity->serial_number, "--")},
+      {"product_code", Known(identity->product_code, "--")},
+      {"version", identity->firmware_version},
+      {"fullversion", identity->full_firmware_version},
+      {"hwver", Known(identity->hardware_version, "Unknown")},
+      {"mac_address", Known(identity->mac, "UnknownMAC")},
   };
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <nlohmann/json.hpp>
 
 #include "comms/comms_manager.h"
@@ -12,8 +13,8 @@ namespace varnel::service {
 /// secrets.
 class DeviceInfoService {
  public:
-  /// Called for each request, on any of the server's workers.
-  using IdentityProvider = std::function<const hal_adapter::DeviceIdentity&()>;
+  /// Called for each request, on any of the server's workers. Never null.
+  using IdentityProvider = std::function<std::shared_ptr<const hal_adapter::DeviceIdentity>()>;
 
   /// The manager must outlive the service.
   DeviceInfoService(comms::CommsManager& comms, IdentityProvider identity);

@@ -21,8 +21,10 @@ class DeviceInfoServiceTest : public testing::Test {
     return std::make_shared<test::FakeMqttClient>(name);
   }};
   hal_adapter::DeviceIdentity identity_;
-  DeviceInfoService service_{comms_,
-                             [this]() -> const hal_adapter::DeviceIdentity& { return identity_; }};
+  DeviceInfoService service_{comms_, [this] {
+                               return std::shared_ptr<const hal_adapter::DeviceIdentity>(
+                                   std::shared_ptr<void>(), &identity_);
+                             }};
 };
 
 TEST_F(DeviceInfoServiceTest, TellsTheIdentityAndKeepsItsSecret) {
