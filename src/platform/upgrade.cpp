@@ -20,11 +20,12 @@ using hal_adapter::HalStatus;
 constexpr const char* kTag = "IMSYS";
 constexpr uint32_t kMainTarget = 0;
 constexpr size_t kOutputLimit = 40'960;
+constexpr const char* kOutputName = "/.upgrade-";
 
 /// Holds the script's output; gone at the end of the upgrade.
 class OutputFile {
  public:
-  explicit OutputFile(const std::string& directory) : path_(directory + "/.upgrade-XXXXXX") {
+  explicit OutputFile(const std::string& directory) : path_(directory + kOutputName + "XXXXXX") {
     file_.Reset(::mkostemp(path_.data(), O_CLOEXEC));
   }
   ~OutputFile() {
@@ -67,6 +68,10 @@ HalStatus RunScript(const UpgradeBoard& board, const char* package) {
 }
 
 }  // namespace
+
+std::string upgrade_output_files(const UpgradeBoard& board) {
+  return board.output_dir + kOutputName + '*';
+}
 
 HalStatus upgrade_firmware(const UpgradeBoard& board, uint32_t target, const char* package) {
   if (target != kMainTarget) {

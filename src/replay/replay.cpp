@@ -18,6 +18,7 @@
 #include "replay/sweep_plot.h"
 #include "replay/totals.h"
 #include "service/analysis/rknn_library.h"
+#include "utils/atomic_file.h"
 #include "utils/logger.h"
 
 namespace varnel::replay {
