@@ -80,9 +80,8 @@ PhotoStatus MultimediaAdapter::TakePhoto(const std::string& path) {
 PhotoStatus MultimediaAdapter::TakePhoto(const utils::FilePlace& place) {
   if (!writer_.HasRoom(place)) return PhotoStatus::kNotWritable;
   utils::UniqueFd picture;
-  const PhotoStatus taken = TakeTurn([&](const CameraImage& image) {
-    return writer_.Develop(image, place.name, picture);
-  });
+  const PhotoStatus taken = TakeTurn(
+      [&](const CameraImage& image) { return writer_.Develop(image, place.name, picture); });
   return taken == PhotoStatus::kSuccess ? writer_.Store(picture, place) : taken;
 }
 

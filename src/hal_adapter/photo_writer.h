@@ -28,8 +28,8 @@ struct PhotoPaths {
   std::filesystem::path workshop = "/tmp";
 };
 
-/// Makes files of frames: a picture for names ending in ".jpg", ".jpeg" and ".png" (lower case), the
-/// raw bytes for any other.
+/// Makes files of frames: a picture for names ending in ".jpg", ".jpeg" and ".png" (lower case),
+/// the raw bytes for any other.
 class PhotoWriter {
  public:
   PhotoWriter(PhotoPaths paths, SpaceCheck has_space);

@@ -67,8 +67,7 @@ bool IsWithinAny(const fs::path& path, const std::vector<fs::path>& directories)
 
 bool IsFreeOrRegular(const FilePlace& place) {
   struct stat info {};
-  const int found =
-      ::fstatat(place.directory.Fd(), place.name.c_str(), &info, AT_SYMLINK_NOFOLLOW);
+  const int found = ::fstatat(place.directory.Fd(), place.name.c_str(), &info, AT_SYMLINK_NOFOLLOW);
   return found == 0 ? S_ISREG(info.st_mode) : errno == ENOENT;
 }
 

@@ -20,8 +20,7 @@ struct ClientPathRules {
       // What the printer's other programs are made of, whatever the maker opens around it: scripts,
       // programs, settings, data, hidden files.
       "/home/ruxo/bin", "/home/ruxo/.*", "/home/ruxo/klipper*", "/home/ruxo/moonraker*",
-      "/home/ruxo/fluidd*", "/home/ruxo/printer_data/config",
-      "/home/ruxo/printer_data/database"};
+      "/home/ruxo/fluidd*", "/home/ruxo/printer_data/config", "/home/ruxo/printer_data/database"};
   /// varnel's own files and directories.
   std::vector<std::filesystem::path> own_places = {};
   /// Where clients may have files written besides the drives: Deployment::client_write_directories.
@@ -31,9 +30,8 @@ struct ClientPathRules {
 /// Decides which files a client may have written. Thread-safe.
 class ClientPathPolicy {
  public:
-  explicit ClientPathPolicy(
-      ClientPathRules rules,
-      std::shared_ptr<const ReportedDrives> drives = std::make_shared<ReportedDrives>());
+  explicit ClientPathPolicy(ClientPathRules rules, std::shared_ptr<const ReportedDrives> drives =
+                                                       std::make_shared<ReportedDrives>());
 
   /// The file that the client means. Its directory is held, so that it stays the one that was
   /// judged, with all links resolved. Nothing when it is not allowed, the directory does not exist,

@@ -49,8 +49,8 @@ NewFile::~NewFile() {
 
 std::error_code NewFile::Link(const std::string& name) const {
   const std::string self = "/proc/self/fd/" + std::to_string(Fd());
-  const int linked = ::linkat(AT_FDCWD, self.c_str(), place_->directory.Fd(), name.c_str(),
-                              AT_SYMLINK_FOLLOW);
+  const int linked =
+      ::linkat(AT_FDCWD, self.c_str(), place_->directory.Fd(), name.c_str(), AT_SYMLINK_FOLLOW);
   return linked == 0 ? std::error_code{} : LastError();
 }
 

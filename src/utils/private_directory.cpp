@@ -40,9 +40,8 @@ std::optional<PrivateDirectory> PrivateDirectory::Create(const std::filesystem::
   PrivateDirectory made(std::move(*held));
   const int directory = made.parent_.Fd();
   std::string name;
-  if (MakeTemporary(name, [directory](const char* free) {
-        return ::mkdirat(directory, free, 0700);
-      }) != 0) {
+  if (MakeTemporary(
+          name, [directory](const char* free) { return ::mkdirat(directory, free, 0700); }) != 0) {
     error = LastError();
     return std::nullopt;
   }
@@ -73,8 +72,8 @@ void PrivateDirectory::Clear() const {
 }
 
 UniqueFd PrivateDirectory::OpenResult(const std::string& name, std::error_code& error) const {
-  UniqueFd file(::openat(Fd(), name.c_str(),
-                         O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  UniqueFd file(
+      ::openat(Fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   error = file ? std::error_code() : LastError();
   if (file && !IsRegular(file.Get())) {
     error = std::make_error_code(std::errc::invalid_argument);

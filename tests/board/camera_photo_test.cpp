@@ -115,7 +115,8 @@ TEST_F(CameraPhotoTest, OtherPathsAreRefusedAndNothingIsWritten) {
   ServedBoard& board = boards->mipi;
   const auto made = board.board.Shell(
       "cd /userdata && mkdir -p dir.jpg real gcodes/calibration_data .tmp_upgrade && "
-      "(cd /home/ruxo/printer_data && mkdir -p gcodes database mqtt camera certs) && mkfifo fifo.jpg && ln -s /etc to_etc && "
+      "(cd /home/ruxo/printer_data && mkdir -p gcodes database mqtt camera certs) && mkfifo "
+      "fifo.jpg && ln -s /etc to_etc && "
       "ln -s /etc/passwd link.jpg && ln -s /nowhere dangling.jpg && ln -s real to_real && "
       "touch /run/before");
   ASSERT_EQ(made.status, 0) << made.err;
@@ -199,16 +200,16 @@ TEST_F(CameraPhotoTest, AFullDiskKeepsTheOldFileAndTheMakersListNarrows) {
   std::ofstream(noise) << NoiseFrame();
   board.board.ShowFrames({noise});
 
-  ASSERT_EQ(board.board.Shell("cd /home/ruxo/printer_data && mkdir -p database mqtt camera certs")
-                .status,
-            0);
+  ASSERT_EQ(
+      board.board.Shell("cd /home/ruxo/printer_data && mkdir -p database mqtt camera certs").status,
+      0);
   const std::string data = "/home/ruxo/printer_data/";
   for (const std::string& path :
        {std::string("/mnt/low/old.jpg"), std::string("/mnt/low/old.png"),
         std::string("/mnt/low/old.nv12"), std::string("/mnt/full/old.nv12"),
-        std::string("/mnt/full/old.png"), std::string("/userdata/x.jpg"),
-        std::string("/tmp/x.jpg"), data + "database/x.jpg", data + "mqtt/x.jpg",
-        data + "camera/x.jpg", data + "certs/x.jpg", data + "varnel/x.jpg"}) {
+        std::string("/mnt/full/old.png"), std::string("/userdata/x.jpg"), std::string("/tmp/x.jpg"),
+        data + "database/x.jpg", data + "mqtt/x.jpg", data + "camera/x.jpg", data + "certs/x.jpg",
+        data + "varnel/x.jpg"}) {
     EXPECT_EQ(board.Photo(path), Error(-32600, "Invalid Request")) << path;
   }
   EXPECT_EQ(board.board.Shell("cat /mnt/*/old.*; ls -A /mnt/low /mnt/full | grep -v old").out,

@@ -133,8 +133,7 @@ TEST_F(ClientPathTest, ClientsWriteWhereTheMakerSaysAndToDrives) {
   rules_.allowed = {dir_ / "data/sub/"};
   rules_.forbidden.push_back(dir_ / "drive");
   static bool mounted = true;
-  const auto drives =
-      std::make_shared<ReportedDrives>([](const fs::path&) { return mounted; });
+  const auto drives = std::make_shared<ReportedDrives>([](const fs::path&) { return mounted; });
   const ClientPathPolicy policy(rules_, drives);
   EXPECT_EQ(Resolve(policy, "@data/sub/a.jpg"), "data/sub/a.jpg");
   EXPECT_EQ(Resolve(policy, "@data/a.jpg"), "-");

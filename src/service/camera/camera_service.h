@@ -21,8 +21,7 @@ class CameraService {
   using TakePhoto = std::function<hal_adapter::PhotoStatus(const std::string& path)>;
 
   /// The same to where a client wants it.
-  using TakeClientPhoto =
-      std::function<hal_adapter::PhotoStatus(const utils::FilePlace& place)>;
+  using TakeClientPhoto = std::function<hal_adapter::PhotoStatus(const utils::FilePlace& place)>;
 
   /// What the service is built from; the defaults are the board's.
   struct Setup {

@@ -187,7 +187,8 @@ bool VideoEncoder::Join(const fs::path& list, const utils::PrivateDirectory& out
                                "-progress", kProgressName, kFilmName}) {
     command.AddArg(argument);
   }
-  command.SetWorkingDir(output.Fd()).SetTimeout(LimitFor(paths_.join_limit_ms, kJoinFrameMs, frames));
+  command.SetWorkingDir(output.Fd())
+      .SetTimeout(LimitFor(paths_.join_limit_ms, kJoinFrameMs, frames));
   NewLog(command, log);
   return Run(command, "Generate video failed, exit code", "Generate video fatal error") ==
          EncoderRun::kDone;

@@ -20,8 +20,9 @@ enum class EncoderRun {
   kNotRun,  ///< not started or killed, or there was no place for the output: tells nothing
 };
 
-/// The runs of ffmpeg and ffprobe, each at the lowest priority and with a time limit. They write only
-/// into private directories; an output is put in place when the run was successful. Thread-safe.
+/// The runs of ffmpeg and ffprobe, each at the lowest priority and with a time limit. They write
+/// only into private directories; an output is put in place when the run was successful.
+/// Thread-safe.
 class VideoEncoder {
  public:
   explicit VideoEncoder(const TimelapsePaths& paths);

@@ -254,7 +254,8 @@ bool VideoFinisher::JoinAndCheck(const TimelapseInstance& instance, Film& film) 
   const auto output = utils::PrivateDirectory::Create(instance.Directory(), error);
   if (!output) return ReportUnwritable(film.path, error);
   const GenerationProgress progress(
-      output->PathOf(VideoEncoder::kProgressName), film.frames, [this](int percent) { NotifyProgress(percent); }, clock_);
+      output->PathOf(VideoEncoder::kProgressName), film.frames,
+      [this](int percent) { NotifyProgress(percent); }, clock_);
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
     if (attempt == kAttempts && !MendSegments(instance, film)) return false;
     if (TryJoin(instance, film, *output)) return true;

@@ -41,8 +41,8 @@ class TimelapseServiceTest : public testing::Test, public TimelapseWorld {
     if (::geteuid() != 0) return true;
     const pid_t child = ::fork();
     if (child == 0) {
-      const bool changed = ::setresgid(65534, 65534, 65534) == 0 &&
-                           ::setgroups(0, nullptr) == 0 && ::setresuid(65534, 65534, 65534) == 0;
+      const bool changed = ::setresgid(65534, 65534, 65534) == 0 && ::setgroups(0, nullptr) == 0 &&
+                           ::setresuid(65534, 65534, 65534) == 0;
       ::_exit(changed && ::access(file.c_str(), R_OK) == 0 ? 0 : 1);
     }
     int status = -1;
