@@ -52,8 +52,20 @@ class ClientPathTest : public testing::Test {
 };
 
 class ClientPathDeathTest : public ClientPathTest {
- protected:
+ public:
   void ExpectEachJudged() const;
+  void ExpectSwapsLeadNowhere() const;
+  /// In a process whose kernel lacks something.
+  void ExpectAsWellWithout(void (*refuse)(), void (ClientPathDeathTest::*expect)() const) const {
+    if (!test::CanRefuseCalls()) GTEST_SKIP() << "no seccomp";
+    EXPECT_EXIT(
+        {
+          refuse();
+          (this->*expect)();
+          ::_exit(HasFailure() ? 1 : 0);
+        },
+        testing::ExitedWithCode(0), "");
+  }
 };
 
 void ClientPathDeathTest::ExpectEachJudged() const {
@@ -119,14 +131,8 @@ void ClientPathDeathTest::ExpectEachJudged() const {
 
 TEST_F(ClientPathDeathTest, EachPathIsJudgedByWhereItReallyLeadsOnEachKernel) {
   ExpectEachJudged();
-  if (!test::CanRefuseCalls()) GTEST_SKIP() << "no seccomp";
-  EXPECT_EXIT(
-      {
-        test::RefuseCalls({SYS_openat2}, ENOSYS);
-        ExpectEachJudged();
-        ::_exit(HasFailure() ? 1 : 0);
-      },
-      testing::ExitedWithCode(0), "");
+  ExpectAsWellWithout([] { test::RefuseCalls({SYS_openat2}, ENOSYS); },
+                      &ClientPathDeathTest::ExpectEachJudged);
 }
 
 TEST_F(ClientPathTest, ClientsWriteWhereTheMakerSaysAndToDrives) {
@@ -153,7 +159,7 @@ TEST_F(ClientPathTest, ClientsWriteWhereTheMakerSaysAndToDrives) {
 }
 
 /// The place is judged and held; what its name leads to changes before the file is whole.
-TEST_F(ClientPathTest, ASwapAfterTheJudgementWritesNowhereElse) {
+void ClientPathDeathTest::ExpectSwapsLeadNowhere() const {
   const ClientPathPolicy policy(rules_);
   const auto write = [&](const std::string& path, const std::function<void()>& meanwhile) {
     const auto place = policy.Resolve(root_ + path);
@@ -182,6 +188,14 @@ TEST_F(ClientPathTest, ASwapAfterTheJudgementWritesNowhereElse) {
   EXPECT_FALSE(fs::exists(dir_ / "data/away/swapped.jpg"));
   for (const auto& entry : fs::recursive_directory_iterator(dir_.Path()))
     EXPECT_FALSE(entry.path().filename().string().starts_with(kTemporaryPrefix)) << entry.path();
+  fs::remove(dir_ / "data/sub");
+  fs::rename(dir_ / "data/away", dir_ / "data/sub");
+  fs::remove(dir_ / "data/sub/late");
+}
+
+TEST_F(ClientPathDeathTest, ASwapAfterTheJudgementWritesNowhereElse) {
+  ExpectSwapsLeadNowhere();
+  ExpectAsWellWithout(test::RefuseFilesWithoutNames, &ClientPathDeathTest::ExpectSwapsLeadNowhere);
 }
 
 }  // namespace
