@@ -27,6 +27,8 @@
 #include "utils/log.h"
 #include "utils/log_text.h"
 #include "utils/logger.h"
+#include "utils/reported_drives.h"
+#include "utils/temporary_name.h"
 #include "utils/thread.h"
 
 namespace varnel::app {
@@ -99,20 +101,67 @@ struct Hardware {
   hal_adapter::AiAdapter ai;
 };
 
-utils::ClientPathRules PathRulesOf(const utils::Deployment& deployment) {
+/// Where we write ourselves, as those say who do it.
+std::vector<std::filesystem::path> OwnPlaces(const DaemonPaths& paths, const Hardware& hardware) {
+  const hal_adapter::IdentityFiles identity;
+  const service::TimelapsePaths timelapse;
+  std::vector<std::filesystem::path> places = {
+      paths.log_directory,
+      identity.serial_number,
+      identity.product_code,
+      identity.version,
+      identity.full_version,
+      hal_adapter::PhotoPaths().raw_frame,
+      hardware.storage.Paths().config_save,
+      hardware.ai.DetectResultDir(),
+      service::AnalysisSetup().results,
+      service::CameraService::Setup().detection_picture,
+      timelapse.root,
+      timelapse.web,
+      timelapse.upload,
+      // The cloud's certificates, packages on their way, snapshots of the monitor, diagnosis.
+      "/home/ruxo/printer_data/certs",
+      "/userdata/.tmp_*",
+      "/tmp/.monitor.*",
+      "/tmp/aes_key.txt",
+  };
+  for (std::filesystem::path& place : platform::platform_places())
+    places.push_back(std::move(place));
+  return places;
+}
+
+utils::ClientPathRules PathRulesOf(const utils::Deployment& deployment, const DaemonPaths& paths,
+                                   const Hardware& hardware) {
   utils::ClientPathRules rules;
+  rules.own_places = OwnPlaces(paths, hardware);
   rules.allowed = deployment.client_write_directories;
   return rules;
 }
 
+/// What an earlier run that was ended half-way left beside files of clients and of ours.
+void RemoveOldLeftovers(const utils::Deployment& deployment, const Hardware& hardware) {
+  for (const auto& directory : deployment.client_write_directories)
+    utils::RemoveLeftovers(directory);
+  utils::RemoveLeftovers(hal_adapter::PhotoPaths().workshop);
+  utils::RemoveLeftovers(hardware.storage.Paths().config_save);
+}
+
 /// USB drives, plugged in before or from now on, are open to files that clients ask for.
-void AllowDrives(utils::ClientPathPolicy& client_paths) {
-  const auto allow = [](const hal_adapter::HalEventRecord* event, void* policy) {
-    static_cast<utils::ClientPathPolicy*>(policy)->AllowDirectory(event->payload);
+void AllowDrives(utils::ReportedDrives& drives) {
+  const auto allow = [](const hal_adapter::HalEventRecord* event, void* reported) {
+    // On a thread of its own: a drive that is slow or dying must not hold up other events. Before
+    // it is open, or what is being written would be taken for a leftover.
+    utils::SpawnGuarded("drive-leftovers", kTag,
+                        [directory = std::filesystem::path(event->payload),
+                         drives = static_cast<utils::ReportedDrives*>(reported)] {
+                          utils::RemoveLeftovers(directory);
+                          drives->Add(directory);
+                        })
+        .detach();
   };
   for (const auto type :
        {hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT, hal_adapter::HAL_EVENT_SYS_USB_DRIVE_PRESENT})
-    (void)hal_adapter::register_hal_event_callback(type, allow, &client_paths);
+    (void)hal_adapter::register_hal_event_callback(type, allow, &drives);
 }
 
 service::TimelapsePaths PathsOf(const utils::Deployment& deployment) {
@@ -133,6 +182,10 @@ class Services {
         camera_(comms, {.take_photo =
                             [&hardware](const std::string& path) {
                               return hardware.multimedia.TakePhoto(path);
+                            },
+                        .take_client_photo =
+                            [&hardware](const utils::FilePlace& place) {
+                              return hardware.multimedia.TakePhoto(place);
                             },
                         .paths = &client_paths,
                         .timelapse_paths = PathsOf(deployment),
@@ -177,10 +230,13 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
   LogUptime(paths.uptime);
   const utils::Deployment deployment = utils::LoadDeployment(paths.deployment);
 
-  auto* client_paths = new utils::ClientPathPolicy(PathRulesOf(deployment));
-  AllowDrives(*client_paths);
+  auto* drives = new std::shared_ptr(std::make_shared<utils::ReportedDrives>());
+  AllowDrives(**drives);
   auto* hardware = new Hardware(deployment);
   hardware->Start();
+  auto* client_paths =
+      new utils::ClientPathPolicy(PathRulesOf(deployment, paths, *hardware), *drives);
+  RemoveOldLeftovers(deployment, *hardware);
   comms::CommsManager& comms = comms::CommsManager::Instance();
   comms.SetSerialNumberProvider([hardware] { return hardware->system.Identity()->serial_number; });
   if (comms.InitLocal() != comms::CommsStatus::kOk)
@@ -194,6 +250,8 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
 
   VLOG_INFO(kTag, "Shutdown requested, stopping services...");
   StopWithin(kStopLimit, comms);
+  utils::EndChildren();
+  utils::RemoveLeftovers(hal_adapter::PhotoPaths().workshop);
   VLOG_INFO(kTag, "Shutdown complete");
   spdlog::default_logger()->flush();
 }

@@ -1,6 +1,7 @@
 #include "hal_adapter/multimedia_adapter.h"
 
 #include <chrono>
+#include <system_error>
 #include <utility>
 
 namespace varnel::hal_adapter {
@@ -68,6 +69,24 @@ void MultimediaAdapter::WarmUp() {
 }
 
 PhotoStatus MultimediaAdapter::TakePhoto(const std::string& path) {
+  if (path.empty()) return TakeTurn({});
+  std::error_code error;
+  const auto place = utils::FilePlace::Of(path, error);
+  if (place) return TakePhoto(*place);
+  VLOG_ERROR(kTag, "filesystem error: {}", error.message());
+  return PhotoStatus::kNotWritable;
+}
+
+PhotoStatus MultimediaAdapter::TakePhoto(const utils::FilePlace& place) {
+  if (!writer_.HasRoom(place)) return PhotoStatus::kNotWritable;
+  utils::UniqueFd picture;
+  const PhotoStatus taken = TakeTurn(
+      [&](const CameraImage& image) { return writer_.Develop(image, place.name, picture); });
+  return taken == PhotoStatus::kSuccess ? writer_.Store(picture, place) : taken;
+}
+
+PhotoStatus MultimediaAdapter::TakeTurn(
+    const std::function<PhotoStatus(const CameraImage& image)>& develop) {
   const PhotoTurn::Holder turn(turn_, kTurnLimit);
   if (!turn) {
     VLOG_ERROR(kTag, "The camera is still busy after {}s, no photo is taken", kTurnLimit / 1000ms);
@@ -80,11 +99,9 @@ PhotoStatus MultimediaAdapter::TakePhoto(const std::string& path) {
             "id is {}",
             image.size, image.timestamp_ms, image.width, image.height, image.pixel_format,
             image.camera_id);
-  if (path.empty()) {
-    VLOG_INFO(kTag, "filepath is empty, do not save to any file");
-    return PhotoStatus::kSuccess;
-  }
-  return writer_.Write(image, path);
+  if (develop) return develop(image);
+  VLOG_INFO(kTag, "filepath is empty, do not save to any file");
+  return PhotoStatus::kSuccess;
 }
 
 bool MultimediaAdapter::Capture(CameraImage& image) const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,7 +24,8 @@ struct MultimediaSetup {
 };
 
 /// The multimedia area. TakePhoto() is callable from any thread: callers are served one after
-/// another, since they share the camera's buffers and the frame file.
+/// another, since they share the camera's buffers and the frame file. A turn ends when the picture
+/// is whole in a place of ours: a slow drive keeps nobody else from the camera.
 class MultimediaAdapter {
  public:
   explicit MultimediaAdapter(MultimediaSetup setup);
@@ -33,14 +35,18 @@ class MultimediaAdapter {
   /// True once Start() is through its warm-up.
   bool Ready() const { return ready_; }
 
-  /// Takes a photo with the main camera; an empty path saves nothing.
+  /// Takes a photo with the main camera to a place of ours; an empty path saves nothing.
   [[nodiscard]] PhotoStatus TakePhoto(const std::string& path);
+  /// The same to a place that is held.
+  [[nodiscard]] PhotoStatus TakePhoto(const utils::FilePlace& place);
   size_t CameraCount() const { return cameras_.size(); }
 
  private:
   bool OpenMainCamera();
   bool FindCameras(const MultimediaHalInterface* table);
   void WarmUp();
+  /// `develop` makes something of the image while the turn lasts; none: nothing.
+  PhotoStatus TakeTurn(const std::function<PhotoStatus(const CameraImage& image)>& develop);
   bool Capture(CameraImage& image) const;
 
   const MultimediaSetup setup_;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -14,7 +15,9 @@
 #include "utils/atomic_file.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
+#include "utils/new_file.h"
 #include "utils/owned.h"
+#include "utils/private_directory.h"
 #include "utils/safe_exec.h"
 #include "utils/write_all.h"
 
@@ -56,14 +59,21 @@ utils::UniqueFd CreatePrivate(const fs::path& path) {
       ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
 }
 
-void ReportFileError(const std::error_code& error) {
-  VLOG_ERROR(kTag, "filesystem error: {}", error.message());
+bool Report(const std::error_code& error) {
+  if (error) VLOG_ERROR(kTag, "filesystem error: {}", error.message());
+  return !error;
 }
 
-bool HasContent(const fs::path& path) {
-  std::error_code error;
-  const uintmax_t size = fs::file_size(path, error);
-  return !error && size > 0;
+bool HasContent(int directory, const std::string& name) {
+  struct stat info {};
+  return ::fstatat(directory, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 && info.st_size > 0;
+}
+
+bool WriteRaw(const CameraImage& image, const std::string& name, int directory) {
+  const utils::UniqueFd file(
+      ::openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  return Report(file ? utils::WriteAll(file.Get(), BytesOf(image))
+                     : std::error_code(errno, std::generic_category()));
 }
 
 }  // namespace
@@ -71,35 +81,40 @@ bool HasContent(const fs::path& path) {
 PhotoWriter::PhotoWriter(PhotoPaths paths, SpaceCheck has_space)
     : paths_(std::move(paths)), has_space_(std::move(has_space)) {}
 
-PhotoStatus PhotoWriter::Write(const CameraImage& image, const fs::path& destination) const {
-  if (!has_space_(destination)) return PhotoStatus::kNotWritable;
-  if (IsPicture(destination.native())) return Convert(image, destination);
-  const std::error_code error = utils::WriteFileAtomically(destination, BytesOf(image), kPhotoMode);
-  if (!error) return PhotoStatus::kSuccess;
-  ReportFileError(error);
-  return PhotoStatus::kNotWritable;
+bool PhotoWriter::HasRoom(const utils::FilePlace& place) const {
+  return has_space_(place.Path());
 }
 
-PhotoStatus PhotoWriter::Convert(const CameraImage& image, const fs::path& destination) const {
-  if (!WriteRawFrame(image)) return PhotoStatus::kConversionFailed;
+PhotoStatus PhotoWriter::Develop(const CameraImage& image, const std::string& name,
+                                 utils::UniqueFd& picture) const {
+  std::error_code error;
+  const auto workshop = utils::PrivateDirectory::Create(paths_.workshop, error);
+  if (!Report(error)) return PhotoStatus::kConversionFailed;
+  // A '%' in a client's name would be taken for the number pattern of an image sequence.
+  const std::string work = "picture" + (IsPicture(name) ? utils::FileEnding(name) : "");
+  const bool made = IsPicture(name) ? Convert(image, work, workshop->Fd())
+                                    : WriteRaw(image, work, workshop->Fd());
+  if (!made) return PhotoStatus::kConversionFailed;
+  picture = workshop->OpenResult(work, error);
+  return Report(error) ? PhotoStatus::kSuccess : PhotoStatus::kConversionFailed;
+}
+
+PhotoStatus PhotoWriter::Store(const utils::UniqueFd& picture,
+                               const utils::FilePlace& place) const {
+  std::error_code error;
+  auto file = utils::NewFile::Create(place, error);
+  if (file) error = utils::CopyRest(picture.Get(), file->Fd());
+  if (!error) error = file->Publish(kPhotoMode);
+  return Report(error) ? PhotoStatus::kSuccess : PhotoStatus::kNotWritable;
+}
+
+bool PhotoWriter::Convert(const CameraImage& image, const std::string& picture,
+                          int directory) const {
+  if (!WriteRawFrame(image)) return false;
   VLOG_INFO(kTag, "Convert to JPEG or PNG format.");
   const char* pixel_format = ConverterFormat(image.pixel_format);
-  if (pixel_format == nullptr) {
-    VLOG_ERROR(kTag, "Unsupported image type");
-    return PhotoStatus::kConversionFailed;
-  }
-  std::error_code error;
-  std::optional<utils::ReplacementFile> output =
-      utils::ReplacementFile::Create(destination, kPhotoMode, error);
-  if (!output) {
-    ReportFileError(error);
-    return PhotoStatus::kNotWritable;
-  }
-  if (!RunConverter(pixel_format, output->TemporaryPath())) return PhotoStatus::kConversionFailed;
-  error = output->Commit();
-  if (!error) return PhotoStatus::kSuccess;
-  ReportFileError(error);
-  return PhotoStatus::kNotWritable;
+  if (pixel_format == nullptr) VLOG_ERROR(kTag, "Unsupported image type");
+  return pixel_format != nullptr && RunConverter(pixel_format, picture, directory);
 }
 
 bool PhotoWriter::WriteRawFrame(const CameraImage& image) const {
@@ -108,25 +123,21 @@ bool PhotoWriter::WriteRawFrame(const CameraImage& image) const {
     VLOG_ERROR(kTag, "Failed to open output file");
     return false;
   }
-  const std::error_code error = utils::WriteAll(file.Get(), BytesOf(image));
-  if (error) ReportFileError(error);
-  return !error;
+  return Report(utils::WriteAll(file.Get(), BytesOf(image)));
 }
 
-/// Names the output relative to its directory: a '%' in the directory's name would otherwise be
-/// taken for the number pattern of an image sequence.
-bool PhotoWriter::RunConverter(const char* pixel_format, const fs::path& output) const {
+bool PhotoWriter::RunConverter(const char* pixel_format, const std::string& picture,
+                               int directory) const {
   utils::SafeExec command(paths_.converter);
   for (const char* argument :
        {"-y", "-v", "error", "-f", "rawvideo", "-pix_fmt", pixel_format, "-s", "1920x1080", "-i",
         paths_.raw_frame.c_str(), "-frames:v", "1"}) {
     command.AddArg(argument);
   }
-  command.AddArg(output.filename()).SetWorkingDir(output.parent_path());
-  command.SetTimeout(kConvertLimitMs);
+  command.AddArg(picture).SetWorkingDir(directory).SetTimeout(kConvertLimitMs);
   try {
     const utils::SafeExec::Result result = command.Execute();
-    if (result.success && HasContent(output)) return true;
+    if (result.success && HasContent(directory, picture)) return true;
     VLOG_ERROR(kTag, "Execute error, code is {}", result.exit_code);
     VLOG_ERROR(
         kTag, "{}: {}",

@@ -6,6 +6,8 @@
 #include <string>
 
 #include "hal_interface/hal_records.h"
+#include "utils/held_directory.h"
+#include "utils/owned.h"
 
 namespace varnel::hal_adapter {
 
@@ -22,22 +24,31 @@ using SpaceCheck = std::function<bool(const std::filesystem::path& destination)>
 struct PhotoPaths {
   std::filesystem::path converter = "/usr/bin/ffmpeg";
   std::filesystem::path raw_frame = "/tmp/.capture.bin";
+  /// Pictures are made in directories of our own below this one.
+  std::filesystem::path workshop = "/tmp";
 };
 
-/// Puts a frame into a file: a picture for the endings ".jpg", ".jpeg" and ".png" (lower case), the
-/// raw bytes for any other. The destination appears whole or stays as it was. One call at a time:
-/// all share the raw frame file.
+/// Makes files of frames: a picture for names ending in ".jpg", ".jpeg" and ".png" (lower case),
+/// the raw bytes for any other.
 class PhotoWriter {
  public:
   PhotoWriter(PhotoPaths paths, SpaceCheck has_space);
 
-  [[nodiscard]] PhotoStatus Write(const CameraImage& image,
-                                  const std::filesystem::path& destination) const;
+  /// False when the place has no room; callable from any thread.
+  [[nodiscard]] bool HasRoom(const utils::FilePlace& place) const;
+  /// Makes what a file of that name is to hold, in an open file without a name. One call at a time:
+  /// all share the raw frame file.
+  [[nodiscard]] PhotoStatus Develop(const CameraImage& image, const std::string& name,
+                                    utils::UniqueFd& picture) const;
+  /// Puts it into its place, which appears whole or stays as it was. Waits for the disk; callable
+  /// from any thread.
+  [[nodiscard]] PhotoStatus Store(const utils::UniqueFd& picture,
+                                  const utils::FilePlace& place) const;
 
  private:
-  PhotoStatus Convert(const CameraImage& image, const std::filesystem::path& destination) const;
   bool WriteRawFrame(const CameraImage& image) const;
-  bool RunConverter(const char* pixel_format, const std::filesystem::path& output) const;
+  bool Convert(const CameraImage& image, const std::string& picture, int directory) const;
+  bool RunConverter(const char* pixel_format, const std::string& picture, int directory) const;
 
   const PhotoPaths paths_;
   const SpaceCheck has_space_;

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "hal_interface/hal_status.h"
 
@@ -26,6 +27,10 @@ hal_adapter::HalStatus platform_ai_init();
 hal_adapter::HalStatus platform_multimedia_init();
 hal_adapter::HalStatus platform_storage_init();
 hal_adapter::HalStatus platform_system_init(const SystemSettings& settings);
+
+/// What the layer archives for diagnosis, and its own temporary files; a "*" stands for any ending.
+/// Nobody else is to write there. Callable at any time.
+std::vector<std::filesystem::path> platform_places();
 
 /// Closes the camera if it is open and gives its instance up. No photo may run at the same time or
 /// later.

@@ -83,6 +83,15 @@ HalStatus platform_system_init(const SystemSettings& settings) {
   return hal_adapter::kHalSuccess;
 }
 
+std::vector<std::filesystem::path> platform_places() {
+  std::vector<std::filesystem::path> places = {upgrade_output_files({})};
+  for (const DataType& type : *TheSystem().data.types) {
+    for (const DataArchive& archive : type.archives) places.emplace_back(archive.source);
+    if (!type.file.empty()) places.emplace_back(type.file);
+  }
+  return places;
+}
+
 void platform_system_shutdown() {
   TheSystem().upgrade_leftovers.reset();
   USBMonitor::Stop();

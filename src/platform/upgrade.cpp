@@ -43,6 +43,10 @@ HalStatus RunScript(const UpgradeBoard& board, const char* package) {
 
 }  // namespace
 
+std::string upgrade_output_files(const UpgradeBoard& board) {
+  return UpgradeOutput::NamesIn(board.output_dir);
+}
+
 HalStatus upgrade_firmware(const UpgradeBoard& board, uint32_t target, const char* package) {
   if (target != kMainTarget) {
     PLOG_ERROR(kTag, "Do not support upgrading the target %d", static_cast<int>(target));

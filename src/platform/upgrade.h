@@ -12,6 +12,9 @@ struct UpgradeBoard {
   std::string output_dir = "/tmp";
 };
 
+/// The files that hold the script's output, with a "*" for the part that differs.
+std::string upgrade_output_files(const UpgradeBoard& board);
+
 /// Upgrades `target` from the package file and waits for the end, however long it takes. The script
 /// lives on when the daemon ends meanwhile. The script's exit code; -3 for any target but 0; -2 for
 /// a null package.

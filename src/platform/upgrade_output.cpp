@@ -55,6 +55,10 @@ bool EndedAndRemoved(const UpgradeOutput& output) {
 UpgradeOutput::UpgradeOutput(std::string path, utils::UniqueFd file)
     : path_(std::move(path)), file_(std::move(file)) {}
 
+std::string UpgradeOutput::NamesIn(const std::string& directory) {
+  return directory + "/" + kPrefix + "*";
+}
+
 std::optional<UpgradeOutput> UpgradeOutput::Create(const std::string& directory) {
   std::string path = directory + "/" + kPrefix + "XXXXXX";
   utils::UniqueFd file(::mkostemp(path.data(), O_CLOEXEC));

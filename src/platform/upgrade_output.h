@@ -20,6 +20,8 @@ class UpgradeOutput {
   static constexpr size_t kLimit = size_t{1} << 20U;
 
   [[nodiscard]] static std::optional<UpgradeOutput> Create(const std::string& directory);
+  /// Their paths in a directory, with a "*" for the part that differs.
+  [[nodiscard]] static std::string NamesIn(const std::string& directory);
   /// Those that earlier daemons left in the directory.
   [[nodiscard]] static std::vector<UpgradeOutput> FindIn(const std::string& directory);
 

@@ -16,6 +16,7 @@
 #include "replay/report_json.h"
 #include "replay/totals.h"
 #include "service/analysis/rknn_library.h"
+#include "utils/atomic_file.h"
 #include "utils/logger.h"
 
 namespace varnel::replay {

@@ -18,12 +18,16 @@ std::string Members(const ReportFile::Json& object) {
   return text;
 }
 
+std::filesystem::path DirectoryOf(const std::filesystem::path& path) {
+  return path.has_parent_path() ? path.parent_path() : ".";
+}
+
 }  // namespace
 
 ReportFile::ReportFile(const std::filesystem::path& path, const Json& head)
-    : file_(utils::ReplacementFile::Create(path, 0644, error_)) {
-  if (!file_) return;
-  out_.open(file_->TemporaryPath(), std::ios::binary);
+    : name_(path.filename()), draft_(utils::PrivateDirectory::Create(DirectoryOf(path), error_)) {
+  if (!draft_) return;
+  out_.open(draft_->PathOf(name_), std::ios::binary);
   out_ << "{\n" << Members(head) << ",\n\"pictures\": [";
 }
 
@@ -33,11 +37,11 @@ void ReportFile::AddPicture(const Json& picture) {
 }
 
 std::error_code ReportFile::Finish(const Json& tail) {
-  if (!file_) return error_;
+  if (!draft_) return error_;
   out_ << "\n],\n" << Members(tail) << "\n}\n";
   out_.close();
   if (!out_) return std::make_error_code(std::errc::io_error);
-  return file_->Commit();
+  return draft_->Publish(name_, name_, 0644);
 }
 
 }  // namespace varnel::replay

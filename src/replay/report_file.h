@@ -4,9 +4,10 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <string>
 #include <system_error>
 
-#include "utils/atomic_file.h"
+#include "utils/private_directory.h"
 
 namespace varnel::replay {
 
@@ -25,7 +26,8 @@ class ReportFile {
 
  private:
   std::error_code error_;
-  std::optional<utils::ReplacementFile> file_;
+  std::string name_;
+  std::optional<utils::PrivateDirectory> draft_;
   std::ofstream out_;
   bool first_ = true;
 };

@@ -9,18 +9,16 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <utility>
 
+#include "utils/held_directory.h"
 #include "utils/owned.h"
+#include "utils/temporary_name.h"
 #include "utils/write_all.h"
 
 namespace varnel::utils {
 namespace {
 
 namespace fs = std::filesystem;
-
-/// No program knows a longer one, and it must fit into a name together with the rest.
-constexpr size_t kMaxEnding = 32;
 
 std::error_code LastError() {
   return {errno, std::generic_category()};
@@ -33,12 +31,8 @@ fs::path DirectoryOf(const fs::path& target) {
 
 /// Makes a uniquely named file of mode 0600 beside the target.
 UniqueFd OpenTemporary(const fs::path& target, fs::path& temporary) {
-  std::string ending = FileEnding(target);
-  if (ending.size() > kMaxEnding) {
-    ending.clear();
-  }
-  std::string name = (DirectoryOf(target) / (".varnel-XXXXXX" + ending)).string();
-  UniqueFd fd(::mkostemps(name.data(), static_cast<int>(ending.size()), O_CLOEXEC));
+  std::string name = (DirectoryOf(target) / (kTemporaryPrefix + std::string("XXXXXX"))).string();
+  UniqueFd fd(::mkostemp(name.data(), O_CLOEXEC));
   if (fd) {
     temporary = name;
   }
@@ -63,17 +57,15 @@ bool IsRegular(int fd) {
 }  // namespace
 
 std::error_code SyncDirectory(const fs::path& directory) {
-  const UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!fd) {
-    return LastError();
-  }
-  // Some file systems of USB drives cannot sync a directory and say EINVAL.
-  return ::fsync(fd.Get()) == 0 || errno == EINVAL ? std::error_code{} : LastError();
+  std::error_code error;
+  const auto held = HeldDirectory::Open(directory, error);
+  return held ? held->Sync() : error;
 }
 
 std::error_code MakeDirectories(const fs::path& directory) {
-  if (::mkdir(directory.c_str(), 0777) == 0) {
-    return SyncDirectory(DirectoryOf(directory));
+  if (::mkdir(directory.c_str(), 0700) == 0) {
+    return ::chmod(directory.c_str(), 0755) == 0 ? SyncDirectory(DirectoryOf(directory))
+                                                 : LastError();
   }
   std::error_code error = LastError();
   if (error == std::errc::file_exists) {
@@ -88,7 +80,7 @@ std::error_code MakeDirectories(const fs::path& directory) {
 }
 
 std::error_code ReplaceSymlink(const fs::path& target, const fs::path& link) {
-  const fs::path temporary = DirectoryOf(link) / (".varnel-" + link.filename().string());
+  const fs::path temporary = DirectoryOf(link) / (kTemporaryPrefix + link.filename().string());
   ::unlink(temporary.c_str());
   if (::symlink(target.c_str(), temporary.c_str()) != 0) {
     return LastError();
@@ -120,64 +112,6 @@ std::error_code WriteFileAtomically(const fs::path& target, std::string_view byt
   }
   if (error) {
     ::unlink(temporary.c_str());
-  }
-  return error;
-}
-
-ReplacementFile::ReplacementFile(fs::path target, fs::path temporary, mode_t mode)
-    : target_(std::move(target)), temporary_(std::move(temporary)), mode_(mode) {}
-
-std::optional<ReplacementFile> ReplacementFile::Create(const fs::path& target, mode_t mode,
-                                                       std::error_code& error) {
-  fs::path temporary;
-  if (!OpenTemporary(target, temporary)) {
-    error = LastError();
-    return std::nullopt;
-  }
-  error.clear();
-  return ReplacementFile(target, std::move(temporary), mode);
-}
-
-ReplacementFile::ReplacementFile(ReplacementFile&& other) noexcept
-    : target_(std::move(other.target_)),
-      temporary_(std::exchange(other.temporary_, fs::path())),
-      mode_(other.mode_) {}
-
-ReplacementFile& ReplacementFile::operator=(ReplacementFile&& other) noexcept {
-  if (this != &other) {
-    Discard();
-    target_ = std::move(other.target_);
-    temporary_ = std::exchange(other.temporary_, fs::path());
-    mode_ = other.mode_;
-  }
-  return *this;
-}
-
-ReplacementFile::~ReplacementFile() {
-  Discard();
-}
-
-void ReplacementFile::Discard() noexcept {
-  if (!temporary_.empty()) {
-    ::unlink(temporary_.c_str());
-  }
-}
-
-std::error_code ReplacementFile::Commit() {
-  // Opened again by name: the other program may have put a new file there. Never through a link,
-  // never a device.
-  const UniqueFd fd(
-      ::open(temporary_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  if (!fd) {
-    return LastError();
-  }
-  if (!IsRegular(fd.Get())) {
-    return std::make_error_code(std::errc::invalid_argument);
-  }
-  const std::error_code error =
-      Publish(fd.Get(), mode_, temporary_, target_, Durability::kPowerFailure);
-  if (!error) {
-    temporary_.clear();
   }
   return error;
 }

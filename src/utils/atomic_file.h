@@ -27,33 +27,6 @@ enum class Durability {
     const std::filesystem::path& target, std::string_view bytes, mode_t mode = 0644,
     Durability durability = Durability::kPowerFailure);
 
-/// The same for a file that another program writes: it gets TemporaryPath(), and Commit() puts the
-/// result in place.
-class ReplacementFile {
- public:
-  /// An empty hidden file beside the target, ".varnel-" and six characters with the target's ending
-  /// (a very long one is left out). One that a power failure leaves behind is never read.
-  [[nodiscard]] static std::optional<ReplacementFile> Create(const std::filesystem::path& target,
-                                                             mode_t mode, std::error_code& error);
-  ReplacementFile(ReplacementFile&& other) noexcept;
-  ReplacementFile& operator=(ReplacementFile&& other) noexcept;
-  ReplacementFile(const ReplacementFile&) = delete;
-  ReplacementFile& operator=(const ReplacementFile&) = delete;
-  /// Removes the temporary file unless it was committed.
-  ~ReplacementFile();
-
-  const std::filesystem::path& TemporaryPath() const { return temporary_; }
-  [[nodiscard]] std::error_code Commit();
-
- private:
-  ReplacementFile(std::filesystem::path target, std::filesystem::path temporary, mode_t mode);
-  void Discard() noexcept;
-
-  std::filesystem::path target_;
-  std::filesystem::path temporary_;  ///< empty when nothing is to be removed
-  mode_t mode_;
-};
-
 /// Makes `link` point at `target`, replacing what link was there in one step that survives a power
 /// failure.
 [[nodiscard]] std::error_code ReplaceSymlink(const std::filesystem::path& target,
@@ -62,8 +35,8 @@ class ReplacementFile {
 /// Syncs a directory: what was made, renamed or removed in it survives a power failure.
 [[nodiscard]] std::error_code SyncDirectory(const std::filesystem::path& directory);
 
-/// Makes a directory and those it lies in, as far as they are missing; they survive a power
-/// failure.
+/// Makes a directory and those it lies in, as far as they are missing, so that others may enter
+/// them; they survive a power failure.
 [[nodiscard]] std::error_code MakeDirectories(const std::filesystem::path& directory);
 
 /// The content of a regular file (also of /proc and /sys). Nothing when it is missing, of another

@@ -1,8 +1,6 @@
 #include "utils/child_process.h"
 
 #include <fcntl.h>
-#include <sched.h>
-#include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,68 +13,6 @@
 namespace varnel::utils {
 namespace {
 
-/// The steps in the child before exec. Each step returns 0 or an errno.
-class SpawnActions {
- public:
-  SpawnActions() : error_(posix_spawn_file_actions_init(&actions_)), made_(error_ == 0) {}
-  ~SpawnActions() {
-    if (made_) {
-      posix_spawn_file_actions_destroy(&actions_);
-    }
-  }
-  SpawnActions(const SpawnActions&) = delete;
-  SpawnActions& operator=(const SpawnActions&) = delete;
-
-  int Build(const ChildSetup& setup) {
-    Step(&posix_spawn_file_actions_addopen, STDIN_FILENO, "/dev/null", O_RDONLY, mode_t{0});
-    Step(&posix_spawn_file_actions_adddup2, setup.standard_output, STDOUT_FILENO);
-    Step(&posix_spawn_file_actions_adddup2, setup.standard_error, STDERR_FILENO);
-    Step(&posix_spawn_file_actions_addclosefrom_np, STDERR_FILENO + 1);
-    if (setup.working_dir != nullptr) {
-      Step(&posix_spawn_file_actions_addchdir_np, setup.working_dir);
-    }
-    return error_;
-  }
-  const posix_spawn_file_actions_t* Get() const { return &actions_; }
-
- private:
-  template <class Function, class... Args>
-  void Step(Function add, Args... args) {
-    if (error_ == 0) {
-      error_ = add(&actions_, args...);
-    }
-  }
-
-  posix_spawn_file_actions_t actions_{};
-  int error_;
-  bool made_;
-};
-
-class SpawnAttributes {
- public:
-  SpawnAttributes() : error_(posix_spawnattr_init(&attributes_)) {
-    sigset_t all;
-    sigset_t none;
-    sigfillset(&all);
-    sigemptyset(&none);
-    constexpr int kFlags = POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
-    posix_spawnattr_setflags(&attributes_, static_cast<short>(kFlags));
-    posix_spawnattr_setpgroup(&attributes_, 0);
-    posix_spawnattr_setsigdefault(&attributes_, &all);
-    posix_spawnattr_setsigmask(&attributes_, &none);
-  }
-  ~SpawnAttributes() { posix_spawnattr_destroy(&attributes_); }
-  SpawnAttributes(const SpawnAttributes&) = delete;
-  SpawnAttributes& operator=(const SpawnAttributes&) = delete;
-
-  int Error() const { return error_; }
-  const posix_spawnattr_t* Get() const { return &attributes_; }
-
- private:
-  posix_spawnattr_t attributes_{};
-  int error_;
-};
-
 /// A daemon started without standard descriptors gets pipe ends below 3, which the child's set-up
 /// would overwrite.
 bool MoveAboveStandard(UniqueFd& fd) {
@@ -84,17 +20,6 @@ bool MoveAboveStandard(UniqueFd& fd) {
     fd.Reset(::fcntl(fd.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
   }
   return static_cast<bool>(fd);
-}
-
-/// Lowest priority for the processor and the disk. posix_spawn knows no idle one, and a child that
-/// inherited it from a thread of ours could hold up both while others need the processor. It has
-/// barely begun; its threads inherit it.
-void LowerPriority(pid_t pid) {
-  constexpr int kOneThread = 1;
-  constexpr int kIdleClass = 3 << 13;
-  const sched_param parameters{};
-  ::sched_setscheduler(pid, SCHED_IDLE, &parameters);
-  ::syscall(SYS_ioprio_set, kOneThread, pid, kIdleClass);
 }
 
 }  // namespace
@@ -151,34 +76,6 @@ std::optional<int> ChildProcess::Reap() {
     waited = ::waitpid(pid_, &status, 0);
   } while (waited < 0 && errno == EINTR);
   return waited == pid_ ? std::optional(status) : std::nullopt;
-}
-
-int SpawnChild(const ChildSetup& setup, pid_t& pid) {
-  SpawnActions actions;
-  const SpawnAttributes attributes;
-  if (const int error = actions.Build(setup); error != 0) {
-    return error;
-  }
-  if (attributes.Error() != 0) {
-    return attributes.Error();
-  }
-  const ChildStart start;
-  if (start.Refused()) {
-    return EAGAIN;
-  }
-  const int error = ::posix_spawn(&pid, setup.program, actions.Get(), attributes.Get(),
-                                  setup.arguments, setup.environment);
-  if (error == 0 && setup.idle_priority) {
-    LowerPriority(pid);
-  }
-  if (error == 0 && !setup.outlives_us) {
-    RegisterChild(pid);
-    // EndChildren() does not wait long for a start, and may have looked before.
-    if (start.Refused()) {
-      ::kill(-pid, SIGKILL);
-    }
-  }
-  return error;
 }
 
 }  // namespace varnel::utils

@@ -8,20 +8,6 @@
 
 namespace varnel::utils {
 
-/// What a child starts with; everything is built before the start and must live until SpawnChild()
-/// returns.
-struct ChildSetup {
-  const char* program = nullptr;
-  char* const* arguments = nullptr;    ///< with the program's name first and a null last
-  char* const* environment = nullptr;  ///< null-terminated
-  const char* working_dir = nullptr;   ///< null: ours
-  int standard_output = -1;            ///< above 2, like standard_error
-  int standard_error = -1;
-  bool outlives_us = false;  ///< EndChildren() leaves it alone
-  /// Scheduling policy SCHED_IDLE, which also means idle priority of the disk.
-  bool idle_priority = false;
-};
-
 struct Pipe {
   UniqueFd read_end;
   UniqueFd write_end;
@@ -57,10 +43,5 @@ class ChildProcess {
   UniqueFd ended_fd_;
   bool reaped_ = false;
 };
-
-/// Starts the program in a process group of its own, with standard input from /dev/null, default
-/// signal dispositions, nothing blocked and no other descriptor of ours. The cost does not grow
-/// with our memory. Returns 0 or an errno, also that of a failed chdir or exec in the child.
-[[nodiscard]] int SpawnChild(const ChildSetup& setup, pid_t& pid);
 
 }  // namespace varnel::utils

@@ -1,12 +1,16 @@
 #include "utils/client_path.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <string_view>
 #include <system_error>
 #include <utility>
+
+#include "utils/temporary_name.h"
 
 namespace varnel::utils {
 namespace {
@@ -24,13 +28,8 @@ bool IsWellFormed(const std::string& path) {
 }
 
 bool IsFileName(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." && name.size() <= NAME_MAX;
-}
-
-using NameMatch = bool (*)(const std::string& pattern, const std::string& name);
-
-bool SameName(const std::string& pattern, const std::string& name) {
-  return pattern == name;
+  return !name.empty() && name != "." && name != ".." && name.size() <= NAME_MAX &&
+         !name.starts_with(kTemporaryPrefix);
 }
 
 bool MatchesStar(const std::string& pattern, const std::string& name) {
@@ -40,13 +39,13 @@ bool MatchesStar(const std::string& pattern, const std::string& name) {
 }
 
 /// Name by name, so that /etcetera is not in /etc.
-bool IsWithin(const fs::path& path, const fs::path& directory, NameMatch matches) {
+bool IsWithin(const fs::path& path, const fs::path& directory) {
   auto name = path.begin();
   for (const fs::path& pattern : directory) {
     if (pattern.empty()) {
       continue;  // stands for a "/" at the end
     }
-    if (name == path.end() || !matches(pattern.string(), name->string())) {
+    if (name == path.end() || !MatchesStar(pattern.string(), name->string())) {
       return false;
     }
     ++name;
@@ -55,75 +54,64 @@ bool IsWithin(const fs::path& path, const fs::path& directory, NameMatch matches
 }
 
 /// The directory as written or as it really is: either may be a link on this board.
-bool IsWithinAny(const fs::path& path, const std::vector<fs::path>& directories,
-                 NameMatch matches = SameName) {
+bool IsWithinAny(const fs::path& path, const std::vector<fs::path>& directories) {
   return std::any_of(directories.begin(), directories.end(), [&](const fs::path& directory) {
     std::error_code error;
     const fs::path real = fs::weakly_canonical(directory, error);
-    return IsWithin(path, directory, matches) || (!error && IsWithin(path, real, matches));
+    if (directory.empty()) {
+      return false;  // a place that could not be told
+    }
+    return IsWithin(path, directory) || (!error && IsWithin(path, real));
   });
 }
 
-bool IsFreeOrRegular(const fs::path& target) {
+bool IsFreeOrRegular(const FilePlace& place) {
+  struct stat info {};
+  const int found = ::fstatat(place.directory.Fd(), place.name.c_str(), &info, AT_SYMLINK_NOFOLLOW);
+  return found == 0 ? S_ISREG(info.st_mode) : errno == ENOENT;
+}
+
+/// Where the path leads at this moment.
+std::optional<fs::path> RealDirectory(const fs::path& path) {
   std::error_code error;
-  const fs::file_type type = fs::symlink_status(target, error).type();
-  return type == fs::file_type::not_found || type == fs::file_type::regular;
+  fs::path directory = fs::canonical(path, error);
+  return error ? std::nullopt : std::optional(std::move(directory));
 }
 
 }  // namespace
 
-bool IsMountPoint(const fs::path& directory) {
-  struct stat here {};
-  struct stat above {};
-  return ::stat(directory.c_str(), &here) == 0 && ::stat((directory / "..").c_str(), &above) == 0 &&
-         here.st_dev != above.st_dev;
-}
+ClientPathPolicy::ClientPathPolicy(ClientPathRules rules,
+                                   std::shared_ptr<const ReportedDrives> drives)
+    : rules_(std::move(rules)), drives_(std::move(drives)) {}
 
-ClientPathPolicy::ClientPathPolicy(ClientPathRules rules) : rules_(std::move(rules)) {}
-
-std::optional<fs::path> ClientPathPolicy::Resolve(const std::string& client_path) const {
+std::optional<FilePlace> ClientPathPolicy::Resolve(const std::string& client_path) const {
   if (!IsWellFormed(client_path)) {
     return std::nullopt;
   }
   const fs::path normal = fs::path(client_path).lexically_normal();
+  const std::optional<fs::path> real = RealDirectory(normal.parent_path());
+  if (!real || !IsFileName(normal.filename().string())) {
+    return std::nullopt;
+  }
   std::error_code error;
-  const fs::path directory = fs::canonical(normal.parent_path(), error);
-  if (error || !fs::is_directory(directory, error) || !IsFileName(normal.filename().string())) {
+  // Judged by its real path and opened by it without following links: it is that directory, or
+  // nothing.
+  auto directory = HeldDirectory::OpenWithoutLinks(*real, error);
+  if (!directory) {
     return std::nullopt;
   }
-  fs::path target = directory / normal.filename();
-  if (!IsAllowed(target) || !IsFreeOrRegular(target)) {
+  FilePlace place{std::move(*directory), normal.filename().string()};
+  if (!IsAllowed(place) || !IsFreeOrRegular(place)) {
     return std::nullopt;
   }
-  return target;
+  return place;
 }
 
-void ClientPathPolicy::AllowDirectory(const fs::path& directory) {
-  if (!directory.is_absolute() || !directory.has_relative_path()) {
-    return;
-  }
-  const std::lock_guard lock(mutex_);
-  if (std::find(drives_.begin(), drives_.end(), directory) == drives_.end()) {
-    drives_.push_back(directory);
-  }
-}
-
-bool ClientPathPolicy::IsAllowed(const fs::path& target) const {
-  if (IsOnDrive(target)) {
-    return true;
-  }
-  return !IsWithinAny(target, rules_.forbidden, MatchesStar) &&
-         !IsWithinAny(target, rules_.own_state) &&
-         (rules_.allowed.empty() || IsWithinAny(target, rules_.allowed));
-}
-
-bool ClientPathPolicy::IsOnDrive(const fs::path& target) const {
-  std::unique_lock lock(mutex_);
-  const std::vector<fs::path> drives = drives_;
-  lock.unlock();  // a dying drive can block what follows
-  return std::any_of(drives.begin(), drives.end(), [&](const fs::path& drive) {
-    return IsWithinAny(target, {drive}) && rules_.is_mount_point(drive);
-  });
+bool ClientPathPolicy::IsAllowed(const FilePlace& place) const {
+  const fs::path path = place.Path();
+  return drives_->Hold(place.directory) ||
+         (IsWithinAny(path, rules_.allowed) && !IsWithinAny(path, rules_.forbidden) &&
+          !IsWithinAny(path, rules_.own_places));
 }
 
 }  // namespace varnel::utils

@@ -1,61 +1,48 @@
 #pragma once
 
 #include <filesystem>
-#include <mutex>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "utils/held_directory.h"
+#include "utils/reported_drives.h"
+
 namespace varnel::utils {
 
-/// Another file system begins at this directory.
-[[nodiscard]] bool IsMountPoint(const std::filesystem::path& directory);
-
+/// In all lists a "*" at the end of a name stands for any ending of that one name. A directory
+/// means everything below it.
 struct ClientPathRules {
-  /// A "*" at the end stands for any ending of that one name.
   std::vector<std::filesystem::path> forbidden = {
       "/etc", "/usr", "/bin", "/sbin", "/lib*", "/boot", "/dev", "/proc", "/sys", "/run", "/oem",
       "/root", "/var", "/opt",
-      // What the printer's other programs are made of: scripts, their settings, hidden files.
-      "/home/ruxo/bin", "/home/ruxo/.*", "/home/ruxo/printer_data/config"};
+      // What the printer's other programs are made of, whatever the maker opens around it: scripts,
+      // programs, settings, data, hidden files.
+      "/home/ruxo/bin", "/home/ruxo/.*", "/home/ruxo/klipper*", "/home/ruxo/moonraker*",
+      "/home/ruxo/fluidd*", "/home/ruxo/printer_data/config", "/home/ruxo/printer_data/database"};
   /// varnel's own files and directories.
-  std::vector<std::filesystem::path> own_state = {"/userdata/.tmp_timelapse",
-                                                  "/userdata/.tmp_detect_result",
-                                                  "/userdata/.tmp",
-                                                  "/home/ruxo/printer_data/logs",
-                                                  "/home/ruxo/printer_data/varnel",
-                                                  "/tmp/.serial_number",
-                                                  "/tmp/.product_code",
-                                                  "/tmp/.version",
-                                                  "/tmp/.fullversion",
-                                                  "/tmp/.capture.bin",
-                                                  "/tmp/printer_detection.jpg"};
-  /// Deployment::client_write_directories; empty allows whatever is not forbidden.
-  std::vector<std::filesystem::path> allowed;
-  /// Tells whether a drive is still mounted there.
-  bool (*is_mount_point)(const std::filesystem::path& directory) = IsMountPoint;
+  std::vector<std::filesystem::path> own_places = {};
+  /// Where clients may have files written besides the drives: Deployment::client_write_directories.
+  std::vector<std::filesystem::path> allowed = {};
 };
 
-/// Decides which files a client may name. Thread-safe.
+/// Decides which files a client may have written. Thread-safe.
 class ClientPathPolicy {
  public:
-  explicit ClientPathPolicy(ClientPathRules rules = {});
+  explicit ClientPathPolicy(ClientPathRules rules, std::shared_ptr<const ReportedDrives> drives =
+                                                       std::make_shared<ReportedDrives>());
 
-  /// The file that the client means, its directory with all links resolved; nothing when it is not
-  /// allowed, the directory does not exist, or something other than a regular file has that name.
-  [[nodiscard]] std::optional<std::filesystem::path> Resolve(const std::string& client_path) const;
-
-  /// The directory of an inserted drive: allowed whatever the rules say, as long as a drive is
-  /// mounted there. A path that is not absolute, or the root itself, is ignored.
-  void AllowDirectory(const std::filesystem::path& directory);
+  /// The file that the client means. Its directory is held, so that it stays the one that was
+  /// judged, with all links resolved. Nothing when it is not allowed, the directory does not exist,
+  /// or something other than a regular file has that name.
+  [[nodiscard]] std::optional<FilePlace> Resolve(const std::string& client_path) const;
 
  private:
-  bool IsAllowed(const std::filesystem::path& target) const;
-  bool IsOnDrive(const std::filesystem::path& target) const;
+  bool IsAllowed(const FilePlace& place) const;
 
   const ClientPathRules rules_;
-  mutable std::mutex mutex_;
-  std::vector<std::filesystem::path> drives_;  // mutex_
+  const std::shared_ptr<const ReportedDrives> drives_;
 };
 
 }  // namespace varnel::utils

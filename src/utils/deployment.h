@@ -11,8 +11,8 @@ namespace varnel::utils {
 struct Deployment {
   /// Frames, archives and downloads fail below this much free space; 0 switches the check off.
   uint64_t min_free_space_mib = 64;
-  /// Narrows where clients may have files written; empty does not.
-  std::vector<std::filesystem::path> client_write_directories;
+  /// Where clients may have files written besides inserted drives; empty: nowhere else.
+  std::vector<std::filesystem::path> client_write_directories = {"/userdata", "/tmp"};
   /// Where the board's identity block lies: a file or block device, and the first byte in it.
   std::string identity_device = "/dev/mmcblk0";
   uint64_t identity_offset = 26'624;

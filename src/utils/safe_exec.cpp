@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "utils/child_process.h"
+#include "utils/child_start.h"
 
 namespace varnel::utils {
 namespace {
@@ -20,7 +21,6 @@ namespace {
 using SteadyTime = std::chrono::steady_clock::time_point;
 using Deadline = std::optional<SteadyTime>;
 
-constexpr int32_t kNotExecutable = 127;
 constexpr int32_t kSignalBase = 128;
 /// How often the child is asked for where the kernel cannot tell its end (before Linux 5.3).
 constexpr int kFallbackPollMs = 5;
@@ -134,11 +134,6 @@ std::vector<char*> Pointers(std::vector<std::string>& strings) {
   return pointers;
 }
 
-/// The start was refused for want of something, as opposed to a program that cannot be run.
-bool IsShortage(int error) {
-  return error == EAGAIN || error == ENOMEM || error == EMFILE || error == ENFILE;
-}
-
 void SetStatus(SafeExec::Result& result, const std::optional<int>& status) {
   if (!status) {
     return;
@@ -174,6 +169,11 @@ SafeExec& SafeExec::SetWorkingDir(std::string path) {
   return *this;
 }
 
+SafeExec& SafeExec::SetWorkingDir(int directory) {
+  working_dir_fd_ = directory;
+  return *this;
+}
+
 SafeExec& SafeExec::SetTimeout(uint32_t milliseconds) {
   timeout_ms_ = milliseconds;
   return *this;
@@ -202,14 +202,8 @@ SafeExec& SafeExec::SetOutputFile(std::string path) {
 SafeExec::Result SafeExec::Execute() {
   Outputs outputs = OpenOutputs();
   pid_t pid = -1;
-  const int error = Start(outputs, pid);
-  if (IsShortage(error)) {
+  if (Start(outputs, pid) != 0) {
     throw SafeExecException("Failed to fork process");
-  }
-  if (error != 0) {
-    Result not_run;
-    not_run.exit_code = kNotExecutable;
-    return not_run;
   }
   // Ours are closed first: the end of the child's side must show, and the descriptors may be the
   // last ones.
@@ -247,6 +241,7 @@ int SafeExec::Start(const Outputs& outputs, int& pid) {
   setup.arguments = arguments.data();
   setup.environment = environment_.empty() ? environ : own_environment.data();
   setup.working_dir = working_dir_ ? working_dir_->c_str() : nullptr;
+  setup.working_dir_fd = working_dir_fd_;
   setup.standard_output = outputs.child_out.Get();
   setup.standard_error = outputs.child_err.Get();
   setup.outlives_us = outlives_us_;

@@ -40,12 +40,14 @@ class SafeExec {
   /// The first entry replaces the whole environment of the child, further ones add to it.
   SafeExec& AddEnv(const std::string& key, const std::string& value);
   SafeExec& SetWorkingDir(std::string path);
+  /// An open directory, whatever its name leads to by then. It must stay open over the run.
+  SafeExec& SetWorkingDir(int directory);
   /// When it runs out the child's process group is killed.
   SafeExec& SetTimeout(uint32_t milliseconds);
   /// Both outputs of the child are appended to this file instead of being captured, so that the
   /// child can go on when this process ends. Made with mode 0600 if missing; a link is refused.
   SafeExec& SetOutputFile(std::string path);
-  /// The child goes on when this process ends.
+  /// The child goes on when this process ends, in whatever way; all others end with it.
   SafeExec& OutliveUs();
   /// The child runs at the lowest priority of the processor and the disk, set before its first
   /// step.
@@ -79,6 +81,7 @@ class SafeExec {
   std::vector<std::string> arguments_;
   std::vector<std::string> environment_;
   std::optional<std::string> working_dir_;
+  int working_dir_fd_ = -1;
   std::optional<std::string> output_file_;
   std::optional<uint32_t> timeout_ms_;
   size_t output_limit_ = kDefaultOutputLimit;

@@ -38,7 +38,7 @@ struct Boards {
   ServedBoard narrow{
       With(CameraKind::kMipi),
       WithDeployment(
-          R"({"min_free_space_mib": 1, "client_write_directories": ["/userdata/allowed", "/mnt"]})")};
+          R"({"min_free_space_mib": 1, "client_write_directories": ["/userdata/allowed", "/mnt", "/home"]})")};
 };
 
 class CameraPhotoTest : public testing::Test {
@@ -114,7 +114,9 @@ TEST_F(CameraPhotoTest, TimestampsNameTheFileAndNoPathSavesNothing) {
 TEST_F(CameraPhotoTest, OtherPathsAreRefusedAndNothingIsWritten) {
   ServedBoard& board = boards->mipi;
   const auto made = board.board.Shell(
-      "cd /userdata && mkdir -p dir.jpg real && mkfifo fifo.jpg && ln -s /etc to_etc && "
+      "cd /userdata && mkdir -p dir.jpg real gcodes/calibration_data .tmp_upgrade && "
+      "(cd /home/ruxo/printer_data && mkdir -p gcodes database mqtt camera certs) && mkfifo "
+      "fifo.jpg && ln -s /etc to_etc && "
       "ln -s /etc/passwd link.jpg && ln -s /nowhere dangling.jpg && ln -s real to_real && "
       "touch /run/before");
   ASSERT_EQ(made.status, 0) << made.err;
@@ -127,6 +129,11 @@ TEST_F(CameraPhotoTest, OtherPathsAreRefusedAndNothingIsWritten) {
                                  "/tmp/.capture.bin",
                                  "/home/ruxo/printer_data/logs/varnel.log",
                                  "/home/ruxo/printer_data/logs/x.jpg",
+                                 "/home/ruxo/printer_data/gcodes/x.jpg",
+                                 "/home/ruxo/printer_data/database/x.jpg",
+                                 "/userdata/gcodes/calibration_data/x.jpg",
+                                 "/userdata/.tmp_upgrade/x.jpg",
+                                 "/tmp/.upgrade-abcdef",
                                  "/userdata/dir.jpg",
                                  "/userdata/fifo.jpg",
                                  "/run/x.jpg",
@@ -193,11 +200,18 @@ TEST_F(CameraPhotoTest, AFullDiskKeepsTheOldFileAndTheMakersListNarrows) {
   std::ofstream(noise) << NoiseFrame();
   board.board.ShowFrames({noise});
 
-  for (const char* path : {"/mnt/low/old.jpg", "/mnt/low/old.png", "/mnt/low/old.nv12",
-                           "/mnt/full/old.nv12", "/userdata/x.jpg", "/tmp/x.jpg"}) {
+  ASSERT_EQ(
+      board.board.Shell("cd /home/ruxo/printer_data && mkdir -p database mqtt camera certs").status,
+      0);
+  const std::string data = "/home/ruxo/printer_data/";
+  for (const std::string& path :
+       {std::string("/mnt/low/old.jpg"), std::string("/mnt/low/old.png"),
+        std::string("/mnt/low/old.nv12"), std::string("/mnt/full/old.nv12"),
+        std::string("/mnt/full/old.png"), std::string("/userdata/x.jpg"), std::string("/tmp/x.jpg"),
+        data + "database/x.jpg", data + "mqtt/x.jpg", data + "camera/x.jpg", data + "certs/x.jpg",
+        data + "varnel/x.jpg"}) {
     EXPECT_EQ(board.Photo(path), Error(-32600, "Invalid Request")) << path;
   }
-  EXPECT_EQ(board.Photo("/mnt/full/old.png"), Error(-32000, "Take photo failed"));
   EXPECT_EQ(board.board.Shell("cat /mnt/*/old.*; ls -A /mnt/low /mnt/full | grep -v old").out,
             "old\nold\nold\nold\nold\nold\n/mnt/full:\n\n/mnt/low:\n");
   EXPECT_EQ(board.Photo("/userdata/allowed/x.png"), Success());

@@ -83,12 +83,15 @@ class MortalDaemon {
     Begin(situation);
     if (situation == Situation::kLoaded) Load(300ms);
     EXPECT_TRUE(board_.SignalDaemon(first));
+    if (first == SIGKILL) return AwaitEnd();
     const pid_t pid = board_.DaemonPid();
     EXPECT_TRUE(test::Eventually([&] { return !IsPending(pid, first); }, 5s));
     EXPECT_TRUE(board_.SignalDaemon(second));
-    const auto status = board_.AwaitDaemonEnd(2s);
-    ExpectNothingLeft();
-    return status;
+    return AwaitEnd();
+  }
+  /// Of photos and films that were being made.
+  [[nodiscard]] std::string Leftovers() const {
+    return board_.Shell("find / -name '.varnel-*' -not -path '/proc/*'").out;
   }
 
  private:
@@ -124,6 +127,12 @@ class MortalDaemon {
         ledger.Take(*message);
       }
     }
+  }
+
+  std::optional<int> AwaitEnd() {
+    const auto status = board_.AwaitDaemonEnd(2s);
+    ExpectNothingLeft();
+    return status;
   }
 
   void ExpectNothingLeft() {
@@ -193,6 +202,16 @@ TEST_F(DaemonShutdownTest, ASecondSignalEndsItAtOnce) {
   EXPECT_EQ(daemon.DieTwice(Situation::kBrokerAbsent, SIGHUP, SIGTERM), 128 + SIGTERM);
   EXPECT_THAT(daemon.DieTwice(Situation::kLoaded, SIGTERM, SIGTERM),
               testing::AnyOf(0, 128 + SIGTERM));
+}
+
+TEST_F(DaemonShutdownTest, AKilledDaemonTakesItsProgramsWithItAndThePhotoLeavesNothing) {
+  MortalDaemon daemon(endless_converter_);
+  EXPECT_EQ(daemon.DieTwice(Situation::kLoaded, SIGKILL, 0), 128 + SIGKILL);
+  EXPECT_NE(daemon.Leftovers(), "") << "the converter was at work";
+  daemon.LiveAndDie({Situation::kBrokerAbsent, 100ms});
+  EXPECT_EQ(daemon.Leftovers(), "") << "cleared away at the start";
+  daemon.LiveAndDie({Situation::kLoaded, 300ms});
+  EXPECT_EQ(daemon.Leftovers(), "") << "and at the end of one that ended in order";
 }
 
 }  // namespace

@@ -1,8 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <functional>
 #include <latch>
 #include <thread>
 
@@ -13,15 +16,29 @@
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
+namespace {
+
+/// Runs before the next sync of a file.
+std::function<void()> on_sync;
+
+}  // namespace
+
+// In the place of the library's.
+extern "C" int fsync(int fd) {
+  if (const auto hook = on_sync) hook();
+  return static_cast<int>(::syscall(SYS_fsync, fd));
+}
+
 namespace varnel::hal_adapter {
 namespace {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-/// Writes its arguments beside itself and copies its input (argument 11) to
-/// its output.
+/// Writes its arguments and what it can tell of its directory beside itself and copies its input
+/// (argument 11) to its output.
 constexpr const char* kConverter = R"(echo "$*" > "$0.args"
+stat -c %a . > "$0.mode"; ls -A "${0%/*}/out" > "$0.seen"
 for output; do :; done
 cp "${11}" "$output")";
 
@@ -31,16 +48,21 @@ class PhotoTest : public testing::Test {
     test::Fake() = {};
     registry_.multimedia.Register(&table_);
     fs::create_directory(dir_ / "out");
+    fs::create_directory(dir_ / "workshop");
     UseConverter(kConverter);
   }
-  ~PhotoTest() override { test::Fake() = {}; }
+  ~PhotoTest() override {
+    test::Fake() = {};
+    on_sync = {};
+    EXPECT_TRUE(fs::is_empty(dir_ / "workshop"));
+  }
 
   void UseConverter(const char* script) { converter_ = dir_.WriteScript("converter", script); }
   std::unique_ptr<MultimediaAdapter> Adapter() {
     return std::make_unique<MultimediaAdapter>(
         MultimediaSetup{.init = [] { return kHalSuccess; },
                         .has_space = [this](const fs::path&) { return has_space_; },
-                        .paths = {converter_, raw_frame_},
+                        .paths = {converter_, raw_frame_, dir_ / "workshop"},
                         .registry = &registry_,
                         .clock = &clock_});
   }
@@ -119,8 +141,10 @@ TEST_F(PhotoTest, ConvertsToTheEndingsOfPictures) {
     EXPECT_EQ(Take(Out(name)), PhotoStatus::kSuccess);
     EXPECT_EQ(test::ReadFile(Out(name)), std::string(16, 'x'));
     EXPECT_THAT(test::ReadFile(dir_ / "converter.args"),
-                testing::MatchesRegex("-y -v error -f rawvideo .* -frames:v 1 \\.[^/%]*\\" +
+                testing::MatchesRegex("-y -v error -f rawvideo .* -frames:v 1 [^/%]*\\" +
                                       fs::path(name).extension().string() + "\n"));
+    EXPECT_EQ(test::ReadFile(dir_ / "converter.mode"), "700\n") << "nobody plants a link there";
+    EXPECT_THAT(test::ReadFile(dir_ / "converter.seen"), testing::Not(testing::HasSubstr(".v")));
   }
   EXPECT_TRUE(log_.Has("HALMM",
                        "Photo: size is 16, timestamp is 1234ms, width and height is "
@@ -177,6 +201,46 @@ TEST_F(PhotoTest, TheRawFrameFollowsNoPlantedLinkAndIsPrivate) {
   raw_frame_ = dir_ / "missing/capture.bin";
   EXPECT_EQ(Take(Out("q.jpg")), PhotoStatus::kConversionFailed);
   EXPECT_TRUE(log_.Has("HALMM", "Failed to open output file"));
+}
+
+TEST_F(PhotoTest, ADirectoryThatIsSwappedDuringThePhotoLeadsNowhereElse) {
+  fs::create_directory(dir_ / "system");
+  std::unique_ptr<MultimediaAdapter> adapter = Adapter();
+  ASSERT_TRUE(adapter->Start());
+  for (const char* name : {"p.jpg", "p.raw"}) {
+    std::error_code error;
+    const auto place = utils::FilePlace::Of(Out(name), error);
+    ASSERT_TRUE(place);
+    test::Fake().on_photo = [&] {
+      fs::rename(dir_ / "out", dir_ / "away");
+      fs::create_directory_symlink(dir_ / "system", dir_ / "out");
+    };
+    EXPECT_EQ(adapter->TakePhoto(*place), PhotoStatus::kNotWritable);
+    fs::remove(dir_ / "out");
+    fs::rename(dir_ / "away", dir_ / "out");
+  }
+  EXPECT_TRUE(fs::is_empty(dir_ / "system"));
+  EXPECT_EQ(FilesInOut(), 0u);
+}
+
+TEST_F(PhotoTest, ADriveThatIsSlowToSyncKeepsNobodyFromTheCamera) {
+  std::unique_ptr<MultimediaAdapter> adapter = Adapter();
+  ASSERT_TRUE(adapter->Start());
+  std::latch syncing{1};
+  std::latch synced{1};
+  on_sync = [&] {
+    on_sync = {};
+    syncing.count_down();
+    synced.wait();
+  };
+  std::jthread slow([&] { EXPECT_EQ(adapter->TakePhoto(Out("a.jpg")), PhotoStatus::kSuccess); });
+  syncing.wait();
+  EXPECT_EQ(adapter->TakePhoto(Out("b.jpg")), PhotoStatus::kSuccess);
+  EXPECT_FALSE(fs::exists(Out("a.jpg")));
+  EXPECT_EQ(FilesInOut(), 1u) << "what is not whole has no name";
+  synced.count_down();
+  slow.join();
+  EXPECT_EQ(FilesInOut(), 2u);
 }
 
 TEST_F(PhotoTest, CallersAreServedOneAfterAnother) {

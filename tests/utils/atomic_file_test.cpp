@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <csignal>
 
 #include "support/temp_dir.h"
 #include "utils/free_space.h"
+#include "utils/private_directory.h"
+#include "utils/temporary_name.h"
 
 namespace varnel::utils {
 namespace {
@@ -60,58 +63,44 @@ TEST(AtomicFileTest, FailureKeepsTheOldFileAndLeavesNoTemporary) {
   EXPECT_EQ(FilesIn(dir.Path()), 2U);
 }
 
-TEST(ReplacementFileTest, CommitPublishesAndDestructionDiscards) {
-  const TempDir dir;
-  const fs::path target = dir.Write("photo.jpg", "old");
-  std::error_code error;
-  {
-    auto discarded = ReplacementFile::Create(target, 0644, error);
-    ASSERT_TRUE(discarded);
-    EXPECT_EQ(discarded->TemporaryPath().extension(), ".jpg");
-    EXPECT_EQ(discarded->TemporaryPath().parent_path(), dir.Path());
-    const ReplacementFile moved = std::move(*discarded);
-    EXPECT_EQ(FilesIn(dir.Path()), 2U);
-  }
-  EXPECT_EQ(FilesIn(dir.Path()), 1U);
-  {
-    auto committed = ReplacementFile::Create(target, 0644, error);
-    ASSERT_TRUE(committed);
-    std::ofstream(committed->TemporaryPath()) << "new";
-    EXPECT_FALSE(committed->Commit());
-  }
-  EXPECT_EQ(ReadFile(target), "new");
-  EXPECT_EQ(ModeOf(target), 0644U);
-  EXPECT_EQ(FilesIn(dir.Path()), 1U);
-}
-
-TEST(ReplacementFileTest, TheTemporaryHasTheEndingWhereverItsNameFits) {
-  const TempDir dir;
-  const std::string longest = "a." + std::string(253, 'n');
-  const std::pair<std::string, std::string> cases[] = {
-      {"p.b.png", ".png"}, {".jpg", ".jpg"}, {"p", ""}, {"p.", "."}, {longest, ""}};
-  for (const auto& [name, ending] : cases) {
-    std::error_code error;
-    const auto file = ReplacementFile::Create(dir / name, 0644, error);
-    ASSERT_TRUE(file) << name << ": " << error.message();
-    EXPECT_EQ(file->TemporaryPath().filename().string().substr(14), ending);
-  }
-  EXPECT_FALSE(WriteFileAtomically(dir / longest, "x"));
-  EXPECT_EQ(FileEnding(longest), longest.substr(1));
-}
-
-TEST(ReplacementFileTest, FailuresAreErrors) {
+TEST(PrivateDirectoryTest, WhatAProgramWroteIsPublishedAndTheRestGoes) {
   const TempDir dir;
   std::error_code error;
-  EXPECT_FALSE(ReplacementFile::Create(dir / "missing/x.jpg", 0644, error));
+  EXPECT_FALSE(PrivateDirectory::Create(dir / "missing", error));
   EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+  {
+    auto made = PrivateDirectory::Create(dir.Path(), error);
+    ASSERT_TRUE(made) << error.message();
+    const PrivateDirectory moved = std::move(*made);
+    EXPECT_EQ(ModeOf(moved.PathOf(".")), 0700U);
+    std::ofstream(moved.PathOf("film")) << "new";
+    std::ofstream(moved.PathOf("rest")) << "rest";
+    fs::create_symlink("/etc/passwd", moved.PathOf("link"));
+    EXPECT_EQ(moved.Publish("link", "film", 0644), std::errc::too_many_symbolic_link_levels);
+    EXPECT_EQ(moved.Publish("none", "film", 0644), std::errc::no_such_file_or_directory);
+    EXPECT_FALSE(moved.Publish("film", "film", 0644));
+  }
+  EXPECT_EQ(ReadFile(dir / "film"), "new");
+  EXPECT_EQ(ModeOf(dir / "film"), 0644U);
+  EXPECT_EQ(FilesIn(dir.Path()), 1U);
+}
 
-  auto file = ReplacementFile::Create(dir / "x.jpg", 0644, error);
-  ASSERT_TRUE(file);
-  fs::remove(file->TemporaryPath());
-  EXPECT_EQ(file->Commit(), std::errc::no_such_file_or_directory);
-  fs::create_symlink("/etc/passwd", file->TemporaryPath());
-  EXPECT_EQ(file->Commit(), std::errc::too_many_symbolic_link_levels);
-  EXPECT_FALSE(fs::exists(dir / "x.jpg"));
+TEST(TemporaryNameTest, OnlyWhatIsOursIsALeftover) {
+  const TempDir dir;
+  dir.Write("victim/kept", "x");
+  dir.Write(".varnel-abcdef.jpg", "x");
+  dir.Write(".varnel-abcdeg/film", "x");
+  dir.Write(".varnelabc", "a client's");
+  fs::create_directory_symlink(dir / "victim", dir / ".varnel-abcdeh");
+  size_t left = 2;
+  if (::geteuid() == 0) {
+    const fs::path foreign = dir.Write(".varnel-abcdei", "another user's");
+    ASSERT_EQ(::chown(foreign.c_str(), 65534, 65534), 0);
+    ++left;
+  }
+  RemoveLeftovers(dir.Path());
+  EXPECT_EQ(FilesIn(dir.Path()), left);
+  EXPECT_EQ(ReadFile(dir / "victim/kept"), "x");
 }
 
 TEST(ReadSmallFileTest, ReadsRegularFilesUpToTheLimit) {

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <fstream>
 
+#include "support/eventually.h"
 #include "support/temp_dir.h"
 #include "utils/safe_exec.h"
 
@@ -19,34 +20,46 @@ SafeExec Shell(const std::string& script) {
   return command;
 }
 
-/// A pipe that a child tells its start through; its end comes when nobody holds it any more.
-std::string MakeFifo(const std::string& path) {
-  EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0);
-  return path;
-}
+/// A child that tells its start through a pipe; the pipe's end comes when it lives no more.
+class ToldChild {
+ public:
+  ToldChild(const std::string& pipe, const std::string& rest)
+      : command_(Shell("exec 3>" + pipe + "; echo $$ >&3; " + rest)), pipe_(pipe) {
+    EXPECT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  }
+  pid_t Start(bool outlives_us) {
+    if (outlives_us) command_.OutliveUs();
+    result_ = command_.ExecuteAsync();
+    from_.open(pipe_);
+    pid_t pid = 0;
+    EXPECT_TRUE(from_ >> pid);
+    return pid;
+  }
+  bool Lives() {
+    std::string word;
+    return static_cast<bool>(from_ >> word);
+  }
+  int ExitCode() { return result_.get().exit_code; }
+
+ private:
+  SafeExec command_;
+  const std::string pipe_;
+  std::ifstream from_;
+  std::future<SafeExec::Result> result_;
+};
 
 void EndOneOfTwo() {
   const test::TempDir directory;
-  const std::string bound = MakeFifo(directory / "bound");
-  const std::string free = MakeFifo(directory / "free");
-  SafeExec leaves = Shell("exec 3>" + bound + "; echo up >&3; sleep 1000 & wait");
-  SafeExec stays = Shell("exec 3>" + free + "; echo $$ >&3; exec sleep 1000");
-  stays.OutliveUs();
-  auto left = leaves.ExecuteAsync();
-  auto stayed = stays.ExecuteAsync();
-  std::ifstream from_bound(bound);
-  std::ifstream from_free(free);
-  std::string word;
-  pid_t survivor = 0;
-  ASSERT_TRUE(from_bound >> word);
-  ASSERT_TRUE(from_free >> survivor);
-
+  ToldChild bound(directory / "bound", "sleep 1000 & wait");
+  ToldChild free(directory / "free", "exec sleep 1000");
+  (void)bound.Start(false);
+  const pid_t survivor = free.Start(true);
   EndChildren();
-  EXPECT_FALSE(from_bound >> word) << "its own child holds the pipe as well";
-  EXPECT_EQ(left.get().exit_code, 128 + SIGKILL);
+  EXPECT_FALSE(bound.Lives()) << "its own child holds the pipe as well";
+  EXPECT_EQ(bound.ExitCode(), 128 + SIGKILL);
   EXPECT_THROW((void)SafeExec("/bin/true").Execute(), SafeExecException);
   ::kill(survivor, SIGTERM);
-  EXPECT_EQ(stayed.get().exit_code, 128 + SIGTERM);
+  EXPECT_EQ(free.ExitCode(), 128 + SIGTERM);
 }
 
 TEST(ChildRegistryDeathTest, ChildrenEndWithUsUnlessTheyAreToOutliveUs) {
@@ -56,6 +69,27 @@ TEST(ChildRegistryDeathTest, ChildrenEndWithUsUnlessTheyAreToOutliveUs) {
         ::_exit(testing::Test::HasFailure() ? 1 : 0);
       },
       testing::ExitedWithCode(0), "");
+}
+
+TEST(ChildRegistryDeathTest, AKillThatCannotBeHandledEndsThemAsWell) {
+  const test::TempDir directory;
+  EXPECT_EXIT(
+      {
+        ToldChild bound(directory / "bound", "exec sleep 1000");
+        ToldChild free(directory / "free", "exec sleep 1000");
+        std::ofstream(directory / "pids") << bound.Start(false) << ' ' << free.Start(true);
+        ::kill(::getpid(), SIGKILL);
+      },
+      testing::KilledBySignal(SIGKILL), "");
+  pid_t bound = 0;
+  pid_t survivor = 0;
+  std::ifstream(directory / "pids") >> bound >> survivor;
+  const auto ended = [bound] {
+    const std::string state = test::ReadFile("/proc/" + std::to_string(bound) + "/stat");
+    return state.empty() || state.find(") Z") != std::string::npos;
+  };
+  EXPECT_TRUE(test::Eventually(ended));
+  EXPECT_EQ(::kill(survivor, SIGKILL), 0);
 }
 
 }  // namespace

@@ -2,8 +2,16 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <functional>
+
+#include "support/refuse_calls.h"
 #include "support/temp_dir.h"
+#include "utils/new_file.h"
+#include "utils/temporary_name.h"
 
 namespace varnel::utils {
 namespace {
@@ -26,14 +34,16 @@ class ClientPathTest : public testing::Test {
     fs::create_symlink(dir_ / "secret/key", dir_ / "data/link_to_key");
     rules_.forbidden.push_back(dir_ / "secret");
     rules_.forbidden.push_back(dir_ / "lib*");
-    rules_.own_state = {dir_ / "state_link", dir_ / "data/.version", dir_ / "data/to_data/later"};
+    rules_.own_places = {dir_ / "state_link", dir_ / "data/.version", dir_ / "data/to_data/later",
+                         dir_ / "data/.up-*", ""};
     rules_.forbidden.push_back(dir_ / "data/to_data/.hid*");
+    rules_.allowed = {"/"};
   }
 
   /// Relative to the test's directory; "-" when refused.
   std::string Resolve(const ClientPathPolicy& policy, const std::string& path) const {
     const auto resolved = policy.Resolve(path.starts_with('@') ? root_ + path.substr(1) : path);
-    return resolved ? resolved->lexically_relative(root_).string() : "-";
+    return resolved ? resolved->Path().lexically_relative(root_).string() : "-";
   }
 
   TempDir dir_;
@@ -41,7 +51,24 @@ class ClientPathTest : public testing::Test {
   ClientPathRules rules_;
 };
 
-TEST_F(ClientPathTest, EachPathIsJudgedByWhereItReallyLeads) {
+class ClientPathDeathTest : public ClientPathTest {
+ public:
+  void ExpectEachJudged() const;
+  void ExpectSwapsLeadNowhere() const;
+  /// In a process whose kernel lacks something.
+  void ExpectAsWellWithout(void (*refuse)(), void (ClientPathDeathTest::*expect)() const) const {
+    if (!test::CanRefuseCalls()) GTEST_SKIP() << "no seccomp";
+    EXPECT_EXIT(
+        {
+          refuse();
+          (this->*expect)();
+          ::_exit(HasFailure() ? 1 : 0);
+        },
+        testing::ExitedWithCode(0), "");
+  }
+};
+
+void ClientPathDeathTest::ExpectEachJudged() const {
   const struct {
     std::string path;
     std::string resolved;
@@ -82,6 +109,8 @@ TEST_F(ClientPathTest, EachPathIsJudgedByWhereItReallyLeads) {
       {"@data/.version", "-"},
       {"@data/to_data/.version", "-"},
       {"@data/.hidden", "-"},
+      {"@data/.up-12", "-"},
+      {"@data/.varnel-12", "-"},
       {"@data/later", "-"},
       {"/etc/cron.d/a", "-"},
       {"/tmp/../etc/a", "-"},
@@ -100,24 +129,73 @@ TEST_F(ClientPathTest, EachPathIsJudgedByWhereItReallyLeads) {
   }
 }
 
-TEST_F(ClientPathTest, AllowedListNarrowsAndDrivesStayAllowed) {
+TEST_F(ClientPathDeathTest, EachPathIsJudgedByWhereItReallyLeadsOnEachKernel) {
+  ExpectEachJudged();
+  ExpectAsWellWithout([] { test::RefuseCalls({SYS_openat2}, ENOSYS); },
+                      &ClientPathDeathTest::ExpectEachJudged);
+}
+
+TEST_F(ClientPathTest, ClientsWriteWhereTheMakerSaysAndToDrives) {
   rules_.allowed = {dir_ / "data/sub/"};
   rules_.forbidden.push_back(dir_ / "drive");
   static bool mounted = true;
-  rules_.is_mount_point = [](const fs::path&) { return mounted; };
-  ClientPathPolicy policy(rules_);
+  const auto drives = std::make_shared<ReportedDrives>([](const fs::path&) { return mounted; });
+  const ClientPathPolicy policy(rules_, drives);
   EXPECT_EQ(Resolve(policy, "@data/sub/a.jpg"), "data/sub/a.jpg");
   EXPECT_EQ(Resolve(policy, "@data/a.jpg"), "-");
   EXPECT_EQ(Resolve(policy, "@drive/a.jpg"), "-");
-  policy.AllowDirectory(dir_ / "drive");
-  EXPECT_EQ(Resolve(policy, "@drive/a.jpg"), "drive/a.jpg");
+  drives->Add(dir_ / "drive");
+  rules_.allowed = {};
+  const ClientPathPolicy drives_only(rules_, drives);
+  EXPECT_EQ(Resolve(drives_only, "@data/sub/a.jpg"), "-");
+  EXPECT_EQ(Resolve(drives_only, "@drive/a.jpg"), "drive/a.jpg");
   EXPECT_EQ(Resolve(policy, "@drive/../secret/a.jpg"), "-");
-  for (const char* nothing : {"", "/", "//", "drive"}) policy.AllowDirectory(nothing);
+  for (const char* nothing : {"", "/", "//", "drive"}) drives->Add(nothing);
   EXPECT_EQ(Resolve(policy, "@data/a.jpg"), "-");
   mounted = false;
   EXPECT_EQ(Resolve(policy, "@drive/a.jpg"), "-") << "unplugged";
   EXPECT_TRUE(IsMountPoint("/proc"));
   EXPECT_FALSE(IsMountPoint(dir_ / "drive"));
+}
+
+/// The place is judged and held; what its name leads to changes before the file is whole.
+void ClientPathDeathTest::ExpectSwapsLeadNowhere() const {
+  const ClientPathPolicy policy(rules_);
+  const auto write = [&](const std::string& path, const std::function<void()>& meanwhile) {
+    const auto place = policy.Resolve(root_ + path);
+    std::error_code error;
+    auto file = place ? NewFile::Create(*place, error) : std::nullopt;
+    if (!file) return std::make_error_code(std::errc::invalid_argument);
+    EXPECT_EQ(::write(file->Fd(), "new", 3), 3);
+    meanwhile();
+    return file->Publish(0644);
+  };
+  const auto nothing = [] {};
+  EXPECT_FALSE(write("data/file.jpg", nothing));
+  EXPECT_FALSE(write("data/sub/other.jpg", nothing));
+  EXPECT_EQ(test::ReadFile(dir_ / "data/file.jpg") + test::ReadFile(dir_ / "data/sub/other.jpg"),
+            "newnew");
+  EXPECT_EQ(fs::status(dir_ / "data/file.jpg").permissions(), fs::perms(0644));
+  EXPECT_EQ(write("data/sub/late", [&] { fs::create_directory(dir_ / "data/sub/late"); }),
+            std::errc::is_a_directory);
+  EXPECT_EQ(write("data/sub/swapped.jpg",
+                  [&] {
+                    fs::rename(dir_ / "data/sub", dir_ / "data/away");
+                    fs::create_directory_symlink(dir_ / "secret", dir_ / "data/sub");
+                  }),
+            std::errc::no_such_file_or_directory);
+  EXPECT_TRUE(fs::is_empty(dir_ / "secret"));
+  EXPECT_FALSE(fs::exists(dir_ / "data/away/swapped.jpg"));
+  for (const auto& entry : fs::recursive_directory_iterator(dir_.Path()))
+    EXPECT_FALSE(entry.path().filename().string().starts_with(kTemporaryPrefix)) << entry.path();
+  fs::remove(dir_ / "data/sub");
+  fs::rename(dir_ / "data/away", dir_ / "data/sub");
+  fs::remove(dir_ / "data/sub/late");
+}
+
+TEST_F(ClientPathDeathTest, ASwapAfterTheJudgementWritesNowhereElse) {
+  ExpectSwapsLeadNowhere();
+  ExpectAsWellWithout(test::RefuseFilesWithoutNames, &ClientPathDeathTest::ExpectSwapsLeadNowhere);
 }
 
 }  // namespace

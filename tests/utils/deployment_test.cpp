@@ -43,13 +43,15 @@ TEST(DeploymentTest, EachMistakeGivesOneWarningAndTheDefaultAndNoFileNone) {
   {
     const LogCapture log;
     EXPECT_EQ(LoadDeployment(dir / "missing.json").min_free_space_mib, 64U);
+    const auto none = LoadDeployment(dir.Write("d.json", R"({"client_write_directories": []})"));
+    EXPECT_TRUE(none.client_write_directories.empty());
     EXPECT_EQ(log.Text(), "");
   }
   for (const auto& test : cases) {
     const LogCapture log;
     const Deployment deployment = LoadDeployment(dir.Write("d.json", test.content));
     EXPECT_EQ(deployment.min_free_space_mib, 64U);
-    EXPECT_TRUE(deployment.client_write_directories.empty());
+    EXPECT_THAT(deployment.client_write_directories, testing::ElementsAre("/userdata", "/tmp"));
     EXPECT_EQ(deployment.identity_device, "/dev/mmcblk0");
     EXPECT_EQ(deployment.identity_offset, 26'624U);
     EXPECT_EQ(deployment.identity_key_file, "");

@@ -2,10 +2,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <poll.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -21,12 +18,15 @@
 #include <thread>
 #include <vector>
 
+#include "support/refuse_calls.h"
 #include "support/temp_dir.h"
 
 namespace varnel::utils {
 namespace {
 
 using namespace std::chrono_literals;
+using test::CanRefuseCalls;
+using test::RefuseCalls;
 using test::TempDir;
 
 SafeExec Shell(const std::string& script) {
@@ -207,26 +207,6 @@ TEST(SafeExecTest, ToStringQuotesEachArgumentAndAnEmptyProgramIsRefused) {
               testing::ThrowsMessage<SafeExecException>("Program path cannot be empty"));
   EXPECT_EQ(SafeExec("/bin/x").AddArg("a b").AddArg("say \"hi\"").AddArg("").ToString(),
             R"(/bin/x "a b" "say \"hi\"" "")");
-}
-
-/// False under an emulator of user programs.
-bool CanRefuseCalls() {
-  return ::prctl(PR_GET_SECCOMP, 0, 0, 0, 0) >= 0;
-}
-
-/// Lets the named system calls fail for the rest of this process.
-void RefuseCalls(std::initializer_list<unsigned> calls, unsigned error) {
-  std::vector<sock_filter> program = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 0)};
-  for (const unsigned call : calls) {
-    program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1));
-    program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error));
-  }
-  program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-  const sock_fprog filter = {static_cast<unsigned short>(program.size()), program.data()};
-  if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-      ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0) {
-    ::_exit(99);
-  }
 }
 
 void LimitDescriptors(rlim_t count) {

@@ -47,6 +47,7 @@ json PhotoAnswer(PhotoStatus status) {
 CameraService::CameraService(comms::CommsManager& comms, Setup setup)
     : comms_(comms),
       take_photo_(std::move(setup.take_photo)),
+      take_client_photo_(std::move(setup.take_client_photo)),
       paths_(*setup.paths),
       clock_(*setup.clock),
       timelapses_(
@@ -132,12 +133,12 @@ json CameraService::TakeDebugPhoto(const json& params) {
   const std::optional<std::string> path = request ? DebugPhotoPath(*request) : std::nullopt;
   if (!path) return InvalidCameraParams(kTakePhoto);
   if (path->empty()) return PhotoAnswer(take_photo_(""));
-  const std::optional<std::filesystem::path> target = paths_.Resolve(*path);
-  if (!target) {
+  const std::optional<utils::FilePlace> place = paths_.Resolve(*path);
+  if (!place) {
     VLOG_WARN(kTag, "Clients may not write to {}", utils::LogText(*path));
     return MakeError(comms::kInvalidRequest, "Invalid Request");
   }
-  return PhotoAnswer(take_photo_(target->string()));
+  return PhotoAnswer(take_client_photo_(*place));
 }
 
 json CameraService::ReqCallbackCameraServiceGetStatus(const json&) {

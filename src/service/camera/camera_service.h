@@ -20,9 +20,13 @@ class CameraService {
   /// thread.
   using TakePhoto = std::function<hal_adapter::PhotoStatus(const std::string& path)>;
 
+  /// The same to where a client wants it.
+  using TakeClientPhoto = std::function<hal_adapter::PhotoStatus(const utils::FilePlace& place)>;
+
   /// What the service is built from; the defaults are the board's.
   struct Setup {
     TakePhoto take_photo;
+    TakeClientPhoto take_client_photo;
     const utils::ClientPathPolicy* paths = nullptr;  ///< must outlive the service
     TimelapsePaths timelapse_paths = {};
     PrintAnalyser* analyser = nullptr;  ///< none: detections fail; must outlive the service
@@ -58,6 +62,7 @@ class CameraService {
 
   comms::CommsManager& comms_;
   const TakePhoto take_photo_;
+  const TakeClientPhoto take_client_photo_;
   const utils::ClientPathPolicy& paths_;
   utils::Clock& clock_;
   TimelapseService timelapses_;

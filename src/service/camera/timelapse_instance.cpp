@@ -14,6 +14,7 @@
 #include "utils/directory_entries.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
+#include "utils/temporary_name.h"
 
 namespace varnel::service {
 namespace {
@@ -49,7 +50,7 @@ std::optional<uint32_t> SegmentNumber(const std::string& name) {
 }
 
 bool IsHalfWritten(const std::string& name) {
-  return name.starts_with(".varnel-");
+  return name.starts_with(utils::kTemporaryPrefix);
 }
 
 bool IsTemporary(const std::string& name) {
@@ -152,7 +153,7 @@ void TimelapseInstance::RemoveFiles(
   if (error) VLOG_WARN(kTag, "Remove file failed, reason: {}", error.message());
   for (const auto& entry : entries) {
     if (!unwanted(entry.path().filename().string())) continue;
-    fs::remove(entry.path(), error);
+    fs::remove_all(entry.path(), error);
     if (error) VLOG_WARN(kTag, "Remove file failed, reason: {}", error.message());
   }
 }

@@ -44,7 +44,6 @@ class TimelapseInstance {
   std::filesystem::path CoverSegment() const;
   std::filesystem::path SegmentList() const { return directory_ / "filelist.txt"; }
   std::filesystem::path AllSegmentsList() const { return directory_ / "allfilelist.txt"; }
-  std::filesystem::path Progress() const { return directory_ / "progress.txt"; }
   std::filesystem::path Thumbnail() const { return directory_ / "thumbnail.jpg"; }
   std::filesystem::path ThumbnailBase64() const { return directory_ / "thumbnail_base64.txt"; }
   std::filesystem::path Video(size_t frames) const;

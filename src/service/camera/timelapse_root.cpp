@@ -70,7 +70,7 @@ std::string TimelapseRoot::FreeIndex() const {
 bool TimelapseRoot::Build(const fs::path& directory, const TimelapseSettings& settings) const {
   std::error_code error;
   fs::remove_all(directory, error);
-  fs::create_directory(directory, error);
+  error = utils::MakeDirectories(directory);
   if (!error) error = SaveTimelapseSettings(settings, directory / "config.json");
   if (error) {
     VLOG_ERROR(kTag, "Create working directory {} failed, reason: {}", directory.string(),

@@ -7,6 +7,7 @@
 #include "utils/directory_entries.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
+#include "utils/temporary_name.h"
 
 namespace varnel::service {
 namespace {
@@ -15,7 +16,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* kTag = "CAMSRV";
 
-/// Names that an interrupted replacement of a file or link left in a directory.
+/// Files that an interruption left in a directory of ours.
 void RemoveMatching(const fs::path& directory, std::string_view part) {
   std::error_code error;
   for (const auto& entry : utils::DirectoryEntries(directory, error)) {
@@ -41,9 +42,8 @@ TimelapseService::TimelapseService(TimelapsePaths paths, Timelapse::TakePhotoTo 
       films_(finisher_) {}
 
 void TimelapseService::RemoveTemporaryNames() const {
-  RemoveMatching(paths_.root, ".varnel-");
-  RemoveMatching(paths_.web, ".varnel-timelapse_");
-  RemoveMatching(paths_.web, ".varnel-thumbnail_");
+  utils::RemoveLeftovers(paths_.root);
+  utils::RemoveLeftovers(paths_.web);
   RemoveMatching(paths_.upload, "_timelapse_enc");
 }
 

@@ -8,7 +8,6 @@
 #include <optional>
 #include <system_error>
 
-#include "utils/atomic_file.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 
@@ -68,16 +67,23 @@ bool HasContent(const fs::path& file) {
   return !error && size > 0;
 }
 
-/// A place for the output that no other run knows, not even one that a killed daemon left behind.
-std::optional<utils::ReplacementFile> Output(const fs::path& target) {
+/// A place for the output that nobody else can reach, not even a run that a killed daemon left
+/// behind.
+std::optional<utils::PrivateDirectory> Output(const fs::path& target) {
   std::error_code error;
-  auto output = utils::ReplacementFile::Create(target, kFileMode, error);
-  if (!output) VLOG_ERROR(kTag, "{} cannot be written: {}", target.string(), error.message());
+  auto output = utils::PrivateDirectory::Create(target.parent_path(), error);
+  if (error) VLOG_ERROR(kTag, "{} cannot be written: {}", target.string(), error.message());
   return output;
 }
 
-bool PutInPlace(utils::ReplacementFile& output, const fs::path& target) {
-  const std::error_code error = output.Commit();
+/// What the encoder wrote under the target's name.
+bool HasContent(const utils::PrivateDirectory& output, const fs::path& target) {
+  return HasContent(output.PathOf(target.filename()));
+}
+
+bool PutInPlace(const utils::PrivateDirectory& output, const fs::path& target) {
+  const std::string name = target.filename();
+  const std::error_code error = output.Publish(name, name, kFileMode);
   if (error) VLOG_ERROR(kTag, "{} cannot be written: {}", target.string(), error.message());
   return !error;
 }
@@ -135,10 +141,11 @@ EncoderRun VideoEncoder::Encode(const fs::path& photo, uint32_t frame_rate, cons
                                "-profile:v", "high", "-crf", "18", "-preset", "veryfast"}) {
     command.AddArg(argument);
   }
-  command.AddArg(output->TemporaryPath()).SetTimeout(paths_.frame_limit_ms);
+  command.AddArg(segment.filename()).SetWorkingDir(output->Fd());
+  command.SetTimeout(paths_.frame_limit_ms);
   const EncoderRun run = Run(command, failure, "Execute fatal error");
   if (run != EncoderRun::kDone) return run;
-  if (!HasContent(output->TemporaryPath())) return EncoderRun::kFailed;
+  if (!HasContent(*output, segment)) return EncoderRun::kFailed;
   return PutInPlace(*output, segment) ? EncoderRun::kDone : EncoderRun::kNotRun;
 }
 
@@ -163,23 +170,25 @@ bool VideoEncoder::MakeThumbnail(const fs::path& photo, const fs::path& thumbnai
                                "crop=1200:900:390:180,scale=120:90"}) {
     command.AddArg(argument);
   }
-  command.AddArg(output->TemporaryPath()).SetTimeout(paths_.frame_limit_ms);
+  command.AddArg(thumbnail.filename()).SetWorkingDir(output->Fd());
+  command.SetTimeout(paths_.frame_limit_ms);
   NewLog(command, log);
   return Run(command, "Generate thumbnail failed, exit code", "Execute fatal error") ==
              EncoderRun::kDone &&
-         HasContent(output->TemporaryPath()) && PutInPlace(*output, thumbnail);
+         HasContent(*output, thumbnail) && PutInPlace(*output, thumbnail);
 }
 
-bool VideoEncoder::Join(const fs::path& list, const fs::path& progress, const fs::path& video,
+bool VideoEncoder::Join(const fs::path& list, const utils::PrivateDirectory& output,
                         const fs::path& log, size_t frames) const {
   if (!Available()) return false;
-  ::unlink(progress.c_str());
+  ::unlinkat(output.Fd(), kProgressName, 0);
   utils::SafeExec command = Ffmpeg();
   for (const char* argument : {"-y", "-f", "concat", "-safe", "0", "-i", list.c_str(), "-c", "copy",
-                               "-progress", progress.c_str(), video.c_str()}) {
+                               "-progress", kProgressName, kFilmName}) {
     command.AddArg(argument);
   }
-  command.SetTimeout(LimitFor(paths_.join_limit_ms, kJoinFrameMs, frames));
+  command.SetWorkingDir(output.Fd())
+      .SetTimeout(LimitFor(paths_.join_limit_ms, kJoinFrameMs, frames));
   NewLog(command, log);
   return Run(command, "Generate video failed, exit code", "Generate video fatal error") ==
          EncoderRun::kDone;

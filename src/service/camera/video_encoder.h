@@ -7,6 +7,7 @@
 #include <string>
 
 #include "service/camera/timelapse_paths.h"
+#include "utils/private_directory.h"
 #include "utils/safe_exec.h"
 
 namespace varnel::service {
@@ -19,8 +20,9 @@ enum class EncoderRun {
   kNotRun,  ///< not started or killed, or there was no place for the output: tells nothing
 };
 
-/// The runs of ffmpeg and ffprobe, each at the lowest priority and with a time limit. An output is
-/// put in place only when the run was successful. Thread-safe.
+/// The runs of ffmpeg and ffprobe, each at the lowest priority and with a time limit. They write
+/// only into private directories; an output is put in place when the run was successful.
+/// Thread-safe.
 class VideoEncoder {
  public:
   explicit VideoEncoder(const TimelapsePaths& paths);
@@ -35,10 +37,12 @@ class VideoEncoder {
   [[nodiscard]] bool MakeThumbnail(const std::filesystem::path& photo,
                                    const std::filesystem::path& thumbnail,
                                    const std::filesystem::path& log) const;
-  /// Joins the listed segments into `video` as they are; `progress` tells how far it is.
-  [[nodiscard]] bool Join(const std::filesystem::path& list, const std::filesystem::path& progress,
-                          const std::filesystem::path& video, const std::filesystem::path& log,
-                          size_t frames) const;
+  /// Joins the listed segments as they are; the film and how far it is appear in `output` under
+  /// the names below.
+  [[nodiscard]] bool Join(const std::filesystem::path& list, const utils::PrivateDirectory& output,
+                          const std::filesystem::path& log, size_t frames) const;
+  static constexpr const char* kFilmName = "film.mp4";
+  static constexpr const char* kProgressName = "progress.txt";
   /// Decodes the whole video; kFailed when it does not play.
   [[nodiscard]] EncoderRun Check(const std::filesystem::path& video,
                                  const std::filesystem::path& log, size_t frames) const;

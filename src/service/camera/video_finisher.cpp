@@ -44,6 +44,11 @@ std::string LocalDate(int64_t seconds) {
   return fmt::format("{:04}-{:02}-{:02}", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday);
 }
 
+bool ReportUnwritable(const fs::path& film, const std::error_code& error) {
+  VLOG_ERROR(kTag, "{} cannot be written: {}", film.string(), error.message());
+  return false;
+}
+
 long SecondsBetween(utils::Clock::TimePoint start, utils::Clock::TimePoint end) {
   return static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(end - start).count());
 }
@@ -205,35 +210,29 @@ bool VideoFinisher::HasRoomFor(const Film& film) const {
   return false;
 }
 
-bool VideoFinisher::TryJoin(const TimelapseInstance& instance, const Film& film) const {
-  std::error_code error;
-  auto output = utils::ReplacementFile::Create(film.path, kVideoMode, error);
-  if (!output) {
-    VLOG_ERROR(kTag, "{} cannot be written: {}", film.path.string(), error.message());
-    return false;
-  }
+bool VideoFinisher::TryJoin(const TimelapseInstance& instance, const Film& film,
+                            const utils::PrivateDirectory& output) const {
+  const fs::path joined_film = output.PathOf(VideoEncoder::kFilmName);
   const auto start = clock_.Now();
-  if (!encoder_.Join(instance.AllSegmentsList(), instance.Progress(), output->TemporaryPath(),
-                     instance.Log("gen_video.log"), film.frames)) {
+  if (!encoder_.Join(instance.AllSegmentsList(), output, instance.Log("gen_video.log"),
+                     film.frames)) {
     return false;
   }
   // A segment that cannot be opened ends the film there, and all the same the run is a success.
-  const std::optional<size_t> frames = encoder_.FrameCount(output->TemporaryPath());
+  const std::optional<size_t> frames = encoder_.FrameCount(joined_film);
   if (frames != film.frames) {
     VLOG_ERROR(kTag, "Generate video: {} of {} frames were joined", frames.value_or(0),
                film.frames);
     return false;
   }
   const auto joined = clock_.Now();
-  if (encoder_.Check(output->TemporaryPath(), instance.Log("check_video.log"), film.frames) !=
+  if (encoder_.Check(joined_film, instance.Log("check_video.log"), film.frames) !=
       EncoderRun::kDone) {
     return false;
   }
-  error = output->Commit();
-  if (error) {
-    VLOG_ERROR(kTag, "{} cannot be written: {}", film.path.string(), error.message());
-    return false;
-  }
+  const std::error_code error =
+      output.Publish(VideoEncoder::kFilmName, film.path.filename(), kVideoMode);
+  if (error) return ReportUnwritable(film.path, error);
   VLOG_INFO(kTag, "Generate video and check success, time consumption {}s and {}s.",
             SecondsBetween(start, joined), SecondsBetween(joined, clock_.Now()));
   return true;
@@ -251,11 +250,15 @@ bool VideoFinisher::MendSegments(const TimelapseInstance& instance, Film& film) 
 }
 
 bool VideoFinisher::JoinAndCheck(const TimelapseInstance& instance, Film& film) const {
+  std::error_code error;
+  const auto output = utils::PrivateDirectory::Create(instance.Directory(), error);
+  if (!output) return ReportUnwritable(film.path, error);
   const GenerationProgress progress(
-      instance.Progress(), film.frames, [this](int percent) { NotifyProgress(percent); }, clock_);
+      output->PathOf(VideoEncoder::kProgressName), film.frames,
+      [this](int percent) { NotifyProgress(percent); }, clock_);
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
     if (attempt == kAttempts && !MendSegments(instance, film)) return false;
-    if (TryJoin(instance, film)) return true;
+    if (TryJoin(instance, film, *output)) return true;
     VLOG_WARN(kTag, "The video generation might have failed, try {} time.", attempt);
   }
   return false;

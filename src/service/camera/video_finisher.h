@@ -75,7 +75,8 @@ class VideoFinisher {
   bool JoinAndCheck(const TimelapseInstance& instance, Film& film) const;
   bool MendSegments(const TimelapseInstance& instance, Film& film) const;
   bool HasRoomFor(const Film& film) const;
-  bool TryJoin(const TimelapseInstance& instance, const Film& film) const;
+  bool TryJoin(const TimelapseInstance& instance, const Film& film,
+               const utils::PrivateDirectory& output) const;
   nlohmann::json RecordOf(const TimelapseInstance& instance, const Film& film) const;
   void NotifyProgress(int percent) const;
   void NotifyCompleted(const nlohmann::json& params) const;

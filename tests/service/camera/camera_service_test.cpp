@@ -43,6 +43,11 @@ class CameraServiceTest : public testing::Test {
                                 taken_.push_back(path);
                                 return status_;
                               },
+                          .take_client_photo =
+                              [this](const utils::FilePlace& place) {
+                                taken_.push_back(place.Path());
+                                return status_;
+                              },
                           .paths = &paths_,
                           .timelapse_paths = {.root = dir_ / "store", .web = dir_ / "web"}}};
 };

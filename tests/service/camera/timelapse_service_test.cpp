@@ -1,7 +1,9 @@
 #include "service/camera/timelapse_service.h"
 
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <sched.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,10 +36,28 @@ class TimelapseServiceTest : public testing::Test, public TimelapseWorld {
     return count;
   }
 
+  /// As nobody who runs as another user could, if we may become one.
+  static bool IsReadableByOthers(const fs::path& file) {
+    if (::geteuid() != 0) return true;
+    const pid_t child = ::fork();
+    if (child == 0) {
+      const bool changed = ::setresgid(65534, 65534, 65534) == 0 && ::setgroups(0, nullptr) == 0 &&
+                           ::setresuid(65534, 65534, 65534) == 0;
+      ::_exit(changed && ::access(file.c_str(), R_OK) == 0 ? 0 : 1);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    return status == 0;
+  }
+
   test::LogCapture log_;
 };
 
-TEST_F(TimelapseServiceTest, AStoppedTimeLapseBecomesAFilm) {
+TEST_F(TimelapseServiceTest, AStoppedTimeLapseBecomesAFilmThatOthersMayRead) {
+  fs::permissions(dir_.Path(), fs::perms(0755));
+  const mode_t before = ::umask(0077);
+  // The programs write where nobody else can plant a link.
+  EncodeAs("[ \"$out\" = - ] || [ \"$(stat -c %a .)${out%/*}\" = \"700$out\" ] || exit 1");
   const auto service = Service();
   EXPECT_EQ(service->TakePhoto(), std::nullopt);
   EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kNothingRuns);
@@ -47,6 +67,9 @@ TEST_F(TimelapseServiceTest, AStoppedTimeLapseBecomesAFilm) {
   EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
   EXPECT_NE(service->Stop(), TimelapseService::StopResult::kStopped);
   EXPECT_EQ(Film(*service, index), "a3\na1\na2\na3\n") << "the last photo is the cover";
+  ::umask(before);
+  for (const std::string& link : {VideoLinkName(index), ThumbnailLinkName(index)})
+    EXPECT_TRUE(IsReadableByOthers(paths_.web / link)) << link;
   EXPECT_TRUE(Eventually([&] { return !service->IsRunning() && Completed() == 1; }));
   EXPECT_EQ(service->TakePhoto(), TimelapsePhoto::kNotActive);
   const auto item = service->Store().List({})["instances"][0];
@@ -66,13 +89,15 @@ TEST_F(TimelapseServiceTest, AnInterruptedPrintGoesOnWithAllItsFrames) {
   }
   // A photo that was answered and not encoded, one cut short, and a line of the list cut short.
   std::ofstream(paths_.root / index / "photo_00003.jpg") << "a3\n";
-  std::ofstream(paths_.root / index / ".varnel-abcdef.ts") << "half";
+  fs::create_directory(paths_.root / index / ".varnel-abcdef");
+  std::ofstream(paths_.root / index / ".varnel-abcdef/seg_00003.ts") << "half";
   std::ofstream(paths_.root / index / "filelist.txt", std::ios::app) << "file '/half";
   photos_ = 3;
   const auto service = Service();
   EXPECT_FALSE(service->IsRunning());
   EXPECT_TRUE(service->Continue());
   EXPECT_TRUE(service->Continue()) << "it goes on already";
+  EXPECT_FALSE(fs::exists(paths_.root / index / ".varnel-abcdef"));
   EXPECT_EQ(service->TakePhoto(), TimelapsePhoto::kTaken);
   EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
   EXPECT_EQ(Film(*service, index), "a4\na1\na2\na3\na4\n");

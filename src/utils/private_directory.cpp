@@ -1,0 +1,99 @@
+#include "utils/private_directory.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+
+#include "utils/directory_entries.h"
+#include "utils/temporary_name.h"
+
+namespace varnel::utils {
+namespace {
+
+std::error_code LastError() {
+  return {errno, std::generic_category()};
+}
+
+/// Somebody who may write to the parent could have put another in its place at once.
+bool IsOursAlone(int fd) {
+  struct stat info {};
+  return ::fstat(fd, &info) == 0 && info.st_uid == ::geteuid() && (info.st_mode & 0077U) == 0;
+}
+
+bool IsRegular(int fd) {
+  struct stat info {};
+  return ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+}
+
+}  // namespace
+
+std::optional<PrivateDirectory> PrivateDirectory::Create(const std::filesystem::path& parent,
+                                                         std::error_code& error) {
+  auto held = HeldDirectory::Open(parent, error);
+  if (!held) {
+    return std::nullopt;
+  }
+  PrivateDirectory made(std::move(*held));
+  const int directory = made.parent_.Fd();
+  std::string name;
+  if (MakeTemporary(
+          name, [directory](const char* free) { return ::mkdirat(directory, free, 0700); }) != 0) {
+    error = LastError();
+    return std::nullopt;
+  }
+  made.own_ = made.parent_.OpenIn(name, error);
+  if (made.own_ && !IsOursAlone(made.Fd())) {
+    made.own_.reset();
+    error = std::make_error_code(std::errc::permission_denied);
+  }
+  if (!made.own_) {
+    return std::nullopt;
+  }
+  made.name_ = std::move(name);
+  return made;
+}
+
+PrivateDirectory::~PrivateDirectory() {
+  if (own_ && own_->Fd() >= 0) {
+    Clear();
+    ::unlinkat(parent_.Fd(), name_.c_str(), AT_REMOVEDIR);
+  }
+}
+
+void PrivateDirectory::Clear() const {
+  std::error_code ignored;
+  for (const auto& entry : DirectoryEntries("/proc/self/fd/" + std::to_string(Fd()), ignored)) {
+    ::unlinkat(Fd(), entry.path().filename().c_str(), 0);
+  }
+}
+
+UniqueFd PrivateDirectory::OpenResult(const std::string& name, std::error_code& error) const {
+  UniqueFd file(
+      ::openat(Fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  error = file ? std::error_code() : LastError();
+  if (file && !IsRegular(file.Get())) {
+    error = std::make_error_code(std::errc::invalid_argument);
+    file.Reset();
+  }
+  return file;
+}
+
+std::error_code PrivateDirectory::Publish(const std::string& name, const std::string& target,
+                                          mode_t mode) const {
+  std::error_code error;
+  const UniqueFd file = OpenResult(name, error);
+  if (!file) {
+    return error;
+  }
+  if (::fchmod(file.Get(), mode) != 0 || ::fsync(file.Get()) != 0 ||
+      ::renameat(Fd(), name.c_str(), parent_.Fd(), target.c_str()) != 0) {
+    return LastError();
+  }
+  return parent_.Sync();
+}
+
+}  // namespace varnel::utils
