@@ -7,6 +7,7 @@
 #include "replay/report_json.h"
 #include "replay/report_text.h"
 #include "replay/sweep_plot.h"
+#include "utils/atomic_file.h"
 
 namespace varnel::replay {
 namespace {
