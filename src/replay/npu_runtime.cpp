@@ -8,16 +8,9 @@
 namespace varnel::replay {
 namespace {
 
-constexpr auto kQueryVersion = static_cast<service::RknnQuery>(5);
-
-struct VersionAnswer {
-  std::array<char, 256> runtime{};
-  std::array<char, 256> driver{};
-};
-static_assert(sizeof(VersionAnswer) == 512);
-
-std::string Text(const std::array<char, 256>& answer) {
-  return {answer.begin(), std::find(answer.begin(), answer.end(), '\0')};
+template <class Letters>
+std::string Text(const Letters& answer) {
+  return {std::begin(answer), std::find(std::begin(answer), std::end(answer), '\0')};
 }
 
 }  // namespace
@@ -35,8 +28,8 @@ std::optional<RuntimeVersion> AskVersion(const service::RknnLibrary& library,
   std::string path = network.string();
   service::RknnHandle handle = 0;
   if (api.init(&handle, path.data(), 0, 0, nullptr) != service::kRknnSuccess) return std::nullopt;
-  VersionAnswer answer;
-  const int code = api.query(handle, kQueryVersion, &answer, sizeof answer);
+  service::RuntimeVersions answer{};
+  const int code = api.query(handle, service::RknnQuery::kVersions, &answer, sizeof answer);
   api.destroy(handle);
   if (code != service::kRknnSuccess) return std::nullopt;
   return RuntimeVersion{Text(answer.runtime), Text(answer.driver)};
