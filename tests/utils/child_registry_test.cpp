@@ -84,6 +84,8 @@ TEST(ChildRegistryDeathTest, AKillThatCannotBeHandledEndsThemAsWell) {
   pid_t bound = 0;
   pid_t survivor = 0;
   std::ifstream(directory / "pids") >> bound >> survivor;
+  ASSERT_GT(bound, 0);
+  ASSERT_GT(survivor, 0);
   const auto ended = [bound] {
     const std::string state = test::ReadFile("/proc/" + std::to_string(bound) + "/stat");
     return state.empty() || state.find(") Z") != std::string::npos;
