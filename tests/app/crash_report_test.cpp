@@ -28,7 +28,7 @@ void closelog() {
   EXPECT_EQ(::write(STDERR_FILENO, "whole", 5), 5);
 }
 unsigned alarm(unsigned seconds) {
-  const itimerval limit{{}, {0, static_cast<suseconds_t>(seconds) * 10'000}};
+  const itimerval limit{{}, {0, static_cast<suseconds_t>(seconds) * 100'000}};
   ::setitimer(ITIMER_REAL, &limit, nullptr);
   return 0;
 }
