@@ -41,8 +41,8 @@ class FakePaho : public PahoAsyncApi {
     return MQTTASYNC_SUCCESS;
   }
   int Connect(MQTTAsync, const MQTTAsync_connectOptions& options) override {
-    ++connects;
     connect_options = options;
+    ++connects;  // last: the test waits for it
     return connect_code;
   }
   NameAddresses LookUp(const std::string& host) override {
