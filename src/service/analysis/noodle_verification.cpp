@@ -76,7 +76,10 @@ void VerifyResult(DetectionRun& run, Model& verifier, const Judgement& judgement
                result.box.right, result.box.bottom);
     return;
   }
-  const std::optional<float> value = ValueOf(verifier, crop.buffer, judgement);
+  // A run that failed for the result before has cost the network its context.
+  const bool ready = run.workspace.npu.Answers() && run.workspace.models.EnsureLoaded(verifier);
+  const std::optional<float> value =
+      ready ? ValueOf(verifier, crop.buffer, judgement) : std::nullopt;
   run.verified[index] = value;
   // A value that is no number passes no threshold.
   const bool rejected = value && !(*value >= judgement.threshold);

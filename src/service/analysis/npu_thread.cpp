@@ -112,7 +112,10 @@ bool NpuThread::Do(Job job) {
 }
 
 void NpuThread::DoInAnyCase(Job job) {
-  Start();
+  if (!thread_.joinable()) {  // it could not be started, so nothing of ours is on the NPU yet
+    Perform(job);
+    return;
+  }
   std::unique_lock lock(desk_->mutex);
   const uint64_t number = desk_->Add(std::move(job));
   if (!desk_->overdue) (void)desk_->Await(lock, number);
