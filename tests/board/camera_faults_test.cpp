@@ -2,6 +2,8 @@
 // the next photo works.
 #include <gmock/gmock.h>
 
+#include <array>
+
 #include "board/served_board.h"
 #include "support/temp_dir.h"
 #include "virtual_board/common/files.h"
@@ -156,16 +158,18 @@ TEST_F(CameraFaultsTest, FaultsLeaveNoDescriptorBehind) {
 
 TEST_F(CameraFaultsTest, NothingOfAnotherKindStandsBehindPhotosAndDetections) {
   board().SetCameraFaults("rate 10");
-  std::vector<json> slow;
-  for (int i = 0; i < 16; ++i) slow.push_back(served().PostPhoto("/userdata/never.nv12"));
-  for (int i = 0; i < 5; ++i) slow.push_back(served().rpc.Post("camera.detect_capture", nullptr));
+  std::array<json, 16> photos;
+  for (json& id : photos) id = served().PostPhoto("/userdata/never.nv12");
+  std::array<json, 5> detections;
+  for (json& id : detections) id = served().rpc.Post("camera.detect_capture", nullptr);
   for (const char* method : {"camera.get_status", "camera.get_timelapse_instance",
                              "camera.upload_timelapse_instance", "camera.stop_timelapse"}) {
     const auto id = served().rpc.Post(method, json::object());
     EXPECT_FALSE(served().rpc.Await(id, 1s).is_null()) << method;
   }
-  EXPECT_TRUE(served().rpc.Await(slow[15], 0s).is_null()) << "that was no question of patience";
-  for (const json& id : slow) EXPECT_FALSE(served().rpc.Await(id).is_null());
+  EXPECT_TRUE(served().rpc.Await(photos.back(), 0s).is_null()) << "they all went ahead of it";
+  for (const json& id : photos) EXPECT_FALSE(served().rpc.Await(id).is_null());
+  for (const json& id : detections) EXPECT_FALSE(served().rpc.Await(id).is_null());
   fs::remove(board().HostPath("/userdata/never.nv12"));
 }
 
