@@ -16,7 +16,7 @@ double LogSeconds(const std::string& text) {
   std::tm parts{};
   strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &parts);
   parts.tm_isdst = -1;
-  return static_cast<double>(std::mktime(&parts)) + std::stod("0" + text.substr(19));
+  return static_cast<double>(std::mktime(&parts)) + std::stod(text.substr(19));
 }
 
 }  // namespace

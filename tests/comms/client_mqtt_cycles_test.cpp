@@ -1,3 +1,4 @@
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -53,7 +54,7 @@ TEST(MqttCycles, AThousandConnectReconnectAndDestroyCycles) {
     (void)client->AddListener("t", [](const std::shared_ptr<MqttMessage>&) {});
     (void)client->Connect({.host = "127.0.0.1",
                            .port = ports[cycle % 4],
-                           .client_id = "c" + std::to_string(cycle),
+                           .client_id = fmt::format("c{}", cycle),
                            .connect_timeout_s = 1});
     std::this_thread::sleep_for(
         std::chrono::microseconds(random() % 4000));  // any moment of the attempt

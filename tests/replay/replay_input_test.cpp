@@ -1,4 +1,5 @@
 // What people give to a replay: the command line, a folder, labels.
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include <sstream>
@@ -137,7 +138,7 @@ TEST(ReplayLabelsTest, NamesTheFirstBadLine) {
       {R"({"picture": "a", "label": "item", "box": [0, 0, 1, 1e999]})", "no JSON object"},
   };
   for (const auto& [line, problem] : cases) {
-    std::istringstream lines("\n" + std::string(line) + "\n{}\n");
+    std::istringstream lines(fmt::format("\n{}\n{{}}\n", line));
     std::string error;
     EXPECT_FALSE(ReadLabels(lines, error));
     EXPECT_THAT(error, HasSubstr("line 2: "));
