@@ -88,16 +88,18 @@ void NpuThread::Desk::Done() {
 NpuThread::NpuThread(utils::Clock& clock) : desk_(std::make_shared<Desk>(clock)) {}
 
 NpuThread::~NpuThread() {
-  bool overdue = false;
+  bool busy = IsCaller();
   {
     const std::lock_guard lock(desk_->mutex);
     desk_->stopping = true;
-    overdue = desk_->overdue;
+    busy = busy || desk_->overdue;
   }
   desk_->changed.notify_all();
-  if (!overdue) return;
-  VLOG_WARN(kTag, "The NPU still does not answer, its thread is left behind");
-  thread_.detach();
+  if (busy) thread_.detach();
+}
+
+bool NpuThread::IsCaller() const {
+  return thread_.get_id() == std::this_thread::get_id();
 }
 
 void NpuThread::Start() {
@@ -106,12 +108,17 @@ void NpuThread::Start() {
 }
 
 bool NpuThread::Do(Job job) {
+  if (IsCaller()) {
+    job();
+    return true;
+  }
   Start();
   std::unique_lock lock(desk_->mutex);
   return !desk_->overdue && desk_->Await(lock, desk_->Add(std::move(job)));
 }
 
 void NpuThread::DoInAnyCase(Job job) {
+  if (IsCaller()) return job();
   if (!thread_.joinable()) {  // it could not be started, so nothing of ours is on the NPU yet
     Perform(job);
     return;

@@ -10,7 +10,8 @@
 namespace varnel::service {
 
 /// The one thread that calls the NPU's runtime, so that a call which never returns holds nobody
-/// else. It starts with its first job. Used by one caller at a time.
+/// else. It starts with its first job. Used by one caller at a time, and by its own jobs: what they
+/// ask it for is done at once.
 class NpuThread {
  public:
   /// Owns all that it needs: it may outlast its caller.
@@ -20,8 +21,8 @@ class NpuThread {
   static constexpr std::chrono::seconds kPatience{60};
 
   explicit NpuThread(utils::Clock& clock = utils::SystemClock::Instance());
-  /// Has the waiting jobs done and joins. While a job is overdue the thread is left to itself: it
-  /// ends when that job does.
+  /// Has the waiting jobs done and joins. While a job is overdue, or in a job, the thread is left
+  /// to itself: it ends when that job does.
   ~NpuThread();
   NpuThread(const NpuThread&) = delete;
   NpuThread& operator=(const NpuThread&) = delete;
@@ -40,6 +41,7 @@ class NpuThread {
  private:
   struct Desk;
   void Start();
+  [[nodiscard]] bool IsCaller() const;
 
   const std::shared_ptr<Desk> desk_;
   std::jthread thread_;

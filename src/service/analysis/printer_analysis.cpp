@@ -35,31 +35,48 @@ utils::Clock& ClockOf(const AnalysisSetup& setup) {
 
 }  // namespace
 
-PrinterAnalysis::PrinterAnalysis(const AnalysisSetup& setup)
-    : workspace_{.npu = NpuThread(ClockOf(setup)),
-                 .models = ModelRegistry(setup.models, {workspace_.npu, setup.library}),
-                 .reference = {},
-                 .pictures = ResultPictures(setup.results, setup.has_space),
-                 .latest = {}},
-      algorithms_{Serving<NoodleAlgorithm>({"noodle"}),
-                  Serving<BedItemAlgorithm>({"item", "nozzle", "legend_text", "extrusion_line"}),
-                  Serving<WrapHeadAlgorithm>({"wraphead"})} {
+PrinterAnalysis::State::State(const AnalysisSetup& setup)
+    : workspace{.npu = NpuThread(ClockOf(setup)),
+                .models = ModelRegistry(setup.models, {workspace.npu, setup.library}),
+                .reference = {},
+                .pictures = ResultPictures(setup.results, setup.has_space),
+                .latest = {}},
+      algorithms{Serving<NoodleAlgorithm>({"noodle"}),
+                 Serving<BedItemAlgorithm>({"item", "nozzle", "legend_text", "extrusion_line"}),
+                 Serving<WrapHeadAlgorithm>({"wraphead"})} {
   const json config = json::parse(setup.config, nullptr, false);
-  if (config.is_object()) {
-    Initialise(config);
-  } else {
+  if (!config.is_object()) {
     VLOG_ERROR(kTag, "The model configuration is no JSON object");
+    return;
   }
+  ready = true;
+  workspace.models.CreateAll(config);
+  workspace.pictures.CreateDirectories();
 }
+
+/// One detection, with all that it needs.
+struct PrinterAnalysis::Job {
+  const std::shared_ptr<State> state;
+  PrinterAnalysisAlgorithm& algorithm;
+  const std::string path;
+  const DetectRequest request;
+  const std::set<PrinterAnalysisAlgorithm*> begun;
+  int code = kAnalysisInferenceFailed;
+  json output = json::object();
+
+  void Run() {
+    for (PrinterAnalysisAlgorithm* other : begun) other->BeginPrint(state->workspace);
+    state->workspace.latest = {};
+    code = algorithm.Detect(state->workspace, path, request, output);
+    if (code == kAnalysisSuccess) FillWithZeros(algorithm.Labels(), output);
+  }
+};
+
+PrinterAnalysis::PrinterAnalysis(const AnalysisSetup& setup)
+    : state_(std::make_shared<State>(setup)) {}
 
 PrinterAnalysis::~PrinterAnalysis() {
   VLOG_INFO(kTag, "PrinterAnalysis releasing...");
-}
-
-void PrinterAnalysis::Initialise(const json& config) {
-  ready_ = true;
-  workspace_.models.CreateAll(config);
-  workspace_.pictures.CreateDirectories();
 }
 
 AnalysisResult PrinterAnalysis::DetectPicture(const std::string& path, const json& params) {
@@ -70,8 +87,7 @@ AnalysisResult PrinterAnalysis::DetectPicture(const std::string& path, const jso
 }
 
 int PrinterAnalysis::Detect(const std::string& path, const DetectRequest& request, json& output) {
-  workspace_.latest = {};
-  if (!ready_) return kAnalysisNotReady;
+  if (!state_->ready) return kAnalysisNotReady;
   if (path.empty()) {
     VLOG_ERROR(kTag, "DetectPicture error, path is empty");
     return kAnalysisNoPath;
@@ -81,14 +97,26 @@ int PrinterAnalysis::Detect(const std::string& path, const DetectRequest& reques
     VLOG_ERROR(kTag, "DetectPicture cannot find algorithm {}", JoinedLabels(request.labels));
     return kAnalysisNoAlgorithm;
   }
-  const int code = algorithm->Detect(workspace_, path, request, output);
-  if (code == kAnalysisSuccess) FillWithZeros(algorithm->Labels(), output);
-  return code;
+  return Detect(std::make_shared<Job>(Job{state_, *algorithm, path, request, begun_}), output);
+}
+
+int PrinterAnalysis::Detect(const std::shared_ptr<Job>& job, json& output) {
+  NpuThread& npu = state_->workspace.npu;
+  const bool refused = !npu.Answers();
+  const bool done = npu.Do([job] { job->Run(); });
+  if (done || !refused) {
+    begun_.clear();  // it told them
+  } else if (job->request.First()) {
+    begun_.insert(&job->algorithm);
+  }
+  if (!done) return kAnalysisInferenceFailed;
+  output = std::move(job->output);
+  return job->code;
 }
 
 PrinterAnalysisAlgorithm* PrinterAnalysis::FindAlgorithm(const json& labels) const {
   const std::vector<std::string> wanted = TextList(labels);
-  for (const auto& algorithm : algorithms_)
+  for (const auto& algorithm : state_->algorithms)
     if (algorithm->Labels() == wanted) return algorithm.get();
   VLOG_ERROR(kTag, "cannot find algorithm for labels {}", JoinedLabels(labels));
   return nullptr;

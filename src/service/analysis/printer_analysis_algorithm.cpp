@@ -58,19 +58,14 @@ int PrinterAnalysisAlgorithm::Detect(AnalysisWorkspace& workspace, const std::st
 
 int PrinterAnalysisAlgorithm::RunModel(DetectionRun& run, json& output) {
   AnalysisWorkspace& workspace = run.workspace;
-  // An NPU that does not answer is a failing inference, not a missing network.
-  if (workspace.npu.Answers() && !workspace.models.EnsureLoaded(run.model)) {
+  if (!workspace.models.EnsureLoaded(run.model)) {
     VLOG_ERROR(kTag, "DetectPicture EnsureLoad fail {}", run.model.Name());
     return kAnalysisNotLoaded;
   }
   const int read = read_image(run.path, run.picture);
   VLOG_INFO(kTag, "detect status: status: {} z: {} name: {} his size: {}",
             utils::LogText(run.request.status), run.request.z_position, Name(), history_.Size());
-  if (run.request.First()) {
-    history_.Clear();
-    // What an earlier print left must not speak for this one, even if this picture cannot be used.
-    workspace.reference.Forget();
-  }
+  if (run.request.First()) BeginPrint(workspace);
   int code = kAnalysisUnreadable;
   if (read == 0) {
     code = Examine(run, output);
@@ -81,6 +76,11 @@ int PrinterAnalysisAlgorithm::RunModel(DetectionRun& run, json& output) {
   }
   Finish(run);
   return code;
+}
+
+void PrinterAnalysisAlgorithm::BeginPrint(AnalysisWorkspace& workspace) {
+  history_.Clear();
+  workspace.reference.Forget();
 }
 
 int PrinterAnalysisAlgorithm::Examine(DetectionRun& run, json& output) {

@@ -24,6 +24,9 @@ class PrinterAnalysisAlgorithm {
   /// @return an AnalysisCode
   [[nodiscard]] virtual int Detect(AnalysisWorkspace& workspace, const std::string& path,
                                    const DetectRequest& request, nlohmann::json& output);
+  /// What an earlier print left must not speak for this one, even if its first picture cannot be
+  /// used.
+  void BeginPrint(AnalysisWorkspace& workspace);
   [[nodiscard]] virtual const char* Name() const { return "unknow algorithm"; }
 
   [[nodiscard]] const std::vector<std::string>& Labels() const { return labels_; }

@@ -137,7 +137,10 @@ int RunNetwork(const NpuContext& context, const ImageBuffer& picture, UseOutputs
   if (!context.network) return -1;
   const auto run = std::make_shared<NetworkRun>(context.network.Share(), std::move(use));
   if (const int code = run->Fill(picture); code != 0) return Failure(code);
-  return context.npu.thread.Do([run] { run->Perform(); }) ? run->Code() : kRknnTimeOut;
+  NpuThread& thread = context.npu.thread;
+  if (!thread.Do([run] { run->Perform(); })) return kRknnTimeOut;
+  // What comes after everybody has given up is no answer.
+  return thread.Answers() ? run->Code() : kRknnTimeOut;
 }
 
 int MisfittingOutputs(const char* problem) {
