@@ -136,6 +136,7 @@ ClientMqttAsync::~ClientMqttAsync() {
 }
 
 CommsStatus ClientMqttAsync::Connect(const MqttConnectSettings& settings) {
+  const std::lock_guard order(order_mutex_);
   const LinkState::Begun begun = state_.Begin(settings);
   if (begun.status == CommsStatus::kBusy)
     VLOG_WARN(kTag, "{}: Connect called while already connecting, ignored", Name());
@@ -145,7 +146,7 @@ CommsStatus ClientMqttAsync::Connect(const MqttConnectSettings& settings) {
 }
 
 CommsStatus ClientMqttAsync::Reconnect() {
-  if (IsConnected()) return CommsStatus::kOk;
+  const std::lock_guard order(order_mutex_);
   const LinkState::Begun begun = state_.BeginAgain();
   if (begun.status == CommsStatus::kBusy)
     VLOG_WARN(kTag, "{}: already connecting, reconnect ignored", Name());
@@ -155,7 +156,7 @@ CommsStatus ClientMqttAsync::Reconnect() {
 }
 
 CommsStatus ClientMqttAsync::Begin(const LinkState::Begun& begun, Handle handle) {
-  if (begun.status != CommsStatus::kOk) return begun.status;
+  if (begun.status != CommsStatus::kOk || begun.attempt == 0) return begun.status;
   thread_.Post([this, begun, handle] {
     if (handle == Handle::kNew) CloseConnection();
     if (begun.ended) Report({LinkEvent::Kind::kEnded, *begun.ended});
@@ -318,8 +319,8 @@ void ClientMqttAsync::HandleRefusedSubscription(uint32_t attempt, const Cause& c
 }
 
 void ClientMqttAsync::HandleAttemptLimit() {
-  const uint32_t attempt = state_.Current();
-  if (state_.Phase() != LinkPhase::kConnecting) return;
+  const uint32_t attempt = running_;
+  if (!state_.Settings(attempt) || state_.Phase() != LinkPhase::kConnecting) return;
   VLOG_ERROR(kTag, "{}: no outcome of the attempt to connect within {} s", Name(),
              kAttemptLimit.count());
   if (Drop(attempt, {.return_code = Code(CommsStatus::kTimeout), .text = "no outcome in time"}))
@@ -356,8 +357,8 @@ std::shared_future<void> ClientMqttAsync::PostEnd(std::optional<uint32_t> ended)
 
 void ClientMqttAsync::FinishEnd(std::optional<uint32_t> ended) {
   thread_.SetDeadline(std::nullopt);
-  pin_.reset();
   CloseConnection();
+  pin_.reset();  // not before: a connection that is only asked for still looks the name up
   window_.Open(SendWindow::kDefaultReceiveMaximum);
   state_.Ended();
   VLOG_INFO(kTag, "{}: disconnected", Name());
@@ -365,19 +366,24 @@ void ClientMqttAsync::FinishEnd(std::optional<uint32_t> ended) {
 }
 
 void ClientMqttAsync::Disconnect() {
-  PostEnd(state_.End()).wait();
+  std::shared_future<void> done;
+  {
+    const std::lock_guard order(order_mutex_);
+    done = PostEnd(state_.End());
+  }
+  done.wait();
 }
 
 void ClientMqttAsync::Close() {
+  const std::lock_guard order(order_mutex_);
   const auto ended = state_.Close();
-  std::lock_guard lock(closed_mutex_);
   if (!closed_.valid()) closed_ = PostEnd(ended);
 }
 
 void ClientMqttAsync::AwaitClosed() {
   std::shared_future<void> closed;
   {
-    std::lock_guard lock(closed_mutex_);
+    const std::lock_guard order(order_mutex_);
     closed = closed_;
   }
   if (closed.valid()) closed.wait();

@@ -142,8 +142,10 @@ class ClientMqttAsync : public ClientMqttBase {
   bool disconnected_ = false;  // guarded by event_mutex_
   std::string tls_text_;       // of the newest attempt; guarded by event_mutex_
 
-  std::mutex closed_mutex_;
-  std::shared_future<void> closed_;  // guarded by closed_mutex_
+  /// Held over a change of state and the posting of its task, so that the tasks of two callers come
+  /// in the order of their changes.
+  std::mutex order_mutex_;
+  std::shared_future<void> closed_;  // guarded by order_mutex_
 
   // Of the link's thread.
   uint32_t running_ = 0;   // the attempt that the rest of this group belongs to

@@ -97,6 +97,7 @@ CommsStatus CommsManager::InitLocal() {
     std::lock_guard lock(state_mutex_);
     local_ = side.client;
     server_ = side.server;
+    if (life_ == Life::kStopped) side.client->Close();  // it came too late
     if (life_ == Life::kStarting) life_ = built == CommsStatus::kOk ? Life::kRunning : Life::kNew;
   }
   if (built == CommsStatus::kOk) VLOG_INFO(kTag, "CommsManager initialized (sn={})", serial_number);
@@ -250,7 +251,7 @@ void CommsManager::InitCloud(const std::string& name) {
   cloud->SetLinkCallback([this](const LinkEvent& event) { OnCloudEvent(event); });
   {
     std::lock_guard lock(state_mutex_);
-    if (cloud_) return;
+    if (cloud_ || life_ == Life::kStopped) return;
     cloud_ = std::move(cloud);
   }
   VLOG_INFO(kTag, "Cloud MQTT client '{}' created", name);
@@ -320,11 +321,13 @@ void CommsManager::DropCloudRequests(bool on) {
 }
 
 void CommsManager::Stop() {
-  const auto local = LocalClient();
-  const auto cloud = CloudClient();
+  std::shared_ptr<ClientMqttBase> local;
+  std::shared_ptr<ClientMqttBase> cloud;
   {
     std::lock_guard lock(state_mutex_);
     life_ = Life::kStopped;
+    local = local_;
+    cloud = cloud_;
   }
   // Both are told before either is waited for: the cloud's goodbye does not depend on the local
   // broker.

@@ -12,6 +12,7 @@ LinkState::Begun LinkState::Begin(const MqttConnectSettings& settings) {
 LinkState::Begun LinkState::BeginAgain() {
   std::lock_guard lock(mutex_);
   if (!settings_ && !Runs()) return {CommsStatus::kNotInitialized};
+  if (stage_ == Stage::kUp) return {CommsStatus::kOk};
   return BeginLocked();
 }
 

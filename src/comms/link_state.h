@@ -23,7 +23,7 @@ class LinkState {
   /// A new attempt with these settings, which are kept. kBusy while one runs, kNotInitialized once
   /// closed.
   Begun Begin(const MqttConnectSettings& settings);
-  /// A new attempt with the kept settings; kNotInitialized without any.
+  /// A new attempt with the kept settings, unless the link is up; kNotInitialized without any.
   Begun BeginAgain();
 
   /// The broker has accepted: its acknowledgements of subscriptions are awaited, first of all the
