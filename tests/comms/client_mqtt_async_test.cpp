@@ -192,6 +192,7 @@ class ClientMqttAsyncTest : public ::testing::Test {
   }
 
   test::LogCapture log_;
+  std::latch answer_{1};  ///< of a name server; look-ups that wait for it end with the client
   FakePaho paho_;
   test::FakeClock clock_;
   MqttConnectSettings settings_{.host = "192.0.2.7", .port = "1", .client_id = "id"};
@@ -296,17 +297,16 @@ TEST_F(ClientMqttAsyncTest, EveryFailedAttemptIsReportedOnceAndCanBeRepeated) {
 
 TEST_F(ClientMqttAsyncTest, AnEndCancelsALookUpAndAnAttemptForGood) {
   std::latch asked(1);
-  std::latch answer(1);
   paho_.on_look_up = [&](const std::string&) {
     asked.count_down();
-    answer.wait();
+    answer_.wait();
   };
   settings_.host = "broker";
   EXPECT_EQ(client_.Connect(settings_), CommsStatus::kOk) << "at once, nobody waits for the name";
   asked.wait();
   client_.Disconnect();
   EXPECT_EQ(Event(1).kind, Kind::kEnded);
-  answer.count_down();
+  answer_.count_down();
   settings_.host = "192.0.2.7";
   Start();
   EXPECT_EQ(paho_.connects, 1) << "the first was never started";
@@ -325,8 +325,7 @@ TEST_F(ClientMqttAsyncTest, AnEndCancelsALookUpAndAnAttemptForGood) {
 }
 
 TEST_F(ClientMqttAsyncTest, NoLookUpOutlastsAnAttemptAndFewRunAtATime) {
-  std::latch answer(1);
-  paho_.on_look_up = [&](const std::string&) { answer.wait(); };
+  paho_.on_look_up = [this](const std::string&) { answer_.wait(); };
   settings_.host = "broker";
   for (size_t attempt = 1; attempt <= NameLookups::kMaxRunning; ++attempt) {
     EXPECT_EQ(client_.Connect(settings_), CommsStatus::kOk);
@@ -335,7 +334,7 @@ TEST_F(ClientMqttAsyncTest, NoLookUpOutlastsAnAttemptAndFewRunAtATime) {
   }
   EXPECT_EQ(client_.Connect(settings_), CommsStatus::kOk);
   EXPECT_EQ(Event(NameLookups::kMaxRunning + 1).kind, Kind::kFailed);
-  answer.count_down();
+  answer_.count_down();
 }
 
 TEST_F(ClientMqttAsyncTest, ABrokerThatTakesItsLeaveIsALostConnection) {
