@@ -168,6 +168,7 @@ CommsStatus ClientMqttAsync::Begin(const LinkState::Begun& begun, Handle handle)
 void ClientMqttAsync::RunAttempt(uint32_t attempt) {
   pin_.reset();
   running_ = attempt;
+  (void)TakeTlsText();
   const auto settings = state_.Settings(attempt);
   if (!settings) return;
   thread_.SetDeadline(clock_.Now() + kAttemptLimit);
@@ -262,7 +263,6 @@ CommsStatus ClientMqttAsync::InstallCallbacks() {
 int ClientMqttAsync::StartConnect(uint32_t attempt, const MqttConnectSettings& settings) {
   handle_attempt_ = attempt;
   has_handle_ = true;
-  (void)TakeTlsText();
   MQTTAsync_connectOptions options = MQTTAsync_connectOptions_initializer5;
   options.keepAliveInterval = settings.keep_alive_s;
   options.connectTimeout = settings.connect_timeout_s;
@@ -292,10 +292,11 @@ int ClientMqttAsync::StartConnect(uint32_t attempt, const MqttConnectSettings& s
 
 void ClientMqttAsync::HandleAccepted(uint32_t attempt, size_t receive_maximum) {
   const auto settings = state_.Settings(attempt);
-  if (!settings || !state_.Accept(attempt)) return;
+  if (!settings) return;
+  window_.Open(receive_maximum);  // before anybody may send
+  if (!state_.Accept(attempt)) return;
   accepted_ = true;
   pin_.reset();
-  window_.Open(receive_maximum);
   SetNoDelayTowards(settings->port);
   VLOG_INFO(kTag, "{}: connected successfully", Name());
   for (const std::string& filter : ListenerFilters()) (void)SubscribeOn(attempt, filter);
@@ -427,7 +428,7 @@ void ClientMqttAsync::DestroyHandleNow() {
   accepted_ = false;
 }
 
-CommsStatus ClientMqttAsync::SendRefusal() const {
+CommsStatus ClientMqttAsync::SendRefusal(uint32_t attempt) const {
   if (!has_handle_) {
     VLOG_ERROR(kTag, "{}: client handle is null, cannot send", Name());
     return CommsStatus::kNotInitialized;
@@ -436,7 +437,7 @@ CommsStatus ClientMqttAsync::SendRefusal() const {
     VLOG_WARN(kTag, "{}: client is disconnecting, cannot send", Name());
     return CommsStatus::kNotConnected;
   }
-  if (!IsLive(state_.Current())) {
+  if (!IsLive(attempt)) {
     VLOG_WARN(kTag, "{}: not connected", Name());
     return CommsStatus::kNotConnected;
   }
@@ -469,26 +470,29 @@ CommsStatus ClientMqttAsync::SendMessage(std::optional<uint32_t> link, const std
   const auto deadline = clock_.Now() + kRoomLimit;
   while (true) {
     if (link && !IsLive(*link)) return CommsStatus::kNotConnected;
-    if (const CommsStatus refusal = SendRefusal(); refusal != CommsStatus::kOk) return refusal;
-    const uint32_t attempt = state_.Current();
+    const uint32_t attempt = link.value_or(state_.Current());
+    if (const CommsStatus refusal = SendRefusal(attempt); refusal != CommsStatus::kOk)
+      return refusal;
     const uint64_t seen = window_.Left();
     const auto number = window_.Enter(topic.size() + payload.size(), message.qos > 0, deadline);
     if (!number) return SendFailed(topic, MQTTASYNC_MAX_BUFFERED_MESSAGES, attempt);
-    const int code = TrySend(link, *number, topic, message);
+    const std::optional<int> code = TrySend(attempt, *number, topic, message);
     if (code == MQTTASYNC_SUCCESS) return CommsStatus::kOk;
     window_.Leave(*number);
+    if (!code) continue;  // the link has changed while we waited
     if (link && !IsLive(*link)) return CommsStatus::kNotConnected;
     const auto now = clock_.Now();
     if (code != MQTTASYNC_MAX_BUFFERED_MESSAGES || now >= deadline)
-      return SendFailed(topic, code, attempt);
+      return SendFailed(topic, *code, attempt);
     window_.AwaitLeave(seen + 1, std::min(deadline, now + kRoomPoll));
   }
 }
 
-int ClientMqttAsync::TrySend(std::optional<uint32_t> link, uint32_t number,
-                             const std::string& topic, const MQTTAsync_message& message) {
+std::optional<int> ClientMqttAsync::TrySend(uint32_t attempt, uint32_t number,
+                                            const std::string& topic,
+                                            const MQTTAsync_message& message) {
   std::lock_guard lock(api_mutex_);
-  if (!handle_ || (link && *link != handle_attempt_)) return MQTTASYNC_DISCONNECTED;
+  if (!handle_ || attempt != handle_attempt_) return std::nullopt;
   MQTTAsync_responseOptions options = MQTTAsync_responseOptions_initializer;
   options.onSuccess5 = AsyncCallbacks::Sent;
   options.onFailure5 = AsyncCallbacks::SendFailed;

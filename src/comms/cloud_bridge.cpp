@@ -87,22 +87,22 @@ class CloudRequestRunner : public ForwardDestination {
         send_answer_(std::move(send_answer)) {}
 
   CommsStatus Deliver(const MqttMessage& message) override {
-    auto read = JsonRpcRequest::Read(message.payload);
+    auto read = JsonRpcEnvelope::Read(message.payload);
     if (const auto* failure = std::get_if<ParseFailure>(&read)) {
       VLOG_ERROR(kTag, "cloud request dispatch failed: {}",
                  failure->text.empty() ? "not a JSON-RPC request" : utils::LogText(failure->text));
       return CommsStatus::kOk;
     }
-    Run(std::move(std::get<JsonRpcRequest>(read)), message.link);
+    Run(std::move(std::get<JsonRpcEnvelope>(read)), message.link);
     return CommsStatus::kOk;
   }
 
  private:
-  void Run(JsonRpcRequest request, uint32_t link) {
+  void Run(JsonRpcEnvelope request, uint32_t link) {
     const bool has_method = request.Method().has_value();
     const std::string method = request.Method().value_or("");
     const CloudRequest about{utils::LogText(method),
-                             request.WantsAnswer() ? utils::LogText(request.Id()) : "none", link};
+                             request.HasId() ? utils::LogText(request.Id()) : "none", link};
     if (!may_run_(about)) return;
     const JsonRpcServer::Reply reply = [about, send = send_answer_](RpcAnswer answer) {
       send(about, std::move(answer));
@@ -114,7 +114,7 @@ class CloudRequestRunner : public ForwardDestination {
     }
     VLOG_ERROR(kTag, "cloud request dispatch failed: {}",
                has_method ? "method not found: " + about.method : "no method");
-    if (!request.WantsAnswer()) return;
+    if (!request.HasId()) return;
     const Json error =
         has_method ? MethodNotFound(method) : MakeError(kInvalidRequest, "Invalid Request");
     reply({request.Id(), true, MakeResponse(request.Id(), error)});

@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "comms/json_rpc_base.h"
-#include "comms/json_rpc_request.h"
+#include "comms/json_rpc_envelope.h"
 #include "comms/worker_lane.h"
 
 namespace varnel::comms {
@@ -54,12 +54,12 @@ class JsonRpcServer : public JsonRpcBase {
   static bool IsStale(const MqttMessage& request);
 
   /// Serves one message that came on `topic`.
-  void OnMessage(JsonRpcRequest request, const std::string& topic);
+  void OnMessage(JsonRpcEnvelope request, const std::string& topic);
 
   /// Runs a method for a caller that is not on MQTT, if `admit` (null: always) lets it. `reply`
   /// gets the answer on a worker thread (or on the caller's when the method is unknown or the
   /// server is busy), and nothing for a request without "id".
-  void InvokeMethod(const std::string& method, JsonRpcRequest request, Reply reply,
+  void InvokeMethod(const std::string& method, JsonRpcEnvelope request, Reply reply,
                     Admit admit = nullptr);
 
  private:
@@ -71,13 +71,13 @@ class JsonRpcServer : public JsonRpcBase {
   struct Call {
     std::string method;
     RpcHandler handler;
-    JsonRpcRequest request;
+    JsonRpcEnvelope request;
     Reply reply;
     Admit admit;
   };
 
   void OnPayload(const std::string& payload, const std::string& topic);
-  static void Answer(const JsonRpcRequest& request, const Reply& reply, const Json& value);
+  static void Answer(const JsonRpcEnvelope& request, const Reply& reply, const Json& value);
   static void Run(const Call& call);
   static Json CallHandler(const Call& call);
   std::optional<Method> FindMethod(const std::string& method) const;

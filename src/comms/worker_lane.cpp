@@ -9,14 +9,14 @@ namespace varnel::comms {
 
 class WorkerLane::Place {
  public:
-  Place(WorkerLane& lane, size_t bytes) : lane_(lane), bytes_(bytes) {
-    first_ = lane_.waiting_bytes_.fetch_add(bytes_) == 0;
-    granted_ = lane_.waiting_.fetch_add(1) < kMaxWaiting &&
-               (first_ || lane_.waiting_bytes_ <= kMaxWaitingBytes);
+  Place(Backlog& backlog, size_t bytes, size_t max_bytes) : backlog_(backlog), bytes_(bytes) {
+    const size_t before = backlog_.bytes.fetch_add(bytes_);
+    granted_ = backlog_.waiting.fetch_add(1) < kMaxWaiting &&
+               (before == 0 || before + bytes_ <= max_bytes);
   }
   ~Place() {
-    --lane_.waiting_;
-    lane_.waiting_bytes_ -= bytes_;
+    --backlog_.waiting;
+    backlog_.bytes -= bytes_;
   }
   Place(const Place&) = delete;
   Place& operator=(const Place&) = delete;
@@ -24,9 +24,8 @@ class WorkerLane::Place {
   bool Granted() const { return granted_; }
 
  private:
-  WorkerLane& lane_;
+  Backlog& backlog_;
   const size_t bytes_;
-  bool first_ = false;
   bool granted_ = false;
 };
 
@@ -51,10 +50,12 @@ utils::ThreadPool& WorkerLane::PoolAt(size_t index) {
 }
 
 bool WorkerLane::TryPost(MethodKind kind, std::function<void()> task, RequestSize size) {
-  auto place = std::make_shared<Place>(*this, size.bytes);
-  if (!place->Granted()) return false;
   const bool large = std::max(size.bytes, size.built_bytes) > kLargeBytes;
-  auto& pool = PoolAt(large ? kLarge : static_cast<size_t>(kind));
+  const size_t index = large ? kLarge : static_cast<size_t>(kind);
+  auto place = std::make_shared<Place>(backlogs_.at(index), size.bytes,
+                                       large ? kMaxLargeBytes : kMaxWaitingBytes);
+  if (!place->Granted()) return false;
+  auto& pool = PoolAt(index);
   (void)pool.Post([place = std::move(place), work = std::move(task), large]() mutable {
     place.reset();
     work();

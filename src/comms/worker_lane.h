@@ -19,15 +19,18 @@ struct RequestSize {
   size_t built_bytes = 0;  ///< while it runs
 };
 
-/// Workers for the methods of one group of services, apart for each kind of method, with one
-/// bounded backlog: what cannot start soon is refused, so a flood of requests costs its senders an
-/// error instead of this process its memory. Large requests have one worker of their own, so that
-/// only one of them is built at a time. Thread-safe.
+/// Workers for the methods of one group of services, apart for each kind of method, each kind with
+/// a bounded backlog of its own: what cannot start soon is refused, so a flood of requests costs
+/// its senders an error instead of this process its memory, and other kinds nothing. Large requests
+/// of all kinds have one worker and one backlog, so that only one of them is built at a time.
+/// Thread-safe.
 class WorkerLane {
  public:
+  /// Of the requests that wait, of each kind.
   static constexpr size_t kMaxWaiting = 1024;
-  /// Of the requests that wait.
-  static constexpr size_t kMaxWaitingBytes = size_t{8} << 20;
+  static constexpr size_t kMaxWaitingBytes = size_t{2} << 20;
+  /// Of the large ones that wait.
+  static constexpr size_t kMaxLargeBytes = size_t{8} << 20;
   /// What is larger, waiting or built, is large.
   static constexpr size_t kLargeBytes = size_t{256} << 10;
 
@@ -43,13 +46,17 @@ class WorkerLane {
   /// system has no thread left.
   void Open(MethodKind kind);
 
-  /// The kind must be open. False when too much waits already. An exception that a task lets out is
-  /// lost.
+  /// The kind must be open. False when too much of it waits already. An exception that a task lets
+  /// out is lost.
   [[nodiscard]] bool TryPost(MethodKind kind, std::function<void()> task, RequestSize size);
 
  private:
   /// The place of one waiting task; given back when the task starts or is thrown away.
   class Place;
+  struct Backlog {
+    std::atomic<size_t> waiting{0};
+    std::atomic<size_t> bytes{0};
+  };
 
   static constexpr size_t kKinds = static_cast<size_t>(MethodKind::kNetwork) + 1;
   static constexpr size_t kLarge = kKinds;
@@ -58,11 +65,10 @@ class WorkerLane {
   utils::ThreadPool& PoolAt(size_t index);
 
   const std::string name_;
-  std::atomic<size_t> waiting_{0};
-  std::atomic<size_t> waiting_bytes_{0};
+  // By kind, and one for what is large.
+  std::array<Backlog, kKinds + 1> backlogs_;
   std::mutex mutex_;
-  // By kind, and one for what is large; once made they stay. Guarded by mutex_. Last: the threads
-  // use the counters.
+  // The same; once made they stay. Guarded by mutex_. Last: the threads use the backlogs.
   std::array<std::unique_ptr<utils::ThreadPool>, kKinds + 1> pools_;
 };
 

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <functional>
 #include <latch>
+#include <stdexcept>
 #include <thread>
 
 #include "comms/mqtt_library.h"
@@ -157,7 +158,10 @@ using Kind = LinkEvent::Kind;
 class ClientMqttAsyncTest : public ::testing::Test {
  protected:
   ClientMqttAsyncTest() {
-    client_.SetLinkCallback([this](const LinkEvent& event) { events_.Put(event); });
+    client_.SetLinkCallback([this](const LinkEvent& event) {
+      events_.Put(event);
+      throw std::runtime_error("an owner's own fault, which costs no thread and no other callback");
+    });
     client_.SetConnectionLostCallback([this] { ++lost_; });
   }
   /// Returns when the library has been asked.

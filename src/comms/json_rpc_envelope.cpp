@@ -1,4 +1,4 @@
-#include "comms/json_rpc_request.h"
+#include "comms/json_rpc_envelope.h"
 
 #include <iterator>
 #include <utility>
@@ -38,14 +38,14 @@ class Cursor {
 
 }  // namespace
 
-/// Takes the parser's events for one request, whose payload is in place.
+/// Takes the parser's events for one envelope, whose payload is in place.
 class EnvelopeReader final : public nlohmann::json_sax<Json> {
  public:
-  explicit EnvelopeReader(JsonRpcRequest& request)
-      : request_(request), shown_(request.payload_.data()) {}
+  explicit EnvelopeReader(JsonRpcEnvelope& envelope)
+      : envelope_(envelope), shown_(envelope.payload_.data()) {}
 
   std::optional<ParseFailure> Read() {
-    const std::string& text = request_.payload_;
+    const std::string& text = envelope_.payload_;
     const Cursor begin(text.data(), &shown_);
     const Cursor end(text.data() + text.size(), &shown_);
     const bool whole = Json::sax_parse(begin, end, this);
@@ -61,7 +61,7 @@ class EnvelopeReader final : public nlohmann::json_sax<Json> {
   bool number_float(Json::number_float_t, const std::string&) override { return Number(); }
   bool string(std::string& value) override {
     const size_t bytes = kStringBytes + value.size();
-    if (depth_ == 1 && member_ == Member::kMethod) request_.method_ = std::move(value);
+    if (depth_ == 1 && member_ == Member::kMethod) envelope_.method_ = std::move(value);
     return Scalar(bytes);
   }
   bool binary(Json::binary_t&) override { return true; }  // not in text
@@ -74,12 +74,14 @@ class EnvelopeReader final : public nlohmann::json_sax<Json> {
   bool end_array() override { return Close(); }
 
   bool key(std::string& name) override {
-    request_.built_bytes_ += kMemberBytes + name.size();
+    envelope_.built_bytes_ += kMemberBytes + name.size();
     if (depth_ != 1) return true;
     name_end_ = Offset();
     member_ = MemberOf(name);
     // The last of equal names counts.
-    if (member_ == Member::kMethod) request_.method_.reset();
+    if (member_ == Member::kMethod) envelope_.method_.reset();
+    envelope_.has_result_ |= name == "result";
+    envelope_.has_error_ |= name == "error";
     return true;
   }
 
@@ -100,10 +102,10 @@ class EnvelopeReader final : public nlohmann::json_sax<Json> {
     return name == "params" ? Member::kParams : Member::kOther;
   }
 
-  size_t Offset() const { return static_cast<size_t>(shown_ - request_.payload_.data()); }
+  size_t Offset() const { return static_cast<size_t>(shown_ - envelope_.payload_.data()); }
 
   bool Open() {
-    request_.built_bytes_ += sizeof(Json) + kContainerBytes;
+    envelope_.built_bytes_ += sizeof(Json) + kContainerBytes;
     if (++depth_ <= kMaxNesting) return true;
     failure_ = ParseFailure{ParseFailure::Kind::kTooDeep, 0, {}};
     return false;
@@ -115,25 +117,25 @@ class EnvelopeReader final : public nlohmann::json_sax<Json> {
   }
 
   bool Scalar(size_t bytes) {
-    request_.built_bytes_ += sizeof(Json) + bytes;
+    envelope_.built_bytes_ += sizeof(Json) + bytes;
     return EndValue(Offset());
   }
 
   /// Only by the character behind it does the parser see that a number has ended.
   bool Number() {
-    request_.built_bytes_ += sizeof(Json);
+    envelope_.built_bytes_ += sizeof(Json);
     return EndValue(Offset() - 1);
   }
 
   bool EndValue(size_t end) {
     if (depth_ != 1 || (member_ != Member::kId && member_ != Member::kParams)) return true;
-    const std::string& text = request_.payload_;
+    const std::string& text = envelope_.payload_;
     const size_t begin = text.find_first_not_of(kSpace, text.find(':', name_end_) + 1);
-    (member_ == Member::kId ? request_.id_ : request_.params_) = {begin, end};
+    (member_ == Member::kId ? envelope_.id_ : envelope_.params_) = {begin, end};
     return true;
   }
 
-  JsonRpcRequest& request_;
+  JsonRpcEnvelope& envelope_;
   const char* shown_;
   int depth_ = 0;
   bool is_object_ = false;
@@ -142,12 +144,12 @@ class EnvelopeReader final : public nlohmann::json_sax<Json> {
   std::optional<ParseFailure> failure_;
 };
 
-std::variant<JsonRpcRequest, ParseFailure> JsonRpcRequest::Read(std::string payload) {
+std::variant<JsonRpcEnvelope, ParseFailure> JsonRpcEnvelope::Read(std::string payload) {
   if (payload.size() > kMaxPayloadBytes) return ParseFailure{ParseFailure::Kind::kTooLarge, 0, {}};
-  JsonRpcRequest request;
-  request.payload_ = std::move(payload);
-  if (auto failure = EnvelopeReader(request).Read()) return *std::move(failure);
-  return request;
+  JsonRpcEnvelope envelope;
+  envelope.payload_ = std::move(payload);
+  if (auto failure = EnvelopeReader(envelope).Read()) return *std::move(failure);
+  return envelope;
 }
 
 }  // namespace varnel::comms
