@@ -329,6 +329,7 @@ void ClientMqttAsync::HandleAttemptLimit() {
 }
 
 bool ClientMqttAsync::Drop(uint32_t attempt, const Cause& cause) {
+  const std::lock_guard order(order_mutex_);
   const auto kind = state_.Drop(attempt);
   if (!kind) return false;
   thread_.Post([this, kind = *kind, attempt, cause] { FinishDrop(kind, attempt, cause); });

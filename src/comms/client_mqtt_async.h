@@ -144,7 +144,7 @@ class ClientMqttAsync : public ClientMqttBase {
   std::string tls_text_;       // of the newest attempt; guarded by event_mutex_
 
   /// Held over a change of state and the posting of its task, so that the tasks of two callers come
-  /// in the order of their changes.
+  /// in the order of their changes. Nothing waits under it: library callbacks take it too.
   std::mutex order_mutex_;
   std::shared_future<void> closed_;  // guarded by order_mutex_
 

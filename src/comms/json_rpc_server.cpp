@@ -15,8 +15,8 @@ constexpr const char* kTag = "JRPCS";
 JsonRpcServer::JsonRpcServer(std::string name)
     : JsonRpcBase(std::move(name), kTag),
       topic_mapper_(ResponseTopicOf),
-      camera_lane_("cam"),
-      general_lane_("rpc") {
+      camera_lane_("cam", large_requests_),
+      general_lane_("rpc", large_requests_) {
   VLOG_INFO(kTag, "Create a JSON-RPC server: {}", Name());
 }
 

@@ -95,7 +95,8 @@ class JsonRpcServer : public JsonRpcBase {
   std::map<std::string, std::string>
       channels_;  // request to response topic; guarded by bindings_mutex_
 
-  WorkerLane camera_lane_;  // last: the threads use the rest
+  LargeRequests large_requests_;  // last, with the lanes: the threads use the rest
+  WorkerLane camera_lane_;
   WorkerLane general_lane_;
 };
 

@@ -173,7 +173,7 @@ TEST_F(JsonRpcServerTest, AFloodIsRefusedBeyondTheBacklog) {
   };
   for (size_t i = 0; i < kWorkers; ++i) invoke(R"({"id":1})");
   entered->wait();
-  for (size_t i = 0; i < WorkerLane::kMaxWaiting; ++i) invoke("{}");
+  for (size_t i = 0; i < BoundedPool::kMaxWaiting; ++i) invoke("{}");
   EXPECT_EQ(Ask(R"({"method":"system.slow","id":9})")["error"],
             Json::parse(R"({"code":-32000,"message":"Server busy"})"));
   client_->Arrive("system/request", R"({"method":"system.slow"})");
