@@ -170,9 +170,11 @@ void ClientPathDeathTest::ExpectSwapsLeadNowhere() const {
     meanwhile();
     return file->Publish(0644);
   };
-  const auto nothing = [] {};
-  EXPECT_FALSE(write("data/file.jpg", nothing));
-  EXPECT_FALSE(write("data/sub/other.jpg", nothing));
+  EXPECT_FALSE(write("data/sub/other.jpg", [&] {
+    EXPECT_FALSE(write("data/sub/meanwhile.jpg", [] {}))
+        << "does not take the other for a leftover";
+  }));
+  EXPECT_FALSE(write("data/file.jpg", [] {}));
   EXPECT_EQ(test::ReadFile(dir_ / "data/file.jpg") + test::ReadFile(dir_ / "data/sub/other.jpg"),
             "newnew");
   EXPECT_EQ(fs::status(dir_ / "data/file.jpg").permissions(), fs::perms(0644));
@@ -195,6 +197,12 @@ void ClientPathDeathTest::ExpectSwapsLeadNowhere() const {
 
 TEST_F(ClientPathDeathTest, ASwapAfterTheJudgementWritesNowhereElse) {
   ExpectSwapsLeadNowhere();
+  ExpectAsWellWithout(
+      [] {
+        test::RefuseCalls({SYS_linkat, SYS_sendfile}, EINVAL);
+      },
+      &ClientPathDeathTest::ExpectSwapsLeadNowhere);
+  dir_.Write("data/sub/.varnel-abcdef", "where files have names an interruption leaves one");
   ExpectAsWellWithout(test::RefuseFilesWithoutNames, &ClientPathDeathTest::ExpectSwapsLeadNowhere);
 }
 
