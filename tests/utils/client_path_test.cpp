@@ -111,6 +111,7 @@ void ClientPathDeathTest::ExpectEachJudged() const {
       {"@data/.hidden", "-"},
       {"@data/.up-12", "-"},
       {"@data/.varnel-12", "-"},
+      {"@data/.varnel-abcdef/a", "-"},
       {"@data/later", "-"},
       {"/etc/cron.d/a", "-"},
       {"/tmp/../etc/a", "-"},
@@ -130,6 +131,7 @@ void ClientPathDeathTest::ExpectEachJudged() const {
 }
 
 TEST_F(ClientPathDeathTest, EachPathIsJudgedByWhereItReallyLeadsOnEachKernel) {
+  fs::create_directory(dir_ / "data/.varnel-abcdef");
   ExpectEachJudged();
   ExpectAsWellWithout([] { test::RefuseCalls({SYS_openat2}, ENOSYS); },
                       &ClientPathDeathTest::ExpectEachJudged);
