@@ -127,7 +127,7 @@ void SystemAdapter::LookForMac() {
   const std::shared_ptr<const DeviceIdentity> found = ReadIdentity();
   if (!found || !HasMac(*found)) return;
   look_pause_ = 0s;
-  Adopt(WithMac(*identity_, found->mac));
+  Adopt(WithMac(*identity_, found->mac));  // which nobody else changes
 }
 
 std::shared_ptr<const DeviceIdentity> SystemAdapter::Identity() {
