@@ -242,7 +242,8 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
   const utils::Deployment deployment = utils::LoadDeployment(paths.deployment);
 
   const auto drives = std::make_shared<utils::ReportedDrives>();
-  (new DriveGate(drives))->Start();
+  static auto* const gate = new DriveGate(drives);
+  gate->Start();
   auto* hardware = new Hardware(deployment);
   hardware->Start();
   auto* client_paths =
