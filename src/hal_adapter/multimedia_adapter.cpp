@@ -79,10 +79,13 @@ PhotoStatus MultimediaAdapter::TakePhoto(const std::string& path) {
 
 PhotoStatus MultimediaAdapter::TakePhoto(const utils::FilePlace& place) {
   if (!writer_.HasRoom(place)) return PhotoStatus::kNotWritable;
+  // Before anybody waits for the camera: a photo that cannot be written is not taken.
+  auto file = writer_.Begin(place);
+  if (!file) return PhotoStatus::kNotWritable;
   utils::UniqueFd picture;
   const PhotoStatus taken = TakeTurn(
       [&](const CameraImage& image) { return writer_.Develop(image, place.name, picture); });
-  return taken == PhotoStatus::kSuccess ? writer_.Store(picture, place) : taken;
+  return taken == PhotoStatus::kSuccess ? writer_.Store(picture, *file) : taken;
 }
 
 PhotoStatus MultimediaAdapter::TakeTurn(

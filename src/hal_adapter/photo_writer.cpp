@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <optional>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -15,7 +14,6 @@
 #include "utils/atomic_file.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
-#include "utils/new_file.h"
 #include "utils/owned.h"
 #include "utils/private_directory.h"
 #include "utils/safe_exec.h"
@@ -99,12 +97,16 @@ PhotoStatus PhotoWriter::Develop(const CameraImage& image, const std::string& na
   return Report(error) ? PhotoStatus::kSuccess : PhotoStatus::kConversionFailed;
 }
 
-PhotoStatus PhotoWriter::Store(const utils::UniqueFd& picture,
-                               const utils::FilePlace& place) const {
+std::optional<utils::NewFile> PhotoWriter::Begin(const utils::FilePlace& place) const {
   std::error_code error;
   auto file = utils::NewFile::Create(place, error);
-  if (file) error = utils::CopyRest(picture.Get(), file->Fd());
-  if (!error) error = file->Publish(kPhotoMode);
+  (void)Report(error);
+  return file;
+}
+
+PhotoStatus PhotoWriter::Store(const utils::UniqueFd& picture, utils::NewFile& file) const {
+  std::error_code error = utils::CopyRest(picture.Get(), file.Fd());
+  if (!error) error = file.Publish(kPhotoMode);
   return Report(error) ? PhotoStatus::kSuccess : PhotoStatus::kNotWritable;
 }
 

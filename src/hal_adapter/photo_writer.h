@@ -3,10 +3,12 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "hal_interface/hal_records.h"
 #include "utils/held_directory.h"
+#include "utils/new_file.h"
 #include "utils/owned.h"
 
 namespace varnel::hal_adapter {
@@ -36,14 +38,16 @@ class PhotoWriter {
 
   /// False when the place has no room; callable from any thread.
   [[nodiscard]] bool HasRoom(const utils::FilePlace& place) const;
+  /// The file for Store(), which is not there yet; nothing when none can be written there. Callable
+  /// from any thread.
+  [[nodiscard]] std::optional<utils::NewFile> Begin(const utils::FilePlace& place) const;
   /// Makes what a file of that name is to hold, in an open file without a name. One call at a time:
   /// all share the raw frame file.
   [[nodiscard]] PhotoStatus Develop(const CameraImage& image, const std::string& name,
                                     utils::UniqueFd& picture) const;
   /// Puts it into its place, which appears whole or stays as it was. Waits for the disk; callable
   /// from any thread.
-  [[nodiscard]] PhotoStatus Store(const utils::UniqueFd& picture,
-                                  const utils::FilePlace& place) const;
+  [[nodiscard]] PhotoStatus Store(const utils::UniqueFd& picture, utils::NewFile& file) const;
 
  private:
   bool WriteRawFrame(const CameraImage& image) const;

@@ -98,6 +98,7 @@ void USBMonitor::Run() {
   AnnouncePresentDrives();
   while (running_) {
     if (WaitForEvent()) ReceiveEvent();
+    AnnounceMounted();
   }
   PLOG_INFO(kTag, "Monitor task end");
 }
@@ -138,24 +139,35 @@ void USBMonitor::HandleEvent(udev_device* device) {
   const char* action = udev_device_get_action(device);
   if (node == nullptr || action == nullptr) return;
   PLOG_INFO(kTag, "Device event: node: %s, action: %s", node, action);
+  if (Is(action, "add") || Is(action, "remove")) std::erase(unmounted_, node);
   if (Is(action, "add") && IsUsbDisk(device)) {
     PLOG_INFO(kTag, "USB drive detected: %s", node);
-    if (const auto directory = AwaitMount(node))
+    if (const auto directory = AwaitMount(node)) {
       Announce(hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT, *directory);
+    } else {
+      unmounted_.emplace_back(node);
+    }
   }
 }
 
 /// At boot the system may be about to mount them; card readers without a card it never does.
 void USBMonitor::AnnouncePresentDrives() {
-  std::vector<std::string> nodes = PresentDrives();
-  for (int tries = 0; tries < board_.mount_tries && running_ && !nodes.empty(); ++tries) {
+  unmounted_ = PresentDrives();
+  for (int tries = 0; tries < board_.mount_tries && running_ && !unmounted_.empty(); ++tries) {
     if (tries > 0) Pause(board_.mount_pause);
-    std::erase_if(nodes, [this](const std::string& node) {
-      const auto directory = MountDirectory(node);
-      if (directory) Announce(hal_adapter::HAL_EVENT_SYS_USB_DRIVE_PRESENT, *directory);
-      return directory.has_value();
-    });
+    AnnounceMounted();
   }
+  for (const std::string& node : unmounted_)
+    PLOG_INFO(kTag, "Drive %s is not mounted so far, it is looked for again", node.c_str());
+}
+
+/// Too late to be taken for an insertion.
+void USBMonitor::AnnounceMounted() {
+  std::erase_if(unmounted_, [this](const std::string& node) {
+    const auto directory = MountDirectory(node);
+    if (directory) Announce(hal_adapter::HAL_EVENT_SYS_USB_DRIVE_PRESENT, *directory);
+    return directory.has_value();
+  });
 }
 
 std::vector<std::string> USBMonitor::PresentDrives() const {

@@ -8,7 +8,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 
 #include "utils/held_directory.h"
 #include "utils/owned.h"
@@ -31,10 +30,13 @@ fs::path DirectoryOf(const fs::path& target) {
 
 /// Makes a uniquely named file of mode 0600 beside the target.
 UniqueFd OpenTemporary(const fs::path& target, fs::path& temporary) {
-  std::string name = (DirectoryOf(target) / (kTemporaryPrefix + std::string("XXXXXX"))).string();
-  UniqueFd fd(::mkostemp(name.data(), O_CLOEXEC));
+  const fs::path directory = DirectoryOf(target);
+  std::string name;
+  UniqueFd fd(MakeTemporary(name, [&directory](const char* free) {
+    return CreateHeldFile(AT_FDCWD, (directory / free).c_str());
+  }));
   if (fd) {
-    temporary = name;
+    temporary = directory / name;
   }
   return fd;
 }

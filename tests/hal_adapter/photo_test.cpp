@@ -188,6 +188,9 @@ TEST_F(PhotoTest, ReportsADestinationThatCannotBeWritten) {
   EXPECT_EQ(Take(Out("p.jpg")), PhotoStatus::kNotWritable);
   EXPECT_EQ(Take(""), PhotoStatus::kSuccess) << "nothing is to be written";
   EXPECT_EQ(FilesInOut(), 1u);
+  has_space_ = true;
+  test::Fake().frame.clear();
+  EXPECT_EQ(Take("/proc/p.jpg"), PhotoStatus::kNotWritable) << "known before the camera is asked";
 }
 
 TEST_F(PhotoTest, TheRawFrameFollowsNoPlantedLinkAndIsPrivate) {

@@ -282,6 +282,11 @@ TEST_F(PrinterAnalysisTest, WhatTheVerifyingNetworkCannotTellCounts) {
         << name;
     EXPECT_THAT(TheNpuScript().outputs, IsEmpty()) << name;
   }
+  Boot();
+  NoodlesAre({{}, {.row = 60, .column = 10}});
+  TheNpuScript().failures = {{"rknn_run", {.code = -2, .passing = 1, .failing = 1}}};
+  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1)
+      << "the other find is rejected all the same";
 }
 
 TEST_F(PrinterAnalysisTest, ARequestMayHaveItsOwnThreshold) {
