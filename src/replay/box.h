@@ -2,15 +2,12 @@
 
 #include <cstddef>
 
+#include "service/analysis/picture/rect.h"
+
 namespace varnel::replay {
 
-/// Edges in pixels; right and bottom are outside.
-struct Box {
-  double left = 0;
-  double top = 0;
-  double right = 0;
-  double bottom = 0;
-};
+/// Edges in pixels; labels know parts of them.
+using Box = service::BasicRect<double>;
 
 /// Shared area by common area; 0 for boxes without area.
 [[nodiscard]] double Iou(const Box& a, const Box& b);

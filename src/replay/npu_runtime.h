@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "service/analysis/rknn_library.h"
+#include "service/analysis/network/rknn_library.h"
 
 namespace varnel::replay {
 

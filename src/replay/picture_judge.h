@@ -9,7 +9,7 @@
 #include "replay/command_line.h"
 #include "replay/judgement.h"
 #include "replay/scratch_directory.h"
-#include "service/analysis/printer_analysis.h"
+#include "service/analysis/decision/printer_analysis.h"
 
 namespace varnel::service {
 class RknnLibrary;
@@ -46,7 +46,7 @@ class PictureJudge {
   [[nodiscard]] Judgement Judge(const Turn& turn);
 
  private:
-  [[nodiscard]] std::string ProblemWith(const nlohmann::json& labels) const;
+  [[nodiscard]] std::string ProblemWith(const std::vector<std::string>& labels) const;
   [[nodiscard]] nlohmann::json Request(const std::string& status) const;
   [[nodiscard]] std::filesystem::path PathOf(const std::string& picture) const;
   void Fill(const service::AnalysisResult& result, Judgement& judgement);

@@ -15,7 +15,7 @@
 #include "replay/report.h"
 #include "replay/report_json.h"
 #include "replay/totals.h"
-#include "service/analysis/rknn_library.h"
+#include "service/analysis/network/rknn_library.h"
 #include "utils/atomic_file.h"
 #include "utils/logger.h"
 
