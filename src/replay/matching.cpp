@@ -4,6 +4,7 @@
 #include <numeric>
 
 namespace varnel::replay {
+
 namespace {
 
 class Matcher {

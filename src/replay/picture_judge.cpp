@@ -1,6 +1,7 @@
 #include "replay/picture_judge.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 
 #include "replay/sweep.h"
@@ -8,6 +9,7 @@
 #include "utils/clock.h"
 
 namespace varnel::replay {
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -74,6 +76,13 @@ double MillisecondsSince(utils::Clock::TimePoint start) {
 }
 
 }  // namespace
+
+const char* ReasonText(Reason reason) {
+  static constexpr std::array<const char*, 6> kTexts{
+      nullptr,     "only shown",     "rejected by the verifying network",
+      "too small", "behind the bed", "there before the print"};
+  return kTexts.at(static_cast<size_t>(reason));
+}
 
 PictureJudge::PictureJudge(const Options& options, const fs::path& annotated,
                            const service::RknnLibrary& library)
