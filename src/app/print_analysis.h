@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "service/analysis/printer_analysis.h"
+#include "service/analysis/decision/printer_analysis.h"
 #include "service/camera/print_analyser.h"
 
 namespace varnel::app {

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "service/analysis/rknn_api.h"
+#include "service/analysis/network/rknn_api.h"
 
 namespace varnel::service {
 

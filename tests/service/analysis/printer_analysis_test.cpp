@@ -1,4 +1,4 @@
-#include "service/analysis/printer_analysis.h"
+#include "service/analysis/decision/printer_analysis.h"
 
 #include <gmock/gmock.h>
 #include <signal.h>
@@ -206,12 +206,11 @@ TEST_F(PrinterAnalysisTest, AnUnusableModelLeavesTheOthers) {
 
 TEST_F(PrinterAnalysisTest, ModelsAreFoundByTheirLabels) {
   Boot();
-  const auto name = [this](const json& labels) {
+  const auto name = [this](const std::vector<std::string>& labels) {
     const Model* model = analysis_->Models().Find(labels);
     return std::string(model == nullptr ? "none" : model->Name());
   };
-  EXPECT_EQ(name(json::array()), "bed_check");
-  EXPECT_EQ(name(nullptr), "bed_check");
+  EXPECT_EQ(name({}), "bed_check");
   EXPECT_EQ(name({"nozzle", "item"}), "bed_check");
   EXPECT_EQ(name({"noodle"}), "print_check");
   EXPECT_EQ(name({"verify_noodle"}), "noodle_verify");
@@ -307,7 +306,7 @@ TEST_F(PrinterAnalysisTest, ARequestMayHaveItsOwnThreshold) {
 
 TEST_F(PrinterAnalysisTest, WhatLayThereBeforeThePrintDoesNotCount) {
   Boot();
-  const DetectionBox box{204, 204, 284, 284};
+  const Rect box{204, 204, 284, 284};
   Image before = Plain(640, 640, 128);
   Scribble(before, box, 1);
   Image changed = Plain(640, 640, 128);
@@ -328,8 +327,8 @@ TEST_F(PrinterAnalysisTest, WhatLayThereBeforeThePrintDoesNotCount) {
 
 TEST_F(PrinterAnalysisTest, WithoutANoodleAtTheBeginningOnlyAnEqualPictureExcuses) {
   Boot();
-  const DetectionBox high{204, 204, 284, 284};
-  const DetectionBox low{204, 444, 284, 524};
+  const Rect high{204, 204, 284, 284};
+  const Rect low{204, 444, 284, 524};
   Image before = Plain(640, 640, 128);
   Scribble(before, high, 1);
   Scribble(before, low, 1);
