@@ -33,7 +33,7 @@ bool MultimediaAdapter::Start() {
 }
 
 bool MultimediaAdapter::OpenMainCamera() {
-  const PhotoTurn::Holder turn(turn_, kTurnLimit);
+  const utils::Turn::Holder turn(turn_, kTurnLimit);
   if (!turn) return false;
   const MultimediaHalInterface* table = StartArea(kTag, setup_.init, setup_.registry->multimedia);
   if (table == nullptr || !FindCameras(table)) return false;
@@ -90,7 +90,7 @@ PhotoStatus MultimediaAdapter::TakePhoto(const utils::FilePlace& place) {
 
 PhotoStatus MultimediaAdapter::TakeTurn(
     const std::function<PhotoStatus(const CameraImage& image)>& develop) {
-  const PhotoTurn::Holder turn(turn_, kTurnLimit);
+  const utils::Turn::Holder turn(turn_, kTurnLimit);
   if (!turn) {
     VLOG_ERROR(kTag, "The camera is still busy after {}s, no photo is taken", kTurnLimit / 1000ms);
     return PhotoStatus::kCaptureFailed;
