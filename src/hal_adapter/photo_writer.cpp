@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "utils/atomic_file.h"
+#include "utils/last_error.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 #include "utils/owned.h"
@@ -70,8 +71,7 @@ bool HasContent(int directory, const std::string& name) {
 bool WriteRaw(const CameraImage& image, const std::string& name, int directory) {
   const utils::UniqueFd file(
       ::openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  return Report(file ? utils::WriteAll(file.Get(), BytesOf(image))
-                     : std::error_code(errno, std::generic_category()));
+  return Report(file ? utils::WriteAll(file.Get(), BytesOf(image)) : utils::LastError());
 }
 
 }  // namespace

@@ -10,15 +10,12 @@
 #include <cstdio>
 #include <utility>
 
+#include "utils/last_error.h"
 #include "utils/temporary_name.h"
 #include "utils/write_all.h"
 
 namespace varnel::utils {
 namespace {
-
-std::error_code LastError() {
-  return {errno, std::generic_category()};
-}
 
 std::error_code Gone() {
   return std::make_error_code(std::errc::no_such_file_or_directory);

@@ -8,14 +8,11 @@
 #include <cstdio>
 #include <utility>
 
+#include "utils/last_error.h"
 #include "utils/temporary_name.h"
 
 namespace varnel::utils {
 namespace {
-
-std::error_code LastError() {
-  return {errno, std::generic_category()};
-}
 
 /// Somebody who may write to the parent could have put another in its place at once.
 bool IsOursAlone(int fd) {
