@@ -211,8 +211,8 @@ int ClientMqttAsync::StartConnect(uint32_t attempt, const MqttConnectSettings& s
 
 void ClientMqttAsync::HandleAccepted(uint32_t attempt, size_t receive_maximum) {
   const auto settings = state_.Settings(attempt);
-  if (!settings) return;
-  window_.Open(receive_maximum);  // before anybody may send
+  if (!settings || state_.IsLive(attempt)) return;  // the library may tell it twice
+  window_.Open(receive_maximum);                    // before anybody may send
   if (!state_.Accept(attempt)) return;
   accepted_ = true;
   pin_.reset();

@@ -14,16 +14,10 @@ constexpr int kWarmUpPhotos = 10;
 constexpr auto kWarmUpPause = 500ms;
 constexpr auto kTurnLimit = 10'000ms;
 
-SpaceCheck OrAlwaysRoom(SpaceCheck check) {
-  return check ? std::move(check) : [](const std::filesystem::path&) { return true; };
-}
-
 }  // namespace
 
 MultimediaAdapter::MultimediaAdapter(MultimediaSetup setup)
-    : setup_(std::move(setup)),
-      writer_(setup_.paths, OrAlwaysRoom(setup_.has_space)),
-      turn_(*setup_.clock) {}
+    : setup_(std::move(setup)), writer_(setup_.paths, setup_.has_space), turn_(*setup_.clock) {}
 
 bool MultimediaAdapter::Start() {
   if (!OpenMainCamera()) return false;

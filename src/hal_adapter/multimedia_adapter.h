@@ -17,7 +17,7 @@ namespace varnel::hal_adapter {
 /// What the multimedia adapter is built from; the defaults are the board's.
 struct MultimediaSetup {
   AreaInit init;
-  SpaceCheck has_space;  ///< none: there is always room
+  utils::SpaceCheck has_space;
   PhotoPaths paths = {};
   const HalRegistry* registry = &HalRegistry::Instance();
   utils::Clock* clock = &utils::SystemClock::Instance();

@@ -76,11 +76,11 @@ bool WriteRaw(const CameraImage& image, const std::string& name, int directory) 
 
 }  // namespace
 
-PhotoWriter::PhotoWriter(PhotoPaths paths, SpaceCheck has_space)
+PhotoWriter::PhotoWriter(PhotoPaths paths, utils::SpaceCheck has_space)
     : paths_(std::move(paths)), has_space_(std::move(has_space)) {}
 
 bool PhotoWriter::HasRoom(const utils::FilePlace& place) const {
-  return has_space_(place.Path());
+  return utils::HasRoom(has_space_, place.Path());
 }
 
 PhotoStatus PhotoWriter::Develop(const CameraImage& image, const std::string& name,

@@ -53,8 +53,11 @@ int PrivateDirectory::MakeOwn(const char* name) {
   auto own = parent_.OpenIn(name, error);
   if (own && !IsOursAlone(own->Fd())) {
     error = std::make_error_code(std::errc::permission_denied);
-  } else if (own && !HoldTemporary(own->Fd())) {
+  } else if (own && !HoldTemporary(parent_.Fd(), name, own->Fd())) {
     error = std::make_error_code(std::errc::file_exists);
+  }
+  if (error == std::errc::no_such_file_or_directory) {
+    error = std::make_error_code(std::errc::file_exists);  // taken for a leftover: another name
   }
   if (error) {
     ::unlinkat(parent_.Fd(), name, AT_REMOVEDIR);
