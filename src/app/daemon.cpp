@@ -60,7 +60,7 @@ std::shared_ptr<utils::Logger> StartLogging(LogTarget target,
   return logger;
 }
 
-hal_adapter::SpaceCheck SpaceCheckOf(const utils::Deployment& deployment) {
+utils::SpaceCheck SpaceCheckOf(const utils::Deployment& deployment) {
   const uint64_t min_mib = deployment.min_free_space_mib;
   return [min_mib](const std::filesystem::path& destination) {
     if (utils::EnoughFreeSpace(destination.parent_path(), min_mib << 20)) return true;

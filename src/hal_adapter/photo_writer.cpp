@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "utils/atomic_file.h"
+#include "utils/last_error.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 #include "utils/owned.h"
@@ -70,17 +71,16 @@ bool HasContent(int directory, const std::string& name) {
 bool WriteRaw(const CameraImage& image, const std::string& name, int directory) {
   const utils::UniqueFd file(
       ::openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  return Report(file ? utils::WriteAll(file.Get(), BytesOf(image))
-                     : std::error_code(errno, std::generic_category()));
+  return Report(file ? utils::WriteAll(file.Get(), BytesOf(image)) : utils::LastError());
 }
 
 }  // namespace
 
-PhotoWriter::PhotoWriter(PhotoPaths paths, SpaceCheck has_space)
+PhotoWriter::PhotoWriter(PhotoPaths paths, utils::SpaceCheck has_space)
     : paths_(std::move(paths)), has_space_(std::move(has_space)) {}
 
 bool PhotoWriter::HasRoom(const utils::FilePlace& place) const {
-  return has_space_(place.Path());
+  return utils::HasRoom(has_space_, place.Path());
 }
 
 PhotoStatus PhotoWriter::Develop(const CameraImage& image, const std::string& name,

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "hal_interface/hal_records.h"
+#include "utils/free_space.h"
 #include "utils/held_directory.h"
 #include "utils/new_file.h"
 #include "utils/owned.h"
@@ -20,9 +21,6 @@ enum class PhotoStatus {
   kConversionFailed,  ///< the frame could not be made a picture
 };
 
-/// Says whether there is room to write to this path; it logs when there is not.
-using SpaceCheck = std::function<bool(const std::filesystem::path& destination)>;
-
 struct PhotoPaths {
   std::filesystem::path converter = "/usr/bin/ffmpeg";
   std::filesystem::path raw_frame = "/tmp/.capture.bin";
@@ -34,7 +32,7 @@ struct PhotoPaths {
 /// the raw bytes for any other.
 class PhotoWriter {
  public:
-  PhotoWriter(PhotoPaths paths, SpaceCheck has_space);
+  PhotoWriter(PhotoPaths paths, utils::SpaceCheck has_space);
 
   /// False when the place has no room; callable from any thread.
   [[nodiscard]] bool HasRoom(const utils::FilePlace& place) const;
@@ -55,7 +53,7 @@ class PhotoWriter {
   bool RunConverter(const char* pixel_format, const std::string& picture, int directory) const;
 
   const PhotoPaths paths_;
-  const SpaceCheck has_space_;
+  const utils::SpaceCheck has_space_;
 };
 
 }  // namespace varnel::hal_adapter

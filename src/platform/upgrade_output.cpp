@@ -107,10 +107,10 @@ void UpgradeOutput::CutIfLong() const {
   }
 }
 
-/// Such a lease is refused while somebody writes; it is given back at once. Whoever opens the file
-/// in between waits, and the process gets a SIGIO, which it has to ignore.
+/// Such a lease is refused while somebody writes; it is given back at once. A file system that has
+/// none cannot tell.
 bool UpgradeOutput::InUse() const {
-  if (::fcntl(file_.Get(), F_SETLEASE, F_RDLCK) != 0) return true;
+  if (::fcntl(file_.Get(), F_SETLEASE, F_RDLCK) != 0) return errno == EAGAIN;
   ::fcntl(file_.Get(), F_SETLEASE, F_UNLCK);
   return false;
 }

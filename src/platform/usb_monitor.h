@@ -59,7 +59,7 @@ class USBMonitor {
   void AnnouncePresentDrives();
   void AnnounceMounted();
   std::vector<std::string> PresentDrives() const;
-  void Announce(hal_adapter::HalEventType type, const std::string& directory);
+  bool Announce(hal_adapter::HalEventType type, const std::string& directory);
   std::optional<std::string> AwaitMount(const std::string& node);
   std::optional<std::string> MountDirectory(const std::string& node) const;
   void Pause(std::chrono::milliseconds time);
@@ -69,8 +69,8 @@ class USBMonitor {
   Monitor monitor_;
   utils::UniqueFd stop_event_;  // readable from the moment the monitor is to end
   std::atomic<bool> running_{true};
-  bool failing_ = false;                // of the thread: reported already
-  std::vector<std::string> unmounted_;  // of the thread: drives that are there, by their nodes
+  bool failing_ = false;                  // of the thread: reported already
+  std::vector<std::string> unannounced_;  // of the thread: drives that are there, by their nodes
   std::jthread thread_;
 };
 

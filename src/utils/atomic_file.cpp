@@ -10,6 +10,7 @@
 #include <cstdio>
 
 #include "utils/held_directory.h"
+#include "utils/last_error.h"
 #include "utils/owned.h"
 #include "utils/temporary_name.h"
 #include "utils/write_all.h"
@@ -18,10 +19,6 @@ namespace varnel::utils {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::error_code LastError() {
-  return {errno, std::generic_category()};
-}
 
 fs::path DirectoryOf(const fs::path& target) {
   const fs::path parent = target.parent_path();

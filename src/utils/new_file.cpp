@@ -1,6 +1,7 @@
 #include "utils/new_file.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,15 +11,12 @@
 #include <cstdio>
 #include <utility>
 
+#include "utils/last_error.h"
 #include "utils/temporary_name.h"
 #include "utils/write_all.h"
 
 namespace varnel::utils {
 namespace {
-
-std::error_code LastError() {
-  return {errno, std::generic_category()};
-}
 
 std::error_code Gone() {
   return std::make_error_code(std::errc::no_such_file_or_directory);
@@ -49,7 +47,8 @@ std::optional<NewFile> NewFile::Create(const FilePlace& place, std::error_code& 
   NewFile made(place);
   made.file_.Reset(::openat(directory, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
   if (made.file_) {
-    (void)HoldTemporary(made.file_.Get());  // for the moment in which it has a temporary name
+    // For the moment in which it has a temporary name.
+    (void)::flock(made.file_.Get(), LOCK_EX | LOCK_NB);
     error.clear();
     return made;
   }
@@ -102,8 +101,11 @@ std::error_code NewFile::CopyToNamed(mode_t mode) {
 }
 
 std::error_code NewFile::TakeTemporaryName(mode_t mode) {
-  if (!temporary_.empty() ||
-      MakeTemporary(temporary_, [this](const char* name) { return Link(name) ? -1 : 0; }) == 0) {
+  if (!temporary_.empty()) {
+    return {};
+  }
+  RemoveLeftovers(place_->directory);  // of a power failure at this very place
+  if (MakeTemporary(temporary_, [this](const char* name) { return Link(name) ? -1 : 0; }) == 0) {
     return {};
   }
   temporary_.clear();

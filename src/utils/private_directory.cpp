@@ -8,14 +8,11 @@
 #include <cstdio>
 #include <utility>
 
+#include "utils/last_error.h"
 #include "utils/temporary_name.h"
 
 namespace varnel::utils {
 namespace {
-
-std::error_code LastError() {
-  return {errno, std::generic_category()};
-}
 
 /// Somebody who may write to the parent could have put another in its place at once.
 bool IsOursAlone(int fd) {
@@ -56,8 +53,11 @@ int PrivateDirectory::MakeOwn(const char* name) {
   auto own = parent_.OpenIn(name, error);
   if (own && !IsOursAlone(own->Fd())) {
     error = std::make_error_code(std::errc::permission_denied);
-  } else if (own && !HoldTemporary(own->Fd())) {
+  } else if (own && !HoldTemporary(parent_.Fd(), name, own->Fd())) {
     error = std::make_error_code(std::errc::file_exists);
+  }
+  if (error == std::errc::no_such_file_or_directory) {
+    error = std::make_error_code(std::errc::file_exists);  // taken for a leftover: another name
   }
   if (error) {
     ::unlinkat(parent_.Fd(), name, AT_REMOVEDIR);

@@ -62,17 +62,17 @@ std::string TemporaryName() {
   return name;
 }
 
-bool HoldTemporary(int fd) {
-  struct stat info {};
+bool HoldTemporary(int directory, const char* path, int fd) {
   if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
     return errno != EWOULDBLOCK;  // not on every file system: then it is in use without a mark
   }
-  return ::fstat(fd, &info) == 0 && info.st_nlink > 0;
+  return ::faccessat(directory, path, F_OK, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 int CreateHeldFile(int directory, const char* path) {
   UniqueFd file(::openat(directory, path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  if (file && !HoldTemporary(file.Get())) {
+  if (file && !HoldTemporary(directory, path, file.Get())) {
+    ::unlinkat(directory, path, 0);
     file.Reset();
     errno = EEXIST;
   }

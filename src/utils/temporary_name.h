@@ -31,9 +31,9 @@ template <class Make>
   return result;
 }
 
-/// Marks an open temporary file or directory as one that is in use, until it is closed; the mark
-/// does not outlive us. False when it was removed before it could be marked.
-[[nodiscard]] bool HoldTemporary(int fd);
+/// Marks a temporary file or directory, which is open as `fd`, as one that is in use until it is
+/// closed; the mark does not outlive us. False when it was removed before it could be marked.
+[[nodiscard]] bool HoldTemporary(int directory, const char* path, int fd);
 
 /// Makes a file of mode 0600 that is held, for reading and writing; -1 with errno when that fails,
 /// EEXIST also when it was taken for a leftover at once.

@@ -307,6 +307,7 @@ class KilledPrint {
   bool MaybeKill(bool printing) {
     if (random_() % 2 == 0) return false;
     if (printing) (void)served_->rpc.Post("camera.take_a_photo", {{"reason", "printing"}});
+    // sleeps: any moment
     std::this_thread::sleep_for(std::chrono::milliseconds(random_() % 500));
     EXPECT_TRUE(served_->board.SignalDaemon(SIGKILL));
     EXPECT_EQ(served_->board.AwaitDaemonEnd(), 128 + SIGKILL);

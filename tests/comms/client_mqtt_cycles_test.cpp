@@ -57,8 +57,8 @@ TEST(MqttCycles, AThousandConnectReconnectAndDestroyCycles) {
                            .port = ports[cycle % 4],
                            .client_id = fmt::format("c{}", cycle),
                            .connect_timeout_s = 1});
-    std::this_thread::sleep_for(
-        std::chrono::microseconds(random() % 4000));  // any moment of the attempt
+    // sleeps: any moment of the attempt
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 4000));
     if (cycle % 3 == 0) (void)client->Reconnect();
     // Seldom: beside another client the library needs 2 s for a connection.
     if (cycle % 36 == 0) Eventually([&] { return client->IsConnected(); });

@@ -118,7 +118,7 @@ class AnalysisWorld {
 
   test::LogCapture log_;
   test::TempDir dir_;
-  ResultPictures::SpaceCheck has_space_;
+  utils::SpaceCheck has_space_;
   utils::Clock* clock_ = nullptr;
   const RknnLibrary library_{{kNpuStandIn}};
   std::unique_ptr<PrinterAnalysis> analysis_;

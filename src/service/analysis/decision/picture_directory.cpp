@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "service/analysis/picture/analysis_log.h"
+#include "utils/last_error.h"
 #include "utils/log.h"
 
 namespace varnel::service {
@@ -110,7 +111,7 @@ bool PictureDirectory::MakeRoom(size_t limit) {
     const fs::path oldest = path_ / pictures_.front().name;
     if (::unlink(oldest.c_str()) != 0 && errno != ENOENT) {
       VLOG_ERROR(kTag, "{} cannot be removed, no picture is added: {}", oldest.string(),
-                 std::generic_category().message(errno));
+                 utils::LastError().message());
       return false;
     }
     pictures_.pop_front();

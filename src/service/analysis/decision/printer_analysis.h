@@ -21,8 +21,8 @@ struct AnalysisSetup {
   std::filesystem::path models = "/etc/varnel/camera_service/model";
   std::filesystem::path results = "/userdata/.tmp_detect_result";
   // The next two and the clock are used as long as the NPU is busy, even beyond the analysis' end.
-  ResultPictures::SpaceCheck has_space = {};  ///< none: there is always room
-  const RknnLibrary* library = nullptr;       ///< the NPU runtime, the board's own when null
+  utils::SpaceCheck has_space = {};
+  const RknnLibrary* library = nullptr;  ///< the NPU runtime, the board's own when null
   std::string_view config = kBuiltInModelConfig;
   utils::Clock* clock = nullptr;  ///< the machine's own when null
 };

@@ -56,7 +56,7 @@ PictureDirectory::Writer Encoding(const ImageBuffer& picture) {
 
 }  // namespace
 
-ResultPictures::ResultPictures(fs::path base, SpaceCheck has_space)
+ResultPictures::ResultPictures(fs::path base, utils::SpaceCheck has_space)
     : base_(std::move(base)), has_space_(std::move(has_space)) {}
 
 void ResultPictures::CreateDirectories() {

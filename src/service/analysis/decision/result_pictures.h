@@ -9,6 +9,7 @@
 
 #include "service/analysis/decision/picture_directory.h"
 #include "service/analysis/picture/image_buffer.h"
+#include "utils/free_space.h"
 
 namespace varnel::service {
 
@@ -25,10 +26,7 @@ struct PictureSaving {
 /// logged and never keeps a detection from answering.
 class ResultPictures {
  public:
-  using SpaceCheck = std::function<bool(const std::filesystem::path&)>;
-
-  /// @param has_space whether a file may be written to a directory; none: always
-  ResultPictures(std::filesystem::path base, SpaceCheck has_space);
+  ResultPictures(std::filesystem::path base, utils::SpaceCheck has_space);
 
   /// Once. A directory that cannot be made is logged and its pictures are not written.
   void CreateDirectories();
@@ -52,10 +50,10 @@ class ResultPictures {
  private:
   PictureDirectory Create(const std::filesystem::path& path);
   std::string Name();
-  bool HasSpace() const { return !has_space_ || has_space_(base_ / "org"); }
+  bool HasSpace() const { return utils::HasRoom(has_space_, base_ / "org"); }
 
   const std::filesystem::path base_;
-  const SpaceCheck has_space_;
+  const utils::SpaceCheck has_space_;
   PictureDirectory org_, det_, crop_, positive_org_, positive_det_;
   uint64_t last_number_ = 0;
   bool numbered_ = false;  ///< last_number_ is the picture's

@@ -1,10 +1,10 @@
-#include "hal_adapter/photo_turn.h"
+#include "utils/turn.h"
 
 #include <algorithm>
 
-namespace varnel::hal_adapter {
+namespace varnel::utils {
 
-bool PhotoTurn::Take(std::chrono::milliseconds limit) {
+bool Turn::Take(std::chrono::milliseconds limit) {
   std::unique_lock lock(mutex_);
   const uint64_t ticket = ++last_ticket_;
   line_.push_back(ticket);
@@ -14,7 +14,7 @@ bool PhotoTurn::Take(std::chrono::milliseconds limit) {
   return false;  // was not first, so nobody's turn changes
 }
 
-void PhotoTurn::Give() {
+void Turn::Give() {
   {
     const std::lock_guard lock(mutex_);
     line_.pop_front();
@@ -22,4 +22,4 @@ void PhotoTurn::Give() {
   changed_.notify_all();
 }
 
-}  // namespace varnel::hal_adapter
+}  // namespace varnel::utils

@@ -8,20 +8,19 @@
 
 #include "utils/clock.h"
 
-namespace varnel::hal_adapter {
+namespace varnel::utils {
 
-/// Lets one caller at a time use the camera, in the order in which they came, each waiting a
-/// bounded time on the injected clock.
-class PhotoTurn {
+/// Lets one caller at a time use something, in the order in which they came, each waiting a bounded
+/// time on the injected clock. Thread-safe.
+class Turn {
  public:
-  explicit PhotoTurn(utils::Clock& clock) : clock_(clock) {}
+  explicit Turn(Clock& clock) : clock_(clock) {}
 
   /// Gives the turn back at its end of life.
   class Holder {
    public:
     /// Waits at most `limit`; false as a condition when the turn did not come.
-    Holder(PhotoTurn& turn, std::chrono::milliseconds limit)
-        : turn_(turn), held_(turn.Take(limit)) {}
+    Holder(Turn& turn, std::chrono::milliseconds limit) : turn_(turn), held_(turn.Take(limit)) {}
     ~Holder() {
       if (held_) turn_.Give();
     }
@@ -30,7 +29,7 @@ class PhotoTurn {
     explicit operator bool() const { return held_; }
 
    private:
-    PhotoTurn& turn_;
+    Turn& turn_;
     const bool held_;
   };
 
@@ -38,11 +37,11 @@ class PhotoTurn {
   bool Take(std::chrono::milliseconds limit);
   void Give();
 
-  utils::Clock& clock_;
+  Clock& clock_;
   std::mutex mutex_;
   std::condition_variable changed_;
   uint64_t last_ticket_ = 0;     // guarded by mutex_
   std::deque<uint64_t> line_{};  // whose turn it is, then who waits; guarded by mutex_
 };
 
-}  // namespace varnel::hal_adapter
+}  // namespace varnel::utils
