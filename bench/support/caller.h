@@ -7,13 +7,13 @@
 #include <optional>
 #include <string>
 
-#include "support/mqtt_link.h"
 #include "support/report.h"
+#include "virtual_board/client/mqtt_link.h"
 
 namespace varnel::bench {
 
-using test::Message;
-using test::MqttLink;
+using board::Message;
+using board::MqttLink;
 
 /// Who is measured: where it takes requests and which process it is.
 struct Target {

@@ -3,12 +3,14 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <stdexcept>
 
 #include "virtual_board/common/fd.h"
 
@@ -82,6 +84,23 @@ std::vector<char*> ArgumentPointers(const std::vector<std::string>& arguments) {
     pointers.push_back(const_cast<char*>(argument.c_str()));
   pointers.push_back(nullptr);
   return pointers;
+}
+
+pid_t StartChild(const std::vector<std::string>& command) {
+  const auto pointers = ArgumentPointers(command);
+  const pid_t child = ::fork();
+  if (child < 0) throw std::runtime_error("no process for " + command[0]);
+  if (child > 0) return child;
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  ::execvp(pointers[0], pointers.data());
+  ::_exit(127);
+}
+
+int AwaitChild(pid_t child) {
+  int status = 0;
+  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return ShellStatus(status);
 }
 
 int ShellStatus(int wait_status) {

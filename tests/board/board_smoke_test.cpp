@@ -3,8 +3,8 @@
 
 #include <algorithm>
 
-#include "board/board.h"
 #include "support/temp_dir.h"
+#include "virtual_board/client/board.h"
 #include "virtual_board/common/files.h"
 
 namespace varnel::board {

@@ -4,9 +4,10 @@
 
 #include <thread>
 
-#include "board/daemon_talk.h"
 #include "board/request_ledger.h"
-#include "board/rpc_caller.h"
+#include "board/run_inside.h"
+#include "virtual_board/client/daemon_talk.h"
+#include "virtual_board/client/rpc_caller.h"
 
 namespace varnel::board {
 namespace {
@@ -40,7 +41,7 @@ class BrokerFaultTest : public testing::Test {
   /// Requests sent while something is wrong are all answered once when it is over.
   void SurvivesWithoutLoss(const std::function<void()>& begin, const std::function<void()>& end) {
     RequestLedger ledger;
-    test::MqttLink link = LinkTo(board_, "load");
+    MqttLink link = LinkTo(board_, "load");
     link.Subscribe("+/response", 0);
     begin();
     for (int i = 0; i < 50; ++i) ledger.Probe(link, RequestLedger::kTopics[i % 2]);
@@ -75,7 +76,7 @@ TEST_F(BrokerFaultTest, ShortDisturbancesLoseNothing) {
 TEST_F(BrokerFaultTest, WhoTakesItsNameDoesNotKeepIt) {
   StartDaemon();
   console_.Mark();
-  test::MqttLink thief = LinkTo(board_, "varnel");
+  MqttLink thief = LinkTo(board_, "varnel");
   // The broker gives no reason.
   EXPECT_TRUE(console_.AwaitText("connection lost, cause: ", 5s));
   EXPECT_TRUE(console_.AwaitText("connected successfully", 8s)) << console_.Tail();

@@ -7,8 +7,10 @@
 #include <set>
 #include <thread>
 
-#include "board/daemon_talk.h"
 #include "board/request_ledger.h"
+#include "board/run_inside.h"
+#include "support/eventually.h"
+#include "virtual_board/client/daemon_talk.h"
 
 namespace varnel::board {
 namespace {
@@ -58,7 +60,7 @@ class Storm {
 
   /// Load, death of the broker at a random moment of it, and its return after a random pause.
   void Round(int round) {
-    test::MqttLink link = LinkTo(board_, "load");
+    MqttLink link = LinkTo(board_, "load");
     link.Subscribe("+/response", 0);
     if (round % 4 == 3) {
       LoadBlindly(link, milliseconds(Random(0, 3000)));
@@ -74,7 +76,7 @@ class Storm {
   }
 
   /// Sends until each topic is answered once: from then on the daemon is there.
-  void AwaitFirstAnswers(test::MqttLink& link) {
+  void AwaitFirstAnswers(MqttLink& link) {
     const size_t first = ledger_.Size();
     std::map<std::string, std::set<size_t>> probes;
     EXPECT_TRUE(test::Eventually(
@@ -94,7 +96,7 @@ class Storm {
   }
 
   /// Every one of these requests is answered; the last ones only if they may all arrive.
-  void Load(test::MqttLink& link, size_t count, bool drain) {
+  void Load(MqttLink& link, size_t count, bool drain) {
     while (count > 0) {
       ledger_.Send(link);
       --count;
@@ -104,7 +106,7 @@ class Storm {
   }
 
   /// Takes answers until at most so many requests wait for theirs.
-  void Receive(test::MqttLink& link, size_t open) {
+  void Receive(MqttLink& link, size_t open) {
     while (ledger_.Open(watched_from_) > open) {
       const auto message = link.Receive(kAnswerLimit);
       if (!message) {
@@ -117,7 +119,7 @@ class Storm {
   }
 
   /// The daemon may not have returned yet: whatever comes back is right.
-  void LoadBlindly(test::MqttLink& link, milliseconds time) {
+  void LoadBlindly(MqttLink& link, milliseconds time) {
     const auto end = std::chrono::steady_clock::now() + time;
     while (std::chrono::steady_clock::now() < end) {
       ledger_.Send(link);
@@ -125,7 +127,7 @@ class Storm {
     }
   }
 
-  void TakeTheRest(test::MqttLink& link) {
+  void TakeTheRest(MqttLink& link) {
     try {
       while (const auto message = link.Receive(100ms)) ledger_.Take(*message);
     } catch (const std::runtime_error&) {  // the broker is gone
@@ -134,7 +136,7 @@ class Storm {
 
   /// Connected again and nothing to do.
   ProcessCounters CalmCounters() {
-    test::MqttLink link = LinkTo(board_, "load");
+    MqttLink link = LinkTo(board_, "load");
     link.Subscribe("+/response", 0);
     AwaitFirstAnswers(link);
     Load(link, 200, true);

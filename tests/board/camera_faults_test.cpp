@@ -4,6 +4,7 @@
 
 #include <array>
 
+#include "board/run_inside.h"
 #include "board/served_board.h"
 #include "support/temp_dir.h"
 #include "virtual_board/common/files.h"

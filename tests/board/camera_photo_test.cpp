@@ -9,6 +9,7 @@
 #include <random>
 #include <thread>
 
+#include "board/run_inside.h"
 #include "board/served_board.h"
 #include "virtual_board/chart/image.h"
 #include "virtual_board/common/files.h"

@@ -4,12 +4,13 @@
 
 #include <map>
 
-#include "board/board.h"
 #include "board/cloud_side.h"
+#include "board/run_inside.h"
 #include "comms/client_mqtt_async.h"
 #include "comms/comms_manager.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
+#include "virtual_board/client/board.h"
 
 namespace varnel::board {
 namespace {

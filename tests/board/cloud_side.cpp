@@ -7,9 +7,10 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "board/board.h"
+#include "board/run_inside.h"
 #include "support/eventually.h"
 #include "support/temp_dir.h"
+#include "virtual_board/client/board.h"
 
 namespace varnel::board {
 namespace {

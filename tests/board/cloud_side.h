@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "board/run_inside.h"
 #include "comms/client_mqtt_base.h"
 
 namespace varnel::board {

@@ -5,9 +5,10 @@
 #include <fstream>
 #include <map>
 
-#include "board/daemon_talk.h"
+#include "board/run_inside.h"
 #include "board/scenes.h"
 #include "board/served_board.h"
+#include "virtual_board/client/daemon_talk.h"
 #include "virtual_board/identity/block.h"
 
 namespace varnel::board {

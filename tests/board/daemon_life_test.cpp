@@ -4,9 +4,10 @@
 
 #include <set>
 
-#include "board/daemon_talk.h"
-#include "board/rpc_caller.h"
+#include "board/run_inside.h"
 #include "support/temp_dir.h"
+#include "virtual_board/client/daemon_talk.h"
+#include "virtual_board/client/rpc_caller.h"
 
 namespace varnel::board {
 namespace {

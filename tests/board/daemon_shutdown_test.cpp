@@ -8,9 +8,11 @@
 #include <random>
 #include <thread>
 
-#include "board/daemon_talk.h"
 #include "board/request_ledger.h"
+#include "board/run_inside.h"
+#include "support/eventually.h"
 #include "support/temp_dir.h"
+#include "virtual_board/client/daemon_talk.h"
 #include "virtual_board/common/files.h"
 
 namespace varnel::board {
@@ -117,7 +119,7 @@ class MortalDaemon {
   /// Requests and, while they run, a photo whose conversion does not end.
   void Load(milliseconds time) {
     const auto end = std::chrono::steady_clock::now() + time;
-    test::MqttLink link = LinkTo(board_, "load");
+    MqttLink link = LinkTo(board_, "load");
     link.Subscribe("+/response", 0);
     link.Publish("camera/request",
                  R"({"jsonrpc":"2.0","id":"photo","method":"camera.take_a_photo",)"

@@ -8,6 +8,7 @@
 #include <regex>
 #include <span>
 
+#include "board/run_inside.h"
 #include "board/scenes.h"
 #include "board/served_board.h"
 #include "virtual_board/common/files.h"

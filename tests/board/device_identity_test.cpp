@@ -5,9 +5,10 @@
 #include <fstream>
 #include <regex>
 
-#include "board/daemon_talk.h"
+#include "board/run_inside.h"
 #include "board/served_board.h"
 #include "support/eventually.h"
+#include "virtual_board/client/daemon_talk.h"
 #include "virtual_board/common/files.h"
 #include "virtual_board/identity/block.h"
 

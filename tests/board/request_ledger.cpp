@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
-#include "board/daemon_talk.h"
-#include "board/rpc_caller.h"
+#include "virtual_board/client/daemon_talk.h"
+#include "virtual_board/client/rpc_caller.h"
 
 namespace varnel::board {
 
@@ -43,7 +43,7 @@ constexpr const char* kUnknown = "Method not found: system.unknown_";
 
 }  // namespace
 
-size_t RequestLedger::Send(test::MqttLink& link) {
+size_t RequestLedger::Send(MqttLink& link) {
   const size_t id = entries_.size();
   const std::string number = std::to_string(id);
   if (id % 16 == 3) {
@@ -63,7 +63,7 @@ size_t RequestLedger::Send(test::MqttLink& link) {
   }
 }
 
-size_t RequestLedger::Probe(test::MqttLink& link, const std::string& topic) {
+size_t RequestLedger::Probe(MqttLink& link, const std::string& topic) {
   if (topic == "camera") return Send(link, {topic, "camera.get_status", nullptr, Status(), ""});
   const std::string method = "system.unknown_" + std::to_string(entries_.size());
   return Send(link, {topic, method, nullptr, NotFound(method), kUnknown});
@@ -75,7 +75,7 @@ json RequestLedger::Request(size_t id, const Entry& entry) {
   return request;
 }
 
-size_t RequestLedger::Send(test::MqttLink& link, Entry entry) {
+size_t RequestLedger::Send(MqttLink& link, Entry entry) {
   const size_t id = entries_.size();
   const std::string text = Request(id, entry).dump();
   const std::string topic = entry.topic + "/request";
@@ -84,7 +84,7 @@ size_t RequestLedger::Send(test::MqttLink& link, Entry entry) {
   return id;
 }
 
-void RequestLedger::Take(const test::Message& message) {
+void RequestLedger::Take(const Message& message) {
   const json answer = json::parse(message.payload);
   const size_t id = answer.at("id");
   ASSERT_LT(id, entries_.size()) << "an answer to nothing";

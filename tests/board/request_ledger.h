@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "support/mqtt_link.h"
+#include "virtual_board/client/mqtt_link.h"
 
 namespace varnel::board {
 
@@ -16,11 +16,11 @@ class RequestLedger {
   static constexpr const char* kTopics[] = {"camera", "system"};
 
   /// Sends the next request of the mix; its number.
-  size_t Send(test::MqttLink& link);
+  size_t Send(MqttLink& link);
   /// Sends a cheap request on this topic.
-  size_t Probe(test::MqttLink& link, const std::string& topic);
+  size_t Probe(MqttLink& link, const std::string& topic);
   /// Takes an answer in, which may belong to any request sent so far.
-  void Take(const test::Message& message);
+  void Take(const Message& message);
 
   [[nodiscard]] bool Answered(size_t id) const { return entries_.at(id).answers > 0; }
   /// How many of the requests from this number on are not answered.
@@ -41,7 +41,7 @@ class RequestLedger {
     int answers = 0;
   };
   [[nodiscard]] static nlohmann::json Request(size_t id, const Entry& entry);
-  size_t Send(test::MqttLink& link, Entry entry);
+  size_t Send(MqttLink& link, Entry entry);
 
   std::vector<Entry> entries_;
 };

@@ -7,6 +7,7 @@
 #include <regex>
 #include <sstream>
 
+#include "board/run_inside.h"
 #include "board/served_board.h"
 
 namespace varnel::board {

@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "board/board.h"
+#include "virtual_board/client/board.h"
 
 namespace varnel::board {
 

@@ -4,8 +4,8 @@
 #include <functional>
 #include <string>
 
-#include "board/board.h"
-#include "board/rpc_caller.h"
+#include "virtual_board/client/board.h"
+#include "virtual_board/client/rpc_caller.h"
 
 namespace varnel::board {
 

@@ -10,10 +10,11 @@
 #include <sstream>
 #include <thread>
 
-#include "board/daemon_talk.h"
+#include "board/run_inside.h"
 #include "board/served_board.h"
 #include "support/eventually.h"
 #include "support/temp_dir.h"
+#include "virtual_board/client/daemon_talk.h"
 
 namespace varnel::board {
 namespace {

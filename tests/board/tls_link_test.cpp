@@ -4,11 +4,12 @@
 
 #include <filesystem>
 
-#include "board/board.h"
 #include "board/cloud_side.h"
+#include "board/run_inside.h"
 #include "comms/client_kind.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
+#include "virtual_board/client/board.h"
 
 namespace varnel::board {
 namespace {

@@ -1,7 +1,8 @@
 // Drives come and go on a whole board: the daemon hears of them through the real libudev.
 #include <gmock/gmock.h>
 
-#include "board/daemon_talk.h"
+#include "board/run_inside.h"
+#include "virtual_board/client/daemon_talk.h"
 
 namespace varnel::board {
 namespace {

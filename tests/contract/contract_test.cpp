@@ -1,11 +1,11 @@
 // What judges the daemon's messages in other tests: a contract that is sane, and a judge that sees.
-#include "support/contract.h"
+#include "virtual_board/client/contract.h"
 
 #include <gtest/gtest.h>
 
 #include <fstream>
 
-namespace varnel::test {
+namespace varnel::board {
 namespace {
 
 using nlohmann::json;
@@ -53,4 +53,4 @@ TEST(ContractTest, WhatIsNotPromisedIsSeen) {
 }
 
 }  // namespace
-}  // namespace varnel::test
+}  // namespace varnel::board

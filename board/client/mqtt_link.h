@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-namespace varnel::test {
+namespace varnel::board {
 
 struct Message {
   std::string topic;
@@ -54,4 +54,4 @@ class MqttLink {
   std::string output_;
 };
 
-}  // namespace varnel::test
+}  // namespace varnel::board

@@ -32,7 +32,7 @@ struct ProcessInfo {
   char state = '?';  ///< as in /proc/PID/stat; 'Z' is a zombie
 };
 
-/// One virtual board in a directory of its own, driven by a test.
+/// One virtual board in a directory of its own, driven by a program.
 ///
 /// A test program talks to the board's broker in one of two ways:
 /// - Exec() runs mosquitto's clients inside, from any test program, for any number of boards;
@@ -121,20 +121,9 @@ class Board {
   pid_t launcher_ = 0;
 };
 
-/// Options for a board with the daemon of this build, not started, and the sanitizers' settings of
-/// this program.
-BootOptions DaemonOptions();
-
 /// Pictures that the build has drawn: "chart.nv12", "chart.yuyv" and "chart.ppm".
 std::filesystem::path ChartFile(const std::string& name);
 
 ProcessCounters CountersOf(pid_t pid);
-
-/// main() of a test program that runs on the network of a board of its own: boots it, runs this
-/// program again inside its network, where the tests run, and stops it. Without tests to run
-/// (listing, no match) it boots all the same.
-int RunInsideBoard(int argc, char** argv, const BootOptions& options);
-/// The board of a program started through RunInsideBoard().
-Board& TheBoard();
 
 }  // namespace varnel::board

@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "board/board.h"
+#include "virtual_board/client/board.h"
 #include "virtual_board/common/files.h"
 #include "virtual_board/launcher/control.h"
 

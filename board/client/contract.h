@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "support/schema.h"
+#include "virtual_board/client/schema.h"
 
-namespace varnel::test {
+namespace varnel::board {
 
 /// The machine-readable contract docs/openrpc.json: says whether what a daemon sent is what the
 /// document promises. All checks return nothing when all is well, else one sentence that tells what
@@ -57,4 +57,4 @@ class Contract {
   std::map<std::string, Method> methods_;
 };
 
-}  // namespace varnel::test
+}  // namespace varnel::board

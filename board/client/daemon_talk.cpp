@@ -1,10 +1,11 @@
-#include "board/daemon_talk.h"
+#include "virtual_board/client/daemon_talk.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>
 
 #include <ctime>
 #include <stdexcept>
+#include <thread>
 
 #include "virtual_board/common/files.h"
 #include "virtual_board/launcher/control.h"
@@ -32,7 +33,12 @@ size_t DaemonConsole::Count(const std::string& text) const {
 }
 
 bool DaemonConsole::AwaitText(const std::string& text, milliseconds limit) const {
-  return test::Eventually([&] { return Count(text) > 0; }, limit);
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (Count(text) == 0) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(milliseconds(5));
+  }
+  return true;
 }
 
 std::optional<system_clock::time_point> DaemonConsole::TimeOf(const std::string& text) const {
@@ -48,14 +54,14 @@ std::optional<system_clock::time_point> DaemonConsole::TimeOf(const std::string&
   return system_clock::from_time_t(::timegm(&time)) + milliseconds(std::stoi(rest));
 }
 
-test::MqttLink LinkTo(const Board& board, const std::string& client_id) {
+MqttLink LinkTo(const Board& board, const std::string& client_id) {
   const Fd socket = ConnectUnix(board.Paths().BrokerSocket(), SOCK_STREAM);
   if (!socket) throw std::runtime_error("no broker");
   return {::fcntl(socket.Get(), F_DUPFD_CLOEXEC, 0), client_id};
 }
 
-const test::Contract& DaemonContract() {
-  static const test::Contract contract = test::Contract::Load(VARNEL_CONTRACT);
+const Contract& DaemonContract() {
+  static const Contract contract = Contract::Load(VARNEL_CONTRACT);
   return contract;
 }
 

@@ -6,10 +6,9 @@
 #include <optional>
 #include <string>
 
-#include "board/board.h"
-#include "support/contract.h"
-#include "support/eventually.h"
-#include "support/mqtt_link.h"
+#include "virtual_board/client/board.h"
+#include "virtual_board/client/contract.h"
+#include "virtual_board/client/mqtt_link.h"
 
 namespace varnel::board {
 
@@ -38,9 +37,9 @@ class DaemonConsole {
 
 /// A link to the board's broker from the host, whatever the state of the board's network. Throws
 /// std::runtime_error.
-test::MqttLink LinkTo(const Board& board, const std::string& client_id);
+MqttLink LinkTo(const Board& board, const std::string& client_id);
 
 /// The committed contract; what a test program sees of the daemon is judged by it.
-const test::Contract& DaemonContract();
+const Contract& DaemonContract();
 
 }  // namespace varnel::board

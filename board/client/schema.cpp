@@ -1,4 +1,4 @@
-#include "support/schema.h"
+#include "virtual_board/client/schema.h"
 
 #include <fmt/format.h>
 
@@ -8,7 +8,7 @@
 #include <valijson/validation_results.hpp>
 #include <valijson/validator.hpp>
 
-namespace varnel::test {
+namespace varnel::board {
 namespace {
 
 using nlohmann::json;
@@ -53,4 +53,4 @@ std::optional<std::string> JsonSchema::Check(const json& value) const {
   return text;
 }
 
-}  // namespace varnel::test
+}  // namespace varnel::board

@@ -9,7 +9,7 @@ namespace valijson {
 class Schema;
 }
 
-namespace varnel::test {
+namespace varnel::board {
 
 /// A copy of `document` in which every {"$ref": "#/..."} is replaced by what it points at. Throws
 /// for a reference that leads nowhere.
@@ -31,4 +31,4 @@ class JsonSchema {
   std::unique_ptr<valijson::Schema> schema_;
 };
 
-}  // namespace varnel::test
+}  // namespace varnel::board

@@ -1,4 +1,4 @@
-#include "support/mqtt_link.h"
+#include "virtual_board/client/mqtt_link.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -12,7 +12,7 @@
 #include <cstring>
 #include <stdexcept>
 
-namespace varnel::test {
+namespace varnel::board {
 namespace {
 
 constexpr std::chrono::milliseconds kBrokerTimeout{5000};
@@ -212,4 +212,4 @@ Message MqttLink::Accept(const Packet& packet) {
   return message;
 }
 
-}  // namespace varnel::test
+}  // namespace varnel::board

@@ -1,8 +1,8 @@
-#include "board/rpc_caller.h"
+#include "virtual_board/client/rpc_caller.h"
 
 #include <algorithm>
 
-#include "board/daemon_talk.h"
+#include "virtual_board/client/daemon_talk.h"
 
 namespace varnel::board {
 

@@ -1,4 +1,4 @@
-#include "support/contract.h"
+#include "virtual_board/client/contract.h"
 
 #include <fmt/format.h>
 
@@ -7,7 +7,7 @@
 #include <set>
 #include <stdexcept>
 
-namespace varnel::test {
+namespace varnel::board {
 namespace {
 
 using nlohmann::json;
@@ -191,4 +191,4 @@ std::vector<Contract::Example> Contract::Examples() const {
   return examples;
 }
 
-}  // namespace varnel::test
+}  // namespace varnel::board

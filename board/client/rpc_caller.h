@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "board/board.h"
-#include "support/mqtt_link.h"
+#include "virtual_board/client/board.h"
+#include "virtual_board/client/mqtt_link.h"
 
 namespace varnel::board {
 
@@ -58,8 +58,8 @@ class RpcCaller {
   void Judge(const std::string& topic, const std::optional<std::string>& problem);
 
   std::mutex send_mutex_;
-  test::MqttLink sender_;  // send_mutex_
-  test::MqttLink spy_;     // the watching thread's
+  MqttLink sender_;  // send_mutex_
+  MqttLink spy_;     // the watching thread's
   mutable std::mutex mutex_;
   std::condition_variable arrived_;
   int last_id_ = 0;                                         // mutex_

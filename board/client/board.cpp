@@ -1,9 +1,6 @@
-#include "board/board.h"
+#include "virtual_board/client/board.h"
 
-#include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -11,6 +8,7 @@
 #include <stdexcept>
 
 #include "virtual_board/common/files.h"
+#include "virtual_board/common/process.h"
 #include "virtual_board/launcher/enter.h"
 #include "virtual_board/launcher/launcher.h"
 
@@ -21,8 +19,6 @@ using nlohmann::json;
 using namespace std::chrono_literals;
 
 namespace {
-
-constexpr const char* kBoardVariable = "VARNEL_TEST_BOARD";
 
 fs::path TemporaryDirectory() {
   std::string path = (fs::temp_directory_path() / "varnel-board-XXXXXX").string();
@@ -48,49 +44,9 @@ std::vector<std::string> BootCommand(const BootOptions& options) {
   return words;
 }
 
-pid_t StartChild(const std::vector<std::string>& command) {
-  const auto pointers = ArgumentPointers(command);
-  const pid_t child = ::fork();
-  if (child < 0) throw std::runtime_error("no process for " + command[0]);
-  if (child > 0) return child;
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-  ::execvp(pointers[0], pointers.data());
-  ::_exit(127);
-}
-
-int AwaitChild(pid_t child) {
-  int status = 0;
-  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  return ShellStatus(status);
-}
-
-void PassSanitizerSettings(BootOptions& options) {
-  options.binds.emplace_back(VARNEL_TESTS_DIRECTORY, "/opt/varnel/tests");
-  options.environment["LSAN_OPTIONS"] = "suppressions=/opt/varnel/tests/lsan.supp";
-  options.environment["TSAN_OPTIONS"] = "suppressions=/opt/varnel/tests/tsan.supp";
-  for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS"}) {
-    if (const char* value = std::getenv(name)) options.environment[name] = value;
-  }
-}
-
 bool Ask(const Layout& layout, const std::vector<std::string>& request) {
   const auto answer = ControlClient(layout).Call(request);
   return answer && answer->value("ok", false);
-}
-
-std::unique_ptr<Board>& Attachment() {
-  static std::unique_ptr<Board> board;
-  return board;
-}
-
-int RunTestsOn(const std::string& directory, int argc, char** argv) {
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-  Attachment() = Board::Attach(directory);
-  ::testing::InitGoogleTest(&argc, argv);
-  const int status = RUN_ALL_TESTS();
-  Attachment().reset();
-  return status;
 }
 
 }  // namespace
@@ -221,29 +177,8 @@ void Board::ShowFrames(const std::vector<fs::path>& files) const {
   for (const fs::path& file : files) fs::copy_file(file, frames / file.filename());
 }
 
-BootOptions DaemonOptions() {
-  BootOptions options;
-  options.daemon = VARNEL_DAEMON;
-  options.start_daemon = false;
-  PassSanitizerSettings(options);
-  return options;
-}
-
 fs::path ChartFile(const std::string& name) {
   return fs::path(VARNEL_BOARD_PROGRAM).parent_path() / "chart" / name;
-}
-
-Board& TheBoard() {
-  return *Attachment();
-}
-
-int RunInsideBoard(int argc, char** argv, const BootOptions& options) {
-  if (const char* directory = std::getenv(kBoardVariable)) return RunTestsOn(directory, argc, argv);
-  const Board board(options);
-  ::setenv(kBoardVariable, board.Paths().Root().c_str(), 1);
-  std::vector<std::string> self(argv, argv + argc);
-  self[0] = fs::read_symlink("/proc/self/exe");
-  return AwaitChild(StartChild(board.OnNetwork(self)));
 }
 
 }  // namespace varnel::board
