@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "service/camera/timelapse_service.h"
+#include "service/camera/timelapse/films/timelapse_service.h"
 #include "support/process.h"
 #include "support/report.h"
 #include "utils/log.h"
@@ -57,16 +57,17 @@ class Store {
 
   const fs::path directory_;
   TimelapsePaths paths_;
+  EncoderPrograms programs_;
 };
 
 /// A stopped print whose photos are all encoded.
-void WriteGenerating(const Store& store, const TimelapseInstance& instance, int segments) {
+void WriteGenerating(const Store& store, const WorkDirectory& instance, int segments) {
   const fs::path photo = store.directory_ / "photo.jpg";
   const fs::path segment = store.directory_ / "segment.ts";
   if (!fs::exists(segment)) {
-    Run({store.paths_.ffmpeg, "-v", "error", "-f", "lavfi", "-i", "testsrc2=size=1920x1080",
+    Run({store.programs_.ffmpeg, "-v", "error", "-f", "lavfi", "-i", "testsrc2=size=1920x1080",
          "-frames:v", "1", photo});
-    Run({store.paths_.ffmpeg,
+    Run({store.programs_.ffmpeg,
          "-v",
          "error",
          "-f",
@@ -97,24 +98,24 @@ void WriteGenerating(const Store& store, const TimelapseInstance& instance, int 
   }
 }
 
-void JoinBare(const Store& store, const TimelapseInstance& instance) {
+void JoinBare(const Store& store, const WorkDirectory& instance) {
   const fs::path film = store.directory_ / "bare.mp4";
-  Run({store.paths_.ffmpeg, "-y", "-v", "error", "-f", "concat", "-safe", "0", "-i",
+  Run({store.programs_.ffmpeg, "-y", "-v", "error", "-f", "concat", "-safe", "0", "-i",
        instance.SegmentList(), "-c", "copy", film});
-  Run({store.paths_.ffmpeg, "-v", "error", "-i", film, "-f", "null", "-"});
+  Run({store.programs_.ffmpeg, "-v", "error", "-i", film, "-f", "null", "-"});
 }
 
 void MeasureJoining(const Options& options, Report& report) {
   const Store store(options.Text("directory", "/dev/shm"));
-  const VideoEncoder encoder(store.paths_);
+  const VideoEncoder encoder(store.programs_);
   SegmentEncoder segments(encoder);
-  const TimelapseStore films(store.paths_);
-  VideoFinisher finisher(encoder, segments, films, NoClients);
+  const FilmStore films(store.paths_);
+  FilmMaker finisher(encoder, segments, films, NoClients);
   std::vector<double> ours;
   std::vector<double> bare;
   for (int run = 0; run < 3; ++run) {
-    TimelapseInstance instance(store.paths_.root / kIndex, {.frame_rate = kFrameRate},
-                               TimelapseState::kGenerating);
+    WorkDirectory instance(store.paths_.root / kIndex, {.frame_rate = kFrameRate},
+                           TimelapseState::kGenerating);
     WriteGenerating(store, instance, options.Number("segments", 1000));
     bare.push_back(Milliseconds([&] { JoinBare(store, instance); }));
     ours.push_back(Milliseconds([&] {
@@ -138,7 +139,7 @@ void ListBare(const fs::path& description) {
 
 void MeasureListing(const Options& options, Report& report) {
   const Store store(options.Text("directory", "/dev/shm"));
-  const TimelapseStore films(store.paths_);
+  const FilmStore films(store.paths_);
   const int count = options.Number("films", 1000);
   for (int i = 0; i < count; ++i) {
     const std::string index = std::to_string(20260101000000 + i);
@@ -171,11 +172,11 @@ void MeasureListing(const Options& options, Report& report) {
 void MeasureMemory(const Options& options, Report& report) {
   constexpr int kWarmUp = 500;
   Store store(options.Text("directory", "/dev/shm"));
-  store.paths_.ffmpeg = store.directory_ / "ffmpeg";
-  std::ofstream(store.paths_.ffmpeg) << "#!/bin/sh\nfor out; do :; done\necho x >\"$out\"\n";
-  fs::permissions(store.paths_.ffmpeg, fs::perms(0755));
+  store.programs_.ffmpeg = store.directory_ / "ffmpeg";
+  std::ofstream(store.programs_.ffmpeg) << "#!/bin/sh\nfor out; do :; done\necho x >\"$out\"\n";
+  fs::permissions(store.programs_.ffmpeg, fs::perms(0755));
   TimelapseService service(
-      store.paths_,
+      store.paths_, store.programs_,
       [](const std::string& path) {
         std::ofstream(path) << "photo";
         return true;

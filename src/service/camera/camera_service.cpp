@@ -51,7 +51,7 @@ CameraService::CameraService(comms::CommsManager& comms, Setup setup)
       paths_(*setup.paths),
       clock_(*setup.clock),
       timelapses_(
-          std::move(setup.timelapse_paths),
+          std::move(setup.timelapse_paths), std::move(setup.encoder_programs),
           [this](const std::string& path) { return take_photo_(path) == PhotoStatus::kSuccess; },
           [this](const std::string& method, json params) {
             return Notify(method, std::move(params));

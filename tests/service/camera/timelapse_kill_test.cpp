@@ -23,7 +23,7 @@ class TimelapseKillTest : public testing::Test {
     const auto note = [&world](const char* event) { fs::create_directories(world.Noted(event)); };
     const auto service = world.Service();
     if (!service->StartNew({})) return;
-    const std::string index = TimelapseRoot(world.paths_).NextIndex();
+    const std::string index = WorkDirectories(world.paths_).NextIndex();
     note("started");
     (void)service->TakePhoto();
     note("photo 1");
@@ -66,7 +66,7 @@ class TimelapseKillTest : public testing::Test {
     EXPECT_THAT(world.Leftovers(), IsEmpty());
   }
   static size_t PhotosIn(const fs::path& directory) {
-    return TimelapseInstance(directory, {}, TimelapseState::kActivated).Photos().size();
+    return WorkDirectory(directory, {}, TimelapseState::kActivated).Photos().size();
   }
 
   test::LogCapture log_;

@@ -1,11 +1,11 @@
 // The small parts of a time-lapse: lists, progress, settings, requests.
 #include <gtest/gtest.h>
 
-#include "service/camera/base64_file.h"
-#include "service/camera/generation_progress.h"
-#include "service/camera/segment_list.h"
+#include "service/camera/timelapse/disk/base64_file.h"
+#include "service/camera/timelapse/disk/segment_list.h"
+#include "service/camera/timelapse/disk/timelapse_settings.h"
+#include "service/camera/timelapse/encoder/generation_progress.h"
 #include "service/camera/timelapse_requests.h"
-#include "service/camera/timelapse_settings.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 

@@ -1,4 +1,4 @@
-#include "service/camera/timelapse_service.h"
+#include "service/camera/timelapse/films/timelapse_service.h"
 
 #include <gmock/gmock.h>
 #include <grp.h>
@@ -25,7 +25,7 @@ class TimelapseServiceTest : public testing::Test, public TimelapseWorld {
   /// A new time-lapse with that many photos; returns its index.
   std::string Record(TimelapseService& service, int photos) {
     EXPECT_TRUE(service.StartNew({}));
-    std::string index = TimelapseRoot(paths_).NextIndex();
+    std::string index = WorkDirectories(paths_).NextIndex();
     for (int i = 0; i < photos; ++i) EXPECT_EQ(service.TakePhoto(), TimelapsePhoto::kTaken);
     return index;
   }
@@ -116,7 +116,7 @@ TEST_F(TimelapseServiceTest, ANewPrintTakesNothingFromAnEarlierOne) {
   scene_ = "b";
   const std::string second = Record(*service, 1);
   EXPECT_THAT(Instances(), ElementsAre(second)) << "it may have the same index within one second";
-  EXPECT_EQ(TimelapseInstance(paths_.root / second, {}, {}).Photos().size(), 1U);
+  EXPECT_EQ(WorkDirectory(paths_.root / second, {}, {}).Photos().size(), 1U);
   EXPECT_TRUE(log_.Has("TLP", "Remove the unfinished time-lapse " + unfinished + " done."));
   scene_ = "c";
   const std::string third = Record(*service, 1);
@@ -183,7 +183,7 @@ TEST_F(TimelapseServiceTest, AnEncoderThatIsKilledCostsNoSegment) {
 }
 
 TEST_F(TimelapseServiceTest, AnEncoderThatHangsIsEndedAndHoldsUpNothing) {
-  paths_.frame_limit_ms = 1000;  // a busy machine starts a shell in less
+  programs_.frame_limit_ms = 1000;  // a busy machine starts a shell in less
   EncodeAs("case $input in *.jpg) exec sleep 100;; esac");
   std::string index;
   {
@@ -212,7 +212,7 @@ TEST_F(TimelapseServiceTest, AnEncoderThatOutlivesItsDaemonSpoilsNothing) {
   }
   ::waitpid(daemon, nullptr, 0);
   EncodeAs("");
-  const std::string index = TimelapseRoot(paths_).NextIndex();
+  const std::string index = WorkDirectories(paths_).NextIndex();
   const auto service = Service();
   EXPECT_TRUE(service->Continue());
   dir_.Write("gate", "");
@@ -264,7 +264,7 @@ TEST_F(TimelapseServiceTest, AFailedFilmIsTriedAgainAtTheNextStart) {
 }
 
 TEST_F(TimelapseServiceTest, WithoutAnEncoderPhotosWaitOnDisk) {
-  fs::remove(paths_.ffmpeg);
+  fs::remove(programs_.ffmpeg);
   std::string index;
   {
     const auto service = Service();

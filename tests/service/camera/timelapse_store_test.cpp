@@ -1,4 +1,4 @@
-#include "service/camera/timelapse_store.h"
+#include "service/camera/timelapse/disk/film_store.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -76,7 +76,7 @@ class TimelapseStoreTest : public testing::Test {
   test::TempDir dir_;
   test::FakeClock clock_{test::FakeClock::Waiting::kJump};
   TimelapsePaths paths_;
-  TimelapseStore store_{paths_, clock_};
+  FilmStore store_{paths_, clock_};
 };
 
 TEST_F(TimelapseStoreTest, ListsTheNewestFirstInPages) {
@@ -217,7 +217,7 @@ TEST_F(TimelapseStoreTest, ALockThatIsNeverGivenBackFailsTheOperation) {
   EXPECT_NE(store_.Publish(Film("20260101000002")), "");
   EXPECT_TRUE(store_.List({}).is_null()) << "which is not a store without films";
   EXPECT_TRUE(log_.Has("TLP", "Failed to acquire file lock: Failed to acquire file lock"));
-  EXPECT_GE(clock_.Elapsed(), TimelapseStore::kLockLimit);
+  EXPECT_GE(clock_.Elapsed(), FilmStore::kLockLimit);
 }
 
 TEST_F(TimelapseStoreTest, TwoProcessesLoseNoUpdate) {
@@ -225,7 +225,7 @@ TEST_F(TimelapseStoreTest, TwoProcessesLoseNoUpdate) {
   constexpr int kRounds = 20;
   // Each process looks after every round whether all its updates are there.
   const auto update_all = [this](int64_t process) {
-    const TimelapseStore store(paths_);
+    const FilmStore store(paths_);
     int lost = 0;
     for (int round = 1; round <= kRounds; ++round) {
       for (int64_t film = 0; film < kFilms; ++film) {

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "service/camera/timelapse_service.h"
+#include "service/camera/timelapse/films/timelapse_service.h"
 #include "support/eventually.h"
 #include "support/temp_dir.h"
 #include "utils/atomic_file.h"
@@ -28,11 +28,11 @@ class TimelapseWorld {
   }
 
   void WritePrograms() {
-    paths_.ffprobe = dir_.WriteScript("ffprobe", R"(
+    programs_.ffprobe = dir_.WriteScript("ffprobe", R"(
 for video; do :; done
 case "$*" in *nb_frames*) grep -c . "$video" ;; *) echo 4.033 ;; esac)")
-                         .string();
-    paths_.ffmpeg = (dir_ / "ffmpeg").string();
+                            .string();
+    programs_.ffmpeg = (dir_ / "ffmpeg").string();
     EncodeAs("");
   }
   /// Exists once a test has noted that something happened.
@@ -60,7 +60,7 @@ fi)");
   std::unique_ptr<TimelapseService> Service(
       std::unique_ptr<FileUploader> uploader = std::make_unique<NoUploader>()) {
     auto service = std::make_unique<TimelapseService>(
-        paths_, [this](const std::string& path) { return TakePhoto(path); },
+        paths_, programs_, [this](const std::string& path) { return TakePhoto(path); },
         [this](const std::string& method, nlohmann::json params) {
           notified_.Put({method, std::move(params)});
           return 0;
@@ -88,7 +88,7 @@ fi)");
     return test::ReadFile(paths_.root / index / "state");
   }
   /// The work directories, oldest first.
-  std::vector<std::string> Instances() const { return TimelapseRoot(paths_).Indices(); }
+  std::vector<std::string> Instances() const { return WorkDirectories(paths_).Indices(); }
   /// What an interruption must never leave: names that are neither of the store nor of a film.
   std::vector<std::string> Leftovers() const {
     std::vector<std::string> names;
@@ -106,6 +106,7 @@ fi)");
 
   test::TempDir dir_;
   TimelapsePaths paths_;
+  EncoderPrograms programs_;
   std::string scene_ = "a";
   bool camera_fails_ = false;
   int photos_ = 0;

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "service/camera/timelapse_paths.h"
+#include "service/camera/timelapse/encoder/encoder_programs.h"
 #include "utils/private_directory.h"
 #include "utils/safe_exec.h"
 
@@ -25,7 +25,7 @@ enum class EncoderRun {
 /// Thread-safe.
 class VideoEncoder {
  public:
-  explicit VideoEncoder(const TimelapsePaths& paths);
+  explicit VideoEncoder(const EncoderPrograms& programs);
 
   /// Encodes a photo into a segment of one frame.
   [[nodiscard]] EncoderRun EncodeSegment(const std::filesystem::path& photo, uint32_t frame_rate,
@@ -57,7 +57,7 @@ class VideoEncoder {
   utils::SafeExec Ffmpeg() const;
   bool Available() const;
 
-  const TimelapsePaths& paths_;
+  const EncoderPrograms& programs_;
   const bool available_;
 };
 

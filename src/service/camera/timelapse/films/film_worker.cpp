@@ -1,4 +1,4 @@
-#include "service/camera/film_queue.h"
+#include "service/camera/timelapse/films/film_worker.h"
 
 #include <utility>
 
@@ -13,34 +13,34 @@ constexpr const char* kTag = "TLP";
 
 }  // namespace
 
-FilmQueue::FilmQueue(VideoFinisher& finisher)
+FilmWorker::FilmWorker(FilmMaker& finisher)
     : finisher_(finisher),
       thread_(utils::SpawnGuarded("film-queue", kTag,
                                   [this](const std::stop_token& stop) { Run(stop); })) {}
 
-FilmQueue::~FilmQueue() {
+FilmWorker::~FilmWorker() {
   thread_.request_stop();
   thread_.join();
 }
 
-void FilmQueue::Add(std::shared_ptr<Timelapse> timelapse) {
+void FilmWorker::Add(std::shared_ptr<Recorder> timelapse) {
   Push({nullptr, std::move(timelapse), true});
 }
 
-void FilmQueue::Retire(std::shared_ptr<Timelapse> timelapse) {
+void FilmWorker::Retire(std::shared_ptr<Recorder> timelapse) {
   Push({nullptr, std::move(timelapse), false});
 }
 
-void FilmQueue::Add(std::shared_ptr<TimelapseInstance> instance) {
+void FilmWorker::Add(std::shared_ptr<WorkDirectory> instance) {
   Push({std::move(instance), nullptr, true});
 }
 
-bool FilmQueue::HasFailed(const std::string& index) const {
+bool FilmWorker::HasFailed(const std::string& index) const {
   const std::lock_guard lock(mutex_);
   return failed_.count(index) > 0;
 }
 
-void FilmQueue::Push(Job job) {
+void FilmWorker::Push(Job job) {
   {
     const std::lock_guard lock(mutex_);
     jobs_.push_back(std::move(job));
@@ -48,7 +48,7 @@ void FilmQueue::Push(Job job) {
   changed_.notify_all();
 }
 
-void FilmQueue::Run(const std::stop_token& stop) {
+void FilmWorker::Run(const std::stop_token& stop) {
   std::unique_lock lock(mutex_);
   while (changed_.wait(lock, stop, [this] { return !jobs_.empty(); }) && !stop.stop_requested()) {
     const Job job = std::move(jobs_.front());
@@ -60,7 +60,7 @@ void FilmQueue::Run(const std::stop_token& stop) {
   }
 }
 
-bool FilmQueue::TryMake(const Job& job) const {
+bool FilmWorker::TryMake(const Job& job) const {
   try {
     if (job.timelapse) job.timelapse->EndEncoding();
     if (!job.film) return true;
@@ -71,7 +71,7 @@ bool FilmQueue::TryMake(const Job& job) const {
   }
 }
 
-std::string FilmQueue::IndexOf(const Job& job) {
+std::string FilmWorker::IndexOf(const Job& job) {
   return job.timelapse ? job.timelapse->Instance().Index() : job.instance->Index();
 }
 

@@ -1,12 +1,12 @@
-#include "service/camera/timelapse_store.h"
+#include "service/camera/timelapse/disk/film_store.h"
 
 #include <algorithm>
 #include <system_error>
 #include <utility>
 #include <vector>
 
-#include "service/camera/json_file.h"
-#include "service/camera/timelapse_instance.h"
+#include "service/camera/timelapse/disk/json_file.h"
+#include "service/camera/timelapse/disk/work_directory.h"
 #include "utils/atomic_file.h"
 #include "utils/directory_entries.h"
 #include "utils/file_lock.h"
@@ -77,14 +77,14 @@ HalStatus NotFound(const std::string& index) {
 
 }  // namespace
 
-TimelapseStore::TimelapseStore(const TimelapsePaths& paths, utils::Clock& clock)
+FilmStore::FilmStore(const TimelapsePaths& paths, utils::Clock& clock)
     : paths_(paths), clock_(clock) {}
 
-struct TimelapseStore::Opened {
+struct FilmStore::Opened {
   utils::FileLock lock;
 };
 
-std::optional<TimelapseStore::Opened> TimelapseStore::Open(std::chrono::seconds limit) const {
+std::optional<FilmStore::Opened> FilmStore::Open(std::chrono::seconds limit) const {
   std::string problem;
   auto lock = utils::FileLock::Acquire(paths_.Lock(), limit, clock_, problem);
   if (lock) return Opened{std::move(*lock)};
@@ -92,7 +92,7 @@ std::optional<TimelapseStore::Opened> TimelapseStore::Open(std::chrono::seconds 
   return std::nullopt;
 }
 
-json TimelapseStore::LoadExisting(HalStatus& status) const {
+json FilmStore::LoadExisting(HalStatus& status) const {
   JsonFile file = ReadJsonFile(kTag, paths_.Description());
   status = hal_adapter::kHalSuccess;
   if (file.state == JsonFile::State::kRead && IsDescription(file.value))
@@ -111,7 +111,7 @@ json TimelapseStore::LoadExisting(HalStatus& status) const {
   return {};
 }
 
-std::optional<json> TimelapseStore::LoadForListing() const {
+std::optional<json> FilmStore::LoadForListing() const {
   JsonFile file = ReadJsonFile(kTag, paths_.Description());
   if (file.state == JsonFile::State::kUnreadable) return std::nullopt;
   if (file.state == JsonFile::State::kMissing) {
@@ -127,7 +127,7 @@ std::optional<json> TimelapseStore::LoadForListing() const {
   return std::move(file.value);
 }
 
-std::optional<json> TimelapseStore::LoadOrStartNew() const {
+std::optional<json> FilmStore::LoadOrStartNew() const {
   JsonFile file = ReadJsonFile(kTag, paths_.Description());
   if (file.state == JsonFile::State::kUnreadable) return std::nullopt;
   if (file.state == JsonFile::State::kMissing) return EmptyDescription();
@@ -141,7 +141,7 @@ std::optional<json> TimelapseStore::LoadOrStartNew() const {
   return std::nullopt;
 }
 
-HalStatus TimelapseStore::Write(const json& description) const {
+HalStatus FilmStore::Write(const json& description) const {
   const std::string text = ToText(description);
   const std::error_code error = text.size() > kMaxJsonFileBytes
                                     ? std::make_error_code(std::errc::file_too_large)
@@ -151,7 +151,7 @@ HalStatus TimelapseStore::Write(const json& description) const {
   return hal_adapter::kHalFailure;
 }
 
-std::string TimelapseStore::AddRecord(const json& record) const {
+std::string FilmStore::AddRecord(const json& record) const {
   std::optional<json> description = LoadOrStartNew();
   if (!description) return "the description file cannot be read";
   json& instances = (*description)["instances"];
@@ -166,7 +166,7 @@ std::string TimelapseStore::AddRecord(const json& record) const {
                                                          : "the description file cannot be written";
 }
 
-std::string TimelapseStore::Publish(const json& record) const {
+std::string FilmStore::Publish(const json& record) const {
   const auto opened = Open(kLockLimit);
   if (!opened) return "the description file is locked";
   std::error_code ignored;
@@ -177,7 +177,7 @@ std::string TimelapseStore::Publish(const json& record) const {
   return problem;
 }
 
-json TimelapseStore::Item(const json& record, bool thumbnail_inline) const {
+json FilmStore::Item(const json& record, bool thumbnail_inline) const {
   const std::string index = TextOf(record, "date_index");
   json item = {{"date_index", index},
                {"gcode_name", TextOf(record, "gcode_name")},
@@ -197,7 +197,7 @@ json TimelapseStore::Item(const json& record, bool thumbnail_inline) const {
   return item;
 }
 
-json TimelapseStore::List(const TimelapseQuery& query) const {
+json FilmStore::List(const TimelapseQuery& query) const {
   std::optional<json> loaded = EmptyDescription();
   std::error_code error;
   if (!fs::exists(paths_.root, error)) {
@@ -210,7 +210,7 @@ json TimelapseStore::List(const TimelapseQuery& query) const {
   return loaded ? Page(*loaded, query) : json();
 }
 
-json TimelapseStore::Page(const json& description, const TimelapseQuery& query) const {
+json FilmStore::Page(const json& description, const TimelapseQuery& query) const {
   const std::vector<const json*> records = Shown(description);
   const size_t rows = query.all ? records.size() : query.page_rows;
   // Divided and not multiplied: a page number may be any.
@@ -227,7 +227,7 @@ json TimelapseStore::Page(const json& description, const TimelapseQuery& query) 
           {"instances", std::move(items)}};
 }
 
-HalStatus TimelapseStore::Find(const std::string& index, json& record) const {
+HalStatus FilmStore::Find(const std::string& index, json& record) const {
   const auto opened = Open(kLockLimit);
   if (!opened) return hal_adapter::kHalFailure;
   HalStatus status = hal_adapter::kHalSuccess;
@@ -239,7 +239,7 @@ HalStatus TimelapseStore::Find(const std::string& index, json& record) const {
   return hal_adapter::kHalSuccess;
 }
 
-void TimelapseStore::MakeLinks(const json& record, bool replace) const {
+void FilmStore::MakeLinks(const json& record, bool replace) const {
   const std::string index = TextOf(record, "date_index");
   const std::pair<std::string, std::string> links[] = {
       {VideoLinkName(index), TextOf(record, "video_path")},
@@ -258,7 +258,7 @@ void TimelapseStore::MakeLinks(const json& record, bool replace) const {
   }
 }
 
-void TimelapseStore::RepairLinks() const {
+void FilmStore::RepairLinks() const {
   std::error_code error;
   if (!fs::exists(paths_.Description(), error)) return;
   const auto opened = Open(kListLockLimit);
@@ -267,7 +267,7 @@ void TimelapseStore::RepairLinks() const {
   for (const json* record : Shown(*description)) MakeLinks(*record, false);
 }
 
-void TimelapseStore::RemoveLinks(const std::string& index) const {
+void FilmStore::RemoveLinks(const std::string& index) const {
   std::error_code error;
   for (const std::string& name : {VideoLinkName(index), ThumbnailLinkName(index)}) {
     fs::remove(paths_.web / name, error);
@@ -282,7 +282,7 @@ void TimelapseStore::RemoveLinks(const std::string& index) const {
     fs::remove(paths_.Current(), error);
 }
 
-HalStatus TimelapseStore::RemoveRecord(const std::string& index) const {
+HalStatus FilmStore::RemoveRecord(const std::string& index) const {
   HalStatus status = hal_adapter::kHalSuccess;
   json description = LoadExisting(status);
   if (status != hal_adapter::kHalSuccess) return status;
@@ -296,7 +296,7 @@ HalStatus TimelapseStore::RemoveRecord(const std::string& index) const {
   return Write(description);
 }
 
-bool TimelapseStore::SetAside(const std::string& index) const {
+bool FilmStore::SetAside(const std::string& index) const {
   const fs::path directory = paths_.root / index;
   std::error_code error;
   if (!fs::is_directory(directory, error)) return true;
@@ -309,7 +309,7 @@ bool TimelapseStore::SetAside(const std::string& index) const {
   return !error;
 }
 
-HalStatus TimelapseStore::CompleteDeletion(const std::string& index) const {
+HalStatus FilmStore::CompleteDeletion(const std::string& index) const {
   const fs::path deleted = paths_.root / (kDeletedPrefix + index);
   RemoveLinks(index);
   // Its content goes before the record: on a full disk that is what makes room to write.
@@ -330,7 +330,7 @@ HalStatus TimelapseStore::CompleteDeletion(const std::string& index) const {
   return status;
 }
 
-HalStatus TimelapseStore::DeleteLocked(const std::string& index) const {
+HalStatus FilmStore::DeleteLocked(const std::string& index) const {
   HalStatus status = hal_adapter::kHalSuccess;
   json description = LoadExisting(status);
   if (status != hal_adapter::kHalSuccess) return status;
@@ -341,7 +341,7 @@ HalStatus TimelapseStore::DeleteLocked(const std::string& index) const {
   return SetAside(index) ? CompleteDeletion(index) : hal_adapter::kHalFailure;
 }
 
-HalStatus TimelapseStore::Delete(const std::string& index) const {
+HalStatus FilmStore::Delete(const std::string& index) const {
   std::error_code error;
   if (!fs::exists(paths_.root, error)) {
     VLOG_ERROR(kTag, "File {} not found.", paths_.Description().string());
@@ -351,7 +351,7 @@ HalStatus TimelapseStore::Delete(const std::string& index) const {
   return opened ? DeleteLocked(index) : hal_adapter::kHalFailure;
 }
 
-void TimelapseStore::CompleteDeletions() const {
+void FilmStore::CompleteDeletions() const {
   std::vector<std::string> indices;
   std::error_code error;
   for (const auto& entry : utils::DirectoryEntries(paths_.root, error)) {

@@ -1,4 +1,4 @@
-#include "service/camera/timelapse_instance.h"
+#include "service/camera/timelapse/disk/work_directory.h"
 
 #include <fmt/format.h>
 
@@ -9,7 +9,7 @@
 #include <system_error>
 #include <utility>
 
-#include "service/camera/segment_list.h"
+#include "service/camera/timelapse/disk/segment_list.h"
 #include "utils/atomic_file.h"
 #include "utils/directory_entries.h"
 #include "utils/log.h"
@@ -78,39 +78,38 @@ bool IsTimelapseIndex(const std::string& name) {
          std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-TimelapseInstance::TimelapseInstance(fs::path directory, TimelapseSettings settings,
-                                     TimelapseState state)
+WorkDirectory::WorkDirectory(fs::path directory, TimelapseSettings settings, TimelapseState state)
     : directory_(std::move(directory)), settings_(std::move(settings)), state_(state) {}
 
-bool TimelapseInstance::RecordState(TimelapseState state) {
+bool WorkDirectory::RecordState(TimelapseState state) {
   if (!WriteTimelapseState(directory_, state)) return false;
   state_ = state;
   return true;
 }
 
-fs::path TimelapseInstance::Photo(uint32_t number) const {
+fs::path WorkDirectory::Photo(uint32_t number) const {
   return directory_ / fmt::format("photo_{:05}.jpg", number);
 }
 
-fs::path TimelapseInstance::Segment(uint32_t number) const {
+fs::path WorkDirectory::Segment(uint32_t number) const {
   return directory_ / fmt::format("seg_{:05}{}", number, SegmentEnding());
 }
 
-fs::path TimelapseInstance::CoverSegment() const {
+fs::path WorkDirectory::CoverSegment() const {
   return directory_ / (std::string("cover") + SegmentEnding());
 }
 
-const char* TimelapseInstance::SegmentEnding() const {
+const char* WorkDirectory::SegmentEnding() const {
   constexpr uint32_t kTransportClock = 90'000;
   return kTransportClock % settings_.frame_rate == 0 ? ".ts" : ".avi";
 }
 
-fs::path TimelapseInstance::Video(size_t frames) const {
+fs::path WorkDirectory::Video(size_t frames) const {
   return directory_ /
          fmt::format("timelapse_f{}_r{}_{}.mp4", frames, settings_.frame_rate, settings_.mode);
 }
 
-std::vector<uint32_t> TimelapseInstance::Photos() const {
+std::vector<uint32_t> WorkDirectory::Photos() const {
   std::vector<uint32_t> numbers;
   std::error_code error;
   for (const auto& entry : utils::DirectoryEntries(directory_, error)) {
@@ -121,7 +120,7 @@ std::vector<uint32_t> TimelapseInstance::Photos() const {
   return numbers;
 }
 
-std::vector<uint32_t> TimelapseInstance::ListedSegments() const {
+std::vector<uint32_t> WorkDirectory::ListedSegments() const {
   std::set<uint32_t> numbers;
   for (const fs::path& segment : ReadSegmentList(SegmentList())) {
     // By name: whatever a changed list says, only files of this instance get into its film.
@@ -135,7 +134,7 @@ std::vector<uint32_t> TimelapseInstance::ListedSegments() const {
   return {numbers.begin(), numbers.end()};
 }
 
-std::vector<uint32_t> TimelapseInstance::PhotosToEncode() const {
+std::vector<uint32_t> WorkDirectory::PhotosToEncode() const {
   const std::vector<uint32_t> listed = ListedSegments();
   std::vector<uint32_t> numbers = Photos();
   std::erase_if(numbers, [&](uint32_t number) {
@@ -146,7 +145,7 @@ std::vector<uint32_t> TimelapseInstance::PhotosToEncode() const {
   return numbers;
 }
 
-void TimelapseInstance::RemoveFiles(
+void WorkDirectory::RemoveFiles(
     const std::function<bool(const std::string& name)>& unwanted) const {
   std::error_code error;
   const auto entries = utils::DirectoryEntries(directory_, error);
@@ -158,17 +157,17 @@ void TimelapseInstance::RemoveFiles(
   }
 }
 
-void TimelapseInstance::RemoveTemporaryFiles() const {
+void WorkDirectory::RemoveTemporaryFiles() const {
   RemoveFiles(IsTemporary);
 }
 
-void TimelapseInstance::RemoveFilmsBut(const fs::path& film) const {
+void WorkDirectory::RemoveFilmsBut(const fs::path& film) const {
   RemoveFiles([kept = film.filename().string()](const std::string& name) {
     return name.starts_with("timelapse_f") && name.ends_with(".mp4") && name != kept;
   });
 }
 
-void TimelapseInstance::RemoveHalfWritten() const {
+void WorkDirectory::RemoveHalfWritten() const {
   RemoveFiles(IsHalfWritten);
 }
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "service/camera/timelapse_settings.h"
+#include "service/camera/timelapse/disk/timelapse_settings.h"
 
 namespace varnel::service {
 
@@ -23,12 +23,11 @@ enum class TimelapseState : uint32_t { kInitial, kReady, kActivated, kGenerating
 
 /// One print's photos on disk, in a work directory that is named by its index. It has no threads;
 /// the state may be read by any thread, all else belongs to one at a time.
-class TimelapseInstance {
+class WorkDirectory {
  public:
-  TimelapseInstance(std::filesystem::path directory, TimelapseSettings settings,
-                    TimelapseState state);
-  TimelapseInstance(const TimelapseInstance&) = delete;
-  TimelapseInstance& operator=(const TimelapseInstance&) = delete;
+  WorkDirectory(std::filesystem::path directory, TimelapseSettings settings, TimelapseState state);
+  WorkDirectory(const WorkDirectory&) = delete;
+  WorkDirectory& operator=(const WorkDirectory&) = delete;
 
   const std::filesystem::path& Directory() const { return directory_; }
   std::string Index() const { return directory_.filename().string(); }

@@ -1,9 +1,9 @@
-#include "service/camera/timelapse_settings.h"
+#include "service/camera/timelapse/disk/timelapse_settings.h"
 
 #include <algorithm>
 #include <optional>
 
-#include "service/camera/json_file.h"
+#include "service/camera/timelapse/disk/json_file.h"
 #include "utils/atomic_file.h"
 #include "utils/log.h"
 

@@ -1,4 +1,4 @@
-#include "service/camera/timelapse_service.h"
+#include "service/camera/timelapse/films/timelapse_service.h"
 
 #include <system_error>
 #include <utility>
@@ -28,13 +28,14 @@ void RemoveMatching(const fs::path& directory, std::string_view part) {
 
 }  // namespace
 
-TimelapseService::TimelapseService(TimelapsePaths paths, Timelapse::TakePhotoTo take_photo,
-                                   NotifyClients notify, std::unique_ptr<FileUploader> uploader,
-                                   utils::Clock& clock)
+TimelapseService::TimelapseService(TimelapsePaths paths, EncoderPrograms programs,
+                                   Recorder::TakePhotoTo take_photo, NotifyClients notify,
+                                   std::unique_ptr<FileUploader> uploader, utils::Clock& clock)
     : paths_(std::move(paths)),
+      programs_(std::move(programs)),
       take_photo_(std::move(take_photo)),
       uploader_(std::move(uploader)),
-      encoder_(paths_),
+      encoder_(programs_),
       segments_(encoder_),
       store_(paths_, clock),
       finisher_(encoder_, segments_, store_, std::move(notify), clock, paths_.min_free_bytes),
@@ -71,7 +72,7 @@ void TimelapseService::HandleUnfinished() {
 void TimelapseService::HandleLeftBehind(const std::string& index) {
   TimelapseState state = TimelapseState::kInitial;
   const bool known = ReadTimelapseState(paths_.root / index, state) == StateRecord::kFound;
-  if (known) TimelapseInstance(paths_.root / index, {}, state).RemoveHalfWritten();
+  if (known) WorkDirectory(paths_.root / index, {}, state).RemoveHalfWritten();
   if (known && state == TimelapseState::kGenerating) {
     VLOG_INFO(kTag, "Handle timelapse instance {}, and it will be completed shortly.", index);
     if (auto instance = root_.Open(index)) films_.Add(std::move(instance));
@@ -79,17 +80,17 @@ void TimelapseService::HandleLeftBehind(const std::string& index) {
   }
   VLOG_INFO(kTag, "Do not need to handle timelapse instance {}.", index);
   if (known && state == TimelapseState::kFinished)
-    TimelapseInstance(paths_.root / index, {}, state).RemoveTemporaryFiles();
+    WorkDirectory(paths_.root / index, {}, state).RemoveTemporaryFiles();
 }
 
-std::shared_ptr<Timelapse> TimelapseService::Current() const {
+std::shared_ptr<Recorder> TimelapseService::Current() const {
   const std::lock_guard lock(current_mutex_);
   return current_;
 }
 
-bool TimelapseService::Begin(std::shared_ptr<TimelapseInstance> instance, bool continued) {
+bool TimelapseService::Begin(std::shared_ptr<WorkDirectory> instance, bool continued) {
   if (!instance) return false;
-  auto timelapse = std::make_shared<Timelapse>(std::move(instance), take_photo_, segments_);
+  auto timelapse = std::make_shared<Recorder>(std::move(instance), take_photo_, segments_);
   const bool started = timelapse->Start(continued);
   if (!started && continued) return false;
   const std::lock_guard lock(current_mutex_);
@@ -105,7 +106,7 @@ bool TimelapseService::StartNew(const TimelapseSettings& settings) {
 }
 
 void TimelapseService::Retire() {
-  std::shared_ptr<Timelapse> previous;
+  std::shared_ptr<Recorder> previous;
   {
     const std::lock_guard lock(current_mutex_);
     previous = std::exchange(current_, nullptr);

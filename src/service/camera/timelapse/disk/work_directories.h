@@ -5,24 +5,24 @@
 #include <string>
 #include <vector>
 
-#include "service/camera/timelapse_instance.h"
-#include "service/camera/timelapse_paths.h"
+#include "service/camera/timelapse/disk/timelapse_paths.h"
+#include "service/camera/timelapse/disk/work_directory.h"
 #include "utils/clock.h"
 
 namespace varnel::service {
 
 /// The work directories of all instances: makes, finds and removes them. One thread at a time.
-class TimelapseRoot {
+class WorkDirectories {
  public:
-  explicit TimelapseRoot(const TimelapsePaths& paths,
-                         utils::Clock& clock = utils::SystemClock::Instance());
+  explicit WorkDirectories(const TimelapsePaths& paths,
+                           utils::Clock& clock = utils::SystemClock::Instance());
 
   /// A new instance in the state READY; null on failure, which is logged. The directory appears
   /// under its index only when it is complete.
-  [[nodiscard]] std::shared_ptr<TimelapseInstance> Create(const TimelapseSettings& settings);
+  [[nodiscard]] std::shared_ptr<WorkDirectory> Create(const TimelapseSettings& settings);
 
   /// An instance that exists; null is logged.
-  [[nodiscard]] std::shared_ptr<TimelapseInstance> Open(const std::string& index) const;
+  [[nodiscard]] std::shared_ptr<WorkDirectory> Open(const std::string& index) const;
 
   /// The instance that a continued print belongs to; empty when there is none.
   [[nodiscard]] std::string NextIndex() const;

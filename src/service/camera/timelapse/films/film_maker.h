@@ -7,9 +7,9 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "service/camera/timelapse_instance.h"
-#include "service/camera/timelapse_store.h"
-#include "service/camera/video_encoder.h"
+#include "service/camera/timelapse/disk/film_store.h"
+#include "service/camera/timelapse/disk/work_directory.h"
+#include "service/camera/timelapse/encoder/video_encoder.h"
 #include "utils/clock.h"
 
 namespace varnel::service {
@@ -25,22 +25,22 @@ class SegmentEncoder {
 
   /// Encodes one photo of a running print and adds its segment to the list. A photo that cannot be
   /// encoded is logged, and tried once more when the film is made.
-  void Encode(const TimelapseInstance& instance, uint32_t number);
+  void Encode(const WorkDirectory& instance, uint32_t number);
   /// The photos that an interrupted print, or an encoder that failed, left. One that cannot be
   /// encoded is left out. False when the encoder could not do its work: the photos may be good.
-  [[nodiscard]] bool EncodeRest(const TimelapseInstance& instance);
-  [[nodiscard]] bool EncodeCover(const TimelapseInstance& instance);
-  [[nodiscard]] bool MakeThumbnail(const TimelapseInstance& instance);
+  [[nodiscard]] bool EncodeRest(const WorkDirectory& instance);
+  [[nodiscard]] bool EncodeCover(const WorkDirectory& instance);
+  [[nodiscard]] bool MakeThumbnail(const WorkDirectory& instance);
   /// Encodes a segment again that cannot be decoded; it is removed when that does not help. False
   /// when nothing could be found out about it.
-  [[nodiscard]] bool Mend(const TimelapseInstance& instance, const std::filesystem::path& photo,
+  [[nodiscard]] bool Mend(const WorkDirectory& instance, const std::filesystem::path& photo,
                           const std::filesystem::path& segment);
 
  private:
   enum class Urgency { kPrinting, kFinishing };
   class Turn;
 
-  EncoderRun EncodeInTurn(const TimelapseInstance& instance, uint32_t number);
+  EncoderRun EncodeInTurn(const WorkDirectory& instance, uint32_t number);
 
   const VideoEncoder& encoder_;
   std::mutex mutex_;
@@ -51,16 +51,16 @@ class SegmentEncoder {
 
 /// Makes the film of one instance in GENERATING: all of it can be repeated at any time, after a
 /// power failure too.
-class VideoFinisher {
+class FilmMaker {
  public:
   static constexpr int kAttempts = 3;
 
-  VideoFinisher(const VideoEncoder& encoder, SegmentEncoder& segments, const TimelapseStore& store,
-                NotifyClients notify, utils::Clock& clock = utils::SystemClock::Instance(),
-                uint64_t min_free_bytes = 0);
+  FilmMaker(const VideoEncoder& encoder, SegmentEncoder& segments, const FilmStore& store,
+            NotifyClients notify, utils::Clock& clock = utils::SystemClock::Instance(),
+            uint64_t min_free_bytes = 0);
 
   /// False when it could not be made; the state is GENERATING then.
-  bool Finish(TimelapseInstance& instance);
+  bool Finish(WorkDirectory& instance);
 
  private:
   struct Film {
@@ -69,23 +69,23 @@ class VideoFinisher {
     uintmax_t segment_bytes = 0;
   };
 
-  bool MakeCover(const TimelapseInstance& instance);
+  bool MakeCover(const WorkDirectory& instance);
   /// False when there is nothing to join.
-  bool ListSegments(const TimelapseInstance& instance, Film& film) const;
-  bool JoinAndCheck(const TimelapseInstance& instance, Film& film) const;
-  bool MendSegments(const TimelapseInstance& instance, Film& film) const;
+  bool ListSegments(const WorkDirectory& instance, Film& film) const;
+  bool JoinAndCheck(const WorkDirectory& instance, Film& film) const;
+  bool MendSegments(const WorkDirectory& instance, Film& film) const;
   bool HasRoomFor(const Film& film) const;
-  bool TryJoin(const TimelapseInstance& instance, const Film& film,
+  bool TryJoin(const WorkDirectory& instance, const Film& film,
                const utils::PrivateDirectory& output) const;
-  nlohmann::json RecordOf(const TimelapseInstance& instance, const Film& film) const;
+  nlohmann::json RecordOf(const WorkDirectory& instance, const Film& film) const;
   void NotifyProgress(int percent) const;
   void NotifyCompleted(const nlohmann::json& params) const;
-  std::string Make(TimelapseInstance& instance);
+  std::string Make(WorkDirectory& instance);
   std::string Publish(const nlohmann::json& record, const Film& film) const;
 
   const VideoEncoder& encoder_;
   SegmentEncoder& segments_;
-  const TimelapseStore& store_;
+  const FilmStore& store_;
   const NotifyClients notify_;
   utils::Clock& clock_;
   const uint64_t min_free_bytes_;

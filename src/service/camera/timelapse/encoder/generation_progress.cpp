@@ -1,4 +1,4 @@
-#include "service/camera/generation_progress.h"
+#include "service/camera/timelapse/encoder/generation_progress.h"
 
 #include <algorithm>
 #include <charconv>

@@ -6,19 +6,14 @@
 
 namespace varnel::service {
 
-/// Where time-lapses live, and the programs that make their films.
+/// Where time-lapses live.
 struct TimelapsePaths {
   std::filesystem::path root = "/userdata/.tmp_timelapse";
   /// Served to local clients under kWebUrl.
   std::filesystem::path web = "/home/ruxo/printer_data/camera";
   /// Encrypted files on their way to the cloud.
   std::filesystem::path upload = "/userdata/.tmp";
-  std::string ffmpeg = "/usr/bin/ffmpeg";
-  std::string ffprobe = "/usr/bin/ffprobe";
-  // Generous: the encoder yields to everything else on the board.
-  uint32_t frame_limit_ms = 120'000;  ///< for one photo, then it is killed
-  uint64_t min_free_bytes = 0;        ///< that a film must leave to the printer; 0: any
-  uint32_t join_limit_ms = 300'000;   ///< for joining and for checking, besides the frames' share
+  uint64_t min_free_bytes = 0;  ///< that time-lapses must leave to the printer; 0: any
 
   std::filesystem::path Description() const { return root / "timelapse.json"; }
   std::filesystem::path Lock() const { return root / ".lock"; }

@@ -1,4 +1,4 @@
-#include "service/camera/segment_list.h"
+#include "service/camera/timelapse/disk/segment_list.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

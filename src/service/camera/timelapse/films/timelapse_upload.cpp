@@ -1,11 +1,11 @@
-#include "service/camera/timelapse_upload.h"
+#include "service/camera/timelapse/films/timelapse_upload.h"
 
 #include <fmt/format.h>
 #include <sys/stat.h>
 
 #include <system_error>
 
-#include "service/camera/timelapse_instance.h"
+#include "service/camera/timelapse/disk/work_directory.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 #include "utils/openssl_crypto.h"
@@ -101,9 +101,8 @@ HalStatus EncryptAndSend(const TimelapsePaths& paths, FileUploader& uploader,
 
 }  // namespace
 
-HalStatus UploadFilm(const TimelapsePaths& paths, const TimelapseStore& store,
-                     FileUploader& uploader, const std::string& index, const std::string& type,
-                     UploadedFilm& film) {
+HalStatus UploadFilm(const TimelapsePaths& paths, const FilmStore& store, FileUploader& uploader,
+                     const std::string& index, const std::string& type, UploadedFilm& film) {
   if (type != "video" && type != "thumbnail") {
     VLOG_ERROR(kTag, "File type is not 'video' or 'thumbnail', do nothing.");
     return hal_adapter::kHalFailure;

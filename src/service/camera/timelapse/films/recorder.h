@@ -10,8 +10,8 @@
 #include <stop_token>
 #include <thread>
 
-#include "service/camera/timelapse_instance.h"
-#include "service/camera/video_finisher.h"
+#include "service/camera/timelapse/disk/work_directory.h"
+#include "service/camera/timelapse/films/film_maker.h"
 
 namespace varnel::service {
 
@@ -19,7 +19,7 @@ enum class TimelapsePhoto { kTaken, kNotActive, kFailed };
 
 /// The time-lapse of the current print: takes its photos, and turns each into a segment on a thread
 /// of its own, in order. Thread-safe.
-class Timelapse {
+class Recorder {
  public:
   /// Photos that wait for the encoder; the next one waits for room after it was taken.
   static constexpr size_t kMaxWaiting = 2;
@@ -27,12 +27,12 @@ class Timelapse {
   /// Takes a photo with the main camera to a path. True when the file is whole.
   using TakePhotoTo = std::function<bool(const std::string& path)>;
 
-  Timelapse(std::shared_ptr<TimelapseInstance> instance, TakePhotoTo take_photo,
-            SegmentEncoder& segments);
+  Recorder(std::shared_ptr<WorkDirectory> instance, TakePhotoTo take_photo,
+           SegmentEncoder& segments);
   /// Waits for the segment being encoded.
-  ~Timelapse();
-  Timelapse(const Timelapse&) = delete;
-  Timelapse& operator=(const Timelapse&) = delete;
+  ~Recorder();
+  Recorder(const Recorder&) = delete;
+  Recorder& operator=(const Recorder&) = delete;
 
   /// A new instance becomes ACTIVATED; a continued one must be it.
   [[nodiscard]] bool Start(bool continued);
@@ -47,7 +47,7 @@ class Timelapse {
   /// Ends the encoding thread; what waits is left on disk for the finisher.
   void EndEncoding();
 
-  TimelapseInstance& Instance() { return *instance_; }
+  WorkDirectory& Instance() { return *instance_; }
   TimelapseState State() const { return instance_->State(); }
 
  private:
@@ -58,7 +58,7 @@ class Timelapse {
   void EncodeWaiting(const std::stop_token& stop);
   void Encode(uint32_t number) noexcept;
 
-  const std::shared_ptr<TimelapseInstance> instance_;
+  const std::shared_ptr<WorkDirectory> instance_;
   const TakePhotoTo take_photo_;
   SegmentEncoder& segments_;
 

@@ -9,33 +9,33 @@
 #include <string>
 #include <thread>
 
-#include "service/camera/timelapse.h"
-#include "service/camera/video_finisher.h"
+#include "service/camera/timelapse/films/film_maker.h"
+#include "service/camera/timelapse/films/recorder.h"
 
 namespace varnel::service {
 
 /// Makes the films of stopped time-lapses, one after another, on a thread of its own. Thread-safe.
-class FilmQueue {
+class FilmWorker {
  public:
-  explicit FilmQueue(VideoFinisher& finisher);
+  explicit FilmWorker(FilmMaker& finisher);
   /// Waits for the film in progress; what waits stays on disk for the next start.
-  ~FilmQueue();
-  FilmQueue(const FilmQueue&) = delete;
-  FilmQueue& operator=(const FilmQueue&) = delete;
+  ~FilmWorker();
+  FilmWorker(const FilmWorker&) = delete;
+  FilmWorker& operator=(const FilmWorker&) = delete;
 
   /// The time-lapse of a print that has just ended.
-  void Add(std::shared_ptr<Timelapse> timelapse);
+  void Add(std::shared_ptr<Recorder> timelapse);
   /// One that is given up: its encoder is waited for in the background.
-  void Retire(std::shared_ptr<Timelapse> timelapse);
+  void Retire(std::shared_ptr<Recorder> timelapse);
   /// One that an earlier run of the daemon left.
-  void Add(std::shared_ptr<TimelapseInstance> instance);
+  void Add(std::shared_ptr<WorkDirectory> instance);
   /// Its film could not be made; the next start tries again.
   bool HasFailed(const std::string& index) const;
 
  private:
   struct Job {
-    std::shared_ptr<TimelapseInstance> instance;
-    std::shared_ptr<Timelapse> timelapse;
+    std::shared_ptr<WorkDirectory> instance;
+    std::shared_ptr<Recorder> timelapse;
     bool film = true;
   };
 
@@ -44,7 +44,7 @@ class FilmQueue {
   bool TryMake(const Job& job) const;
   static std::string IndexOf(const Job& job);
 
-  VideoFinisher& finisher_;
+  FilmMaker& finisher_;
   mutable std::mutex mutex_;
   std::condition_variable_any changed_;
   std::deque<Job> jobs_;          // mutex_

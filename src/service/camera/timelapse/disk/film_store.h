@@ -8,7 +8,7 @@
 #include <string>
 
 #include "hal_interface/hal_status.h"
-#include "service/camera/timelapse_paths.h"
+#include "service/camera/timelapse/disk/timelapse_paths.h"
 #include "utils/clock.h"
 
 namespace varnel::service {
@@ -23,14 +23,14 @@ struct TimelapseQuery {
 
 /// The description file of all finished films, "timelapse.json". Every operation holds the lock
 /// file meanwhile, so that threads and other programs that honour it never interleave. Thread-safe.
-class TimelapseStore {
+class FilmStore {
  public:
   static constexpr std::chrono::seconds kLockLimit{10};
   /// A listing changes nothing and is asked for often.
   static constexpr std::chrono::seconds kListLockLimit{3};
 
-  explicit TimelapseStore(const TimelapsePaths& paths,
-                          utils::Clock& clock = utils::SystemClock::Instance());
+  explicit FilmStore(const TimelapsePaths& paths,
+                     utils::Clock& clock = utils::SystemClock::Instance());
 
   /// Adds the record of a film, or replaces that of the same "date_index", and links it for local
   /// clients. A description file that is no such file is kept beside as "*.bad" and a new one

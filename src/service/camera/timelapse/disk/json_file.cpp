@@ -1,4 +1,4 @@
-#include "service/camera/json_file.h"
+#include "service/camera/timelapse/disk/json_file.h"
 
 #include <new>
 #include <optional>

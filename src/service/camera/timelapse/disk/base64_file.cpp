@@ -1,4 +1,4 @@
-#include "service/camera/base64_file.h"
+#include "service/camera/timelapse/disk/base64_file.h"
 
 #include <openssl/evp.h>
 #include <unistd.h>

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "hal_interface/hal_status.h"
-#include "service/camera/timelapse_paths.h"
-#include "service/camera/timelapse_store.h"
+#include "service/camera/timelapse/disk/film_store.h"
+#include "service/camera/timelapse/disk/timelapse_paths.h"
 
 namespace varnel::service {
 
@@ -43,10 +43,9 @@ struct UploadedFilm {
 };
 
 /// Encrypts the "video" or the "thumbnail" of a finished film and uploads it. A status as of
-/// TimelapseStore::Delete(); -86 also for a file that is missing, -1 for all else.
-[[nodiscard]] hal_adapter::HalStatus UploadFilm(const TimelapsePaths& paths,
-                                                const TimelapseStore& store, FileUploader& uploader,
-                                                const std::string& index, const std::string& type,
-                                                UploadedFilm& film);
+/// FilmStore::Delete(); -86 also for a file that is missing, -1 for all else.
+[[nodiscard]] hal_adapter::HalStatus UploadFilm(const TimelapsePaths& paths, const FilmStore& store,
+                                                FileUploader& uploader, const std::string& index,
+                                                const std::string& type, UploadedFilm& film);
 
 }  // namespace varnel::service

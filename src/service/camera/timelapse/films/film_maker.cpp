@@ -1,4 +1,4 @@
-#include "service/camera/video_finisher.h"
+#include "service/camera/timelapse/films/film_maker.h"
 
 #include <fmt/format.h>
 
@@ -9,9 +9,9 @@
 #include <utility>
 #include <vector>
 
-#include "service/camera/base64_file.h"
-#include "service/camera/generation_progress.h"
-#include "service/camera/segment_list.h"
+#include "service/camera/timelapse/disk/base64_file.h"
+#include "service/camera/timelapse/disk/segment_list.h"
+#include "service/camera/timelapse/encoder/generation_progress.h"
 #include "utils/atomic_file.h"
 #include "utils/free_space.h"
 #include "utils/log.h"
@@ -79,7 +79,7 @@ class SegmentEncoder::Turn {
   SegmentEncoder& owner_;
 };
 
-EncoderRun SegmentEncoder::EncodeInTurn(const TimelapseInstance& instance, uint32_t number) {
+EncoderRun SegmentEncoder::EncodeInTurn(const WorkDirectory& instance, uint32_t number) {
   const fs::path segment = instance.Segment(number);
   EncoderRun run = EncoderRun::kDone;
   // A segment that is there was encoded before an interruption: it is put in place when complete.
@@ -99,12 +99,12 @@ EncoderRun SegmentEncoder::EncodeInTurn(const TimelapseInstance& instance, uint3
   return run;
 }
 
-void SegmentEncoder::Encode(const TimelapseInstance& instance, uint32_t number) {
+void SegmentEncoder::Encode(const WorkDirectory& instance, uint32_t number) {
   const Turn turn(*this, Urgency::kPrinting);
   (void)EncodeInTurn(instance, number);
 }
 
-bool SegmentEncoder::EncodeRest(const TimelapseInstance& instance) {
+bool SegmentEncoder::EncodeRest(const WorkDirectory& instance) {
   int hung = 0;  // runs in a row; a single photo may be what it hangs on
   for (const uint32_t number : instance.PhotosToEncode()) {
     const Turn turn(*this, Urgency::kFinishing);
@@ -115,20 +115,20 @@ bool SegmentEncoder::EncodeRest(const TimelapseInstance& instance) {
   return true;
 }
 
-bool SegmentEncoder::EncodeCover(const TimelapseInstance& instance) {
+bool SegmentEncoder::EncodeCover(const WorkDirectory& instance) {
   const Turn turn(*this, Urgency::kFinishing);
   return SizeOf(instance.CoverSegment()) > 0 ||
          encoder_.EncodeCover(instance.CoverPhoto(), instance.Settings().frame_rate,
                               instance.CoverSegment());
 }
 
-bool SegmentEncoder::MakeThumbnail(const TimelapseInstance& instance) {
+bool SegmentEncoder::MakeThumbnail(const WorkDirectory& instance) {
   const Turn turn(*this, Urgency::kFinishing);
   return encoder_.MakeThumbnail(instance.CoverPhoto(), instance.Thumbnail(),
                                 instance.Log("gen_thumbnail.log"));
 }
 
-bool SegmentEncoder::Mend(const TimelapseInstance& instance, const fs::path& photo,
+bool SegmentEncoder::Mend(const WorkDirectory& instance, const fs::path& photo,
                           const fs::path& segment) {
   const Turn turn(*this, Urgency::kFinishing);
   const auto check = [&] { return encoder_.Check(segment, instance.Log("check_video.log"), 1); };
@@ -143,9 +143,8 @@ bool SegmentEncoder::Mend(const TimelapseInstance& instance, const fs::path& pho
   return !error;
 }
 
-VideoFinisher::VideoFinisher(const VideoEncoder& encoder, SegmentEncoder& segments,
-                             const TimelapseStore& store, NotifyClients notify, utils::Clock& clock,
-                             uint64_t min_free_bytes)
+FilmMaker::FilmMaker(const VideoEncoder& encoder, SegmentEncoder& segments, const FilmStore& store,
+                     NotifyClients notify, utils::Clock& clock, uint64_t min_free_bytes)
     : encoder_(encoder),
       segments_(segments),
       store_(store),
@@ -153,7 +152,7 @@ VideoFinisher::VideoFinisher(const VideoEncoder& encoder, SegmentEncoder& segmen
       clock_(clock),
       min_free_bytes_(min_free_bytes) {}
 
-bool VideoFinisher::MakeCover(const TimelapseInstance& instance) {
+bool FilmMaker::MakeCover(const WorkDirectory& instance) {
   if (SizeOf(instance.CoverPhoto()) > 0) {
     VLOG_INFO(kTag, "The first photo is already exist, do nothing.");
     return segments_.EncodeCover(instance);
@@ -173,7 +172,7 @@ bool VideoFinisher::MakeCover(const TimelapseInstance& instance) {
   return segments_.EncodeCover(instance);
 }
 
-bool VideoFinisher::ListSegments(const TimelapseInstance& instance, Film& film) const {
+bool FilmMaker::ListSegments(const WorkDirectory& instance, Film& film) const {
   std::vector<fs::path> all;
   film.segment_bytes = SizeOf(instance.CoverSegment());
   if (film.segment_bytes > 0) {
@@ -199,7 +198,7 @@ bool VideoFinisher::ListSegments(const TimelapseInstance& instance, Film& film) 
   return !error;
 }
 
-bool VideoFinisher::HasRoomFor(const Film& film) const {
+bool FilmMaker::HasRoomFor(const Film& film) const {
   // Joined, the segments take no more room than before.
   if (min_free_bytes_ == 0 ||
       utils::EnoughFreeSpace(film.path.parent_path(), min_free_bytes_ + film.segment_bytes)) {
@@ -210,8 +209,8 @@ bool VideoFinisher::HasRoomFor(const Film& film) const {
   return false;
 }
 
-bool VideoFinisher::TryJoin(const TimelapseInstance& instance, const Film& film,
-                            const utils::PrivateDirectory& output) const {
+bool FilmMaker::TryJoin(const WorkDirectory& instance, const Film& film,
+                        const utils::PrivateDirectory& output) const {
   const fs::path joined_film = output.PathOf(VideoEncoder::kFilmName);
   const auto start = clock_.Now();
   if (!encoder_.Join(instance.AllSegmentsList(), output, instance.Log("gen_video.log"),
@@ -238,7 +237,7 @@ bool VideoFinisher::TryJoin(const TimelapseInstance& instance, const Film& film,
   return true;
 }
 
-bool VideoFinisher::MendSegments(const TimelapseInstance& instance, Film& film) const {
+bool FilmMaker::MendSegments(const WorkDirectory& instance, Film& film) const {
   bool known = SizeOf(instance.CoverSegment()) == 0 ||
                segments_.Mend(instance, instance.CoverPhoto(), instance.CoverSegment());
   for (const uint32_t number : instance.ListedSegments()) {
@@ -249,7 +248,7 @@ bool VideoFinisher::MendSegments(const TimelapseInstance& instance, Film& film) 
   return known && ListSegments(instance, film);
 }
 
-bool VideoFinisher::JoinAndCheck(const TimelapseInstance& instance, Film& film) const {
+bool FilmMaker::JoinAndCheck(const WorkDirectory& instance, Film& film) const {
   std::error_code error;
   const auto output = utils::PrivateDirectory::Create(instance.Directory(), error);
   if (!output) return ReportUnwritable(film.path, error);
@@ -264,7 +263,7 @@ bool VideoFinisher::JoinAndCheck(const TimelapseInstance& instance, Film& film) 
   return false;
 }
 
-json VideoFinisher::RecordOf(const TimelapseInstance& instance, const Film& film) const {
+json FilmMaker::RecordOf(const WorkDirectory& instance, const Film& film) const {
   const int64_t now = SecondsOf(clock_.WallNow());
   return {{"date_index", instance.Index()},
           {"gcode_name", instance.Settings().gcode_name},
@@ -277,18 +276,18 @@ json VideoFinisher::RecordOf(const TimelapseInstance& instance, const Film& film
           {"video_duration", encoder_.Duration(film.path)}};
 }
 
-void VideoFinisher::NotifyProgress(int percent) const {
+void FilmMaker::NotifyProgress(int percent) const {
   (void)notify_("notify_camera_generate_video_progress",
                 {{"state", "generating"}, {"percent", percent}});
 }
 
-void VideoFinisher::NotifyCompleted(const json& params) const {
+void FilmMaker::NotifyCompleted(const json& params) const {
   constexpr const char* kMethod = "notify_camera_generate_video_completed";
   if (const int status = notify_(kMethod, params); status != 0)
     VLOG_ERROR(kTag, "Send {} error, ret = {}", kMethod, status);
 }
 
-std::string VideoFinisher::Publish(const json& record, const Film& film) const {
+std::string FilmMaker::Publish(const json& record, const Film& film) const {
   std::string problem;
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
     problem = store_.Publish(record);
@@ -299,7 +298,7 @@ std::string VideoFinisher::Publish(const json& record, const Film& film) const {
   return problem;
 }
 
-std::string VideoFinisher::Make(TimelapseInstance& instance) {
+std::string FilmMaker::Make(WorkDirectory& instance) {
   std::error_code error;
   if (!fs::is_directory(instance.Directory(), error)) {
     if (error && error != std::errc::no_such_file_or_directory)
@@ -333,7 +332,7 @@ std::string VideoFinisher::Make(TimelapseInstance& instance) {
   return {};
 }
 
-bool VideoFinisher::Finish(TimelapseInstance& instance) {
+bool FilmMaker::Finish(WorkDirectory& instance) {
   if (instance.State() != TimelapseState::kGenerating) {
     VLOG_WARN(kTag,
               "Finish timelapse: {} is not an existing instance or state is not 'GENERATING', do "

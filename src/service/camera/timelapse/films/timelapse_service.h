@@ -4,14 +4,14 @@
 #include <mutex>
 #include <string>
 
-#include "service/camera/film_queue.h"
-#include "service/camera/timelapse.h"
-#include "service/camera/timelapse_paths.h"
-#include "service/camera/timelapse_root.h"
-#include "service/camera/timelapse_store.h"
-#include "service/camera/timelapse_upload.h"
-#include "service/camera/video_encoder.h"
-#include "service/camera/video_finisher.h"
+#include "service/camera/timelapse/disk/film_store.h"
+#include "service/camera/timelapse/disk/timelapse_paths.h"
+#include "service/camera/timelapse/disk/work_directories.h"
+#include "service/camera/timelapse/encoder/video_encoder.h"
+#include "service/camera/timelapse/films/film_maker.h"
+#include "service/camera/timelapse/films/film_worker.h"
+#include "service/camera/timelapse/films/recorder.h"
+#include "service/camera/timelapse/films/timelapse_upload.h"
 
 namespace varnel::service {
 
@@ -21,7 +21,8 @@ class TimelapseService {
  public:
   enum class StopResult { kStopped, kRefused, kNothingRuns };
 
-  TimelapseService(TimelapsePaths paths, Timelapse::TakePhotoTo take_photo, NotifyClients notify,
+  TimelapseService(TimelapsePaths paths, EncoderPrograms programs, Recorder::TakePhotoTo take_photo,
+                   NotifyClients notify,
                    std::unique_ptr<FileUploader> uploader = std::make_unique<NoUploader>(),
                    utils::Clock& clock = utils::SystemClock::Instance());
 
@@ -39,7 +40,7 @@ class TimelapseService {
   /// There is a current time-lapse, and its film neither finished nor given up.
   [[nodiscard]] bool IsRunning() const;
 
-  const TimelapseStore& Store() const { return store_; }
+  const FilmStore& Store() const { return store_; }
   [[nodiscard]] hal_adapter::HalStatus Upload(const std::string& index, const std::string& type,
                                               UploadedFilm& film);
 
@@ -47,24 +48,25 @@ class TimelapseService {
   void HandleLeftBehind(const std::string& index);
   void RemoveTemporaryNames() const;
   void Retire();
-  std::shared_ptr<Timelapse> Current() const;
-  bool Begin(std::shared_ptr<TimelapseInstance> instance, bool continued);
+  std::shared_ptr<Recorder> Current() const;
+  bool Begin(std::shared_ptr<WorkDirectory> instance, bool continued);
 
   const TimelapsePaths paths_;
-  const Timelapse::TakePhotoTo take_photo_;
+  const EncoderPrograms programs_;
+  const Recorder::TakePhotoTo take_photo_;
   const std::unique_ptr<FileUploader> uploader_;
   VideoEncoder encoder_;
   SegmentEncoder segments_;
-  TimelapseStore store_;
-  VideoFinisher finisher_;
+  FilmStore store_;
+  FilmMaker finisher_;
 
   std::mutex command_mutex_;  // one start or stop at a time
-  TimelapseRoot root_;        // command_mutex_
+  WorkDirectories root_;      // command_mutex_
 
   mutable std::mutex current_mutex_;
-  std::shared_ptr<Timelapse> current_;  // current_mutex_
+  std::shared_ptr<Recorder> current_;  // current_mutex_
 
-  FilmQueue films_;  // last: its thread uses the rest
+  FilmWorker films_;  // last: its thread uses the rest
 };
 
 }  // namespace varnel::service

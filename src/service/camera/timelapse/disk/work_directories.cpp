@@ -1,4 +1,4 @@
-#include "service/camera/timelapse_root.h"
+#include "service/camera/timelapse/disk/work_directories.h"
 
 #include <algorithm>
 #include <chrono>
@@ -39,10 +39,10 @@ void ReportRemoval(const fs::path& directory, const std::error_code& error) {
 
 }  // namespace
 
-TimelapseRoot::TimelapseRoot(const TimelapsePaths& paths, utils::Clock& clock)
+WorkDirectories::WorkDirectories(const TimelapsePaths& paths, utils::Clock& clock)
     : paths_(paths), clock_(clock) {}
 
-bool TimelapseRoot::MakeRoot() const {
+bool WorkDirectories::MakeRoot() const {
   const std::error_code error = utils::MakeDirectories(paths_.root);
   if (error) {
     VLOG_ERROR(kTag, "Create timelapse root temporary directory {} failed, reason: {}",
@@ -51,12 +51,12 @@ bool TimelapseRoot::MakeRoot() const {
   return !error;
 }
 
-bool TimelapseRoot::IsTaken(const std::string& index) const {
+bool WorkDirectories::IsTaken(const std::string& index) const {
   return Exists(paths_.root / index) || Exists(paths_.root / (kBuildingPrefix + index)) ||
          Exists(paths_.root / (kDeletedPrefix + index));
 }
 
-std::string TimelapseRoot::FreeIndex() const {
+std::string WorkDirectories::FreeIndex() const {
   for (int i = 0; i < kMaxIndexTries; ++i) {
     const auto index = utils::LocalTimeDigits(SecondsOf(clock_.WallNow()));
     // Not that of the one before either: a photo or a segment of it may still be on its way.
@@ -67,7 +67,7 @@ std::string TimelapseRoot::FreeIndex() const {
   return {};
 }
 
-bool TimelapseRoot::Build(const fs::path& directory, const TimelapseSettings& settings) const {
+bool WorkDirectories::Build(const fs::path& directory, const TimelapseSettings& settings) const {
   std::error_code error;
   fs::remove_all(directory, error);
   error = utils::MakeDirectories(directory);
@@ -79,7 +79,7 @@ bool TimelapseRoot::Build(const fs::path& directory, const TimelapseSettings& se
   return !error && WriteTimelapseState(directory, TimelapseState::kReady);
 }
 
-std::shared_ptr<TimelapseInstance> TimelapseRoot::Create(const TimelapseSettings& settings) {
+std::shared_ptr<WorkDirectory> WorkDirectories::Create(const TimelapseSettings& settings) {
   const std::string index = MakeRoot() ? FreeIndex() : std::string();
   const fs::path building = paths_.root / (kBuildingPrefix + index);
   const fs::path directory = paths_.root / index;
@@ -104,10 +104,10 @@ std::shared_ptr<TimelapseInstance> TimelapseRoot::Create(const TimelapseSettings
     return nullptr;
   }
   VLOG_INFO(kTag, "Create a new timelapse instance, index is {}.", index);
-  return std::make_shared<TimelapseInstance>(directory, settings, TimelapseState::kReady);
+  return std::make_shared<WorkDirectory>(directory, settings, TimelapseState::kReady);
 }
 
-bool TimelapseRoot::PointAt(const std::string& index) const {
+bool WorkDirectories::PointAt(const std::string& index) const {
   const fs::path directory = paths_.root / index;
   if (const std::error_code error = utils::ReplaceSymlink(directory, paths_.Current())) {
     VLOG_ERROR(kTag, "Create symlink to directory {} failed, reason: {}", directory.string(),
@@ -119,7 +119,7 @@ bool TimelapseRoot::PointAt(const std::string& index) const {
   return !error;
 }
 
-std::error_code TimelapseRoot::Discard(const std::string& index) const {
+std::error_code WorkDirectories::Discard(const std::string& index) const {
   const fs::path aside = paths_.root / (kBuildingPrefix + index);
   std::error_code error;
   fs::remove_all(aside, error);
@@ -129,7 +129,7 @@ std::error_code TimelapseRoot::Discard(const std::string& index) const {
   return error;
 }
 
-std::shared_ptr<TimelapseInstance> TimelapseRoot::Open(const std::string& index) const {
+std::shared_ptr<WorkDirectory> WorkDirectories::Open(const std::string& index) const {
   const fs::path directory = paths_.root / index;
   std::error_code error;
   TimelapseState state = TimelapseState::kInitial;
@@ -154,16 +154,16 @@ std::shared_ptr<TimelapseInstance> TimelapseRoot::Open(const std::string& index)
             "gcode_name: {}, gcode_path: {}",
             index, TimelapseStateName(state), settings->frame_rate, settings->mode,
             utils::LogText(settings->gcode_name), utils::LogText(settings->gcode_path));
-  return std::make_shared<TimelapseInstance>(directory, std::move(*settings), state);
+  return std::make_shared<WorkDirectory>(directory, std::move(*settings), state);
 }
 
-std::string TimelapseRoot::NextIndex() const {
+std::string WorkDirectories::NextIndex() const {
   std::string index = utils::ReadSmallFile(paths_.NextIndex(), kMaxIndexBytes).value_or("");
   while (index.ends_with('\n')) index.pop_back();
   return IsTimelapseIndex(index) ? index : std::string();
 }
 
-std::vector<std::string> TimelapseRoot::Indices() const {
+std::vector<std::string> WorkDirectories::Indices() const {
   std::vector<std::string> indices;
   std::error_code error;
   const auto entries = utils::DirectoryEntries(paths_.root, error);
@@ -179,11 +179,11 @@ std::vector<std::string> TimelapseRoot::Indices() const {
   return indices;
 }
 
-void TimelapseRoot::RemoveUnfinished() const {
+void WorkDirectories::RemoveUnfinished() const {
   for (const std::string& index : Indices()) RemoveIfUnfinished(index);
 }
 
-void TimelapseRoot::RemoveIfUnfinished(const std::string& index) const {
+void WorkDirectories::RemoveIfUnfinished(const std::string& index) const {
   const fs::path directory = paths_.root / index;
   TimelapseState state = TimelapseState::kInitial;
   const StateRecord record = ReadTimelapseState(directory, state);
@@ -196,7 +196,7 @@ void TimelapseRoot::RemoveIfUnfinished(const std::string& index) const {
   if (!error) VLOG_INFO(kTag, "Remove the unfinished time-lapse {} done.", index);
 }
 
-void TimelapseRoot::RemoveHalfMade() const {
+void WorkDirectories::RemoveHalfMade() const {
   std::error_code error;
   for (const auto& entry : utils::DirectoryEntries(paths_.root, error)) {
     if (!entry.path().filename().string().starts_with(kBuildingPrefix)) continue;

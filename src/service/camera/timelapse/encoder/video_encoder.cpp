@@ -1,4 +1,4 @@
-#include "service/camera/video_encoder.h"
+#include "service/camera/timelapse/encoder/video_encoder.h"
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -115,8 +115,8 @@ std::optional<std::string> AsMinutes(const std::string& seconds_text) {
 
 }  // namespace
 
-VideoEncoder::VideoEncoder(const TimelapsePaths& paths)
-    : paths_(paths), available_(FindProgram(paths.ffmpeg)) {}
+VideoEncoder::VideoEncoder(const EncoderPrograms& programs)
+    : programs_(programs), available_(FindProgram(programs.ffmpeg)) {}
 
 bool VideoEncoder::Available() const {
   if (!available_) VLOG_ERROR(kTag, "FFmpeg program is not exists.");
@@ -124,7 +124,7 @@ bool VideoEncoder::Available() const {
 }
 
 utils::SafeExec VideoEncoder::Ffmpeg() const {
-  utils::SafeExec command(paths_.ffmpeg);
+  utils::SafeExec command(programs_.ffmpeg);
   command.SetIdlePriority().SetOutputLimit(4096);
   return command;
 }
@@ -142,7 +142,7 @@ EncoderRun VideoEncoder::Encode(const fs::path& photo, uint32_t frame_rate, cons
     command.AddArg(argument);
   }
   command.AddArg(segment.filename()).SetWorkingDir(output->Fd());
-  command.SetTimeout(paths_.frame_limit_ms);
+  command.SetTimeout(programs_.frame_limit_ms);
   const EncoderRun run = Run(command, failure, "Execute fatal error");
   if (run != EncoderRun::kDone) return run;
   if (!HasContent(*output, segment)) return EncoderRun::kFailed;
@@ -171,7 +171,7 @@ bool VideoEncoder::MakeThumbnail(const fs::path& photo, const fs::path& thumbnai
     command.AddArg(argument);
   }
   command.AddArg(thumbnail.filename()).SetWorkingDir(output->Fd());
-  command.SetTimeout(paths_.frame_limit_ms);
+  command.SetTimeout(programs_.frame_limit_ms);
   NewLog(command, log);
   return Run(command, "Generate thumbnail failed, exit code", "Execute fatal error") ==
              EncoderRun::kDone &&
@@ -188,7 +188,7 @@ bool VideoEncoder::Join(const fs::path& list, const utils::PrivateDirectory& out
     command.AddArg(argument);
   }
   command.SetWorkingDir(output.Fd())
-      .SetTimeout(LimitFor(paths_.join_limit_ms, kJoinFrameMs, frames));
+      .SetTimeout(LimitFor(programs_.join_limit_ms, kJoinFrameMs, frames));
   NewLog(command, log);
   return Run(command, "Generate video failed, exit code", "Generate video fatal error") ==
          EncoderRun::kDone;
@@ -200,7 +200,7 @@ EncoderRun VideoEncoder::Check(const fs::path& video, const fs::path& log, size_
   utils::SafeExec command = Ffmpeg();
   for (const char* argument : {"-v", "error", "-i", video.c_str(), "-f", "null", "-"})
     command.AddArg(argument);
-  command.SetTimeout(LimitFor(paths_.join_limit_ms, kCheckFrameMs, frames));
+  command.SetTimeout(LimitFor(programs_.join_limit_ms, kCheckFrameMs, frames));
   NewLog(command, log);
   const EncoderRun run = Run(command, "Check video failed, exit code", "Check video fatal error");
   // What cannot be decoded is reported without a failing status.
@@ -208,7 +208,7 @@ EncoderRun VideoEncoder::Check(const fs::path& video, const fs::path& log, size_
 }
 
 std::optional<size_t> VideoEncoder::FrameCount(const fs::path& video) const {
-  utils::SafeExec command(paths_.ffprobe);
+  utils::SafeExec command(programs_.ffprobe);
   for (const char* argument : {"-v", "error", "-show_entries", "stream=nb_frames", "-of",
                                "default=noprint_wrappers=1:nokey=1", video.c_str()}) {
     command.AddArg(argument);
@@ -232,7 +232,7 @@ std::string VideoEncoder::Duration(const fs::path& video) const {
     VLOG_ERROR(kTag, "Get video duration failed, {} is not exist.", video.string());
     return kNoDuration;
   }
-  utils::SafeExec command(paths_.ffprobe);
+  utils::SafeExec command(programs_.ffprobe);
   for (const char* argument : {"-v", "error", "-show_entries", "format=duration", "-of",
                                "default=noprint_wrappers=1:nokey=1", video.c_str()}) {
     command.AddArg(argument);

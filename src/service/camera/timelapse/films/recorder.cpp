@@ -1,4 +1,4 @@
-#include "service/camera/timelapse.h"
+#include "service/camera/timelapse/films/recorder.h"
 
 #include <system_error>
 #include <utility>
@@ -14,15 +14,15 @@ constexpr const char* kTag = "TLP";
 
 }  // namespace
 
-Timelapse::Timelapse(std::shared_ptr<TimelapseInstance> instance, TakePhotoTo take_photo,
-                     SegmentEncoder& segments)
+Recorder::Recorder(std::shared_ptr<WorkDirectory> instance, TakePhotoTo take_photo,
+                   SegmentEncoder& segments)
     : instance_(std::move(instance)), take_photo_(std::move(take_photo)), segments_(segments) {}
 
-Timelapse::~Timelapse() {
+Recorder::~Recorder() {
   EndEncoding();
 }
 
-bool Timelapse::Start(bool continued) {
+bool Recorder::Start(bool continued) {
   const std::string index = instance_->Index();
   VLOG_INFO(kTag, "Timelapse {}: receive 'Start' command, continue: {}.", index,
             continued ? "yes" : "no");
@@ -49,7 +49,7 @@ bool Timelapse::Start(bool continued) {
   return true;
 }
 
-bool Timelapse::Capture(uint32_t number) const {
+bool Recorder::Capture(uint32_t number) const {
   const std::filesystem::path photo = instance_->Photo(number);
   const bool taken = take_photo_(photo.string());
   std::error_code error;
@@ -63,7 +63,7 @@ bool Timelapse::Capture(uint32_t number) const {
   return taken && !error && size > 0;
 }
 
-TimelapsePhoto Timelapse::TakePhoto() {
+TimelapsePhoto Recorder::TakePhoto() {
   uint32_t number = 0;
   const TimelapsePhoto outcome = Take(number);
   // No state change has to wait until there is room for it.
@@ -71,7 +71,7 @@ TimelapsePhoto Timelapse::TakePhoto() {
   return outcome;
 }
 
-TimelapsePhoto Timelapse::Take(uint32_t& number) {
+TimelapsePhoto Recorder::Take(uint32_t& number) {
   const std::string index = instance_->Index();
   VLOG_INFO(kTag, "Timelapse {}: receive 'TakePhoto' command.", index);
   const std::lock_guard lock(photo_mutex_);
@@ -85,7 +85,7 @@ TimelapsePhoto Timelapse::Take(uint32_t& number) {
   return TimelapsePhoto::kTaken;
 }
 
-void Timelapse::Enqueue(uint32_t number) {
+void Recorder::Enqueue(uint32_t number) {
   std::unique_lock lock(queue_mutex_);
   // Bounded by the time limit of the encoder, which prefers us to films that are finished.
   queue_changed_.wait(lock, [this] { return waiting_.size() < kMaxWaiting || closed_; });
@@ -93,7 +93,7 @@ void Timelapse::Enqueue(uint32_t number) {
   queue_changed_.notify_all();
 }
 
-void Timelapse::EncodeWaiting(const std::stop_token& stop) {
+void Recorder::EncodeWaiting(const std::stop_token& stop) {
   const auto some = [this] { return !waiting_.empty() || !left_.empty(); };
   std::unique_lock lock(queue_mutex_);
   while (queue_changed_.wait(lock, stop, some) && !stop.stop_requested()) {
@@ -107,7 +107,7 @@ void Timelapse::EncodeWaiting(const std::stop_token& stop) {
   }
 }
 
-void Timelapse::Encode(uint32_t number) noexcept {
+void Recorder::Encode(uint32_t number) noexcept {
   try {
     segments_.Encode(*instance_, number);
   } catch (const std::exception& error) {
@@ -116,7 +116,7 @@ void Timelapse::Encode(uint32_t number) noexcept {
   }
 }
 
-bool Timelapse::Stop() {
+bool Recorder::Stop() {
   const std::string index = instance_->Index();
   VLOG_INFO(kTag, "Timelapse {}: receive 'Stop' command.", index);
   const std::lock_guard lock(photo_mutex_);
@@ -131,19 +131,19 @@ bool Timelapse::Stop() {
   return instance_->RecordState(TimelapseState::kGenerating);
 }
 
-void Timelapse::Close() {
+void Recorder::Close() {
   const std::lock_guard lock(queue_mutex_);  // so that a photo that waits cannot miss it
   closed_ = true;
   queue_changed_.notify_all();
 }
 
-void Timelapse::Abandon() {
+void Recorder::Abandon() {
   Close();
   const std::lock_guard lock(thread_mutex_);
   encoding_.request_stop();
 }
 
-void Timelapse::EndEncoding() {
+void Recorder::EndEncoding() {
   Close();
   std::jthread encoding;
   {
