@@ -88,7 +88,7 @@ void WriteGenerating(const Store& store, const WorkDirectory& instance, int segm
          "veryfast",
          segment});
   }
-  fs::create_directories(instance.Directory());
+  fs::create_directories(instance.Path());
   std::ofstream list(instance.SegmentList());
   for (int number = 1; number <= segments; ++number) {
     const auto index = static_cast<uint32_t>(number);
@@ -107,19 +107,20 @@ void JoinBare(const Store& store, const WorkDirectory& instance) {
 
 void MeasureJoining(const Options& options, Report& report) {
   const Store store(options.Text("directory", "/dev/shm"));
-  const VideoEncoder encoder(store.programs_);
-  SegmentEncoder segments(encoder);
+  const Ffmpeg encoder(store.programs_);
   const FilmStore films(store.paths_);
-  FilmMaker finisher(encoder, segments, films, NoClients);
+  FilmMaker maker(encoder, films, NoClients, varnel::utils::SystemClock::Instance());
   std::vector<double> ours;
   std::vector<double> bare;
   for (int run = 0; run < 3; ++run) {
+    (void)films.Delete(kIndex);
     WorkDirectory instance(store.paths_.root / kIndex, {.frame_rate = kFrameRate},
                            TimelapseState::kGenerating);
     WriteGenerating(store, instance, options.Number("segments", 1000));
     bare.push_back(Milliseconds([&] { JoinBare(store, instance); }));
     ours.push_back(Milliseconds([&] {
-      if (!finisher.Finish(instance)) throw std::runtime_error("the film was not made");
+      if (!maker.Make(instance, [] { return true; }).Done())
+        throw std::runtime_error("the film was not made");
     }));
   }
   report.Figure("film of many segments, all of its making, median", Percentile(ours, 0.5), "ms");
@@ -175,13 +176,15 @@ void MeasureMemory(const Options& options, Report& report) {
   store.programs_.ffmpeg = store.directory_ / "ffmpeg";
   std::ofstream(store.programs_.ffmpeg) << "#!/bin/sh\nfor out; do :; done\necho x >\"$out\"\n";
   fs::permissions(store.programs_.ffmpeg, fs::perms(0755));
-  TimelapseService service(
-      store.paths_, store.programs_,
-      [](const std::string& path) {
-        std::ofstream(path) << "photo";
-        return true;
-      },
-      NoClients);
+  TimelapseService service({.paths = store.paths_,
+                            .programs = store.programs_,
+                            .take_photo =
+                                [](const std::string& path) {
+                                  std::ofstream(path) << "photo";
+                                  return true;
+                                },
+                            .notify = NoClients});
+  service.HandleUnfinished();
   if (!service.StartNew({})) throw std::runtime_error("no time-lapse was begun");
   int64_t warm = 0;
   const int photos = options.Number("photos", 10'000);
@@ -189,6 +192,9 @@ void MeasureMemory(const Options& options, Report& report) {
     if (i == kWarmUp) warm = SizeOf(getpid()).resident_kib;
     if (service.TakePhoto() != TimelapsePhoto::kTaken) throw std::runtime_error("no photo");
   }
+  const WorkDirectory directory(fs::read_symlink(store.paths_.Current()), {},
+                                TimelapseState::kActivated);
+  while (!directory.PhotosToEncode().empty()) std::this_thread::sleep_for(std::chrono::seconds(1));
   const int64_t growth = SizeOf(getpid()).resident_kib - warm;
   report.Figure("photos of a long print", photos, "");
   report.AtMost("growth of memory after the first 500, MiB", static_cast<double>(growth) / 1024, 1);

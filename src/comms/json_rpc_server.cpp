@@ -27,12 +27,12 @@ JsonRpcServer::~JsonRpcServer() {
 }
 
 CommsStatus JsonRpcServer::RegisterMethod(const std::string& method, MethodKind kind,
-                                          RpcHandler handler) {
+                                          RpcHandler handler, AfterAnswer after) {
   if (method.empty() || !handler) return CommsStatus::kInvalidArgument;
   LaneOf(method).Open(kind);
   {
     std::lock_guard lock(methods_mutex_);
-    if (!methods_.emplace(method, Method{kind, std::move(handler)}).second) {
+    if (!methods_.emplace(method, Method{kind, std::move(handler), std::move(after)}).second) {
       VLOG_ERROR(kTag, "Callback of method {} has been registered", method);
       return CommsStatus::kFailure;
     }
@@ -112,8 +112,9 @@ void JsonRpcServer::InvokeMethod(const std::string& method, JsonRpcRequest reque
     return;
   }
   const RequestSize size{request.Payload().size(), request.BuiltBytes()};
-  auto call = std::make_shared<const Call>(Call{
-      method, std::move(found->handler), std::move(request), std::move(reply), std::move(admit)});
+  auto call =
+      std::make_shared<const Call>(Call{method, std::move(found->handler), std::move(found->after),
+                                        std::move(request), std::move(reply), std::move(admit)});
   if (LaneOf(method).TryPost(
           found->kind, [call] { Run(*call); }, size))
     return;
@@ -129,7 +130,9 @@ void JsonRpcServer::Answer(const JsonRpcRequest& request, const Reply& reply, co
 void JsonRpcServer::Run(const Call& call) {
   try {
     if (call.admit && !call.admit()) return;
-    Answer(call.request, call.reply, CallHandler(call));
+    const Json answer = CallHandler(call);
+    Answer(call.request, call.reply, answer);
+    if (call.after) call.after(answer);
   } catch (const std::exception& error) {
     VLOG_ERROR(kTag, "Handling message exception {}", utils::LogText(error.what()));
   }

@@ -1,6 +1,7 @@
 #include "service/camera/timelapse/disk/film_store.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -142,6 +143,7 @@ TEST_F(TimelapseStoreTest, WithoutADescriptionNothingIsListedOrDeleted) {
 
 TEST_F(TimelapseStoreTest, AnIllegalDescriptionIsKeptBesideTheNewOne) {
   const std::string deep(100'000, '[');
+  int broken = 0;
   for (const std::string& illegal :
        {std::string("{"), std::string(""), std::string("[]"), std::string(R"({"instances":{}})"),
         std::string("\xff"), deep}) {
@@ -150,7 +152,7 @@ TEST_F(TimelapseStoreTest, AnIllegalDescriptionIsKeptBesideTheNewOne) {
     EXPECT_EQ(Description(), illegal) << "only a new one replaces it";
     EXPECT_EQ(store_.Publish(Film("20260101000001")), "");
     EXPECT_EQ(Listed({}).size(), 1U);
-    EXPECT_EQ(test::ReadFile(paths_.Description().string() + ".bad"), illegal);
+    EXPECT_EQ(test::ReadFile(dir_ / fmt::format("store/timelapse.json.{}.bad", ++broken)), illegal);
   }
 }
 
@@ -173,7 +175,7 @@ TEST_F(TimelapseStoreTest, ADescriptionThatCannotBeReadNowIsNotGivenUp) {
     EXPECT_EQ(store_.Delete("20260101000001"), -1);
   }
   EXPECT_EQ(Listed({}), (std::vector<std::string>{"20260101000001"}));
-  EXPECT_FALSE(fs::exists(paths_.Description().string() + ".bad"));
+  EXPECT_FALSE(fs::exists(paths_.Description().string() + ".1.bad"));
 }
 
 TEST_F(TimelapseStoreTest, OnAFullDiskNothingIsLostAndFilmsCanBeDeleted) {

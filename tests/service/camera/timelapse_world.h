@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -28,10 +29,7 @@ class TimelapseWorld {
   }
 
   void WritePrograms() {
-    programs_.ffprobe = dir_.WriteScript("ffprobe", R"(
-for video; do :; done
-case "$*" in *nb_frames*) grep -c . "$video" ;; *) echo 4.033 ;; esac)")
-                            .string();
+    programs_.ffprobe = dir_.WriteScript("ffprobe", "echo 4.033").string();
     programs_.ffmpeg = (dir_ / "ffmpeg").string();
     EncodeAs("");
   }
@@ -42,16 +40,18 @@ case "$*" in *nb_frames*) grep -c . "$video" ;; *) echo 4.033 ;; esac)")
   void EncodeAs(const std::string& first) {
     dir_.WriteScript("ffmpeg", R"(
 for out; do :; done
-list='' input='' previous=''
+list='' input='' progress='' previous=''
 for word; do
   [ "$previous" = -i ] && input=$word
+  [ "$previous" = -progress ] && progress=$word
   [ "$word" = concat ] && list=yes
   previous=$word
 done
 )" + first + R"(
-[ "$out" = - ] && { grep -h broken "$input"; grep -q . "$input"; exit; }
+[ "$out" = - ] && { sed -n "s/broken/[text] broken/p" "$input" >&2; grep -q . "$input"; exit; }
 if [ -n "$list" ]; then
   sed -n "s/^file '\(.*\)'$/\1/p" "$input" | while read -r segment; do cat "$segment"; done >"$out"
+  echo frame=$(grep -c . "$out") >"$progress"
 else
   cat "$input" >"$out"
 fi)");
@@ -59,13 +59,17 @@ fi)");
 
   std::unique_ptr<TimelapseService> Service(
       std::unique_ptr<FileUploader> uploader = std::make_unique<NoUploader>()) {
-    auto service = std::make_unique<TimelapseService>(
-        paths_, programs_, [this](const std::string& path) { return TakePhoto(path); },
-        [this](const std::string& method, nlohmann::json params) {
-          notified_.Put({method, std::move(params)});
-          return 0;
-        },
-        std::move(uploader));
+    TimelapseSetup setup{.paths = paths_,
+                         .programs = programs_,
+                         .take_photo = [this](const std::string& path) { return TakePhoto(path); },
+                         .notify =
+                             [this](const std::string& method, nlohmann::json params) {
+                               notified_.Put({method, std::move(params)});
+                               return 0;
+                             },
+                         .uploader = std::move(uploader),
+                         .clock = &clock_.get()};
+    auto service = std::make_unique<TimelapseService>(std::move(setup));
     service->HandleUnfinished();
     return service;
   }
@@ -110,6 +114,7 @@ fi)");
   std::string scene_ = "a";
   bool camera_fails_ = false;
   int photos_ = 0;
+  std::reference_wrapper<utils::Clock> clock_ = utils::SystemClock::Instance();
   test::Mailbox<std::pair<std::string, nlohmann::json>> notified_;
 };
 

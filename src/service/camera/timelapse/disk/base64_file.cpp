@@ -1,14 +1,22 @@
 #include "service/camera/timelapse/disk/base64_file.h"
 
+#include <fcntl.h>
 #include <openssl/evp.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <optional>
 #include <string>
 #include <system_error>
 
 #include "utils/atomic_file.h"
 #include "utils/log.h"
+#include "utils/log_text.h"
+#include "utils/owned.h"
+#include "utils/temporary_name.h"
+#include "utils/write_all.h"
 
 namespace varnel::service {
 namespace {
@@ -18,6 +26,7 @@ namespace fs = std::filesystem;
 constexpr const char* kTag = "TLP";
 /// A thumbnail has some kilobytes.
 constexpr size_t kMaxBytes = size_t{16} << 20U;
+constexpr mode_t kMode = 0644;
 
 /// False is logged.
 bool IsEncodable(const fs::path& source) {
@@ -49,13 +58,55 @@ std::string Encoded(const std::string& bytes) {
   return text;
 }
 
-bool ReportWriteError(const std::error_code& error, const fs::path& source,
-                      const fs::path& target) {
-  if (!error) return true;
-  if (error == std::errc::no_space_on_device || error == std::errc::io_error) {
-    VLOG_ERROR(kTag, "Failed to write Base64 output for: {}", source.string());
-  } else {
+/// A file beside the target that becomes it when it is whole.
+class Successor {
+ public:
+  explicit Successor(const fs::path& target)
+      : target_(target),
+        name_((target.parent_path() / (std::string(utils::kTemporaryPrefix) + "XXXXXX")).string()),
+        file_(::mkostemp(name_.data(), O_CLOEXEC)) {}
+  ~Successor() {
+    if (file_) ::unlink(name_.c_str());  // without effect when it has become the target
+  }
+  Successor(const Successor&) = delete;
+  Successor& operator=(const Successor&) = delete;
+
+  int Fd() const { return file_.Get(); }
+  bool Publish() const {
+    return ::fchmod(Fd(), kMode) == 0 && ::fsync(Fd()) == 0 &&
+           ::rename(name_.c_str(), target_.c_str()) == 0 &&
+           !utils::SyncDirectory(target_.parent_path());
+  }
+
+ private:
+  const fs::path& target_;
+  std::string name_;
+  const utils::UniqueFd file_;
+};
+
+bool WriteText(const std::string& text, const fs::path& source, const fs::path& target) {
+  const Successor file(target);
+  if (file.Fd() < 0) {
     VLOG_ERROR(kTag, "Failed to open output file: {}", target.string());
+    return false;
+  }
+  if (utils::WriteAll(file.Fd(), text)) {
+    VLOG_ERROR(kTag, "Failed to write Base64 output for: {}", source.string());
+    return false;
+  }
+  if (file.Publish()) return true;
+  VLOG_ERROR(kTag, "Failed to flush Base64 output for: {}", source.string());
+  return false;
+}
+
+bool EncodeFile(const fs::path& source, const fs::path& target) {
+  if (!IsEncodable(source)) return false;
+  const std::optional<std::string> bytes = utils::ReadSmallFile(source, kMaxBytes);
+  if (bytes) return WriteText(Encoded(*bytes), source, target);
+  if (::access(source.c_str(), R_OK) != 0) {
+    VLOG_ERROR(kTag, "Failed to open input file: {}", source.string());
+  } else {
+    VLOG_ERROR(kTag, "Failed to read input file: {}", source.string());
   }
   return false;
 }
@@ -63,17 +114,14 @@ bool ReportWriteError(const std::error_code& error, const fs::path& source,
 }  // namespace
 
 bool WriteBase64(const fs::path& source, const fs::path& target) {
-  if (!IsEncodable(source)) return false;
-  const std::optional<std::string> bytes = utils::ReadSmallFile(source, kMaxBytes);
-  if (!bytes) {
-    if (::access(source.c_str(), R_OK) != 0) {
-      VLOG_ERROR(kTag, "Failed to open input file: {}", source.string());
-    } else {
-      VLOG_ERROR(kTag, "Failed to read input file: {}", source.string());
-    }
-    return false;
+  try {
+    return EncodeFile(source, target);
+  } catch (const fs::filesystem_error& error) {
+    VLOG_ERROR(kTag, "File system error: {}.", error.code().message());
+  } catch (const std::exception& error) {
+    VLOG_ERROR(kTag, "Unknown error: {}.", utils::LogText(error.what()));
   }
-  return ReportWriteError(utils::WriteFileAtomically(target, Encoded(*bytes)), source, target);
+  return false;
 }
 
 }  // namespace varnel::service

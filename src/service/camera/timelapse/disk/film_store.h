@@ -6,20 +6,15 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "hal_interface/hal_status.h"
+#include "service/camera/timelapse/disk/film_description.h"
+#include "service/camera/timelapse/disk/film_listing.h"
 #include "service/camera/timelapse/disk/timelapse_paths.h"
 #include "utils/clock.h"
 
 namespace varnel::service {
-
-/// What a client asks to be listed. Pages are counted from 1.
-struct TimelapseQuery {
-  bool all = true;
-  size_t page_index = 1;
-  size_t page_rows = 10;
-  bool thumbnail_inline = false;
-};
 
 /// The description file of all finished films, "timelapse.json". Every operation holds the lock
 /// file meanwhile, so that threads and other programs that honour it never interleave. Thread-safe.
@@ -48,6 +43,10 @@ class FilmStore {
   /// The record of a film; a status as of Delete().
   [[nodiscard]] hal_adapter::HalStatus Find(const std::string& index, nlohmann::json& record) const;
 
+  /// Those of the instances that have no record. Nothing when that cannot be told.
+  [[nodiscard]] std::optional<std::vector<std::string>> Unlisted(
+      std::vector<std::string> indices) const;
+
   /// Completes deletions that were cut short. Before anything is served.
   void CompleteDeletions() const;
   /// Makes links that are missing, because the web directory was not there for example.
@@ -57,25 +56,14 @@ class FilmStore {
   struct Opened;
 
   std::optional<Opened> Open(std::chrono::seconds limit) const;
-  /// The description as it is, for an operation that needs one.
-  nlohmann::json LoadExisting(hal_adapter::HalStatus& status) const;
-  /// The description to add to; a broken one is put aside. None when it cannot be read.
-  std::optional<nlohmann::json> LoadOrStartNew() const;
-  /// The description to show; a broken one counts as empty. None when it cannot be read.
-  std::optional<nlohmann::json> LoadForListing() const;
-  hal_adapter::HalStatus Write(const nlohmann::json& description) const;
   std::string AddRecord(const nlohmann::json& record) const;
-  /// Failures are logged. Links whose film is missing are not made.
-  void MakeLinks(const nlohmann::json& record, bool replace) const;
-  void RemoveLinks(const std::string& index) const;
   hal_adapter::HalStatus DeleteLocked(const std::string& index) const;
   bool SetAside(const std::string& index) const;
   hal_adapter::HalStatus CompleteDeletion(const std::string& index) const;
   hal_adapter::HalStatus RemoveRecord(const std::string& index) const;
-  nlohmann::json Page(const nlohmann::json& description, const TimelapseQuery& query) const;
-  nlohmann::json Item(const nlohmann::json& record, bool thumbnail_inline) const;
 
   const TimelapsePaths& paths_;
+  const FilmDescription description_;
   utils::Clock& clock_;
 };
 

@@ -10,8 +10,6 @@
 #include <string_view>
 
 #include "utils/atomic_file.h"
-#include "utils/log.h"
-#include "utils/log_text.h"
 #include "utils/owned.h"
 #include "utils/write_all.h"
 
@@ -20,7 +18,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kTag = "TLP";
 constexpr std::string_view kStart = "file '";
 constexpr size_t kMaxBytes = size_t{64} << 20U;
 /// No line of ours is longer.
@@ -72,15 +69,19 @@ std::string SegmentLine(const fs::path& segment) {
   return std::string(kStart) + segment.string() + "'\n";
 }
 
-std::vector<fs::path> ReadSegmentList(const fs::path& list) {
+std::optional<std::vector<fs::path>> ReadSegmentList(const fs::path& list,
+                                                     const SkippedLine& skipped) {
   std::vector<fs::path> segments;
-  std::istringstream lines(utils::ReadSmallFile(list, kMaxBytes).value_or(""));
+  std::error_code error;
+  if (fs::symlink_status(list, error).type() == fs::file_type::not_found) return segments;
+  const std::optional<std::string> text = utils::ReadSmallFile(list, kMaxBytes);
+  if (!text) return std::nullopt;
+  std::istringstream lines(*text);
   for (std::string line; std::getline(lines, line);) {
     if (auto path = PathIn(line)) {
       segments.push_back(std::move(*path));
-    } else {
-      VLOG_WARN(kTag, "Generate video: unexpected segment record line '{}', skip.",
-                utils::LogText(line));
+    } else if (skipped) {
+      skipped(line);
     }
   }
   return segments;

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -11,9 +13,11 @@ namespace varnel::service {
 /// our own and need no quoting.
 [[nodiscard]] std::string SegmentLine(const std::filesystem::path& segment);
 
-/// The segments of a list, in order; lines of another form are logged and skipped. Empty without
-/// the file.
-[[nodiscard]] std::vector<std::filesystem::path> ReadSegmentList(const std::filesystem::path& list);
+/// The segments of a list, in order; lines of another form go to `skipped`, if there is one. Empty
+/// without the file; nothing when it cannot be read.
+using SkippedLine = std::function<void(const std::string& line)>;
+[[nodiscard]] std::optional<std::vector<std::filesystem::path>> ReadSegmentList(
+    const std::filesystem::path& list, const SkippedLine& skipped = nullptr);
 
 /// Adds a segment so that it survives a power failure. A line that an earlier one cut short is
 /// removed first.

@@ -21,8 +21,11 @@ struct TimelapsePaths {
   std::filesystem::path NextIndex() const { return root / "index_next"; }
 };
 
-/// Begins a name that is no index. A work directory that has it is as good as gone.
+/// Begin names that are no index: of a directory that is being made, of one whose film is being
+/// deleted, and of one that is only still to be removed.
+inline constexpr const char* kBuildingPrefix = ".new_";
 inline constexpr const char* kDeletedPrefix = ".deleted_";
+inline constexpr const char* kRemovedPrefix = ".removed_";
 
 inline constexpr const char* kWebUrl = "/files/camera/";
 

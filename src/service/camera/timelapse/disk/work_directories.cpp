@@ -1,9 +1,13 @@
 #include "service/camera/timelapse/disk/work_directories.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <optional>
 #include <system_error>
+#include <utility>
 
 #include "utils/atomic_file.h"
 #include "utils/directory_entries.h"
@@ -17,17 +21,16 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kTag = "TLP";
-/// A name that is no index: the scan at start ignores it.
-constexpr const char* kBuildingPrefix = ".new_";
 constexpr std::chrono::milliseconds kRetryPause{500};
 constexpr int kMaxIndexTries = 20;
 constexpr size_t kMaxIndexBytes = 64;
+constexpr mode_t kDirectoryMode = 0755;
 
 int64_t SecondsOf(utils::Clock::WallTime time) {
   return std::chrono::floor<std::chrono::seconds>(time.time_since_epoch()).count();
 }
 
-bool Exists(const fs::path& path) {
+bool IsThere(const fs::path& path) {
   std::error_code error;
   return fs::exists(fs::symlink_status(path, error));
 }
@@ -37,7 +40,20 @@ void ReportRemoval(const fs::path& directory, const std::error_code& error) {
   VLOG_ERROR(kTag, "Remove directory {} failed, reason: {}", directory.string(), error.message());
 }
 
+bool ReportCreation(const fs::path& directory, const std::error_code& error) {
+  if (!error) return true;
+  VLOG_ERROR(kTag, "Create working directory {} failed, reason: {}", directory.string(),
+             error.message());
+  return false;
+}
+
 }  // namespace
+
+void RemoveCurrentLink(const TimelapsePaths& paths, const std::string& index) {
+  std::error_code error;
+  if (fs::read_symlink(paths.Current(), error) == paths.root / index)
+    fs::remove(paths.Current(), error);
+}
 
 WorkDirectories::WorkDirectories(const TimelapsePaths& paths, utils::Clock& clock)
     : paths_(paths), clock_(clock) {}
@@ -51,60 +67,71 @@ bool WorkDirectories::MakeRoot() const {
   return !error;
 }
 
-bool WorkDirectories::IsTaken(const std::string& index) const {
-  return Exists(paths_.root / index) || Exists(paths_.root / (kBuildingPrefix + index)) ||
-         Exists(paths_.root / (kDeletedPrefix + index));
+bool WorkDirectories::Reserve(const std::string& index) const {
+  const fs::path building = paths_.root / (kBuildingPrefix + index);
+  // Making it is taking it: nobody else gets the same.
+  return index != NextIndex() && !IsThere(paths_.root / index) &&
+         !IsThere(paths_.root / (kDeletedPrefix + index)) &&
+         !IsThere(paths_.root / (kRemovedPrefix + index)) && ::mkdir(building.c_str(), 0700) == 0 &&
+         ::chmod(building.c_str(), kDirectoryMode) == 0;
 }
 
-std::string WorkDirectories::FreeIndex() const {
+std::string WorkDirectories::ReserveIndex() const {
   for (int i = 0; i < kMaxIndexTries; ++i) {
     const auto index = utils::LocalTimeDigits(SecondsOf(clock_.WallNow()));
-    // Not that of the one before either: a photo or a segment of it may still be on its way.
-    if (index && *index != NextIndex() && !IsTaken(*index)) return *index;
+    errno = 0;
+    if (index && Reserve(*index)) return *index;
+    if (errno != 0 && errno != EEXIST && errno != ENOENT) {
+      (void)ReportCreation(paths_.root / index.value_or(""),
+                           std::error_code(errno, std::generic_category()));
+      return {};
+    }
     VLOG_WARN(kTag, "{} exists, retry.", index.value_or("(no date)"));
     clock_.SleepFor(kRetryPause);
   }
   return {};
 }
 
-bool WorkDirectories::Build(const fs::path& directory, const TimelapseSettings& settings) const {
-  std::error_code error;
-  fs::remove_all(directory, error);
-  error = utils::MakeDirectories(directory);
-  if (!error) error = SaveTimelapseSettings(settings, directory / "config.json");
-  if (error) {
-    VLOG_ERROR(kTag, "Create working directory {} failed, reason: {}", directory.string(),
-               error.message());
-  }
-  return !error && WriteTimelapseState(directory, TimelapseState::kReady);
+std::string WorkDirectories::Build(const TimelapseSettings& settings) const {
+  std::string index = MakeRoot() ? ReserveIndex() : std::string();
+  const fs::path building = paths_.root / (kBuildingPrefix + index);
+  const bool built =
+      !index.empty() &&
+      ReportCreation(building, SaveTimelapseSettings(settings, building / "config.json")) &&
+      WriteTimelapseState(building, TimelapseState::kReady) && PrepareStop(building);
+  if (built) return index;
+  VLOG_ERROR(kTag, "Timelapse: create working directory failed.");
+  if (!index.empty()) (void)Rename(kBuildingPrefix + index, kRemovedPrefix + index);
+  return {};
 }
 
-std::shared_ptr<WorkDirectory> WorkDirectories::Create(const TimelapseSettings& settings) {
-  const std::string index = MakeRoot() ? FreeIndex() : std::string();
-  const fs::path building = paths_.root / (kBuildingPrefix + index);
+bool WorkDirectories::Rename(const std::string& from, const std::string& to) const {
+  std::error_code error;
+  fs::rename(paths_.root / from, paths_.root / to, error);
+  if (!error) error = utils::SyncDirectory(paths_.root);
+  ReportRemoval(paths_.root / from, error);
+  return !error;
+}
+
+std::shared_ptr<WorkDirectory> WorkDirectories::Publish(const std::string& index,
+                                                        const TimelapseSettings& settings) {
   const fs::path directory = paths_.root / index;
   std::error_code error;
-  bool made = !index.empty() && Build(building, settings);
-  if (made) {
-    fs::rename(building, directory, error);
-    if (!error) error = utils::SyncDirectory(paths_.root);
-    if (error) {
-      VLOG_ERROR(kTag, "Create working directory {} failed, reason: {}", directory.string(),
-                 error.message());
-    }
-    made = !error;
-  }
-  if (!made) {
+  fs::rename(paths_.root / (kBuildingPrefix + index), directory, error);
+  if (!error) error = utils::SyncDirectory(paths_.root);
+  if (!ReportCreation(directory, error)) {
     VLOG_ERROR(kTag, "Timelapse: create working directory failed.");
-    if (!index.empty()) fs::remove_all(building, error);
     return nullptr;
   }
   if (!PointAt(index)) {
-    (void)Discard(index);
+    (void)SetAside(index);
     return nullptr;
   }
   VLOG_INFO(kTag, "Create a new timelapse instance, index is {}.", index);
-  return std::make_shared<WorkDirectory>(directory, settings, TimelapseState::kReady);
+  auto made = std::make_shared<WorkDirectory>(directory, settings, TimelapseState::kReady);
+  const std::lock_guard lock(mutex_);
+  opened_[index] = made;
+  return made;
 }
 
 bool WorkDirectories::PointAt(const std::string& index) const {
@@ -119,17 +146,18 @@ bool WorkDirectories::PointAt(const std::string& index) const {
   return !error;
 }
 
-std::error_code WorkDirectories::Discard(const std::string& index) const {
-  const fs::path aside = paths_.root / (kBuildingPrefix + index);
-  std::error_code error;
-  fs::remove_all(aside, error);
-  fs::rename(paths_.root / index, aside, error);
-  if (!error) error = utils::SyncDirectory(paths_.root);
-  if (!error) fs::remove_all(aside, error);
-  return error;
+std::shared_ptr<WorkDirectory> WorkDirectories::Open(const std::string& index) {
+  const std::lock_guard lock(mutex_);
+  std::erase_if(opened_, [](const auto& one) { return one.second.expired(); });
+  const auto found = opened_.find(index);
+  auto directory = found != opened_.end() ? found->second.lock() : nullptr;
+  if (directory && directory->Exists()) return directory;
+  directory = Load(index);
+  if (directory) opened_[index] = directory;
+  return directory;
 }
 
-std::shared_ptr<WorkDirectory> WorkDirectories::Open(const std::string& index) const {
+std::shared_ptr<WorkDirectory> WorkDirectories::Load(const std::string& index) const {
   const fs::path directory = paths_.root / index;
   std::error_code error;
   TimelapseState state = TimelapseState::kInitial;
@@ -179,36 +207,56 @@ std::vector<std::string> WorkDirectories::Indices() const {
   return indices;
 }
 
-void WorkDirectories::RemoveUnfinished() const {
-  for (const std::string& index : Indices()) RemoveIfUnfinished(index);
+std::vector<std::string> WorkDirectories::IndicesIn(TimelapseState state) const {
+  std::vector<std::string> indices = Indices();
+  std::erase_if(indices, [&](const std::string& index) {
+    return TimelapseStateIn(paths_.root / index) != state;
+  });
+  return indices;
 }
 
-void WorkDirectories::RemoveIfUnfinished(const std::string& index) const {
-  const fs::path directory = paths_.root / index;
+bool WorkDirectories::SetAside(const std::string& index) const {
+  RemoveCurrentLink(paths_, index);
+  return Rename(index, kRemovedPrefix + index);
+}
+
+void WorkDirectories::SetAsideUnfinished(const std::string& spared) const {
+  for (const std::string& index : Indices())
+    if (index != spared) SetAsideIfUnfinished(index);
+}
+
+void WorkDirectories::SetAsideIfUnfinished(const std::string& index) const {
   TimelapseState state = TimelapseState::kInitial;
-  const StateRecord record = ReadTimelapseState(directory, state);
+  const StateRecord record = ReadTimelapseState(paths_.root / index, state);
   if (record == StateRecord::kMissing)
     VLOG_WARN(kTag, "Time-lapse {}: state file is not exists, do nothing.", index);
   if (record != StateRecord::kFound || state != TimelapseState::kActivated) return;
   VLOG_INFO(kTag, "Remove the unfinished time-lapse {}", index);
-  const std::error_code error = Discard(index);
-  ReportRemoval(directory, error);
-  if (!error) VLOG_INFO(kTag, "Remove the unfinished time-lapse {} done.", index);
+  if (SetAside(index)) VLOG_INFO(kTag, "Remove the unfinished time-lapse {} done.", index);
 }
 
-void WorkDirectories::RemoveHalfMade() const {
+void WorkDirectories::SetAsideHalfMade() const {
+  const std::string prefix = kBuildingPrefix;
   std::error_code error;
   for (const auto& entry : utils::DirectoryEntries(paths_.root, error)) {
-    if (!entry.path().filename().string().starts_with(kBuildingPrefix)) continue;
-    fs::remove_all(entry.path(), error);
-    ReportRemoval(entry.path(), error);
+    const std::string name = entry.path().filename().string();
+    if (!name.starts_with(prefix)) continue;
+    fs::remove_all(paths_.root / (kRemovedPrefix + name.substr(prefix.size())), error);
+    (void)Rename(name, kRemovedPrefix + name.substr(prefix.size()));
   }
   for (const std::string& index : Indices()) {
-    TimelapseState state = TimelapseState::kInitial;
-    const fs::path directory = paths_.root / index;
-    const bool never_started = ReadTimelapseState(directory, state) == StateRecord::kFound &&
-                               state < TimelapseState::kActivated;
-    if (never_started) ReportRemoval(directory, Discard(index));
+    const auto state = TimelapseStateIn(paths_.root / index);
+    if (state && *state < TimelapseState::kActivated) (void)SetAside(index);
+  }
+}
+
+void WorkDirectories::RemoveSetAside() const {
+  const std::lock_guard lock(removal_mutex_);
+  std::error_code error;
+  for (const auto& entry : utils::DirectoryEntries(paths_.root, error)) {
+    if (!entry.path().filename().string().starts_with(kRemovedPrefix)) continue;
+    fs::remove_all(entry.path(), error);
+    ReportRemoval(entry.path(), error);
   }
 }
 

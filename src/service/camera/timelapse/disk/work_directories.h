@@ -1,7 +1,8 @@
 #pragma once
 
-#include <filesystem>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -11,42 +12,57 @@
 
 namespace varnel::service {
 
-/// The work directories of all instances: makes, finds and removes them. One thread at a time.
+/// Takes the link "current" away if it leads to this instance, which is about to go: the link never
+/// dangles.
+void RemoveCurrentLink(const TimelapsePaths& paths, const std::string& index);
+
+/// The work directories of all instances: makes, finds and removes them. Whoever opens the same one
+/// shares it. Thread-safe; Publish() and SetAside...() are for one thread at a time.
 class WorkDirectories {
  public:
   explicit WorkDirectories(const TimelapsePaths& paths,
                            utils::Clock& clock = utils::SystemClock::Instance());
 
-  /// A new instance in the state READY; null on failure, which is logged. The directory appears
-  /// under its index only when it is complete.
-  [[nodiscard]] std::shared_ptr<WorkDirectory> Create(const TimelapseSettings& settings);
+  /// Makes a directory in the state READY that has its index, but not yet its name: it goes at the
+  /// next start. Waits until an index is free. Empty on failure, which is logged.
+  [[nodiscard]] std::string Build(const TimelapseSettings& settings) const;
+  /// Gives it its name and makes it the one to be continued; null on failure, which is logged.
+  [[nodiscard]] std::shared_ptr<WorkDirectory> Publish(const std::string& index,
+                                                       const TimelapseSettings& settings);
 
   /// An instance that exists; null is logged.
-  [[nodiscard]] std::shared_ptr<WorkDirectory> Open(const std::string& index) const;
+  [[nodiscard]] std::shared_ptr<WorkDirectory> Open(const std::string& index);
 
   /// The instance that a continued print belongs to; empty when there is none.
   [[nodiscard]] std::string NextIndex() const;
-
-  /// Every work directory, oldest first.
+  /// Every instance, oldest first.
   [[nodiscard]] std::vector<std::string> Indices() const;
+  /// Those in this state.
+  [[nodiscard]] std::vector<std::string> IndicesIn(TimelapseState state) const;
 
-  /// Removes every instance that was activated and not stopped.
-  void RemoveUnfinished() const;
-  /// Removes directories that an interrupted creation left.
-  void RemoveHalfMade() const;
+  /// Takes an instance away at once; its room is given back by RemoveSetAside(). False is logged.
+  bool SetAside(const std::string& index) const;
+  /// The same for every instance that was activated and not stopped, but for the spared one.
+  void SetAsideUnfinished(const std::string& spared) const;
+  /// The same for what an interrupted creation left. Once, before anything is made.
+  void SetAsideHalfMade() const;
+  /// May take long.
+  void RemoveSetAside() const;
 
  private:
-  bool MakeRoot() const;
-  std::string FreeIndex() const;
-  bool IsTaken(const std::string& index) const;
-  bool Build(const std::filesystem::path& directory, const TimelapseSettings& settings) const;
+  [[nodiscard]] bool MakeRoot() const;
+  std::string ReserveIndex() const;
+  [[nodiscard]] bool Reserve(const std::string& index) const;
   [[nodiscard]] bool PointAt(const std::string& index) const;
-  /// Takes a work directory away at once, under a name that the next start removes in any case.
-  [[nodiscard]] std::error_code Discard(const std::string& index) const;
-  void RemoveIfUnfinished(const std::string& index) const;
+  [[nodiscard]] bool Rename(const std::string& from, const std::string& to) const;
+  void SetAsideIfUnfinished(const std::string& index) const;
+  std::shared_ptr<WorkDirectory> Load(const std::string& index) const;
 
   const TimelapsePaths& paths_;
   utils::Clock& clock_;
+  mutable std::mutex removal_mutex_;
+  std::mutex mutex_;
+  std::map<std::string, std::weak_ptr<WorkDirectory>> opened_;  // mutex_
 };
 
 }  // namespace varnel::service

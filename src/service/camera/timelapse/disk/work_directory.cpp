@@ -22,10 +22,9 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kTag = "TLP";
-constexpr const char* kStateFile = "state";
-constexpr size_t kMaxStateBytes = 64;
+constexpr const char* kFailuresFile = "failures";
 constexpr size_t kIndexLength = 14;
-constexpr std::array kStateNames{"INITIAL", "READY", "ACTIVATED", "GENERATING", "FINISHED"};
+constexpr size_t kMaxCountBytes = 16;
 
 /// The number in "<prefix>NNNNN<ending>".
 std::optional<uint32_t> NumberIn(const std::string& name, std::string_view prefix,
@@ -49,29 +48,49 @@ std::optional<uint32_t> SegmentNumber(const std::string& name) {
   return number ? number : NumberIn(name, "seg_", ".avi");
 }
 
+/// The numbers of one kind of file, in order. A long print has ten thousands: only they are kept.
+std::vector<uint32_t> NumbersIn(const fs::path& directory,
+                                std::optional<uint32_t> (*number_of)(const std::string& name)) {
+  std::vector<uint32_t> numbers;
+  std::error_code error;
+  for (fs::directory_iterator it(directory, error), end; !error && it != end; it.increment(error)) {
+    if (const auto number = number_of(it->path().filename().string())) numbers.push_back(*number);
+  }
+  std::sort(numbers.begin(), numbers.end());
+  return numbers;
+}
+
 bool IsHalfWritten(const std::string& name) {
   return name.starts_with(utils::kTemporaryPrefix);
 }
 
-bool IsTemporary(const std::string& name) {
+bool IsFilm(const std::string& name) {
+  return name.starts_with("timelapse_f") && name.ends_with(".mp4");
+}
+
+/// What is made anew from the photos; the list of what was joined is none of it.
+bool IsDerived(const std::string& name) {
   constexpr std::array kFiles{"cover.jpg",    "cover.ts",     "cover.avi",
-                              "filelist.txt", "progress.txt", "allfilelist.txt"};
-  return PhotoNumber(name) || SegmentNumber(name) || IsHalfWritten(name) ||
+                              "filelist.txt", "progress.txt", kFailuresFile};
+  return SegmentNumber(name) || IsHalfWritten(name) ||
          std::find(kFiles.begin(), kFiles.end(), name) != kFiles.end();
 }
 
+/// By name: whatever a changed list says, only files of the directory it lies in count.
+std::set<uint32_t> NumbersOf(const std::vector<fs::path>& segments, const SkippedLine& skipped) {
+  std::set<uint32_t> numbers;
+  for (const fs::path& segment : segments) {
+    const std::string name = segment.filename().string();
+    if (const auto number = SegmentNumber(name)) {
+      numbers.insert(*number);
+    } else if (skipped) {
+      skipped(name);
+    }
+  }
+  return numbers;
+}
+
 }  // namespace
-
-const char* TimelapseStateName(TimelapseState state) {
-  const auto number = static_cast<size_t>(state);
-  return number < kStateNames.size() ? kStateNames[number] : nullptr;
-}
-
-std::optional<TimelapseState> TimelapseStateOf(const std::string& name) {
-  const auto found = std::find(kStateNames.begin(), kStateNames.end(), name);
-  if (found == kStateNames.end()) return std::nullopt;
-  return static_cast<TimelapseState>(found - kStateNames.begin());
-}
 
 bool IsTimelapseIndex(const std::string& name) {
   return name.size() == kIndexLength &&
@@ -81,10 +100,21 @@ bool IsTimelapseIndex(const std::string& name) {
 WorkDirectory::WorkDirectory(fs::path directory, TimelapseSettings settings, TimelapseState state)
     : directory_(std::move(directory)), settings_(std::move(settings)), state_(state) {}
 
-bool WorkDirectory::RecordState(TimelapseState state) {
-  if (!WriteTimelapseState(directory_, state)) return false;
-  state_ = state;
-  return true;
+bool WorkDirectory::Exists() const {
+  std::error_code error;
+  return fs::is_directory(directory_, error);
+}
+
+bool WorkDirectory::Advance(TimelapseState state) {
+  if (!MayBecome(state_, state)) {
+    VLOG_ERROR(kTag, "Record state: state is invalid.");
+    return false;
+  }
+  const bool recorded = state == TimelapseState::kGenerating
+                            ? RecordStop(directory_)
+                            : WriteTimelapseState(directory_, state);
+  if (recorded) state_ = state;
+  return recorded;
 }
 
 fs::path WorkDirectory::Photo(uint32_t number) const {
@@ -110,108 +140,106 @@ fs::path WorkDirectory::Video(size_t frames) const {
 }
 
 std::vector<uint32_t> WorkDirectory::Photos() const {
-  std::vector<uint32_t> numbers;
-  std::error_code error;
-  for (const auto& entry : utils::DirectoryEntries(directory_, error)) {
-    if (const auto number = PhotoNumber(entry.path().filename().string()))
-      numbers.push_back(*number);
-  }
-  std::sort(numbers.begin(), numbers.end());
-  return numbers;
+  return NumbersIn(directory_, PhotoNumber);
 }
 
-std::vector<uint32_t> WorkDirectory::ListedSegments() const {
-  std::set<uint32_t> numbers;
-  for (const fs::path& segment : ReadSegmentList(SegmentList())) {
-    // By name: whatever a changed list says, only files of this instance get into its film.
-    const std::string name = segment.filename().string();
-    if (const auto number = SegmentNumber(name)) {
-      numbers.insert(*number);
-    } else {
-      VLOG_ERROR(kTag, "Generate video: segment '{}' invalid, skip.", utils::LogText(name));
-    }
-  }
-  return {numbers.begin(), numbers.end()};
+std::optional<std::vector<uint32_t>> WorkDirectory::ListedSegments() const {
+  const auto segments = ReadSegmentList(SegmentList(), [](const std::string& line) {
+    VLOG_WARN(kTag, "Generate video: unexpected segment record line '{}', skip.",
+              utils::LogText(line));
+  });
+  if (!segments) return std::nullopt;
+  const std::set<uint32_t> numbers = NumbersOf(*segments, [](const std::string& name) {
+    VLOG_ERROR(kTag, "Generate video: segment '{}' invalid, skip.", utils::LogText(name));
+  });
+  return std::vector<uint32_t>(numbers.begin(), numbers.end());
 }
 
 std::vector<uint32_t> WorkDirectory::PhotosToEncode() const {
-  const std::vector<uint32_t> listed = ListedSegments();
+  const std::set<uint32_t> listed =
+      NumbersOf(ReadSegmentList(SegmentList()).value_or(std::vector<fs::path>()), nullptr);
+  const std::vector<uint32_t> segments = NumbersIn(directory_, SegmentNumber);
   std::vector<uint32_t> numbers = Photos();
   std::erase_if(numbers, [&](uint32_t number) {
-    std::error_code error;
-    return std::binary_search(listed.begin(), listed.end(), number) &&
-           fs::exists(Segment(number), error);
+    return listed.contains(number) && std::binary_search(segments.begin(), segments.end(), number);
   });
   return numbers;
 }
 
-void WorkDirectory::RemoveFiles(
-    const std::function<bool(const std::string& name)>& unwanted) const {
+fs::path WorkDirectory::FinishedVideo() const {
+  fs::path newest;
+  fs::file_time_type newest_time = fs::file_time_type::min();
   std::error_code error;
-  const auto entries = utils::DirectoryEntries(directory_, error);
-  if (error) VLOG_WARN(kTag, "Remove file failed, reason: {}", error.message());
-  for (const auto& entry : entries) {
-    if (!unwanted(entry.path().filename().string())) continue;
-    fs::remove_all(entry.path(), error);
-    if (error) VLOG_WARN(kTag, "Remove file failed, reason: {}", error.message());
+  for (const auto& entry : utils::DirectoryEntries(directory_, error)) {
+    std::error_code ignored;
+    const fs::file_time_type time = entry.last_write_time(ignored);
+    if (!IsFilm(entry.path().filename().string()) || time < newest_time) continue;
+    newest = entry.path();
+    newest_time = time;
   }
+  return newest;
 }
 
-void WorkDirectory::RemoveTemporaryFiles() const {
-  RemoveFiles(IsTemporary);
+uint32_t WorkDirectory::Failures() const {
+  const std::string text =
+      utils::ReadSmallFile(directory_ / kFailuresFile, kMaxCountBytes).value_or("");
+  uint32_t count = 0;
+  (void)std::from_chars(text.data(), text.data() + text.size(), count);
+  return count;
+}
+
+void WorkDirectory::CountFailure() const {
+  const std::string text = std::to_string(Failures() + 1) + '\n';
+  if (const auto error = utils::WriteFileAtomically(directory_ / kFailuresFile, text))
+    VLOG_WARN(kTag, "A failure of {} cannot be counted: {}", Index(), error.message());
+}
+
+size_t WorkDirectory::RemoveFiles(
+    const std::function<bool(const std::string& name)>& unwanted) const {
+  size_t found = 0;
+  std::error_code error;
+  const auto entries = utils::DirectoryEntries(directory_, error);
+  if (error && error != std::errc::no_such_file_or_directory)
+    VLOG_WARN(kTag, "Remove file failed, reason: {}", error.message());
+  for (const auto& entry : entries) {
+    if (!unwanted(entry.path().filename().string())) continue;
+    ++found;
+    std::error_code ignored;
+    const bool directory = entry.is_directory(ignored) && !entry.is_symlink(ignored);
+    fs::remove_all(entry.path(), error);
+    if (!error) continue;
+    if (directory) {
+      VLOG_WARN(kTag, "Delete temporary directory '{}' failed, reason: {}", entry.path().string(),
+                error.message());
+    } else {
+      VLOG_WARN(kTag, "Remove file failed, reason: {}", error.message());
+    }
+  }
+  return found;
+}
+
+void WorkDirectory::RemoveJoined() const {
+  const std::set<uint32_t> joined =
+      NumbersOf(ReadSegmentList(AllSegmentsList()).value_or(std::vector<fs::path>()), nullptr);
+  const size_t removed = RemoveFiles([&](const std::string& name) {
+    const auto photo = PhotoNumber(name);
+    return photo ? joined.contains(*photo) : IsDerived(name);
+  });
+  // It tells which photos may go, so it goes when they have.
+  if (removed > 0) (void)utils::SyncDirectory(directory_);
+  (void)RemoveFiles([list = AllSegmentsList().filename().string()](const std::string& name) {
+    return name == list;
+  });
 }
 
 void WorkDirectory::RemoveFilmsBut(const fs::path& film) const {
-  RemoveFiles([kept = film.filename().string()](const std::string& name) {
-    return name.starts_with("timelapse_f") && name.ends_with(".mp4") && name != kept;
+  (void)RemoveFiles([kept = film.filename().string()](const std::string& name) {
+    return IsFilm(name) && name != kept;
   });
 }
 
 void WorkDirectory::RemoveHalfWritten() const {
-  RemoveFiles(IsHalfWritten);
-}
-
-StateRecord ReadTimelapseState(const fs::path& directory, TimelapseState& state) {
-  const std::string index = directory.filename().string();
-  const fs::path file = directory / kStateFile;
-  std::error_code error;
-  if (fs::symlink_status(file, error).type() == fs::file_type::not_found)
-    return StateRecord::kMissing;
-  std::optional<std::string> text = utils::ReadSmallFile(file, kMaxStateBytes);
-  if (!text) {
-    VLOG_ERROR(kTag, "Time-lapse {}: open state file failed.", index);
-    return StateRecord::kUnreadable;
-  }
-  while (text->ends_with('\n')) text->pop_back();
-  const std::optional<TimelapseState> found = TimelapseStateOf(*text);
-  if (!found) {
-    VLOG_ERROR(kTag, "Set state '{}' failed, do nothing.", utils::LogText(*text));
-    VLOG_ERROR(kTag, "Time-lapse {}: read state file error.", index);
-    return StateRecord::kUnreadable;
-  }
-  state = *found;
-  return StateRecord::kFound;
-}
-
-bool WriteTimelapseState(const fs::path& directory, TimelapseState state) {
-  const char* name = TimelapseStateName(state);
-  if (name == nullptr) {
-    VLOG_ERROR(kTag, "Record state: state is invalid.");
-    return false;
-  }
-  const fs::path file = directory / kStateFile;
-  const std::error_code error = utils::WriteFileAtomically(file, std::string(name) + '\n');
-  if (!error) return true;
-  if (error == std::errc::no_such_file_or_directory) {
-    VLOG_ERROR(kTag, "Record state: current directory {} not exist.", directory.string());
-  } else if (error == std::errc::permission_denied || error == std::errc::read_only_file_system) {
-    VLOG_ERROR(kTag, "Record state: open file '{}' failed.", file.string());
-  } else if (error == std::errc::no_space_on_device || error == std::errc::io_error) {
-    VLOG_ERROR(kTag, "Record state: write file '{}' failed.", file.string());
-  } else {
-    VLOG_ERROR(kTag, "Record state: filesystem error: {}", error.message());
-  }
-  return false;
+  (void)RemoveFiles(IsHalfWritten);
 }
 
 }  // namespace varnel::service

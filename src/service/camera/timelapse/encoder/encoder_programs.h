@@ -9,9 +9,8 @@ namespace varnel::service {
 struct EncoderPrograms {
   std::string ffmpeg = "/usr/bin/ffmpeg";
   std::string ffprobe = "/usr/bin/ffprobe";
-  // Generous: the encoder yields to everything else on the board.
-  uint32_t frame_limit_ms = 120'000;  ///< for one photo, then it is killed
-  uint32_t join_limit_ms = 300'000;   ///< for joining and for checking, besides the frames' share
+  /// Without any work, then a program is killed. Generous: it yields to all else on the board.
+  uint32_t still_limit_ms = 120'000;
 };
 
 }  // namespace varnel::service

@@ -54,12 +54,10 @@ int ProgressPercent(int frame, size_t total_frames) {
   return static_cast<int>(std::clamp<int64_t>(percent, 0, kJoinShare));
 }
 
-GenerationProgress::GenerationProgress(fs::path file, size_t total_frames, Report report,
-                                       utils::Clock& clock)
-    : file_(std::move(file)),
-      total_frames_(total_frames),
-      report_(std::move(report)),
+GenerationProgress::GenerationProgress(fs::path file, Report report, utils::Clock& clock)
+    : report_(std::move(report)),
       clock_(clock),
+      file_(std::move(file)),
       task_(utils::SpawnGuarded("film-progress", kTag,
                                 [this](const std::stop_token& stop) { Run(stop); })) {}
 
@@ -71,6 +69,12 @@ GenerationProgress::~GenerationProgress() {
   }
   wake_.notify_all();
   task_.join();
+}
+
+void GenerationProgress::Follow(fs::path file, size_t total_frames) {
+  const std::lock_guard lock(mutex_);
+  file_ = std::move(file);
+  total_frames_ = total_frames;
 }
 
 void GenerationProgress::Run(const std::stop_token& stop) {
@@ -92,12 +96,19 @@ bool GenerationProgress::Wait(const std::stop_token& stop) {
 }
 
 void GenerationProgress::Look() {
-  const std::optional<std::string> text = utils::ReadSmallFile(file_, kMaxBytes);
+  fs::path file;
+  size_t total_frames = 0;
+  {
+    const std::lock_guard lock(mutex_);
+    file = file_;
+    total_frames = total_frames_;
+  }
+  const std::optional<std::string> text = utils::ReadSmallFile(file, kMaxBytes);
   if (!text) {
-    VLOG_INFO(kTag, "Progress file {} is not exists, continue.", file_.string());
+    VLOG_INFO(kTag, "Progress file {} is not exists, continue.", file.string());
     return;
   }
-  highest_ = std::max(highest_, ProgressPercent(LastProgressFrame(*text), total_frames_));
+  highest_ = std::max(highest_, ProgressPercent(LastProgressFrame(*text), total_frames));
   report_(highest_);
 }
 

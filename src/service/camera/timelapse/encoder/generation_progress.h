@@ -28,23 +28,26 @@ class GenerationProgress {
 
   using Report = std::function<void(int percent)>;
 
-  GenerationProgress(std::filesystem::path file, size_t total_frames, Report report,
-                     utils::Clock& clock);
+  /// @param file the progress output of the joining run, which is not there yet
+  GenerationProgress(std::filesystem::path file, Report report, utils::Clock& clock);
   ~GenerationProgress();
   GenerationProgress(const GenerationProgress&) = delete;
   GenerationProgress& operator=(const GenerationProgress&) = delete;
+
+  /// Segments are joined from now on, and this is where the run tells how far it is.
+  void Follow(std::filesystem::path file, size_t total_frames);
 
  private:
   void Run(const std::stop_token& stop);
   bool Wait(const std::stop_token& stop);
   void Look();
 
-  const std::filesystem::path file_;
-  const size_t total_frames_;
   const Report report_;
   utils::Clock& clock_;
   int highest_ = 0;  // of the task's thread
   std::mutex mutex_;
+  std::filesystem::path file_;  // mutex_
+  size_t total_frames_ = 0;     // mutex_
   std::condition_variable wake_;
   std::jthread task_;  // last: starts when the rest is complete
 };

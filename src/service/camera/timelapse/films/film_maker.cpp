@@ -1,19 +1,16 @@
 #include "service/camera/timelapse/films/film_maker.h"
 
-#include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <chrono>
-#include <ctime>
 #include <optional>
 #include <system_error>
 #include <utility>
-#include <vector>
 
 #include "service/camera/timelapse/disk/base64_file.h"
-#include "service/camera/timelapse/disk/segment_list.h"
-#include "service/camera/timelapse/encoder/generation_progress.h"
-#include "utils/atomic_file.h"
-#include "utils/free_space.h"
+#include "service/camera/timelapse/encoder/film_programs.h"
+#include "service/camera/timelapse/encoder/picture_encoder.h"
+#include "service/camera/timelapse/films/film_record.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 
@@ -24,261 +21,207 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 
 constexpr const char* kTag = "TLP";
-constexpr size_t kMaxPhotoBytes = size_t{64} << 20U;
 constexpr mode_t kVideoMode = 0644;
-
-uintmax_t SizeOf(const fs::path& file) {
-  std::error_code error;
-  const uintmax_t size = fs::file_size(file, error);
-  return error ? 0 : size;
-}
+/// Where less is left, what failed failed for want of it.
+constexpr uint64_t kSomeRoom = uint64_t{64} << 10U;
 
 int64_t SecondsOf(utils::Clock::WallTime time) {
   return std::chrono::floor<std::chrono::seconds>(time.time_since_epoch()).count();
-}
-
-std::string LocalDate(int64_t seconds) {
-  const auto time = static_cast<std::time_t>(seconds);
-  std::tm local{};
-  localtime_r(&time, &local);
-  return fmt::format("{:04}-{:02}-{:02}", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday);
-}
-
-bool ReportUnwritable(const fs::path& film, const std::error_code& error) {
-  VLOG_ERROR(kTag, "{} cannot be written: {}", film.string(), error.message());
-  return false;
 }
 
 long SecondsBetween(utils::Clock::TimePoint start, utils::Clock::TimePoint end) {
   return static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(end - start).count());
 }
 
+EncoderRun ReportUnwritable(const fs::path& film, const std::error_code& error) {
+  VLOG_ERROR(kTag, "{} cannot be written: {}", film.string(), error.message());
+  return IsShortage(error) ? EncoderRun::kShortage : EncoderRun::kNotRun;
+}
+
+FilmAttempt NoRoom() {
+  return {WorkEnd::kShortage, "there is no room for the film"};
+}
+
+FilmAttempt Ended(WorkEnd end, const char* failure) {
+  if (end == WorkEnd::kShortage) return NoRoom();
+  return {end, failure};
+}
+
+FilmAttempt Ended(EncoderRun run, const char* failure) {
+  if (run == EncoderRun::kDone) return {};
+  return Ended(run == EncoderRun::kShortage ? WorkEnd::kShortage : WorkEnd::kFailed, failure);
+}
+
+/// The directory is there and can be looked at.
+bool CheckDirectory(const WorkDirectory& directory) {
+  std::error_code error;
+  if (fs::is_directory(directory.Path(), error)) return true;
+  if (error && error != std::errc::no_such_file_or_directory)
+    VLOG_ERROR(kTag, "Generate video: check working directory failed: {}", error.message());
+  VLOG_ERROR(kTag, "Working directory {} is not exists.", directory.Path().string());
+  return false;
+}
+
+/// After many failures the film does without what its own fault keeps from being made.
+bool DoWithout(const WorkDirectory& directory, EncoderRun run) {
+  return run == EncoderRun::kFailed && directory.Failures() >= FilmMaker::kManyFailures;
+}
+
 }  // namespace
 
-/// The right to run the encoder, until its end.
-class SegmentEncoder::Turn {
- public:
-  Turn(SegmentEncoder& owner, Urgency urgency) : owner_(owner) {
-    std::unique_lock lock(owner_.mutex_);
-    const bool printing = urgency == Urgency::kPrinting;
-    if (printing) ++owner_.printing_waits_;
-    owner_.free_.wait(lock,
-                      [&] { return !owner_.busy_ && (printing || owner_.printing_waits_ == 0); });
-    if (printing) --owner_.printing_waits_;
-    owner_.busy_ = true;
-  }
-  ~Turn() {
-    const std::lock_guard lock(owner_.mutex_);
-    owner_.busy_ = false;
-    owner_.free_.notify_all();
-  }
-  Turn(const Turn&) = delete;
-  Turn& operator=(const Turn&) = delete;
+FilmMaker::FilmMaker(const Ffmpeg& ffmpeg, const FilmStore& store, NotifyClients notify,
+                     utils::Clock& clock)
+    : ffmpeg_(ffmpeg), store_(store), notify_(std::move(notify)), clock_(clock) {}
 
- private:
-  SegmentEncoder& owner_;
-};
+FilmAttempt FilmMaker::Make(WorkDirectory& directory, const GoOn& go_on) {
+  if (directory.State() != TimelapseState::kGenerating) {
+    VLOG_WARN(kTag,
+              "Finish timelapse: {} is not an existing instance or state is not 'GENERATING', do "
+              "nothing.",
+              directory.Index());
+    return {WorkEnd::kInterrupted, "it is not stopped"};
+  }
+  VLOG_INFO(kTag, "Timelapse {}: receive 'Finish' command.", directory.Index());
+  FilmAttempt attempt;
+  try {
+    attempt = Generate(directory, go_on);
+  } catch (const std::exception& error) {
+    attempt = {WorkEnd::kFailed, utils::LogText(error.what())};
+  }
+  if (!attempt.Done() && attempt.end != WorkEnd::kInterrupted)
+    VLOG_ERROR(kTag, "The film of {} was not made: {}", directory.Index(), attempt.problem);
+  return attempt;
+}
 
-EncoderRun SegmentEncoder::EncodeInTurn(const WorkDirectory& instance, uint32_t number) {
-  const fs::path segment = instance.Segment(number);
+FilmAttempt FilmMaker::Generate(WorkDirectory& directory, const GoOn& go_on) {
+  if (!CheckDirectory(directory)) return {WorkEnd::kFailed, "the working directory is gone"};
+  const auto unlisted = store_.Unlisted({directory.Index()});
+  if (!unlisted) return {WorkEnd::kFailed, "the description file cannot be read"};
+  json record;
+  // Interrupted after it was listed: clients may know it already.
+  if (unlisted->empty() && store_.Find(directory.Index(), record) == hal_adapter::kHalSuccess)
+    return Conclude(directory, record.value("video_path", ""));
+
+  GenerationProgress progress(
+      directory.Progress(),
+      [this](int percent) {
+        (void)notify_("notify_camera_generate_video_progress",
+                      {{"state", "generating"}, {"percent", percent}});
+      },
+      clock_);
+  Film film;
+  FilmAttempt attempt =
+      Ended(EncodeMissing(ffmpeg_, directory, film.bad, go_on), "the encoder does not work");
+  if (attempt.Done()) attempt = MakeCover(directory, film);
+  if (attempt.Done()) attempt = List(directory, film);
+  if (attempt.Done()) attempt = MakeThumbnail(directory);
+  if (attempt.Done()) attempt = JoinAndCheck(directory, film, progress, go_on);
+  if (!attempt.Done()) return attempt;
+  record = FilmRecord(directory, film.path, VideoDuration(ffmpeg_.Programs(), film.path),
+                      SecondsOf(clock_.WallNow()));
+  attempt = Publish(record);
+  if (!attempt.Done()) return attempt;
+  NotifyCompleted(FilmNotice(record));
+  return Conclude(directory, film.path);
+}
+
+FilmAttempt FilmMaker::MakeCover(const WorkDirectory& directory, const Film& film) const {
+  const EncoderRun run = service::MakeCover(ffmpeg_, directory, film.bad);
+  return DoWithout(directory, run) ? FilmAttempt() : Ended(run, "the cover could not be made");
+}
+
+FilmAttempt FilmMaker::MakeThumbnail(const WorkDirectory& directory) const {
   EncoderRun run = EncoderRun::kDone;
-  // A segment that is there was encoded before an interruption: it is put in place when complete.
-  if (SizeOf(segment) == 0)
-    run = encoder_.EncodeSegment(instance.Photo(number), instance.Settings().frame_rate, segment);
-  const uintmax_t size = SizeOf(segment);
-  if (size == 0) {
-    VLOG_ERROR(kTag, "Take photo: segment file '{}' invalid (size: {}), skip recording.",
-               segment.string(), size);
-    return run;
+  if (SizeOfFile(directory.Thumbnail()) == 0) {
+    run = service::MakeThumbnail(ffmpeg_, directory.CoverPhoto(), directory.Thumbnail(),
+                                 directory.Log("gen_thumbnail.log"));
   }
-  if (const std::error_code error = AppendSegment(instance.SegmentList(), segment)) {
-    VLOG_ERROR(kTag, "Take photo: segment file '{}' cannot be recorded: {}", segment.string(),
-               error.message());
-    return EncoderRun::kNotRun;
+  if (run == EncoderRun::kDone &&
+      !WriteBase64(directory.Thumbnail(), directory.ThumbnailBase64())) {
+    run =
+        ffmpeg_.HasRoom(directory.Path(), kSomeRoom) ? EncoderRun::kFailed : EncoderRun::kShortage;
   }
-  return run;
+  if (!DoWithout(directory, run)) return Ended(run, "the thumbnail could not be made");
+  VLOG_WARN(kTag, "The film of {} has no thumbnail", directory.Index());
+  return {};
 }
 
-void SegmentEncoder::Encode(const WorkDirectory& instance, uint32_t number) {
-  const Turn turn(*this, Urgency::kPrinting);
-  (void)EncodeInTurn(instance, number);
-}
-
-bool SegmentEncoder::EncodeRest(const WorkDirectory& instance) {
-  int hung = 0;  // runs in a row; a single photo may be what it hangs on
-  for (const uint32_t number : instance.PhotosToEncode()) {
-    const Turn turn(*this, Urgency::kFinishing);
-    const EncoderRun run = EncodeInTurn(instance, number);
-    hung = run == EncoderRun::kTimedOut ? hung + 1 : 0;
-    if (run == EncoderRun::kNotRun || hung > 1) return false;
-  }
-  return true;
-}
-
-bool SegmentEncoder::EncodeCover(const WorkDirectory& instance) {
-  const Turn turn(*this, Urgency::kFinishing);
-  return SizeOf(instance.CoverSegment()) > 0 ||
-         encoder_.EncodeCover(instance.CoverPhoto(), instance.Settings().frame_rate,
-                              instance.CoverSegment());
-}
-
-bool SegmentEncoder::MakeThumbnail(const WorkDirectory& instance) {
-  const Turn turn(*this, Urgency::kFinishing);
-  return encoder_.MakeThumbnail(instance.CoverPhoto(), instance.Thumbnail(),
-                                instance.Log("gen_thumbnail.log"));
-}
-
-bool SegmentEncoder::Mend(const WorkDirectory& instance, const fs::path& photo,
-                          const fs::path& segment) {
-  const Turn turn(*this, Urgency::kFinishing);
-  const auto check = [&] { return encoder_.Check(segment, instance.Log("check_video.log"), 1); };
-  EncoderRun run = check();
-  if (run == EncoderRun::kDone) return true;
-  if (run != EncoderRun::kFailed) return false;
-  run = encoder_.EncodeSegment(photo, instance.Settings().frame_rate, segment);
-  if (run == EncoderRun::kDone) run = check();
-  if (run != EncoderRun::kFailed) return run == EncoderRun::kDone;
-  std::error_code error;
-  fs::remove(segment, error);
-  return !error;
-}
-
-FilmMaker::FilmMaker(const VideoEncoder& encoder, SegmentEncoder& segments, const FilmStore& store,
-                     NotifyClients notify, utils::Clock& clock, uint64_t min_free_bytes)
-    : encoder_(encoder),
-      segments_(segments),
-      store_(store),
-      notify_(std::move(notify)),
-      clock_(clock),
-      min_free_bytes_(min_free_bytes) {}
-
-bool FilmMaker::MakeCover(const WorkDirectory& instance) {
-  if (SizeOf(instance.CoverPhoto()) > 0) {
-    VLOG_INFO(kTag, "The first photo is already exist, do nothing.");
-    return segments_.EncodeCover(instance);
-  }
-  const std::vector<uint32_t> photos = instance.Photos();
-  const auto last = photos.empty()
-                        ? std::nullopt
-                        : utils::ReadSmallFile(instance.Photo(photos.back()), kMaxPhotoBytes);
-  if (!last || last->empty()) {
-    VLOG_ERROR(kTag, "The last photo does not exist.");
-    return false;
-  }
-  if (const std::error_code error = utils::WriteFileAtomically(instance.CoverPhoto(), *last)) {
-    VLOG_ERROR(kTag, "The cover photo cannot be written: {}", error.message());
-    return false;
-  }
-  return segments_.EncodeCover(instance);
-}
-
-bool FilmMaker::ListSegments(const WorkDirectory& instance, Film& film) const {
-  std::vector<fs::path> all;
-  film.segment_bytes = SizeOf(instance.CoverSegment());
-  if (film.segment_bytes > 0) {
-    all.push_back(instance.CoverSegment());
-  } else {
-    VLOG_ERROR(kTag, "Generate video: cover segment '{}' invalid, skip.",
-               instance.CoverSegment().string());
-  }
-  for (const uint32_t number : instance.ListedSegments()) {
-    const fs::path segment = instance.Segment(number);
-    if (const uintmax_t size = SizeOf(segment); size > 0) {
-      all.push_back(segment);
-      film.segment_bytes += size;
-    } else {
-      VLOG_ERROR(kTag, "Generate video: segment '{}' invalid, skip.", segment.string());
-    }
-  }
-  film.frames = all.size();
-  film.path = instance.Video(film.frames);
-  if (all.empty()) return false;
-  const std::error_code error = WriteSegmentList(instance.AllSegmentsList(), all);
-  if (error) VLOG_ERROR(kTag, "Copy all segment file failed, reason: {}", error.message());
-  return !error;
-}
-
-bool FilmMaker::HasRoomFor(const Film& film) const {
+FilmAttempt FilmMaker::List(const WorkDirectory& directory, Film& film) const {
+  FilmAttempt attempt =
+      Ended(ListAllSegments(directory, film.left_out, film.parts), "there is no segment");
+  film.path = directory.Video(film.parts.frames);
   // Joined, the segments take no more room than before.
-  if (min_free_bytes_ == 0 ||
-      utils::EnoughFreeSpace(film.path.parent_path(), min_free_bytes_ + film.segment_bytes)) {
-    return true;
-  }
-  VLOG_ERROR(kTag, "Less than {} MiB would be free with the film {}, it is not made",
-             min_free_bytes_ >> 20U, film.path.string());
-  return false;
+  if (!attempt.Done() || ffmpeg_.HasRoom(directory.Path(), film.parts.bytes)) return attempt;
+  VLOG_ERROR(kTag, "There is no room for the film {}, it is not made", film.path.string());
+  return NoRoom();
 }
 
-bool FilmMaker::TryJoin(const WorkDirectory& instance, const Film& film,
-                        const utils::PrivateDirectory& output) const {
-  const fs::path joined_film = output.PathOf(VideoEncoder::kFilmName);
+EncoderRun FilmMaker::TryJoin(const WorkDirectory& directory, const Film& film,
+                              const utils::PrivateDirectory& output) const {
+  const fs::path joined_film = output.PathOf(kJoinedFilm);
   const auto start = clock_.Now();
-  if (!encoder_.Join(instance.AllSegmentsList(), output, instance.Log("gen_video.log"),
-                     film.frames)) {
-    return false;
-  }
-  // A segment that cannot be opened ends the film there, and all the same the run is a success.
-  const std::optional<size_t> frames = encoder_.FrameCount(joined_film);
-  if (frames != film.frames) {
-    VLOG_ERROR(kTag, "Generate video: {} of {} frames were joined", frames.value_or(0),
-               film.frames);
-    return false;
-  }
+  EncoderRun run = JoinSegments(ffmpeg_, directory.AllSegmentsList(), output,
+                                directory.Log("gen_video.log"), film.parts.frames);
+  if (run != EncoderRun::kDone) return run;
   const auto joined = clock_.Now();
-  if (encoder_.Check(joined_film, instance.Log("check_video.log"), film.frames) !=
-      EncoderRun::kDone) {
-    return false;
-  }
-  const std::error_code error =
-      output.Publish(VideoEncoder::kFilmName, film.path.filename(), kVideoMode);
-  if (error) return ReportUnwritable(film.path, error);
+  run = CheckVideo(ffmpeg_, joined_film, directory.Log("check_video.log"), film.parts.frames);
+  if (run != EncoderRun::kDone) return run;
+  if (const auto error = output.Publish(kJoinedFilm, film.path.filename(), kVideoMode))
+    return ReportUnwritable(film.path, error);
   VLOG_INFO(kTag, "Generate video and check success, time consumption {}s and {}s.",
             SecondsBetween(start, joined), SecondsBetween(joined, clock_.Now()));
-  return true;
+  return EncoderRun::kDone;
 }
 
-bool FilmMaker::MendSegments(const WorkDirectory& instance, Film& film) const {
-  bool known = SizeOf(instance.CoverSegment()) == 0 ||
-               segments_.Mend(instance, instance.CoverPhoto(), instance.CoverSegment());
-  for (const uint32_t number : instance.ListedSegments()) {
-    const fs::path segment = instance.Segment(number);
-    known = known &&
-            (SizeOf(segment) == 0 || segments_.Mend(instance, instance.Photo(number), segment));
-  }
-  return known && ListSegments(instance, film);
+FilmAttempt FilmMaker::Mend(const WorkDirectory& directory, Film& film, const GoOn& go_on) const {
+  FilmAttempt attempt = Ended(MendSegments(ffmpeg_, directory, film.left_out, go_on),
+                              "the video could not be generated");
+  return attempt.Done() ? List(directory, film) : attempt;
 }
 
-bool FilmMaker::JoinAndCheck(const WorkDirectory& instance, Film& film) const {
+FilmAttempt FilmMaker::JoinAndCheck(const WorkDirectory& directory, Film& film,
+                                    GenerationProgress& progress, const GoOn& go_on) const {
   std::error_code error;
-  const auto output = utils::PrivateDirectory::Create(instance.Directory(), error);
-  if (!output) return ReportUnwritable(film.path, error);
-  const GenerationProgress progress(
-      output->PathOf(VideoEncoder::kProgressName), film.frames,
-      [this](int percent) { NotifyProgress(percent); }, clock_);
+  const auto output = utils::PrivateDirectory::Create(directory.Path(), error);
+  if (!output) return Ended(ReportUnwritable(film.path, error), "the video could not be generated");
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
-    if (attempt == kAttempts && !MendSegments(instance, film)) return false;
-    if (TryJoin(instance, film, *output)) return true;
+    if (attempt == kAttempts) {
+      if (FilmAttempt mended = Mend(directory, film, go_on); !mended.Done()) return mended;
+    }
+    progress.Follow(output->PathOf(kJoinProgress), film.parts.frames);
+    const EncoderRun run = TryJoin(directory, film, *output);
+    if (run == EncoderRun::kDone) return {};
     VLOG_WARN(kTag, "The video generation might have failed, try {} time.", attempt);
+    if (!ffmpeg_.HasRoom(directory.Path(), kSomeRoom)) return NoRoom();
+    if (!go_on()) return {WorkEnd::kInterrupted, {}};
   }
-  return false;
+  return {WorkEnd::kFailed, "the video could not be generated"};
 }
 
-json FilmMaker::RecordOf(const WorkDirectory& instance, const Film& film) const {
-  const int64_t now = SecondsOf(clock_.WallNow());
-  return {{"date_index", instance.Index()},
-          {"gcode_name", instance.Settings().gcode_name},
-          {"gcode_path", instance.Settings().gcode_path},
-          {"timelapse_dir", instance.Directory().string()},
-          {"video_path", film.path.string()},
-          {"thumbnail_path", instance.Thumbnail().string()},
-          {"generate_date", LocalDate(now)},
-          {"unix_timestamp_s", now},
-          {"video_duration", encoder_.Duration(film.path)}};
+FilmAttempt FilmMaker::Publish(const json& record) const {
+  const fs::path video = record["video_path"].get<std::string>();
+  std::string problem;
+  for (int attempt = 1; attempt <= kAttempts; ++attempt) {
+    problem = store_.Publish(record);
+    std::error_code ignored;
+    if (problem.empty() || !fs::exists(video, ignored)) break;
+    VLOG_ERROR(kTag, "Add new video failed, reason: {}", problem);
+  }
+  if (problem.empty()) return {};
+  const bool room = ffmpeg_.HasRoom(video.parent_path(), kSomeRoom);
+  return {room ? WorkEnd::kFailed : WorkEnd::kShortage, std::move(problem)};
 }
 
-void FilmMaker::NotifyProgress(int percent) const {
-  (void)notify_("notify_camera_generate_video_progress",
-                {{"state", "generating"}, {"percent", percent}});
+FilmAttempt FilmMaker::Conclude(WorkDirectory& directory, const fs::path& video) const {
+  directory.RemoveFilmsBut(video);
+  if (!directory.Advance(TimelapseState::kFinished)) {
+    // The client may have deleted it by now.
+    if (!directory.Exists()) return {};
+    return {WorkEnd::kFailed, "the state cannot be recorded"};
+  }
+  directory.RemoveJoined();
+  VLOG_INFO(kTag, "Generate video completed.");
+  return {};
 }
 
 void FilmMaker::NotifyCompleted(const json& params) const {
@@ -287,70 +230,22 @@ void FilmMaker::NotifyCompleted(const json& params) const {
     VLOG_ERROR(kTag, "Send {} error, ret = {}", kMethod, status);
 }
 
-std::string FilmMaker::Publish(const json& record, const Film& film) const {
-  std::string problem;
-  for (int attempt = 1; attempt <= kAttempts; ++attempt) {
-    problem = store_.Publish(record);
-    std::error_code ignored;
-    if (problem.empty() || !fs::exists(film.path, ignored)) break;
+void FilmMaker::NotifyFailed(const WorkDirectory& directory, const std::string& problem) const {
+  NotifyCompleted({{"state", "failed"}, {"date_index", directory.Index()}, {"message", problem}});
+}
+
+void FilmMaker::ListAgain(const WorkDirectory& directory) const {
+  const fs::path video = directory.FinishedVideo();
+  struct stat info {};
+  if (video.empty() || ::stat(video.c_str(), &info) != 0) return;
+  const std::string duration = VideoDuration(ffmpeg_.Programs(), video);
+  const std::string problem =
+      store_.Publish(FilmRecord(directory, video, duration, info.st_mtim.tv_sec));
+  if (problem.empty()) {
+    VLOG_WARN(kTag, "The film {} had no record and is listed again", directory.Index());
+  } else {
     VLOG_ERROR(kTag, "Add new video failed, reason: {}", problem);
   }
-  return problem;
-}
-
-std::string FilmMaker::Make(WorkDirectory& instance) {
-  std::error_code error;
-  if (!fs::is_directory(instance.Directory(), error)) {
-    if (error && error != std::errc::no_such_file_or_directory)
-      VLOG_ERROR(kTag, "Generate video: check working directory failed: {}", error.message());
-    VLOG_ERROR(kTag, "Working directory {} is not exists.", instance.Directory().string());
-    return "the working directory is gone";
-  }
-  if (!segments_.EncodeRest(instance)) return "the encoder does not work";
-  (void)MakeCover(instance);
-  Film film;
-  if (!ListSegments(instance, film)) return "there is no segment";
-  if (!HasRoomFor(film)) return "there is no room for the film";
-  if (!segments_.MakeThumbnail(instance) ||
-      !WriteBase64(instance.Thumbnail(), instance.ThumbnailBase64())) {
-    VLOG_WARN(kTag, "The film of {} has no thumbnail", instance.Index());
-  }
-  if (!JoinAndCheck(instance, film)) return "the video could not be generated";
-  const json record = RecordOf(instance, film);
-  if (std::string problem = Publish(record, film); !problem.empty()) return problem;
-  NotifyCompleted({{"state", "success"},
-                   {"date_index", instance.Index()},
-                   {"gcode_name", instance.Settings().gcode_name},
-                   {"video_url", kWebUrl + VideoLinkName(instance.Index())},
-                   {"thumbnail_path", kWebUrl + ThumbnailLinkName(instance.Index())},
-                   {"video_duration", record["video_duration"]}});
-  // The client may have deleted it by now.
-  if (!instance.RecordState(TimelapseState::kFinished)) return {};
-  instance.RemoveTemporaryFiles();
-  instance.RemoveFilmsBut(film.path);
-  VLOG_INFO(kTag, "Generate video completed.");
-  return {};
-}
-
-bool FilmMaker::Finish(WorkDirectory& instance) {
-  if (instance.State() != TimelapseState::kGenerating) {
-    VLOG_WARN(kTag,
-              "Finish timelapse: {} is not an existing instance or state is not 'GENERATING', do "
-              "nothing.",
-              instance.Index());
-    return false;
-  }
-  VLOG_INFO(kTag, "Timelapse {}: receive 'Finish' command.", instance.Index());
-  std::string problem;
-  try {
-    problem = Make(instance);
-  } catch (const std::exception& error) {
-    problem = utils::LogText(error.what());
-  }
-  if (problem.empty()) return instance.State() == TimelapseState::kFinished;
-  VLOG_ERROR(kTag, "The film of {} was not made: {}", instance.Index(), problem);
-  NotifyCompleted({{"state", "failed"}, {"date_index", instance.Index()}, {"message", problem}});
-  return false;
 }
 
 }  // namespace varnel::service

@@ -1,7 +1,11 @@
 #include "service/camera/timelapse/films/film_worker.h"
 
+#include <algorithm>
+#include <chrono>
 #include <utility>
+#include <vector>
 
+#include "utils/free_space.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 #include "utils/thread.h"
@@ -10,69 +14,163 @@ namespace varnel::service {
 namespace {
 
 constexpr const char* kTag = "TLP";
+constexpr std::chrono::milliseconds kBrokerPause{200};
 
 }  // namespace
 
-FilmWorker::FilmWorker(FilmMaker& finisher)
-    : finisher_(finisher),
-      thread_(utils::SpawnGuarded("film-queue", kTag,
-                                  [this](const std::stop_token& stop) { Run(stop); })) {}
+FilmWorker::FilmWorker(const TimelapsePaths& paths, WorkDirectories& directories,
+                       const FilmStore& store, const Ffmpeg& ffmpeg, FilmMaker& maker,
+                       std::function<bool()> broker_answers, utils::Clock& clock)
+    : paths_(paths),
+      directories_(directories),
+      store_(store),
+      ffmpeg_(ffmpeg),
+      maker_(maker),
+      broker_answers_(std::move(broker_answers)),
+      clock_(clock) {}
 
 FilmWorker::~FilmWorker() {
   thread_.request_stop();
-  thread_.join();
+  Wake();
 }
 
-void FilmWorker::Add(std::shared_ptr<Recorder> timelapse) {
-  Push({nullptr, std::move(timelapse), true});
+void FilmWorker::Start() {
+  thread_ =
+      utils::SpawnGuarded("film-worker", kTag, [this](const std::stop_token& stop) { Run(stop); });
 }
 
-void FilmWorker::Retire(std::shared_ptr<Recorder> timelapse) {
-  Push({nullptr, std::move(timelapse), false});
-}
-
-void FilmWorker::Add(std::shared_ptr<WorkDirectory> instance) {
-  Push({std::move(instance), nullptr, true});
-}
-
-bool FilmWorker::HasFailed(const std::string& index) const {
-  const std::lock_guard lock(mutex_);
-  return failed_.count(index) > 0;
-}
-
-void FilmWorker::Push(Job job) {
+void FilmWorker::Wake() {
   {
     const std::lock_guard lock(mutex_);
-    jobs_.push_back(std::move(job));
+    change_ = true;
   }
   changed_.notify_all();
 }
 
-void FilmWorker::Run(const std::stop_token& stop) {
-  std::unique_lock lock(mutex_);
-  while (changed_.wait(lock, stop, [this] { return !jobs_.empty(); }) && !stop.stop_requested()) {
-    const Job job = std::move(jobs_.front());
-    jobs_.pop_front();
-    lock.unlock();
-    const bool made = TryMake(job);
-    lock.lock();
-    if (!made) failed_.insert(IndexOf(job));
+void FilmWorker::TryAgain() {
+  {
+    const std::lock_guard lock(mutex_);
+    try_again_ = true;
   }
+  Wake();
 }
 
-bool FilmWorker::TryMake(const Job& job) const {
+/// What one look cannot do is no reason to never look again.
+void FilmWorker::Guarded(const std::function<void()>& work) const {
   try {
-    if (job.timelapse) job.timelapse->EndEncoding();
-    if (!job.film) return true;
-    return finisher_.Finish(job.timelapse ? job.timelapse->Instance() : *job.instance);
+    work();
   } catch (const std::exception& error) {
-    VLOG_ERROR(kTag, "A film was not made: {}", utils::LogText(error.what()));
-    return false;
+    VLOG_ERROR(kTag, "A look at the time-lapses failed: {}", utils::LogText(error.what()));
   }
 }
 
-std::string FilmWorker::IndexOf(const Job& job) {
-  return job.timelapse ? job.timelapse->Instance().Index() : job.instance->Index();
+void FilmWorker::Run(const std::stop_token& stop) {
+  Guarded([this] { directories_.RemoveSetAside(); });
+  if (!AwaitBroker(stop)) return;
+  Guarded([this] { LookAtFinished(); });
+  while (!stop.stop_requested()) {
+    (void)TakeChange();
+    bool film = false;
+    Guarded([&] {
+      directories_.RemoveSetAside();
+      EncodePrints(stop);
+      film = MakeNextFilm(stop);
+      GiveBackRoom();
+    });
+    if (!film) AwaitChange(stop);
+  }
+}
+
+bool FilmWorker::AwaitBroker(const std::stop_token& stop) {
+  while (!broker_answers_() && !stop.stop_requested()) {
+    std::unique_lock lock(mutex_);
+    clock_.WaitUntil(lock, changed_, clock_.Now() + kBrokerPause,
+                     [&] { return stop.stop_requested(); });
+  }
+  return !stop.stop_requested();
+}
+
+void FilmWorker::AwaitChange(const std::stop_token& stop) {
+  std::unique_lock lock(mutex_);
+  clock_.WaitUntil(lock, changed_, waits_.NextDue(clock_.Now()),
+                   [&] { return change_ || stop.stop_requested(); });
+}
+
+bool FilmWorker::TakeChange() {
+  const std::lock_guard lock(mutex_);
+  if (std::exchange(try_again_, false)) waits_.AllDue();
+  return std::exchange(change_, false);
+}
+
+void FilmWorker::LookAtFinished() {
+  const auto finished = directories_.IndicesIn(TimelapseState::kFinished);
+  for (const std::string& index : finished)
+    WorkDirectory(paths_.root / index, {}, TimelapseState::kFinished).RemoveJoined();
+  for (const std::string& index : store_.Unlisted(finished).value_or(std::vector<std::string>()))
+    if (const auto directory = directories_.Open(index)) maker_.ListAgain(*directory);
+}
+
+void FilmWorker::EncodePrints(const std::stop_token& stop) {
+  const auto indices = directories_.IndicesIn(TimelapseState::kActivated);
+  std::erase_if(prints_, [&](const auto& print) {
+    return std::find(indices.begin(), indices.end(), print.first) == indices.end();
+  });
+  for (const std::string& index : indices) {
+    Print& print = prints_[index];
+    if (!print.directory) print.directory = directories_.Open(index);
+    if (!print.directory) continue;
+    const WorkDirectory& directory = *print.directory;
+    // What cannot be done waits for the next photo, or for the film.
+    (void)EncodeMissing(ffmpeg_, directory, print.bad,
+                        [&] { return !stop.stop_requested() && directory.Exists(); });
+  }
+}
+
+bool FilmWorker::MakeNextFilm(const std::stop_token& stop) {
+  for (const std::string& index : directories_.IndicesIn(TimelapseState::kGenerating)) {
+    if (stop.stop_requested() || !waits_.IsDue(index, clock_.Now())) continue;
+    const auto directory = directories_.Open(index);
+    if (directory) {
+      MakeFilm(*directory, stop);
+    } else {
+      (void)waits_.Postpone(index, clock_.Now());
+    }
+    return true;
+  }
+  return false;
+}
+
+void FilmWorker::MakeFilm(WorkDirectory& directory, const std::stop_token& stop) {
+  const FilmAttempt attempt = maker_.Make(directory, [&] {
+    // Photos of a print that runs go before those of one that is over.
+    if (TakeChange()) EncodePrints(stop);
+    return !stop.stop_requested() && directory.Exists();
+  });
+  Settle(directory, attempt);
+}
+
+void FilmWorker::Settle(WorkDirectory& directory, const FilmAttempt& attempt) {
+  const std::string index = directory.Index();
+  if (attempt.Done()) {
+    waits_.Forget(index);
+    waits_.AllDue();
+    return;
+  }
+  if (attempt.end == WorkEnd::kInterrupted || !directory.Exists()) return;
+  if (attempt.end == WorkEnd::kFailed) directory.CountFailure();
+  if (waits_.Postpone(index, clock_.Now())) maker_.NotifyFailed(directory, attempt.problem);
+}
+
+void FilmWorker::GiveBackRoom() {
+  for (const std::string& index : waits_.Indices()) {
+    if (utils::EnoughFreeSpace(paths_.root, paths_.min_free_bytes)) return;
+    const WorkDirectory directory(paths_.root / index, {}, TimelapseState::kGenerating);
+    if (directory.Failures() < FilmMaker::kManyFailures) continue;
+    VLOG_ERROR(kTag, "The film of {} failed {} times and the disk is full, its photos are removed",
+               index, directory.Failures());
+    waits_.Forget(index);
+    if (directories_.SetAside(index)) directories_.RemoveSetAside();
+  }
 }
 
 }  // namespace varnel::service

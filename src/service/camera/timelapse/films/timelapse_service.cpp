@@ -28,35 +28,34 @@ void RemoveMatching(const fs::path& directory, std::string_view part) {
 
 }  // namespace
 
-TimelapseService::TimelapseService(TimelapsePaths paths, EncoderPrograms programs,
-                                   Recorder::TakePhotoTo take_photo, NotifyClients notify,
-                                   std::unique_ptr<FileUploader> uploader, utils::Clock& clock)
-    : paths_(std::move(paths)),
-      programs_(std::move(programs)),
-      take_photo_(std::move(take_photo)),
-      uploader_(std::move(uploader)),
-      encoder_(programs_),
-      segments_(encoder_),
-      store_(paths_, clock),
-      finisher_(encoder_, segments_, store_, std::move(notify), clock, paths_.min_free_bytes),
-      root_(paths_, clock),
-      films_(finisher_) {}
+TimelapseService::TimelapseService(TimelapseSetup setup)
+    : paths_(std::move(setup.paths)),
+      take_photo_(std::move(setup.take_photo)),
+      uploader_(std::move(setup.uploader)),
+      ffmpeg_(std::move(setup.programs), paths_.min_free_bytes),
+      store_(paths_, *setup.clock),
+      directories_(paths_, *setup.clock),
+      maker_(ffmpeg_, store_, std::move(setup.notify), *setup.clock),
+      worker_(paths_, directories_, store_, ffmpeg_, maker_, std::move(setup.broker_answers),
+              *setup.clock) {}
 
-void TimelapseService::RemoveTemporaryNames() const {
+void TimelapseService::ClearTemporaryNames() const {
   utils::RemoveLeftovers(paths_.root);
   utils::RemoveLeftovers(paths_.web);
   RemoveMatching(paths_.upload, "_timelapse_enc");
+  std::error_code error;
+  if (fs::is_symlink(paths_.Current(), error) && !fs::exists(paths_.Current(), error))
+    fs::remove(paths_.Current(), error);
 }
 
 void TimelapseService::HandleUnfinished() {
   VLOG_INFO(kTag, "Handle unfinished timelapse instance");
   try {
-    const std::lock_guard lock(command_mutex_);
-    RemoveTemporaryNames();
+    ClearTemporaryNames();
     store_.CompleteDeletions();
     store_.RepairLinks();
-    root_.RemoveHalfMade();
-    const std::vector<std::string> indices = root_.Indices();
+    directories_.SetAsideHalfMade();
+    const std::vector<std::string> indices = directories_.Indices();
     if (indices.empty())
       VLOG_INFO(kTag, "Handle unfinished timelapse: no need to handle empty directory");
     for (const std::string& index : indices) HandleLeftBehind(index);
@@ -67,20 +66,18 @@ void TimelapseService::HandleUnfinished() {
     VLOG_ERROR(kTag, "Handle unfinished timelapse: general error: {}",
                utils::LogText(error.what()));
   }
+  worker_.Start();
 }
 
-void TimelapseService::HandleLeftBehind(const std::string& index) {
+void TimelapseService::HandleLeftBehind(const std::string& index) const {
   TimelapseState state = TimelapseState::kInitial;
   const bool known = ReadTimelapseState(paths_.root / index, state) == StateRecord::kFound;
   if (known) WorkDirectory(paths_.root / index, {}, state).RemoveHalfWritten();
   if (known && state == TimelapseState::kGenerating) {
     VLOG_INFO(kTag, "Handle timelapse instance {}, and it will be completed shortly.", index);
-    if (auto instance = root_.Open(index)) films_.Add(std::move(instance));
-    return;
+  } else {
+    VLOG_INFO(kTag, "Do not need to handle timelapse instance {}.", index);
   }
-  VLOG_INFO(kTag, "Do not need to handle timelapse instance {}.", index);
-  if (known && state == TimelapseState::kFinished)
-    WorkDirectory(paths_.root / index, {}, state).RemoveTemporaryFiles();
 }
 
 std::shared_ptr<Recorder> TimelapseService::Current() const {
@@ -88,21 +85,17 @@ std::shared_ptr<Recorder> TimelapseService::Current() const {
   return current_;
 }
 
-bool TimelapseService::Begin(std::shared_ptr<WorkDirectory> instance, bool continued) {
-  if (!instance) return false;
-  auto timelapse = std::make_shared<Recorder>(std::move(instance), take_photo_, segments_);
-  const bool started = timelapse->Start(continued);
-  if (!started && continued) return false;
+bool TimelapseService::Begin(std::shared_ptr<WorkDirectory> directory, bool continued) {
+  if (!directory) return false;
+  const std::string index = directory->Index();
+  auto recorder = std::make_shared<Recorder>(std::move(directory), take_photo_);
+  if (!recorder->Start(continued)) {
+    if (!continued) (void)directories_.SetAside(index);
+    return false;
+  }
   const std::lock_guard lock(current_mutex_);
-  current_ = std::move(timelapse);
-  return started;
-}
-
-bool TimelapseService::StartNew(const TimelapseSettings& settings) {
-  const std::lock_guard lock(command_mutex_);
-  Retire();
-  root_.RemoveUnfinished();
-  return Begin(root_.Create(settings), false);
+  current_ = std::move(recorder);
+  return true;
 }
 
 void TimelapseService::Retire() {
@@ -111,40 +104,76 @@ void TimelapseService::Retire() {
     const std::lock_guard lock(current_mutex_);
     previous = std::exchange(current_, nullptr);
   }
-  if (!previous) return;
-  previous->Abandon();
-  films_.Retire(std::move(previous));
+  std::string spared;
+  if (previous) {
+    // A film that was wanted is made, whatever kept its stop from being recorded.
+    if (previous->StopWasAsked() && previous->State() == TimelapseState::kActivated &&
+        !previous->Stop()) {
+      spared = previous->Directory().Index();
+    }
+    previous->Close();
+  }
+  directories_.SetAsideUnfinished(spared);
+}
+
+void TimelapseService::MakeRoomForNew() {
+  {
+    const std::lock_guard lock(command_mutex_);
+    Retire();
+  }
+  directories_.RemoveSetAside();
+}
+
+bool TimelapseService::StartNew(const TimelapseSettings& settings) {
+  MakeRoomForNew();
+  const std::string index = directories_.Build(settings);
+  bool begun = false;
+  {
+    const std::lock_guard lock(command_mutex_);
+    Retire();  // another one may have begun meanwhile
+    begun = !index.empty() && Begin(directories_.Publish(index, settings), false);
+  }
+  worker_.Wake();
+  return begun;
 }
 
 bool TimelapseService::Continue() {
   const std::lock_guard lock(command_mutex_);
-  const std::string index = root_.NextIndex();
+  const std::string index = directories_.NextIndex();
   const auto current = Current();
-  const bool goes_on = current && current->Instance().Index() == index &&
+  const bool goes_on = current && current->Directory().Index() == index &&
                        current->State() == TimelapseState::kActivated;
-  if (goes_on) return true;
-  return Begin(root_.Open(index), true);
+  return goes_on || Begin(directories_.Open(index), true);
 }
 
 TimelapseService::StopResult TimelapseService::Stop() {
-  const std::lock_guard lock(command_mutex_);
-  auto current = Current();
-  if (!current || current->State() == TimelapseState::kFinished) return StopResult::kNothingRuns;
-  if (!current->Stop()) return StopResult::kRefused;
-  films_.Add(std::move(current));
+  {
+    const std::lock_guard lock(command_mutex_);
+    const auto current = Current();
+    if (!current || current->State() == TimelapseState::kFinished) return StopResult::kNothingRuns;
+    if (!current->Stop()) return StopResult::kRefused;
+  }
+  worker_.Wake();
   return StopResult::kStopped;
 }
 
 std::optional<TimelapsePhoto> TimelapseService::TakePhoto() {
   const auto current = Current();
   if (!current) return std::nullopt;
-  return current->TakePhoto();
+  const TimelapsePhoto photo = current->TakePhoto();
+  if (photo == TimelapsePhoto::kTaken) worker_.Wake();
+  return photo;
 }
 
 bool TimelapseService::IsRunning() const {
   const auto current = Current();
-  return current && current->State() != TimelapseState::kFinished &&
-         !films_.HasFailed(current->Instance().Index());
+  return current && current->State() != TimelapseState::kFinished && current->Directory().Exists();
+}
+
+hal_adapter::HalStatus TimelapseService::Delete(const std::string& index) {
+  const hal_adapter::HalStatus status = store_.Delete(index);
+  if (status == hal_adapter::kHalSuccess) worker_.TryAgain();
+  return status;
 }
 
 hal_adapter::HalStatus TimelapseService::Upload(const std::string& index, const std::string& type,
