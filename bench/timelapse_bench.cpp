@@ -109,7 +109,7 @@ void MeasureJoining(const Options& options, Report& report) {
   const Store store(options.Text("directory", "/dev/shm"));
   const Ffmpeg encoder(store.programs_);
   const FilmStore films(store.paths_);
-  FilmMaker maker(encoder, films, NoClients, varnel::utils::SystemClock::Instance());
+  const FilmMaker maker(encoder, films, NoClients, varnel::utils::SystemClock::Instance());
   std::vector<double> ours;
   std::vector<double> bare;
   for (int run = 0; run < 3; ++run) {

@@ -172,6 +172,8 @@ class TimelapseTest : public testing::Test {
  private:
   const test::TempDir programs_;
   const fs::path bad_ffmpeg_ = programs_.WriteScript("ffmpeg", R"(
+echo 'rga_api version 1.9'
+echo 'mpp[1]: mpp_info: version' >&2
 for word in $(ls /tmp/fault 2>/dev/null); do
   case "$word $*" in
     play*" concat "*|play*" null "*) exec /opt/varnel/ffmpeg -re "$@" ;;
@@ -206,6 +208,11 @@ TEST_F(TimelapseTest, APrintBecomesAFilmThatPlaysAndLeavesNoTraceWhenDeleted) {
     if (slow_join) ExpectProgress(*served);
     EXPECT_TRUE(AwaitCompleted(*served, 1, "success"));
     EXPECT_FALSE(served->rpc.Notifications("notify_camera_status_change").empty());
+    // Its record is lost.
+    (void)served->board.Shell("echo lost >/userdata/.tmp_timelapse/timelapse.json");
+    served->Restart();
+    EXPECT_EQ(AwaitFilm(*served)["video_url"], film["video_url"]);
+    EXPECT_EQ(served->rpc.Notifications("notify_camera_generate_video_completed").size(), 1U);
     const json direct = Films(*served, {{"thumbnail_direct", true}})[0];
     EXPECT_TRUE(
         direct["thumbnail_base64"].get<std::string>().starts_with("data:image/jpeg;base64,/9j/"));

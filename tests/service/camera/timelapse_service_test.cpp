@@ -118,10 +118,13 @@ TEST_F(TimelapseServiceTest, AnInterruptedPrintGoesOnWithAllItsFrames) {
   std::ofstream(paths_.root / index / ".varnel-abcdef/seg_00003.ts") << "half";
   std::ofstream(paths_.root / index / "filelist.txt", std::ios::app) << "file '/half";
   photos_ = 3;
+  // An earlier version laid no record of a stop ready.
+  EXPECT_TRUE(fs::remove(paths_.root / index / "state.stop"));
   const auto service = Service();
   EXPECT_FALSE(service->IsRunning());
   EXPECT_TRUE(service->Continue());
   EXPECT_TRUE(service->Continue()) << "it goes on already";
+  EXPECT_TRUE(fs::exists(paths_.root / index / "state.stop"));
   EXPECT_FALSE(fs::exists(paths_.root / index / ".varnel-abcdef"));
   EXPECT_EQ(service->TakePhoto(), TimelapsePhoto::kTaken);
   EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
@@ -325,7 +328,12 @@ TEST_F(TimelapseServiceTest, WithoutAnEncoderPhotosWaitOnDisk) {
     EXPECT_TRUE(log_.Has("TLP", "FFmpeg program is not exists."));
   }
   EncodeAs("");
+  broker_answers_ = false;
+  broker_asked_ = 0;
   const auto service = Service();
+  EXPECT_TRUE(Eventually([&] { return broker_asked_ >= 3; }));
+  EXPECT_EQ(service->Store().List({})["count"], 0) << "nobody would hear of it";
+  broker_answers_ = true;
   EXPECT_EQ(Film(*service, index), "a2\na1\na2\n");
 }
 

@@ -134,12 +134,16 @@ std::shared_ptr<WorkDirectory> WorkDirectories::Publish(const std::string& index
   return made;
 }
 
-bool WorkDirectories::PointAt(const std::string& index) const {
+void WorkDirectories::PointCurrentAt(const std::string& index) const {
   const fs::path directory = paths_.root / index;
   if (const std::error_code error = utils::ReplaceSymlink(directory, paths_.Current())) {
     VLOG_ERROR(kTag, "Create symlink to directory {} failed, reason: {}", directory.string(),
                error.message());
   }
+}
+
+bool WorkDirectories::PointAt(const std::string& index) const {
+  PointCurrentAt(index);
   const std::error_code error = utils::WriteFileAtomically(paths_.NextIndex(), index + '\n');
   if (error)
     VLOG_ERROR(kTag, "Record the next index {} failed, reason: {}", index, error.message());

@@ -40,6 +40,8 @@ class WorkDirectories {
   /// Those in this state.
   [[nodiscard]] std::vector<std::string> IndicesIn(TimelapseState state) const;
 
+  /// Points "current" at an instance. A failure is logged.
+  void PointCurrentAt(const std::string& index) const;
   /// Takes an instance away at once; its room is given back by RemoveSetAside(). False is logged.
   bool SetAside(const std::string& index) const;
   /// The same for every instance that was activated and not stopped, but for the spared one.

@@ -73,7 +73,7 @@ FilmMaker::FilmMaker(const Ffmpeg& ffmpeg, const FilmStore& store, NotifyClients
                      utils::Clock& clock)
     : ffmpeg_(ffmpeg), store_(store), notify_(std::move(notify)), clock_(clock) {}
 
-FilmAttempt FilmMaker::Make(WorkDirectory& directory, const GoOn& go_on) {
+FilmAttempt FilmMaker::Make(WorkDirectory& directory, const GoOn& go_on) const {
   if (directory.State() != TimelapseState::kGenerating) {
     VLOG_WARN(kTag,
               "Finish timelapse: {} is not an existing instance or state is not 'GENERATING', do "
@@ -93,7 +93,7 @@ FilmAttempt FilmMaker::Make(WorkDirectory& directory, const GoOn& go_on) {
   return attempt;
 }
 
-FilmAttempt FilmMaker::Generate(WorkDirectory& directory, const GoOn& go_on) {
+FilmAttempt FilmMaker::Generate(WorkDirectory& directory, const GoOn& go_on) const {
   if (!CheckDirectory(directory)) return {WorkEnd::kFailed, "the working directory is gone"};
   const auto unlisted = store_.Unlisted({directory.Index()});
   if (!unlisted) return {WorkEnd::kFailed, "the description file cannot be read"};
@@ -101,21 +101,8 @@ FilmAttempt FilmMaker::Generate(WorkDirectory& directory, const GoOn& go_on) {
   // Interrupted after it was listed: clients may know it already.
   if (unlisted->empty() && store_.Find(directory.Index(), record) == hal_adapter::kHalSuccess)
     return Conclude(directory, record.value("video_path", ""));
-
-  GenerationProgress progress(
-      directory.Progress(),
-      [this](int percent) {
-        (void)notify_("notify_camera_generate_video_progress",
-                      {{"state", "generating"}, {"percent", percent}});
-      },
-      clock_);
   Film film;
-  FilmAttempt attempt =
-      Ended(EncodeMissing(ffmpeg_, directory, film.bad, go_on), "the encoder does not work");
-  if (attempt.Done()) attempt = MakeCover(directory, film);
-  if (attempt.Done()) attempt = List(directory, film);
-  if (attempt.Done()) attempt = MakeThumbnail(directory);
-  if (attempt.Done()) attempt = JoinAndCheck(directory, film, progress, go_on);
+  FilmAttempt attempt = MakeVideo(directory, film, go_on);
   if (!attempt.Done()) return attempt;
   record = FilmRecord(directory, film.path, VideoDuration(ffmpeg_.Programs(), film.path),
                       SecondsOf(clock_.WallNow()));
@@ -123,6 +110,19 @@ FilmAttempt FilmMaker::Generate(WorkDirectory& directory, const GoOn& go_on) {
   if (!attempt.Done()) return attempt;
   NotifyCompleted(FilmNotice(record));
   return Conclude(directory, film.path);
+}
+
+FilmAttempt FilmMaker::MakeVideo(const WorkDirectory& directory, Film& film,
+                                 const GoOn& go_on) const {
+  GenerationProgress progress(
+      directory.Progress(), [this](int percent) { NotifyProgress(percent); }, clock_);
+  FilmAttempt attempt =
+      Ended(EncodeMissing(ffmpeg_, directory, film.bad, go_on), "the encoder does not work");
+  if (attempt.Done()) attempt = MakeCover(directory, film);
+  if (attempt.Done()) attempt = List(directory, film);
+  if (attempt.Done()) attempt = MakeThumbnail(directory);
+  if (attempt.Done()) attempt = JoinAndCheck(directory, film, progress, go_on);
+  return attempt;
 }
 
 FilmAttempt FilmMaker::MakeCover(const WorkDirectory& directory, const Film& film) const {
@@ -222,6 +222,11 @@ FilmAttempt FilmMaker::Conclude(WorkDirectory& directory, const fs::path& video)
   directory.RemoveJoined();
   VLOG_INFO(kTag, "Generate video completed.");
   return {};
+}
+
+void FilmMaker::NotifyProgress(int percent) const {
+  (void)notify_("notify_camera_generate_video_progress",
+                {{"state", "generating"}, {"percent", percent}});
 }
 
 void FilmMaker::NotifyCompleted(const json& params) const {

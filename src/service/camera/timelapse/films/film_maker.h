@@ -36,7 +36,7 @@ class FilmMaker {
   FilmMaker(const Ffmpeg& ffmpeg, const FilmStore& store, NotifyClients notify,
             utils::Clock& clock);
 
-  [[nodiscard]] FilmAttempt Make(WorkDirectory& directory, const GoOn& go_on);
+  [[nodiscard]] FilmAttempt Make(WorkDirectory& directory, const GoOn& go_on) const;
   /// Tells clients that a film is not there yet.
   void NotifyFailed(const WorkDirectory& directory, const std::string& problem) const;
   /// Gives a finished film the record that is lost.
@@ -50,7 +50,8 @@ class FilmMaker {
     std::set<std::filesystem::path> left_out;  ///< segments
   };
 
-  FilmAttempt Generate(WorkDirectory& directory, const GoOn& go_on);
+  FilmAttempt Generate(WorkDirectory& directory, const GoOn& go_on) const;
+  FilmAttempt MakeVideo(const WorkDirectory& directory, Film& film, const GoOn& go_on) const;
   FilmAttempt MakeCover(const WorkDirectory& directory, const Film& film) const;
   FilmAttempt MakeThumbnail(const WorkDirectory& directory) const;
   FilmAttempt List(const WorkDirectory& directory, Film& film) const;
@@ -61,6 +62,7 @@ class FilmMaker {
                      const utils::PrivateDirectory& output) const;
   FilmAttempt Publish(const nlohmann::json& record) const;
   FilmAttempt Conclude(WorkDirectory& directory, const std::filesystem::path& video) const;
+  void NotifyProgress(int percent) const;
   void NotifyCompleted(const nlohmann::json& params) const;
 
   const Ffmpeg& ffmpeg_;

@@ -23,6 +23,12 @@ class FilmWaits {
   bool Postpone(const std::string& index, utils::Clock::TimePoint now) {
     return waits_.insert_or_assign(index, now + kPause).second;
   }
+  /// Those that are gone wait no more.
+  void KeepOnly(const std::vector<std::string>& indices) {
+    std::erase_if(waits_, [&](const auto& wait) {
+      return std::find(indices.begin(), indices.end(), wait.first) == indices.end();
+    });
+  }
   void Forget(const std::string& index) { waits_.erase(index); }
   /// Something has changed: all are due.
   void AllDue() {

@@ -14,12 +14,12 @@ namespace varnel::service {
 namespace {
 
 constexpr const char* kTag = "TLP";
-constexpr std::chrono::milliseconds kBrokerPause{200};
+constexpr std::chrono::milliseconds kBrokerPause{500};
 
 }  // namespace
 
 FilmWorker::FilmWorker(const TimelapsePaths& paths, WorkDirectories& directories,
-                       const FilmStore& store, const Ffmpeg& ffmpeg, FilmMaker& maker,
+                       const FilmStore& store, const Ffmpeg& ffmpeg, const FilmMaker& maker,
                        std::function<bool()> broker_answers, utils::Clock& clock)
     : paths_(paths),
       directories_(directories),
@@ -127,9 +127,13 @@ void FilmWorker::EncodePrints(const std::stop_token& stop) {
 }
 
 bool FilmWorker::MakeNextFilm(const std::stop_token& stop) {
-  for (const std::string& index : directories_.IndicesIn(TimelapseState::kGenerating)) {
+  const auto indices = directories_.IndicesIn(TimelapseState::kGenerating);
+  waits_.KeepOnly(indices);
+  for (const std::string& index : indices) {
     if (stop.stop_requested() || !waits_.IsDue(index, clock_.Now())) continue;
     const auto directory = directories_.Open(index);
+    // Recorded, but still being stopped: that wakes us once more.
+    if (directory && directory->State() != TimelapseState::kGenerating) continue;
     if (directory) {
       MakeFilm(*directory, stop);
     } else {

@@ -25,7 +25,7 @@ class FilmWorker {
   /// All must outlive it.
   /// @param broker_answers films are not begun before
   FilmWorker(const TimelapsePaths& paths, WorkDirectories& directories, const FilmStore& store,
-             const Ffmpeg& ffmpeg, FilmMaker& maker, std::function<bool()> broker_answers,
+             const Ffmpeg& ffmpeg, const FilmMaker& maker, std::function<bool()> broker_answers,
              utils::Clock& clock);
   /// Waits for the program that runs; what is not done stays on disk.
   ~FilmWorker();
@@ -62,7 +62,7 @@ class FilmWorker {
   WorkDirectories& directories_;
   const FilmStore& store_;
   const Ffmpeg& ffmpeg_;
-  FilmMaker& maker_;
+  const FilmMaker& maker_;
   const std::function<bool()> broker_answers_;
   utils::Clock& clock_;
 

@@ -143,7 +143,10 @@ bool TimelapseService::Continue() {
   const auto current = Current();
   const bool goes_on = current && current->Directory().Index() == index &&
                        current->State() == TimelapseState::kActivated;
-  return goes_on || Begin(directories_.Open(index), true);
+  if (goes_on) return true;
+  if (!Begin(directories_.Open(index), true)) return false;
+  directories_.PointCurrentAt(index);
+  return true;
 }
 
 TimelapseService::StopResult TimelapseService::Stop() {

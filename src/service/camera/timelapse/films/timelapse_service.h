@@ -71,7 +71,7 @@ class TimelapseService {
   const Ffmpeg ffmpeg_;
   const FilmStore store_;
   WorkDirectories directories_;
-  FilmMaker maker_;
+  const FilmMaker maker_;
 
   std::mutex command_mutex_;  // one start or stop at a time; nothing that takes long
 
