@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "utils/child_registry.h"
 #include "utils/free_space.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
@@ -15,6 +16,8 @@ namespace {
 
 constexpr const char* kTag = "TLP";
 constexpr std::chrono::milliseconds kBrokerPause{500};
+/// Whatever is due: the thread never goes round in circles.
+constexpr std::chrono::seconds kShortestPause{1};
 
 }  // namespace
 
@@ -92,7 +95,8 @@ bool FilmWorker::AwaitBroker(const std::stop_token& stop) {
 
 void FilmWorker::AwaitChange(const std::stop_token& stop) {
   std::unique_lock lock(mutex_);
-  clock_.WaitUntil(lock, changed_, waits_.NextDue(clock_.Now()),
+  const auto now = clock_.Now();
+  clock_.WaitUntil(lock, changed_, std::max(waits_.NextDue(now), now + kShortestPause),
                    [&] { return change_ || stop.stop_requested(); });
 }
 
@@ -160,7 +164,8 @@ void FilmWorker::Settle(WorkDirectory& directory, const FilmAttempt& attempt) {
     waits_.AllDue();
     return;
   }
-  if (attempt.end == WorkEnd::kInterrupted || !directory.Exists()) return;
+  const bool process_ends = utils::ChildStart().Refused();
+  if (attempt.end == WorkEnd::kInterrupted || process_ends || !directory.Exists()) return;
   if (attempt.end == WorkEnd::kFailed) directory.CountFailure();
   if (waits_.Postpone(index, clock_.Now())) maker_.NotifyFailed(directory, attempt.problem);
 }
