@@ -343,9 +343,11 @@ class KilledPrint {
               "");
     EXPECT_THAT(served_->rpc.Problems(), IsEmpty());
     std::set<json> told;
-    for (const auto& notice : served_->rpc.Notifications("notify_camera_generate_video_completed"))
+    for (const auto& notice :
+         served_->rpc.Notifications("notify_camera_generate_video_completed")) {
       EXPECT_TRUE(notice.params.at("state") == "failed" || told.insert(notice.params).second)
           << "told twice: " << notice.params;
+    }
   }
 
  private:

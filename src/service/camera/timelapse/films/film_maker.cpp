@@ -43,6 +43,7 @@ FilmAttempt NoRoom() {
 }
 
 FilmAttempt Ended(WorkEnd end, const char* failure) {
+  if (end == WorkEnd::kDone) return {};
   if (end == WorkEnd::kShortage) return NoRoom();
   return {end, failure};
 }
@@ -74,13 +75,6 @@ FilmMaker::FilmMaker(const Ffmpeg& ffmpeg, const FilmStore& store, NotifyClients
     : ffmpeg_(ffmpeg), store_(store), notify_(std::move(notify)), clock_(clock) {}
 
 FilmAttempt FilmMaker::Make(WorkDirectory& directory, const GoOn& go_on) const {
-  if (directory.State() != TimelapseState::kGenerating) {
-    VLOG_WARN(kTag,
-              "Finish timelapse: {} is not an existing instance or state is not 'GENERATING', do "
-              "nothing.",
-              directory.Index());
-    return {WorkEnd::kInterrupted, "it is not stopped"};
-  }
   VLOG_INFO(kTag, "Timelapse {}: receive 'Finish' command.", directory.Index());
   FilmAttempt attempt;
   try {

@@ -36,6 +36,7 @@ class FilmMaker {
   FilmMaker(const Ffmpeg& ffmpeg, const FilmStore& store, NotifyClients notify,
             utils::Clock& clock);
 
+  /// One that fails can be repeated. Exceptions end here.
   [[nodiscard]] FilmAttempt Make(WorkDirectory& directory, const GoOn& go_on) const;
   /// Tells clients that a film is not there yet.
   void NotifyFailed(const WorkDirectory& directory, const std::string& problem) const;

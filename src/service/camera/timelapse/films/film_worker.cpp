@@ -141,6 +141,10 @@ bool FilmWorker::MakeNextFilm(const std::stop_token& stop) {
     if (directory) {
       MakeFilm(*directory, stop);
     } else {
+      VLOG_WARN(kTag,
+                "Finish timelapse: {} is not an existing instance or state is not 'GENERATING', do "
+                "nothing.",
+                index);
       (void)waits_.Postpone(index, clock_.Now());
     }
     return true;
