@@ -145,9 +145,10 @@ TEST(SafeExecTest, OnlyAChildThatDoesNoWorkIsEnded) {
       {"while :; do :; done", {60'000, 200, {}}, -1},
       {"for i in 1 2 3 4 5 6; do sleep 0.2; echo >>'" + file + "'; done", {1000, 60'000, file}, 0},
       {"exec >'" + file + "'; sleep 60", {300, 60'000, file}, -1}};
-  for (const auto& test : cases)
+  for (const auto& test : cases) {
     EXPECT_EQ(Shell(test.work).SetWorkLimits(test.limits).Execute().exit_code, test.exit_code)
         << test.work;
+  }
 }
 
 TEST(SafeExecTest, TenMegabytesOnBothPipesArriveWhole) {
