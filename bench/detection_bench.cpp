@@ -11,11 +11,11 @@
 #include <fstream>
 #include <string>
 
-#include "service/analysis/image_files.h"
-#include "service/analysis/letterbox.h"
+#include "service/analysis/decision/printer_analysis.h"
+#include "service/analysis/network/rknn_library.h"
 #include "service/analysis/npu_stand_in.h"
-#include "service/analysis/printer_analysis.h"
-#include "service/analysis/rknn_library.h"
+#include "service/analysis/picture/image_files.h"
+#include "service/analysis/picture/letterbox.h"
 #include "support/photo.h"
 
 namespace {

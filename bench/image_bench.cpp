@@ -10,9 +10,9 @@
 #include <memory>
 #include <opencv2/imgproc.hpp>
 
-#include "service/analysis/image_files.h"
-#include "service/analysis/image_layout.h"
-#include "service/analysis/letterbox.h"
+#include "service/analysis/picture/image_files.h"
+#include "service/analysis/picture/image_layout.h"
+#include "service/analysis/picture/letterbox.h"
 #include "support/photo.h"
 
 namespace {

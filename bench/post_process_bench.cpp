@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <tuple>
 
-#include "service/analysis/post_process.h"
+#include "service/analysis/network/post_process.h"
 #include "support/report.h"
 
 namespace {

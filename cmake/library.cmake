@@ -6,6 +6,8 @@
 function(varnel_library name)
   cmake_parse_arguments(ARG "" "FOLDER" "SOURCES;DEPENDS;LIBS" ${ARGN})
   set(root ${PROJECT_BINARY_DIR}/include/${name})
+  # Anew: a link of an earlier layout would lead the next steps into the sources.
+  file(REMOVE_RECURSE ${root})
   get_filename_component(parent ${root}/${ARG_FOLDER} DIRECTORY)
   file(MAKE_DIRECTORY ${parent})
   file(CREATE_LINK ${PROJECT_SOURCE_DIR}/src/${ARG_FOLDER} ${root}/${ARG_FOLDER} SYMBOLIC)

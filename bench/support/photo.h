@@ -2,7 +2,7 @@
 
 #include <random>
 
-#include "service/analysis/image_layout.h"
+#include "service/analysis/picture/image_layout.h"
 #include "support/turns.h"
 
 namespace varnel::bench {

@@ -12,7 +12,7 @@
 #include <opencv2/core/utility.hpp>
 #include <thread>
 
-#include "service/analysis/rknn_api.h"
+#include "service/analysis/network/rknn_api.h"
 #include "virtual_board/common/files.h"
 #include "virtual_board/npu/network.h"
 #include "virtual_board/npu/npu_files.h"

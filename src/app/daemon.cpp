@@ -5,6 +5,7 @@
 #include <future>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 
 #include "app/environment_check.h"
 #include "app/print_analysis.h"
@@ -30,6 +31,7 @@
 #include "utils/reported_drives.h"
 #include "utils/temporary_name.h"
 #include "utils/thread.h"
+#include "utils/thread_pool.h"
 
 namespace varnel::app {
 namespace {
@@ -58,7 +60,7 @@ std::shared_ptr<utils::Logger> StartLogging(LogTarget target,
   return logger;
 }
 
-hal_adapter::SpaceCheck SpaceCheckOf(const utils::Deployment& deployment) {
+utils::SpaceCheck SpaceCheckOf(const utils::Deployment& deployment) {
   const uint64_t min_mib = deployment.min_free_space_mib;
   return [min_mib](const std::filesystem::path& destination) {
     if (utils::EnoughFreeSpace(destination.parent_path(), min_mib << 20)) return true;
@@ -146,23 +148,32 @@ void RemoveOldLeftovers(const utils::Deployment& deployment, const Hardware& har
   utils::RemoveLeftovers(hardware.storage.Paths().config_save);
 }
 
-/// USB drives, plugged in before or from now on, are open to files that clients ask for.
-void AllowDrives(utils::ReportedDrives& drives) {
-  const auto allow = [](const hal_adapter::HalEventRecord* event, void* reported) {
-    // On a thread of its own: a drive that is slow or dying must not hold up other events. Before
-    // it is open, or what is being written would be taken for a leftover.
-    utils::SpawnGuarded("drive-leftovers", kTag,
-                        [directory = std::filesystem::path(event->payload),
-                         drives = static_cast<utils::ReportedDrives*>(reported)] {
-                          utils::RemoveLeftovers(directory);
-                          drives->Add(directory);
-                        })
-        .detach();
-  };
-  for (const auto type :
-       {hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT, hal_adapter::HAL_EVENT_SYS_USB_DRIVE_PRESENT})
-    (void)hal_adapter::register_hal_event_callback(type, allow, &drives);
-}
+/// USB drives, plugged in before or from now on, are open to files that clients ask for. One after
+/// another on a thread of its own: a drive that is slow or dying must not hold up other events.
+class DriveGate {
+ public:
+  explicit DriveGate(std::shared_ptr<utils::ReportedDrives> drives) : drives_(std::move(drives)) {}
+
+  void Start() {
+    for (const auto type : {hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT,
+                            hal_adapter::HAL_EVENT_SYS_USB_DRIVE_PRESENT})
+      (void)hal_adapter::register_hal_event_callback(type, Report, this);
+  }
+
+ private:
+  static void Report(const hal_adapter::HalEventRecord* event, void* gate) {
+    static_cast<DriveGate*>(gate)->Open(event->payload);
+  }
+  void Open(const std::filesystem::path& directory) {
+    thread_.Post([this, directory] {
+      utils::RemoveLeftovers(directory);
+      drives_->Add(directory);
+    });
+  }
+
+  const std::shared_ptr<utils::ReportedDrives> drives_;
+  utils::ThreadPool thread_{1, "drives", kTag};
+};
 
 service::TimelapsePaths PathsOf(const utils::Deployment& deployment) {
   service::TimelapsePaths paths;
@@ -230,12 +241,13 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
   LogUptime(paths.uptime);
   const utils::Deployment deployment = utils::LoadDeployment(paths.deployment);
 
-  auto* drives = new std::shared_ptr(std::make_shared<utils::ReportedDrives>());
-  AllowDrives(**drives);
+  const auto drives = std::make_shared<utils::ReportedDrives>();
+  static auto* const gate = new DriveGate(drives);
+  gate->Start();
   auto* hardware = new Hardware(deployment);
   hardware->Start();
   auto* client_paths =
-      new utils::ClientPathPolicy(PathRulesOf(deployment, paths, *hardware), *drives);
+      new utils::ClientPathPolicy(PathRulesOf(deployment, paths, *hardware), drives);
   RemoveOldLeftovers(deployment, *hardware);
   comms::CommsManager& comms = comms::CommsManager::Instance();
   comms.SetSerialNumberProvider([hardware] { return hardware->system.Identity()->serial_number; });
@@ -251,7 +263,7 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
   VLOG_INFO(kTag, "Shutdown requested, stopping services...");
   StopWithin(kStopLimit, comms);
   utils::EndChildren();
-  utils::RemoveLeftovers(hal_adapter::PhotoPaths().workshop);
+  utils::RemoveLeftovers(hal_adapter::PhotoPaths().workshop, utils::Leftovers::kAll);
   VLOG_INFO(kTag, "Shutdown complete");
   spdlog::default_logger()->flush();
 }

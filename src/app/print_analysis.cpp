@@ -5,8 +5,7 @@
 namespace varnel::app {
 namespace {
 
-service::AnalysisSetup SetupOf(const std::string& results,
-                               service::ResultPictures::SpaceCheck has_space) {
+service::AnalysisSetup SetupOf(const std::string& results, utils::SpaceCheck has_space) {
   service::AnalysisSetup setup;
   if (!results.empty()) setup.results = results;
   setup.has_space = std::move(has_space);
@@ -15,8 +14,7 @@ service::AnalysisSetup SetupOf(const std::string& results,
 
 }  // namespace
 
-PrintAnalysis::PrintAnalysis(const std::string& results,
-                             service::ResultPictures::SpaceCheck has_space)
+PrintAnalysis::PrintAnalysis(const std::string& results, utils::SpaceCheck has_space)
     : analysis_(SetupOf(results, std::move(has_space))) {}
 
 PrintAnalysis::Answer PrintAnalysis::Detect(const std::string& picture,

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "service/analysis/printer_analysis.h"
+#include "service/analysis/decision/printer_analysis.h"
 #include "service/camera/print_analyser.h"
 
 namespace varnel::app {
@@ -11,7 +11,7 @@ namespace varnel::app {
 class PrintAnalysis : public service::PrintAnalyser {
  public:
   /// @param results where its pictures go; empty: the default
-  PrintAnalysis(const std::string& results, service::ResultPictures::SpaceCheck has_space);
+  PrintAnalysis(const std::string& results, utils::SpaceCheck has_space);
 
   [[nodiscard]] bool Ready() const override { return analysis_.Ready(); }
   [[nodiscard]] Answer Detect(const std::string& picture, const nlohmann::json& params) override;

@@ -46,7 +46,7 @@ void InstallSignalHandling() {
   for (const int number : {SIGSEGV, SIGABRT, SIGBUS, SIGILL})
     Install(number, ReportCrash, SA_RESTART);
   for (const int number : {SIGTERM, SIGINT, SIGHUP}) Install(number, RequestShutdown, 0);
-  for (const int number : {SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU}) Install(number, SIG_IGN, 0);
+  for (const int number : {SIGPIPE, SIGIO, SIGTSTP, SIGTTIN, SIGTTOU}) Install(number, SIG_IGN, 0);
   // Inherited as ignored it would take the exit status of every child away.
   Install(SIGCHLD, SIG_DFL, 0);
   UnblockSignals();

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "comms/async_callbacks.h"
 #include "comms/mqtt_library.h"
 #include "comms/mqtt_trace.h"
 #include "utils/log.h"
@@ -17,8 +18,6 @@ constexpr const char* kTag = "MQTT";
 constexpr int kMaxBufferedMessages = 100;
 /// A full library buffer is asked again after this time, should no message leave it before.
 constexpr std::chrono::milliseconds kRoomPoll{5};
-/// Of what TLS says about one attempt; the log has all of it.
-constexpr size_t kMaxTlsText = 500;
 constexpr int kDisconnectLimitMs = 500;
 /// The broker does not send us more at once: the library would take any size into memory.
 constexpr unsigned kMaxReceivedPacket = 64U << 20;
@@ -28,93 +27,12 @@ const char* ErrorText(int code) {
   return text ? text : "unknown";
 }
 
-const char* OrNull(const std::string& text) {
-  return text.empty() ? nullptr : text.c_str();
-}
-
-MQTTAsync_SSLOptions TlsOptions(const MqttConnectSettings& settings) {
-  MQTTAsync_SSLOptions options = MQTTAsync_SSLOptions_initializer;
-  options.enableServerCertAuth = 1;
-  options.verify = 1;  // the name in the certificate must be the host's
-  options.trustStore = OrNull(settings.root_ca);
-  options.disableDefaultTrustStore = 1;  // nobody but the given root vouches for the broker
-  options.keyStore = OrNull(settings.client_certificate);
-  options.privateKey = OrNull(settings.client_key);
-  return options;
-}
-
 bool IsNumeric(const std::string& host) {
   in6_addr address{};
   return ::inet_pton(AF_INET, host.c_str(), &address) == 1 || host.starts_with('[');
 }
 
-size_t ReceiveMaximum(const MQTTAsync_successData5* data) {
-  if (!data) return SendWindow::kDefaultReceiveMaximum;
-  const auto* properties = &data->properties;
-  const auto named = MQTTPROPERTY_CODE_RECEIVE_MAXIMUM;
-  // The library's functions do not change the properties that they read.
-  auto* readable = const_cast<MQTTProperties*>(properties);
-  if (!MQTTProperties_hasProperty(readable, named)) return SendWindow::kDefaultReceiveMaximum;
-  return static_cast<size_t>(MQTTProperties_getNumericValue(readable, named));
-}
-
 }  // namespace
-
-/// What the library calls. Each finds its client, which may be gone, and does nothing else. The
-/// context's number is the attempt, or the message, that the call is about.
-struct AsyncCallbacks {
-  using Client = ClientMqttAsync;
-  using Registry = CallbackRegistry<Client>;
-  template <class Body>
-  static bool Run(void* context, Body body) noexcept {
-    return Registry::Instance().Run(context, body);
-  }
-  static uint32_t Number(void* context) { return Registry::NumberOf(context); }
-
-  static void Connected(void* context, MQTTAsync_successData5* data) {
-    Run(context, [=](Client& client) { client.OnAccepted(Number(context), data); });
-  }
-  static void ConnectFailed(void* context, MQTTAsync_failureData5* data) {
-    Run(context, [=](Client& client) { client.OnConnectFailed(Number(context), data); });
-  }
-  static void ConnectionLost(void* context, char* cause) {
-    Run(context, [cause](Client& client) { client.OnConnectionLost(cause); });
-  }
-  static void ServerDisconnect(void* context, MQTTProperties*, MQTTReasonCodes reason) {
-    Run(context, [reason](Client& client) { client.OnServerDisconnect(reason); });
-  }
-  static int MessageArrived(void* context, char* topic, int topic_length,
-                            MQTTAsync_message* message) {
-    const bool found =
-        Run(context, [&](Client& client) { client.OnMessage(topic, topic_length, message); });
-    if (!found) VLOG_WARN(kTag, "{}: message arrived but client is null", "MQTT client");
-    if (message) MQTTAsync_freeMessage(&message);
-    if (topic) MQTTAsync_free(topic);
-    return 1;
-  }
-  static void Subscribed(void* context, MQTTAsync_successData5*) {
-    Run(context, [=](Client& client) { client.OnSubscribed(Number(context)); });
-  }
-  static void SubscribeFailed(void* context, MQTTAsync_failureData5* data) {
-    Run(context, [=](Client& client) { client.OnSubscribeFailed(Number(context), data); });
-  }
-  static void Sent(void* context, MQTTAsync_successData5* data) {
-    Run(context, [=](Client& client) { client.OnSent(Number(context), data); });
-  }
-  static void SendFailed(void* context, MQTTAsync_failureData5* data) {
-    Run(context, [=](Client& client) { client.OnSendFailed(Number(context), data); });
-  }
-  static void Disconnected(void* context, MQTTAsync_successData5*) {
-    Run(context, [](Client& client) { client.OnDisconnected(); });
-  }
-  static void DisconnectFailed(void* context, MQTTAsync_failureData5*) {
-    Run(context, [](Client& client) { client.OnDisconnected(); });
-  }
-  static int TlsError(const char* text, size_t length, void* context) {
-    Run(context, [=](Client& client) { client.OnTlsError(text, length); });
-    return LogTlsError(text, length, nullptr);
-  }
-};
 
 ClientMqttAsync::ClientMqttAsync(std::string name, Qos subscribe_qos, PahoAsyncApi& api,
                                  utils::Clock& clock)
@@ -168,6 +86,7 @@ CommsStatus ClientMqttAsync::Begin(const LinkState::Begun& begun, Handle handle)
 void ClientMqttAsync::RunAttempt(uint32_t attempt) {
   pin_.reset();
   running_ = attempt;
+  (void)TakeTlsText();
   const auto settings = state_.Settings(attempt);
   if (!settings) return;
   thread_.SetDeadline(clock_.Now() + kAttemptLimit);
@@ -262,7 +181,6 @@ CommsStatus ClientMqttAsync::InstallCallbacks() {
 int ClientMqttAsync::StartConnect(uint32_t attempt, const MqttConnectSettings& settings) {
   handle_attempt_ = attempt;
   has_handle_ = true;
-  (void)TakeTlsText();
   MQTTAsync_connectOptions options = MQTTAsync_connectOptions_initializer5;
   options.keepAliveInterval = settings.keep_alive_s;
   options.connectTimeout = settings.connect_timeout_s;
@@ -276,7 +194,8 @@ int ClientMqttAsync::StartConnect(uint32_t attempt, const MqttConnectSettings& s
   options.onSuccess5 = AsyncCallbacks::Connected;
   options.onFailure5 = AsyncCallbacks::ConnectFailed;
   options.context = Registry::WithNumber(context_, attempt);
-  MQTTAsync_SSLOptions tls = TlsOptions(settings);
+  MQTTAsync_SSLOptions tls = MQTTAsync_SSLOptions_initializer;
+  SetTls(settings, tls);
   tls.ssl_error_cb = AsyncCallbacks::TlsError;
   tls.ssl_error_context = context_;
   if (settings.Secure()) options.ssl = &tls;
@@ -292,10 +211,11 @@ int ClientMqttAsync::StartConnect(uint32_t attempt, const MqttConnectSettings& s
 
 void ClientMqttAsync::HandleAccepted(uint32_t attempt, size_t receive_maximum) {
   const auto settings = state_.Settings(attempt);
-  if (!settings || !state_.Accept(attempt)) return;
+  if (!settings || state_.IsLive(attempt)) return;  // the library may tell it twice
+  window_.Open(receive_maximum);                    // before anybody may send
+  if (!state_.Accept(attempt)) return;
   accepted_ = true;
   pin_.reset();
-  window_.Open(receive_maximum);
   SetNoDelayTowards(settings->port);
   VLOG_INFO(kTag, "{}: connected successfully", Name());
   for (const std::string& filter : ListenerFilters()) (void)SubscribeOn(attempt, filter);
@@ -328,6 +248,7 @@ void ClientMqttAsync::HandleAttemptLimit() {
 }
 
 bool ClientMqttAsync::Drop(uint32_t attempt, const Cause& cause) {
+  const std::lock_guard order(order_mutex_);
   const auto kind = state_.Drop(attempt);
   if (!kind) return false;
   thread_.Post([this, kind = *kind, attempt, cause] { FinishDrop(kind, attempt, cause); });
@@ -427,7 +348,7 @@ void ClientMqttAsync::DestroyHandleNow() {
   accepted_ = false;
 }
 
-CommsStatus ClientMqttAsync::SendRefusal() const {
+CommsStatus ClientMqttAsync::SendRefusal(uint32_t attempt) const {
   if (!has_handle_) {
     VLOG_ERROR(kTag, "{}: client handle is null, cannot send", Name());
     return CommsStatus::kNotInitialized;
@@ -436,7 +357,7 @@ CommsStatus ClientMqttAsync::SendRefusal() const {
     VLOG_WARN(kTag, "{}: client is disconnecting, cannot send", Name());
     return CommsStatus::kNotConnected;
   }
-  if (!IsLive(state_.Current())) {
+  if (!IsLive(attempt)) {
     VLOG_WARN(kTag, "{}: not connected", Name());
     return CommsStatus::kNotConnected;
   }
@@ -469,26 +390,29 @@ CommsStatus ClientMqttAsync::SendMessage(std::optional<uint32_t> link, const std
   const auto deadline = clock_.Now() + kRoomLimit;
   while (true) {
     if (link && !IsLive(*link)) return CommsStatus::kNotConnected;
-    if (const CommsStatus refusal = SendRefusal(); refusal != CommsStatus::kOk) return refusal;
-    const uint32_t attempt = state_.Current();
+    const uint32_t attempt = link.value_or(state_.Current());
+    if (const CommsStatus refusal = SendRefusal(attempt); refusal != CommsStatus::kOk)
+      return refusal;
     const uint64_t seen = window_.Left();
     const auto number = window_.Enter(topic.size() + payload.size(), message.qos > 0, deadline);
     if (!number) return SendFailed(topic, MQTTASYNC_MAX_BUFFERED_MESSAGES, attempt);
-    const int code = TrySend(link, *number, topic, message);
+    const std::optional<int> code = TrySend(attempt, *number, topic, message);
     if (code == MQTTASYNC_SUCCESS) return CommsStatus::kOk;
     window_.Leave(*number);
+    if (!code) continue;  // the link has changed while we waited
     if (link && !IsLive(*link)) return CommsStatus::kNotConnected;
     const auto now = clock_.Now();
     if (code != MQTTASYNC_MAX_BUFFERED_MESSAGES || now >= deadline)
-      return SendFailed(topic, code, attempt);
+      return SendFailed(topic, *code, attempt);
     window_.AwaitLeave(seen + 1, std::min(deadline, now + kRoomPoll));
   }
 }
 
-int ClientMqttAsync::TrySend(std::optional<uint32_t> link, uint32_t number,
-                             const std::string& topic, const MQTTAsync_message& message) {
+std::optional<int> ClientMqttAsync::TrySend(uint32_t attempt, uint32_t number,
+                                            const std::string& topic,
+                                            const MQTTAsync_message& message) {
   std::lock_guard lock(api_mutex_);
-  if (!handle_ || (link && *link != handle_attempt_)) return MQTTASYNC_DISCONNECTED;
+  if (!handle_ || attempt != handle_attempt_) return std::nullopt;
   MQTTAsync_responseOptions options = MQTTAsync_responseOptions_initializer;
   options.onSuccess5 = AsyncCallbacks::Sent;
   options.onFailure5 = AsyncCallbacks::SendFailed;
@@ -529,95 +453,6 @@ CommsStatus ClientMqttAsync::SubscribeOn(uint32_t attempt, const std::string& fi
     HandleRefusedSubscription(attempt, {.return_code = code, .text = "a subscription failed"});
   });
   return CommsStatus::kFailure;
-}
-
-void ClientMqttAsync::OnAccepted(uint32_t attempt, const MQTTAsync_successData5* data) {
-  thread_.Post(
-      [this, attempt, maximum = ReceiveMaximum(data)] { HandleAccepted(attempt, maximum); });
-}
-
-void ClientMqttAsync::OnConnectFailed(uint32_t attempt, const MQTTAsync_failureData5* data) {
-  Cause cause;
-  if (data) {
-    cause = {data->code, static_cast<int>(data->reasonCode), data->message ? data->message : ""};
-  }
-  VLOG_ERROR(kTag, "{}: connection failed, rc: {}, reasonCode: {}", Name(), cause.return_code,
-             cause.reason_code);
-  (void)Drop(attempt, cause);
-}
-
-void ClientMqttAsync::OnConnectionLost(const char* cause) {
-  if (state_.Ending()) {
-    VLOG_INFO(kTag, "{}: disconnecting, skipping connection-lost handling", Name());
-    return;
-  }
-  const std::string text = cause ? cause : "unknown";
-  VLOG_WARN(kTag, "{}: connection lost, cause: {}", Name(), text);
-  (void)Drop(handle_attempt_, {.text = text});
-}
-
-/// The library does not call its connection-lost callback after this one.
-void ClientMqttAsync::OnServerDisconnect(MQTTReasonCodes reason) {
-  const char* name = MQTTReasonCode_toString(reason);
-  const std::string text = name ? name : "unknown";
-  VLOG_WARN(kTag, "{}: broker ended the connection, reasonCode: {} ({})", Name(),
-            static_cast<int>(reason), text);
-  if (state_.Ending()) return;
-  (void)Drop(handle_attempt_, {.reason_code = static_cast<int>(reason), .text = text});
-}
-
-void ClientMqttAsync::OnMessage(const char* topic, int topic_length,
-                                const MQTTAsync_message* message) {
-  if (state_.Ending()) {
-    VLOG_INFO(kTag, "{}: disconnecting, skipping message processing", Name());
-    return;
-  }
-  Accept(handle_attempt_, topic, topic_length, message ? message->payload : nullptr,
-         message ? message->payloadlen : -1, message && message->retained != 0);
-}
-
-void ClientMqttAsync::OnSubscribed(uint32_t attempt) {
-  thread_.Post([this, attempt] { HandleAcknowledged(attempt); });
-}
-
-void ClientMqttAsync::OnSubscribeFailed(uint32_t attempt, const MQTTAsync_failureData5* data) {
-  Cause cause{.text = "a subscription was refused"};
-  if (data) {
-    cause.return_code = data->code;
-    cause.reason_code = static_cast<int>(data->reasonCode);
-  }
-  VLOG_ERROR(kTag, "{}: subscribe failed, rc: {}, reasonCode: {}, will retry on next reconnect",
-             Name(), cause.return_code, cause.reason_code);
-  thread_.Post([this, attempt, cause] { HandleRefusedSubscription(attempt, cause); });
-}
-
-void ClientMqttAsync::OnSent(uint32_t number, const MQTTAsync_successData5* data) {
-  if (data) VLOG_DEBUG(kTag, "publish success on topic: {}", data->alt.pub.destinationName);
-  window_.Leave(number);
-}
-
-void ClientMqttAsync::OnSendFailed(uint32_t number, const MQTTAsync_failureData5* data) {
-  VLOG_ERROR(kTag, "publish failed, rc: {}, reasonCode: {}", data ? data->code : 0,
-             static_cast<int>(data ? data->reasonCode : MQTTREASONCODE_SUCCESS));
-  window_.Leave(number);
-}
-
-void ClientMqttAsync::OnDisconnected() {
-  {
-    std::lock_guard lock(event_mutex_);
-    disconnected_ = true;
-  }
-  event_wake_.notify_all();
-}
-
-void ClientMqttAsync::OnTlsError(const char* text, size_t length) {
-  std::lock_guard lock(event_mutex_);
-  if (tls_text_.size() < kMaxTlsText) tls_text_.append(text, std::min(length, kMaxTlsText));
-}
-
-std::string ClientMqttAsync::TakeTlsText() {
-  std::lock_guard lock(event_mutex_);
-  return utils::LogText(std::exchange(tls_text_, {}));
 }
 
 }  // namespace varnel::comms

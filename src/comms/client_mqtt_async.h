@@ -103,9 +103,10 @@ class ClientMqttAsync : public ClientMqttBase {
   std::shared_future<void> PostEnd(std::optional<uint32_t> ended);
   CommsStatus SendMessage(std::optional<uint32_t> link, const std::string& topic,
                           std::string_view payload, MQTTAsync_message message);
-  CommsStatus SendRefusal() const;
-  int TrySend(std::optional<uint32_t> link, uint32_t number, const std::string& topic,
-              const MQTTAsync_message& message);
+  CommsStatus SendRefusal(uint32_t attempt) const;
+  /// The library's code; nothing when the attempt is no longer the handle's.
+  std::optional<int> TrySend(uint32_t attempt, uint32_t number, const std::string& topic,
+                             const MQTTAsync_message& message);
   CommsStatus SendFailed(const std::string& topic, int code, uint32_t attempt);
   CommsStatus SubscribeOn(uint32_t attempt, const std::string& filter);
 
@@ -143,7 +144,7 @@ class ClientMqttAsync : public ClientMqttBase {
   std::string tls_text_;       // of the newest attempt; guarded by event_mutex_
 
   /// Held over a change of state and the posting of its task, so that the tasks of two callers come
-  /// in the order of their changes.
+  /// in the order of their changes. Nothing waits under it: library callbacks take it too.
   std::mutex order_mutex_;
   std::shared_future<void> closed_;  // guarded by order_mutex_
 

@@ -67,6 +67,18 @@ std::vector<std::string> ClientMqttBase::ListenerFilters() const {
   return filters;
 }
 
+/// A callback that throws costs neither the other one nor the thread that reports.
+template <class Callback, class... Args>
+void ClientMqttBase::CallGuarded(const Callback& callback, const Args&... args) const {
+  try {
+    if (callback) callback(args...);
+  } catch (const std::exception& error) {
+    VLOG_ERROR(kTag, "{}: exception in link callback: {}", name_, utils::LogText(error.what()));
+  } catch (...) {
+    VLOG_ERROR(kTag, "{}: exception in link callback: {}", name_, "unknown");
+  }
+}
+
 void ClientMqttBase::Report(const LinkEvent& event) {
   ConnectionLostCallback lost;
   LinkCallback changed;
@@ -75,9 +87,9 @@ void ClientMqttBase::Report(const LinkEvent& event) {
     lost = connection_lost_;
     changed = link_changed_;
   }
-  if (changed) changed(event);
+  CallGuarded(changed, event);
   const bool down = event.kind == LinkEvent::Kind::kFailed || event.kind == LinkEvent::Kind::kLost;
-  if (down && lost) lost();
+  if (down) CallGuarded(lost);
 }
 
 void ClientMqttBase::Enqueue(std::shared_ptr<MqttMessage> message) {

@@ -101,6 +101,8 @@ class ClientMqttBase {
   void Deliver(const std::shared_ptr<MqttMessage>& message);
   Listener TakeListener(const std::string& topic);
   void FinishDelivery();
+  template <class Callback, class... Args>
+  void CallGuarded(const Callback& callback, const Args&... args) const;
 
   const std::string name_;
 

@@ -17,10 +17,6 @@ constexpr const char* kTag = "MQTT";
 constexpr int kDisconnectLimitMs = 500;
 constexpr unsigned long kDeliveryLimitMs = 5000;
 
-const char* OrNull(const std::string& text) {
-  return text.empty() ? nullptr : text.c_str();
-}
-
 const char* ErrorText(int code) {
   const char* text = MQTTClient_strerror(code);
   return text ? text : "unknown";
@@ -41,18 +37,6 @@ int TakeCode(MQTTResponse response) {
   std::memcpy(&code, &response.reasonCode, sizeof code);
   MQTTResponse_free(response);
   return code;
-}
-
-MQTTClient_SSLOptions TlsOptions(const MqttConnectSettings& settings) {
-  MQTTClient_SSLOptions options = MQTTClient_SSLOptions_initializer;
-  options.enableServerCertAuth = 1;
-  options.verify = 1;
-  options.trustStore = OrNull(settings.root_ca);
-  options.disableDefaultTrustStore = 1;  // nobody but the given root vouches for the broker
-  options.keyStore = OrNull(settings.client_certificate);
-  options.privateKey = OrNull(settings.client_key);
-  options.ssl_error_cb = LogTlsError;
-  return options;
 }
 
 }  // namespace
@@ -191,7 +175,9 @@ CommsStatus ClientMqttSync::ConnectHandle() {
   options.cleanstart = 1;
   options.username = OrNull(settings_->user_name);
   options.password = OrNull(settings_->password);
-  MQTTClient_SSLOptions tls = TlsOptions(*settings_);
+  MQTTClient_SSLOptions tls = MQTTClient_SSLOptions_initializer;
+  SetTls(*settings_, tls);
+  tls.ssl_error_cb = LogTlsError;
   if (settings_->Secure()) options.ssl = &tls;
 
   const auto start = std::chrono::steady_clock::now();

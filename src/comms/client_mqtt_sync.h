@@ -13,8 +13,8 @@
 namespace varnel::comms {
 
 /// The same client over the synchronous Paho library with MQTT 5: Connect(), Reconnect() and Send()
-/// return when the broker has answered or the attempt has failed. For programs that do one thing
-/// after another.
+/// return when the broker has answered or the attempt has failed; Connect() while connected is a
+/// failure. For programs that do one thing after another.
 class ClientMqttSync : public ClientMqttBase {
  public:
   explicit ClientMqttSync(std::string name, Qos subscribe_qos = Qos::kAtMostOnce);

@@ -6,7 +6,6 @@
 
 #include "comms/log_payload.h"
 #include "utils/log.h"
-#include "utils/log_text.h"
 
 namespace varnel::comms {
 namespace {
@@ -31,99 +30,6 @@ class CloudPublisher : public ForwardDestination {
  private:
   const std::shared_ptr<ClientMqttBase> cloud_;
   const std::shared_ptr<CloudOutage> outage_;
-};
-
-/// One request on its way: which link it came over, and how a person finds it in the log.
-struct CloudRequest {
-  std::string method;
-  std::string id;
-  uint32_t link;
-};
-
-/// Publishes the answer to one cloud request, over the link that the request came over.
-class CloudAnswer : public ForwardDestination {
- public:
-  CloudAnswer(std::shared_ptr<ClientMqttBase> cloud, CloudRequest request, bool is_error)
-      : cloud_(std::move(cloud)), request_(std::move(request)), is_error_(is_error) {}
-
-  CommsStatus Deliver(const MqttMessage& answer) override {
-    const CommsStatus status =
-        cloud_->SendOn(request_.link, answer.topic, Qos::kAtLeastOnce, answer.payload);
-    if (status == CommsStatus::kNotConnected && !cloud_->IsLive(request_.link)) {
-      VLOG_WARN(kTag, "cloud link has ended, no answer to {} (id={})", request_.method,
-                request_.id);
-      return CommsStatus::kOk;
-    }
-    if (status != CommsStatus::kOk) {
-      VLOG_ERROR(kTag, "cloud request dispatch failed: {}",
-                 "no answer could be sent to " + request_.method);
-    } else if (is_error_) {
-      VLOG_INFO(kTag, "cloud req {} (id={}) → error response sent", request_.method, request_.id);
-    } else {
-      VLOG_INFO(kTag, "cloud req {} (id={}) → response sent, len={}", request_.method, request_.id,
-                answer.payload.size());
-    }
-    return status;
-  }
-
- private:
-  const std::shared_ptr<ClientMqttBase> cloud_;
-  const CloudRequest request_;
-  const bool is_error_;
-};
-
-/// Runs cloud requests on the local server and hands their answers on: a cloud link that is slow
-/// must not hold the workers that run the methods.
-class CloudRequestRunner : public ForwardDestination {
- public:
-  using SendAnswer = std::function<void(const CloudRequest& request, RpcAnswer answer)>;
-  using MayRun = std::function<bool(const CloudRequest& request)>;
-
-  CloudRequestRunner(JsonRpcServer& server, CloudBridge::CloudGate gate, MayRun may_run,
-                     SendAnswer send_answer)
-      : server_(server),
-        gate_(std::move(gate)),
-        may_run_(std::move(may_run)),
-        send_answer_(std::move(send_answer)) {}
-
-  CommsStatus Deliver(const MqttMessage& message) override {
-    auto read = JsonRpcRequest::Read(message.payload);
-    if (const auto* failure = std::get_if<ParseFailure>(&read)) {
-      VLOG_ERROR(kTag, "cloud request dispatch failed: {}",
-                 failure->text.empty() ? "not a JSON-RPC request" : utils::LogText(failure->text));
-      return CommsStatus::kOk;
-    }
-    Run(std::move(std::get<JsonRpcRequest>(read)), message.link);
-    return CommsStatus::kOk;
-  }
-
- private:
-  void Run(JsonRpcRequest request, uint32_t link) {
-    const bool has_method = request.Method().has_value();
-    const std::string method = request.Method().value_or("");
-    const CloudRequest about{utils::LogText(method),
-                             request.WantsAnswer() ? utils::LogText(request.Id()) : "none", link};
-    if (!may_run_(about)) return;
-    const JsonRpcServer::Reply reply = [about, send = send_answer_](RpcAnswer answer) {
-      send(about, std::move(answer));
-    };
-    if (has_method && gate_(method)) {
-      server_.InvokeMethod(method, std::move(request), reply,
-                           [about, may_run = may_run_] { return may_run(about); });
-      return;
-    }
-    VLOG_ERROR(kTag, "cloud request dispatch failed: {}",
-               has_method ? "method not found: " + about.method : "no method");
-    if (!request.WantsAnswer()) return;
-    const Json error =
-        has_method ? MethodNotFound(method) : MakeError(kInvalidRequest, "Invalid Request");
-    reply({request.Id(), true, MakeResponse(request.Id(), error)});
-  }
-
-  JsonRpcServer& server_;
-  const CloudBridge::CloudGate gate_;
-  const MayRun may_run_;
-  const SendAnswer send_answer_;
 };
 
 std::string RequestTopic(const std::string& serial_number) {
@@ -210,26 +116,9 @@ void CloudBridge::RemoveRoutes() {
 }
 
 CommsStatus CloudBridge::RouteRequests(const Queues& queues) {
-  const auto send_answer = [&forwarders = forwarders_, queue = queues.responses, cloud = cloud_,
-                            topic = StreamTopic(serial_number_, "response")](
-                               const CloudRequest& request, RpcAnswer answer) {
-    auto destination = std::make_shared<CloudAnswer>(cloud, request, answer.is_error);
-    auto message = std::make_shared<MqttMessage>();
-    message->topic = topic;
-    message->payload = std::move(answer.payload);
-    forwarders.Forward(queue, std::move(message), std::move(destination));
-  };
-  const auto may_run = [cloud = cloud_, dropping = dropping_](const CloudRequest& request) {
-    if (*dropping) {
-      VLOG_WARN(kTag, "drop cloud request, logging out id: {}", request.id);
-    } else if (!cloud->IsLive(request.link)) {
-      VLOG_WARN(kTag, "drop cloud request, its link has ended id: {}", request.id);
-    } else {
-      return true;
-    }
-    return false;
-  };
-  auto runner = std::make_shared<CloudRequestRunner>(server_, gate_, may_run, send_answer);
+  auto runner = std::make_shared<CloudRequests>(
+      server_, gate_, cloud_, dropping_,
+      CloudAnswers{forwarders_, queues.responses, StreamTopic(serial_number_, "response")});
   return cloud_->AddListener(
       RequestTopic(serial_number_),
       [this, queue = queues.requests, runner](const std::shared_ptr<MqttMessage>& message) {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -9,6 +8,7 @@
 
 #include "comms/client_mqtt_base.h"
 #include "comms/cloud_outage.h"
+#include "comms/cloud_requests.h"
 #include "comms/forwarder_pool.h"
 #include "comms/json_rpc_server.h"
 
@@ -19,9 +19,6 @@ namespace varnel::comms {
 /// unchanged. Thread-safe.
 class CloudBridge {
  public:
-  /// Tells whether the cloud may call a registered method.
-  using CloudGate = std::function<bool(const std::string& method)>;
-
   /// Both references must outlive every client that Setup() was given.
   CloudBridge(ForwarderPool& forwarders, JsonRpcServer& server, CloudGate gate);
   /// Takes the routes away and waits for listeners that run.

@@ -81,6 +81,16 @@ CommsStatus CommsManager::InitLocal() {
     VLOG_WARN(kTag, "CommsManager already initialized");
     return CommsStatus::kOk;
   }
+  try {
+    return BuildLife();
+  } catch (...) {  // no thread left, for one: it may be tried again
+    std::lock_guard lock(state_mutex_);
+    if (life_ == Life::kStarting) life_ = Life::kNew;
+    throw;
+  }
+}
+
+CommsStatus CommsManager::BuildLife() {
   SerialNumberProvider provider;
   {
     std::lock_guard lock(state_mutex_);

@@ -58,7 +58,7 @@ class CommsManager {
                            const std::string& identity);
   bool IsLocalConnected() const;
   void ReconnectLocal();
-  /// Called on a library thread when the local link is lost or could not be made; must not block.
+  /// Called on a thread of the link when it is lost or could not be made; must not block.
   /// An empty function is ignored.
   void SetLocalDisconnectCallback(std::function<void()> callback);
 
@@ -109,6 +109,7 @@ class CommsManager {
   };
 
   bool BeginLife();
+  CommsStatus BuildLife();
   CommsStatus BuildLocalSide(LocalSide& side);
   std::shared_ptr<ClientMqttBase> LocalClient() const;
   std::shared_ptr<ClientMqttBase> CloudClient() const;

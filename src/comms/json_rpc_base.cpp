@@ -36,13 +36,6 @@ void JsonRpcBase::LogInvalidMessage(std::string_view payload) const {
   VLOG_ERROR(tag_, "Receive an invalid message: {}", LogPayload(payload, kLoggedBytes));
 }
 
-std::unique_ptr<Json> JsonRpcBase::ParseLogged(const std::string& payload) const {
-  auto parsed = ParsePayload(payload);
-  if (Json* value = std::get_if<Json>(&parsed)) return std::make_unique<Json>(std::move(*value));
-  LogFailure(std::get<ParseFailure>(parsed), payload);
-  return nullptr;
-}
-
 void JsonRpcBase::LogFailure(const ParseFailure& failure, std::string_view payload) const {
   switch (failure.kind) {
     case ParseFailure::Kind::kSyntax:

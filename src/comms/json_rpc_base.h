@@ -1,10 +1,10 @@
 #pragma once
 
-#include <memory>
 #include <string>
 #include <string_view>
 
 #include "comms/client_mqtt_base.h"
+#include "comms/json_rpc_envelope.h"
 #include "comms/json_rpc_message.h"
 
 namespace varnel::comms {
@@ -24,14 +24,11 @@ class JsonRpcBase {
   JsonRpcBase(std::string name, const char* tag);
   ~JsonRpcBase() = default;
 
-  /// Publishes an envelope, one line of JSON, on `topic` at QoS 0. kUnsupported, logged, without a
+  /// Publishes an envelope on `topic` at QoS 0. kUnsupported, logged, without a
   /// client or a topic to publish on.
   CommsStatus Publish(ClientMqttBase* client, const std::string& topic,
                       std::string_view envelope) const;
 
-  /// Parses a received payload; a payload that cannot be served has been logged, and null is
-  /// returned.
-  std::unique_ptr<Json> ParseLogged(const std::string& payload) const;
   /// Why a received payload cannot be served.
   void LogFailure(const ParseFailure& failure, std::string_view payload) const;
   void LogInvalidMessage(std::string_view payload) const;

@@ -15,9 +15,7 @@ constexpr std::chrono::milliseconds kLongestWait = std::chrono::hours(24 * 365);
 constexpr const char* kTag = "JRPCC";
 constexpr size_t kLoggedBytes = 160;
 
-bool IsResponse(const Json& message) {
-  return message.is_object() && (message.contains("result") || message.contains("error"));
-}
+constexpr size_t kLongestId = 256;
 
 }  // namespace
 
@@ -107,8 +105,8 @@ std::shared_ptr<JsonRpcClient::PendingRequest> JsonRpcClient::AddPending(
   pending->id = id;
   pending->deadline = std::chrono::steady_clock::now() + std::min(timeout, kLongestWait);
   std::lock_guard lock(pending_mutex_);
-  const bool added = pending_.try_emplace(Serialize(id), pending).second;
-  if (added) return pending;
+  const std::string text = Serialize(id);
+  if (text.size() <= kLongestId && pending_.try_emplace(text, pending).second) return pending;
   VLOG_ERROR(kTag, "Send request failed, id {}", Serialize(id));
   return nullptr;
 }
@@ -124,39 +122,48 @@ std::shared_ptr<JsonRpcClient::PendingRequest> JsonRpcClient::TakePending(const 
   return node ? node.mapped() : nullptr;
 }
 
+/// Only what could be an id of ours is built.
+std::shared_ptr<JsonRpcClient::PendingRequest> JsonRpcClient::PendingOf(std::string_view id) {
+  return id.size() <= kLongestId ? TakePending(Json::parse(id)) : nullptr;
+}
+
 void JsonRpcClient::OnPayload(const std::string& payload) {
   try {
-    if (const std::unique_ptr<Json> message = ParseLogged(payload))
-      OnResponse(payload, std::move(*message));
+    const auto read = JsonRpcEnvelope::Read(payload);
+    if (const auto* envelope = std::get_if<JsonRpcEnvelope>(&read)) {
+      OnResponse(*envelope);
+    } else {
+      LogFailure(std::get<ParseFailure>(read), payload);
+    }
   } catch (const std::exception& error) {
-    VLOG_ERROR(kTag, "Handling message exception {}", error.what());
+    VLOG_ERROR(kTag, "Handling message exception {}", utils::LogText(error.what()));
   }
 }
 
-void JsonRpcClient::OnResponse(const std::string& payload, Json response) {
-  if (!IsResponse(response)) {
-    LogInvalidMessage(payload);
+void JsonRpcClient::OnResponse(const JsonRpcEnvelope& response) {
+  if (!response.IsResponse()) {
+    LogInvalidMessage(response.Payload());
     return;
   }
-  const auto id = response.find("id");
-  if (id == response.end()) {
-    VLOG_ERROR(kTag, "Receive an invalid message without an id: {}",
-               LogJson(response, kLoggedBytes));
+  const std::string shown = LogPayload(response.Payload(), kLoggedBytes);
+  if (!response.HasId()) {
+    VLOG_ERROR(kTag, "Receive an invalid message without an id: {}", shown);
     return;
   }
-  if (response.contains("error")) {
-    VLOG_WARN(kTag, "Receive error response: {}", LogJson(response, kLoggedBytes));
+  if (response.IsError()) {
+    VLOG_WARN(kTag, "Receive error response: {}", shown);
   } else {
-    VLOG_INFO(kTag, "Receive normal response: {}", LogJson(response, kLoggedBytes));
+    VLOG_INFO(kTag, "Receive normal response: {}", shown);
   }
-  const std::string id_text = utils::LogText(Serialize(*id));
-  const std::shared_ptr<PendingRequest> pending = TakePending(*id);
+  const std::string id_text = utils::LogText(response.Id());
+  // Other programs' answers come on the same topic; only ours are built.
+  const std::shared_ptr<PendingRequest> pending = PendingOf(response.Id());
   if (!pending) {
     VLOG_WARN(kTag, "Received a response that no one was waiting for, id {}", id_text);
   } else if (std::chrono::steady_clock::now() > pending->deadline) {
     VLOG_WARN(kTag, "Response time has exceeded the validity period, id {}", id_text);
   } else {
-    pending->result.set_value(std::move(response));
+    pending->result.set_value(Json::parse(response.Payload()));
   }
 }
 

@@ -6,8 +6,10 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "comms/json_rpc_base.h"
+#include "comms/json_rpc_envelope.h"
 
 namespace varnel::comms {
 
@@ -32,8 +34,8 @@ class JsonRpcClient : public JsonRpcBase {
   CommsStatus Bind(const std::shared_ptr<ClientMqttBase>& client, const MqttChannel& channel);
 
   /// Publishes a request and blocks until its response or the time-out. `id` must be unique among
-  /// the calls that wait. Never call it from a listener of the same MQTT client: the response could
-  /// not be delivered.
+  /// the calls that wait, and short. Never call it from a listener of the same MQTT client: the
+  /// response could not be delivered.
   CallResult Call(const std::string& method, Json params, const Json& id,
                   std::chrono::milliseconds timeout);
 
@@ -56,8 +58,9 @@ class JsonRpcClient : public JsonRpcBase {
   std::shared_ptr<PendingRequest> AddPending(const Json& id, std::chrono::milliseconds timeout);
   void RemovePending(const Json& id);
   std::shared_ptr<PendingRequest> TakePending(const Json& id);
+  std::shared_ptr<PendingRequest> PendingOf(std::string_view id);
   void OnPayload(const std::string& payload);
-  void OnResponse(const std::string& payload, Json response);
+  void OnResponse(const JsonRpcEnvelope& response);
 
   mutable std::mutex binding_mutex_;
   Binding binding_;  // guarded by binding_mutex_

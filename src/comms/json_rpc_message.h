@@ -1,10 +1,8 @@
 #pragma once
 
-#include <cstddef>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
-#include <variant>
 
 namespace varnel::comms {
 
@@ -17,26 +15,13 @@ constexpr int kInvalidParams = -32602;
 constexpr int kInternalError = -32603;
 constexpr int kOperationFailed = -32000;
 
-/// What a payload from outside may be at most.
-constexpr size_t kMaxPayloadBytes = size_t{1} << 20;
-constexpr int kMaxNesting = 64;
-
-/// Why a payload is not served.
-struct ParseFailure {
-  enum class Kind { kTooLarge, kTooDeep, kNotAnObject, kSyntax, kOther } kind;
-  size_t byte = 0;   ///< position of a syntax error
-  std::string text;  ///< the parser's own message
-};
-
-/// Parses a payload within the limits above; never throws, and never recurses into hostile nesting.
-std::variant<Json, ParseFailure> ParsePayload(std::string_view payload);
-
 /// One line of JSON; bytes that are not UTF-8 are replaced instead of throwing.
 std::string Serialize(const Json& value);
 
 Json MakeRequest(const std::string& method, Json params, Json id);
 Json MakeNotification(const std::string& method, Json params);
-/// One line of JSON. `id` is JSON text; `value` is what a handler returned: an object with a
+/// `id` is JSON text and stands in the response as it is, line breaks between its tokens included;
+/// the rest is one line. `value` is what a handler returned: an object with a
 /// numeric "code" and a string "message" becomes the "error" member, anything else the "result".
 std::string MakeResponse(std::string_view id, const Json& value);
 Json MakeError(int code, const std::string& message);

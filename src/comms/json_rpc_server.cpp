@@ -15,8 +15,8 @@ constexpr const char* kTag = "JRPCS";
 JsonRpcServer::JsonRpcServer(std::string name)
     : JsonRpcBase(std::move(name), kTag),
       topic_mapper_(ResponseTopicOf),
-      camera_lane_("cam"),
-      general_lane_("rpc") {
+      camera_lane_("cam", large_requests_),
+      general_lane_("rpc", large_requests_) {
   VLOG_INFO(kTag, "Create a JSON-RPC server: {}", Name());
 }
 
@@ -29,13 +29,14 @@ JsonRpcServer::~JsonRpcServer() {
 CommsStatus JsonRpcServer::RegisterMethod(const std::string& method, MethodKind kind,
                                           RpcHandler handler, AfterAnswer after) {
   if (method.empty() || !handler) return CommsStatus::kInvalidArgument;
-  LaneOf(method).Open(kind);
   {
     std::lock_guard lock(methods_mutex_);
-    if (!methods_.emplace(method, Method{kind, std::move(handler), std::move(after)}).second) {
+    if (methods_.contains(method)) {
       VLOG_ERROR(kTag, "Callback of method {} has been registered", method);
       return CommsStatus::kFailure;
     }
+    LaneOf(method).Open(kind);
+    methods_.emplace(method, Method{kind, std::move(handler), std::move(after)});
   }
   VLOG_DEBUG(kTag, "Register request callback for method '{}'", method);
   return CommsStatus::kOk;
@@ -75,8 +76,8 @@ CommsStatus JsonRpcServer::BindMqtt(const std::shared_ptr<ClientMqttBase>& clien
 
 void JsonRpcServer::OnPayload(const std::string& payload, const std::string& topic) {
   try {
-    auto read = JsonRpcRequest::Read(payload);
-    if (auto* request = std::get_if<JsonRpcRequest>(&read)) {
+    auto read = JsonRpcEnvelope::Read(payload);
+    if (auto* request = std::get_if<JsonRpcEnvelope>(&read)) {
       OnMessage(std::move(*request), topic);
     } else {
       LogFailure(std::get<ParseFailure>(read), payload);
@@ -86,13 +87,13 @@ void JsonRpcServer::OnPayload(const std::string& payload, const std::string& top
   }
 }
 
-void JsonRpcServer::OnMessage(JsonRpcRequest request, const std::string& topic) {
+void JsonRpcServer::OnMessage(JsonRpcEnvelope request, const std::string& topic) {
   const auto method = request.Method();
   if (!method) {
     LogInvalidMessage(request.Payload());
     return;
   }
-  if (request.WantsAnswer()) {
+  if (request.HasId()) {
     VLOG_INFO(kTag, "Receive normal request: id is {}, method is {}", utils::LogText(request.Id()),
               utils::LogText(*method));
   } else {
@@ -103,7 +104,7 @@ void JsonRpcServer::OnMessage(JsonRpcRequest request, const std::string& topic) 
       [this, topic](const RpcAnswer& answer) { SendResponse(answer.payload, topic); }, nullptr);
 }
 
-void JsonRpcServer::InvokeMethod(const std::string& method, JsonRpcRequest request, Reply reply,
+void JsonRpcServer::InvokeMethod(const std::string& method, JsonRpcEnvelope request, Reply reply,
                                  Admit admit) {
   std::optional<Method> found = FindMethod(method);
   if (!found) {
@@ -122,8 +123,8 @@ void JsonRpcServer::InvokeMethod(const std::string& method, JsonRpcRequest reque
   Answer(call->request, call->reply, MakeError(kOperationFailed, "Server busy"));
 }
 
-void JsonRpcServer::Answer(const JsonRpcRequest& request, const Reply& reply, const Json& value) {
-  if (!request.WantsAnswer() || !reply) return;
+void JsonRpcServer::Answer(const JsonRpcEnvelope& request, const Reply& reply, const Json& value) {
+  if (!request.HasId() || !reply) return;
   reply({request.Id(), IsErrorObject(value), MakeResponse(request.Id(), value)});
 }
 

@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "comms/json_rpc_base.h"
-#include "comms/json_rpc_request.h"
+#include "comms/json_rpc_envelope.h"
 #include "comms/worker_lane.h"
 
 namespace varnel::comms {
@@ -58,12 +58,12 @@ class JsonRpcServer : public JsonRpcBase {
   static bool IsStale(const MqttMessage& request);
 
   /// Serves one message that came on `topic`.
-  void OnMessage(JsonRpcRequest request, const std::string& topic);
+  void OnMessage(JsonRpcEnvelope request, const std::string& topic);
 
   /// Runs a method for a caller that is not on MQTT, if `admit` (null: always) lets it. `reply`
   /// gets the answer on a worker thread (or on the caller's when the method is unknown or the
   /// server is busy), and nothing for a request without "id".
-  void InvokeMethod(const std::string& method, JsonRpcRequest request, Reply reply,
+  void InvokeMethod(const std::string& method, JsonRpcEnvelope request, Reply reply,
                     Admit admit = nullptr);
 
  private:
@@ -77,13 +77,13 @@ class JsonRpcServer : public JsonRpcBase {
     std::string method;
     RpcHandler handler;
     AfterAnswer after;
-    JsonRpcRequest request;
+    JsonRpcEnvelope request;
     Reply reply;
     Admit admit;
   };
 
   void OnPayload(const std::string& payload, const std::string& topic);
-  static void Answer(const JsonRpcRequest& request, const Reply& reply, const Json& value);
+  static void Answer(const JsonRpcEnvelope& request, const Reply& reply, const Json& value);
   static void Run(const Call& call);
   static Json CallHandler(const Call& call);
   std::optional<Method> FindMethod(const std::string& method) const;
@@ -101,7 +101,8 @@ class JsonRpcServer : public JsonRpcBase {
   std::map<std::string, std::string>
       channels_;  // request to response topic; guarded by bindings_mutex_
 
-  WorkerLane camera_lane_;  // last: the threads use the rest
+  LargeRequests large_requests_;  // last, with the lanes: the threads use the rest
+  WorkerLane camera_lane_;
   WorkerLane general_lane_;
 };
 

@@ -11,7 +11,7 @@ enum class LinkPhase { kDown, kConnecting, kUp };
 
 /// What became of one attempt to connect, or of the link that it made. Each attempt is reported
 /// once, as connected, failed, or ended while it ran; each link that was up once more, as lost or
-/// ended.
+/// ended. Events come in the order of their attempts.
 struct LinkEvent {
   enum class Kind { kConnected, kFailed, kLost, kEnded };
   Kind kind = Kind::kFailed;

@@ -51,6 +51,8 @@ void LinkThread::Run() {
       task();
     } catch (const std::exception& error) {
       VLOG_ERROR("MQTT", "a step of a link failed: {}", utils::LogText(error.what()));
+    } catch (...) {
+      VLOG_ERROR("MQTT", "a step of a link failed: {}", "unknown");
     }
   }
 }

@@ -2,8 +2,8 @@
 
 namespace varnel::comms {
 
-/// What may make a method slow; methods of one kind wait for each other, those of different kinds
-/// never do.
+/// What may make a method slow; requests of one kind wait for each other, those of different kinds
+/// do not unless they are large.
 enum class MethodKind {
   kQuick,      ///< answers from memory
   kPhoto,      ///< waits for the camera

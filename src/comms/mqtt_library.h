@@ -19,6 +19,22 @@ void IgnoreProxies();
 /// For the library's TLS options: why a handshake failed.
 int LogTlsError(const char* text, size_t length, void* context);
 
+/// How the library wants a text that may be absent.
+inline const char* OrNull(const std::string& text) {
+  return text.empty() ? nullptr : text.c_str();
+}
+
+/// Fills in the TLS options of either library, which have the same members; they view the settings.
+template <class Options>
+void SetTls(const MqttConnectSettings& settings, Options& options) {
+  options.enableServerCertAuth = 1;
+  options.verify = 1;  // the name in the certificate must be the host's
+  options.trustStore = OrNull(settings.root_ca);
+  options.disableDefaultTrustStore = 1;  // nobody but the given root vouches for the broker
+  options.keyStore = OrNull(settings.client_certificate);
+  options.privateKey = OrNull(settings.client_key);
+}
+
 /// The server URI of a connection in the schemes that the running library knows: "mqtt://" and
 /// "mqtts://" since 1.3.11, "tcp://" and "ssl://" before.
 std::string ServerUri(const MqttConnectSettings& settings, const std::string& library_version);

@@ -1,15 +1,12 @@
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <functional>
-#include <memory>
-#include <mutex>
 #include <string>
 
+#include "comms/bounded_pool.h"
 #include "comms/method_kind.h"
-#include "utils/thread_pool.h"
 
 namespace varnel::comms {
 
@@ -19,51 +16,55 @@ struct RequestSize {
   size_t built_bytes = 0;  ///< while it runs
 };
 
-/// Workers for the methods of one group of services, apart for each kind of method, with one
-/// bounded backlog: what cannot start soon is refused, so a flood of requests costs its senders an
-/// error instead of this process its memory. Large requests have one worker of their own, so that
-/// only one of them is built at a time. Thread-safe.
+/// The one worker for the large requests of all lanes: only one of them is built at a time.
+/// Thread-safe.
+class LargeRequests {
+ public:
+  /// What is larger, waiting or built, is large.
+  static constexpr size_t kBytes = size_t{256} << 10;
+
+  LargeRequests() : pool_("rpc-large", 1, size_t{8} << 20U) {}
+  void Open() { pool_.Open(); }
+  static bool Includes(RequestSize size) {
+    return size.bytes > kBytes || size.built_bytes > kBytes;
+  }
+  /// See BoundedPool.
+  [[nodiscard]] bool TryPost(std::function<void()> task, size_t bytes);
+
+ private:
+  BoundedPool pool_;
+};
+
+/// Workers for the methods of one group of services, apart for each kind of method, each kind with
+/// a bounded backlog of its own. Thread-safe.
 class WorkerLane {
  public:
-  static constexpr size_t kMaxWaiting = 1024;
-  /// Of the requests that wait.
-  static constexpr size_t kMaxWaitingBytes = size_t{8} << 20;
-  /// What is larger, waiting or built, is large.
-  static constexpr size_t kLargeBytes = size_t{256} << 10;
+  /// Of the requests that wait, of each kind.
+  static constexpr size_t kMaxWaitingBytes = size_t{2} << 20;
 
   static constexpr size_t WorkersFor(MethodKind kind) {
     // The camera serves one after another: one runs, and those behind it begin to count their wait.
     return kind == MethodKind::kPhoto || kind == MethodKind::kDetection ? 3 : 2;
   }
 
-  /// `name` begins the names of the threads.
-  explicit WorkerLane(std::string name);
+  /// `name` begins the names of the threads. `large` must outlive the lane.
+  WorkerLane(const std::string& name, LargeRequests& large);
 
   /// Starts the workers of a kind, unless they run already. Throws std::system_error when the
   /// system has no thread left.
   void Open(MethodKind kind);
 
-  /// The kind must be open. False when too much waits already. An exception that a task lets out is
-  /// lost.
+  /// The kind must be open. False when too much of it waits already. An exception that a task lets
+  /// out is lost.
   [[nodiscard]] bool TryPost(MethodKind kind, std::function<void()> task, RequestSize size);
 
  private:
-  /// The place of one waiting task; given back when the task starts or is thrown away.
-  class Place;
-
   static constexpr size_t kKinds = static_cast<size_t>(MethodKind::kNetwork) + 1;
-  static constexpr size_t kLarge = kKinds;
 
-  void OpenPool(size_t index, const char* name, size_t workers);
-  utils::ThreadPool& PoolAt(size_t index);
+  BoundedPool& PoolOf(MethodKind kind) { return pools_.at(static_cast<size_t>(kind)); }
 
-  const std::string name_;
-  std::atomic<size_t> waiting_{0};
-  std::atomic<size_t> waiting_bytes_{0};
-  std::mutex mutex_;
-  // By kind, and one for what is large; once made they stay. Guarded by mutex_. Last: the threads
-  // use the counters.
-  std::array<std::unique_ptr<utils::ThreadPool>, kKinds + 1> pools_;
+  LargeRequests& large_;
+  std::array<BoundedPool, kKinds> pools_;
 };
 
 }  // namespace varnel::comms

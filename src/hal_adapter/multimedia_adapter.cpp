@@ -14,16 +14,10 @@ constexpr int kWarmUpPhotos = 10;
 constexpr auto kWarmUpPause = 500ms;
 constexpr auto kTurnLimit = 10'000ms;
 
-SpaceCheck OrAlwaysRoom(SpaceCheck check) {
-  return check ? std::move(check) : [](const std::filesystem::path&) { return true; };
-}
-
 }  // namespace
 
 MultimediaAdapter::MultimediaAdapter(MultimediaSetup setup)
-    : setup_(std::move(setup)),
-      writer_(setup_.paths, OrAlwaysRoom(setup_.has_space)),
-      turn_(*setup_.clock) {}
+    : setup_(std::move(setup)), writer_(setup_.paths, setup_.has_space), turn_(*setup_.clock) {}
 
 bool MultimediaAdapter::Start() {
   if (!OpenMainCamera()) return false;
@@ -33,7 +27,7 @@ bool MultimediaAdapter::Start() {
 }
 
 bool MultimediaAdapter::OpenMainCamera() {
-  const PhotoTurn::Holder turn(turn_, kTurnLimit);
+  const utils::Turn::Holder turn(turn_, kTurnLimit);
   if (!turn) return false;
   const MultimediaHalInterface* table = StartArea(kTag, setup_.init, setup_.registry->multimedia);
   if (table == nullptr || !FindCameras(table)) return false;
@@ -79,15 +73,18 @@ PhotoStatus MultimediaAdapter::TakePhoto(const std::string& path) {
 
 PhotoStatus MultimediaAdapter::TakePhoto(const utils::FilePlace& place) {
   if (!writer_.HasRoom(place)) return PhotoStatus::kNotWritable;
+  // Before anybody waits for the camera: a photo that cannot be written is not taken.
+  auto file = writer_.Begin(place);
+  if (!file) return PhotoStatus::kNotWritable;
   utils::UniqueFd picture;
   const PhotoStatus taken = TakeTurn(
       [&](const CameraImage& image) { return writer_.Develop(image, place.name, picture); });
-  return taken == PhotoStatus::kSuccess ? writer_.Store(picture, place) : taken;
+  return taken == PhotoStatus::kSuccess ? writer_.Store(picture, *file) : taken;
 }
 
 PhotoStatus MultimediaAdapter::TakeTurn(
     const std::function<PhotoStatus(const CameraImage& image)>& develop) {
-  const PhotoTurn::Holder turn(turn_, kTurnLimit);
+  const utils::Turn::Holder turn(turn_, kTurnLimit);
   if (!turn) {
     VLOG_ERROR(kTag, "The camera is still busy after {}s, no photo is taken", kTurnLimit / 1000ms);
     return PhotoStatus::kCaptureFailed;

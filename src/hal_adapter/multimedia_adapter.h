@@ -8,16 +8,16 @@
 
 #include "hal_adapter/area_start.h"
 #include "hal_adapter/camera.h"
-#include "hal_adapter/photo_turn.h"
 #include "hal_adapter/photo_writer.h"
 #include "utils/clock.h"
+#include "utils/turn.h"
 
 namespace varnel::hal_adapter {
 
 /// What the multimedia adapter is built from; the defaults are the board's.
 struct MultimediaSetup {
   AreaInit init;
-  SpaceCheck has_space;  ///< none: there is always room
+  utils::SpaceCheck has_space;
   PhotoPaths paths = {};
   const HalRegistry* registry = &HalRegistry::Instance();
   utils::Clock* clock = &utils::SystemClock::Instance();
@@ -53,7 +53,7 @@ class MultimediaAdapter {
   const PhotoWriter writer_;
   std::atomic<bool> ready_{false};
 
-  PhotoTurn turn_;
+  utils::Turn turn_;
   // Used by the holder of the turn.
   std::vector<std::shared_ptr<Camera>> cameras_;
   std::shared_ptr<Camera> main_camera_;

@@ -7,15 +7,14 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <optional>
 #include <string_view>
 #include <system_error>
 #include <utility>
 
 #include "utils/atomic_file.h"
+#include "utils/last_error.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
-#include "utils/new_file.h"
 #include "utils/owned.h"
 #include "utils/private_directory.h"
 #include "utils/safe_exec.h"
@@ -72,17 +71,16 @@ bool HasContent(int directory, const std::string& name) {
 bool WriteRaw(const CameraImage& image, const std::string& name, int directory) {
   const utils::UniqueFd file(
       ::openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  return Report(file ? utils::WriteAll(file.Get(), BytesOf(image))
-                     : std::error_code(errno, std::generic_category()));
+  return Report(file ? utils::WriteAll(file.Get(), BytesOf(image)) : utils::LastError());
 }
 
 }  // namespace
 
-PhotoWriter::PhotoWriter(PhotoPaths paths, SpaceCheck has_space)
+PhotoWriter::PhotoWriter(PhotoPaths paths, utils::SpaceCheck has_space)
     : paths_(std::move(paths)), has_space_(std::move(has_space)) {}
 
 bool PhotoWriter::HasRoom(const utils::FilePlace& place) const {
-  return has_space_(place.Path());
+  return utils::HasRoom(has_space_, place.Path());
 }
 
 PhotoStatus PhotoWriter::Develop(const CameraImage& image, const std::string& name,
@@ -99,12 +97,16 @@ PhotoStatus PhotoWriter::Develop(const CameraImage& image, const std::string& na
   return Report(error) ? PhotoStatus::kSuccess : PhotoStatus::kConversionFailed;
 }
 
-PhotoStatus PhotoWriter::Store(const utils::UniqueFd& picture,
-                               const utils::FilePlace& place) const {
+std::optional<utils::NewFile> PhotoWriter::Begin(const utils::FilePlace& place) const {
   std::error_code error;
   auto file = utils::NewFile::Create(place, error);
-  if (file) error = utils::CopyRest(picture.Get(), file->Fd());
-  if (!error) error = file->Publish(kPhotoMode);
+  (void)Report(error);
+  return file;
+}
+
+PhotoStatus PhotoWriter::Store(const utils::UniqueFd& picture, utils::NewFile& file) const {
+  std::error_code error = utils::CopyRest(picture.Get(), file.Fd());
+  if (!error) error = file.Publish(kPhotoMode);
   return Report(error) ? PhotoStatus::kSuccess : PhotoStatus::kNotWritable;
 }
 

@@ -3,10 +3,13 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "hal_interface/hal_records.h"
+#include "utils/free_space.h"
 #include "utils/held_directory.h"
+#include "utils/new_file.h"
 #include "utils/owned.h"
 
 namespace varnel::hal_adapter {
@@ -17,9 +20,6 @@ enum class PhotoStatus {
   kNotWritable,       ///< the destination cannot be written
   kConversionFailed,  ///< the frame could not be made a picture
 };
-
-/// Says whether there is room to write to this path; it logs when there is not.
-using SpaceCheck = std::function<bool(const std::filesystem::path& destination)>;
 
 struct PhotoPaths {
   std::filesystem::path converter = "/usr/bin/ffmpeg";
@@ -32,18 +32,20 @@ struct PhotoPaths {
 /// the raw bytes for any other.
 class PhotoWriter {
  public:
-  PhotoWriter(PhotoPaths paths, SpaceCheck has_space);
+  PhotoWriter(PhotoPaths paths, utils::SpaceCheck has_space);
 
   /// False when the place has no room; callable from any thread.
   [[nodiscard]] bool HasRoom(const utils::FilePlace& place) const;
+  /// The file for Store(), which is not there yet; nothing when none can be written there. Callable
+  /// from any thread.
+  [[nodiscard]] std::optional<utils::NewFile> Begin(const utils::FilePlace& place) const;
   /// Makes what a file of that name is to hold, in an open file without a name. One call at a time:
   /// all share the raw frame file.
   [[nodiscard]] PhotoStatus Develop(const CameraImage& image, const std::string& name,
                                     utils::UniqueFd& picture) const;
   /// Puts it into its place, which appears whole or stays as it was. Waits for the disk; callable
   /// from any thread.
-  [[nodiscard]] PhotoStatus Store(const utils::UniqueFd& picture,
-                                  const utils::FilePlace& place) const;
+  [[nodiscard]] PhotoStatus Store(const utils::UniqueFd& picture, utils::NewFile& file) const;
 
  private:
   bool WriteRawFrame(const CameraImage& image) const;
@@ -51,7 +53,7 @@ class PhotoWriter {
   bool RunConverter(const char* pixel_format, const std::string& picture, int directory) const;
 
   const PhotoPaths paths_;
-  const SpaceCheck has_space_;
+  const utils::SpaceCheck has_space_;
 };
 
 }  // namespace varnel::hal_adapter

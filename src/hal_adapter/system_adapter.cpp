@@ -1,5 +1,6 @@
 #include "hal_adapter/system_adapter.h"
 
+#include <algorithm>
 #include <cstring>
 #include <optional>
 #include <random>
@@ -15,6 +16,10 @@ namespace {
 
 constexpr const char* kTag = "HALSYS";
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+constexpr std::chrono::seconds kFirstLookPause = 1s;
+constexpr std::chrono::seconds kLastLookPause = 10min;
 
 /// The text of a field even if the platform forgot its end.
 template <size_t Size>
@@ -38,6 +43,14 @@ DeviceIdentity ToIdentity(const DeviceInfo& info) {
 /// The platform puts a text of its own for an interface that is not there.
 bool HasMac(const DeviceIdentity& identity) {
   return identity.mac.find(':') != std::string::npos;
+}
+
+/// All else is as it was read at first: a storage that fails now must not take the name away.
+std::shared_ptr<const DeviceIdentity> WithMac(const DeviceIdentity& known, const std::string& mac) {
+  return std::make_shared<const DeviceIdentity>(
+      DeviceIdentity{known.serial_number, known.product_code,
+                     utils::SecretString(known.device_key.Text()), mac, known.firmware_version,
+                     known.full_firmware_version, known.hardware_version, known.processor_serial});
 }
 
 bool IsWriteError(const std::error_code& error) {
@@ -65,11 +78,12 @@ void WriteLine(const fs::path& path, const std::string& value) {
 }  // namespace
 
 SystemAdapter::SystemAdapter(AreaInit init, IdentityFiles files, const HalRegistry& registry,
-                             std::function<uint32_t()> random_seed)
+                             std::function<uint32_t()> random_seed, utils::Clock& clock)
     : init_(std::move(init)),
       files_(std::move(files)),
       registry_(registry),
-      random_seed_(std::move(random_seed)) {}
+      random_seed_(std::move(random_seed)),
+      clock_(clock) {}
 
 uint32_t SystemAdapter::DeviceSeed() {
   return std::random_device{}();
@@ -77,44 +91,53 @@ uint32_t SystemAdapter::DeviceSeed() {
 
 bool SystemAdapter::Start() {
   table_ = StartArea(kTag, init_, registry_.system);
-  std::shared_ptr<const DeviceIdentity> identity = table_ != nullptr ? ReadIdentity() : nullptr;
-  const bool known = identity != nullptr;
-  const std::lock_guard lock(mutex_);
-  Adopt(known ? std::move(identity) : identity_);
-  return known;
+  const std::shared_ptr<const DeviceIdentity> read = table_ != nullptr ? ReadIdentity() : nullptr;
+  const auto identity = read ? read : std::make_shared<const DeviceIdentity>();
+  Publish(*identity);
+  VLOG_INFO(kTag, "Product is {}:{}", identity->product_code, identity->serial_number);
+  Adopt(identity);
+  VLOG_INFO(kTag, "Firmware version is {}", utils::LogText(identity->firmware_version));
+  if (read && !HasMac(*read)) {
+    const std::lock_guard lock(looking_);
+    look_pause_ = kFirstLookPause;
+    next_look_ = clock_.Now() + look_pause_;
+  }
+  return read != nullptr;
 }
 
 void SystemAdapter::Adopt(std::shared_ptr<const DeviceIdentity> identity) {
+  std::string uuid = MakeUuid(*identity);
+  VLOG_INFO(kTag, "UUID is {}", uuid);
+  const std::lock_guard lock(mutex_);
   identity_ = std::move(identity);
-  Publish();
-  VLOG_INFO(kTag, "Product is {}:{}", identity_->product_code, identity_->serial_number);
-  uuid_ = MakeUuid();
-  VLOG_INFO(kTag, "UUID is {}", uuid_);
-  VLOG_INFO(kTag, "Firmware version is {}", utils::LogText(identity_->firmware_version));
+  uuid_ = std::move(uuid);
 }
 
-/// One caller reads, which may take half a second; others get what is known.
-void SystemAdapter::LookAgain() {
-  const std::unique_lock reading(reading_, std::try_to_lock);
-  if (!reading || table_ == nullptr) return;
-  {
-    const std::lock_guard lock(mutex_);
-    if (HasMac(*identity_)) return;
-  }
-  std::shared_ptr<const DeviceIdentity> identity = ReadIdentity();
-  if (!identity || !HasMac(*identity)) return;
-  const std::lock_guard lock(mutex_);
-  Adopt(std::move(identity));
+bool SystemAdapter::IsTimeToLook() {
+  if (look_pause_ == 0s || clock_.Now() < next_look_) return false;
+  look_pause_ = std::min(2 * look_pause_, kLastLookPause);
+  next_look_ = clock_.Now() + look_pause_;
+  return true;
+}
+
+/// One caller looks, which may take half a second; others get what is known.
+void SystemAdapter::LookForMac() {
+  const std::unique_lock looking(looking_, std::try_to_lock);
+  if (!looking || !IsTimeToLook()) return;
+  const std::shared_ptr<const DeviceIdentity> found = ReadIdentity();
+  if (!found || !HasMac(*found)) return;
+  look_pause_ = 0s;
+  Adopt(WithMac(*identity_, found->mac));  // which nobody else changes
 }
 
 std::shared_ptr<const DeviceIdentity> SystemAdapter::Identity() {
-  LookAgain();
+  LookForMac();
   const std::lock_guard lock(mutex_);
   return identity_;
 }
 
 std::string SystemAdapter::Uuid() {
-  LookAgain();
+  LookForMac();
   const std::lock_guard lock(mutex_);
   return uuid_;
 }
@@ -129,15 +152,15 @@ std::shared_ptr<const DeviceIdentity> SystemAdapter::ReadIdentity() const {
   return std::make_shared<const DeviceIdentity>(ToIdentity(info));
 }
 
-void SystemAdapter::Publish() const {
-  WriteLine(files_.serial_number, identity_->serial_number);
-  WriteLine(files_.product_code, identity_->product_code);
-  WriteLine(files_.version, identity_->firmware_version);
-  WriteLine(files_.full_version, identity_->full_firmware_version);
+void SystemAdapter::Publish(const DeviceIdentity& identity) const {
+  WriteLine(files_.serial_number, identity.serial_number);
+  WriteLine(files_.product_code, identity.product_code);
+  WriteLine(files_.version, identity.firmware_version);
+  WriteLine(files_.full_version, identity.full_firmware_version);
 }
 
-std::string SystemAdapter::MakeUuid() const {
-  const std::string name = identity_->serial_number + identity_->mac + identity_->processor_serial;
+std::string SystemAdapter::MakeUuid(const DeviceIdentity& identity) const {
+  const std::string name = identity.serial_number + identity.mac + identity.processor_serial;
   if (!name.empty()) {
     if (std::optional<std::string> uuid = NameUuid(name)) return *uuid;
     VLOG_ERROR(kTag, "SHA-1 is not available, the UUID is random");

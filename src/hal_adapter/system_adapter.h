@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -8,6 +9,7 @@
 #include <string>
 
 #include "hal_adapter/area_start.h"
+#include "utils/clock.h"
 #include "utils/secret.h"
 
 namespace varnel::hal_adapter {
@@ -33,13 +35,15 @@ struct IdentityFiles {
 };
 
 /// The system area: identity, upgrade, board data. After Start() every function is callable from
-/// any thread. A network interface may come after the daemon: as long as the MAC address is
-/// missing, whoever asks for the identity has it read again.
+/// any thread. A network interface may come after the daemon: while the MAC address is missing, it
+/// is looked for when somebody asks for the identity, in pauses that double from a second to ten
+/// minutes, since the platform reads everything for it. Nothing else is taken from such a look.
 class SystemAdapter {
  public:
   explicit SystemAdapter(AreaInit init, IdentityFiles files = {},
                          const HalRegistry& registry = HalRegistry::Instance(),
-                         std::function<uint32_t()> random_seed = DeviceSeed);
+                         std::function<uint32_t()> random_seed = DeviceSeed,
+                         utils::Clock& clock = utils::SystemClock::Instance());
 
   /// Once, before anything else. Reads and publishes the identity; the UUID is set even when it
   /// fails.
@@ -58,17 +62,21 @@ class SystemAdapter {
   static uint32_t DeviceSeed();
   std::shared_ptr<const DeviceIdentity> ReadIdentity() const;
   void Adopt(std::shared_ptr<const DeviceIdentity> identity);
-  void LookAgain();
-  void Publish() const;
-  std::string MakeUuid() const;
+  void LookForMac();
+  bool IsTimeToLook();
+  void Publish(const DeviceIdentity& identity) const;
+  std::string MakeUuid(const DeviceIdentity& identity) const;
 
   const AreaInit init_;
   const IdentityFiles files_;
   const HalRegistry& registry_;
   const std::function<uint32_t()> random_seed_;
+  utils::Clock& clock_;
   const SystemHalInterface* table_ = nullptr;
 
-  std::mutex reading_;  // held while the identity is read again, taken before mutex_
+  std::mutex looking_;                  // held while the MAC is looked for, before mutex_
+  std::chrono::seconds look_pause_{0};  // looking_; 0 when there is nothing to look for
+  utils::Clock::TimePoint next_look_;   // looking_
   std::mutex mutex_;
   std::shared_ptr<const DeviceIdentity> identity_ = std::make_shared<DeviceIdentity>();  // mutex_
   std::string uuid_;                                                                     // mutex_

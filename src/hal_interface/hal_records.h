@@ -45,8 +45,8 @@ struct CameraImage {
 
 enum HalEventType : uint32_t {
   HAL_EVENT_SYS_USB_DRIVE_INSERT = 2,  ///< payload: mount directory of the drive
-  /// The same for a drive that was there before the daemon: open to clients, but it asks for
-  /// nothing. Each restart of the daemon would do again what an insertion starts.
+  /// The same for a drive that was there before the daemon, or mounted late: open to clients, but
+  /// it asks for nothing. Each restart of the daemon would do again what an insertion starts.
   HAL_EVENT_SYS_USB_DRIVE_PRESENT = 3,
 };
 

@@ -56,6 +56,19 @@ uint32_t LineBytesOf(const CameraInstance& inst) {
   return inst.pixel_format == hal_adapter::CAMERA_PIXEL_FORMAT_YUYV ? 2 * inst.width : 0;
 }
 
+/// The size of a frame without padding, 0 when it is not known.
+size_t FrameBytesOf(const CameraInstance& inst) {
+  const size_t luma = size_t{inst.width} * inst.height;
+  if (inst.pixel_format == hal_adapter::CAMERA_PIXEL_FORMAT_NV12) return luma + luma / 2;
+  return inst.pixel_format == hal_adapter::CAMERA_PIXEL_FORMAT_YUYV ? 2 * luma : 0;
+}
+
+bool IsPadded(const CameraInstance& inst, const CameraImage& image) {
+  const uint32_t line = LineBytesOf(inst);
+  return line != 0 && inst.granted.bytesperline != 0 && inst.granted.bytesperline != line &&
+         image.size != 0 && image.size != FrameBytesOf(inst);
+}
+
 HalStatus SetFormat(CameraInstance& inst) {
   v4l2_format format{};
   format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
@@ -136,6 +149,20 @@ void FetchFrame(CameraInstance& inst, CameraImage& image) {
   if (!QueueCameraBuffer(inst, buffer.index)) PLOG_ERROR(kTag, "VIDIOC_QBUF");
 }
 
+/// Streaming runs.
+HalStatus FetchWholeFrame(CameraInstance& inst, CameraImage& image) {
+  FetchFrame(inst, image);
+  inst.padded = IsPadded(inst, image);
+  if (!SetStream(inst, VIDIOC_STREAMOFF)) {
+    PLOG_ERROR(kTag, "VIDIOC_STREAMOFF failed");
+    return hal_adapter::kHalNoMemory;
+  }
+  if (!inst.padded) return hal_adapter::kHalSuccess;
+  RefuseFrames(inst);
+  image = {};
+  return hal_adapter::kHalNoMemory;
+}
+
 }  // namespace
 
 HalStatus camera_device_init(CameraInstance* inst, const CameraInfo* info, const char* device_path,
@@ -159,6 +186,7 @@ HalStatus camera_device_open(CameraInstance* inst, const CameraConfig* config) {
   inst->height = config->height;
   inst->pixel_format = config->pixel_format;
   inst->device_lost = false;
+  inst->padded = false;
   PLOG_INFO(kTag, "Camera %s device initialization", inst->info->name);
   inst->fd = inst->calls->open(inst->device_path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
   if (inst->fd < 0) {
@@ -180,10 +208,8 @@ HalStatus camera_device_open(CameraInstance* inst, const CameraConfig* config) {
 bool camera_device_gives_what_was_asked(const CameraInstance& inst) {
   const v4l2_pix_format& granted = inst.granted;
   const uint32_t fourcc = FourccOf(inst.pixel_format);
-  const uint32_t line = LineBytesOf(inst);
   return granted.width == inst.width && granted.height == inst.height &&
-         (fourcc == 0 || granted.pixelformat == fourcc) &&
-         (line == 0 || granted.bytesperline == 0 || granted.bytesperline == line);
+         (fourcc == 0 || granted.pixelformat == fourcc) && !inst.padded;
 }
 
 HalStatus camera_device_capture(CameraInstance* inst, CameraImage* image) {
@@ -206,12 +232,7 @@ HalStatus camera_device_capture(CameraInstance* inst, CameraImage* image) {
     PLOG_ERROR(kTag, "VIDIOC_STREAMON failed");
     return hal_adapter::kHalNoMemory;
   }
-  FetchFrame(*inst, *image);
-  if (!SetStream(*inst, VIDIOC_STREAMOFF)) {
-    PLOG_ERROR(kTag, "VIDIOC_STREAMOFF failed");
-    return hal_adapter::kHalNoMemory;
-  }
-  return hal_adapter::kHalSuccess;
+  return FetchWholeFrame(*inst, *image);
 }
 
 HalStatus camera_device_close(CameraInstance* inst) {

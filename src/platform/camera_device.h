@@ -26,6 +26,7 @@ struct CameraInstance {
   uint32_t height = 0;
   uint32_t pixel_format = 0;
   v4l2_pix_format granted{};  ///< what the driver gives instead
+  bool padded = false;        ///< lines of a frame were longer than asked since the last open
   uint32_t state = hal_adapter::CAMERA_STATE_NOT_INITIALISED;
   std::string device_path;
   int fd = 0;  ///< stays 0 until the first open, -1 after a close
@@ -45,7 +46,8 @@ hal_adapter::HalStatus camera_device_open(CameraInstance* inst,
                                           const hal_adapter::CameraConfig* config);
 
 /// A driver answers with what comes nearest instead of failing, so an open device may give frames
-/// of another size or format.
+/// of another size or format. Longer lines show in the frames only: some drivers round the line up
+/// in what they say and give frames without padding.
 bool camera_device_gives_what_was_asked(const CameraInstance& inst);
 
 /// One frame; streaming runs only meanwhile. 0 with an untouched image when no whole frame came in

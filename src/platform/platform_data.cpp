@@ -53,7 +53,7 @@ void Archive(const DataBoard& board, const DataArchive& archive, const std::stri
   }
   if (!IsArchivable(archive.source)) return;
   HalStatus status = hal_adapter::kHalFailure;
-  if (!board.has_space || board.has_space(target)) {
+  if (utils::HasRoom(board.has_space, target)) {
     utils::SafeExec command(board.tar);
     command.AddArg("zhcvf").AddArg(target).AddArg("-C").AddArg(archive.source).AddArg(".");
     status = Run(command);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "hal_interface/hal_status.h"
+#include "utils/free_space.h"
 
 namespace varnel::platform {
 
@@ -32,7 +33,7 @@ struct DataBoard {
   std::string cp = "/usr/bin/cp";
   const std::vector<DataType>* types = &board_data_types();
   /// Whether there is room for a file; says so in the log when there is none.
-  std::function<bool(const std::filesystem::path& file)> has_space = {};
+  utils::SpaceCheck has_space = {};
 };
 
 /// Archives the data of one type into `out_dir`. 0 even when archives failed; -3 for an unknown

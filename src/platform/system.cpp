@@ -1,12 +1,10 @@
 #include <functional>
-#include <optional>
 
 #include "hal_interface/hal_register.h"
 #include "hal_interface/platform_init.h"
 #include "platform/platform_data.h"
 #include "platform/system_info.h"
 #include "platform/upgrade.h"
-#include "platform/upgrade_output.h"
 #include "platform/usb_monitor.h"
 #include "utils/log_printf.h"
 
@@ -23,7 +21,7 @@ struct System {
   SystemInfoBoard info;
   DataBoard data;
   UpgradeBoard upgrade;
-  std::optional<UpgradeOutputGuard> upgrade_leftovers;
+  UpgradeLeftovers upgrade_leftovers;
 };
 System& TheSystem() {
   static System system;
@@ -39,7 +37,7 @@ HalStatus Check(const void* pointer) {
 }
 
 HalStatus UpgradeFirmware(uint32_t target, const char* package) {
-  return upgrade_firmware(TheSystem().upgrade, target, package);
+  return upgrade_firmware(TheSystem().upgrade, TheSystem().upgrade_leftovers, target, package);
 }
 
 HalStatus CollectPlatformData(uint32_t type, const char* out_dir) {
@@ -78,7 +76,7 @@ HalStatus platform_system_init(const SystemSettings& settings) {
   StartUnlessItThrows("USB drives", [] { USBMonitor::Start(); });
   StartUnlessItThrows("outputs of upgrades", [] {
     System& system = TheSystem();
-    system.upgrade_leftovers.emplace(UpgradeOutput::FindIn(system.upgrade.output_dir));
+    system.upgrade_leftovers.Keep(UpgradeOutput::FindIn(system.upgrade.output_dir));
   });
   return hal_adapter::kHalSuccess;
 }
@@ -93,7 +91,7 @@ std::vector<std::filesystem::path> platform_places() {
 }
 
 void platform_system_shutdown() {
-  TheSystem().upgrade_leftovers.reset();
+  TheSystem().upgrade_leftovers.Release();
   USBMonitor::Stop();
 }
 

@@ -2,9 +2,11 @@
 
 #include <optional>
 #include <sstream>
+#include <system_error>
+#include <utility>
+#include <vector>
 
 #include "platform/command_output.h"
-#include "platform/upgrade_output.h"
 #include "utils/log.h"
 #include "utils/log_printf.h"
 #include "utils/log_text.h"
@@ -24,20 +26,28 @@ void LogLines(const std::string& text) {
   }
 }
 
-HalStatus RunScript(const UpgradeBoard& board, const char* package) {
-  const std::optional<UpgradeOutput> output = UpgradeOutput::Create(board.output_dir);
+HalStatus RunGuarded(utils::SafeExec& command, const UpgradeOutput& output) {
   std::optional<UpgradeOutputGuard> guard;
-  if (output) guard.emplace(*output);
+  try {
+    guard.emplace(output);
+  } catch (const std::system_error& error) {
+    PLOG_WARN(kTag, "The output of the upgrade is not kept short: %s", error.what());
+  }
+  return run_command(command, 0).status;
+}
+
+HalStatus RunScript(const UpgradeBoard& board, UpgradeLeftovers& leftovers, const char* package) {
   utils::SafeExec command(board.script);
-  command.AddArg("upgrade").AddArg("all").AddArg(package);
+  command.AddArg("upgrade").AddArg("all").AddArg(package).OutliveUs();
+  std::optional<UpgradeOutput> output = UpgradeOutput::Create(board.output_dir);
   // A pipe would kill the script at its next output once the daemon is gone; a file does not.
   command.SetOutputFile(output ? output->Path() : "/dev/null");
-  command.OutliveUs();
-  const HalStatus status = run_command(command, 0).status;
-  if (output) {
-    output->Remove();
-    LogLines(output->Beginning());
-  }
+  if (!output) return run_command(command, 0).status;
+  const HalStatus status = RunGuarded(command, *output);
+  LogLines(output->Beginning());
+  std::vector<UpgradeOutput> ended;
+  ended.push_back(std::move(*output));
+  leftovers.Keep(std::move(ended));
   return status;
 }
 
@@ -47,14 +57,15 @@ std::string upgrade_output_files(const UpgradeBoard& board) {
   return UpgradeOutput::NamesIn(board.output_dir);
 }
 
-HalStatus upgrade_firmware(const UpgradeBoard& board, uint32_t target, const char* package) {
+HalStatus upgrade_firmware(const UpgradeBoard& board, UpgradeLeftovers& leftovers, uint32_t target,
+                           const char* package) {
   if (target != kMainTarget) {
     PLOG_ERROR(kTag, "Do not support upgrading the target %d", static_cast<int>(target));
     return hal_adapter::kHalNoMemory;
   }
   if (package == nullptr) return hal_adapter::kHalInvalidParameter;
   PLOG_INFO(kTag, "Prepare for upgrading target %d", static_cast<int>(target));
-  const HalStatus status = RunScript(board, package);
+  const HalStatus status = RunScript(board, leftovers, package);
   if (status != hal_adapter::kHalSuccess) PLOG_ERROR(kTag, "Upgrade failed");
   return status;
 }

@@ -4,12 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
-#include <mutex>
-#include <stop_token>
+#include <iterator>
+#include <system_error>
 #include <utility>
 
 #include "utils/log_printf.h"
@@ -26,14 +27,19 @@ constexpr const char* kPrefix = ".upgrade-";
 constexpr const char* kThread = "upgrade-output";
 /// Between two looks a script can write some ten megabytes.
 constexpr auto kLookPause = 20ms;
-/// Of earlier scripts often a service is left that they have started.
-constexpr auto kLeftoverPause = 1s;
+/// What is left of a script is often a service that says little and runs for good.
+constexpr auto kLeftoverPause = 100ms;
 
 /// Only what a daemon of ours has made is opened: others may plant what they like in the directory.
 bool IsOurs(const utils::UniqueFd& file) {
   struct stat info {};
   return file && ::fstat(file.Get(), &info) == 0 && S_ISREG(info.st_mode) &&
          info.st_uid == ::geteuid() && info.st_nlink == 1;
+}
+
+/// Whatever stands at its path now.
+std::string SameFile(const utils::UniqueFd& file) {
+  return "/proc/self/fd/" + std::to_string(file.Get());
 }
 
 /// False when the guard is to end.
@@ -61,9 +67,14 @@ std::string UpgradeOutput::NamesIn(const std::string& directory) {
 
 std::optional<UpgradeOutput> UpgradeOutput::Create(const std::string& directory) {
   std::string path = directory + "/" + kPrefix + "XXXXXX";
-  utils::UniqueFd file(::mkostemp(path.data(), O_CLOEXEC));
-  if (!file) return std::nullopt;
-  return UpgradeOutput(std::move(path), std::move(file));
+  const utils::UniqueFd made(::mkostemp(path.data(), O_CLOEXEC));
+  if (!made) return std::nullopt;
+  // Our own descriptor must not count as a writer: see InUse().
+  utils::UniqueFd file(::open(SameFile(made).c_str(), O_RDONLY | O_CLOEXEC));
+  UpgradeOutput output(std::move(path), std::move(file));
+  if (output.file_) return output;
+  output.Remove();
+  return std::nullopt;
 }
 
 std::vector<UpgradeOutput> UpgradeOutput::FindIn(const std::string& directory) {
@@ -90,17 +101,16 @@ std::string UpgradeOutput::Beginning() const {
 void UpgradeOutput::CutIfLong() const {
   struct stat info {};
   if (::fstat(file_.Get(), &info) != 0 || info.st_size <= static_cast<off_t>(kLimit)) return;
-  // The same file whatever stands at its path now, and open for writing just now: see InUse().
-  const std::string same = "/proc/self/fd/" + std::to_string(file_.Get());
-  const utils::UniqueFd file(::open(same.c_str(), O_WRONLY | O_CLOEXEC));
+  const utils::UniqueFd file(::open(SameFile(file_).c_str(), O_WRONLY | O_CLOEXEC));
   if (!file || ::ftruncate(file.Get(), kKept) != 0) {
     PLOG_WARN(kTag, "The output of the upgrade cannot be cut, errno = %d", errno);
   }
 }
 
-/// Such a lease is refused while somebody writes; it is given back at once.
+/// Such a lease is refused while somebody writes; it is given back at once. A file system that has
+/// none cannot tell.
 bool UpgradeOutput::InUse() const {
-  if (::fcntl(file_.Get(), F_SETLEASE, F_RDLCK) != 0) return true;
+  if (::fcntl(file_.Get(), F_SETLEASE, F_RDLCK) != 0) return errno == EAGAIN;
   ::fcntl(file_.Get(), F_SETLEASE, F_UNLCK);
   return false;
 }
@@ -115,16 +125,31 @@ UpgradeOutputGuard::UpgradeOutputGuard(const UpgradeOutput& output)
         while (Pause(stop, kLookPause));
       })) {}
 
-UpgradeOutputGuard::UpgradeOutputGuard(std::vector<UpgradeOutput> leftovers) {
-  std::erase_if(leftovers, EndedAndRemoved);
-  if (leftovers.empty()) return;
-  thread_ = utils::SpawnGuarded(
-      kThread, kTag, [leftovers = std::move(leftovers)](const std::stop_token& stop) mutable {
-        while (!leftovers.empty() && Pause(stop, kLeftoverPause)) {
-          for (const UpgradeOutput& output : leftovers) output.CutIfLong();
-          std::erase_if(leftovers, EndedAndRemoved);
-        }
-      });
+void UpgradeLeftovers::Keep(std::vector<UpgradeOutput> outputs) {
+  const std::lock_guard lock(mutex_);
+  thread_ = {};
+  std::move(outputs.begin(), outputs.end(), std::back_inserter(outputs_));
+  std::erase_if(outputs_, EndedAndRemoved);
+  if (outputs_.empty()) return;
+  try {
+    thread_ = utils::SpawnGuarded(kThread, kTag,
+                                  [this](const std::stop_token& stop) { LookAfterAll(stop); });
+  } catch (const std::system_error& error) {
+    PLOG_WARN(kTag, "The output that an upgrade goes on writing is not looked after: %s",
+              error.what());
+  }
+}
+
+void UpgradeLeftovers::Release() {
+  const std::lock_guard lock(mutex_);
+  thread_ = {};
+}
+
+void UpgradeLeftovers::LookAfterAll(const std::stop_token& stop) {
+  do {
+    for (const UpgradeOutput& output : outputs_) output.CutIfLong();
+    std::erase_if(outputs_, EndedAndRemoved);
+  } while (!outputs_.empty() && Pause(stop, kLeftoverPause));
 }
 
 }  // namespace varnel::platform

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <filesystem>
+#include <mutex>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
@@ -39,17 +41,33 @@ class UpgradeOutput {
   utils::UniqueFd file_;
 };
 
-/// Keeps files short while it lives, on a thread of its own.
+/// Keeps the output of a running script short while it lives, on a thread of its own.
 class UpgradeOutputGuard {
  public:
-  /// Looks after this file, which must outlive the guard.
+  /// The file must outlive the guard. Throws when there is no thread to be had.
   explicit UpgradeOutputGuard(const UpgradeOutput& output);
-  /// Looks after the files of earlier daemons; each goes once its script has ended, those of ended
-  /// ones at once.
-  explicit UpgradeOutputGuard(std::vector<UpgradeOutput> leftovers);
 
  private:
   std::jthread thread_;
+};
+
+/// The files of scripts that have ended, or of earlier daemons: they are kept short as long as a
+/// program that a script has left still writes into them, then they go. One thread, only while
+/// there are such files. Thread-safe.
+class UpgradeLeftovers {
+ public:
+  /// Looks after these as well; what nobody uses any more goes at once. Without a thread they stay
+  /// for the next daemon, which is logged.
+  void Keep(std::vector<UpgradeOutput> outputs);
+  /// Ends the thread; the files stay.
+  void Release();
+
+ private:
+  void LookAfterAll(const std::stop_token& stop);
+
+  std::mutex mutex_;
+  std::vector<UpgradeOutput> outputs_;  // the thread's while there is one, else mutex_
+  std::jthread thread_;                 // mutex_
 };
 
 }  // namespace varnel::platform

@@ -98,6 +98,7 @@ void USBMonitor::Run() {
   AnnouncePresentDrives();
   while (running_) {
     if (WaitForEvent()) ReceiveEvent();
+    AnnounceMounted();
   }
   PLOG_INFO(kTag, "Monitor task end");
 }
@@ -138,24 +139,33 @@ void USBMonitor::HandleEvent(udev_device* device) {
   const char* action = udev_device_get_action(device);
   if (node == nullptr || action == nullptr) return;
   PLOG_INFO(kTag, "Device event: node: %s, action: %s", node, action);
+  if (Is(action, "add") || Is(action, "remove")) std::erase(unannounced_, node);
   if (Is(action, "add") && IsUsbDisk(device)) {
     PLOG_INFO(kTag, "USB drive detected: %s", node);
-    if (const auto directory = AwaitMount(node))
-      Announce(hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT, *directory);
+    const auto directory = AwaitMount(node);
+    if (!directory || !Announce(hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT, *directory)) {
+      unannounced_.emplace_back(node);
+    }
   }
 }
 
 /// At boot the system may be about to mount them; card readers without a card it never does.
 void USBMonitor::AnnouncePresentDrives() {
-  std::vector<std::string> nodes = PresentDrives();
-  for (int tries = 0; tries < board_.mount_tries && running_ && !nodes.empty(); ++tries) {
+  unannounced_ = PresentDrives();
+  for (int tries = 0; tries < board_.mount_tries && running_ && !unannounced_.empty(); ++tries) {
     if (tries > 0) Pause(board_.mount_pause);
-    std::erase_if(nodes, [this](const std::string& node) {
-      const auto directory = MountDirectory(node);
-      if (directory) Announce(hal_adapter::HAL_EVENT_SYS_USB_DRIVE_PRESENT, *directory);
-      return directory.has_value();
-    });
+    AnnounceMounted();
   }
+  for (const std::string& node : unannounced_)
+    PLOG_INFO(kTag, "Drive %s is not mounted so far, it is looked for again", node.c_str());
+}
+
+/// Too late to be taken for an insertion.
+void USBMonitor::AnnounceMounted() {
+  std::erase_if(unannounced_, [this](const std::string& node) {
+    const auto directory = MountDirectory(node);
+    return directory && Announce(hal_adapter::HAL_EVENT_SYS_USB_DRIVE_PRESENT, *directory);
+  });
 }
 
 std::vector<std::string> USBMonitor::PresentDrives() const {
@@ -176,13 +186,14 @@ std::vector<std::string> USBMonitor::PresentDrives() const {
   return nodes;
 }
 
-void USBMonitor::Announce(hal_adapter::HalEventType type, const std::string& directory) {
+bool USBMonitor::Announce(hal_adapter::HalEventType type, const std::string& directory) {
   hal_adapter::HalEventRecord record{};
   record.type = type;
   copy_text(record.payload, directory);
   const hal_adapter::HalStatus status = board_.post(&record);
   if (status != hal_adapter::kHalSuccess)
     PLOG_WARN(kTag, "Failed to post USB drive event, err is %d", status);
+  return status == hal_adapter::kHalSuccess;
 }
 
 /// Nothing when the drive is not mounted in time or the monitor is to end.

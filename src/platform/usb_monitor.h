@@ -30,8 +30,9 @@ struct UsbMonitorBoard {
 };
 
 /// Posts HAL_EVENT_SYS_USB_DRIVE_INSERT with the mount directory of every USB drive that is plugged
-/// in while it lives, and HAL_EVENT_SYS_USB_DRIVE_PRESENT for those that were there before. Without
-/// libudev it is inert: that is logged and not tried again.
+/// in while it lives, and HAL_EVENT_SYS_USB_DRIVE_PRESENT for those that were there before, or that
+/// are mounted too late to be taken for an insertion: a minute later at most. Without libudev it is
+/// inert: that is logged and not tried again.
 class USBMonitor {
  public:
   explicit USBMonitor(UsbMonitorBoard board);
@@ -56,8 +57,9 @@ class USBMonitor {
   void ReportFailure(const char* what, int error);
   void HandleEvent(udev_device* device);
   void AnnouncePresentDrives();
+  void AnnounceMounted();
   std::vector<std::string> PresentDrives() const;
-  void Announce(hal_adapter::HalEventType type, const std::string& directory);
+  bool Announce(hal_adapter::HalEventType type, const std::string& directory);
   std::optional<std::string> AwaitMount(const std::string& node);
   std::optional<std::string> MountDirectory(const std::string& node) const;
   void Pause(std::chrono::milliseconds time);
@@ -67,7 +69,8 @@ class USBMonitor {
   Monitor monitor_;
   utils::UniqueFd stop_event_;  // readable from the moment the monitor is to end
   std::atomic<bool> running_{true};
-  bool failing_ = false;  // of the thread: reported already
+  bool failing_ = false;                  // of the thread: reported already
+  std::vector<std::string> unannounced_;  // of the thread: drives that are there, by their nodes
   std::jthread thread_;
 };
 

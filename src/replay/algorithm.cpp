@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <array>
 
+#include "service/analysis/decision/algorithm_labels.h"
+
 namespace varnel::replay {
 
 const Algorithm* FindAlgorithm(std::string_view name) {
   static const std::array<Algorithm, 2> kAlgorithms{{
-      {"noodle", {"noodle"}, "verify_noodle"},
-      {"beditem", {"item", "nozzle", "legend_text", "extrusion_line"}, ""},
+      {"noodle", service::kNoodleLabels, service::kNoodleVerifyLabel},
+      {"beditem", service::kBedItemLabels, ""},
   }};
   const auto* found = std::find_if(kAlgorithms.begin(), kAlgorithms.end(),
                                    [&](const Algorithm& one) { return one.name == name; });

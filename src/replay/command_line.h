@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "replay/algorithm.h"
-#include "replay/turn.h"
+#include "replay/picture_set.h"
 
 namespace varnel::replay {
 

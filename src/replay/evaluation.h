@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "replay/judgement.h"
-#include "replay/labels.h"
+#include "replay/picture_judge.h"
+#include "replay/picture_set.h"
 #include "replay/scoring.h"
 
 namespace varnel::replay {

@@ -3,10 +3,9 @@
 #include <span>
 
 #include "replay/command_line.h"
-#include "replay/complaint.h"
-#include "replay/interruption.h"
 #include "replay/merge.h"
 #include "replay/replay.h"
+#include "replay/terminal.h"
 
 namespace {
 

@@ -4,11 +4,8 @@
 #include <numeric>
 
 namespace varnel::replay {
-namespace {
 
-double Area(const Box& box) {
-  return std::max(box.right - box.left, 0.0) * std::max(box.bottom - box.top, 0.0);
-}
+namespace {
 
 class Matcher {
  public:
@@ -60,8 +57,7 @@ class Matcher {
 }  // namespace
 
 double Iou(const Box& a, const Box& b) {
-  const double shared = Area({std::max(a.left, b.left), std::max(a.top, b.top),
-                              std::min(a.right, b.right), std::min(a.bottom, b.bottom)});
+  const double shared = Area(Intersection(a, b));
   const double common = Area(a) + Area(b) - shared;
   return common > 0 ? shared / common : 0;
 }

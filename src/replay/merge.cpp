@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <stdexcept>
 
-#include "replay/complaint.h"
 #include "replay/report.h"
-#include "replay/report_parse.h"
+#include "replay/report_json.h"
 #include "replay/scratch_directory.h"
+#include "replay/terminal.h"
 
 namespace varnel::replay {
 namespace {

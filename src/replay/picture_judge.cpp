@@ -1,13 +1,15 @@
 #include "replay/picture_judge.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 
 #include "replay/sweep.h"
-#include "service/analysis/rknn_library.h"
+#include "service/analysis/network/rknn_library.h"
 #include "utils/clock.h"
 
 namespace varnel::replay {
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -41,7 +43,7 @@ std::unique_ptr<service::PrinterAnalysis> NewAnalysis(const Options& options,
 }
 
 Prediction PredictionOf(const service::Detection& result) {
-  const service::DetectionBox& box = result.box;
+  const service::Rect& box = result.box;
   return {static_cast<size_t>(result.cls_id),
           result.prop,
           {static_cast<double>(box.left), static_cast<double>(box.top),
@@ -75,6 +77,13 @@ double MillisecondsSince(utils::Clock::TimePoint start) {
 
 }  // namespace
 
+const char* ReasonText(Reason reason) {
+  static constexpr std::array<const char*, 6> kTexts{
+      nullptr,     "only shown",     "rejected by the verifying network",
+      "too small", "behind the bed", "there before the print"};
+  return kTexts.at(static_cast<size_t>(reason));
+}
+
 PictureJudge::PictureJudge(const Options& options, const fs::path& annotated,
                            const service::RknnLibrary& library)
     : options_(options),
@@ -86,7 +95,7 @@ PictureJudge::PictureJudge(const Options& options, const fs::path& annotated,
       models_(options.models.empty() ? service::AnalysisSetup().models : options.models),
       analysis_(NewAnalysis(options, models_, results_.Path(), library)) {
   if (options_.labels.empty()) return;
-  service::Model* model = analysis_->Models().Find(json(options_.algorithm->labels));
+  service::Model* model = analysis_->Models().Find(options_.algorithm->labels);
   if (model != nullptr) model->Observe(&observer_);
 }
 
@@ -96,16 +105,16 @@ std::string PictureJudge::Problem() const {
   if (!analysis_->Ready()) return "the print analysis is not ready";
   std::string problem = ProblemWith(options_.algorithm->labels);
   if (problem.empty() && !options_.algorithm->verifier.empty())
-    problem = ProblemWith(json::array({options_.algorithm->verifier}));
+    problem = ProblemWith({options_.algorithm->verifier});
   return problem;
 }
 
 /// The daemon goes on without a network that verifies; a judgement without it would be worth
 /// nothing.
-std::string PictureJudge::ProblemWith(const json& labels) const {
+std::string PictureJudge::ProblemWith(const std::vector<std::string>& labels) const {
   service::Model* model = analysis_->Models().Find(labels);
-  if (model == nullptr) return "no network has these labels: " + labels.dump();
-  const fs::path file = models_ / model->Config().value("fname", std::string());
+  if (model == nullptr) return "no network has these labels: " + service::JoinedLabels(labels);
+  const fs::path file = models_ / model->Settings().file_name;
   std::error_code error;
   if (!fs::exists(file, error))
     return "no network " + file.string() + "; --models names a directory";
@@ -116,8 +125,9 @@ std::string PictureJudge::ProblemWith(const json& labels) const {
 
 std::map<std::string, float> PictureJudge::Thresholds() const {
   const auto& labels = options_.algorithm->labels;
-  const service::Model* model = analysis_->Models().Find(json(labels));
-  const std::vector<float> values = model->Thresholds(service::DetectRequest(Request("")));
+  const service::Model* model = analysis_->Models().Find(labels);
+  const std::vector<float> values =
+      service::DetectRequest(Request("")).Thresholds(model->Settings());
   std::map<std::string, float> thresholds;
   for (size_t i = 0; i < values.size() && i < labels.size(); ++i) thresholds[labels[i]] = values[i];
   return thresholds;
@@ -126,21 +136,19 @@ std::map<std::string, float> PictureJudge::Thresholds() const {
 std::map<std::string, float> PictureJudge::VerifyThresholds() const {
   std::map<std::string, float> thresholds;
   if (options_.algorithm->verifier.empty()) return thresholds;
-  const service::Model* model =
-      analysis_->Models().Find(json::array({options_.algorithm->verifier}));
+  const service::Model* model = analysis_->Models().Find({options_.algorithm->verifier});
   for (const std::string& label : options_.algorithm->labels)
-    thresholds[label] = model->Config().value("cls_conf_threshold", 0.0F);
+    thresholds[label] = model->Settings().class_threshold;
   return thresholds;
 }
 
 std::vector<std::string> PictureJudge::Networks() const {
-  std::vector<json> wanted = {options_.algorithm->labels};
-  if (!options_.algorithm->verifier.empty())
-    wanted.push_back(json::array({options_.algorithm->verifier}));
+  std::vector<std::vector<std::string>> wanted = {options_.algorithm->labels};
+  if (!options_.algorithm->verifier.empty()) wanted.push_back({options_.algorithm->verifier});
   std::vector<std::string> files;
   files.reserve(wanted.size());
-  for (const json& labels : wanted)
-    files.push_back(analysis_->Models().Find(labels)->Config().value("fname", std::string()));
+  for (const auto& labels : wanted)
+    files.push_back(analysis_->Models().Find(labels)->Settings().file_name);
   return files;
 }
 

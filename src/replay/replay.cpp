@@ -5,17 +5,14 @@
 #include <cstdio>
 #include <sstream>
 
-#include "replay/complaint.h"
-#include "replay/diverted_output.h"
 #include "replay/evaluation.h"
-#include "replay/interruption.h"
 #include "replay/picture_judge.h"
-#include "replay/progress.h"
 #include "replay/provenance.h"
 #include "replay/report.h"
 #include "replay/report_json.h"
-#include "replay/totals.h"
-#include "service/analysis/rknn_library.h"
+#include "replay/scores.h"
+#include "replay/terminal.h"
+#include "service/analysis/network/rknn_library.h"
 #include "utils/atomic_file.h"
 #include "utils/logger.h"
 

@@ -6,8 +6,7 @@
 
 #include "replay/command_line.h"
 #include "replay/file_digest.h"
-#include "replay/labels.h"
-#include "replay/picture_folder.h"
+#include "replay/picture_set.h"
 
 namespace varnel::replay {
 

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
-#include "replay/box.h"
+#include "replay/matching.h"
 #include "replay/scores.h"
 
 namespace varnel::replay {
@@ -55,5 +57,12 @@ class Sweep {
  private:
   std::vector<Counts> classes_;
 };
+
+/// A plot with a title: recall (solid) and precision (dashed) of each class over the threshold, as
+/// an SVG picture that follows the light or dark colours of who looks at it. A dotted line marks
+/// the threshold in use.
+[[nodiscard]] std::string SweepPlot(const std::string& title, const Sweep& sweep,
+                                    const std::vector<std::string>& classes,
+                                    const std::map<std::string, float>& thresholds);
 
 }  // namespace varnel::replay

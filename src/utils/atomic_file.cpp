@@ -8,9 +8,9 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 
 #include "utils/held_directory.h"
+#include "utils/last_error.h"
 #include "utils/owned.h"
 #include "utils/temporary_name.h"
 #include "utils/write_all.h"
@@ -20,10 +20,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::error_code LastError() {
-  return {errno, std::generic_category()};
-}
-
 fs::path DirectoryOf(const fs::path& target) {
   const fs::path parent = target.parent_path();
   return parent.empty() ? fs::path(".") : parent;
@@ -31,10 +27,13 @@ fs::path DirectoryOf(const fs::path& target) {
 
 /// Makes a uniquely named file of mode 0600 beside the target.
 UniqueFd OpenTemporary(const fs::path& target, fs::path& temporary) {
-  std::string name = (DirectoryOf(target) / (kTemporaryPrefix + std::string("XXXXXX"))).string();
-  UniqueFd fd(::mkostemp(name.data(), O_CLOEXEC));
+  const fs::path directory = DirectoryOf(target);
+  std::string name;
+  UniqueFd fd(MakeTemporary(name, [&directory](const char* free) {
+    return CreateHeldFile(AT_FDCWD, (directory / free).c_str());
+  }));
   if (fd) {
-    temporary = name;
+    temporary = directory / name;
   }
   return fd;
 }

@@ -19,9 +19,8 @@
 
 /// The C library's clone() by its other name: the thread sanitizer takes a call of the first for a
 /// fork, and marks our memory, which the child shares, as that of a forked process.
-extern "C" int __clone(
-    int (*run)(void*), void* stack, int flags, void* argument,
-    ...) noexcept;  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,cert-dcl50-cpp)
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+extern "C" int __clone(int (*run)(void*), void* stack, int flags, void* argument, ...) noexcept;
 
 namespace varnel::utils {
 namespace {

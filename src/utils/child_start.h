@@ -16,7 +16,7 @@ struct ChildSetup {
   int standard_error = -1;
   /// The child goes on when this process ends, whatever ends it; all others end with it.
   bool outlives_us = false;
-  /// Scheduling policy SCHED_IDLE, which also means idle priority of the disk.
+  /// Scheduling policy SCHED_IDLE and the idle class of the disk, set when the program has begun.
   bool idle_priority = false;
 };
 

@@ -28,8 +28,14 @@ bool IsWellFormed(const std::string& path) {
 }
 
 bool IsFileName(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." && name.size() <= NAME_MAX &&
-         !name.starts_with(kTemporaryPrefix);
+  return !name.empty() && name != "." && name != ".." && name.size() <= NAME_MAX;
+}
+
+/// Also a directory in which another program is working.
+bool HasTemporaryName(const fs::path& path) {
+  return std::any_of(path.begin(), path.end(), [](const fs::path& name) {
+    return name.string().starts_with(kTemporaryPrefix);
+  });
 }
 
 bool MatchesStar(const std::string& pattern, const std::string& name) {
@@ -109,6 +115,9 @@ std::optional<FilePlace> ClientPathPolicy::Resolve(const std::string& client_pat
 
 bool ClientPathPolicy::IsAllowed(const FilePlace& place) const {
   const fs::path path = place.Path();
+  if (HasTemporaryName(path)) {
+    return false;
+  }
   return drives_->Hold(place.directory) ||
          (IsWithinAny(path, rules_.allowed) && !IsWithinAny(path, rules_.forbidden) &&
           !IsWithinAny(path, rules_.own_places));

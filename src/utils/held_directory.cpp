@@ -8,16 +8,14 @@
 #include <cerrno>
 #include <utility>
 
+#include "utils/last_error.h"
+
 namespace varnel::utils {
 namespace {
 
 namespace fs = std::filesystem;
 
 constexpr int kDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-
-std::error_code LastError() {
-  return {errno, std::generic_category()};
-}
 
 /// Before Linux 5.6.
 UniqueFd OpenStepByStep(const fs::path& path) {

@@ -1,24 +1,43 @@
 #include "utils/new_file.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
+#include <utility>
 
+#include "utils/last_error.h"
 #include "utils/temporary_name.h"
+#include "utils/write_all.h"
 
 namespace varnel::utils {
 namespace {
 
-std::error_code LastError() {
-  return {errno, std::generic_category()};
-}
-
 std::error_code Gone() {
   return std::make_error_code(std::errc::no_such_file_or_directory);
+}
+
+/// Some file systems cannot send from file to file.
+std::error_code CopyRestByHand(int from, int to) {
+  std::array<char, 65'536> buffer;
+  std::error_code error;
+  while (!error) {
+    const ssize_t got = ::read(from, buffer.data(), buffer.size());
+    if (got == 0) {
+      break;
+    }
+    if (got > 0) {
+      error = WriteAll(to, {buffer.data(), static_cast<size_t>(got)});
+    } else if (errno != EINTR) {
+      error = LastError();
+    }
+  }
+  return error;
 }
 
 }  // namespace
@@ -26,19 +45,29 @@ std::error_code Gone() {
 std::optional<NewFile> NewFile::Create(const FilePlace& place, std::error_code& error) {
   const int directory = place.directory.Fd();
   NewFile made(place);
-  made.file_.Reset(::openat(directory, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
-  if (!made.file_) {
-    made.file_.Reset(MakeTemporary(made.temporary_, [directory](const char* name) {
-      return ::openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    }));
+  made.file_.Reset(::openat(directory, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+  if (made.file_) {
+    // For the moment in which it has a temporary name.
+    (void)::flock(made.file_.Get(), LOCK_EX | LOCK_NB);
+    error.clear();
+    return made;
   }
-  if (!made.file_) {
-    error = LastError();
-    made.temporary_.clear();
-    return std::nullopt;
+  // What a power failure left of an earlier one is found only here: nobody remembers the places.
+  RemoveLeftovers(place.directory);
+  error = made.MakeNamed();
+  return error ? std::nullopt : std::optional(std::move(made));
+}
+
+std::error_code NewFile::MakeNamed() {
+  const int directory = place_->directory.Fd();
+  UniqueFd named(MakeTemporary(
+      temporary_, [directory](const char* name) { return CreateHeldFile(directory, name); }));
+  if (!named) {
+    temporary_.clear();
+    return LastError();
   }
-  error.clear();
-  return made;
+  file_ = std::move(named);
+  return {};
 }
 
 NewFile::~NewFile() {
@@ -54,19 +83,44 @@ std::error_code NewFile::Link(const std::string& name) const {
   return linked == 0 ? std::error_code{} : LastError();
 }
 
-std::error_code NewFile::TakeName() {
-  const int directory = place_->directory.Fd();
-  if (temporary_.empty()) {
-    const std::error_code error = Link(place_->name);
-    if (error != std::errc::file_exists) {
-      return error;
-    }
-    // A link cannot replace. Only between these two calls there is something to be left behind.
-    if (MakeTemporary(temporary_, [this](const char* name) { return Link(name) ? -1 : 0; }) != 0) {
-      temporary_.clear();
-      return LastError();
-    }
+std::error_code NewFile::Finish(mode_t mode) const {
+  return ::fchmod(Fd(), mode) == 0 && ::fsync(Fd()) == 0 ? std::error_code{} : LastError();
+}
+
+/// For a hardened kernel, or a file system that makes files without names and cannot link them.
+std::error_code NewFile::CopyToNamed(mode_t mode) {
+  const UniqueFd unnamed = std::move(file_);
+  std::error_code error = MakeNamed();
+  if (!error && ::lseek(unnamed.Get(), 0, SEEK_SET) < 0) {
+    error = LastError();
   }
+  if (!error) {
+    error = CopyRest(unnamed.Get(), Fd());
+  }
+  return error ? error : Finish(mode);
+}
+
+std::error_code NewFile::TakeTemporaryName(mode_t mode) {
+  if (!temporary_.empty()) {
+    return {};
+  }
+  RemoveLeftovers(place_->directory);  // of a power failure at this very place
+  if (MakeTemporary(temporary_, [this](const char* name) { return Link(name) ? -1 : 0; }) == 0) {
+    return {};
+  }
+  temporary_.clear();
+  return CopyToNamed(mode);
+}
+
+std::error_code NewFile::TakeName(mode_t mode) {
+  if (temporary_.empty() && !Link(place_->name)) {
+    return {};
+  }
+  // A link cannot replace. Only between these two calls there is something to be left behind.
+  if (const std::error_code error = TakeTemporaryName(mode)) {
+    return error;
+  }
+  const int directory = place_->directory.Fd();
   if (::renameat(directory, temporary_.c_str(), directory, place_->name.c_str()) != 0) {
     return LastError();
   }
@@ -75,13 +129,14 @@ std::error_code NewFile::TakeName() {
 }
 
 std::error_code NewFile::Publish(mode_t mode) {
-  if (::fchmod(Fd(), mode) != 0 || ::fsync(Fd()) != 0) {
-    return LastError();
+  std::error_code error = Finish(mode);
+  if (error) {
+    return error;
   }
   if (!place_->directory.IsStillThere()) {
     return Gone();
   }
-  std::error_code error = TakeName();
+  error = TakeName(mode);
   if (!error) {
     error = place_->directory.Sync();
   }
@@ -94,6 +149,9 @@ std::error_code CopyRest(int from, int to) {
     const ssize_t copied = ::sendfile(to, from, nullptr, kAtOnce);
     if (copied == 0) {
       return {};
+    }
+    if (copied < 0 && (errno == EINVAL || errno == ENOSYS)) {
+      return CopyRestByHand(from, to);
     }
     if (copied < 0 && errno != EINTR) {
       return LastError();

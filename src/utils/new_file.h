@@ -12,7 +12,8 @@
 namespace varnel::utils {
 
 /// A file on its way to a place: it has no name until it is whole, where the file system can do
-/// that, so that nothing of it is left whatever interrupts us; elsewhere a temporary name.
+/// that, so that nothing of it is left whatever interrupts us; elsewhere a temporary name, and what
+/// earlier files left under such names in that directory is removed first.
 class NewFile {
  public:
   /// @param place must outlive the file
@@ -31,7 +32,11 @@ class NewFile {
 
  private:
   explicit NewFile(const FilePlace& place) : place_(&place) {}
-  std::error_code TakeName();
+  std::error_code MakeNamed();
+  std::error_code Finish(mode_t mode) const;
+  std::error_code CopyToNamed(mode_t mode);
+  std::error_code TakeTemporaryName(mode_t mode);
+  std::error_code TakeName(mode_t mode);
   std::error_code Link(const std::string& name) const;
 
   const FilePlace* place_;

@@ -8,15 +8,11 @@
 #include <cstdio>
 #include <utility>
 
-#include "utils/directory_entries.h"
+#include "utils/last_error.h"
 #include "utils/temporary_name.h"
 
 namespace varnel::utils {
 namespace {
-
-std::error_code LastError() {
-  return {errno, std::generic_category()};
-}
 
 /// Somebody who may write to the parent could have put another in its place at once.
 bool IsOursAlone(int fd) {
@@ -38,36 +34,44 @@ std::optional<PrivateDirectory> PrivateDirectory::Create(const std::filesystem::
     return std::nullopt;
   }
   PrivateDirectory made(std::move(*held));
-  const int directory = made.parent_.Fd();
   std::string name;
-  if (MakeTemporary(
-          name, [directory](const char* free) { return ::mkdirat(directory, free, 0700); }) != 0) {
+  const auto make = [&made](const char* free) { return made.MakeOwn(free); };
+  if (MakeTemporary(name, make) != 0) {
     error = LastError();
-    return std::nullopt;
-  }
-  made.own_ = made.parent_.OpenIn(name, error);
-  if (made.own_ && !IsOursAlone(made.Fd())) {
-    made.own_.reset();
-    error = std::make_error_code(std::errc::permission_denied);
-  }
-  if (!made.own_) {
     return std::nullopt;
   }
   made.name_ = std::move(name);
   return made;
 }
 
-PrivateDirectory::~PrivateDirectory() {
-  if (own_ && own_->Fd() >= 0) {
-    Clear();
-    ::unlinkat(parent_.Fd(), name_.c_str(), AT_REMOVEDIR);
+/// -1 with errno.
+int PrivateDirectory::MakeOwn(const char* name) {
+  if (::mkdirat(parent_.Fd(), name, 0700) != 0) {
+    return -1;
   }
+  std::error_code error;
+  auto own = parent_.OpenIn(name, error);
+  if (own && !IsOursAlone(own->Fd())) {
+    error = std::make_error_code(std::errc::permission_denied);
+  } else if (own && !HoldTemporary(parent_.Fd(), name, own->Fd())) {
+    error = std::make_error_code(std::errc::file_exists);
+  }
+  if (error == std::errc::no_such_file_or_directory) {
+    error = std::make_error_code(std::errc::file_exists);  // taken for a leftover: another name
+  }
+  if (error) {
+    ::unlinkat(parent_.Fd(), name, AT_REMOVEDIR);
+    errno = error.value();
+    return -1;
+  }
+  own_ = std::move(own);
+  return 0;
 }
 
-void PrivateDirectory::Clear() const {
-  std::error_code ignored;
-  for (const auto& entry : DirectoryEntries("/proc/self/fd/" + std::to_string(Fd()), ignored)) {
-    ::unlinkat(Fd(), entry.path().filename().c_str(), 0);
+PrivateDirectory::~PrivateDirectory() {
+  if (own_ && own_->Fd() >= 0) {
+    RemoveFilesIn(Fd());
+    ::unlinkat(parent_.Fd(), name_.c_str(), AT_REMOVEDIR);
   }
 }
 

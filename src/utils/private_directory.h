@@ -35,7 +35,7 @@ class PrivateDirectory {
 
  private:
   explicit PrivateDirectory(HeldDirectory parent) : parent_(std::move(parent)) {}
-  void Clear() const;
+  int MakeOwn(const char* name);
 
   HeldDirectory parent_;
   std::string name_;

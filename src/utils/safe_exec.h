@@ -52,8 +52,8 @@ class SafeExec {
   SafeExec& SetOutputFile(std::string path);
   /// The child goes on when this process ends, in whatever way; all others end with it.
   SafeExec& OutliveUs();
-  /// The child runs at the lowest priority of the processor and the disk, set before its first
-  /// step.
+  /// The child runs at the lowest priority of the processor and the disk, from the moment its
+  /// program has begun; up to there we wait for it.
   SafeExec& SetIdlePriority();
   /// Bytes kept of each output; the rest is read and dropped.
   SafeExec& SetOutputLimit(size_t bytes);

@@ -12,6 +12,7 @@
 #include <system_error>
 
 #include "utils/crypto_failure.h"
+#include "utils/last_error.h"
 #include "utils/owned.h"
 #include "utils/write_all.h"
 #include "utils/write_behind.h"
@@ -31,10 +32,6 @@ constexpr const char* kInitializeFailed = "Initialize encryption operation faile
 constexpr const char* kUpdateFailed = "Encryption update failed";
 constexpr const char* kFinalizationFailed = "Encryption finalization failed";
 
-std::string ErrorText(int error) {
-  return std::generic_category().message(error);
-}
-
 const uint8_t* Bytes(const char* text) {
   return reinterpret_cast<const uint8_t*>(text);
 }
@@ -46,7 +43,7 @@ uint8_t* Bytes(char* text) {
 std::string CheckRegular(const UniqueFd& fd) {
   struct stat info {};
   if (!fd || ::fstat(fd.Get(), &info) != 0) {
-    return ErrorText(errno);
+    return LastError().message();
   }
   return S_ISREG(info.st_mode) ? "" : kNotRegular;
 }
@@ -67,7 +64,7 @@ std::string MakeRoom(const fs::path& path, const UniqueFd& input) {
   struct stat source {};
   struct stat old {};
   if (::lstat(path.c_str(), &old) != 0) {
-    return errno == ENOENT ? "" : ErrorText(errno);
+    return errno == ENOENT ? "" : LastError().message();
   }
   if (!S_ISREG(old.st_mode) && !S_ISLNK(old.st_mode)) {
     return kNotRegular;
@@ -76,7 +73,7 @@ std::string MakeRoom(const fs::path& path, const UniqueFd& input) {
       (source.st_dev == old.st_dev && source.st_ino == old.st_ino)) {
     return "the same file as the input";
   }
-  return ::unlink(path.c_str()) == 0 ? "" : ErrorText(errno);
+  return ::unlink(path.c_str()) == 0 ? "" : LastError().message();
 }
 
 UniqueFd CreateOutput(const fs::path& path, const UniqueFd& input, std::string_view header) {
@@ -84,7 +81,7 @@ UniqueFd CreateOutput(const fs::path& path, const UniqueFd& input, std::string_v
   UniqueFd fd;
   if (reason.empty()) {
     fd.Reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    reason = fd ? "" : ErrorText(errno);
+    reason = fd ? "" : LastError().message();
   }
   if (fd) {
     const std::error_code error = WriteAll(fd.Get(), header);
@@ -126,7 +123,7 @@ size_t ReadChunk(const UniqueFd& input, SecretString& chunk) {
     got = ::read(input.Get(), chunk.Data(), kChunkSize);
   } while (got < 0 && errno == EINTR);
   if (got < 0) {
-    ThrowCryptoFailure(kUpdateFailed, ErrorText(errno));
+    ThrowCryptoFailure(kUpdateFailed, LastError().message());
   }
   return static_cast<size_t>(got);
 }
@@ -182,7 +179,7 @@ void WriteSaltedFile(const fs::path& input, const fs::path& output, std::span<co
   EncryptPadding(context.get(), *writer);
   // Some file systems tell only now that they could not take everything.
   if (::close(target.Release()) != 0) {
-    ThrowCryptoFailure(kFinalizationFailed, ErrorText(errno));
+    ThrowCryptoFailure(kFinalizationFailed, LastError().message());
   }
 }
 

@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <string>
 
+#include "utils/held_directory.h"
+
 namespace varnel::utils {
 
 /// Begins the names of files and directories that become something else or go. What an interruption
@@ -29,8 +31,28 @@ template <class Make>
   return result;
 }
 
+/// Marks a temporary file or directory, which is open as `fd`, as one that is in use until it is
+/// closed; the mark does not outlive us. False when it was removed before it could be marked.
+[[nodiscard]] bool HoldTemporary(int directory, const char* path, int fd);
+
+/// Makes a file of mode 0600 that is held, for reading and writing; -1 with errno when that fails,
+/// EEXIST also when it was taken for a leftover at once.
+[[nodiscard]] int CreateHeldFile(int directory, const char* path);
+
+/// Removes the files in an open directory: no directories, and nothing that links lead to.
+void RemoveFilesIn(int directory);
+
+enum class Leftovers {
+  kAbandoned,  ///< what nobody holds
+  kAll,        ///< also what threads of ours still write, at the process's end
+};
+
 /// Removes what an interrupted run of ours left in a directory: names with the prefix, if they
-/// belong to us. Only while nothing is being written there.
-void RemoveLeftovers(const std::filesystem::path& directory);
+/// belong to our user. On a file system without owners everything belongs to the user that mounted
+/// it, which is root on the board, as we are. Of directories one level goes: we make no deeper
+/// ones, and somebody else's drive can be as deep as it likes.
+void RemoveLeftovers(const std::filesystem::path& directory,
+                     Leftovers which = Leftovers::kAbandoned);
+void RemoveLeftovers(const HeldDirectory& directory, Leftovers which = Leftovers::kAbandoned);
 
 }  // namespace varnel::utils

@@ -51,6 +51,7 @@ TEST(CrashReportTest, NothingThatHappensMeanwhileChangesTheSignalOfTheEnd) {
 #ifdef __SANITIZE_THREAD__
   GTEST_SKIP() << "the thread sanitizer holds signals back";
 #endif
+  // sleeps: the other thread's report takes its time
   EXPECT_EXIT(CrashWith([] { ::usleep(20'000); }), testing::KilledBySignal(SIGSEGV), "whole");
   EXPECT_EXIT(CrashWith([] { ::pause(); }), testing::KilledBySignal(SIGSEGV), "^$") << "stuck";
   EXPECT_EXIT(CrashWith([] { ::raise(SIGILL); }), testing::KilledBySignal(SIGSEGV), "^$");

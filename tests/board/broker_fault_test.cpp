@@ -35,7 +35,7 @@ class BrokerFaultTest : public testing::Test {
     ASSERT_TRUE(board_.StartDaemon({"-v"}));
     ASSERT_TRUE(console_.AwaitText("connected successfully", 30s));
     ASSERT_TRUE(RpcCaller(board_).AwaitDaemon(10s));
-    std::this_thread::sleep_for(1s);  // the daemon settles: a loss before is noticed later
+    std::this_thread::sleep_for(1s);  // sleeps: a loss before is noticed later
   }
   /// Requests sent while something is wrong are all answered once when it is over.
   void SurvivesWithoutLoss(const std::function<void()>& begin, const std::function<void()>& end) {
@@ -44,7 +44,7 @@ class BrokerFaultTest : public testing::Test {
     link.Subscribe("+/response", 0);
     begin();
     for (int i = 0; i < 50; ++i) ledger.Probe(link, RequestLedger::kTopics[i % 2]);
-    std::this_thread::sleep_for(2s);
+    std::this_thread::sleep_for(2s);  // sleeps: the length of the fault
     end();
     while (ledger.Open(0) > 0) {
       const auto message = link.Receive(20s);

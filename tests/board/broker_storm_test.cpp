@@ -41,7 +41,7 @@ class Storm {
     console_.Mark();
     ASSERT_TRUE(board_.StartDaemon({"-v"}));
     ASSERT_TRUE(console_.AwaitText("connected successfully", 60s));
-    std::this_thread::sleep_for(1s);  // the daemon settles: a loss before is noticed later
+    std::this_thread::sleep_for(1s);  // sleeps: a loss before is noticed later
     ProcessCounters before;
     for (int round = 0; round < kRounds; ++round) {
       Round(round);
@@ -68,6 +68,7 @@ class Storm {
     }
     EXPECT_TRUE(board_.KillBroker(round % 3 == 0 ? SIGTERM : SIGKILL));
     TakeTheRest(link);
+    // sleeps: a broker that is away for any time
     std::this_thread::sleep_for(milliseconds(Random(0, 500)));
     ASSERT_TRUE(board_.StartBroker());
   }

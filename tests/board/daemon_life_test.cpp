@@ -41,6 +41,7 @@ class DaemonLifeTest : public testing::Test {
     ASSERT_TRUE(board.StartDaemon(arguments));
   }
   static void ExpectCleanStop(const Board& board) {
+    ASSERT_TRUE(board.SignalDaemon(SIGIO)) << "what a broken lease brings does not end it";
     ASSERT_TRUE(board.SignalDaemon(SIGTERM));
     EXPECT_EQ(board.AwaitDaemonEnd(), 0);
   }

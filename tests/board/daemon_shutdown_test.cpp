@@ -66,7 +66,7 @@ class MortalDaemon {
     if (moment.situation == Situation::kLoaded) {
       Load(moment.delay);
     } else {
-      std::this_thread::sleep_for(moment.delay);
+      std::this_thread::sleep_for(moment.delay);  // sleeps: the moment under test
     }
     const auto signalled = system_clock::now();
     ASSERT_TRUE(board_.SignalDaemon(SIGTERM));

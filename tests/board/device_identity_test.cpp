@@ -148,7 +148,9 @@ TEST_F(DeviceIdentityTest, AnswersAndFilesFollowEverySource) {
   ASSERT_TRUE(nameless_.rpc.AwaitDaemon());
   fs::create_directories(Address(nameless_.board).parent_path());
   Put(Address(nameless_.board), "0a:1b:2c:3d:4e:5f\n");
-  EXPECT_EQ(Asked(nameless_)["mac_address"], "0A:1B:2C:3D:4E:5F") << "the interface came late";
+  EXPECT_TRUE(test::Eventually([this] {
+    return Asked(nameless_)["mac_address"] == "0A:1B:2C:3D:4E:5F";
+  })) << "the interface came late";
 
   // The next start sees what has changed meanwhile, here in a storage that the maker moved.
   ChangeEverySource(clear_.board);

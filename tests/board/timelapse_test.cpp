@@ -276,6 +276,7 @@ TEST_F(TimelapseTest, AnEncoderThatIsSlowOrKilledCostsTimeOnly) {
   EXPECT_EQ(served->board.AwaitDaemonEnd(), 128 + SIGKILL);
   EXPECT_EQ(served->board.Shell("ip link set lo down").status, 0);
   EXPECT_TRUE(served->board.StartDaemon());
+  // sleeps: for what must not happen there is nothing to wait for
   std::this_thread::sleep_for(std::chrono::seconds(5));
   EXPECT_EQ(served->board.Shell("cat /userdata/.tmp_timelapse/current/state").out, "GENERATING\n");
   EXPECT_EQ(served->board.Shell("ip link set lo up").status, 0);
@@ -391,6 +392,7 @@ class KilledPrint {
   bool MaybeKill(bool printing) {
     if (random_() % 2 == 0) return false;
     if (printing) (void)served_->rpc.Post("camera.take_a_photo", {{"reason", "printing"}});
+    // sleeps: any moment
     std::this_thread::sleep_for(std::chrono::milliseconds(random_() % 500));
     EXPECT_TRUE(served_->board.SignalDaemon(SIGKILL));
     EXPECT_EQ(served_->board.AwaitDaemonEnd(), 128 + SIGKILL);

@@ -4,8 +4,9 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
-#include <latch>
+#include <functional>
 #include <random>
+#include <semaphore>
 #include <thread>
 
 #include "comms/client_mqtt_async.h"
@@ -56,8 +57,8 @@ TEST(MqttCycles, AThousandConnectReconnectAndDestroyCycles) {
                            .port = ports[cycle % 4],
                            .client_id = fmt::format("c{}", cycle),
                            .connect_timeout_s = 1});
-    std::this_thread::sleep_for(
-        std::chrono::microseconds(random() % 4000));  // any moment of the attempt
+    // sleeps: any moment of the attempt
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 4000));
     if (cycle % 3 == 0) (void)client->Reconnect();
     // Seldom: beside another client the library needs 2 s for a connection.
     if (cycle % 36 == 0) Eventually([&] { return client->IsConnected(); });
@@ -73,53 +74,55 @@ TEST(MqttCycles, AThousandConnectReconnectAndDestroyCycles) {
   close(wake);
 }
 
-/// The library, with a name server of the test's: it answers once, and then not before the test
-/// ends.
-class FallingSilent : public PahoAsyncApi {
+/// The library, with a name server of the test's: each of its answers is one that the test gives.
+class LateNames : public PahoAsyncApi {
  public:
   NameAddresses LookUp(const std::string&) override {
-    if (asked_++ > 0) test_ends_.wait();
+    answers_.acquire();
     return {{"127.0.0.1"}, ""};
   }
-  void End() { test_ends_.count_down(); }
+  void Answer() { answers_.release(); }
 
  private:
-  std::atomic<int> asked_ = 0;
-  std::latch test_ends_{1};
+  std::counting_semaphore<> answers_{0};
 };
 
-TEST(MqttNames, ANameServerThatFallsSilentStopsNoOtherLink) {
+TEST(MqttNames, ANameServerThatIsLateOrFallsSilentStopsNoOtherLink) {
+  using Time = std::chrono::steady_clock;
   Mosquitto broker;
-  FallingSilent names;
+  LateNames names;
   ClientMqttAsync local("local");
   ClientMqttAsync cloud("cloud", Qos::kAtLeastOnce, names);
   test::Mailbox<int> echoes;
   (void)local.AddListener("echo", [&](const std::shared_ptr<MqttMessage>&) { echoes.Put(1); });
   (void)local.Connect({.host = "127.0.0.1", .port = broker.Port(), .client_id = "local"});
   ASSERT_TRUE(Eventually([&] { return local.IsConnected(); }));
-  const auto median_echo = [&] {
-    std::vector<std::chrono::steady_clock::duration> times;
-    for (size_t i = 0; i < 51; ++i) {
-      const auto start = std::chrono::steady_clock::now();
+  const auto slowest_echo = [&](const std::function<bool()>& until) {
+    Time::duration slowest{};
+    for (int i = 0; i < 50 || !until(); ++i) {
+      const auto start = Time::now();
       const size_t before = echoes.Items().size();
       EXPECT_EQ(local.Send("echo", Qos::kAtMostOnce, false, "x"), CommsStatus::kOk);
       EXPECT_EQ(echoes.WaitFor(before + 1).size(), before + 1);
-      times.push_back(std::chrono::steady_clock::now() - start);
+      slowest = std::max(slowest, Time::now() - start);
     }
-    std::nth_element(times.begin(), times.begin() + 25, times.end());
-    return times[25];
+    return slowest;
   };
-  const auto undisturbed = median_echo();
+  const auto limit = slowest_echo([] { return true; }) + std::chrono::milliseconds(50);
   // A name that no server knows: the library finds its address only in our answer.
   const MqttConnectSettings settings{
       .host = "cloud.invalid", .port = broker.Port(), .client_id = "cloud"};
-  EXPECT_EQ(cloud.Connect(settings), CommsStatus::kOk);
-  EXPECT_TRUE(Eventually([&] { return cloud.IsConnected(); }));
-  EXPECT_EQ(cloud.Connect(settings), CommsStatus::kOk) << "at once";
-  EXPECT_EQ(cloud.Phase(), LinkPhase::kConnecting);
-  EXPECT_LE(median_echo(), undisturbed + std::chrono::milliseconds(50));
-  names.End();
-  EXPECT_TRUE(Eventually([&] { return cloud.IsConnected(); }));
+  Time::duration slowest = limit + limit;
+  // A busy machine may spoil a round; a library that waits for the server spoils all.
+  for (int round = 0; round < 3 && slowest > limit; ++round) {
+    EXPECT_EQ(cloud.Connect(settings), CommsStatus::kOk) << "at once";
+    slowest = slowest_echo([] { return true; });
+    EXPECT_EQ(cloud.Phase(), LinkPhase::kConnecting);
+    names.Answer();
+    slowest = std::max(slowest, slowest_echo([&] { return cloud.IsConnected(); }));
+  }
+  EXPECT_LE(slowest, limit);
+  names.Answer();  // to whom still asks at the end
 }
 
 }  // namespace

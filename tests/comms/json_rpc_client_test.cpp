@@ -41,7 +41,8 @@ TEST_F(JsonRpcClientTest, ConcurrentCallsEachGetTheirOwnResponse) {
     ASSERT_EQ(sent.size(), 2U);
     EXPECT_EQ(sent[0].topic, "p/request");
     EXPECT_EQ(Json::parse(sent[0].payload)["jsonrpc"], "2.0");
-    mqtt_->Arrive("p/response", R"({"id":"1","result":"text id"})");
+    mqtt_->Arrive("p/response", R"({"id":" \u0031","result":"another's"})");
+    mqtt_->Arrive("p/response", R"({ "result" : "text id", "id" : "\u0031" })");
     mqtt_->Arrive("p/response", R"({"id":1,"error":{"code":-1,"message":"number id"}})");
   }
   EXPECT_EQ(first.response["error"]["message"], "number id");

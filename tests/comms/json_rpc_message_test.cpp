@@ -1,7 +1,8 @@
-#include "comms/json_rpc_message.h"
+#include "comms/json_rpc_envelope.h"
 
 #include <gtest/gtest.h>
 
+#include "comms/json_rpc_message.h"
 #include "comms/log_payload.h"
 
 namespace varnel::comms {
@@ -15,21 +16,21 @@ std::string Nested(int levels) {
 TEST(PayloadLimits, ServesExactlyTheDocumentedSizesAndDepths) {
   using Kind = ParseFailure::Kind;
   const auto failure = [](const std::string& payload) -> std::optional<Kind> {
-    const auto parsed = ParsePayload(payload);
-    const auto* failed = std::get_if<ParseFailure>(&parsed);
+    const auto read = JsonRpcEnvelope::Read(payload);
+    const auto* failed = std::get_if<ParseFailure>(&read);
     return failed ? std::optional(failed->kind) : std::nullopt;
   };
-  const std::string full(kMaxPayloadBytes - 2, 'x');
-  EXPECT_EQ(failure('"' + full + '"'), std::nullopt);
-  EXPECT_EQ(failure('"' + full + "x\""), Kind::kTooLarge);
-  EXPECT_EQ(failure(Nested(64)), std::nullopt);
-  EXPECT_EQ(failure(Nested(65)), Kind::kTooDeep);
+  const std::string full(kMaxPayloadBytes - 7, 'x');
+  EXPECT_EQ(failure(R"({"a":")" + full.substr(1) + "\"}"), std::nullopt);
+  EXPECT_EQ(failure(R"({"a":")" + full + "\"}"), Kind::kTooLarge);
+  EXPECT_EQ(failure(R"({"id":)" + Nested(63) + "}"), std::nullopt);
+  EXPECT_EQ(failure(R"({"id":)" + Nested(64) + "}"), Kind::kTooDeep);
   EXPECT_EQ(failure(Nested(100'000)), Kind::kTooDeep);
-  EXPECT_EQ(failure(R"({"id":)" + Nested(100'000) + "}"), Kind::kTooDeep);
   EXPECT_EQ(failure(R"({"a":"[[[[\"[[[[)" + std::string(1000, '[') + "\"}"), std::nullopt)
       << "brackets in strings";
   EXPECT_EQ(failure("{]"), Kind::kSyntax);
   EXPECT_EQ(failure("\"\xff\""), Kind::kSyntax);
+  EXPECT_EQ(failure("[1]"), Kind::kNotAnObject);
   EXPECT_EQ(failure("1e999999"), Kind::kOther);
 }
 

@@ -183,17 +183,17 @@ TEST_F(JsonRpcServerTest, AFloodIsRefusedBeyondTheBacklog) {
       },
       MethodKind::kListing);
   const auto invoke = [this](const std::string& request) {
-    server_.InvokeMethod("system.slow", std::get<JsonRpcRequest>(JsonRpcRequest::Read(request)),
+    server_.InvokeMethod("system.slow", std::get<JsonRpcEnvelope>(JsonRpcEnvelope::Read(request)),
                          nullptr);
   };
   for (size_t i = 0; i < kWorkers; ++i) invoke(R"({"id":1})");
   entered->wait();
-  for (size_t i = 0; i < WorkerLane::kMaxWaiting; ++i) invoke("{}");
+  for (size_t i = 0; i < BoundedPool::kMaxWaiting; ++i) invoke("{}");
   EXPECT_EQ(Ask(R"({"method":"system.slow","id":9})")["error"],
             Json::parse(R"({"code":-32000,"message":"Server busy"})"));
   client_->Arrive("system/request", R"({"method":"system.slow"})");
-  EXPECT_EQ(Ask(R"({"method":"system.none","id":10})")["id"], 10)
-      << "a refused notification is not answered";
+  EXPECT_EQ(Ask(R"({"method":"system.echo","params":1,"id":10})")["result"], 1)
+      << "a refused notification is not answered, and another kind still serves";
   EXPECT_EQ(log_.Count("JRPCS", "Server busy, refusing method system.slow"), 2U);
   gate->count_down();
 }

@@ -11,7 +11,6 @@
 
 #include "hal_adapter/fake_tables.h"
 #include "hal_adapter/multimedia_adapter.h"
-#include "hal_adapter/photo_turn.h"
 #include "support/fake_clock.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
@@ -188,6 +187,9 @@ TEST_F(PhotoTest, ReportsADestinationThatCannotBeWritten) {
   EXPECT_EQ(Take(Out("p.jpg")), PhotoStatus::kNotWritable);
   EXPECT_EQ(Take(""), PhotoStatus::kSuccess) << "nothing is to be written";
   EXPECT_EQ(FilesInOut(), 1u);
+  has_space_ = true;
+  test::Fake().frame.clear();
+  EXPECT_EQ(Take("/proc/p.jpg"), PhotoStatus::kNotWritable) << "known before the camera is asked";
 }
 
 TEST_F(PhotoTest, TheRawFrameFollowsNoPlantedLinkAndIsPrivate) {
@@ -266,30 +268,6 @@ TEST_F(PhotoTest, CallersAreServedOneAfterAnother) {
   }
   EXPECT_EQ(taken, 20);
   EXPECT_FALSE(overlapped);
-}
-
-TEST(PhotoTurnTest, TheTurnGoesToWhoCameFirst) {
-  test::FakeClock clock;
-  PhotoTurn turn(clock);
-  std::string order;
-  const auto take = [&](char name, std::chrono::milliseconds limit) {
-    const PhotoTurn::Holder holder(turn, limit);
-    order += holder ? name : '-';
-  };
-  std::vector<std::jthread> callers;
-  {
-    const PhotoTurn::Holder first(turn, 0ms);
-    for (const char name : {'b', 'c', 'd'}) {
-      const auto limit = name == 'c' ? 1'000ms : 60'000ms;
-      callers.emplace_back(take, name, limit);
-      clock.AwaitWaiters(name - 'a');
-    }
-    clock.Advance(2'000ms);
-    callers[1].join();
-  }
-  take('a', 60'000ms);
-  callers.clear();
-  EXPECT_EQ(order, "-bda") << "even when the last holder asks again at once";
 }
 
 TEST_F(PhotoTest, ACallerThatWaitsLongerThan10SecondsFails) {

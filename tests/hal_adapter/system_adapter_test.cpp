@@ -8,6 +8,7 @@
 
 #include "hal_adapter/device_uuid.h"
 #include "hal_adapter/fake_tables.h"
+#include "support/fake_clock.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
@@ -15,6 +16,7 @@ namespace varnel::hal_adapter {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 using testing::HasSubstr;
 
 template <size_t Size>
@@ -40,7 +42,7 @@ class SystemAdapterTest : public testing::Test {
 
   SystemAdapter Adapter(IdentityFiles files) {
     return SystemAdapter([] { return kHalSuccess; }, std::move(files), registry_,
-                         [] { return 5489u; });
+                         [] { return 5489u; }, clock_);
   }
   SystemAdapter Adapter() {
     return Adapter({dir_ / "serial", dir_ / "product", dir_ / "version", dir_ / "full"});
@@ -48,6 +50,7 @@ class SystemAdapterTest : public testing::Test {
 
   test::LogCapture log_;
   test::TempDir dir_;
+  test::FakeClock clock_{test::FakeClock::Waiting::kManual};
   SystemHalInterface table_ = test::FakeSystem();
   HalRegistry registry_;
 };
@@ -123,8 +126,16 @@ TEST_F(SystemAdapterTest, AnInterfaceThatComesLaterIsFoundWhenSomebodyAsks) {
   ASSERT_TRUE(adapter.Start());
   EXPECT_EQ(adapter.Uuid(), NameUuid("SN01UnknownMAC0badcafe"));
   EXPECT_EQ(log_.Count("HALSYS", "Product is PC9:SN01"), 1u);
+  clock_.Advance(1s);
+  EXPECT_EQ(adapter.Identity()->mac, "UnknownMAC");
   SetText(device.mac, "AA:BB:CC:DD:EE:FF");
+  clock_.Advance(1s);
+  EXPECT_EQ(adapter.Identity()->mac, "UnknownMAC") << "the pauses double";
+  SetText(device.serial_number, "--");  // its storage fails meanwhile
+  clock_.Advance(1s);
   EXPECT_EQ(adapter.Identity()->mac, "AA:BB:CC:DD:EE:FF");
+  EXPECT_EQ(adapter.Identity()->device_key.Text(), "the-secret-key");
+  clock_.Advance(1h);
   SetText(device.mac, "11:22:33:44:55:66");
   EXPECT_EQ(adapter.Uuid(), NameUuid("SN01AA:BB:CC:DD:EE:FF0badcafe")) << "read once";
 }

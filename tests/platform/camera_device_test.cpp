@@ -102,6 +102,16 @@ TEST_F(CameraDeviceTest, FramesOfAnotherKindThanAskedAreRefused) {
     EXPECT_EQ(log_.Lines().size() - lines, i == 0 ? 0u : 1u);
     ASSERT_EQ(camera_device_close(&camera_), 0);
   }
+  // Some drivers tell longer lines than their frames have.
+  driver_.granted->width = 8;
+  driver_.granted->height = 4;
+  const hal_adapter::CameraConfig small = {8, 4, hal_adapter::CAMERA_PIXEL_FORMAT_NV12};
+  ASSERT_EQ(camera_device_open(&camera_, &small), 0);
+  driver_.frames = {Frame(0, 48), Frame(0, 64)};
+  EXPECT_EQ(Capture(), 0);
+  EXPECT_EQ(image_.size, 48u);
+  EXPECT_EQ(Capture(), -3);
+  EXPECT_EQ(image_.size, 0u) << "nothing to be converted";
 }
 
 TEST_F(CameraDeviceTest, RefusesWhatItsStateDoesNotAllow) {

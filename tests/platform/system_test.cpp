@@ -23,17 +23,38 @@ namespace {
 namespace fs = std::filesystem;
 using testing::HasSubstr;
 
+/// A named pipe that neither side waits to open.
+class Fifo {
+ public:
+  explicit Fifo(const std::string& path) {
+    if (::mkfifo(path.c_str(), 0600) == 0) {
+      end_.Reset(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    }
+  }
+  bool WaitForText() const {
+    pollfd end = {end_.Get(), POLLIN, 0};
+    return ::poll(&end, 1, 20'000) == 1;
+  }
+  bool Put() const { return ::write(end_.Get(), "\n", 1) == 1; }
+
+ private:
+  utils::UniqueFd end_;
+};
+
 class UpgradeTest : public testing::Test {
  protected:
   int32_t Upgrade(const char* script) {
     UpgradeBoard board;
     board.script = dir_.WriteScript("upgrade.sh", script);
     board.output_dir = dir_.Path();
-    return upgrade_firmware(board, 0, "/userdata/a b.swu");
+    return upgrade_firmware(board, leftovers_, 0, "/userdata/a b.swu");
   }
+
+  size_t Outputs() const { return UpgradeOutput::FindIn(dir_.Path()).size(); }
 
   test::LogCapture log_;
   test::TempDir dir_;
+  UpgradeLeftovers leftovers_;
 };
 
 TEST_F(UpgradeTest, RunsTheScriptAndLogsWhatItSays) {
@@ -57,42 +78,32 @@ TEST_F(UpgradeTest, KeepsTheFirst40960BytesOfItsOutput) {
   EXPECT_THAT(log_.Text(), testing::Not(HasSubstr("beyond")));
 }
 
-/// The script waits for the cut of its own output.
+/// Both the script and what it leaves behind wait for the cut of their own output.
 TEST_F(UpgradeTest, LongOutputIsCutWhileTheScriptGoesOn) {
   constexpr const char* kScript = R"sh(
 said() { stat -L -c %s /proc/$$/fd/2; }
 echo first; head -c 3000000 /dev/zero; i=0
 while [ "$(said)" -gt 1048576 ] && [ $((i += 1)) -lt 5000 ]; do :; done
-echo last; [ "$(said)" -le 1048576 ])sh";
+echo last; [ "$(said)" -le 1048576 ] || exit
+(cd "${0%/*}"; read go < ended; head -c 3000000 /dev/zero
+while [ "$(said)" -gt 1048576 ]; do :; done; echo > cut) &)sh";
+  const Fifo ended(dir_ / "ended");
+  const Fifo cut(dir_ / "cut");
   EXPECT_EQ(Upgrade(kScript), 0);
   EXPECT_TRUE(log_.Has("IMSYS", "Upgrade: first"));
+  EXPECT_EQ(Outputs(), 1U) << "is still written to";
+  EXPECT_TRUE(ended.Put());
+  EXPECT_TRUE(cut.WaitForText());
+  EXPECT_TRUE(test::Eventually([&] { return Outputs() == 0; }));
 }
 
 TEST_F(UpgradeTest, AMissingScriptIsNotFound) {
   UpgradeBoard board;
   board.script = dir_ / "none";
   board.output_dir = dir_.Path();
-  EXPECT_EQ(upgrade_firmware(board, 0, "/x"), 127);
+  EXPECT_EQ(upgrade_firmware(board, leftovers_, 0, "/x"), 127);
   EXPECT_TRUE(log_.Has("IMSYS", "Upgrade failed"));
 }
-
-/// A named pipe that neither side waits to open.
-class Fifo {
- public:
-  explicit Fifo(const std::string& path) {
-    if (::mkfifo(path.c_str(), 0600) == 0) {
-      end_.Reset(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
-    }
-  }
-  bool WaitForText() const {
-    pollfd end = {end_.Get(), POLLIN, 0};
-    return ::poll(&end, 1, 20'000) == 1;
-  }
-  bool Put() const { return ::write(end_.Get(), "\n", 1) == 1; }
-
- private:
-  utils::UniqueFd end_;
-};
 
 TEST_F(UpgradeTest, TheScriptFinishesThoughTheDaemonIsKilled) {
   const Fifo started(dir_ / "started");
@@ -119,14 +130,12 @@ TEST_F(UpgradeTest, TheScriptFinishesThoughTheDaemonIsKilled) {
   }
   EXPECT_EQ(said, "still\nhere\n");
   ASSERT_EQ(::symlink("gone", (dir_ / ".upgrade-link").c_str()), 0);
-  const auto outputs = [this] { return UpgradeOutput::FindIn(dir_.Path()).size(); };
   {
     const utils::UniqueFd writer(::open(said_in.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
-    const UpgradeOutputGuard guard(UpgradeOutput::FindIn(dir_.Path()));
-    EXPECT_EQ(outputs(), 1U) << "its script runs";
+    leftovers_.Keep(UpgradeOutput::FindIn(dir_.Path()));
+    EXPECT_EQ(Outputs(), 1U) << "its script runs";
   }
-  const UpgradeOutputGuard guard(UpgradeOutput::FindIn(dir_.Path()));
-  EXPECT_TRUE(test::Eventually([&] { return outputs() == 0; }));
+  EXPECT_TRUE(test::Eventually([&] { return Outputs() == 0; }));
 }
 
 }  // namespace

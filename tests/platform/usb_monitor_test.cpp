@@ -177,13 +177,18 @@ TEST_F(UsbMonitorTest, DrivesThatAreThereAlreadyAreToldAsSuch) {
   EXPECT_FALSE(log_.Has(kTag, "Device mounting timeout")) << "a card reader without a card";
 }
 
-TEST_F(UsbMonitorTest, ADriveThatIsNeverMountedIsGivenUp) {
+TEST_F(UsbMonitorTest, ADriveThatIsMountedTooLateIsNoInsertionAndYetFound) {
+  devices_.AddUsb("sdp");
   Start(Board());
   devices_.AddUsb("sda");
-  ASSERT_TRUE(Logged("Device mounting timeout"));
-  Mount("/dev/sdb1 /mnt/b");
+  const std::string pulled_out = devices_.AddUsb("sdd");
+  ASSERT_TRUE(test::Eventually([&] { return log_.Count(kTag, "Device mounting timeout") == 2; }));
+  devices_.Tell(pulled_out, "remove");
+  ASSERT_TRUE(Logged("Device event: node: /dev/sdd, action: remove"));
+  dir_.Write("mounts",
+             "/dev/sdb1 /b vfat\n/dev/sda1 /a vfat\n/dev/sdp1 /p vfat\n/dev/sdd1 /d vfat\n");
   devices_.AddUsb("sdb");
-  EXPECT_THAT(posted_.WaitFor(1), ElementsAre("/mnt/b"));
+  EXPECT_THAT(posted_.WaitFor(3), ElementsAre("/b", "present /p", "present /a"));
 }
 
 TEST_F(UsbMonitorTest, AMountThatComesLaterIsFound) {

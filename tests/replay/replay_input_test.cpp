@@ -5,9 +5,7 @@
 #include <sstream>
 
 #include "replay/command_line.h"
-#include "replay/labels.h"
-#include "replay/picture_folder.h"
-#include "replay/turn.h"
+#include "replay/picture_set.h"
 #include "support/temp_dir.h"
 
 namespace varnel::replay {

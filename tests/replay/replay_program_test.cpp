@@ -4,7 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 
-#include "service/analysis/image_files.h"
+#include "service/analysis/picture/image_files.h"
 #include "support/temp_dir.h"
 #include "utils/safe_exec.h"
 #include "virtual_board/chart/scene.h"

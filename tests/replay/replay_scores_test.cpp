@@ -6,7 +6,7 @@
 
 #include "replay/evaluation.h"
 #include "replay/matching.h"
-#include "replay/sweep_plot.h"
+#include "replay/sweep.h"
 
 namespace varnel::replay {
 namespace {

@@ -17,7 +17,7 @@ inline bool Eventually(const std::function<bool()>& done,
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (!done()) {
     if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));  // sleeps: between two looks
   }
   return true;
 }

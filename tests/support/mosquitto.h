@@ -106,7 +106,7 @@ class Mosquitto {
       const bool up = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
       close(fd);
       if (up) return;
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));  // sleeps: between two looks
     }
     throw std::runtime_error("mosquitto does not listen");
   }

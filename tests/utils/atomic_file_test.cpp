@@ -92,7 +92,11 @@ TEST(TemporaryNameTest, OnlyWhatIsOursIsALeftover) {
   dir.Write(".varnel-abcdeg/film", "x");
   dir.Write(".varnelabc", "a client's");
   fs::create_directory_symlink(dir / "victim", dir / ".varnel-abcdeh");
-  size_t left = 2;
+  dir.Write(".varnel-abcdej/made/by/somebody/else", "x");
+  std::error_code error;
+  const auto in_use = PrivateDirectory::Create(dir.Path(), error);
+  ASSERT_TRUE(in_use) << error.message();
+  size_t left = 4;
   if (::geteuid() == 0) {
     const fs::path foreign = dir.Write(".varnel-abcdei", "another user's");
     ASSERT_EQ(::chown(foreign.c_str(), 65534, 65534), 0);
@@ -100,6 +104,8 @@ TEST(TemporaryNameTest, OnlyWhatIsOursIsALeftover) {
   }
   RemoveLeftovers(dir.Path());
   EXPECT_EQ(FilesIn(dir.Path()), left);
+  RemoveLeftovers(dir.Path(), Leftovers::kAll);
+  EXPECT_EQ(FilesIn(dir.Path()), left - 1) << "the one in use too";
   EXPECT_EQ(ReadFile(dir / "victim/kept"), "x");
 }
 

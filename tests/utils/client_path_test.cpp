@@ -111,6 +111,7 @@ void ClientPathDeathTest::ExpectEachJudged() const {
       {"@data/.hidden", "-"},
       {"@data/.up-12", "-"},
       {"@data/.varnel-12", "-"},
+      {"@data/.varnel-abcdef/a", "-"},
       {"@data/later", "-"},
       {"/etc/cron.d/a", "-"},
       {"/tmp/../etc/a", "-"},
@@ -130,6 +131,7 @@ void ClientPathDeathTest::ExpectEachJudged() const {
 }
 
 TEST_F(ClientPathDeathTest, EachPathIsJudgedByWhereItReallyLeadsOnEachKernel) {
+  fs::create_directory(dir_ / "data/.varnel-abcdef");
   ExpectEachJudged();
   ExpectAsWellWithout([] { test::RefuseCalls({SYS_openat2}, ENOSYS); },
                       &ClientPathDeathTest::ExpectEachJudged);
@@ -170,9 +172,11 @@ void ClientPathDeathTest::ExpectSwapsLeadNowhere() const {
     meanwhile();
     return file->Publish(0644);
   };
-  const auto nothing = [] {};
-  EXPECT_FALSE(write("data/file.jpg", nothing));
-  EXPECT_FALSE(write("data/sub/other.jpg", nothing));
+  EXPECT_FALSE(write("data/sub/other.jpg", [&] {
+    EXPECT_FALSE(write("data/sub/meanwhile.jpg", [] {}))
+        << "does not take the other for a leftover";
+  }));
+  EXPECT_FALSE(write("data/file.jpg", [] {}));
   EXPECT_EQ(test::ReadFile(dir_ / "data/file.jpg") + test::ReadFile(dir_ / "data/sub/other.jpg"),
             "newnew");
   EXPECT_EQ(fs::status(dir_ / "data/file.jpg").permissions(), fs::perms(0644));
@@ -195,6 +199,12 @@ void ClientPathDeathTest::ExpectSwapsLeadNowhere() const {
 
 TEST_F(ClientPathDeathTest, ASwapAfterTheJudgementWritesNowhereElse) {
   ExpectSwapsLeadNowhere();
+  ExpectAsWellWithout(
+      [] {
+        test::RefuseCalls({SYS_linkat, SYS_sendfile}, EINVAL);
+      },
+      &ClientPathDeathTest::ExpectSwapsLeadNowhere);
+  dir_.Write("data/sub/.varnel-abcdef", "where files have names an interruption leaves one");
   ExpectAsWellWithout(test::RefuseFilesWithoutNames, &ClientPathDeathTest::ExpectSwapsLeadNowhere);
 }
 

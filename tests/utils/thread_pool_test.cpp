@@ -7,12 +7,18 @@
 #include <latch>
 #include <memory>
 #include <set>
+#include <string>
+#include <vector>
 
+#include "support/fake_clock.h"
 #include "support/log_capture.h"
 #include "utils/thread.h"
+#include "utils/turn.h"
 
 namespace varnel::utils {
 namespace {
+
+using namespace std::chrono_literals;
 
 std::string ThreadName() {
   std::array<char, 16> name{};
@@ -84,6 +90,30 @@ TEST(SpawnGuardedTest, ThreadIsNamedDeafToTerminationAndItsExceptionIsLogged) {
   EXPECT_THAT(log.Text(), testing::HasSubstr("ended: broken"));
   pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
   EXPECT_FALSE(sigismember(&blocked, SIGTERM));
+}
+
+TEST(TurnTest, GoesToWhoCameFirst) {
+  test::FakeClock clock;
+  Turn turn(clock);
+  std::string order;
+  const auto take = [&](char name, std::chrono::milliseconds limit) {
+    const Turn::Holder holder(turn, limit);
+    order += holder ? name : '-';
+  };
+  std::vector<std::jthread> callers;
+  {
+    const Turn::Holder first(turn, 0ms);
+    for (const char name : {'b', 'c', 'd'}) {
+      const auto limit = name == 'c' ? 1'000ms : 60'000ms;
+      callers.emplace_back(take, name, limit);
+      clock.AwaitWaiters(name - 'a');
+    }
+    clock.Advance(2'000ms);
+    callers[1].join();
+  }
+  take('a', 60'000ms);
+  callers.clear();
+  EXPECT_EQ(order, "-bda") << "even when the last holder asks again at once";
 }
 
 }  // namespace

@@ -97,7 +97,7 @@ json CaptureDetection::Detect(const json& params) {
     return Failure(kNoAnalyserMessage, kNoAnalyser);
   }
   if (!AreDetectionParams(params)) return InvalidCameraParams(kMethod);
-  const hal_adapter::PhotoTurn::Holder turn(turn_, kMaxWait);
+  const utils::Turn::Holder turn(turn_, kMaxWait);
   if (!turn) VLOG_WARN(kTag, "Earlier detections are still running after 10s");
   if (!turn || !take_photo_(picture_)) return Failure(kTakePhotoFailed);
   PrintAnalyser::Answer answer = analyser_->Detect(picture_, params);

@@ -5,9 +5,9 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "hal_adapter/photo_turn.h"
 #include "service/camera/print_analyser.h"
 #include "utils/clock.h"
+#include "utils/turn.h"
 
 namespace varnel::service {
 
@@ -32,7 +32,7 @@ class CaptureDetection {
   const TakePhoto take_photo_;
   PrintAnalyser* const analyser_;
   const std::string picture_;
-  hal_adapter::PhotoTurn turn_;  // over the picture's file and the analyser
+  utils::Turn turn_;  // over the picture's file and the analyser
 };
 
 /// Whether the types are right: "labels" a list of texts, "detect_status" a text, "z_position" a

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "service/analysis/image_files.h"
+#include "service/analysis/decision/printer_analysis.h"
+#include "service/analysis/network/rknn_library.h"
 #include "service/analysis/npu_stand_in.h"
-#include "service/analysis/printer_analysis.h"
-#include "service/analysis/rknn_library.h"
+#include "service/analysis/picture/image_files.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
@@ -30,7 +30,7 @@ inline Image Plain(int32_t width, int32_t height, uint8_t grey) {
 }
 
 /// Fills a box with a pattern of its own for each seed.
-inline void Scribble(Image& image, const DetectionBox& box, uint32_t seed) {
+inline void Scribble(Image& image, const Rect& box, uint32_t seed) {
   for (int32_t y = box.top; y < box.bottom; ++y) {
     for (int32_t x = box.left; x < box.right; ++x) {
       // Patches of 4x4 pixels, which survive blur and JPEG.
@@ -118,7 +118,7 @@ class AnalysisWorld {
 
   test::LogCapture log_;
   test::TempDir dir_;
-  ResultPictures::SpaceCheck has_space_;
+  utils::SpaceCheck has_space_;
   utils::Clock* clock_ = nullptr;
   const RknnLibrary library_{{kNpuStandIn}};
   std::unique_ptr<PrinterAnalysis> analysis_;

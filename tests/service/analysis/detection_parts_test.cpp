@@ -4,12 +4,12 @@
 #include <random>
 
 #include "service/analysis/analysis_world.h"
-#include "service/analysis/annotation.h"
-#include "service/analysis/bed_item_algorithm.h"
-#include "service/analysis/detection_statistics.h"
-#include "service/analysis/image_quality.h"
-#include "service/analysis/picture_compare.h"
-#include "service/analysis/picture_directory.h"
+#include "service/analysis/decision/annotation.h"
+#include "service/analysis/decision/bed_item_algorithm.h"
+#include "service/analysis/decision/detection_statistics.h"
+#include "service/analysis/decision/picture_directory.h"
+#include "service/analysis/picture/image_quality.h"
+#include "service/analysis/picture/picture_compare.h"
 
 namespace varnel::service {
 namespace {
@@ -39,7 +39,7 @@ TEST(ImageQualityTest, TheAverageByteDecides) {
   EXPECT_EQ(image_quality(picture.buffer), -2);
 }
 
-Detection Result(const DetectionBox& box, float prop, int32_t cls = 0, uint32_t flag = 0) {
+Detection Result(const Rect& box, float prop, int32_t cls = 0, uint32_t flag = 0) {
   return {box, prop, cls, flag};
 }
 
@@ -109,7 +109,7 @@ TEST(BedItemFlagTest, LabelSizeAndPlaceDecide) {
   const test::LogCapture log;
   const struct {
     const char* label;
-    DetectionBox box;
+    Rect box;
     uint32_t flag;
   } cases[] = {
       {"nozzle", {500, 500, 900, 900}, 0x10}, {"legend_text", {500, 500, 510, 510}, 0x10},
@@ -145,8 +145,8 @@ TEST(ResultCaptionTest, SaysWhyAResultDoesNotCount) {
 
 TEST(PictureDiffRatioTest, ZeroForTheSameAndOneForAnother) {
   const test::LogCapture log;
-  const DetectionBox box{100, 100, 220, 200};
-  const DetectionBox around{60, 60, 260, 240};
+  const Rect box{100, 100, 220, 200};
+  const Rect around{60, 60, 260, 240};
   Image reference = Plain(400, 300, 120);
   Scribble(reference, around, 1);
   Image same = Plain(400, 300, 120);

@@ -1,4 +1,4 @@
-#include "service/analysis/image_convert.h"
+#include "service/analysis/picture/image_convert.h"
 
 #include <gmock/gmock.h>
 
@@ -6,9 +6,9 @@
 #include <cmath>
 #include <random>
 
-#include "service/analysis/image_layout.h"
-#include "service/analysis/letterbox.h"
-#include "service/analysis/rga_library.h"
+#include "service/analysis/picture/image_layout.h"
+#include "service/analysis/picture/letterbox.h"
+#include "service/analysis/picture/rga_library.h"
 
 namespace varnel::service {
 namespace {
@@ -43,8 +43,8 @@ ImageBuffer NoiseView(int32_t width, int32_t height, int32_t stride, PixelFormat
 }
 
 /// The value at a destination pixel, by the definition.
-double Reference(const ImageBuffer& source, const ImageRect& from, const ImageRect& to, int32_t x,
-                 int32_t y, size_t channel) {
+double Reference(const ImageBuffer& source, const Rect& from, const Rect& to, int32_t x, int32_t y,
+                 size_t channel) {
   const auto place = [](int32_t index, int32_t from_length, int32_t to_length) {
     return std::clamp((index + 0.5) * from_length / to_length - 0.5, 0.0, from_length - 1.0);
   };
@@ -79,16 +79,16 @@ struct Target {
   Image image;
 };
 
-bool Covers(const ImageRect& rect, int32_t x, int32_t y) {
-  return x >= rect.left && x <= rect.right && y >= rect.top && y <= rect.bottom;
+bool Covers(const Rect& rect, int32_t x, int32_t y) {
+  return x >= rect.left && x < rect.right && y >= rect.top && y < rect.bottom;
 }
 
 /// The corners of the stride box and of the rectangle, and random places.
-std::vector<std::pair<int32_t, int32_t>> Places(const ImageBuffer& image, const ImageRect& rect) {
+std::vector<std::pair<int32_t, int32_t>> Places(const ImageBuffer& image, const Rect& rect) {
   const int32_t stride = WidthStride(image);
   std::vector<std::pair<int32_t, int32_t>> places;
-  for (const int32_t x : {0, rect.left - 1, rect.left, rect.right, rect.right + 1, stride - 1}) {
-    for (const int32_t y : {0, rect.top - 1, rect.top, rect.bottom, rect.bottom + 1}) {
+  for (const int32_t x : {0, rect.left - 1, rect.left, rect.right - 1, rect.right, stride - 1}) {
+    for (const int32_t y : {0, rect.top - 1, rect.top, rect.bottom - 1, rect.bottom}) {
       if (x >= 0 && x < stride && y >= 0 && y < image.height) places.emplace_back(x, y);
     }
   }
@@ -100,8 +100,8 @@ std::vector<std::pair<int32_t, int32_t>> Places(const ImageBuffer& image, const 
   return places;
 }
 
-void ExpectScaled(const ImageBuffer& source, const ImageRect& from, const Target& target,
-                  const ImageRect& to, uint8_t around) {
+void ExpectScaled(const ImageBuffer& source, const Rect& from, const Target& target, const Rect& to,
+                  uint8_t around) {
   const auto channels = static_cast<size_t>(BytesPerPixel(source.format));
   for (const auto& [x, y] : Places(target.image.buffer, to)) {
     for (size_t c = 0; c < channels; ++c) {
@@ -134,7 +134,7 @@ void ExpectLetterboxed(const ImageBuffer& source, int32_t width, int32_t height)
   LetterBox box;
   CaptureStdout();
   const int result =
-      convert_image_with_letterbox(NoEngine(), source, target.image.buffer, box, kGrey, false);
+      convert_image_with_letterbox(source, target.image.buffer, box, kGrey, false, NoEngine());
   const std::string printed = GetCapturedStdout();
   if (wanted.width == 0 || wanted.height == 0) {
     EXPECT_LT(result, 0);
@@ -152,8 +152,7 @@ void ExpectLetterboxed(const ImageBuffer& source, int32_t width, int32_t height)
   // A corner comes back within one network pixel and what rounding took from the side.
   EXPECT_NEAR(static_cast<float>(wanted.width) / box.scale, source.width, (3 + 1) / wanted.scale);
   EXPECT_NEAR(static_cast<float>(wanted.height) / box.scale, source.height, (1 + 1) / wanted.scale);
-  const ImageRect to{box.x_pad, box.y_pad, box.x_pad + wanted.width - 1,
-                     box.y_pad + wanted.height - 1};
+  const Rect to{box.x_pad, box.y_pad, box.x_pad + wanted.width, box.y_pad + wanted.height};
   ExpectScaled(source, WholePicture(source), target, to, kGrey);
 }
 
@@ -187,9 +186,8 @@ TEST(Letterbox, MapsCameraPicturesBackWithinOnePixel) {
                         Case{1080, 1920, 140, 0}, Case{1900, 1069, 0, 140}, Case{320, 320, 0, 0}}) {
     Target target(640, 640, 640, PixelFormat::kRgb888);
     LetterBox box;
-    ASSERT_EQ(convert_image_with_letterbox(NoEngine(),
-                                           NoiseView(c.width, c.height, 0, PixelFormat::kRgb888),
-                                           target.image.buffer, box, kGrey, false),
+    ASSERT_EQ(convert_image_with_letterbox(NoiseView(c.width, c.height, 0, PixelFormat::kRgb888),
+                                           target.image.buffer, box, kGrey, false, NoEngine()),
               0);
     EXPECT_EQ(box.x_pad, c.x_pad);
     EXPECT_EQ(box.y_pad, c.y_pad);
@@ -203,10 +201,10 @@ TEST(Letterbox, SlightChangeCentresWhatFits) {
   const ImageBuffer small = NoiseView(101, 51, 0, PixelFormat::kRgb888);
   const Target target(224, 224, 224, PixelFormat::kRgb888);
   LetterBox box;
-  ASSERT_EQ(convert_image_with_letterbox(NoEngine(), small, target.image.buffer, box, kGrey, true),
+  ASSERT_EQ(convert_image_with_letterbox(small, target.image.buffer, box, kGrey, true, NoEngine()),
             0);
   EXPECT_EQ(box.scale, 1.0F);
-  ExpectScaled(small, WholePicture(small), target, {60, 86, 160, 136}, kGrey);
+  ExpectScaled(small, WholePicture(small), target, {60, 86, 161, 137}, kGrey);
 }
 
 TEST(Letterbox, RefusesMissingMemory) {
@@ -215,9 +213,9 @@ TEST(Letterbox, RefusesMissingMemory) {
   nothing.virt_addr = nullptr;
   LetterBox box;
   CaptureStdout();
-  EXPECT_LT(convert_image_with_letterbox(NoEngine(), target.image.buffer, nothing, box, 1, false),
+  EXPECT_LT(convert_image_with_letterbox(target.image.buffer, nothing, box, 1, false, NoEngine()),
             0);
-  EXPECT_LT(convert_image_with_letterbox(NoEngine(), {}, target.image.buffer, box, 1, false), 0);
+  EXPECT_LT(convert_image_with_letterbox({}, target.image.buffer, box, 1, false, NoEngine()), 0);
   EXPECT_EQ(GetCapturedStdout(),
             "malloc size 12288 error\nletterbox from 0x0 to 64x64 is not possible\n");
 }
@@ -229,11 +227,11 @@ TEST(ConvertImage, ScalesCropsOfEveryPackedFormat) {
   for (const PixelFormat format : formats) {
     const ImageBuffer source = NoiseView(61, 47, 67, format);
     for (const auto& [from_width, from_height] : sizes) {
-      const ImageRect from{61 - std::min(from_width, 61), 47 - std::min(from_height, 47), 60, 46};
+      const Rect from{61 - std::min(from_width, 61), 47 - std::min(from_height, 47), 61, 47};
       for (const auto& [width, height] : sizes) {
         const Target target(70, 95, 73, format);
-        const ImageRect to{3, 2, 2 + width, 1 + height};
-        ASSERT_EQ(convert_image(NoEngine(), source, target.image.buffer, from, to, kGrey), 0);
+        const Rect to{3, 2, 3 + width, 2 + height};
+        ASSERT_EQ(convert_image({source, target.image.buffer, from, to, kGrey}, NoEngine()), 0);
         ExpectScaled(source, from, target, to, kGrey);
         if (HasFatalFailure()) return;
       }
@@ -250,22 +248,23 @@ TEST(ConvertImage, RefusesWhatTheProcessorCannotDo) {
     return image;
   };
   const auto refuse = [&](const ImageBuffer& source, const ImageBuffer& destination,
-                          std::optional<ImageRect> crop, const std::string& reason) {
+                          const std::string& reason, const Rect& to = {0, 0, 32, 32}) {
     CaptureStdout();
-    EXPECT_EQ(convert_image(NoEngine(), source, destination, {}, crop, kGrey), -1);
+    EXPECT_EQ(convert_image({source, destination, WholePicture(source), to, kGrey}, NoEngine()),
+              -1);
     EXPECT_EQ(GetCapturedStdout(),
               "try convert image use cpu\n" + reason + "convert_image_cpu fail -1\n");
   };
   const ImageBuffer nv12 = changed([](ImageBuffer& image) { image.format = PixelFormat::kNv12; });
-  refuse(changed([](ImageBuffer& image) { image.virt_addr = nullptr; }), rgb, {}, "");
-  refuse(changed([](ImageBuffer& image) { image.format = PixelFormat::kBgr888; }), rgb, {}, "");
-  refuse(changed([](ImageBuffer& image) { --image.size; }), rgb, {}, "");
-  refuse(changed([](ImageBuffer& image) { image.width = -5; }), rgb, {}, "");
-  refuse(changed([](ImageBuffer& image) { image.width_stride = 31; }), rgb, {}, "");
-  refuse(nv12, nv12, {}, "no support format 2560\n");
-  for (const ImageRect& rect : {ImageRect{-1, 0, 5, 5}, ImageRect{0, 0, 32, 5},
-                                ImageRect{6, 0, 5, 5}, ImageRect{0, 0, 5, 32}}) {
-    refuse(rgb, rgb, rect, "");
+  refuse(changed([](ImageBuffer& image) { image.virt_addr = nullptr; }), rgb, "");
+  refuse(changed([](ImageBuffer& image) { image.format = PixelFormat::kBgr888; }), rgb, "");
+  refuse(changed([](ImageBuffer& image) { --image.size; }), rgb, "");
+  refuse(changed([](ImageBuffer& image) { image.width = -5; }), rgb, "");
+  refuse(changed([](ImageBuffer& image) { image.width_stride = 31; }), rgb, "");
+  refuse(nv12, nv12, "no support format 2560\n");
+  for (const Rect& rect :
+       {Rect{-1, 0, 6, 6}, Rect{0, 0, 33, 6}, Rect{6, 0, 6, 6}, Rect{0, 0, 6, 33}}) {
+    refuse(rgb, rgb, "", rect);
   }
   EXPECT_THAT(good.image.pixels, testing::Each(kUntouched));
 }
@@ -278,9 +277,8 @@ TEST(CropImage, CopiesABoxOrRefusesIt) {
   EXPECT_EQ(crop.buffer.height, 7);
   const uint8_t* const last = source.virt_addr + 46 * RowPitch(source) + size_t{60} * 3;
   EXPECT_TRUE(std::equal(last, last + 3, crop.pixels.end() - 3));
-  for (const DetectionBox& box :
-       {DetectionBox{50, 40, 62, 47}, DetectionBox{-1, 0, 5, 5}, DetectionBox{5, 5, 5, 9},
-        DetectionBox{INT32_MIN, INT32_MIN, INT32_MAX, INT32_MAX}}) {
+  for (const Rect& box : {Rect{50, 40, 62, 47}, Rect{-1, 0, 5, 5}, Rect{5, 5, 5, 9},
+                          Rect{INT32_MIN, INT32_MIN, INT32_MAX, INT32_MAX}}) {
     EXPECT_LT(crop_image(source, box, crop), 0);
   }
   ImageBuffer planar = source;

@@ -1,4 +1,4 @@
-#include "service/analysis/image_draw.h"
+#include "service/analysis/picture/image_draw.h"
 
 #include <gtest/gtest.h>
 
@@ -7,8 +7,8 @@
 #include <climits>
 #include <set>
 
-#include "service/analysis/image_font.h"
-#include "service/analysis/image_layout.h"
+#include "service/analysis/picture/image_font.h"
+#include "service/analysis/picture/image_layout.h"
 
 namespace varnel::service {
 namespace {
@@ -58,15 +58,15 @@ TEST(DrawImage, OutlinesTheBoxUnderItsCaption) {
 }
 
 TEST(DrawImage, IsCutOffAtEveryEdge) {
-  const DetectionBox boxes[] = {{-10, -10, 30, 30},
-                                {70, 50, 120, 90},
-                                {-50, 20, 200, 40},
-                                {85, 68, 89, 69},
-                                {10, 3, 11, 4},
-                                {INT_MIN, INT_MIN, INT_MAX, INT_MAX},
-                                {INT_MAX - 1, 0, INT_MAX, 10},
-                                {40, 40, 30, 30}};
-  for (const DetectionBox& box : boxes) {
+  const Rect boxes[] = {{-10, -10, 30, 30},
+                        {70, 50, 120, 90},
+                        {-50, 20, 200, 40},
+                        {85, 68, 89, 69},
+                        {10, 3, 11, 4},
+                        {INT_MIN, INT_MIN, INT_MAX, INT_MAX},
+                        {INT_MAX - 1, 0, INT_MAX, 10},
+                        {40, 40, 30, 30}};
+  for (const Rect& box : boxes) {
     const Image image = Black();
     draw_image_c3(image.buffer, box, "label 0.97 \xc3\xa4 with a long text", {255, 255, 255});
     EXPECT_EQ(Drawn(image, kWidth, kStride), 0) << box.left << ',' << box.top;

@@ -1,4 +1,4 @@
-#include "service/analysis/image_files.h"
+#include "service/analysis/picture/image_files.h"
 
 #include <gmock/gmock.h>
 #include <png.h>
@@ -9,8 +9,8 @@
 #include <memory>
 #include <thread>
 
-#include "service/analysis/image_layout.h"
 #include "service/analysis/jpeg_files.h"
+#include "service/analysis/picture/image_layout.h"
 #include "support/temp_dir.h"
 
 namespace varnel::service {

@@ -21,7 +21,12 @@ NpuScript& Script() {
 int Fault(const char* function) {
   const auto failure = Script().failures.find(function);
   if (failure == Script().failures.end()) return 0;
-  return failure->second.passing-- > 0 ? 0 : failure->second.code;
+  NpuScript::Failure& next = failure->second;
+  if (next.passing > 0) {
+    --next.passing;
+    return 0;
+  }
+  return next.failing-- > 0 ? next.code : 0;
 }
 
 ScriptedNetwork* Find(RknnHandle handle) {

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <climits>
 #include <cstdint>
 #include <filesystem>
 #include <future>
@@ -13,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "service/analysis/rknn_api.h"
+#include "service/analysis/network/rknn_api.h"
 
 namespace varnel::service {
 
@@ -85,7 +86,8 @@ struct ScriptedNetwork {
 struct NpuScript {
   struct Failure {
     int code = -1;
-    int passing = 0;  ///< calls that pass before; from then on all fail
+    int passing = 0;        ///< calls that pass before
+    int failing = INT_MAX;  ///< calls that fail then
   };
 
   std::map<std::string, ScriptedNetwork> networks;  ///< by file name; other files fail with -6

@@ -1,4 +1,4 @@
-#include "service/analysis/post_process.h"
+#include "service/analysis/network/post_process.h"
 
 #include <gtest/gtest.h>
 
@@ -261,7 +261,7 @@ TEST(PostProcessTest, MapsABoxThroughPaddingAndScale) {
   outputs.Place(2, 19, 19, 0, 0.625F, {0, 0, 9, 9});  // 624..912, past the far edges
   const DetectionList found = outputs.Process();
   ASSERT_EQ(found.count, 3);
-  const auto expect = [&](size_t i, float prop, DetectionBox box) {
+  const auto expect = [&](size_t i, float prop, Rect box) {
     EXPECT_EQ(found.results[i].prop, prop);
     EXPECT_EQ(found.results[i].box.left, box.left);
     EXPECT_EQ(found.results[i].box.top, box.top);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "service/analysis/rga_abi.h"
+#include "service/analysis/picture/rga_abi.h"
 
 namespace varnel::test {
 

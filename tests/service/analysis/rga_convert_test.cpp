@@ -6,10 +6,10 @@
 #include <cstring>
 
 #include "recording_rga.h"
-#include "service/analysis/image_convert.h"
-#include "service/analysis/image_layout.h"
-#include "service/analysis/letterbox.h"
-#include "service/analysis/rga_library.h"
+#include "service/analysis/picture/image_convert.h"
+#include "service/analysis/picture/image_layout.h"
+#include "service/analysis/picture/letterbox.h"
+#include "service/analysis/picture/rga_library.h"
 
 namespace varnel::service {
 
@@ -48,8 +48,8 @@ class RgaConvert : public testing::Test {
 
   std::string Letterbox(const Image& source, const Image& destination, int expected = 0) {
     CaptureStdout();
-    EXPECT_EQ(convert_image_with_letterbox(engine_, source.buffer, destination.buffer, letterbox_,
-                                           114, false),
+    EXPECT_EQ(convert_image_with_letterbox(source.buffer, destination.buffer, letterbox_, 114,
+                                           false, engine_),
               expected);
     return GetCapturedStdout();
   }
@@ -91,9 +91,9 @@ TEST_F(RgaConvert, LetterboxesWithRightRectanglesStridesFormatsAndFill) {
 TEST_F(RgaConvert, PassesDmaBuffersCropsAndFormatsOfItsOwn) {
   ImageBuffer source{.width = 64, .height = 48, .format = PixelFormat::kNv12, .fd = 7};
   const Image destination = Grey(32, 32, 20);
-  const ImageRect crop{2, 4, 33, 19};
-  const ImageRect place{0, 8, 31, 23};
-  EXPECT_EQ(convert_image(engine_, source, destination.buffer, crop, place, {}), 0);
+  const Rect crop{2, 4, 34, 20};
+  const Rect place{0, 8, 32, 24};
+  EXPECT_EQ(convert_image({source, destination.buffer, crop, place}, engine_), 0);
   EXPECT_EQ(recording_.fills, 0);
   EXPECT_EQ(recording_.source.fd, 7);
   EXPECT_EQ(recording_.source.format, 0xa00);
@@ -147,7 +147,7 @@ TEST(RgaLibrary, MissingOrTooOldLibrariesLeaveTheProcessor) {
   const Image source = Grey(64, 64, 9);
   const Image destination = Grey(32, 32, 0);
   CaptureStdout();
-  EXPECT_EQ(convert_image(none, source.buffer, destination.buffer, {}, {}, {}), 0);
+  EXPECT_EQ(convert_image({source.buffer, destination.buffer}, none), 0);
   EXPECT_EQ(GetCapturedStdout(), "try convert image use cpu\n");
   EXPECT_THAT(destination.pixels, testing::Each(9));
 }

@@ -3,8 +3,8 @@
 
 #include <algorithm>
 
-#include "service/analysis/rknn_library.h"
-#include "service/analysis/yolo11.h"
+#include "service/analysis/network/rknn_library.h"
+#include "service/analysis/network/yolo11.h"
 #include "virtual_board/chart/scene.h"
 
 namespace varnel::service {
@@ -50,7 +50,7 @@ DetectionList FindIn(const Scene& scene, const char* network, size_t classes) {
   return found;
 }
 
-double Iou(const DetectionBox& a, const std::array<int, 4>& b) {
+double Iou(const Rect& a, const std::array<int, 4>& b) {
   const auto area = [](int w, int h) {
     return static_cast<double>(std::max(w, 0)) * std::max(h, 0);
   };

@@ -1,4 +1,4 @@
-#include "service/analysis/yolo11.h"
+#include "service/analysis/network/yolo11.h"
 
 #include <gmock/gmock.h>
 #include <signal.h>
@@ -8,8 +8,8 @@
 
 #include <functional>
 
+#include "service/analysis/network/rknn_library.h"
 #include "service/analysis/npu_stand_in.h"
-#include "service/analysis/rknn_library.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 

@@ -1,0 +1,136 @@
+#include "service/analysis/decision/result_pictures.h"
+
+#include <signal.h>
+#include <sys/resource.h>
+
+#include "service/analysis/printer_analysis_fixture.h"
+
+namespace varnel::service {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+TEST_F(PrinterAnalysisTest, PicturesAreKeptForPeople) {
+  Boot();
+  const std::string source = Save(Plain(640, 640, 128));
+  DetectNoodles("first");
+  EXPECT_EQ(test::ReadFile(dir_ / "results/org/printer_detect1.org.jpg"), test::ReadFile(source));
+  EXPECT_EQ(test::ReadFile(dir_ / "results/det/printer_detect1.det.jpg"), test::ReadFile(source));
+  EXPECT_THAT(Files("positive/org"), IsEmpty());
+  NoodlesAre({{}});
+  DetectNoodles("first");
+  EXPECT_THAT(Files("crop"), ElementsAre("printer_detect2.first.jpg"));
+  EXPECT_THAT(Files("positive/org"), ElementsAre("printer_detect2.org.jpg"));
+  EXPECT_THAT(Files("positive/det"), ElementsAre("printer_detect2.det.jpg"));
+  const std::string annotated = test::ReadFile(dir_ / "results/det/printer_detect2.det.jpg");
+  EXPECT_EQ(test::ReadFile(dir_ / "results/positive/det/printer_detect2.det.jpg"), annotated);
+  EXPECT_NE(annotated, test::ReadFile(source));
+  EXPECT_TRUE(log_.Has("ANALYSIS", "noodle @ (204 204 284 284) flag: 0 0.900"));
+  VerifierSays(0);
+  DetectNoodles("");
+  EXPECT_THAT(Files("crop"), SizeIs(2));
+  EXPECT_THAT(Files("positive/org"), SizeIs(1)) << "a rejected find is none";
+  Boot();
+  const std::string broken = "no picture" + std::string(ResultPictures::kMaxUnreadable, '.');
+  EXPECT_EQ(Code(dir_.Write("broken.jpg", broken), kNoodle), -5);
+  EXPECT_EQ(test::ReadFile(dir_ / "results/org/printer_detect4.org.jpg"),
+            broken.substr(0, ResultPictures::kMaxUnreadable));
+  EXPECT_EQ(Code(dir_ / "missing.jpg", kNoodle), -5);
+  DetectNoodles("");
+  EXPECT_THAT(Files("org"), SizeIs(5)) << "numbers go on, and nothing was kept of a missing one";
+  EXPECT_THAT(Files("org"), testing::Contains("printer_detect5.org.jpg"));
+}
+
+TEST_F(PrinterAnalysisTest, PictureLimitsHold) {
+  std::string config(kBuiltInModelConfig);
+  for (size_t at = 0; (at = config.find("\"max_detect_pic_cnt\": 100", at)) != std::string::npos;)
+    config.replace(at, 25, "\"max_detect_pic_cnt\": 2");
+  Boot(config);
+  NoodlesAre({{}});
+  for (int i = 0; i < 4; ++i) DetectNoodles("");
+  for (const char* directory : {"org", "det", "positive/org", "positive/det"})
+    EXPECT_THAT(Files(directory), SizeIs(2)) << directory;
+  EXPECT_THAT(Files("crop"), ElementsAre("printer_detect1.jpg", "printer_detect2.jpg"))
+      << "crops stop instead";
+  EXPECT_THAT(Files("org"), ElementsAre("printer_detect3.org.jpg", "printer_detect4.org.jpg"));
+}
+
+TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutResultDirectories) {
+  dir_.Write("results", "a file in their place");
+  Boot();
+  EXPECT_EQ(log_.Count("ANALYSIS", "reason: Not a directory"), 0U);
+  EXPECT_NE(log_.Text().find("Create detect result directory " + (dir_ / "results/org").string() +
+                             " failed, reason: Not a directory"),
+            std::string::npos);
+  NoodlesAre({{}});
+  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1);
+  EXPECT_TRUE(log_.Has("ANALYSIS", "saving image path is empty"));
+  fs::remove(dir_ / "results");
+  Boot();
+  fs::remove_all(dir_ / "results");
+  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1);
+  EXPECT_THAT(Files("det"), SizeIs(1)) << "made again";
+}
+
+/// While it lives, no file gets longer than this: the disk is full.
+class FullDisk {
+ public:
+  explicit FullDisk(rlim_t bytes) : before_signal_(::signal(SIGXFSZ, SIG_IGN)) {
+    ::getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit full{bytes, before_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &full);
+  }
+  ~FullDisk() {
+    ::setrlimit(RLIMIT_FSIZE, &before_);
+    ::signal(SIGXFSZ, before_signal_);
+  }
+  FullDisk(const FullDisk&) = delete;
+  FullDisk& operator=(const FullDisk&) = delete;
+
+ private:
+  const sighandler_t before_signal_;
+  rlimit before_{};
+};
+
+TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutRoomForTheirPictures) {
+  bool room = false;
+  has_space_ = [&](const fs::path& directory) {
+    EXPECT_EQ(directory, dir_ / "results/org");
+    return room;
+  };
+  Boot();
+  NoodlesAre({{}});
+  const char* const directories[] = {"crop", "org", "det", "positive/org", "positive/det"};
+  const auto expect_pictures = [&](size_t count) {
+    for (const char* directory : directories) EXPECT_THAT(Files(directory), SizeIs(count));
+  };
+  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1);
+  expect_pictures(0);
+  EXPECT_EQ(log_.Text().find("] save "), std::string::npos) << "not even tried";
+  room = true;
+  const std::string picture = Save(Plain(640, 640, 128));
+  ASSERT_GT(fs::file_size(picture), 1000U);
+  {
+    const FullDisk full(100);
+    EXPECT_EQ(Code(picture, kNoodle), 0);
+  }
+  EXPECT_EQ(result_.data["noodle"]["obj_cnts"], 2);
+  for (const char* name :
+       {"crop/printer_detect1.jpg", "org/printer_detect1.org.jpg", "det/printer_detect1.det.jpg",
+        "positive/org/printer_detect1.org.jpg", "positive/det/printer_detect1.det.jpg"}) {
+    EXPECT_TRUE(log_.Has("ANALYSIS", "save " + (dir_ / "results" / name).string() + " failed"))
+        << name;
+  }
+  expect_pictures(0);
+  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 3);
+  expect_pictures(1);
+}
+
+/// What must be on the NPU after a request, whatever came before it.
+
+}  // namespace
+}  // namespace varnel::service
