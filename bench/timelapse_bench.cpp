@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "service/camera/timelapse_service.h"
+#include "service/camera/timelapse/films/timelapse_service.h"
 #include "support/process.h"
 #include "support/report.h"
 #include "utils/log.h"
@@ -57,16 +57,17 @@ class Store {
 
   const fs::path directory_;
   TimelapsePaths paths_;
+  EncoderPrograms programs_;
 };
 
 /// A stopped print whose photos are all encoded.
-void WriteGenerating(const Store& store, const TimelapseInstance& instance, int segments) {
+void WriteGenerating(const Store& store, const WorkDirectory& instance, int segments) {
   const fs::path photo = store.directory_ / "photo.jpg";
   const fs::path segment = store.directory_ / "segment.ts";
   if (!fs::exists(segment)) {
-    Run({store.paths_.ffmpeg, "-v", "error", "-f", "lavfi", "-i", "testsrc2=size=1920x1080",
+    Run({store.programs_.ffmpeg, "-v", "error", "-f", "lavfi", "-i", "testsrc2=size=1920x1080",
          "-frames:v", "1", photo});
-    Run({store.paths_.ffmpeg,
+    Run({store.programs_.ffmpeg,
          "-v",
          "error",
          "-f",
@@ -87,7 +88,7 @@ void WriteGenerating(const Store& store, const TimelapseInstance& instance, int 
          "veryfast",
          segment});
   }
-  fs::create_directories(instance.Directory());
+  fs::create_directories(instance.Path());
   std::ofstream list(instance.SegmentList());
   for (int number = 1; number <= segments; ++number) {
     const auto index = static_cast<uint32_t>(number);
@@ -97,28 +98,29 @@ void WriteGenerating(const Store& store, const TimelapseInstance& instance, int 
   }
 }
 
-void JoinBare(const Store& store, const TimelapseInstance& instance) {
+void JoinBare(const Store& store, const WorkDirectory& instance) {
   const fs::path film = store.directory_ / "bare.mp4";
-  Run({store.paths_.ffmpeg, "-y", "-v", "error", "-f", "concat", "-safe", "0", "-i",
+  Run({store.programs_.ffmpeg, "-y", "-v", "error", "-f", "concat", "-safe", "0", "-i",
        instance.SegmentList(), "-c", "copy", film});
-  Run({store.paths_.ffmpeg, "-v", "error", "-i", film, "-f", "null", "-"});
+  Run({store.programs_.ffmpeg, "-v", "error", "-i", film, "-f", "null", "-"});
 }
 
 void MeasureJoining(const Options& options, Report& report) {
   const Store store(options.Text("directory", "/dev/shm"));
-  const VideoEncoder encoder(store.paths_);
-  SegmentEncoder segments(encoder);
-  const TimelapseStore films(store.paths_);
-  VideoFinisher finisher(encoder, segments, films, NoClients);
+  const Ffmpeg encoder(store.programs_);
+  const FilmStore films(store.paths_);
+  const FilmMaker maker(encoder, films, NoClients, varnel::utils::SystemClock::Instance());
   std::vector<double> ours;
   std::vector<double> bare;
   for (int run = 0; run < 3; ++run) {
-    TimelapseInstance instance(store.paths_.root / kIndex, {.frame_rate = kFrameRate},
-                               TimelapseState::kGenerating);
+    (void)films.Delete(kIndex);
+    WorkDirectory instance(store.paths_.root / kIndex, {.frame_rate = kFrameRate},
+                           TimelapseState::kGenerating);
     WriteGenerating(store, instance, options.Number("segments", 1000));
     bare.push_back(Milliseconds([&] { JoinBare(store, instance); }));
     ours.push_back(Milliseconds([&] {
-      if (!finisher.Finish(instance)) throw std::runtime_error("the film was not made");
+      if (!maker.Make(instance, [] { return true; }).Done())
+        throw std::runtime_error("the film was not made");
     }));
   }
   report.Figure("film of many segments, all of its making, median", Percentile(ours, 0.5), "ms");
@@ -138,7 +140,7 @@ void ListBare(const fs::path& description) {
 
 void MeasureListing(const Options& options, Report& report) {
   const Store store(options.Text("directory", "/dev/shm"));
-  const TimelapseStore films(store.paths_);
+  const FilmStore films(store.paths_);
   const int count = options.Number("films", 1000);
   for (int i = 0; i < count; ++i) {
     const std::string index = std::to_string(20260101000000 + i);
@@ -171,16 +173,18 @@ void MeasureListing(const Options& options, Report& report) {
 void MeasureMemory(const Options& options, Report& report) {
   constexpr int kWarmUp = 500;
   Store store(options.Text("directory", "/dev/shm"));
-  store.paths_.ffmpeg = store.directory_ / "ffmpeg";
-  std::ofstream(store.paths_.ffmpeg) << "#!/bin/sh\nfor out; do :; done\necho x >\"$out\"\n";
-  fs::permissions(store.paths_.ffmpeg, fs::perms(0755));
-  TimelapseService service(
-      store.paths_,
-      [](const std::string& path) {
-        std::ofstream(path) << "photo";
-        return true;
-      },
-      NoClients);
+  store.programs_.ffmpeg = store.directory_ / "ffmpeg";
+  std::ofstream(store.programs_.ffmpeg) << "#!/bin/sh\nfor out; do :; done\necho x >\"$out\"\n";
+  fs::permissions(store.programs_.ffmpeg, fs::perms(0755));
+  TimelapseService service({.paths = store.paths_,
+                            .programs = store.programs_,
+                            .take_photo =
+                                [](const std::string& path) {
+                                  std::ofstream(path) << "photo";
+                                  return true;
+                                },
+                            .notify = NoClients});
+  service.HandleUnfinished();
   if (!service.StartNew({})) throw std::runtime_error("no time-lapse was begun");
   int64_t warm = 0;
   const int photos = options.Number("photos", 10'000);
@@ -188,6 +192,9 @@ void MeasureMemory(const Options& options, Report& report) {
     if (i == kWarmUp) warm = SizeOf(getpid()).resident_kib;
     if (service.TakePhoto() != TimelapsePhoto::kTaken) throw std::runtime_error("no photo");
   }
+  const WorkDirectory directory(fs::read_symlink(store.paths_.Current()), {},
+                                TimelapseState::kActivated);
+  while (!directory.PhotosToEncode().empty()) std::this_thread::sleep_for(std::chrono::seconds(1));
   const int64_t growth = SizeOf(getpid()).resident_kib - warm;
   report.Figure("photos of a long print", photos, "");
   report.AtMost("growth of memory after the first 500, MiB", static_cast<double>(growth) / 1024, 1);

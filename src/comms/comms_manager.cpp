@@ -196,13 +196,14 @@ void CommsManager::OnLocalLost() {
 }
 
 CommsStatus CommsManager::RegisterMethod(const std::string& method, uint32_t cloud_flag,
-                                         MethodKind kind, RpcHandler handler) {
+                                         MethodKind kind, RpcHandler handler, AfterAnswer after) {
   const auto server = Server();
   if (!server) {
     VLOG_ERROR(kTag, "CommsManager not initialized, cannot register method: {}", method);
     return CommsStatus::kNotInitialized;
   }
-  const CommsStatus status = server->RegisterMethod(method, kind, std::move(handler));
+  const CommsStatus status =
+      server->RegisterMethod(method, kind, std::move(handler), std::move(after));
   if (status != CommsStatus::kOk) return status;
   std::lock_guard lock(flags_mutex_);
   method_flags_[method] = cloud_flag;

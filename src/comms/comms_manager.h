@@ -64,7 +64,7 @@ class CommsManager {
 
   /// Registers a method with the local server. Flag 0 keeps it from the cloud.
   CommsStatus RegisterMethod(const std::string& method, uint32_t cloud_flag, MethodKind kind,
-                             RpcHandler handler);
+                             RpcHandler handler, AfterAnswer after = nullptr);
   /// Sends a notification on a topic of the local broker.
   CommsStatus SendNotification(const std::string& topic, const std::string& method, Json params);
 

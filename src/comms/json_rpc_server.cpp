@@ -27,7 +27,7 @@ JsonRpcServer::~JsonRpcServer() {
 }
 
 CommsStatus JsonRpcServer::RegisterMethod(const std::string& method, MethodKind kind,
-                                          RpcHandler handler) {
+                                          RpcHandler handler, AfterAnswer after) {
   if (method.empty() || !handler) return CommsStatus::kInvalidArgument;
   {
     std::lock_guard lock(methods_mutex_);
@@ -36,7 +36,7 @@ CommsStatus JsonRpcServer::RegisterMethod(const std::string& method, MethodKind 
       return CommsStatus::kFailure;
     }
     LaneOf(method).Open(kind);
-    methods_.emplace(method, Method{kind, std::move(handler)});
+    methods_.emplace(method, Method{kind, std::move(handler), std::move(after)});
   }
   VLOG_DEBUG(kTag, "Register request callback for method '{}'", method);
   return CommsStatus::kOk;
@@ -113,8 +113,9 @@ void JsonRpcServer::InvokeMethod(const std::string& method, JsonRpcEnvelope requ
     return;
   }
   const RequestSize size{request.Payload().size(), request.BuiltBytes()};
-  auto call = std::make_shared<const Call>(Call{
-      method, std::move(found->handler), std::move(request), std::move(reply), std::move(admit)});
+  auto call =
+      std::make_shared<const Call>(Call{method, std::move(found->handler), std::move(found->after),
+                                        std::move(request), std::move(reply), std::move(admit)});
   if (LaneOf(method).TryPost(
           found->kind, [call] { Run(*call); }, size))
     return;
@@ -130,7 +131,9 @@ void JsonRpcServer::Answer(const JsonRpcEnvelope& request, const Reply& reply, c
 void JsonRpcServer::Run(const Call& call) {
   try {
     if (call.admit && !call.admit()) return;
-    Answer(call.request, call.reply, CallHandler(call));
+    const Json answer = CallHandler(call);
+    Answer(call.request, call.reply, answer);
+    if (call.after) call.after(answer);
   } catch (const std::exception& error) {
     VLOG_ERROR(kTag, "Handling message exception {}", utils::LogText(error.what()));
   }

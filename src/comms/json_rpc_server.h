@@ -27,6 +27,9 @@ struct RpcAnswer {
 /// it throws is answered -32603.
 using RpcHandler = std::function<Json(const Json& params)>;
 
+/// Gets the answer of a method when it is on its way, on the worker of the request.
+using AfterAnswer = std::function<void(const Json& answer)>;
+
 /// Runs the registered methods for requests that arrive on MQTT topics or through InvokeMethod().
 /// Thread-safe.
 class JsonRpcServer : public JsonRpcBase {
@@ -42,7 +45,8 @@ class JsonRpcServer : public JsonRpcBase {
   JsonRpcServer& operator=(const JsonRpcServer&) = delete;
 
   /// kInvalidArgument (-2) for an empty name or handler, kFailure for a name that is taken.
-  CommsStatus RegisterMethod(const std::string& method, MethodKind kind, RpcHandler handler);
+  CommsStatus RegisterMethod(const std::string& method, MethodKind kind, RpcHandler handler,
+                             AfterAnswer after = nullptr);
 
   /// Serves the channel's request topic on `client`, which must be the same for every channel.
   /// Without a response topic in the channel each answer goes to the request's topic with "request"
@@ -66,11 +70,13 @@ class JsonRpcServer : public JsonRpcBase {
   struct Method {
     MethodKind kind;
     RpcHandler handler;
+    AfterAnswer after;
   };
   /// A call on its way to a handler and back.
   struct Call {
     std::string method;
     RpcHandler handler;
+    AfterAnswer after;
     JsonRpcEnvelope request;
     Reply reply;
     Admit admit;

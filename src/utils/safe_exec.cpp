@@ -92,21 +92,39 @@ int MillisecondsLeft(const Deadline& deadline) {
   return static_cast<int>(std::clamp<int64_t>(left, 0, INT32_MAX));
 }
 
-int WaitTime(const ChildProcess& child, const Deadline& deadline) {
-  const int left = MillisecondsLeft(deadline);
+/// What ends a child that does not end by itself.
+struct Patience {
+  Deadline deadline;
+  std::optional<Standstill> work;
+
+  bool Ended() { return Passed(deadline) || (work && work->Passed()); }
+};
+
+/// -1: for ever.
+int MillisecondsToNextLook(const Patience& patience) {
+  const int left = MillisecondsLeft(patience.deadline);
+  if (!patience.work) {
+    return left;
+  }
+  const auto pause = static_cast<int>(patience.work->Pause().count());
+  return left < 0 ? pause : std::min(left, pause);
+}
+
+int WaitTime(const ChildProcess& child, const Patience& patience) {
+  const int left = MillisecondsToNextLook(patience);
   if (child.EndedFd() >= 0) {
     return left;
   }
   return left < 0 ? kFallbackPollMs : std::min(left, kFallbackPollMs);
 }
 
-/// Captures until the child ends (true) or the time limit runs out (false).
+/// Captures until the child ends (true) or patience does (false).
 bool CaptureUntilEnd(const ChildProcess& child, CapturedStream& out, CapturedStream& err,
-                     const Deadline& deadline) {
+                     Patience& patience) {
   for (;;) {
     std::array<pollfd, 3> fds = {pollfd{child.EndedFd(), POLLIN, 0}, pollfd{out.Fd(), POLLIN, 0},
                                  pollfd{err.Fd(), POLLIN, 0}};
-    const int ready = ::poll(fds.data(), fds.size(), WaitTime(child, deadline));
+    const int ready = ::poll(fds.data(), fds.size(), WaitTime(child, patience));
     if (ready > 0 && fds[1].revents != 0) {
       out.ReadSome(SIZE_MAX);
     }
@@ -117,7 +135,7 @@ bool CaptureUntilEnd(const ChildProcess& child, CapturedStream& out, CapturedStr
     if (ended) {
       return true;
     }
-    if (Passed(deadline)) {
+    if (patience.Ended()) {
       return false;
     }
   }
@@ -176,6 +194,11 @@ SafeExec& SafeExec::SetWorkingDir(int directory) {
 
 SafeExec& SafeExec::SetTimeout(uint32_t milliseconds) {
   timeout_ms_ = milliseconds;
+  return *this;
+}
+
+SafeExec& SafeExec::SetWorkLimits(WorkLimits limits) {
+  work_limits_ = std::move(limits);
   return *this;
 }
 
@@ -250,14 +273,17 @@ int SafeExec::Start(const Outputs& outputs, int& pid) {
 }
 
 SafeExec::Result SafeExec::Supervise(int pid, Outputs outputs) const {
-  Deadline deadline;
+  Patience patience;
   if (timeout_ms_) {
-    deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(*timeout_ms_);
+    patience.deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(*timeout_ms_);
+  }
+  if (work_limits_) {
+    patience.work.emplace(pid, *work_limits_);
   }
   ChildProcess child(pid);
   CapturedStream out(std::move(outputs.out), output_limit_);
   CapturedStream err(std::move(outputs.err), output_limit_);
-  const bool ended = CaptureUntilEnd(child, out, err, deadline);
+  const bool ended = CaptureUntilEnd(child, out, err, patience);
   if (!ended) {
     child.KillGroup();
   }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "utils/owned.h"
+#include "utils/standstill.h"
 
 namespace varnel::utils {
 
@@ -44,6 +45,8 @@ class SafeExec {
   SafeExec& SetWorkingDir(int directory);
   /// When it runs out the child's process group is killed.
   SafeExec& SetTimeout(uint32_t milliseconds);
+  /// The same when the child does no work any more; it ends as with a time limit.
+  SafeExec& SetWorkLimits(WorkLimits limits);
   /// Both outputs of the child are appended to this file instead of being captured, so that the
   /// child can go on when this process ends. Made with mode 0600 if missing; a link is refused.
   SafeExec& SetOutputFile(std::string path);
@@ -84,6 +87,7 @@ class SafeExec {
   int working_dir_fd_ = -1;
   std::optional<std::string> output_file_;
   std::optional<uint32_t> timeout_ms_;
+  std::optional<WorkLimits> work_limits_;
   size_t output_limit_ = kDefaultOutputLimit;
   bool outlives_us_ = false;
   bool idle_priority_ = false;

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <list>
 #include <random>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -70,17 +71,23 @@ struct CodedScene {
 
 class TimelapseTest : public testing::Test {
  public:
-  /// @param slow_join joins and checks run at the speed at which the film plays
-  std::unique_ptr<ServedBoard> NewBoard(CameraKind camera, bool slow_join = false) const {
+  /// @param bad_encoder it does what Fault() says
+  std::unique_ptr<ServedBoard> NewBoard(CameraKind camera, bool bad_encoder = false) const {
     BootOptions options = DaemonOptions();
     options.camera = camera;
-    if (slow_join) {
+    if (bad_encoder) {
       options.binds = {{"/usr/bin/ffmpeg", "/opt/varnel/ffmpeg"},
-                       {slow_ffmpeg_.string(), "/usr/bin/ffmpeg"}};
+                       {bad_ffmpeg_.string(), "/usr/bin/ffmpeg"}};
     }
     auto served = std::make_unique<ServedBoard>(options);
     EXPECT_TRUE(served->rpc.AwaitDaemon());
     return served;
+  }
+  /// "play": joins and checks run at the speed at which the film plays. "slow": 15 s for a photo.
+  /// Any other word: the next run with it in its command line is killed.
+  static void Fault(const ServedBoard& served, const std::string& word, bool on = true) {
+    (void)served.board.Shell((on ? "mkdir -p /tmp/fault; touch /tmp/fault/" : "rm /tmp/fault/") +
+                             word);
   }
   static json Start(ServedBoard& served, const char* type, int frame_rate = 24) {
     return served.rpc.Call("camera.start_timelapse",
@@ -95,16 +102,32 @@ class TimelapseTest : public testing::Test {
   static json Films(ServedBoard& served, const json& params = nullptr) {
     return served.rpc.Call("camera.get_timelapse_instance", params)["result"]["instances"];
   }
-  /// The one film once it is listed.
-  static json AwaitFilm(ServedBoard& served) {
+  /// The oldest film once so many are listed.
+  static json AwaitFilm(ServedBoard& served, size_t count = 1) {
     json films;
     EXPECT_TRUE(test::Eventually(
         [&] {
           films = Films(served);
-          return films.size() == 1;
+          return films.size() == count;
         },
         std::chrono::seconds(180)));
-    return films.empty() ? json() : films[0];
+    return films.size() == count ? films.back() : json();
+  }
+  /// A print of one photo, and its stop.
+  static void PrintOne(ServedBoard& served) {
+    EXPECT_EQ(Start(served, "new"), Success());
+    EXPECT_EQ(Print(served), Success());
+    EXPECT_EQ(served.rpc.Call("camera.stop_timelapse", nullptr), Success());
+  }
+  static bool AwaitCompleted(const ServedBoard& served, size_t count, const char* state) {
+    std::vector<RpcCaller::Notification> told;
+    return test::Eventually(
+               [&] {
+                 told = served.rpc.Notifications("notify_camera_generate_video_completed");
+                 return told.size() >= count;
+               },
+               std::chrono::seconds(180)) &&
+           told[count - 1].params.at("state") == state;
   }
   /// What ffprobe tells of a film of the board, as a JSON object.
   static json Probe(const ServedBoard& served, const std::string& inside) {
@@ -149,11 +172,20 @@ class TimelapseTest : public testing::Test {
 
  private:
   const test::TempDir programs_;
-  const fs::path slow_ffmpeg_ = programs_.WriteScript("ffmpeg", R"(
+  const fs::path bad_ffmpeg_ = programs_.WriteScript("ffmpeg", R"(
 case $* in
-  *" concat "*|*" null "*) exec /opt/varnel/ffmpeg -re "$@" ;;
-  *) exec /opt/varnel/ffmpeg "$@" ;;
-esac)");
+  *rawvideo*) ;;
+  *) echo 'rga_api version 1.9'; echo 'mpp[1]: mpp_info: version' >&2 ;;
+esac
+for word in $(ls /tmp/fault 2>/dev/null); do
+  case "$word $*" in
+    play*" concat "*|play*" null "*) exec /opt/varnel/ffmpeg -re "$@" ;;
+    slow*" image2 "*) sleep 15 ;;
+    play*|slow*) ;;
+    *" "*"$word"*) rm "/tmp/fault/$word"; kill -9 $$ ;;
+  esac
+done
+exec /opt/varnel/ffmpeg "$@")");
 };
 
 TEST_F(TimelapseTest, APrintBecomesAFilmThatPlaysAndLeavesNoTraceWhenDeleted) {
@@ -161,6 +193,7 @@ TEST_F(TimelapseTest, APrintBecomesAFilmThatPlaysAndLeavesNoTraceWhenDeleted) {
     const bool slow_join = camera == CameraKind::kUsb;
     const int frame_rate = slow_join ? 15 : 24;
     const auto served = NewBoard(camera, slow_join);
+    if (slow_join) Fault(*served, "play");
     const CodedScene scene(served->board);
     EXPECT_EQ(Start(*served, "new", frame_rate), Success());
     std::vector<unsigned> expected = {kPhotos};  // the cover is the last photo
@@ -176,10 +209,13 @@ TEST_F(TimelapseTest, APrintBecomesAFilmThatPlaysAndLeavesNoTraceWhenDeleted) {
     ExpectFilm(Probe(*served, video), kPhotos + 1, frame_rate);
     EXPECT_EQ(scene.NumbersIn(*served, video), expected);
     if (slow_join) ExpectProgress(*served);
-    EXPECT_TRUE(test::Eventually([&] {
-      return served->rpc.Notifications("notify_camera_generate_video_completed").size() == 1;
-    }));
+    EXPECT_TRUE(AwaitCompleted(*served, 1, "success"));
     EXPECT_FALSE(served->rpc.Notifications("notify_camera_status_change").empty());
+    // Its record is lost.
+    (void)served->board.Shell("echo lost >/userdata/.tmp_timelapse/timelapse.json");
+    served->Restart();
+    EXPECT_EQ(AwaitFilm(*served)["video_url"], film["video_url"]);
+    EXPECT_EQ(served->rpc.Notifications("notify_camera_generate_video_completed").size(), 1U);
     const json direct = Films(*served, {{"thumbnail_direct", true}})[0];
     EXPECT_TRUE(
         direct["thumbnail_base64"].get<std::string>().starts_with("data:image/jpeg;base64,/9j/"));
@@ -197,6 +233,56 @@ TEST_F(TimelapseTest, APrintBecomesAFilmThatPlaysAndLeavesNoTraceWhenDeleted) {
               "");
     EXPECT_THAT(served->rpc.Problems(), IsEmpty());
   }
+}
+
+TEST_F(TimelapseTest, AnEncoderThatIsSlowOrKilledCostsTimeOnly) {
+  const auto served = NewBoard(CameraKind::kMipi, true);
+  const auto answered_at_once = [&](const char* method, const json& params) {
+    const auto start = std::chrono::steady_clock::now();
+    const json answer = served->rpc.Call(method, params);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << method;
+    EXPECT_EQ(answer["result"]["state"], "success");
+  };
+  Fault(*served, "slow");
+  EXPECT_EQ(Start(*served, "new"), Success());
+  for (int i = 0; i < 7; ++i) {
+    answered_at_once("camera.take_a_photo", {{"reason", "printing"}});
+    answered_at_once("camera.get_status", nullptr);
+  }
+  answered_at_once("camera.stop_timelapse", nullptr);
+  Fault(*served, "slow", false);
+  Fault(*served, "cover.ts");
+  EXPECT_TRUE(AwaitCompleted(*served, 1, "failed"));
+  EXPECT_EQ(served->rpc.Call("camera.get_status", nullptr)["result"]["timelapse"], true);
+  EXPECT_EQ(Start(*served, "continue"), Error(-32600, "start timelapse failed"));
+  EXPECT_TRUE(Films(*served).empty());
+  // The next film, and then the deletion of one, are occasions to try again.
+  PrintOne(*served);
+  const json first = AwaitFilm(*served, 2);
+  ASSERT_FALSE(first.is_null());
+  ExpectFilm(Probe(*served, WebFile(first, "video_url")), 8, 24);
+  Fault(*served, "thumbnail.jpg");
+  PrintOne(*served);
+  EXPECT_TRUE(AwaitCompleted(*served, 4, "failed"));
+  EXPECT_EQ(
+      served->rpc.Call("camera.delete_timelapse_instance", {{"date_index", first["date_index"]}}),
+      Success());
+  EXPECT_TRUE(AwaitCompleted(*served, 5, "success"));
+  EXPECT_FALSE(AwaitFilm(*served, 2).is_null());
+  // After a restart it is begun when the broker hears of it.
+  Fault(*served, "cover.ts");
+  PrintOne(*served);
+  EXPECT_TRUE(AwaitCompleted(*served, 6, "failed"));
+  EXPECT_TRUE(served->board.SignalDaemon(SIGKILL));
+  EXPECT_EQ(served->board.AwaitDaemonEnd(), 128 + SIGKILL);
+  EXPECT_EQ(served->board.Shell("ip link set lo down").status, 0);
+  EXPECT_TRUE(served->board.StartDaemon());
+  // sleeps: for what must not happen there is nothing to wait for
+  std::this_thread::sleep_for(std::chrono::seconds(5));
+  EXPECT_EQ(served->board.Shell("cat /userdata/.tmp_timelapse/current/state").out, "GENERATING\n");
+  EXPECT_EQ(served->board.Shell("ip link set lo up").status, 0);
+  EXPECT_TRUE(AwaitCompleted(*served, 7, "success"));
+  EXPECT_THAT(served->rpc.Problems(), IsEmpty());
 }
 
 TEST_F(TimelapseTest, AFullDiskCostsNoPhotoThatWasAnswered) {
@@ -232,18 +318,11 @@ TEST_F(TimelapseTest, AFullDiskCostsNoPhotoThatWasAnswered) {
   EXPECT_GE(photos, 4);
   EXPECT_LT(photos, 14);
   (void)leave(0);
-  EXPECT_EQ(served.rpc.Call("camera.stop_timelapse", nullptr),
-            Error(-32600, "Stop time-lapse photography failed"));
-  (void)leave(40);
   EXPECT_EQ(served.rpc.Call("camera.stop_timelapse", nullptr), Success());
-  const auto completed = [&] {
-    return served.rpc.Notifications("notify_camera_generate_video_completed");
-  };
-  EXPECT_TRUE(test::Eventually([&] { return completed().size() == 1; }, std::chrono::seconds(180)));
-  EXPECT_EQ(completed().at(0).params.at("state"), "failed");
+  EXPECT_TRUE(AwaitCompleted(served, 1, "failed"));
   (void)served.board.Shell("rm -f /userdata/.tmp_timelapse/.filler");
-  served.Restart();
-  const json film = AwaitFilm(served);
+  PrintOne(served);
+  const json film = AwaitFilm(served, 2);
   ASSERT_FALSE(film.is_null());
   ExpectFilm(Probe(served, WebFile(film, "video_url")), photos + 1, kOddRate);
 }
@@ -265,6 +344,12 @@ class KilledPrint {
                   .out,
               "");
     EXPECT_THAT(served_->rpc.Problems(), IsEmpty());
+    std::set<json> told;
+    for (const auto& notice :
+         served_->rpc.Notifications("notify_camera_generate_video_completed")) {
+      EXPECT_TRUE(notice.params.at("state") == "failed" || told.insert(notice.params).second)
+          << "told twice: " << notice.params;
+    }
   }
 
  private:

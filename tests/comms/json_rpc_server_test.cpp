@@ -53,6 +53,21 @@ class JsonRpcServerTest : public ::testing::Test {
   std::string answer_topic_;
 };
 
+TEST_F(JsonRpcServerTest, WhatFollowsAnAnswerComesAfterIt) {
+  std::latch done(1);
+  size_t sent = 0;
+  EXPECT_EQ(server_.RegisterMethod(
+                "system.tell", MethodKind::kQuick, [](const Json& params) { return params; },
+                [&](const Json& answer) {
+                  if (answer == Json{{"a", 1}}) sent = client_->sent.Items().size();
+                  done.count_down();
+                }),
+            CommsStatus::kOk);
+  client_->Arrive("system/request", R"({"id":1,"method":"system.tell","params":{"a":1}})");
+  done.wait();
+  EXPECT_EQ(sent, 1U);
+}
+
 TEST_F(JsonRpcServerTest, EchoesIdsOfEveryJsonTypeAsTheSameValue) {
   for (const char* id :
        {"-7", "0", "18446744073709551615", "-9223372036854775808", "-9223372036854775809", "5e-324",

@@ -131,6 +131,26 @@ TEST(SafeExecTest, TimeLimitHoldsAgainstAnEndlessWriter) {
   EXPECT_TRUE(result.output_cut);
 }
 
+TEST(SafeExecTest, OnlyAChildThatDoesNoWorkIsEnded) {
+  const test::TempDir dir;
+  const std::string file = dir / "progress";
+  const std::string spin = "i=0; while [ $i -lt 400000 ]; do i=$((i+1)); done";
+  const struct {
+    std::string work;
+    WorkLimits limits;
+    int32_t exit_code;
+  } cases[] = {
+      {"sleep 60", {300, 60'000, {}}, -1},
+      {spin, {600, 60'000, {}}, 0},
+      {"while :; do :; done", {60'000, 200, {}}, -1},
+      {"for i in 1 2 3 4 5 6; do sleep 0.2; echo >>'" + file + "'; done", {1000, 60'000, file}, 0},
+      {"exec >'" + file + "'; sleep 60", {300, 60'000, file}, -1}};
+  for (const auto& test : cases) {
+    EXPECT_EQ(Shell(test.work).SetWorkLimits(test.limits).Execute().exit_code, test.exit_code)
+        << test.work;
+  }
+}
+
 TEST(SafeExecTest, TenMegabytesOnBothPipesArriveWhole) {
   const auto result = Shell("seq 1400000 & seq 2000000 3400000 >&2; wait").Execute();
   EXPECT_TRUE(result.success);

@@ -50,13 +50,17 @@ CameraService::CameraService(comms::CommsManager& comms, Setup setup)
       take_client_photo_(std::move(setup.take_client_photo)),
       paths_(*setup.paths),
       clock_(*setup.clock),
-      timelapses_(
-          std::move(setup.timelapse_paths),
-          [this](const std::string& path) { return take_photo_(path) == PhotoStatus::kSuccess; },
-          [this](const std::string& method, json params) {
-            return Notify(method, std::move(params));
-          },
-          std::move(setup.uploader), *setup.clock),
+      timelapses_({.paths = std::move(setup.timelapse_paths),
+                   .programs = std::move(setup.encoder_programs),
+                   .take_photo =
+                       [this](const std::string& path) {
+                         return take_photo_(path) == PhotoStatus::kSuccess;
+                       },
+                   .notify = [this](const std::string& method,
+                                    json params) { return Notify(method, std::move(params)); },
+                   .broker_answers = [this] { return comms_.IsLocalConnected(); },
+                   .uploader = std::move(setup.uploader),
+                   .clock = setup.clock}),
       detection_(
           [this](const std::string& path) { return take_photo_(path) == PhotoStatus::kSuccess; },
           setup.analyser, std::move(setup.detection_picture), *setup.clock) {}
@@ -72,6 +76,12 @@ comms::CommsStatus CameraService::Start() {
     const char* name;
     Kind kind;
     Handler handler;
+    comms::AfterAnswer after = nullptr;
+  };
+  const auto tell_of = [this](bool timelapse) {
+    return [this, timelapse](const json& answer) {
+      if (answer == CameraSuccess()) NotifyStatusChange(timelapse);
+    };
   };
   detection_.LogState();
   timelapses_.HandleUnfinished();
@@ -85,9 +95,9 @@ comms::CommsStatus CameraService::Start() {
              &Service::ReqCallbackCameraServiceStartMonitor},
       Method{"camera.stop_monitor", Kind::kQuick, &Service::ReqCallbackCameraServiceStopMonitor},
       Method{"camera.start_timelapse", Kind::kListing,
-             &Service::ReqCallbackCameraServiceStartTimelapse},
+             &Service::ReqCallbackCameraServiceStartTimelapse, tell_of(true)},
       Method{"camera.stop_timelapse", Kind::kListing,
-             &Service::ReqCallbackCameraServiceStopTimelapse},
+             &Service::ReqCallbackCameraServiceStopTimelapse, tell_of(false)},
       Method{"camera.get_timelapse_instance", Kind::kListing,
              &Service::ReqCallbackCameraServiceGetTimelapseInstance},
       Method{"camera.delete_timelapse_instance", Kind::kListing,
@@ -96,11 +106,13 @@ comms::CommsStatus CameraService::Start() {
              &Service::ReqCallbackCameraServiceUploadTimelapseInstance},
   };
   for (const Method& method : methods) {
-    const auto status = comms_.RegisterMethod(method.name, kFromCloud, method.kind,
-                                              [this, method](const json& params) {
-                                                LogRequest(params);
-                                                return (this->*method.handler)(params);
-                                              });
+    const auto status = comms_.RegisterMethod(
+        method.name, kFromCloud, method.kind,
+        [this, handler = method.handler](const json& params) {
+          LogRequest(params);
+          return (this->*handler)(params);
+        },
+        method.after);
     if (status != comms::CommsStatus::kOk) return status;
   }
   VLOG_INFO(kTag, "Camera service initialized via CommsManager.");

@@ -7,7 +7,7 @@
 #include "comms/comms_manager.h"
 #include "hal_adapter/multimedia_adapter.h"
 #include "service/camera/capture_detection.h"
-#include "service/camera/timelapse_service.h"
+#include "service/camera/timelapse/films/timelapse_service.h"
 #include "utils/client_path.h"
 
 namespace varnel::service {
@@ -29,6 +29,7 @@ class CameraService {
     TakeClientPhoto take_client_photo;
     const utils::ClientPathPolicy* paths = nullptr;  ///< must outlive the service
     TimelapsePaths timelapse_paths = {};
+    EncoderPrograms encoder_programs = {};
     PrintAnalyser* analyser = nullptr;  ///< none: detections fail; must outlive the service
     std::string detection_picture = "/tmp/printer_detection.jpg";
     std::unique_ptr<FileUploader> uploader = std::make_unique<NoUploader>();

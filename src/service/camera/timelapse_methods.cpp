@@ -87,7 +87,6 @@ json CameraService::ReqCallbackCameraServiceStartTimelapse(const json& params) {
     return MakeError(comms::kInvalidRequest, "start timelapse failed");
   }
   VLOG_INFO(kTag, "Start time-lapse photography successed.");
-  NotifyStatusChange(true);
   return CameraSuccess();
 }
 
@@ -103,7 +102,6 @@ json CameraService::ReqCallbackCameraServiceStopTimelapse(const json&) {
       return MakeError(comms::kInvalidRequest, "Stop time-lapse photography failed");
   }
   VLOG_INFO(kTag, "Stop time-lapse photography successed.");
-  NotifyStatusChange(false);
   return CameraSuccess();
 }
 
@@ -128,7 +126,7 @@ json CameraService::ReqCallbackCameraServiceDeleteTimelapseInstance(const json& 
   if (!params["date_index"].is_string()) return InvalidCameraParams(kDelete);
   const std::string index = params["date_index"].get<std::string>();
   VLOG_INFO(kTag, "The index of the instance to be deleted is {}", utils::LogText(index));
-  return AnswerOf(timelapses_.Store().Delete(index));
+  return AnswerOf(timelapses_.Delete(index));
 }
 
 json CameraService::ReqCallbackCameraServiceUploadTimelapseInstance(const json& params) {

@@ -3,8 +3,8 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
-#include "service/camera/timelapse_settings.h"
-#include "service/camera/timelapse_store.h"
+#include "service/camera/timelapse/disk/film_store.h"
+#include "service/camera/timelapse/disk/timelapse_settings.h"
 
 namespace varnel::service {
 

@@ -1,11 +1,12 @@
 // The small parts of a time-lapse: lists, progress, settings, requests.
 #include <gtest/gtest.h>
 
-#include "service/camera/base64_file.h"
-#include "service/camera/generation_progress.h"
-#include "service/camera/segment_list.h"
+#include "service/camera/timelapse/disk/base64_file.h"
+#include "service/camera/timelapse/disk/segment_list.h"
+#include "service/camera/timelapse/disk/timelapse_settings.h"
+#include "service/camera/timelapse/encoder/film_programs.h"
+#include "service/camera/timelapse/encoder/generation_progress.h"
 #include "service/camera/timelapse_requests.h"
-#include "service/camera/timelapse_settings.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
@@ -23,7 +24,7 @@ class TimelapsePartsTest : public testing::Test {
 
 TEST_F(TimelapsePartsTest, ASegmentListSurvivesALineThatWasCutShort) {
   const fs::path list = dir_ / "filelist.txt";
-  EXPECT_TRUE(ReadSegmentList(list).empty());
+  EXPECT_TRUE(ReadSegmentList(list)->empty());
   EXPECT_FALSE(AppendSegment(list, "/w/seg_00001.ts"));
   const std::string whole = test::ReadFile(list);
   EXPECT_EQ(whole, "file '/w/seg_00001.ts'\n");
@@ -33,8 +34,10 @@ TEST_F(TimelapsePartsTest, ASegmentListSurvivesALineThatWasCutShort) {
     EXPECT_EQ(test::ReadFile(list), whole + "file '/w/seg_00003.ts'\n") << torn;
   }
   dir_.Write("filelist.txt", "file ''\nfile '/a\n/b'\nfile '/c'\n");
-  EXPECT_EQ(ReadSegmentList(list), (std::vector<fs::path>{"/c"}));
-  EXPECT_TRUE(log_.Has("TLP", "Generate video: unexpected segment record line 'file '/a', skip."));
+  std::vector<std::string> skipped;
+  EXPECT_EQ(ReadSegmentList(list, [&](const std::string& line) { skipped.push_back(line); }),
+            (std::vector<fs::path>{"/c"}));
+  EXPECT_EQ(skipped, (std::vector<std::string>{"file ''", "file '/a", "/b'"}));
 }
 
 TEST_F(TimelapsePartsTest, ProgressIsReadFromTheLastTwelveLines) {
@@ -57,6 +60,18 @@ TEST_F(TimelapsePartsTest, ProgressIsReadFromTheLastTwelveLines) {
   EXPECT_EQ(ProgressPercent(1, 3), 26);
   EXPECT_EQ(ProgressPercent(3, 3), 80);
   EXPECT_EQ(ProgressPercent(1'000'000, 3), 80);
+}
+
+TEST_F(TimelapsePartsTest, OnlyTheEncodersOwnLinesAreComplaints) {
+  const std::string video = "/w/.varnel-x/film.mp4";
+  for (const char* own : {"[h264 @ 0x1] error while decoding", "[mov,mp4 @ 0x2] x",
+                          "/w/.varnel-x/film.mp4: Invalid data found"})
+    EXPECT_TRUE(IsComplaint(own, video)) << own;
+  for (const char* other : {"", "rga_api version 1.9", "mpp[123]: mpp_info: version", "[]"})
+    EXPECT_FALSE(IsComplaint(other, video)) << other;
+  EXPECT_EQ(LastLine("ffmpeg version 5\nframe=1\rframe=2\r\n Conversion failed! \n\n"),
+            "Conversion failed!");
+  EXPECT_EQ(LastLine(" \n"), "");
 }
 
 TEST_F(TimelapsePartsTest, SettingsThatAreUnusableBecomeTheDefaults) {

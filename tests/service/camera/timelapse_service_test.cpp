@@ -1,5 +1,6 @@
-#include "service/camera/timelapse_service.h"
+#include "service/camera/timelapse/films/timelapse_service.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <sched.h>
@@ -10,6 +11,7 @@
 #include <fstream>
 
 #include "service/camera/timelapse_world.h"
+#include "support/fake_clock.h"
 #include "support/log_capture.h"
 
 namespace varnel::service {
@@ -25,7 +27,7 @@ class TimelapseServiceTest : public testing::Test, public TimelapseWorld {
   /// A new time-lapse with that many photos; returns its index.
   std::string Record(TimelapseService& service, int photos) {
     EXPECT_TRUE(service.StartNew({}));
-    std::string index = TimelapseRoot(paths_).NextIndex();
+    std::string index = WorkDirectories(paths_).NextIndex();
     for (int i = 0; i < photos; ++i) EXPECT_EQ(service.TakePhoto(), TimelapsePhoto::kTaken);
     return index;
   }
@@ -81,6 +83,29 @@ TEST_F(TimelapseServiceTest, AStoppedTimeLapseBecomesAFilmThatOthersMayRead) {
   EXPECT_THAT(Leftovers(), IsEmpty());
 }
 
+TEST_F(TimelapseServiceTest, AFinishedFilmIsListedAgainAndMadeOnce) {
+  auto service = Service();
+  const std::string index = Record(*service, 2);
+  EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+  ASSERT_NE(Film(*service, index), "");
+  EXPECT_TRUE(Eventually([&] { return State(index) == "FINISHED\n" && Completed() == 1; }));
+  // Killed after the film was listed.
+  service.reset();
+  dir_.Write("store/" + index + "/state", "GENERATING\n");
+  EncodeAs("exit 1");
+  service = Service();
+  EXPECT_TRUE(Eventually([&] { return State(index) == "FINISHED\n"; }));
+  // The description is lost; a broken one is kept.
+  service.reset();
+  dir_.WriteScript("ffprobe", "echo 61");
+  dir_.Write("store/timelapse.json", "lost");
+  service = Service();
+  EXPECT_EQ(Film(*service, index), "a2\na1\na2\n");
+  EXPECT_EQ(service->Store().List({})["instances"][0]["video_duration"], "01:01");
+  EXPECT_EQ(test::ReadFile(dir_ / "store/timelapse.json.1.bad"), "lost");
+  EXPECT_EQ(Completed(), 1U);
+}
+
 TEST_F(TimelapseServiceTest, AnInterruptedPrintGoesOnWithAllItsFrames) {
   std::string index;
   {
@@ -93,10 +118,13 @@ TEST_F(TimelapseServiceTest, AnInterruptedPrintGoesOnWithAllItsFrames) {
   std::ofstream(paths_.root / index / ".varnel-abcdef/seg_00003.ts") << "half";
   std::ofstream(paths_.root / index / "filelist.txt", std::ios::app) << "file '/half";
   photos_ = 3;
+  // An earlier version laid no record of a stop ready.
+  EXPECT_TRUE(fs::remove(paths_.root / index / "state.stop"));
   const auto service = Service();
   EXPECT_FALSE(service->IsRunning());
   EXPECT_TRUE(service->Continue());
   EXPECT_TRUE(service->Continue()) << "it goes on already";
+  EXPECT_TRUE(fs::exists(paths_.root / index / "state.stop"));
   EXPECT_FALSE(fs::exists(paths_.root / index / ".varnel-abcdef"));
   EXPECT_EQ(service->TakePhoto(), TimelapsePhoto::kTaken);
   EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
@@ -116,7 +144,7 @@ TEST_F(TimelapseServiceTest, ANewPrintTakesNothingFromAnEarlierOne) {
   scene_ = "b";
   const std::string second = Record(*service, 1);
   EXPECT_THAT(Instances(), ElementsAre(second)) << "it may have the same index within one second";
-  EXPECT_EQ(TimelapseInstance(paths_.root / second, {}, {}).Photos().size(), 1U);
+  EXPECT_EQ(WorkDirectory(paths_.root / second, {}, {}).Photos().size(), 1U);
   EXPECT_TRUE(log_.Has("TLP", "Remove the unfinished time-lapse " + unfinished + " done."));
   scene_ = "c";
   const std::string third = Record(*service, 1);
@@ -139,51 +167,44 @@ TEST_F(TimelapseServiceTest, ASecondPrintBeginsWhileTheFirstFilmIsMade) {
 }
 
 TEST_F(TimelapseServiceTest, WhatFailsNeverStopsWhatFollows) {
-  EncodeAs("case $input in *00002.jpg) exit 1;; *00003.jpg) : >\"$out\"; exit 0;; esac");
+  // A photo that the encoder refuses, one at which it crashes, and the last one too.
+  EncodeAs("case $input in *00002.jpg|*00006.jpg) exit 1;; *00003.jpg) kill -SEGV $$;; esac");
+  dir_.WriteScript("ffprobe", "exit 1");
   const auto service = Service();
   const std::string index = Record(*service, 3);
   camera_fails_ = true;
   EXPECT_EQ(service->TakePhoto(), TimelapsePhoto::kFailed);
   camera_fails_ = false;
   EXPECT_EQ(service->TakePhoto(), TimelapsePhoto::kTaken);
+  EXPECT_EQ(service->TakePhoto(), TimelapsePhoto::kTaken);
   EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
   EXPECT_EQ(Film(*service, index), "a4\na1\na4\n");
   EXPECT_TRUE(log_.Has("TLP", "Generate segment video failed, exit code: 1"));
+  EXPECT_EQ(service->Store().List({})["instances"][0]["video_duration"], "00:00");
+  EXPECT_TRUE(Eventually([&] { return State(index) == "FINISHED\n"; }));
+  const WorkDirectory work(paths_.root / index, {}, TimelapseState::kFinished);
+  EXPECT_TRUE(Eventually([&] { return !fs::exists(work.AllSegmentsList()); }));
+  EXPECT_THAT(work.Photos(), ElementsAre(2, 3, 6)) << "what is in no film is not removed";
 }
 
 TEST_F(TimelapseServiceTest, APhotoWhoseEncoderFailedIsTriedAgainForTheFilm) {
+  const fs::path tried = dir_ / "tried_";
   const std::string first_time =
-      "mkdir \"" + (dir_ / "tried_").string() + "$(basename \"$input\")\" 2>/dev/null && ";
+      "mkdir \"" + tried.string() + "$(basename \"$input\")\" 2>/dev/null && ";
   EncodeAs("case $input in *00001.jpg) " + first_time + "kill -9 $$;; *00002.jpg) " + first_time +
-           "{ : >\"$out\"; exit 0; };; *00003.jpg) " + first_time +
            "{ echo broken >\"$out\"; exit 0; };; esac\nawk '{print $41}' /proc/$$/stat >'" +
            (dir_ / "policy").string() + "'");
   const auto service = Service();
-  const std::string index = Record(*service, 4);
+  const std::string index = Record(*service, 1);
+  EXPECT_TRUE(Eventually([&] { return fs::exists(tried.string() + "photo_00001.jpg"); }));
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(service->TakePhoto(), TimelapsePhoto::kTaken);
   EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
-  EXPECT_EQ(Film(*service, index), "a4\na1\na2\na3\na4\n") << "3 was encoded, but could not play";
+  EXPECT_EQ(Film(*service, index), "a3\na1\na2\na3\n") << "2 was encoded, but could not play";
   EXPECT_EQ(test::ReadFile(dir_ / "policy"), std::to_string(SCHED_IDLE) + "\n");
 }
 
-TEST_F(TimelapseServiceTest, AnEncoderThatIsKilledCostsNoSegment) {
-  // From the join on nothing runs to its end, checks of single segments neither.
-  EncodeAs("[ -n \"$list\" ] || [ \"$out\" = - ] && kill -9 $$");
-  std::string index;
-  {
-    const auto service = Service();
-    index = Record(*service, 3);
-    EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
-    EXPECT_TRUE(Eventually([&] { return Completed() == 1; }));
-    EXPECT_TRUE(fs::exists(paths_.root / index / "seg_00001.ts"));
-  }
-  EncodeAs("");
-  std::ofstream(paths_.root / index / "cover.ts") << "broken";  // on a full disk, for example
-  const auto service = Service();
-  EXPECT_EQ(Film(*service, index), "a3\na1\na2\na3\n");
-}
-
 TEST_F(TimelapseServiceTest, AnEncoderThatHangsIsEndedAndHoldsUpNothing) {
-  paths_.frame_limit_ms = 1000;  // a busy machine starts a shell in less
+  programs_.still_limit_ms = 1000;  // a busy machine starts a shell in less
   EncodeAs("case $input in *.jpg) exec sleep 100;; esac");
   std::string index;
   {
@@ -212,7 +233,7 @@ TEST_F(TimelapseServiceTest, AnEncoderThatOutlivesItsDaemonSpoilsNothing) {
   }
   ::waitpid(daemon, nullptr, 0);
   EncodeAs("");
-  const std::string index = TimelapseRoot(paths_).NextIndex();
+  const std::string index = WorkDirectories(paths_).NextIndex();
   const auto service = Service();
   EXPECT_TRUE(service->Continue());
   dir_.Write("gate", "");
@@ -234,37 +255,70 @@ TEST_F(TimelapseServiceTest, ANewOneThatCannotBeginLeavesNothingThatSeemsToRun) 
   EXPECT_THAT(Instances(), IsEmpty());
 }
 
-TEST_F(TimelapseServiceTest, AFailedFilmIsTriedAgainAtTheNextStart) {
-  EncodeAs("[ -n \"$list\" ] && exit 1");
-  std::string index;
-  {
-    const auto service = Service();
-    EXPECT_TRUE(service->StartNew({}));
-    EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kRefused) << "no photo yet";
-    index = Record(*service, 2);
+TEST_F(TimelapseServiceTest, AFailedFilmIsTriedAgainWithoutARestart) {
+  const auto service = Service();
+  EXPECT_TRUE(service->StartNew({}));
+  EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kRefused) << "no photo yet";
+  const std::pair<const char*, const char*> faults[] = {
+      {"[ -n \"$list\" ] && exit 1", "the video could not be generated"},
+      {"[ -n \"$list\" ] || [ \"$out\" = - ] && kill -9 $$", "the video could not be generated"},
+      {"[ \"$out\" = - ] && { echo '[h264] all broken' >&2; exit; }",
+       "the video could not be generated"},
+      {"case $out in cover*) kill -9 $$;; esac", "the cover could not be made"},
+      {"case $out in thumb*) exit 1;; esac", "the thumbnail could not be made"},
+      {"case $out in *1.ts) : >\"$out\"; exit;; esac", "there is no room for the film"}};
+  size_t told = 0;
+  for (const auto& [fault, message] : faults) {
+    EncodeAs(fault);
+    scene_ = 'a' + std::to_string(told);
+    const std::string index = Record(*service, 2);
     EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
-    EXPECT_TRUE(Eventually([&] { return Completed() == 1 && !service->IsRunning(); }));
-    EXPECT_EQ(notified_.Items().back().second["state"], "failed");
+    ASSERT_TRUE(Eventually([&] { return Completed() == told + 1; })) << fault;
+    EXPECT_EQ(notified_.Items().back().second["message"], message);
     EXPECT_EQ(State(index), "GENERATING\n");
-    EXPECT_TRUE(log_.Has("TLP", "The video generation might have failed, try 3 time."));
-    EXPECT_EQ(service->Store().List({})["count"], 0);
+    EXPECT_TRUE(service->IsRunning());
+    EXPECT_FALSE(service->Continue());
+    EXPECT_NE(service->Delete(index), 0);
+    EncodeAs("echo 'libfoo 1.0 [banner] ' >&2; echo banner");
+    const int last = photos_;
+    (void)Record(*service, 1);
+    EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+    const auto frame = [&](int number) { return scene_ + std::to_string(number) + '\n'; };
+    EXPECT_EQ(Film(*service, index), frame(last) + frame(last - 1) + frame(last)) << fault;
+    ASSERT_TRUE(Eventually([&] { return Completed() == told + 3; }));
+    told += 3;
   }
+}
+
+TEST_F(TimelapseServiceTest, WithoutRoomAFilmWaitsUntilItHasFailedTooOften) {
+  test::FakeClock clock;
+  clock_ = clock;
+  EncodeAs("[ -n \"$list\" ] && exit 1");
+  auto service = Service();
+  const std::string index = Record(*service, 2);
+  EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+  EXPECT_TRUE(Eventually([&] { return Completed() == 1; }));
+  clock.AwaitWaiters(1);
+  clock.Advance(FilmWaits::kPause);
+  const fs::path failures = paths_.root / index / "failures";
+  EXPECT_TRUE(Eventually([&] { return test::ReadFile(failures) == "2\n"; }));
+  EXPECT_TRUE(log_.Has("TLP", "The video generation might have failed, try 3 time."));
+  service.reset();
   EncodeAs("");
   paths_.min_free_bytes = uint64_t{1} << 60U;
-  {
-    const auto service = Service();
-    EXPECT_TRUE(Eventually([&] { return Completed() == 2; }));
-    EXPECT_EQ(notified_.Items().back().second["message"], "there is no room for the film");
-  }
-  paths_.min_free_bytes = 1;
-  const auto service = Service();
-  EXPECT_EQ(Film(*service, index), "a2\na1\na2\n");
-  EXPECT_TRUE(Eventually([&] { return State(index) == "FINISHED\n"; }));
-  EXPECT_THAT(Leftovers(), IsEmpty());
+  service = Service();
+  EXPECT_TRUE(Eventually([&] { return Completed() == 2; }));
+  EXPECT_EQ(notified_.Items().back().second["message"], "there is no room for the film");
+  EXPECT_EQ(test::ReadFile(failures), "2\n") << "a shortage is none";
+  service.reset();
+  dir_.Write("store/" + index + "/failures", "10\n");
+  service = Service();
+  EXPECT_TRUE(Eventually([&] { return Instances().empty(); }));
+  EXPECT_TRUE(Eventually([&] { return Leftovers().empty(); }));
 }
 
 TEST_F(TimelapseServiceTest, WithoutAnEncoderPhotosWaitOnDisk) {
-  fs::remove(paths_.ffmpeg);
+  fs::remove(programs_.ffmpeg);
   std::string index;
   {
     const auto service = Service();
@@ -274,7 +328,12 @@ TEST_F(TimelapseServiceTest, WithoutAnEncoderPhotosWaitOnDisk) {
     EXPECT_TRUE(log_.Has("TLP", "FFmpeg program is not exists."));
   }
   EncodeAs("");
+  broker_answers_ = false;
+  broker_asked_ = 0;
   const auto service = Service();
+  EXPECT_TRUE(Eventually([&] { return broker_asked_ >= 3; }));
+  EXPECT_EQ(service->Store().List({})["count"], 0) << "nobody would hear of it";
+  broker_answers_ = true;
   EXPECT_EQ(Film(*service, index), "a2\na1\na2\n");
 }
 
@@ -290,7 +349,7 @@ TEST_F(TimelapseServiceTest, TheStartClearsAwayWhatWasHalfMade) {
   EXPECT_THAT(Instances(), ElementsAre("20260101000002", "20260101000003"));
   EXPECT_TRUE(fs::exists(paths_.root / "2026010100000/state")) << "thirteen digits";
   EXPECT_TRUE(fs::is_empty(paths_.upload));
-  EXPECT_THAT(Leftovers(), IsEmpty());
+  EXPECT_TRUE(Eventually([&] { return Leftovers().empty(); }));
 }
 
 /// A cloud in a directory.

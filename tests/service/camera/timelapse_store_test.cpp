@@ -1,6 +1,7 @@
-#include "service/camera/timelapse_store.h"
+#include "service/camera/timelapse/disk/film_store.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -76,7 +77,7 @@ class TimelapseStoreTest : public testing::Test {
   test::TempDir dir_;
   test::FakeClock clock_{test::FakeClock::Waiting::kJump};
   TimelapsePaths paths_;
-  TimelapseStore store_{paths_, clock_};
+  FilmStore store_{paths_, clock_};
 };
 
 TEST_F(TimelapseStoreTest, ListsTheNewestFirstInPages) {
@@ -142,6 +143,7 @@ TEST_F(TimelapseStoreTest, WithoutADescriptionNothingIsListedOrDeleted) {
 
 TEST_F(TimelapseStoreTest, AnIllegalDescriptionIsKeptBesideTheNewOne) {
   const std::string deep(100'000, '[');
+  int broken = 0;
   for (const std::string& illegal :
        {std::string("{"), std::string(""), std::string("[]"), std::string(R"({"instances":{}})"),
         std::string("\xff"), deep}) {
@@ -150,7 +152,7 @@ TEST_F(TimelapseStoreTest, AnIllegalDescriptionIsKeptBesideTheNewOne) {
     EXPECT_EQ(Description(), illegal) << "only a new one replaces it";
     EXPECT_EQ(store_.Publish(Film("20260101000001")), "");
     EXPECT_EQ(Listed({}).size(), 1U);
-    EXPECT_EQ(test::ReadFile(paths_.Description().string() + ".bad"), illegal);
+    EXPECT_EQ(test::ReadFile(dir_ / fmt::format("store/timelapse.json.{}.bad", ++broken)), illegal);
   }
 }
 
@@ -173,7 +175,7 @@ TEST_F(TimelapseStoreTest, ADescriptionThatCannotBeReadNowIsNotGivenUp) {
     EXPECT_EQ(store_.Delete("20260101000001"), -1);
   }
   EXPECT_EQ(Listed({}), (std::vector<std::string>{"20260101000001"}));
-  EXPECT_FALSE(fs::exists(paths_.Description().string() + ".bad"));
+  EXPECT_FALSE(fs::exists(paths_.Description().string() + ".1.bad"));
 }
 
 TEST_F(TimelapseStoreTest, OnAFullDiskNothingIsLostAndFilmsCanBeDeleted) {
@@ -217,7 +219,7 @@ TEST_F(TimelapseStoreTest, ALockThatIsNeverGivenBackFailsTheOperation) {
   EXPECT_NE(store_.Publish(Film("20260101000002")), "");
   EXPECT_TRUE(store_.List({}).is_null()) << "which is not a store without films";
   EXPECT_TRUE(log_.Has("TLP", "Failed to acquire file lock: Failed to acquire file lock"));
-  EXPECT_GE(clock_.Elapsed(), TimelapseStore::kLockLimit);
+  EXPECT_GE(clock_.Elapsed(), FilmStore::kLockLimit);
 }
 
 TEST_F(TimelapseStoreTest, TwoProcessesLoseNoUpdate) {
@@ -225,7 +227,7 @@ TEST_F(TimelapseStoreTest, TwoProcessesLoseNoUpdate) {
   constexpr int kRounds = 20;
   // Each process looks after every round whether all its updates are there.
   const auto update_all = [this](int64_t process) {
-    const TimelapseStore store(paths_);
+    const FilmStore store(paths_);
     int lost = 0;
     for (int round = 1; round <= kRounds; ++round) {
       for (int64_t film = 0; film < kFilms; ++film) {

@@ -2,14 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "service/camera/timelapse_service.h"
+#include "service/camera/timelapse/films/timelapse_service.h"
 #include "support/eventually.h"
 #include "support/temp_dir.h"
 #include "utils/atomic_file.h"
@@ -28,11 +30,8 @@ class TimelapseWorld {
   }
 
   void WritePrograms() {
-    paths_.ffprobe = dir_.WriteScript("ffprobe", R"(
-for video; do :; done
-case "$*" in *nb_frames*) grep -c . "$video" ;; *) echo 4.033 ;; esac)")
-                         .string();
-    paths_.ffmpeg = (dir_ / "ffmpeg").string();
+    programs_.ffprobe = dir_.WriteScript("ffprobe", "echo 4.033").string();
+    programs_.ffmpeg = (dir_ / "ffmpeg").string();
     EncodeAs("");
   }
   /// Exists once a test has noted that something happened.
@@ -42,16 +41,18 @@ case "$*" in *nb_frames*) grep -c . "$video" ;; *) echo 4.033 ;; esac)")
   void EncodeAs(const std::string& first) {
     dir_.WriteScript("ffmpeg", R"(
 for out; do :; done
-list='' input='' previous=''
+list='' input='' progress='' previous=''
 for word; do
   [ "$previous" = -i ] && input=$word
+  [ "$previous" = -progress ] && progress=$word
   [ "$word" = concat ] && list=yes
   previous=$word
 done
 )" + first + R"(
-[ "$out" = - ] && { grep -h broken "$input"; grep -q . "$input"; exit; }
+[ "$out" = - ] && { sed -n "s/broken/[text] broken/p" "$input" >&2; grep -q . "$input"; exit; }
 if [ -n "$list" ]; then
   sed -n "s/^file '\(.*\)'$/\1/p" "$input" | while read -r segment; do cat "$segment"; done >"$out"
+  echo frame=$(grep -c . "$out") >"$progress"
 else
   cat "$input" >"$out"
 fi)");
@@ -59,13 +60,22 @@ fi)");
 
   std::unique_ptr<TimelapseService> Service(
       std::unique_ptr<FileUploader> uploader = std::make_unique<NoUploader>()) {
-    auto service = std::make_unique<TimelapseService>(
-        paths_, [this](const std::string& path) { return TakePhoto(path); },
-        [this](const std::string& method, nlohmann::json params) {
-          notified_.Put({method, std::move(params)});
-          return 0;
-        },
-        std::move(uploader));
+    TimelapseSetup setup{.paths = paths_,
+                         .programs = programs_,
+                         .take_photo = [this](const std::string& path) { return TakePhoto(path); },
+                         .notify =
+                             [this](const std::string& method, nlohmann::json params) {
+                               notified_.Put({method, std::move(params)});
+                               return 0;
+                             },
+                         .broker_answers =
+                             [this] {
+                               ++broker_asked_;
+                               return broker_answers_.load();
+                             },
+                         .uploader = std::move(uploader),
+                         .clock = &clock_.get()};
+    auto service = std::make_unique<TimelapseService>(std::move(setup));
     service->HandleUnfinished();
     return service;
   }
@@ -88,7 +98,7 @@ fi)");
     return test::ReadFile(paths_.root / index / "state");
   }
   /// The work directories, oldest first.
-  std::vector<std::string> Instances() const { return TimelapseRoot(paths_).Indices(); }
+  std::vector<std::string> Instances() const { return WorkDirectories(paths_).Indices(); }
   /// What an interruption must never leave: names that are neither of the store nor of a film.
   std::vector<std::string> Leftovers() const {
     std::vector<std::string> names;
@@ -106,9 +116,13 @@ fi)");
 
   test::TempDir dir_;
   TimelapsePaths paths_;
+  EncoderPrograms programs_;
   std::string scene_ = "a";
   bool camera_fails_ = false;
   int photos_ = 0;
+  std::atomic<bool> broker_answers_ = true;
+  std::atomic<int> broker_asked_ = 0;
+  std::reference_wrapper<utils::Clock> clock_ = utils::SystemClock::Instance();
   test::Mailbox<std::pair<std::string, nlohmann::json>> notified_;
 };
 

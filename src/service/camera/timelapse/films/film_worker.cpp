@@ -1,0 +1,189 @@
+#include "service/camera/timelapse/films/film_worker.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+#include <vector>
+
+#include "utils/child_registry.h"
+#include "utils/free_space.h"
+#include "utils/log.h"
+#include "utils/log_text.h"
+#include "utils/thread.h"
+
+namespace varnel::service {
+namespace {
+
+constexpr const char* kTag = "TLP";
+constexpr std::chrono::milliseconds kBrokerPause{500};
+/// Whatever is due: the thread never goes round in circles.
+constexpr std::chrono::seconds kShortestPause{1};
+
+}  // namespace
+
+FilmWorker::FilmWorker(const TimelapsePaths& paths, WorkDirectories& directories,
+                       const FilmStore& store, const Ffmpeg& ffmpeg, const FilmMaker& maker,
+                       std::function<bool()> broker_answers, utils::Clock& clock)
+    : paths_(paths),
+      directories_(directories),
+      store_(store),
+      ffmpeg_(ffmpeg),
+      maker_(maker),
+      broker_answers_(std::move(broker_answers)),
+      clock_(clock) {}
+
+FilmWorker::~FilmWorker() {
+  thread_.request_stop();
+  Wake();
+}
+
+void FilmWorker::Start() {
+  thread_ =
+      utils::SpawnGuarded("film-worker", kTag, [this](const std::stop_token& stop) { Run(stop); });
+}
+
+void FilmWorker::Wake() {
+  {
+    const std::lock_guard lock(mutex_);
+    change_ = true;
+  }
+  changed_.notify_all();
+}
+
+void FilmWorker::TryAgain() {
+  {
+    const std::lock_guard lock(mutex_);
+    try_again_ = true;
+  }
+  Wake();
+}
+
+/// What one look cannot do is no reason to never look again.
+void FilmWorker::Guarded(const std::function<void()>& work) const {
+  try {
+    work();
+  } catch (const std::exception& error) {
+    VLOG_ERROR(kTag, "A look at the time-lapses failed: {}", utils::LogText(error.what()));
+  }
+}
+
+void FilmWorker::Run(const std::stop_token& stop) {
+  Guarded([this] { directories_.RemoveSetAside(); });
+  if (!AwaitBroker(stop)) return;
+  Guarded([this] { LookAtFinished(); });
+  while (!stop.stop_requested()) {
+    (void)TakeChange();
+    bool film = false;
+    Guarded([&] {
+      directories_.RemoveSetAside();
+      EncodePrints(stop);
+      film = MakeNextFilm(stop);
+      GiveBackRoom();
+    });
+    if (!film) AwaitChange(stop);
+  }
+}
+
+bool FilmWorker::AwaitBroker(const std::stop_token& stop) {
+  while (!broker_answers_() && !stop.stop_requested()) {
+    std::unique_lock lock(mutex_);
+    clock_.WaitUntil(lock, changed_, clock_.Now() + kBrokerPause,
+                     [&] { return stop.stop_requested(); });
+  }
+  return !stop.stop_requested();
+}
+
+void FilmWorker::AwaitChange(const std::stop_token& stop) {
+  std::unique_lock lock(mutex_);
+  const auto now = clock_.Now();
+  clock_.WaitUntil(lock, changed_, std::max(waits_.NextDue(now), now + kShortestPause),
+                   [&] { return change_ || stop.stop_requested(); });
+}
+
+bool FilmWorker::TakeChange() {
+  const std::lock_guard lock(mutex_);
+  if (std::exchange(try_again_, false)) waits_.AllDue();
+  return std::exchange(change_, false);
+}
+
+void FilmWorker::LookAtFinished() {
+  const auto finished = directories_.IndicesIn(TimelapseState::kFinished);
+  for (const std::string& index : finished)
+    WorkDirectory(paths_.root / index, {}, TimelapseState::kFinished).RemoveJoined();
+  for (const std::string& index : store_.Unlisted(finished).value_or(std::vector<std::string>()))
+    if (const auto directory = directories_.Open(index)) maker_.ListAgain(*directory);
+}
+
+void FilmWorker::EncodePrints(const std::stop_token& stop) {
+  const auto indices = directories_.IndicesIn(TimelapseState::kActivated);
+  std::erase_if(prints_, [&](const auto& print) {
+    return std::find(indices.begin(), indices.end(), print.first) == indices.end();
+  });
+  for (const std::string& index : indices) {
+    Print& print = prints_[index];
+    if (!print.directory) print.directory = directories_.Open(index);
+    if (!print.directory) continue;
+    const WorkDirectory& directory = *print.directory;
+    // What cannot be done waits for the next photo, or for the film.
+    (void)EncodeMissing(ffmpeg_, directory, print.bad,
+                        [&] { return !stop.stop_requested() && directory.Exists(); });
+  }
+}
+
+bool FilmWorker::MakeNextFilm(const std::stop_token& stop) {
+  const auto indices = directories_.IndicesIn(TimelapseState::kGenerating);
+  waits_.KeepOnly(indices);
+  for (const std::string& index : indices) {
+    if (stop.stop_requested() || !waits_.IsDue(index, clock_.Now())) continue;
+    const auto directory = directories_.Open(index);
+    // Recorded, but still being stopped: that wakes us once more.
+    if (directory && directory->State() != TimelapseState::kGenerating) continue;
+    if (directory) {
+      MakeFilm(*directory, stop);
+    } else {
+      VLOG_WARN(kTag,
+                "Finish timelapse: {} is not an existing instance or state is not 'GENERATING', do "
+                "nothing.",
+                index);
+      (void)waits_.Postpone(index, clock_.Now());
+    }
+    return true;
+  }
+  return false;
+}
+
+void FilmWorker::MakeFilm(WorkDirectory& directory, const std::stop_token& stop) {
+  const FilmAttempt attempt = maker_.Make(directory, [&] {
+    // Photos of a print that runs go before those of one that is over.
+    if (TakeChange()) EncodePrints(stop);
+    return !stop.stop_requested() && directory.Exists();
+  });
+  Settle(directory, attempt);
+}
+
+void FilmWorker::Settle(WorkDirectory& directory, const FilmAttempt& attempt) {
+  const std::string index = directory.Index();
+  if (attempt.Done()) {
+    waits_.Forget(index);
+    waits_.AllDue();
+    return;
+  }
+  const bool process_ends = utils::ChildStart().Refused();
+  if (attempt.end == WorkEnd::kInterrupted || process_ends || !directory.Exists()) return;
+  if (attempt.end == WorkEnd::kFailed) directory.CountFailure();
+  if (waits_.Postpone(index, clock_.Now())) maker_.NotifyFailed(directory, attempt.problem);
+}
+
+void FilmWorker::GiveBackRoom() {
+  for (const std::string& index : waits_.Indices()) {
+    if (utils::EnoughFreeSpace(paths_.root, paths_.min_free_bytes)) return;
+    const WorkDirectory directory(paths_.root / index, {}, TimelapseState::kGenerating);
+    if (directory.Failures() < FilmMaker::kManyFailures) continue;
+    VLOG_ERROR(kTag, "The film of {} failed {} times and the disk is full, its photos are removed",
+               index, directory.Failures());
+    waits_.Forget(index);
+    if (directories_.SetAside(index)) directories_.RemoveSetAside();
+  }
+}
+
+}  // namespace varnel::service

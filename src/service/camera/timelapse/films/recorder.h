@@ -1,0 +1,54 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "service/camera/timelapse/disk/work_directory.h"
+
+namespace varnel::service {
+
+enum class TimelapsePhoto { kTaken, kNotActive, kFailed };
+
+/// The time-lapse of the current print: takes its photos to disk, where they wait for the encoder.
+/// Thread-safe.
+class Recorder {
+ public:
+  /// Takes a photo with the main camera to a path. True when the file is whole.
+  using TakePhotoTo = std::function<bool(const std::string& path)>;
+
+  Recorder(std::shared_ptr<WorkDirectory> directory, TakePhotoTo take_photo);
+  Recorder(const Recorder&) = delete;
+  Recorder& operator=(const Recorder&) = delete;
+
+  /// A new instance becomes ACTIVATED; a continued one must be it.
+  [[nodiscard]] bool Start(bool continued);
+  /// Returns when the photo's file is whole.
+  [[nodiscard]] TimelapsePhoto TakePhoto();
+  /// The state becomes GENERATING. False when it is not active or has no photo.
+  [[nodiscard]] bool Stop();
+  /// Takes no more photos: the print goes on in another time-lapse.
+  void Close() { closed_ = true; }
+
+  /// A client wanted it to become a film, whether that could be recorded or not.
+  bool StopWasAsked() const { return stop_asked_; }
+  WorkDirectory& Directory() { return *directory_; }
+  TimelapseState State() const { return directory_->State(); }
+
+ private:
+  bool Capture(uint32_t number) const;
+
+  const std::shared_ptr<WorkDirectory> directory_;
+  const TakePhotoTo take_photo_;
+  std::atomic<bool> closed_ = false;
+  std::atomic<bool> stop_asked_ = false;
+
+  std::mutex photo_mutex_;     // one photo, and no state change while it is taken
+  uint32_t next_number_ = 1;   // photo_mutex_
+  bool stop_prepared_ = true;  // photo_mutex_
+};
+
+}  // namespace varnel::service

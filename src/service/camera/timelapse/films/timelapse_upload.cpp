@@ -1,0 +1,131 @@
+#include "service/camera/timelapse/films/timelapse_upload.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <system_error>
+
+#include "service/camera/timelapse/disk/work_directory.h"
+#include "utils/log.h"
+#include "utils/log_text.h"
+#include "utils/openssl_crypto.h"
+#include "utils/random_password.h"
+
+namespace varnel::service {
+namespace {
+
+namespace fs = std::filesystem;
+using hal_adapter::HalStatus;
+
+constexpr const char* kTag = "TLP";
+constexpr size_t kPasswordBytes = 16;
+constexpr uint32_t kIterations = 10'000;
+
+/// The encrypted file on its way; gone at the end of the upload.
+class TemporaryFile {
+ public:
+  explicit TemporaryFile(fs::path path) : path_(std::move(path)) {}
+  ~TemporaryFile() {
+    std::error_code error;
+    fs::remove(path_, error);
+    if (error) {
+      VLOG_ERROR(kTag, "Delete temporary file '{}' failed, reason: {}", path_.string(),
+                 error.message());
+    }
+  }
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+  const fs::path& Path() const { return path_; }
+
+ private:
+  const fs::path path_;
+};
+
+/// Empty when the record names none.
+std::string SourceIn(const nlohmann::json& record, const std::string& type) {
+  const auto value = record.find(type == "video" ? "video_path" : "thumbnail_path");
+  return value != record.end() && value->is_string() ? value->get<std::string>() : std::string();
+}
+
+/// The description file can be changed by others: nothing else of the board is sent away.
+bool IsOfTheStore(const TimelapsePaths& paths, const fs::path& source) {
+  std::error_code error;
+  const fs::path root = fs::canonical(paths.root, error);
+  if (error) return false;
+  const fs::path real = fs::canonical(source, error);
+  return !error && fs::is_regular_file(real, error) &&
+         real.string().starts_with(root.string() + '/');
+}
+
+bool MakePrivateDirectory(const fs::path& directory) {
+  std::error_code error;
+  fs::create_directories(directory.parent_path(), error);
+  if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) return false;
+  return ::chmod(directory.c_str(), 0700) == 0;
+}
+
+std::string Hex(const std::vector<uint8_t>& bytes) {
+  std::string text;
+  for (const uint8_t byte : bytes) text += fmt::format("{:02x}", byte);
+  return text;
+}
+
+HalStatus EncryptAndSend(const TimelapsePaths& paths, FileUploader& uploader,
+                         const std::string& index, const std::string& type, const fs::path& source,
+                         UploadedFilm& film) {
+  const char* ending = type == "video" ? ".mp4.enc" : ".jpg.enc";
+  // Two uploads of one film do not share a file.
+  const TemporaryFile encrypted(
+      paths.upload / (index + '_' + utils::RandomPassword("hex", 4) + "_timelapse_enc" + ending));
+  utils::OpenSSLCrypto crypto(index + "_timelapse_enc",
+                              utils::RandomPassword("hex", kPasswordBytes), kIterations,
+                              utils::SaltMode::kRandomPerFile, {});
+  try {
+    if (!MakePrivateDirectory(paths.upload))
+      throw std::runtime_error("Create file " + encrypted.Path().string() + " failed");
+    crypto.EncryptFile(source, encrypted.Path());
+  } catch (const std::runtime_error& error) {
+    VLOG_ERROR(kTag, "Encrypt {} failed: {}", source.string(), error.what());
+    return hal_adapter::kHalFailure;
+  }
+  VLOG_INFO(kTag, "Push {} {} to cloud server.", type, source.string());
+  const auto url = uploader.Upload(encrypted.Path(), [](uint64_t sent, uint64_t all) {
+    VLOG_INFO(kTag, "Upload timelapse progress: {}% ({}/{})", all == 0 ? 100 : sent * 100 / all,
+              sent, all);
+  });
+  if (!url) return hal_adapter::kHalFailure;
+  film = {*url, std::string(crypto.Password()), crypto.Iterations(), Hex(crypto.Salt())};
+  return hal_adapter::kHalSuccess;
+}
+
+}  // namespace
+
+HalStatus UploadFilm(const TimelapsePaths& paths, const FilmStore& store, FileUploader& uploader,
+                     const std::string& index, const std::string& type, UploadedFilm& film) {
+  if (type != "video" && type != "thumbnail") {
+    VLOG_ERROR(kTag, "File type is not 'video' or 'thumbnail', do nothing.");
+    return hal_adapter::kHalFailure;
+  }
+  nlohmann::json record;
+  if (const HalStatus found = store.Find(index, record); found != hal_adapter::kHalSuccess)
+    return found;
+  const std::string source = SourceIn(record, type);
+  // It becomes part of a file's name.
+  if (!IsTimelapseIndex(index)) return hal_adapter::kHalInvalidParameter;
+  if (source.empty()) {
+    VLOG_ERROR(kTag, "Source path for {} is empty, cannot upload.", type);
+    return hal_adapter::kHalFailure;
+  }
+  if (!IsOfTheStore(paths, source)) {
+    VLOG_ERROR(kTag, "File {} is not ready.", utils::LogText(source));
+    return hal_adapter::kHalFileNotFound;
+  }
+  if (!uploader.HasAccess()) {
+    VLOG_ERROR(kTag, "Cloud access code is unavailable.");
+    return hal_adapter::kHalFailure;
+  }
+  return EncryptAndSend(paths, uploader, index, type, source, film);
+}
+
+}  // namespace varnel::service
