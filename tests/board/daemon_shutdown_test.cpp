@@ -118,13 +118,14 @@ class MortalDaemon {
 
   /// Requests and, while they run, a photo whose conversion does not end.
   void Load(milliseconds time) {
-    const auto end = std::chrono::steady_clock::now() + time;
     MqttLink link = LinkTo(board_, "load");
     link.Subscribe("+/response", 0);
+    RequestLedger ledger;
+    AwaitService(link, ledger);
     link.Publish("camera/request",
                  R"({"jsonrpc":"2.0","id":"photo","method":"camera.take_a_photo",)"
                  R"("params":{"reason":"debug","filepath":"/userdata/p.jpg"}})");
-    RequestLedger ledger;
+    const auto end = std::chrono::steady_clock::now() + time;
     while (std::chrono::steady_clock::now() < end) {
       for (const char* topic : RequestLedger::kTopics) ledger.Probe(link, topic);
       while (const auto message = link.Receive(2ms)) {
@@ -132,6 +133,17 @@ class MortalDaemon {
         ledger.Take(*message);
       }
     }
+  }
+
+  /// What is sent before the daemon has subscribed is lost.
+  static void AwaitService(MqttLink& link, RequestLedger& ledger) {
+    std::optional<Message> answer;
+    for (int i = 0; i < 100 && !answer; ++i) {
+      ledger.Probe(link, RequestLedger::kTopics[0]);
+      answer = link.Receive(100ms);
+    }
+    ASSERT_TRUE(answer);
+    ledger.Take(*answer);
   }
 
   std::optional<int> AwaitEnd() {
