@@ -1,9 +1,7 @@
 #include "service/analysis/decision/result_pictures.h"
 
-#include <signal.h>
-#include <sys/resource.h>
-
 #include "service/analysis/printer_analysis_fixture.h"
+#include "support/full_disk.h"
 
 namespace varnel::service {
 namespace {
@@ -76,26 +74,6 @@ TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutResultDirectories) {
   EXPECT_THAT(Files("det"), SizeIs(1)) << "made again";
 }
 
-/// While it lives, no file gets longer than this: the disk is full.
-class FullDisk {
- public:
-  explicit FullDisk(rlim_t bytes) : before_signal_(::signal(SIGXFSZ, SIG_IGN)) {
-    ::getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit full{bytes, before_.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &full);
-  }
-  ~FullDisk() {
-    ::setrlimit(RLIMIT_FSIZE, &before_);
-    ::signal(SIGXFSZ, before_signal_);
-  }
-  FullDisk(const FullDisk&) = delete;
-  FullDisk& operator=(const FullDisk&) = delete;
-
- private:
-  const sighandler_t before_signal_;
-  rlimit before_{};
-};
-
 TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutRoomForTheirPictures) {
   bool room = false;
   has_space_ = [&](const fs::path& directory) {
@@ -115,7 +93,7 @@ TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutRoomForTheirPictures) {
   const std::string picture = Save(Plain(640, 640, 128));
   ASSERT_GT(fs::file_size(picture), 1000U);
   {
-    const FullDisk full(100);
+    const test::FullDisk full(100);
     EXPECT_EQ(Code(picture, kNoodle), 0);
   }
   EXPECT_EQ(result_.data["noodle"]["obj_cnts"], 2);
