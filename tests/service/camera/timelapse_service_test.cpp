@@ -12,6 +12,7 @@
 
 #include "service/camera/timelapse_world.h"
 #include "support/fake_clock.h"
+#include "support/full_disk.h"
 #include "support/log_capture.h"
 
 namespace varnel::service {
@@ -104,6 +105,15 @@ TEST_F(TimelapseServiceTest, AFinishedFilmIsListedAgainAndMadeOnce) {
   EXPECT_EQ(service->Store().List({})["instances"][0]["video_duration"], "01:01");
   EXPECT_EQ(test::ReadFile(dir_ / "store/timelapse.json.1.bad"), "lost");
   EXPECT_EQ(Completed(), 1U);
+  // A record that leads elsewhere costs nothing that is there.
+  service.reset();
+  const fs::path video = fs::read_symlink(paths_.web / VideoLinkName(index));
+  std::string records = test::ReadFile(dir_ / "store/timelapse.json");
+  dir_.Write("store/timelapse.json", records.replace(records.find(video.filename()), 4, "gone"));
+  dir_.Write("store/" + index + "/state", "GENERATING\n");
+  service = Service();
+  EXPECT_TRUE(Eventually([&] { return Completed() == 2; }));
+  EXPECT_TRUE(fs::exists(video));
 }
 
 TEST_F(TimelapseServiceTest, AnInterruptedPrintGoesOnWithAllItsFrames) {
@@ -151,6 +161,20 @@ TEST_F(TimelapseServiceTest, ANewPrintTakesNothingFromAnEarlierOne) {
   EXPECT_THAT(Instances(), ElementsAre(third)) << "not even one that runs";
   EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
   EXPECT_EQ(Film(*service, third), "c4\nc4\n");
+}
+
+TEST_F(TimelapseServiceTest, AStopThatCouldNotBeRecordedIsRepeated) {
+  const auto service = Service();
+  const std::string index = Record(*service, 1);
+  fs::remove(paths_.root / index / "state.stop");
+  {
+    const test::FullDisk full(0);
+    EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kRefused);
+    EXPECT_FALSE(service->StartNew({}));
+  }
+  EXPECT_EQ(State(index), "ACTIVATED\n");
+  (void)Record(*service, 1);
+  EXPECT_EQ(Film(*service, index), "a1\na1\n");
 }
 
 TEST_F(TimelapseServiceTest, ASecondPrintBeginsWhileTheFirstFilmIsMade) {

@@ -88,11 +88,13 @@ std::optional<std::vector<fs::path>> ReadSegmentList(const fs::path& list,
 }
 
 std::error_code AppendSegment(const fs::path& list, const fs::path& segment) {
+  std::error_code ignored;
+  const bool is_new = !fs::exists(list, ignored);
   const utils::UniqueFd file(::open(
       list.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644));
   if (!file) return LastError();
   if (const std::error_code error = AppendLine(file.Get(), SegmentLine(segment))) return error;
-  return utils::SyncDirectory(list.parent_path());
+  return is_new ? utils::SyncDirectory(list.parent_path()) : std::error_code();
 }
 
 std::error_code WriteSegmentList(const fs::path& list, const std::vector<fs::path>& segments) {

@@ -30,6 +30,12 @@ int64_t SecondsOf(utils::Clock::WallTime time) {
   return std::chrono::floor<std::chrono::seconds>(time.time_since_epoch()).count();
 }
 
+/// The store's deletions and the starts of prints change the link from threads of their own.
+std::mutex& CurrentLinkMutex() {
+  static auto* mutex = new std::mutex;  // used up to the end of the process
+  return *mutex;
+}
+
 bool IsThere(const fs::path& path) {
   std::error_code error;
   return fs::exists(fs::symlink_status(path, error));
@@ -50,6 +56,7 @@ bool ReportCreation(const fs::path& directory, const std::error_code& error) {
 }  // namespace
 
 void RemoveCurrentLink(const TimelapsePaths& paths, const std::string& index) {
+  const std::lock_guard lock(CurrentLinkMutex());
   std::error_code error;
   if (fs::read_symlink(paths.Current(), error) == paths.root / index)
     fs::remove(paths.Current(), error);
@@ -135,6 +142,7 @@ std::shared_ptr<WorkDirectory> WorkDirectories::Publish(const std::string& index
 }
 
 void WorkDirectories::PointCurrentAt(const std::string& index) const {
+  const std::lock_guard lock(CurrentLinkMutex());
   const fs::path directory = paths_.root / index;
   if (const std::error_code error = utils::ReplaceSymlink(directory, paths_.Current())) {
     VLOG_ERROR(kTag, "Create symlink to directory {} failed, reason: {}", directory.string(),
@@ -224,9 +232,9 @@ bool WorkDirectories::SetAside(const std::string& index) const {
   return Rename(index, kRemovedPrefix + index);
 }
 
-void WorkDirectories::SetAsideUnfinished(const std::string& spared) const {
+void WorkDirectories::SetAsideUnfinished(const std::set<std::string>& spared) const {
   for (const std::string& index : Indices())
-    if (index != spared) SetAsideIfUnfinished(index);
+    if (!spared.contains(index)) SetAsideIfUnfinished(index);
 }
 
 void WorkDirectories::SetAsideIfUnfinished(const std::string& index) const {

@@ -3,6 +3,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -45,7 +46,7 @@ class WorkDirectories {
   /// Takes an instance away at once; its room is given back by RemoveSetAside(). False is logged.
   bool SetAside(const std::string& index) const;
   /// The same for every instance that was activated and not stopped, but for the spared one.
-  void SetAsideUnfinished(const std::string& spared) const;
+  void SetAsideUnfinished(const std::set<std::string>& spared) const;
   /// The same for what an interrupted creation left. Once, before anything is made.
   void SetAsideHalfMade() const;
   /// May take long.

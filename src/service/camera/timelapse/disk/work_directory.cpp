@@ -49,8 +49,8 @@ std::optional<uint32_t> SegmentNumber(const std::string& name) {
 }
 
 /// The numbers of one kind of file, in order. A long print has ten thousands: only they are kept.
-std::vector<uint32_t> NumbersIn(const fs::path& directory,
-                                std::optional<uint32_t> (*number_of)(const std::string& name)) {
+template <class NumberOf>
+std::vector<uint32_t> NumbersIn(const fs::path& directory, NumberOf number_of) {
   std::vector<uint32_t> numbers;
   std::error_code error;
   for (fs::directory_iterator it(directory, error), end; !error && it != end; it.increment(error)) {
@@ -113,8 +113,10 @@ bool WorkDirectory::Advance(TimelapseState state) {
   const bool recorded = state == TimelapseState::kGenerating
                             ? RecordStop(directory_)
                             : WriteTimelapseState(directory_, state);
-  if (recorded) state_ = state;
-  return recorded;
+  // A write whose last step failed may be in force all the same.
+  if (!recorded && TimelapseStateIn(directory_) != state) return false;
+  state_ = state;
+  return true;
 }
 
 fs::path WorkDirectory::Photo(uint32_t number) const {
@@ -158,7 +160,10 @@ std::optional<std::vector<uint32_t>> WorkDirectory::ListedSegments() const {
 std::vector<uint32_t> WorkDirectory::PhotosToEncode() const {
   const std::set<uint32_t> listed =
       NumbersOf(ReadSegmentList(SegmentList()).value_or(std::vector<fs::path>()), nullptr);
-  const std::vector<uint32_t> segments = NumbersIn(directory_, SegmentNumber);
+  // Of the ending that the film will ask for: another frame rate may have had another.
+  const std::vector<uint32_t> segments = NumbersIn(directory_, [this](const std::string& name) {
+    return NumberIn(name, "seg_", SegmentEnding());
+  });
   std::vector<uint32_t> numbers = Photos();
   std::erase_if(numbers, [&](uint32_t number) {
     return listed.contains(number) && std::binary_search(segments.begin(), segments.end(), number);

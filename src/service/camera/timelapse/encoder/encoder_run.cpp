@@ -30,7 +30,11 @@ bool IsOwnEnd(int32_t exit_code) {
   constexpr int32_t kNotExecutable = 127;
   constexpr int32_t kSignals = 128;
   constexpr std::array kCrashes{SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL};
+  // Newer versions end with the low byte of a negative error number, above those of signals.
+  constexpr int32_t kErrors = kSignals + SIGSYS;
+  constexpr int32_t kGivenUp = 255;
   return (exit_code >= 0 && exit_code < kNotExecutable) ||
+         (exit_code > kErrors && exit_code != kGivenUp) ||
          std::find(kCrashes.begin(), kCrashes.end(), exit_code - kSignals) != kCrashes.end();
 }
 

@@ -11,6 +11,7 @@
 #include "service/camera/timelapse/encoder/film_programs.h"
 #include "service/camera/timelapse/encoder/picture_encoder.h"
 #include "service/camera/timelapse/films/film_record.h"
+#include "utils/child_registry.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 
@@ -63,6 +64,18 @@ bool CheckDirectory(const WorkDirectory& directory) {
   return false;
 }
 
+fs::path VideoOf(const json& record) {
+  const auto path = record.find("video_path");
+  return path != record.end() && path->is_string() ? path->get<std::string>() : "";
+}
+
+/// Whatever a changed record says: a film that is there, in the directory that is its own.
+bool IsFilmOf(const WorkDirectory& directory, const fs::path& video) {
+  std::error_code error;
+  return video.parent_path() == directory.Path() && fs::is_regular_file(video, error) &&
+         SizeOfFile(video) > 0;
+}
+
 /// After many failures the film does without what its own fault keeps from being made.
 bool DoWithout(const WorkDirectory& directory, EncoderRun run) {
   return run == EncoderRun::kFailed && directory.Failures() >= FilmMaker::kManyFailures;
@@ -92,14 +105,20 @@ FilmAttempt FilmMaker::Generate(WorkDirectory& directory, const GoOn& go_on) con
   const auto unlisted = store_.Unlisted({directory.Index()});
   if (!unlisted) return {WorkEnd::kFailed, "the description file cannot be read"};
   json record;
-  // Interrupted after it was listed: clients may know it already.
-  if (unlisted->empty() && store_.Find(directory.Index(), record) == hal_adapter::kHalSuccess)
-    return Conclude(directory, record.value("video_path", ""));
+  if (unlisted->empty()) {
+    if (store_.Find(directory.Index(), record) != hal_adapter::kHalSuccess)
+      return {WorkEnd::kFailed, "the description file cannot be read"};
+    // Interrupted after it was listed: clients may know it already.
+    if (const fs::path listed = VideoOf(record); IsFilmOf(directory, listed))
+      return Conclude(directory, listed);
+  }
   Film film;
   FilmAttempt attempt = MakeVideo(directory, film, go_on);
   if (!attempt.Done()) return attempt;
   record = FilmRecord(directory, film.path, VideoDuration(ffmpeg_.Programs(), film.path),
                       SecondsOf(clock_.WallNow()));
+  // Then the duration is not known for want of a program.
+  if (utils::ChildStart().Refused()) return {WorkEnd::kInterrupted, {}};
   attempt = Publish(record);
   if (!attempt.Done()) return attempt;
   NotifyCompleted(FilmNotice(record));
@@ -208,12 +227,13 @@ FilmAttempt FilmMaker::Publish(const json& record) const {
 
 FilmAttempt FilmMaker::Conclude(WorkDirectory& directory, const fs::path& video) const {
   directory.RemoveFilmsBut(video);
-  if (!directory.Advance(TimelapseState::kFinished)) {
-    // The client may have deleted it by now.
-    if (!directory.Exists()) return {};
-    return {WorkEnd::kFailed, "the state cannot be recorded"};
-  }
-  directory.RemoveJoined();
+  bool recorded = directory.Advance(TimelapseState::kFinished);
+  if (recorded || directory.Exists()) directory.RemoveJoined();
+  // What the film holds is gone, which may have been in the way.
+  if (!recorded) recorded = directory.Advance(TimelapseState::kFinished);
+  // The client may have deleted it by now.
+  if (!recorded && directory.Exists())
+    return {.end = WorkEnd::kFailed, .problem = "the state cannot be recorded", .listed = true};
   VLOG_INFO(kTag, "Generate video completed.");
   return {};
 }

@@ -19,7 +19,8 @@ using NotifyClients = std::function<int(const std::string& method, nlohmann::jso
 /// How one attempt at a film ended, and why.
 struct FilmAttempt {
   WorkEnd end = WorkEnd::kDone;
-  std::string problem;
+  std::string problem{};
+  bool listed = false;  ///< it is done for clients; only the state is not recorded
 
   bool Done() const { return end == WorkEnd::kDone; }
 };

@@ -19,6 +19,7 @@ class FilmWaits {
     const auto found = waits_.find(index);
     return found == waits_.end() || found->second <= now;
   }
+  bool Has(const std::string& index) const { return waits_.contains(index); }
   /// False when it waited before.
   bool Postpone(const std::string& index, utils::Clock::TimePoint now) {
     return waits_.insert_or_assign(index, now + kPause).second;

@@ -71,7 +71,8 @@ void FilmWorker::Run(const std::stop_token& stop) {
   Guarded([this] { directories_.RemoveSetAside(); });
   if (!AwaitBroker(stop)) return;
   Guarded([this] { LookAtFinished(); });
-  while (!stop.stop_requested()) {
+  // At the process's end nothing can be started any more.
+  while (!stop.stop_requested() && !utils::ChildStart().Refused()) {
     (void)TakeChange();
     bool film = false;
     Guarded([&] {
@@ -131,8 +132,11 @@ void FilmWorker::EncodePrints(const std::stop_token& stop) {
 }
 
 bool FilmWorker::MakeNextFilm(const std::stop_token& stop) {
-  const auto indices = directories_.IndicesIn(TimelapseState::kGenerating);
+  auto indices = directories_.IndicesIn(TimelapseState::kGenerating);
   waits_.KeepOnly(indices);
+  // One that fails again and again must not hold up a new one.
+  std::stable_partition(indices.begin(), indices.end(),
+                        [this](const std::string& index) { return !waits_.Has(index); });
   for (const std::string& index : indices) {
     if (stop.stop_requested() || !waits_.IsDue(index, clock_.Now())) continue;
     const auto directory = directories_.Open(index);
@@ -170,19 +174,29 @@ void FilmWorker::Settle(WorkDirectory& directory, const FilmAttempt& attempt) {
   }
   const bool process_ends = utils::ChildStart().Refused();
   if (attempt.end == WorkEnd::kInterrupted || process_ends || !directory.Exists()) return;
+  const bool first = waits_.Postpone(index, clock_.Now());
+  if (attempt.listed) return;  // clients have the film; only its record of the state is missing
   if (attempt.end == WorkEnd::kFailed) directory.CountFailure();
-  if (waits_.Postpone(index, clock_.Now())) maker_.NotifyFailed(directory, attempt.problem);
+  const bool told = attempt.end == WorkEnd::kFailed && directory.Failures() > 1;
+  if (first && !told) maker_.NotifyFailed(directory, attempt.problem);
+}
+
+bool FilmWorker::IsUnlisted(const std::string& index) const {
+  const auto unlisted = store_.Unlisted({index});
+  return unlisted && !unlisted->empty();
 }
 
 void FilmWorker::GiveBackRoom() {
   for (const std::string& index : waits_.Indices()) {
     if (utils::EnoughFreeSpace(paths_.root, paths_.min_free_bytes)) return;
     const WorkDirectory directory(paths_.root / index, {}, TimelapseState::kGenerating);
-    if (directory.Failures() < FilmMaker::kManyFailures) continue;
+    if (directory.Failures() < FilmMaker::kManyFailures || !IsUnlisted(index)) continue;
     VLOG_ERROR(kTag, "The film of {} failed {} times and the disk is full, its photos are removed",
                index, directory.Failures());
     waits_.Forget(index);
-    if (directories_.SetAside(index)) directories_.RemoveSetAside();
+    if (!directories_.SetAside(index)) continue;
+    directories_.RemoveSetAside();
+    waits_.AllDue();
   }
 }
 

@@ -55,6 +55,8 @@ class FilmWorker {
   bool MakeNextFilm(const std::stop_token& stop);
   void MakeFilm(WorkDirectory& directory, const std::stop_token& stop);
   void Settle(WorkDirectory& directory, const FilmAttempt& attempt);
+  /// False also when it cannot be told.
+  bool IsUnlisted(const std::string& index) const;
   void GiveBackRoom();
   void Guarded(const std::function<void()>& work) const;
 

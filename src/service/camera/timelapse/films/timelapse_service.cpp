@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "utils/directory_entries.h"
+#include "utils/free_space.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 #include "utils/temporary_name.h"
@@ -104,16 +105,22 @@ void TimelapseService::Retire() {
     const std::lock_guard lock(current_mutex_);
     previous = std::exchange(current_, nullptr);
   }
-  std::string spared;
   if (previous) {
-    // A film that was wanted is made, whatever kept its stop from being recorded.
-    if (previous->StopWasAsked() && previous->State() == TimelapseState::kActivated &&
-        !previous->Stop()) {
-      spared = previous->Directory().Index();
-    }
+    if (previous->StopWasAsked() && previous->State() == TimelapseState::kActivated)
+      stops_wanted_.insert(previous->Directory().Index());
     previous->Close();
   }
-  directories_.SetAsideUnfinished(spared);
+  RepeatStops();
+  directories_.SetAsideUnfinished(stops_wanted_);
+}
+
+/// A film that was wanted is made, whatever kept its stop from being recorded.
+void TimelapseService::RepeatStops() {
+  std::erase_if(stops_wanted_, [this](const std::string& index) {
+    const auto directory = directories_.Open(index);
+    return !directory || directory->State() != TimelapseState::kActivated ||
+           directory->Advance(TimelapseState::kGenerating);
+  });
 }
 
 void TimelapseService::MakeRoomForNew() {
@@ -121,7 +128,8 @@ void TimelapseService::MakeRoomForNew() {
     const std::lock_guard lock(command_mutex_);
     Retire();
   }
-  directories_.RemoveSetAside();
+  // The worker removes what was set aside; only a print that needs its room waits for that.
+  if (!utils::EnoughFreeSpace(paths_.root, paths_.min_free_bytes)) directories_.RemoveSetAside();
 }
 
 bool TimelapseService::StartNew(const TimelapseSettings& settings) {
@@ -133,7 +141,7 @@ bool TimelapseService::StartNew(const TimelapseSettings& settings) {
     Retire();  // another one may have begun meanwhile
     begun = !index.empty() && Begin(directories_.Publish(index, settings), false);
   }
-  worker_.Wake();
+  worker_.TryAgain();  // what was set aside gives room
   return begun;
 }
 

@@ -4,6 +4,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "service/camera/timelapse/disk/film_store.h"
@@ -62,6 +63,7 @@ class TimelapseService {
   void HandleLeftBehind(const std::string& index) const;
   void MakeRoomForNew();
   void Retire();
+  void RepeatStops();
   std::shared_ptr<Recorder> Current() const;
   bool Begin(std::shared_ptr<WorkDirectory> directory, bool continued);
 
@@ -73,7 +75,8 @@ class TimelapseService {
   WorkDirectories directories_;
   const FilmMaker maker_;
 
-  std::mutex command_mutex_;  // one start or stop at a time; nothing that takes long
+  std::mutex command_mutex_;            // one start or stop at a time; nothing that takes long
+  std::set<std::string> stops_wanted_;  // that could not be recorded yet; command_mutex_
 
   mutable std::mutex current_mutex_;
   std::shared_ptr<Recorder> current_;  // current_mutex_
