@@ -255,9 +255,11 @@ TEST_F(TimelapseTest, AnEncoderThatIsSlowOrKilledCostsTimeOnly) {
     answered_at_once("camera.get_status", nullptr);
   }
   answered_at_once("camera.stop_timelapse", nullptr);
-  EXPECT_TRUE(test::Eventually([&] {
+  const auto generates = [&] {
     return served->board.DaemonLog().find("Generate progress task enter.") != std::string::npos;
-  })) << "the generation begins with the segments that are missing";
+  };
+  EXPECT_TRUE(test::Eventually(generates, std::chrono::seconds(60)))
+      << "it begins with the segments that are missing";
   Fault(*served, "slow", false);
   Fault(*served, "cover.ts");
   EXPECT_TRUE(AwaitCompleted(*served, 1, "failed"));

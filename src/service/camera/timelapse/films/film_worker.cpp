@@ -146,9 +146,11 @@ void FilmWorker::EncodePrints(const std::stop_token& stop) {
   if (std::exchange(find_prints_, false)) FindPrints();
   for (auto& [index, print] : prints_) {
     const WorkDirectory& directory = *print.directory;
-    // What cannot be done waits for the next photo, or for the film.
-    (void)EncodeMissing(ffmpeg_, directory, print.photos,
-                        [&] { return !stop.stop_requested() && directory.Exists(); });
+    // What cannot be done waits for the next photo, or for the film, which a stop begins at once.
+    (void)EncodeMissing(ffmpeg_, directory, print.photos, [&] {
+      return !stop.stop_requested() && directory.State() == TimelapseState::kActivated &&
+             directory.Exists();
+    });
   }
 }
 
