@@ -83,118 +83,72 @@ bool Covers(const Rect& rect, int32_t x, int32_t y) {
   return x >= rect.left && x < rect.right && y >= rect.top && y < rect.bottom;
 }
 
-/// The corners of the stride box and of the rectangle, and random places.
-std::vector<std::pair<int32_t, int32_t>> Places(const ImageBuffer& image, const Rect& rect) {
-  const int32_t stride = WidthStride(image);
-  std::vector<std::pair<int32_t, int32_t>> places;
-  for (const int32_t x : {0, rect.left - 1, rect.left, rect.right - 1, rect.right, stride - 1}) {
-    for (const int32_t y : {0, rect.top - 1, rect.top, rect.bottom - 1, rect.bottom}) {
-      if (x >= 0 && x < stride && y >= 0 && y < image.height) places.emplace_back(x, y);
-    }
-  }
-  static std::mt19937 random(3);
-  for (int i = 0; i < 200; ++i) {
-    places.emplace_back(random() % static_cast<uint32_t>(stride),
-                        random() % static_cast<uint32_t>(image.height));
-  }
-  return places;
-}
-
+/// Every pixel of the rows, also beside the picture.
 void ExpectScaled(const ImageBuffer& source, const Rect& from, const Target& target, const Rect& to,
                   uint8_t around) {
+  const ImageBuffer& image = target.image.buffer;
   const auto channels = static_cast<size_t>(BytesPerPixel(source.format));
-  for (const auto& [x, y] : Places(target.image.buffer, to)) {
-    for (size_t c = 0; c < channels; ++c) {
-      const double beside = x < target.image.buffer.width ? around : kUntouched;
-      const double wanted = Covers(to, x, y) ? Reference(source, from, to, x, y, c) : beside;
-      ASSERT_NEAR(target.At(x, y, c), wanted, Covers(to, x, y) ? 2 : 0)
-          << x << ',' << y << " of " << Width(from) << 'x' << Height(from) << " to " << Width(to)
-          << 'x' << Height(to) << ", " << channels << " channels";
+  for (int32_t y = 0; y < image.height; ++y) {
+    for (int32_t x = 0; x < WidthStride(image); ++x) {
+      const bool inside = Covers(to, x, y);
+      const double beside = x < image.width ? around : kUntouched;
+      for (size_t c = 0; c < channels; ++c) {
+        const double wanted = inside ? Reference(source, from, to, x, y, c) : beside;
+        ASSERT_NEAR(target.At(x, y, c), wanted, inside ? 2 : 0)
+            << x << ',' << y << " of " << Width(from) << 'x' << Height(from) << " to " << Width(to)
+            << 'x' << Height(to) << ", " << channels << " channels";
+      }
     }
   }
-}
-
-/// What the letterbox is to be, in floating point.
-struct Wanted {
-  double scale;
-  int32_t width;
-  int32_t height;
-};
-
-Wanted WantedLetterbox(const ImageBuffer& source, int32_t width, int32_t height) {
-  const double scale = std::min(static_cast<double>(width) / source.width,
-                                static_cast<double>(height) / source.height);
-  const auto whole = [&](int32_t side) { return static_cast<int32_t>(side * scale + 1e-9); };
-  return {scale, whole(source.width) / 4 * 4, whole(source.height) / 2 * 2};
 }
 
 void ExpectLetterboxed(const ImageBuffer& source, int32_t width, int32_t height) {
   const Target target(width, height, width + width % 3, source.format);
-  const Wanted wanted = WantedLetterbox(source, width, height);
+  const double scale = std::min(static_cast<double>(width) / source.width,
+                                static_cast<double>(height) / source.height);
+  const auto whole = [&](int32_t side) { return static_cast<int32_t>(side * scale + 1e-9); };
+  const int32_t inner_width = whole(source.width) / 4 * 4;
+  const int32_t inner_height = whole(source.height) / 2 * 2;
   LetterBox box;
   CaptureStdout();
   const int result =
       convert_image_with_letterbox(source, target.image.buffer, box, kGrey, false, NoEngine());
   const std::string printed = GetCapturedStdout();
-  if (wanted.width == 0 || wanted.height == 0) {
+  if (inner_width == 0 || inner_height == 0) {
     EXPECT_LT(result, 0);
     EXPECT_THAT(printed, testing::HasSubstr("has a scaled side of 0\n"));
     return;
   }
   ASSERT_EQ(result, 0) << printed;
-  EXPECT_NEAR(box.scale, wanted.scale, 1e-5);
+  EXPECT_NEAR(box.scale, scale, 1e-5);
   EXPECT_EQ(box.x_pad % 2 + box.y_pad % 2, 0);
   for (const auto& [pad, free] :
-       {std::pair(box.x_pad, width - wanted.width), std::pair(box.y_pad, height - wanted.height)}) {
+       {std::pair(box.x_pad, width - inner_width), std::pair(box.y_pad, height - inner_height)}) {
     EXPECT_GE(free - 2 * pad, 0);
     EXPECT_LT(free - 2 * pad, 4);
   }
-  // A corner comes back within one network pixel and what rounding took from the side.
-  EXPECT_NEAR(static_cast<float>(wanted.width) / box.scale, source.width, (3 + 1) / wanted.scale);
-  EXPECT_NEAR(static_cast<float>(wanted.height) / box.scale, source.height, (1 + 1) / wanted.scale);
-  const Rect to{box.x_pad, box.y_pad, box.x_pad + wanted.width, box.y_pad + wanted.height};
+  const Rect to{box.x_pad, box.y_pad, box.x_pad + inner_width, box.y_pad + inner_height};
   ExpectScaled(source, WholePicture(source), target, to, kGrey);
 }
 
 TEST(Letterbox, KeepsShapePaddingAndPixelsForEveryParity) {
-  const std::pair<int32_t, int32_t> networks[] = {{640, 640}, {320, 256}, {224, 225}, {33, 18}};
+  const std::pair<int32_t, int32_t> networks[] = {{64, 64}, {64, 51}, {40, 41}, {33, 18}};
   std::mt19937 random(11);
   for (int i = 0; i < 512; ++i) {
     // Every combination of the lowest bits of width, height and stride, over sizes of every order.
-    const auto bits = static_cast<int32_t>(i);
     const auto sized = [&](uint32_t limit) {
       const uint32_t order = 1U << random() % 12;
       return static_cast<int32_t>(random() % std::min(limit, 2 * order)) & ~3;
     };
-    const int32_t width = std::max(1, sized(3968) + bits % 4);
-    const int32_t height = std::max(1, sized(3068) + bits / 4 % 4);
-    const int32_t stride = width + (bits / 16 % 4) * 5;
+    const int32_t width = std::max(1, sized(3968) + i % 4);
+    const int32_t height = std::max(1, sized(3068) + i / 4 % 4);
+    const int32_t stride = width + (i / 16 % 4) * 5;
     const auto& [to_width, to_height] = networks[random() % std::size(networks)];
     ExpectLetterboxed(NoiseView(width, height, stride, PixelFormat::kRgb888), to_width, to_height);
     if (HasFatalFailure()) return;
   }
-  ExpectLetterboxed(NoiseView(4096, 3072, 0, PixelFormat::kRgb888), 640, 640);
-  ExpectLetterboxed(NoiseView(1920, 1080, 0, PixelFormat::kRgb888), 640, 640);
+  ExpectLetterboxed(NoiseView(4096, 3072, 0, PixelFormat::kRgb888), 160, 160);
   ExpectLetterboxed(NoiseView(1900, 1069, 0, PixelFormat::kRgb888), 640, 640);
-}
-
-TEST(Letterbox, MapsCameraPicturesBackWithinOnePixel) {
-  struct Case {
-    int32_t width, height, x_pad, y_pad;
-  };
-  for (const Case& c : {Case{1920, 1080, 0, 140}, Case{1280, 720, 0, 140}, Case{640, 480, 0, 80},
-                        Case{1080, 1920, 140, 0}, Case{1900, 1069, 0, 140}, Case{320, 320, 0, 0}}) {
-    Target target(640, 640, 640, PixelFormat::kRgb888);
-    LetterBox box;
-    ASSERT_EQ(convert_image_with_letterbox(NoiseView(c.width, c.height, 0, PixelFormat::kRgb888),
-                                           target.image.buffer, box, kGrey, false, NoEngine()),
-              0);
-    EXPECT_EQ(box.x_pad, c.x_pad);
-    EXPECT_EQ(box.y_pad, c.y_pad);
-    // The far corner of the picture lies where the padding begins on the other side.
-    EXPECT_NEAR(static_cast<float>(640 - 2 * c.x_pad) / box.scale, c.width, 1) << c.width;
-    EXPECT_NEAR(static_cast<float>(640 - 2 * c.y_pad) / box.scale, c.height, 1) << c.height;
-  }
 }
 
 TEST(Letterbox, SlightChangeCentresWhatFits) {

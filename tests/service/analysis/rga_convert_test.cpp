@@ -46,17 +46,18 @@ class RgaConvert : public testing::Test {
     return *recording();
   }
 
-  std::string Letterbox(const Image& source, const Image& destination, int expected = 0) {
+  /// What it prints.
+  std::string Letterbox(const Image& source, const Image& destination) {
+    LetterBox box;
     CaptureStdout();
-    EXPECT_EQ(convert_image_with_letterbox(source.buffer, destination.buffer, letterbox_, 114,
-                                           false, engine_),
-              expected);
+    EXPECT_EQ(
+        convert_image_with_letterbox(source.buffer, destination.buffer, box, 114, false, engine_),
+        0);
     return GetCapturedStdout();
   }
 
   const RgaLibrary engine_{std::array<std::string, 2>{"librga-absent.so", RECORDING_RGA}};
   RgaRecording& recording_ = Recorded();
-  LetterBox letterbox_;
 };
 
 TEST_F(RgaConvert, LetterboxesWithRightRectanglesStridesFormatsAndFill) {
@@ -68,23 +69,23 @@ TEST_F(RgaConvert, LetterboxesWithRightRectanglesStridesFormatsAndFill) {
   EXPECT_EQ(Letterbox(source, destination), "");
 
   ASSERT_EQ(recording_.fills, 1);
-  EXPECT_EQ(recording_.fill_rect, (rga::Rect{0, 0, 640, 640}));
-  EXPECT_EQ(recording_.colour, 0x72727272);
-  EXPECT_EQ(recording_.fill_sync, 1);
-  EXPECT_EQ(recording_.fill_target.vir_addr, destination.buffer.virt_addr);
+  EXPECT_EQ(recording_.fill.rect, (rga::Rect{0, 0, 640, 640}));
+  EXPECT_EQ(recording_.fill.colour, 0x72727272);
+  EXPECT_EQ(recording_.fill.sync, 1);
+  EXPECT_EQ(recording_.fill.target.vir_addr, destination.buffer.virt_addr);
   ASSERT_EQ(recording_.processes, 1);
-  EXPECT_EQ(recording_.source.vir_addr, source.buffer.virt_addr);
-  EXPECT_EQ(recording_.source.wstride, 1984);
-  EXPECT_EQ(recording_.source.hstride, 1080);
-  EXPECT_EQ(recording_.source.format, 0x200);
-  EXPECT_EQ(recording_.destination.wstride, 640);
-  EXPECT_EQ(recording_.source_rect, (rga::Rect{0, 0, 1920, 1080}));
-  EXPECT_EQ(recording_.destination_rect, (rga::Rect{0, 140, 640, 360}));
-  EXPECT_EQ(recording_.usage, 0x80000);
+  EXPECT_EQ(recording_.process.source.vir_addr, source.buffer.virt_addr);
+  EXPECT_EQ(recording_.process.source.wstride, 1984);
+  EXPECT_EQ(recording_.process.source.hstride, 1080);
+  EXPECT_EQ(recording_.process.source.format, 0x200);
+  EXPECT_EQ(recording_.process.destination.wstride, 640);
+  EXPECT_EQ(recording_.process.source_rect, (rga::Rect{0, 0, 1920, 1080}));
+  EXPECT_EQ(recording_.process.destination_rect, (rga::Rect{0, 140, 640, 360}));
+  EXPECT_EQ(recording_.process.usage, 0x80000);
   // What the library keeps for itself comes back to it, and unused arguments are zero.
-  EXPECT_THAT(recording_.source.rest, testing::Each(test::kRgaPrivateByte));
-  EXPECT_THAT(recording_.pattern.rest, testing::Each(0));
-  EXPECT_EQ(recording_.pattern_rect, rga::Rect{});
+  EXPECT_THAT(recording_.process.source.rest, testing::Each(test::kRgaPrivateByte));
+  EXPECT_THAT(recording_.process.pattern.rest, testing::Each(0));
+  EXPECT_EQ(recording_.process.pattern_rect, rga::Rect{});
   EXPECT_EQ(destination.pixels[0], 20) << "the processor must not touch what the engine made";
 }
 
@@ -95,10 +96,10 @@ TEST_F(RgaConvert, PassesDmaBuffersCropsAndFormatsOfItsOwn) {
   const Rect place{0, 8, 32, 24};
   EXPECT_EQ(convert_image({source, destination.buffer, crop, place}, engine_), 0);
   EXPECT_EQ(recording_.fills, 0);
-  EXPECT_EQ(recording_.source.fd, 7);
-  EXPECT_EQ(recording_.source.format, 0xa00);
-  EXPECT_EQ(recording_.source_rect, (rga::Rect{2, 4, 32, 16}));
-  EXPECT_EQ(recording_.destination_rect, (rga::Rect{0, 8, 32, 16}));
+  EXPECT_EQ(recording_.process.source.fd, 7);
+  EXPECT_EQ(recording_.process.source.format, 0xa00);
+  EXPECT_EQ(recording_.process.source_rect, (rga::Rect{2, 4, 32, 16}));
+  EXPECT_EQ(recording_.process.destination_rect, (rga::Rect{0, 8, 32, 16}));
 }
 
 TEST_F(RgaConvert, FailuresArePrintedEachTimeAndTheProcessorTakesOver) {
