@@ -97,14 +97,5 @@ TEST(Font, EveryLetterHasAShapeOfItsOwnWithAGapBehind) {
   EXPECT_EQ(LetterShape('\xe4'), LetterShape('\n'));
 }
 
-TEST(ClassColour, DiffersBetweenNeighboursForAnyId) {
-  for (const int32_t id : {INT_MIN, -1, 0, 5, INT_MAX - 1}) {
-    const Colour one = ClassColour(id);
-    const Colour next = ClassColour(id + 1);
-    EXPECT_NE((std::array{one.red, one.green, one.blue}),
-              (std::array{next.red, next.green, next.blue}));
-  }
-}
-
 }  // namespace
 }  // namespace varnel::service
