@@ -9,7 +9,7 @@
 #include <memory>
 #include <thread>
 
-#include "service/analysis/picture/image_layout.h"
+#include "service/analysis/pictures.h"
 #include "support/temp_dir.h"
 
 namespace varnel::service {
@@ -26,14 +26,11 @@ constexpr int32_t kHeight = 48;
 
 /// A smooth picture, with unused pixels behind each row.
 Image Gradient(PixelFormat format = PixelFormat::kRgb888) {
-  Image image;
-  EXPECT_TRUE(AllocateImage(image, kWidth + 5, kHeight, format));
+  Image image = Plain(kWidth, kHeight, 0, kWidth + 5, format);
   const size_t pitch = std::max<size_t>(RowPitch(image.buffer), 1);
   for (size_t i = 0; i < image.pixels.size(); ++i) {
     image.pixels[i] = static_cast<uint8_t>(i % pitch / 3 + 2 * (i / pitch));
   }
-  image.buffer.width = kWidth;
-  image.buffer.width_stride = kWidth + 5;
   return image;
 }
 

@@ -6,7 +6,6 @@
 #include <cmath>
 #include <limits>
 #include <random>
-#include <set>
 #include <tuple>
 #include <vector>
 
@@ -85,12 +84,15 @@ class Oracle {
     for (const Outputs::Branch& branch : o_.branches) Collect(branch);
     std::stable_sort(boxes_.begin(), boxes_.end(),
                      [](const Box& a, const Box& b) { return a.score > b.score; });
-    std::set<int> classes;
-    for (const Box& box : boxes_) classes.insert(box.cls);
-    for (const int cls : classes) Suppress(cls);
+    std::vector<Box> kept;
     std::vector<Detection> found;
     for (const Box& box : boxes_) {
-      if (!box.suppressed && found.size() < 128) found.push_back(ToPicture(box));
+      const auto hides = [&](const Box& better) {
+        return better.cls == box.cls && Iou(better, box) > o_.nms;
+      };
+      if (std::any_of(kept.begin(), kept.end(), hides)) continue;
+      kept.push_back(box);
+      if (found.size() < 128) found.push_back(ToPicture(box));
     }
     return found;
   }
@@ -99,7 +101,6 @@ class Oracle {
   struct Box {
     float x, y, w, h, score;
     int cls;
-    bool suppressed = false;
   };
 
   void Collect(const Outputs::Branch& branch) {
@@ -146,15 +147,6 @@ class Oracle {
     for (int k = 0; k < o_.dfl_len; ++k)
       expectation += exponential(k) / sum * static_cast<float>(k);
     return expectation;
-  }
-
-  void Suppress(int cls) {
-    for (size_t i = 0; i < boxes_.size(); ++i) {
-      if (boxes_[i].cls != cls || boxes_[i].suppressed) continue;
-      for (size_t j = i + 1; j < boxes_.size(); ++j) {
-        if (boxes_[j].cls == cls && Iou(boxes_[i], boxes_[j]) > o_.nms) boxes_[j].suppressed = true;
-      }
-    }
   }
 
   static float Iou(const Box& a, const Box& b) {

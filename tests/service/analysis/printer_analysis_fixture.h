@@ -13,37 +13,11 @@
 #include "service/analysis/network/rknn_library.h"
 #include "service/analysis/npu_stand_in.h"
 #include "service/analysis/picture/image_files.h"
+#include "service/analysis/pictures.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
 namespace varnel::service {
-
-/// A plain picture.
-inline Image Plain(int32_t width, int32_t height, uint8_t grey) {
-  Image image;
-  image.pixels.assign(static_cast<size_t>(width) * static_cast<size_t>(height) * 3, grey);
-  image.buffer.width = image.buffer.width_stride = width;
-  image.buffer.height = image.buffer.height_stride = height;
-  image.buffer.size = image.pixels.size();
-  image.buffer.virt_addr = image.pixels.data();
-  return image;
-}
-
-/// Fills a box with a pattern of its own for each seed.
-inline void Scribble(Image& image, const Rect& box, uint32_t seed) {
-  for (int32_t y = box.top; y < box.bottom; ++y) {
-    for (int32_t x = box.left; x < box.right; ++x) {
-      // Patches of 4x4 pixels, which survive blur and JPEG.
-      uint32_t value = seed * 2654435761U + static_cast<uint32_t>(y / 4 * 4096 + x / 4) * 40503U;
-      value ^= value >> 13U;
-      value *= 1274126177U;
-      const auto first = (static_cast<size_t>(y) * static_cast<size_t>(image.buffer.width) +
-                          static_cast<size_t>(x)) *
-                         3;
-      for (size_t i = 0; i < 3; ++i) image.pixels[first + i] = static_cast<uint8_t>(value >> 24U);
-    }
-  }
-}
 
 /// What a scripted network finds: a box of 80x80 around the centre (8 * column + 4, 8 * row + 4).
 struct Found {

@@ -195,11 +195,8 @@ TEST_F(PrinterAnalysisTest, WhatLayThereBeforeThePrintDoesNotCount) {
   NoodlesAre({{}, {.row = 60}});
   EXPECT_EQ(DetectNoodles("", before)["noodle"]["obj_cnts"], 1) << "only the new one";
   EXPECT_THAT(Flags(), ElementsAre(1, 0));
-  EXPECT_EQ(log_.Count("ANALYSIS", "UpdatePrePrintImage"), 2U);
   NoodlesAre({{}});
   EXPECT_EQ(DetectNoodles("", changed)["noodle"]["obj_cnts"], 2) << "it grew";
-  EXPECT_EQ(DetectNoodles("last", before)["noodle"]["obj_cnts"], 2);
-  EXPECT_EQ(DetectNoodles("", before)["noodle"]["obj_cnts"], 3) << "no reference, no excuse";
 }
 
 TEST_F(PrinterAnalysisTest, WithoutANoodleAtTheBeginningOnlyAnEqualPictureExcuses) {

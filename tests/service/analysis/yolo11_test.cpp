@@ -10,6 +10,7 @@
 
 #include "service/analysis/network/rknn_library.h"
 #include "service/analysis/npu_stand_in.h"
+#include "service/analysis/pictures.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
@@ -27,10 +28,6 @@ class Yolo11Test : public testing::Test {
   Yolo11Test() {
     script_ = NpuScript();
     network_ = ScriptedNetwork::Detecting(64, 64, 2);
-    picture_.width = 128;
-    picture_.height = 64;
-    picture_.virt_addr = pixels_.data();
-    picture_.size = pixels_.size();
   }
   ~Yolo11Test() override {
     release_yolo11_model(context_);
@@ -62,8 +59,8 @@ class Yolo11Test : public testing::Test {
   NpuThread thread_;
   NpuContext context_{{thread_, &library_}};
   ScriptedNetwork network_;
-  std::vector<uint8_t> pixels_ = std::vector<uint8_t>(size_t{128} * 64 * 3, 200);
-  ImageBuffer picture_;
+  const Image image_ = Plain(128, 64, 200);
+  ImageBuffer picture_ = image_.buffer;
   DetectionList found_;
   std::string printed_;
 };
