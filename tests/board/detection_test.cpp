@@ -219,9 +219,12 @@ TEST_F(DetectionTest, EachFailureIsOneErrorAndTheNextDetectionWorks) {
       "] network /etc/varnel/camera_service/model/bed_check.fp.rknn refused: ";
   EXPECT_THAT(
       served_.StopAndReadLog(),
-      testing::AllOf(HasSubstr(refused + "it is quantised, only float networks are served\n"),
-                     HasSubstr(refused + "it tells 1 classes apart, its labels are 4\n"),
-                     HasSubstr("runtime virtual, driver virtual\n")));
+      testing::AllOf(
+          HasSubstr(refused + "it is quantised, only float networks are served\n"),
+          HasSubstr(refused + "it tells 1 classes apart, its labels are 4\n"),
+          HasSubstr(
+              "input 640x640x3, outputs 1x64x80x80 1x1x80x80 1x1x80x80 1x64x40x40 1x1x40x40 "
+              "1x1x40x40 1x64x20x20 1x1x20x20 1x1x20x20, runtime virtual, driver virtual\n")));
 }
 
 TEST_F(DetectionTest, RequestsAreServedOneAfterAnotherAndHoldUpNothingElse) {

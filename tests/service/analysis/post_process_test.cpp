@@ -46,18 +46,13 @@ struct Outputs {
     const int index = (channel * branch.grid_h + row) * branch.grid_w + column;
     return static_cast<size_t>(index);
   }
-  float& Score(size_t branch, int row, int column, int cls) {
-    return branches[branch].scores[At(branches[branch], cls, row, column)];
-  }
-  float& Logit(size_t branch, int row, int column, int side, int bin) {
-    return branches[branch].boxes[At(branches[branch], side * dfl_len + bin, row, column)];
-  }
   /// An object with whole distances to its left, top, right and bottom edge.
   void Place(size_t branch, int row, int column, int cls, float score,
-             std::array<int, 4> distance) {
-    Score(branch, row, column, cls) = score;
-    for (int side = 0; side < 4; ++side) {
-      Logit(branch, row, column, side, distance[static_cast<size_t>(side)]) = 80;
+             const std::array<int, 4>& distances) {
+    Branch& b = branches[branch];
+    b.scores[At(b, cls, row, column)] = score;
+    for (size_t side = 0; side < 4; ++side) {
+      b.boxes[At(b, static_cast<int>(side) * dfl_len + distances[side], row, column)] = 80;
     }
   }
 
@@ -279,7 +274,7 @@ TEST(PostProcessTest, ReturnsThe128BestOfMoreInAFixedOrder) {
       }
     }
   }
-  outputs.Score(2, 19, 19, 0) = 0.875F;
+  outputs.Place(2, 19, 19, 0, 0.875F, {0, 0, 0, 0});
   const DetectionList found = outputs.Process();
   ASSERT_EQ(found.count, 128);
   EXPECT_EQ(found.results[0].box.left, 624);
