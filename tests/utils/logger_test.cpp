@@ -2,12 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <spdlog/spdlog.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
-#include <csignal>
-
 #include "support/fake_clock.h"
+#include "support/full_disk.h"
 #include "support/temp_dir.h"
 #include "utils/log.h"
 
@@ -130,18 +128,14 @@ TEST_F(LoggerTest, SurvivesAFailedRotationAndAFullDisk) {
   }
   fs::remove_all(dir_ / "logs/varnel.1.log");
 
-  ::signal(SIGXFSZ, SIG_IGN);
-  rlimit before{};
-  ::getrlimit(RLIMIT_FSIZE, &before);
-  const rlimit full = {0, before.rlim_max};
   clock_.Advance(6s);
-  ::setrlimit(RLIMIT_FSIZE, &full);
-  for (int i = 0; i < 8; ++i) {
-    LogAndFlush(half.c_str());
-    clock_.Advance(6s);
+  {
+    const test::FullDisk disk(0);
+    for (int i = 0; i < 8; ++i) {
+      LogAndFlush(half.c_str());
+      clock_.Advance(6s);
+    }
   }
-  ::setrlimit(RLIMIT_FSIZE, &before);
-  ::signal(SIGXFSZ, SIG_DFL);
   (void)testing::internal::GetCapturedStderr();
   LogAndFlush("room again");
   EXPECT_THAT(Content(), HasSubstr("log lines were lost"));
