@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <sstream>
 
 #include "utils/owned.h"
 #include "utils/secret.h"
@@ -30,7 +29,7 @@ HiddenText::HiddenText(size_t size) {
 
 std::string HiddenText::Reveal() const {
   std::string text = masked_;
-  std::transform(text.begin(), text.end(), text.begin(), Unmasked);
+  for (char& c : text) c = Unmasked(c);
   return text;
 }
 
@@ -58,13 +57,12 @@ bool HiddenText::IsInRegion(int memory, uint64_t start, uint64_t end) const {
 bool HiddenText::IsInMemory() const {
   const utils::UniqueFd memory(::open("/proc/self/mem", O_RDONLY | O_CLOEXEC));
   std::ifstream maps("/proc/self/maps");
-  for (std::string line; std::getline(maps, line);) {
-    std::istringstream fields(line);
-    uint64_t start = 0;
-    uint64_t end = 0;
-    char dash = 0;
-    std::string mode;
-    fields >> std::hex >> start >> dash >> end >> mode;
+  uint64_t start = 0;
+  uint64_t end = 0;
+  char dash = 0;
+  std::string mode;
+  for (std::string rest; maps >> std::hex >> start >> dash >> end >> mode;
+       std::getline(maps, rest)) {
     const bool searched = mode.starts_with("rw") && end - start <= kLargestRegion;
     if (searched && IsInRegion(memory.Get(), start, end)) return true;
   }
