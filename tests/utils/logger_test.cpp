@@ -41,12 +41,8 @@ class LoggerTest : public testing::Test {
 };
 
 TEST_F(LoggerTest, BadArgumentsAreRefused) {
-  for (const auto& [name, path] : {std::pair("", "/tmp/x"), std::pair("varnel", "")}) {
-    testing::internal::CaptureStdout();
-    EXPECT_THROW(Logger(name, path, 10, 5), std::runtime_error);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Logger: must specify log file path and name!\n");
-  }
+  EXPECT_THROW(Logger("", "/tmp/x", 10, 5), std::runtime_error);
+  EXPECT_THROW(Logger("varnel", "", 10, 5), std::runtime_error);
   EXPECT_THROW(Logger("varnel", File().string(), 0, 5), std::runtime_error);
   EXPECT_THROW(Logger("varnel", "/proc/no/such/file", 10, 5), spdlog::spdlog_ex);
 }
