@@ -137,7 +137,7 @@ TEST_F(CommsManagerTest, AFirstConnectThatFailsAsksForAReconnect) {
 
 TEST_F(CommsManagerTest, WhatCannotBeServedOrSentForTheCloudIsDropped) {
   InitCloud();
-  EXPECT_EQ(AskFromCloud(R"({"id":4})")["error"]["code"], kInvalidRequest);
+  EXPECT_EQ(AskFromCloud(R"({"id":4})")["error"]["code"], RpcError::kInvalidRequest);
   for (const char* silent : {"[1]", R"({"method":"mqtt_agent.inner"})"}) {
     Cloud().Arrive("SN1/request", silent);
   }

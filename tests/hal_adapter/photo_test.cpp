@@ -59,7 +59,7 @@ class PhotoTest : public testing::Test {
   void UseConverter(const char* script) { converter_ = dir_.WriteScript("converter", script); }
   std::unique_ptr<MultimediaAdapter> Adapter() {
     return std::make_unique<MultimediaAdapter>(
-        MultimediaSetup{.init = [] { return kHalSuccess; },
+        MultimediaSetup{.init = [] { return HalStatus::kSuccess; },
                         .has_space = [this](const fs::path&) { return has_space_; },
                         .paths = {converter_, raw_frame_, dir_ / "workshop"},
                         .registry = &registry_,
@@ -100,13 +100,13 @@ TEST_F(PhotoTest, StartFindsCamerasOpensTheFirstAndWarmsUp) {
 }
 
 TEST_F(PhotoTest, StartFailsWithoutAnOpenCamera) {
-  test::Fake().count_status = -1;
+  test::Fake().count_status = HalStatus::kFailure;
   EXPECT_FALSE(Adapter()->Start());
-  test::Fake().count_status = 0;
+  test::Fake().count_status = HalStatus::kSuccess;
   test::Fake().cameras = 0;
   EXPECT_FALSE(Adapter()->Start());
   test::Fake().cameras = 1;
-  test::Fake().status = -1;
+  test::Fake().status = HalStatus::kFailure;
   std::unique_ptr<MultimediaAdapter> adapter = Adapter();
   EXPECT_FALSE(adapter->Start());
   EXPECT_FALSE(adapter->Ready());
@@ -114,7 +114,7 @@ TEST_F(PhotoTest, StartFailsWithoutAnOpenCamera) {
 }
 
 TEST_F(PhotoTest, ACameraThatOpensLaterServesPhotos) {
-  table_.open_camera = [](uint32_t, const CameraConfig*) { return kHalFailure; };
+  table_.open_camera = [](uint32_t, const CameraConfig*) { return HalStatus::kFailure; };
   std::unique_ptr<MultimediaAdapter> adapter = Adapter();
   EXPECT_FALSE(adapter->Start());
   EXPECT_EQ(adapter->TakePhoto(Out("p.nv12")), PhotoStatus::kSuccess);
@@ -126,10 +126,10 @@ TEST_F(PhotoTest, ReportsEachCaptureFailure) {
   test::Fake().frame.clear();
   EXPECT_EQ(Take(Out("p.jpg")), PhotoStatus::kCaptureFailed);
   EXPECT_TRUE(log_.Has("HALMM", "The photo data from the main camera is empty"));
-  test::Fake().status = -3;
+  test::Fake().status = HalStatus::kNoMemory;
   EXPECT_EQ(Take(Out("p.jpg")), PhotoStatus::kCaptureFailed);
   EXPECT_EQ(log_.Count("HALMM", "Main camera take photo failed"), 0u) << "the info failed first";
-  table_.get_camera_info = [](uint32_t, CameraInfo*) { return kHalSuccess; };
+  table_.get_camera_info = [](uint32_t, CameraInfo*) { return HalStatus::kSuccess; };
   EXPECT_EQ(Take(Out("p.jpg")), PhotoStatus::kCaptureFailed);
   EXPECT_EQ(log_.Count("HALMM", "Main camera take photo failed"), 1u);
   EXPECT_EQ(FilesInOut(), 0u);

@@ -41,7 +41,7 @@ class SystemAdapterTest : public testing::Test {
   ~SystemAdapterTest() override { test::Fake() = {}; }
 
   SystemAdapter Adapter(IdentityFiles files) {
-    return SystemAdapter([] { return kHalSuccess; }, std::move(files), registry_,
+    return SystemAdapter([] { return HalStatus::kSuccess; }, std::move(files), registry_,
                          [] { return 5489u; }, clock_);
   }
   SystemAdapter Adapter() {
@@ -85,7 +85,7 @@ TEST_F(SystemAdapterTest, AFileThatCannotBeWrittenIsNamed) {
 }
 
 TEST_F(SystemAdapterTest, ABoardWithoutIdentityGetsARandomUuid) {
-  test::Fake().status = -9;
+  test::Fake().status = HalStatus::kHardwareError;
   SystemAdapter adapter = Adapter();
   EXPECT_FALSE(adapter.Start());
   EXPECT_TRUE(log_.Has("HALSYS", "Get device information failed"));
@@ -152,10 +152,10 @@ TEST(DeviceUuidTest, IsTheFirst16BytesOfSha1WithVersionAndVariant) {
 TEST_F(SystemAdapterTest, ForwardsUpgradeCollectionAndReboot) {
   SystemAdapter adapter = Adapter();
   ASSERT_TRUE(adapter.Start());
-  test::Fake().status = -3;
-  EXPECT_EQ(adapter.UpgradeFirmware(1, "/tmp/x.swu"), -3);
-  EXPECT_EQ(adapter.CollectPlatformData(9, "/tmp/out"), -3);
-  EXPECT_EQ(adapter.PrepareReboot(), -3);
+  test::Fake().status = HalStatus::kNoMemory;
+  EXPECT_EQ(adapter.UpgradeFirmware(1, "/tmp/x.swu"), HalStatus::kNoMemory);
+  EXPECT_EQ(adapter.CollectPlatformData(9, "/tmp/out"), HalStatus::kNoMemory);
+  EXPECT_EQ(adapter.PrepareReboot(), HalStatus::kNoMemory);
   EXPECT_THAT(test::Fake().calls,
               testing::ElementsAre("upgrade 1 /tmp/x.swu", "collect 9 /tmp/out", "prepare reboot"));
   EXPECT_TRUE(log_.Has("HALSYS", "System upgrade failed, reason: no memory"));
@@ -166,9 +166,9 @@ TEST_F(SystemAdapterTest, EmptySlotsAreNamed) {
   table_ = {};
   SystemAdapter adapter = Adapter();
   EXPECT_FALSE(adapter.Start());
-  EXPECT_EQ(adapter.UpgradeFirmware(0, ""), kHalUnsupported);
-  EXPECT_EQ(adapter.CollectPlatformData(0, ""), kHalUnsupported);
-  EXPECT_EQ(adapter.PrepareReboot(), kHalUnsupported);
+  EXPECT_EQ(adapter.UpgradeFirmware(0, ""), HalStatus::kUnsupported);
+  EXPECT_EQ(adapter.CollectPlatformData(0, ""), HalStatus::kUnsupported);
+  EXPECT_EQ(adapter.PrepareReboot(), HalStatus::kUnsupported);
   EXPECT_TRUE(log_.Has("HALSYS", "The firmware upgrade function has not been implemented"));
   EXPECT_TRUE(log_.Has("HALSYS", "The collect platform data function has not been implemented"));
 }

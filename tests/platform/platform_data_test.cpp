@@ -41,7 +41,8 @@ class PlatformDataTest : public testing::Test {
 };
 
 TEST_F(PlatformDataTest, OneFailedArchiveDoesNotStopTheOthers) {
-  EXPECT_EQ(collect_platform_data(board_, 0, (dir_ / "out").c_str()), 0);
+  EXPECT_EQ(collect_platform_data(board_, 0, (dir_ / "out").c_str()),
+            hal_adapter::HalStatus::kSuccess);
   EXPECT_TRUE(log_.Has("IMSYS", "Collect log platform data"));
   EXPECT_EQ(log_.Count("IMSYS", "The source directory does not exist"), 1u);
   EXPECT_EQ(log_.Count("IMSYS", "The source path is not a directory"), 1u);
@@ -56,7 +57,7 @@ TEST_F(PlatformDataTest, ProgramsGetTheirArgumentsAndFailuresAreNamed) {
   board_.tar = dir_.WriteScript("tar", "echo tar $* >>" + calls.string() + "; exit 2");
   board_.cp = dir_.WriteScript("cp", "echo cp $* >>" + calls.string() + "; exit 1");
   const std::string out = dir_ / "out";
-  EXPECT_EQ(collect_platform_data(board_, 0, out.c_str()), 0);
+  EXPECT_EQ(collect_platform_data(board_, 0, out.c_str()), hal_adapter::HalStatus::kSuccess);
   EXPECT_EQ(test::ReadFile(calls), "tar zhcvf " + out + "/logs.tar.gz -C " +
                                        (dir_ / "logs").string() + " .\ncp -f " +
                                        (dir_ / "plain-file").string() + " " + out + "/.settings\n");
@@ -69,16 +70,16 @@ TEST_F(PlatformDataTest, LogsThatGrowAreKeptAndWhatIsCutShortIsRemoved) {
   const std::string out = dir_ / "out";
   const char* failed = "Collect platform data (logs.tar.gz) failed";
   board_.tar = dir_.WriteScript("tar", "echo x >$2; echo 'file changed as we read it' >&2; exit 1");
-  EXPECT_EQ(collect_platform_data(board_, 0, out.c_str()), 0);
+  EXPECT_EQ(collect_platform_data(board_, 0, out.c_str()), hal_adapter::HalStatus::kSuccess);
   EXPECT_EQ(log_.Count("IMSYS", failed), 1U);
   EXPECT_TRUE(log_.Has("IMSYS", "file changed as we read it\\x0a"));
   EXPECT_TRUE(fs::exists(dir_ / "out/logs.tar.gz"));
   board_.tar = dir_.WriteScript("tar", "echo x >$2; kill -9 $$");
-  EXPECT_EQ(collect_platform_data(board_, 0, out.c_str()), 0);
+  EXPECT_EQ(collect_platform_data(board_, 0, out.c_str()), hal_adapter::HalStatus::kSuccess);
   EXPECT_EQ(log_.Count("IMSYS", failed), 2U);
   EXPECT_FALSE(fs::exists(dir_ / "out/logs.tar.gz"));
   board_.has_space = [](const fs::path&) { return false; };
-  EXPECT_EQ(collect_platform_data(board_, 0, out.c_str()), 0);
+  EXPECT_EQ(collect_platform_data(board_, 0, out.c_str()), hal_adapter::HalStatus::kSuccess);
   EXPECT_EQ(log_.Count("IMSYS", failed), 3U);
 }
 
@@ -100,7 +101,7 @@ TEST_F(PlatformDataTest, EachTypeOfTheBoardMakesItsArchives) {
       archive.source.insert(0, dir_.Path());
     }
     if (!type.file.empty()) type.file = dir_.Write(type.file.substr(1), "settings");
-    EXPECT_EQ(collect_platform_data(board_, number, out.c_str()), 0);
+    EXPECT_EQ(collect_platform_data(board_, number, out.c_str()), hal_adapter::HalStatus::kSuccess);
     EXPECT_TRUE(log_.Has("IMSYS", type.announcement));
     const auto made = std::distance(fs::directory_iterator(out), {});
     EXPECT_EQ(static_cast<size_t>(made), type.archives.size() + (number == 1 ? 1 : 0)) << number;
@@ -117,7 +118,8 @@ TEST_F(PlatformDataTest, LinksAreFollowed) {
   fs::create_directory_symlink(dir_ / "elsewhere", dir_ / "logs/linked");
   fs::create_directory_symlink(dir_ / "logs", dir_ / "link-to-logs");
   types_ = {{"", {{dir_ / "link-to-logs", "logs.tar.gz"}}}};
-  EXPECT_EQ(collect_platform_data(board_, 0, (dir_ / "out").c_str()), 0);
+  EXPECT_EQ(collect_platform_data(board_, 0, (dir_ / "out").c_str()),
+            hal_adapter::HalStatus::kSuccess);
   EXPECT_EQ(Listing(dir_ / "out/logs.tar.gz"), "./\n./a.log\n./linked/\n./linked/b.log\n");
 }
 
@@ -126,7 +128,7 @@ TEST_F(PlatformDataTest, APathOf511CharactersIsTheLongest) {
   const std::string out = (dir_ / "out").string();
   const std::string longest(511 - out.size() - 1, 'x');
   types_ = {{"", {{dir_ / "logs", longest}, {dir_ / "logs", longest + "x"}}}};
-  EXPECT_EQ(collect_platform_data(board_, 0, out.c_str()), 0);
+  EXPECT_EQ(collect_platform_data(board_, 0, out.c_str()), hal_adapter::HalStatus::kSuccess);
   EXPECT_EQ(log_.Count("IMSYS", "Collect platform data (" + longest + ") failed"), 1U);
   EXPECT_EQ(log_.Count("IMSYS", "The target output path too long"), 1U);
 }
@@ -141,9 +143,9 @@ TEST_F(PlatformDataTest, AnUnreadableFileFailsItsArchiveAndKeepsTheRest) {
   if (user == 0) {
     constexpr uid_t kNobody = 65534;
     if (::getuid() == 0 && ::setresuid(kNobody, kNobody, kNobody) != 0) ::_exit(1);
-    const int status = collect_platform_data(board_, 0, (dir_ / "out").c_str());
+    const auto status = collect_platform_data(board_, 0, (dir_ / "out").c_str());
     const bool told = log_.Has("IMSYS", "Collect platform data (logs.tar.gz) failed");
-    ::_exit(status == 0 && told ? 0 : 2);
+    ::_exit(status == hal_adapter::HalStatus::kSuccess && told ? 0 : 2);
   }
   int end = -1;
   ::waitpid(user, &end, 0);

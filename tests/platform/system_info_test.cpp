@@ -50,7 +50,7 @@ class SystemInfoTest : public testing::Test {
   DeviceInfo Read() {
     DeviceInfo info;
     std::memset(&info, '#', sizeof info);
-    EXPECT_EQ(get_device_info(board_, "Unknown", &info), 0);
+    EXPECT_EQ(get_device_info(board_, "Unknown", &info), hal_adapter::HalStatus::kSuccess);
     return info;
   }
   /// A field after a file got this content.
@@ -83,7 +83,7 @@ TEST_F(SystemInfoTest, ABoardWithNothingAnswersItsFallbacks) {
   EXPECT_EQ(log_.Count("IMSYS", "Get MY failed, retry"), 5U);
   EXPECT_EQ(log_.Count("IMSYS", "Get hardware version failed"), 1U);
   EXPECT_EQ(clock_.Elapsed(), std::chrono::milliseconds(500));
-  EXPECT_EQ(get_device_info(board_, "Unknown", nullptr), -2);
+  EXPECT_EQ(get_device_info(board_, "Unknown", nullptr), hal_adapter::HalStatus::kInvalidParameter);
 }
 
 TEST_F(SystemInfoTest, EachKeyOfTheBlockFailsAlone) {
@@ -157,7 +157,7 @@ TEST_F(SystemInfoTest, TheDeviceKeyLeavesNoCopyInMemory) {
   }
   ::waitpid(maker, nullptr, 0);
   DeviceInfo info{};
-  ASSERT_EQ(get_device_info(board_, "Unknown", &info), 0);
+  ASSERT_EQ(get_device_info(board_, "Unknown", &info), hal_adapter::HalStatus::kSuccess);
   EXPECT_EQ(std::strlen(info.device_key), 64U);
   EXPECT_TRUE(secret.IsInMemory()) << "it would be found";
   utils::Wipe(&info, sizeof info);

@@ -47,7 +47,7 @@ class UpgradeTest : public testing::Test {
     UpgradeBoard board;
     board.script = dir_.WriteScript("upgrade.sh", script);
     board.output_dir = dir_.Path();
-    return upgrade_firmware(board, leftovers_, 0, "/userdata/a b.swu");
+    return static_cast<int32_t>(upgrade_firmware(board, leftovers_, 0, "/userdata/a b.swu"));
   }
 
   size_t Outputs() const { return UpgradeOutput::FindIn(dir_.Path()).size(); }
@@ -101,7 +101,7 @@ TEST_F(UpgradeTest, AMissingScriptIsNotFound) {
   UpgradeBoard board;
   board.script = dir_ / "none";
   board.output_dir = dir_.Path();
-  EXPECT_EQ(upgrade_firmware(board, leftovers_, 0, "/x"), 127);
+  EXPECT_EQ(upgrade_firmware(board, leftovers_, 0, "/x"), hal_adapter::FromExitCode(127));
   EXPECT_TRUE(log_.Has("IMSYS", "Upgrade failed"));
 }
 
