@@ -122,7 +122,7 @@ TEST_F(CommsManagerTest, AFirstConnectThatFailsAsksForAReconnect) {
 
 TEST_F(CommsManagerTest, WhatCannotBeServedOrSentForTheCloudIsDropped) {
   InitCloud();
-  EXPECT_EQ(AskFromCloud(R"({"id":4})")["error"]["code"], kInvalidRequest);
+  EXPECT_EQ(AskFromCloud(R"({"id":4})")["error"]["code"], RpcError::kInvalidRequest);
   Cloud().Arrive("SN1/request", R"({"id":5,"method":"system.open"})", true);
   EXPECT_EQ(AskFromCloud(R"({"id":"fence","method":"system.open"})")["id"], "fence")
       << "nothing else was answered";

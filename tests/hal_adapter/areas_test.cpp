@@ -12,8 +12,8 @@
 namespace varnel::hal_adapter {
 namespace {
 
-const AreaInit kWorks = [] { return kHalSuccess; };
-const AreaInit kFails = [] { return kHalFailure; };
+const AreaInit kWorks = [] { return HalStatus::kSuccess; };
+const AreaInit kFails = [] { return HalStatus::kFailure; };
 
 class AreasTest : public testing::Test {
  protected:
@@ -64,17 +64,20 @@ std::vector<HalStatus> CallAll(Camera camera) {
 
 TEST_F(AreasTest, ACameraPassesFailuresUpAndSurvivesMissingSlotsAndTables) {
   const MultimediaHalInterface table = test::FakeMultimedia();
-  test::Fake().status = test::Fake().count_status = -6;
-  EXPECT_THAT(CallAll(Camera(&table, 2)), testing::ElementsAre(-6, -6, -6, -6, -6, -6, -7, -7));
+  test::Fake().status = test::Fake().count_status = HalStatus::kBusy;
+  std::vector<HalStatus> expected(6, HalStatus::kBusy);
+  expected.insert(expected.end(), 2, HalStatus::kUnsupported);
+  EXPECT_EQ(CallAll(Camera(&table, 2)), expected);
   const MultimediaHalInterface empty{};
-  EXPECT_THAT(CallAll(Camera(&empty, 0)), testing::Each(kHalUnsupported));
-  EXPECT_THAT(CallAll(Camera(nullptr, 0)), testing::Each(kHalInvalidState));
+  EXPECT_THAT(CallAll(Camera(&empty, 0)), testing::Each(HalStatus::kUnsupported));
+  EXPECT_THAT(CallAll(Camera(nullptr, 0)), testing::Each(HalStatus::kInvalidState));
 }
 
 TEST(HalErrorStringTest, KnowsItsCodesAndNoOther) {
   EXPECT_EQ(std::size(kHalStatusTexts), 19u);
-  EXPECT_STREQ(hal_error_string(-86), "file not found");
-  for (const HalStatus status : {1, -11}) EXPECT_STREQ(hal_error_string(status), "unknown error");
+  EXPECT_STREQ(hal_error_string(HalStatus::kFileNotFound), "file not found");
+  for (const int32_t status : {1, -11})
+    EXPECT_STREQ(hal_error_string(FromExitCode(status)), "unknown error");
 }
 
 TEST_F(AreasTest, StorageReadsEachPathThatDoesNotFail) {

@@ -58,7 +58,7 @@ class PhotoTest : public testing::Test {
   void UseConverter(const char* script) { converter_ = dir_.WriteScript("converter", script); }
   std::unique_ptr<MultimediaAdapter> Adapter() {
     return std::make_unique<MultimediaAdapter>(
-        MultimediaSetup{.init = [] { return kHalSuccess; },
+        MultimediaSetup{.init = [] { return HalStatus::kSuccess; },
                         .has_space = [this](const fs::path&) { return has_space_; },
                         .paths = {converter_, raw_frame_, dir_ / "workshop"},
                         .registry = &registry_,
@@ -98,13 +98,13 @@ TEST_F(PhotoTest, StartFindsCamerasOpensTheFirstAndWarmsUp) {
 }
 
 TEST_F(PhotoTest, StartFailsWithoutAnOpenCamera) {
-  test::Fake().count_status = kHalFailure;
+  test::Fake().count_status = HalStatus::kFailure;
   EXPECT_FALSE(Adapter()->Start());
-  test::Fake().count_status = kHalSuccess;
+  test::Fake().count_status = HalStatus::kSuccess;
   test::Fake().cameras = 0;
   EXPECT_FALSE(Adapter()->Start());
   test::Fake().cameras = 1;
-  test::Fake().status = kHalFailure;
+  test::Fake().status = HalStatus::kFailure;
   std::unique_ptr<MultimediaAdapter> adapter = Adapter();
   EXPECT_FALSE(adapter->Start());
   EXPECT_FALSE(adapter->Ready());
@@ -113,10 +113,10 @@ TEST_F(PhotoTest, StartFailsWithoutAnOpenCamera) {
 
 TEST_F(PhotoTest, AFailedCaptureLeavesNoFile) {
   EXPECT_EQ(Adapter()->TakePhoto(""), PhotoStatus::kCaptureFailed);
-  table_.get_camera_info = [](uint32_t, CameraInfo*) { return kHalSuccess; };
-  test::Fake().status = kHalNoMemory;
+  table_.get_camera_info = [](uint32_t, CameraInfo*) { return HalStatus::kSuccess; };
+  test::Fake().status = HalStatus::kNoMemory;
   EXPECT_EQ(Take(Out("p.jpg")), PhotoStatus::kCaptureFailed);
-  test::Fake().status = kHalSuccess;
+  test::Fake().status = HalStatus::kSuccess;
   test::Fake().frame.clear();
   EXPECT_EQ(Take(Out("p.jpg")), PhotoStatus::kCaptureFailed);
   EXPECT_EQ(FilesInOut(), 0u);

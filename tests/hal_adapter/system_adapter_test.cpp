@@ -37,7 +37,7 @@ class SystemAdapterTest : public testing::Test {
   ~SystemAdapterTest() override { test::Fake() = {}; }
 
   SystemAdapter Adapter(IdentityFiles files) {
-    return SystemAdapter([] { return kHalSuccess; }, std::move(files), registry_,
+    return SystemAdapter([] { return HalStatus::kSuccess; }, std::move(files), registry_,
                          [] { return 5489u; }, clock_);
   }
   SystemAdapter Adapter() {
@@ -65,7 +65,7 @@ TEST_F(SystemAdapterTest, AFileThatCannotBeWrittenIsNamedAndTheOthersAreReadable
 }
 
 TEST_F(SystemAdapterTest, ABoardWithoutIdentityGetsARandomUuid) {
-  test::Fake().status = kHalHardwareError;
+  test::Fake().status = HalStatus::kHardwareError;
   SystemAdapter adapter = Adapter();
   EXPECT_FALSE(adapter.Start());
   EXPECT_EQ(adapter.Uuid(), RandomUuid(5489));
@@ -121,17 +121,17 @@ TEST(DeviceUuidTest, IsTheFirst16BytesOfSha1WithVersionAndVariant) {
 TEST_F(SystemAdapterTest, ForwardsUpgradeCollectionAndRebootToSlotsThatAreThere) {
   SystemAdapter adapter = Adapter();
   ASSERT_TRUE(adapter.Start());
-  test::Fake().status = kHalNoMemory;
-  EXPECT_EQ(adapter.UpgradeFirmware(1, "/tmp/x.swu"), kHalNoMemory);
-  EXPECT_EQ(adapter.CollectPlatformData(9, "/tmp/out"), kHalNoMemory);
-  EXPECT_EQ(adapter.PrepareReboot(), kHalNoMemory);
+  test::Fake().status = HalStatus::kNoMemory;
+  EXPECT_EQ(adapter.UpgradeFirmware(1, "/tmp/x.swu"), HalStatus::kNoMemory);
+  EXPECT_EQ(adapter.CollectPlatformData(9, "/tmp/out"), HalStatus::kNoMemory);
+  EXPECT_EQ(adapter.PrepareReboot(), HalStatus::kNoMemory);
   EXPECT_THAT(test::Fake().calls,
               testing::ElementsAre("upgrade 1 /tmp/x.swu", "collect 9 /tmp/out", "prepare reboot"));
   table_ = {};
   EXPECT_FALSE(adapter.Start());
-  EXPECT_EQ(adapter.UpgradeFirmware(0, ""), kHalUnsupported);
-  EXPECT_EQ(adapter.CollectPlatformData(0, ""), kHalUnsupported);
-  EXPECT_EQ(adapter.PrepareReboot(), kHalUnsupported);
+  EXPECT_EQ(adapter.UpgradeFirmware(0, ""), HalStatus::kUnsupported);
+  EXPECT_EQ(adapter.CollectPlatformData(0, ""), HalStatus::kUnsupported);
+  EXPECT_EQ(adapter.PrepareReboot(), HalStatus::kUnsupported);
 }
 
 }  // namespace

@@ -30,9 +30,10 @@ class IdentityBlockTest : public testing::Test {
   /// The status, or the value after a success.
   std::string Read(const char* key = "SerialNumber") {
     char out[64] = "untouched";
-    const int status = read_identity_value(&storage_, key, out, sizeof out);
-    EXPECT_TRUE(status == 0 || out == "untouched"s);
-    return status == 0 ? out : std::to_string(status);
+    const auto status = read_identity_value(&storage_, key, out, sizeof out);
+    const bool read = status == IdentityStatus::kSuccess;
+    EXPECT_TRUE(read || out == "untouched"s);
+    return read ? out : std::to_string(static_cast<int>(status));
   }
   std::string ReadBlock(const std::string& block) {
     dir_.Write("mmcblk0", std::string(100, '#') + block + "behind");
@@ -68,10 +69,10 @@ TEST_F(IdentityBlockTest, EachFaultHasItsStatus) {
   EXPECT_EQ(Read(), "-2") << "and it does not wait for a writer";
 
   char out[8];
-  EXPECT_EQ(read_identity_value(nullptr, "k", out, 8), -1);
-  EXPECT_EQ(read_identity_value(&storage_, nullptr, out, 8), -1);
-  EXPECT_EQ(read_identity_value(&storage_, "k", nullptr, 8), -1);
-  EXPECT_EQ(read_identity_value(&storage_, "k", out, 0), -1);
+  EXPECT_EQ(read_identity_value(nullptr, "k", out, 8), IdentityStatus::kNullArgument);
+  EXPECT_EQ(read_identity_value(&storage_, nullptr, out, 8), IdentityStatus::kNullArgument);
+  EXPECT_EQ(read_identity_value(&storage_, "k", nullptr, 8), IdentityStatus::kNullArgument);
+  EXPECT_EQ(read_identity_value(&storage_, "k", out, 0), IdentityStatus::kNullArgument);
 }
 
 TEST_F(IdentityBlockTest, ReadsTheStringsOfTheJsonObject) {

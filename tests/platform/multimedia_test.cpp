@@ -18,7 +18,7 @@ using hal_adapter::CameraImage;
 using hal_adapter::CameraInfo;
 using hal_adapter::HalStatus;
 
-constexpr HalStatus kOk = hal_adapter::kHalSuccess;
+constexpr HalStatus kOk = HalStatus::kSuccess;
 
 class MultimediaTest : public testing::Test {
  protected:
@@ -72,17 +72,17 @@ TEST_F(MultimediaTest, SlotsAnswerAndRefuseNull) {
   EXPECT_EQ(count, 1u);
   const HalStatus refusals[] = {table.get_camera_count(nullptr), table.get_camera_info(3, nullptr),
                                 table.get_camera_state(4, nullptr), table.take_photo(0, nullptr)};
-  EXPECT_THAT(refusals, testing::Each(hal_adapter::kHalInvalidParameter));
+  EXPECT_THAT(refusals, testing::Each(HalStatus::kInvalidParameter));
   EXPECT_EQ(table.set_camera_config, nullptr);
   EXPECT_EQ(State(), 1u);
-  EXPECT_EQ(table.take_photo(0, &image_), hal_adapter::kHalInvalidState) << "nobody opened it";
+  EXPECT_EQ(table.take_photo(0, &image_), HalStatus::kInvalidState) << "nobody opened it";
   EXPECT_EQ(table.open_camera(0, nullptr), kOk);
   EXPECT_EQ(State(), 2u);
   EXPECT_EQ(table.take_photo(0, &image_), kOk);
   EXPECT_EQ(table.close_camera(0), kOk);
-  EXPECT_EQ(table.take_photo(0, &image_), hal_adapter::kHalInvalidState) << "closed on purpose";
+  EXPECT_EQ(table.take_photo(0, &image_), HalStatus::kInvalidState) << "closed on purpose";
   platform_multimedia_shutdown();
-  EXPECT_EQ(table.open_camera(0, nullptr), hal_adapter::kHalInvalidParameter);
+  EXPECT_EQ(table.open_camera(0, nullptr), HalStatus::kInvalidParameter);
 }
 
 TEST_F(MultimediaTest, AnUnpluggedCameraIsOpenedAgainAsItWas) {

@@ -14,6 +14,9 @@ namespace varnel::platform {
 namespace {
 
 namespace fs = std::filesystem;
+using hal_adapter::HalStatus;
+
+constexpr HalStatus kOk = HalStatus::kSuccess;
 
 class PlatformDataTest : public testing::Test {
  protected:
@@ -31,6 +34,10 @@ class PlatformDataTest : public testing::Test {
     board_.types = &types_;
   }
 
+  HalStatus Collect(uint32_t type, const std::string& out) {
+    return collect_platform_data(board_, type, out.c_str());
+  }
+
   test::LogCapture log_;
   test::TempDir dir_;
   std::vector<DataType> types_;
@@ -38,7 +45,7 @@ class PlatformDataTest : public testing::Test {
 };
 
 TEST_F(PlatformDataTest, OneFailedArchiveDoesNotStopTheOthers) {
-  EXPECT_EQ(collect_platform_data(board_, 0, (dir_ / "out").c_str()), 0);
+  EXPECT_EQ(Collect(0, (dir_ / "out")), kOk);
   EXPECT_TRUE(fs::exists(dir_ / "out/logs.tar.gz"));
   EXPECT_TRUE(fs::exists(dir_ / "out/.settings"));
   EXPECT_FALSE(fs::exists(dir_ / "out/file.tar.gz"));
@@ -49,7 +56,7 @@ TEST_F(PlatformDataTest, ProgramsGetTheirArgumentsAndFailuresAreNamed) {
   board_.tar = dir_.WriteScript("tar", "echo tar $* >>" + calls.string() + "; exit 2");
   board_.cp = dir_.WriteScript("cp", "echo cp $* >>" + calls.string() + "; exit 1");
   const std::string out = dir_ / "out";
-  EXPECT_EQ(collect_platform_data(board_, 0, out.c_str()), 0);
+  EXPECT_EQ(Collect(0, out), kOk);
   EXPECT_EQ(test::ReadFile(calls), "tar zhcvf " + out + "/logs.tar.gz -C " +
                                        (dir_ / "logs").string() + " .\ncp -f " +
                                        (dir_ / "plain-file").string() + " " + out + "/.settings\n");
@@ -67,13 +74,13 @@ TEST_F(PlatformDataTest, LogsThatGrowAreKeptAndWhatIsCutShortIsRemoved) {
         {"echo x >$2; exit 2", true},
         {"echo x >$2; kill -9 $$", false}}) {
     board_.tar = dir_.WriteScript("tar", script);
-    EXPECT_EQ(collect_platform_data(board_, 0, out.c_str()), 0);
+    EXPECT_EQ(Collect(0, out), kOk);
     EXPECT_EQ(log_.Count("IMSYS", failed), ++failures);
     EXPECT_EQ(fs::exists(dir_ / "out/logs.tar.gz"), kept) << script;
   }
   EXPECT_TRUE(log_.Has("IMSYS", "file changed as we read it\\x0a"));
   board_.has_space = [](const fs::path&) { return false; };
-  EXPECT_EQ(collect_platform_data(board_, 0, out.c_str()), 0);
+  EXPECT_EQ(Collect(0, out), kOk);
   EXPECT_EQ(log_.Count("IMSYS", failed), ++failures);
 }
 
@@ -95,7 +102,7 @@ TEST_F(PlatformDataTest, EachTypeOfTheBoardMakesItsArchives) {
       archive.source.insert(0, dir_.Path());
     }
     if (!type.file.empty()) type.file = dir_.Write(type.file.substr(1), "settings");
-    EXPECT_EQ(collect_platform_data(board_, number, out.c_str()), 0);
+    EXPECT_EQ(Collect(number, out), kOk);
     EXPECT_TRUE(log_.Has("IMSYS", type.announcement));
     const auto made = std::distance(fs::directory_iterator(out), {});
     EXPECT_EQ(static_cast<size_t>(made), type.archives.size() + (number == 1 ? 1 : 0)) << number;
@@ -112,7 +119,7 @@ TEST_F(PlatformDataTest, APathOf511CharactersIsTheLongest) {
   const std::string out = (dir_ / "out").string();
   const std::string longest(511 - out.size() - 1, 'x');
   types_ = {{"", {{dir_ / "logs", longest}, {dir_ / "logs", longest + "x"}}}};
-  EXPECT_EQ(collect_platform_data(board_, 0, out.c_str()), 0);
+  EXPECT_EQ(Collect(0, out), kOk);
   EXPECT_EQ(log_.Count("IMSYS", "Collect platform data (" + longest + ") failed"), 1U);
   EXPECT_EQ(log_.Count("IMSYS", "The target output path too long"), 1U);
 }

@@ -76,7 +76,7 @@ class SystemInfoTest : public testing::Test {
   DeviceInfo Read() {
     DeviceInfo info;
     std::memset(&info, '#', sizeof info);
-    EXPECT_EQ(get_device_info(board_, "Unknown", &info), 0);
+    EXPECT_EQ(get_device_info(board_, "Unknown", &info), hal_adapter::HalStatus::kSuccess);
     return info;
   }
   /// A field after a file got this content.
@@ -98,7 +98,7 @@ TEST_F(SystemInfoTest, TheDeviceKeyIsTriedFiveTimesWithinHalfASecond) {
   EXPECT_STREQ(info.device_key, "--");
   EXPECT_EQ(log_.Count("IMSYS", "Get MY failed, retry"), 5U);
   EXPECT_EQ(clock_.Elapsed(), std::chrono::milliseconds(500));
-  EXPECT_EQ(get_device_info(board_, "Unknown", nullptr), -2);
+  EXPECT_EQ(get_device_info(board_, "Unknown", nullptr), hal_adapter::HalStatus::kInvalidParameter);
 }
 
 TEST_F(SystemInfoTest, EachKeyOfTheBlockFailsAlone) {
@@ -147,7 +147,7 @@ TEST_F(SystemInfoTest, TheDeviceKeyLeavesNoCopyInMemory) {
   }
   ::waitpid(maker, nullptr, 0);
   DeviceInfo info{};
-  ASSERT_EQ(get_device_info(board_, "Unknown", &info), 0);
+  ASSERT_EQ(get_device_info(board_, "Unknown", &info), hal_adapter::HalStatus::kSuccess);
   EXPECT_EQ(std::strlen(info.device_key), 64U);
   EXPECT_TRUE(IsInMemory(hidden)) << "it would be found";
   utils::Wipe(&info, sizeof info);

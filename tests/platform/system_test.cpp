@@ -47,7 +47,7 @@ class UpgradeTest : public testing::Test {
     UpgradeBoard board;
     board.script = script != nullptr ? dir_.WriteScript("upgrade.sh", script) : dir_ / "none";
     board.output_dir = dir_.Path();
-    return upgrade_firmware(board, leftovers_, 0, "/userdata/a b.swu");
+    return static_cast<int32_t>(upgrade_firmware(board, leftovers_, 0, "/userdata/a b.swu"));
   }
 
   size_t Outputs() const { return UpgradeOutput::FindIn(dir_.Path()).size(); }

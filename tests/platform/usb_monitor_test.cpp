@@ -140,7 +140,7 @@ class UsbMonitorTest : public testing::Test {
   const test::TempDir dir_;
   const Devices devices_;
   test::Mailbox<std::string> posted_;
-  hal_adapter::HalStatus post_status_ = hal_adapter::kHalSuccess;
+  hal_adapter::HalStatus post_status_ = hal_adapter::HalStatus::kSuccess;
 };
 
 TEST_F(UsbMonitorTest, DrivesThatAreThereAlreadyAreToldAsSuch) {
@@ -172,7 +172,7 @@ TEST_F(UsbMonitorTest, ADriveThatIsMountedTooLateIsNoInsertionAndYetFound) {
 }
 
 TEST_F(UsbMonitorTest, ALongDirectoryIsCutAndARefusalLogged) {
-  post_status_ = hal_adapter::kHalHardwareError;
+  post_status_ = hal_adapter::HalStatus::kHardwareError;
   Mount("/dev/sda /" + std::string(300, 'd'));
   Start(Board());
   devices_.AddUsb("sda");

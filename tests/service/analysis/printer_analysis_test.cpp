@@ -104,11 +104,11 @@ TEST_F(PrinterAnalysisTest, ANetworkThatCannotBeLoadedIsTriedAgain) {
   Boot();
   TheNpuScript().failures = {{"rknn_init", {.code = -6}}};
   DetectNoodles("");
-  EXPECT_EQ(result_.code, -1);
+  EXPECT_EQ(result_.Code(), -1);
   TheNpuScript().failures.clear();
   fs::remove(dir_ / "model/print_check.fp.rknn");
   DetectNoodles("");
-  EXPECT_EQ(result_.code, -1);
+  EXPECT_EQ(result_.Code(), -1);
   const std::string path = (dir_ / "model/print_check.fp.rknn").string();
   EXPECT_TRUE(log_.Has("ANALYSIS", "init fail! model file not exists ! model_path=" + path));
   EXPECT_TRUE(log_.Has(
@@ -116,7 +116,7 @@ TEST_F(PrinterAnalysisTest, ANetworkThatCannotBeLoadedIsTriedAgain) {
   EXPECT_EQ(log_.Count("ANALYSIS", "DetectPicture EnsureLoad fail print_check"), 2U);
   dir_.Write("model/print_check.fp.rknn", "");
   DetectNoodles("");
-  EXPECT_EQ(result_.code, 0);
+  EXPECT_EQ(result_.Code(), 0);
   EXPECT_THAT(log_.Text(),
               testing::HasSubstr(" ms: input 640x640x3, outputs 1x64x80x80 1x1x80x80 1x64x40x40 "
                                  "1x1x40x40 1x64x20x20 1x1x20x20, runtime 2.3.2 (scripted), driver "
@@ -141,12 +141,12 @@ TEST_F(PrinterAnalysisTest, AnNpuThatDoesNotAnswerHoldsNobodyUp) {
     clock.AwaitWaiters(1);
     clock.Advance(NpuThread::kPatience);
     request.join();
-    EXPECT_EQ(result_.code, -4);
+    EXPECT_EQ(result_.Code(), -4);
     const int inits = TheNpuScript().inits;
     DetectNoodles("first");
-    EXPECT_EQ(result_.code, -4) << "at once, since no time passes";
+    EXPECT_EQ(result_.Code(), -4) << "at once, since no time passes";
     DetectItems("");
-    EXPECT_EQ(result_.code, -4);
+    EXPECT_EQ(result_.Code(), -4);
     EXPECT_EQ(TheNpuScript().inits, inits) << "no other call reaches a runtime that hangs";
     if (destroyed) analysis_.reset();
     gate->open.set_value();
@@ -254,7 +254,7 @@ TEST_F(PrinterAnalysisTest, WhatTheVerifyingNetworkCannotTellCounts) {
     const std::string name = std::string(test.call) + test.instead;
     const size_t told = log_.Count("ANALYSIS", test.line);
     EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1) << name;
-    EXPECT_EQ(result_.code, 0) << name;
+    EXPECT_EQ(result_.Code(), 0) << name;
     EXPECT_EQ(log_.Count("ANALYSIS", test.line), told + 1) << name;
     EXPECT_THAT(TheNpuScript().files, ElementsAre(testing::Pair(testing::_, "print_check.fp.rknn")))
         << name;
