@@ -20,6 +20,7 @@ Supervisor::Supervisor(comms::CommsManager& comms, std::function<bool()> shutdow
 void Supervisor::ConnectLocal(const LocalBroker& broker) {
   // Before connecting, so that a failure of the first connection leads to a reconnect too.
   comms_.SetLocalDisconnectCallback([flag = reconnect_needed_] { *flag = true; });
+  // A failure comes back through that callback.
   (void)comms_.ConnectLocal(broker.host, broker.port, broker.identity);
   AwaitLocal();
   WaitFor(kSettle);

@@ -218,6 +218,7 @@ void ClientMqttAsync::HandleAccepted(uint32_t attempt, size_t receive_maximum) {
   pin_.reset();
   SetNoDelayTowards(settings->port);
   VLOG_INFO(kTag, "{}: connected successfully", Name());
+  // One that cannot be asked for ends the attempt by itself.
   for (const std::string& filter : ListenerFilters()) (void)SubscribeOn(attempt, filter);
   HandleAcknowledged(attempt);
 }

@@ -246,8 +246,8 @@ std::shared_ptr<JsonRpcClient> CommsManager::ClientOf(const MqttChannel& channel
       rpc_clients_[{channel.request_topic, channel.response_topic}];
   if (!client) {
     client = std::make_shared<JsonRpcClient>(channel.request_topic);
-    (void)client->Bind(local,
-                       channel);  // a subscription that fails now is made at the next connect
+    // A subscription that fails now is made at the next connect.
+    (void)client->Bind(local, channel);
   }
   return client;
 }

@@ -120,7 +120,7 @@ void JsonRpcServer::InvokeMethod(const std::string& method, JsonRpcEnvelope requ
           found->kind, [call] { Run(*call); }, size))
     return;
   VLOG_WARN(kTag, "Server busy, refusing method {}", method);
-  Answer(call->request, call->reply, MakeError(kOperationFailed, "Server busy"));
+  Answer(call->request, call->reply, MakeError(RpcError::kOperationFailed, "Server busy"));
 }
 
 void JsonRpcServer::Answer(const JsonRpcEnvelope& request, const Reply& reply, const Json& value) {
@@ -148,7 +148,7 @@ Json JsonRpcServer::CallHandler(const Call& call) {
   } catch (...) {
     VLOG_ERROR(kTag, "Handler exception for method {}: {}", call.method, "unknown");
   }
-  return MakeError(kInternalError, "Internal error");
+  return MakeError(RpcError::kInternalError, "Internal error");
 }
 
 std::optional<JsonRpcServer::Method> JsonRpcServer::FindMethod(const std::string& method) const {

@@ -37,25 +37,25 @@ HALEvent& HALEvent::Instance() {
 }
 
 HalStatus HALEvent::Post(const HalEventRecord* event) {
-  if (event == nullptr) return kHalInvalidParameter;
+  if (event == nullptr) return HalStatus::kInvalidParameter;
   {
     const std::lock_guard lock(queue_mutex_);
     if (queue_.size() < kMaxQueued) {
       queue_.push_back(*event);
       queue_.back().payload[sizeof(event->payload) - 1] = '\0';
       queue_filled_.notify_one();
-      return kHalSuccess;
+      return HalStatus::kSuccess;
     }
   }
   PLOG_WARN(kTag, "Event queue full, dropping event type is %d", static_cast<int>(event->type));
-  return kHalHardwareError;
+  return HalStatus::kHardwareError;
 }
 
 HalStatus HALEvent::RegisterCallback(uint32_t type, HalEventCallback callback, void* user_data) {
-  if (callback == nullptr) return kHalInvalidParameter;
+  if (callback == nullptr) return HalStatus::kInvalidParameter;
   const std::lock_guard lock(callback_mutex_);
   callbacks_[type].emplace_back(callback, user_data);
-  return kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 void HALEvent::Stop() {

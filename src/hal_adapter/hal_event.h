@@ -28,9 +28,8 @@ class HALEvent {
   /// The process-wide one, created on first use.
   static HALEvent& Instance();
 
-  [[nodiscard]] HalStatus Post(const HalEventRecord* event);
-  [[nodiscard]] HalStatus RegisterCallback(uint32_t type, HalEventCallback callback,
-                                           void* user_data);
+  HalStatus Post(const HalEventRecord* event);
+  HalStatus RegisterCallback(uint32_t type, HalEventCallback callback, void* user_data);
   /// Ends the dispatch thread after the callback it is in; harmless when repeated.
   void Stop();
   /// Stop() has begun: nothing more is delivered.

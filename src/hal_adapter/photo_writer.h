@@ -14,11 +14,11 @@
 
 namespace varnel::hal_adapter {
 
-enum class PhotoStatus {
-  kSuccess,
-  kCaptureFailed,     ///< no camera, busy for too long, capture error or empty frame
-  kNotWritable,       ///< the destination cannot be written
-  kConversionFailed,  ///< the frame could not be made a picture
+enum class [[nodiscard]] PhotoStatus{
+    kSuccess,
+    kCaptureFailed,     ///< no camera, busy for too long, capture error or empty frame
+    kNotWritable,       ///< the destination cannot be written
+    kConversionFailed,  ///< the frame could not be made a picture
 };
 
 struct PhotoPaths {

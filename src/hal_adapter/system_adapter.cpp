@@ -145,7 +145,7 @@ std::string SystemAdapter::Uuid() {
 std::shared_ptr<const DeviceIdentity> SystemAdapter::ReadIdentity() const {
   DeviceInfo info{};
   const utils::WipeAtEnd wipe(info);
-  if (table_->get_device_info == nullptr || table_->get_device_info(&info) != kHalSuccess) {
+  if (table_->get_device_info == nullptr || table_->get_device_info(&info) != HalStatus::kSuccess) {
     VLOG_ERROR(kTag, "Get device information failed");
     return nullptr;
   }
@@ -171,10 +171,10 @@ std::string SystemAdapter::MakeUuid(const DeviceIdentity& identity) const {
 HalStatus SystemAdapter::UpgradeFirmware(uint32_t target, const std::string& package) const {
   if (table_ == nullptr || table_->upgrade_firmware == nullptr) {
     VLOG_ERROR(kTag, "The firmware upgrade function has not been implemented");
-    return kHalUnsupported;
+    return HalStatus::kUnsupported;
   }
   const HalStatus status = table_->upgrade_firmware(target, package.c_str());
-  if (status != kHalSuccess) {
+  if (status != HalStatus::kSuccess) {
     VLOG_ERROR(kTag, "System upgrade failed, reason: {}", hal_error_string(status));
   }
   return status;
@@ -183,10 +183,10 @@ HalStatus SystemAdapter::UpgradeFirmware(uint32_t target, const std::string& pac
 HalStatus SystemAdapter::CollectPlatformData(uint32_t type, const std::string& out_dir) const {
   if (table_ == nullptr || table_->collect_platform_data == nullptr) {
     VLOG_ERROR(kTag, "The collect platform data function has not been implemented");
-    return kHalUnsupported;
+    return HalStatus::kUnsupported;
   }
   const HalStatus status = table_->collect_platform_data(type, out_dir.c_str());
-  if (status != kHalSuccess) {
+  if (status != HalStatus::kSuccess) {
     VLOG_ERROR(kTag, "Collect platform data {} failed, reason: {}", type, hal_error_string(status));
   }
   return status;
@@ -195,7 +195,7 @@ HalStatus SystemAdapter::CollectPlatformData(uint32_t type, const std::string& o
 HalStatus SystemAdapter::PrepareReboot() const {
   if (table_ == nullptr || table_->prepare_reboot == nullptr) {
     VLOG_ERROR(kTag, "prepare_reboot interface has not been implemented");
-    return kHalUnsupported;
+    return HalStatus::kUnsupported;
   }
   return table_->prepare_reboot();
 }

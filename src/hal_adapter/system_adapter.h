@@ -53,10 +53,10 @@ class SystemAdapter {
   std::string Uuid();
 
   /// Runs until the upgrade ended. The platform's status, or -7 without the slot.
-  [[nodiscard]] HalStatus UpgradeFirmware(uint32_t target, const std::string& package) const;
-  [[nodiscard]] HalStatus CollectPlatformData(uint32_t type, const std::string& out_dir) const;
+  HalStatus UpgradeFirmware(uint32_t target, const std::string& package) const;
+  HalStatus CollectPlatformData(uint32_t type, const std::string& out_dir) const;
   /// Tells the platform that the caller is about to reboot.
-  [[nodiscard]] HalStatus PrepareReboot() const;
+  HalStatus PrepareReboot() const;
 
  private:
   static uint32_t DeviceSeed();

@@ -191,9 +191,9 @@ bool USBMonitor::Announce(hal_adapter::HalEventType type, const std::string& dir
   record.type = type;
   copy_text(record.payload, directory);
   const hal_adapter::HalStatus status = board_.post(&record);
-  if (status != hal_adapter::kHalSuccess)
-    PLOG_WARN(kTag, "Failed to post USB drive event, err is %d", status);
-  return status == hal_adapter::kHalSuccess;
+  if (status != hal_adapter::HalStatus::kSuccess)
+    PLOG_WARN(kTag, "Failed to post USB drive event, err is %d", static_cast<int>(status));
+  return status == hal_adapter::HalStatus::kSuccess;
 }
 
 /// Nothing when the drive is not mounted in time or the monitor is to end.

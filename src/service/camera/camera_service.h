@@ -41,7 +41,7 @@ class CameraService {
 
   /// Handles what an earlier run left, then registers the methods; the manager keeps references to
   /// this object from then on.
-  [[nodiscard]] comms::CommsStatus Start();
+  comms::CommsStatus Start();
 
   nlohmann::json ReqCallbackCameraServiceTakePhoto(const nlohmann::json& params);
   nlohmann::json ReqCallbackCameraServiceGetStatus(const nlohmann::json& params);
@@ -58,7 +58,7 @@ class CameraService {
   nlohmann::json TakeDebugPhoto(const nlohmann::json& params);
   nlohmann::json TakePrintingPhoto();
   bool StartTimelapse(const std::string& type, const TimelapseSettings& settings);
-  int Notify(const std::string& method, nlohmann::json params);
+  comms::CommsStatus Notify(const std::string& method, nlohmann::json params);
   void NotifyStatusChange(bool timelapse);
 
   comms::CommsManager& comms_;

@@ -24,7 +24,7 @@ constexpr std::chrono::seconds kMaxWait{10};
 
 json Failure(const std::string& reason) {
   VLOG_ERROR(kTag, "ReqCallbackCameraServiceDetectCapture failed with reason: {}", reason);
-  return comms::MakeError(comms::kOperationFailed, reason);
+  return comms::MakeError(comms::RpcError::kOperationFailed, reason);
 }
 
 json Failure(const std::string& reason, int code) {

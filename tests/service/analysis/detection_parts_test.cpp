@@ -15,20 +15,22 @@ using nlohmann::json;
 using testing::DoubleNear;
 
 TEST(ImageQualityTest, TheAverageByteDecides) {
-  const std::pair<uint8_t, int> cases[] = {{29, -4}, {30, 0}, {190, 0}, {191, -5}};
+  using enum PictureQuality;
+  const std::pair<uint8_t, PictureQuality> cases[] = {
+      {29, kTooDark}, {30, kUsable}, {190, kUsable}, {191, kTooBright}};
   for (const auto& [grey, expected] : cases)
     EXPECT_EQ(image_quality(Plain(33, 21, grey).buffer), expected) << int{grey};
   Image almost = Plain(10, 10, 30);
   almost.pixels[7] = 29;  // 29.997 is cut to 29
-  EXPECT_EQ(image_quality(almost.buffer), -4);
+  EXPECT_EQ(image_quality(almost.buffer), kTooDark);
   Image picture = Plain(10, 10, 100);
   picture.buffer.format = PixelFormat::kBgr888;
-  EXPECT_EQ(image_quality(picture.buffer), -1);
+  EXPECT_EQ(image_quality(picture.buffer), kNotRgb);
   picture.buffer.format = PixelFormat::kRgb888;
   picture.buffer.height = 0;
-  EXPECT_EQ(image_quality(picture.buffer), -3);
+  EXPECT_EQ(image_quality(picture.buffer), kNoSize);
   picture.buffer.virt_addr = nullptr;
-  EXPECT_EQ(image_quality(picture.buffer), -2);
+  EXPECT_EQ(image_quality(picture.buffer), kNoPixels);
 }
 
 Detection Result(const Rect& box, float prop, int32_t cls = 0, uint32_t flag = 0) {

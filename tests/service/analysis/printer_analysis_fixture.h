@@ -78,8 +78,8 @@ class PrinterAnalysisTest : public testing::Test {
   }
   int Code(const std::string& path, const nlohmann::json& params) {
     result_ = analysis_->DetectPicture(path, params);
-    EXPECT_EQ(result_.data.value("err_code", 99), result_.code);
-    return result_.code;
+    EXPECT_EQ(result_.data.value("err_code", 99), result_.Code());
+    return result_.Code();
   }
   nlohmann::json Detect(const nlohmann::json& params, const Image& image = Plain(640, 640, 128)) {
     (void)Code(Save(image), params);

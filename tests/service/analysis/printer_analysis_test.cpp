@@ -62,12 +62,12 @@ TEST_F(PrinterAnalysisTest, AnNpuThatDoesNotAnswerHoldsNobodyUp) {
     clock.AwaitWaiters(1);
     clock.Advance(NpuThread::kPatience);
     request.join();
-    EXPECT_EQ(result_.code, -4);
+    EXPECT_EQ(result_.Code(), -4);
     const int inits = TheNpuScript().inits;
     DetectNoodles("first");
-    EXPECT_EQ(result_.code, -4) << "at once, since no time passes";
+    EXPECT_EQ(result_.Code(), -4) << "at once, since no time passes";
     DetectItems("");
-    EXPECT_EQ(result_.code, -4);
+    EXPECT_EQ(result_.Code(), -4);
     EXPECT_EQ(TheNpuScript().inits, inits) << "no other call reaches a runtime that hangs";
     if (destroyed) analysis_.reset();
     gate->open.set_value();
@@ -155,7 +155,7 @@ TEST_F(PrinterAnalysisTest, WhatTheVerifyingNetworkCannotTellCounts) {
     const std::string name = std::string(test.call) + test.instead;
     const size_t told = log_.Count("ANALYSIS", test.line);
     EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1) << name;
-    EXPECT_EQ(result_.code, 0) << name;
+    EXPECT_EQ(result_.Code(), 0) << name;
     EXPECT_EQ(log_.Count("ANALYSIS", test.line), told + 1) << name;
     EXPECT_THAT(TheNpuScript().files, ElementsAre(testing::Pair(testing::_, "print_check.fp.rknn")))
         << name;

@@ -72,7 +72,7 @@ TEST_F(TimelapseServiceTest, AStoppedTimeLapseBecomesAFilmThatOthersMayRead) {
     EXPECT_TRUE(IsReadableByOthers(paths_.web / link)) << link;
   EXPECT_TRUE(Eventually([&] { return !service->IsRunning() && Completed() == 1; }));
   EXPECT_EQ(service->TakePhoto(), TimelapsePhoto::kNotActive);
-  const auto item = service->Store().List({})["instances"][0];
+  const auto item = service->Store().List({}).value()["instances"][0];
   EXPECT_EQ(item["video_duration"], "00:04");
   EXPECT_THAT(Leftovers(), IsEmpty());
 }
@@ -95,7 +95,7 @@ TEST_F(TimelapseServiceTest, AFinishedFilmIsListedAgainAndMadeOnce) {
   dir_.Write("store/timelapse.json", "lost");
   service = Service();
   EXPECT_EQ(Film(*service, index), "a2\na1\na2\n");
-  EXPECT_EQ(service->Store().List({})["instances"][0]["video_duration"], "01:01");
+  EXPECT_EQ(service->Store().List({}).value()["instances"][0]["video_duration"], "01:01");
   EXPECT_EQ(test::ReadFile(dir_ / "store/timelapse.json.1.bad"), "lost");
   EXPECT_EQ(Completed(), 1U);
   // A record that leads elsewhere costs nothing that is there.
@@ -184,7 +184,7 @@ TEST_F(TimelapseServiceTest, WhatFailsNeverStopsWhatFollows) {
   EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
   EXPECT_EQ(Film(*service, index), "a4\na1\na4\n");
   EXPECT_TRUE(log_.Has("TLP", "Generate segment video failed, exit code: 1"));
-  EXPECT_EQ(service->Store().List({})["instances"][0]["video_duration"], "00:00");
+  EXPECT_EQ(service->Store().List({}).value()["instances"][0]["video_duration"], "00:00");
   EXPECT_TRUE(Eventually([&] { return State(index) == "FINISHED\n"; }));
   const WorkDirectory work(paths_.root / index, {}, TimelapseState::kFinished);
   EXPECT_TRUE(Eventually([&] { return !fs::exists(work.AllSegmentsList()); }));
@@ -282,7 +282,7 @@ TEST_F(TimelapseServiceTest, AFailedFilmIsTriedAgainWithoutARestart) {
     EXPECT_EQ(State(index), "GENERATING\n");
     EXPECT_TRUE(service->IsRunning());
     EXPECT_FALSE(service->Continue());
-    EXPECT_NE(service->Delete(index), 0);
+    EXPECT_NE(service->Delete(index), hal_adapter::HalStatus::kSuccess);
     EncodeAs("echo 'libfoo 1.0 [banner] ' >&2; echo banner");
     const int last = photos_;
     (void)Record(*service, 1);
@@ -374,7 +374,7 @@ TEST_F(TimelapseServiceTest, AnUploadedFilmIsDecryptedByWhatTheAnswerTells) {
   EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
   ASSERT_NE(Film(*service, index), "");
   UploadedFilm film;
-  ASSERT_EQ(service->Upload(index, "video", film), 0);
+  ASSERT_EQ(service->Upload(index, "video", film), hal_adapter::HalStatus::kSuccess);
   EXPECT_THAT(film.url, testing::HasSubstr("_timelapse_enc.mp4.enc"));
   EXPECT_TRUE(fs::is_empty(paths_.upload));
   EXPECT_TRUE(log_.Has("TLP", "Upload timelapse progress: 50% (1/2)"));
@@ -402,16 +402,17 @@ TEST_F(TimelapseServiceTest, UploadsNeedTheCloudAndOnlyFilmsAreSent) {
   EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
   ASSERT_NE(Film(*service, index), "");
   UploadedFilm film;
-  EXPECT_EQ(service->Upload(index, "audio", film), -1);
-  EXPECT_EQ(service->Upload("20200101000000", "video", film), -2);
-  EXPECT_EQ(service->Upload(index, "video", film), -1);
+  EXPECT_EQ(service->Upload(index, "audio", film), hal_adapter::HalStatus::kFailure);
+  EXPECT_EQ(service->Upload("20200101000000", "video", film),
+            hal_adapter::HalStatus::kInvalidParameter);
+  EXPECT_EQ(service->Upload(index, "video", film), hal_adapter::HalStatus::kFailure);
   EXPECT_TRUE(log_.Has("TLP", "Cloud access code is unavailable."));
   EXPECT_EQ(service->Store().Publish({{"date_index", index},
                                       {"timelapse_dir", (paths_.root / index).string()},
                                       {"video_path", "/etc/passwd"}}),
             "");
-  EXPECT_EQ(service->Upload(index, "video", film), -86);
-  EXPECT_EQ(service->Upload(index, "thumbnail", film), -1);
+  EXPECT_EQ(service->Upload(index, "video", film), hal_adapter::HalStatus::kFileNotFound);
+  EXPECT_EQ(service->Upload(index, "thumbnail", film), hal_adapter::HalStatus::kFailure);
 }
 
 }  // namespace

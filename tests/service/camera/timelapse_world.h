@@ -81,7 +81,7 @@ fi)");
   std::string Film(const TimelapseService& service, const std::string& index) {
     const auto path = paths_.web / VideoLinkName(index);
     const bool listed = test::Eventually([&] {
-      const nlohmann::json list = service.Store().List({});
+      const nlohmann::json list = service.Store().List({}).value();
       for (const auto& item : list["instances"])
         if (item["date_index"] == index) return std::filesystem::exists(path);
       return false;

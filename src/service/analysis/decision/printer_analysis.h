@@ -47,8 +47,8 @@ class PrinterAnalysis {
   /// @param path a picture file that read_image() reads
   /// @param params "labels", "detect_status", "z_position", and for a label an object with its own
   /// "threshold"
-  /// @return kAnalysisInferenceFailed when it takes longer than NpuThread::kPatience, and at once
-  /// as long as it does
+  /// @return AnalysisStatus::kInferenceFailed when it takes longer than NpuThread::kPatience, and
+  /// at once as long as it does
   [[nodiscard]] AnalysisResult DetectPicture(const std::string& path, const nlohmann::json& params);
 
   // Not as long as the NPU does not answer.
@@ -69,8 +69,9 @@ class PrinterAnalysis {
   struct Job;
 
   PrinterAnalysisAlgorithm* FindAlgorithm(const std::vector<std::string>& labels) const;
-  int Detect(const std::string& path, const DetectRequest& request, nlohmann::json& output);
-  int Detect(const std::shared_ptr<Job>& job, nlohmann::json& output);
+  AnalysisStatus Detect(const std::string& path, const DetectRequest& request,
+                        nlohmann::json& output);
+  AnalysisStatus Detect(const std::shared_ptr<Job>& job, nlohmann::json& output);
 
   const std::shared_ptr<State> state_;
   /// Whose print began while the NPU did not answer.

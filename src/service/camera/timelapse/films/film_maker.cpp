@@ -106,19 +106,18 @@ FilmAttempt FilmMaker::Generate(WorkDirectory& directory, PlayingSegments& playi
   if (!CheckDirectory(directory)) return {WorkEnd::kFailed, "the working directory is gone"};
   const auto unlisted = store_.Unlisted({directory.Index()});
   if (!unlisted) return {WorkEnd::kFailed, "the description file cannot be read"};
-  json record;
   if (unlisted->empty()) {
-    if (store_.Find(directory.Index(), record) != hal_adapter::kHalSuccess)
-      return {WorkEnd::kFailed, "the description file cannot be read"};
+    const auto record = store_.Find(directory.Index());
+    if (!record) return {WorkEnd::kFailed, "the description file cannot be read"};
     // Interrupted after it was listed: clients may know it already.
-    if (const fs::path listed = VideoOf(record); IsFilmOf(directory, listed))
+    if (const fs::path listed = VideoOf(*record); IsFilmOf(directory, listed))
       return Conclude(directory, listed);
   }
   Film film{playing};
   FilmAttempt attempt = MakeVideo(directory, film, go_on);
   if (!attempt.Done()) return attempt;
-  record = FilmRecord(directory, film.path, VideoDuration(ffmpeg_.Programs(), film.path),
-                      SecondsOf(clock_.WallNow()));
+  const json record = FilmRecord(directory, film.path, VideoDuration(ffmpeg_.Programs(), film.path),
+                                 SecondsOf(clock_.WallNow()));
   // Then the duration is not known for want of a program.
   if (utils::ChildStart().Refused()) return {WorkEnd::kInterrupted, {}};
   attempt = Publish(record);

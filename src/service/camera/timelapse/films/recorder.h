@@ -11,7 +11,7 @@
 
 namespace varnel::service {
 
-enum class TimelapsePhoto { kTaken, kNotActive, kFailed };
+enum class [[nodiscard]] TimelapsePhoto{kTaken, kNotActive, kFailed};
 
 /// The time-lapse of the current print: takes its photos to disk, where they wait for the encoder.
 /// Thread-safe.

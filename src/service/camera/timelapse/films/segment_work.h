@@ -13,11 +13,11 @@ namespace varnel::service {
 using GoOn = std::function<bool()>;
 
 /// How work on an instance came to its end.
-enum class WorkEnd {
-  kDone,
-  kShortage,     ///< there is no room for it
-  kFailed,       ///< the encoder could not do its work: the photos may be good
-  kInterrupted,  ///< by what was asked between two runs
+enum class [[nodiscard]] WorkEnd{
+    kDone,
+    kShortage,     ///< there is no room for it
+    kFailed,       ///< the encoder could not do its work: the photos may be good
+    kInterrupted,  ///< by what was asked between two runs
 };
 
 /// What was found out about an instance's photos; all of it can be found out again.

@@ -184,7 +184,7 @@ bool TimelapseService::IsRunning() const {
 
 hal_adapter::HalStatus TimelapseService::Delete(const std::string& index) {
   const hal_adapter::HalStatus status = store_.Delete(index);
-  if (status == hal_adapter::kHalSuccess) worker_.TryAgain();
+  if (status == hal_adapter::HalStatus::kSuccess) worker_.TryAgain();
   return status;
 }
 

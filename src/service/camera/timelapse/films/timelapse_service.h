@@ -34,7 +34,7 @@ struct TimelapseSetup {
 /// those that are finished. Thread-safe.
 class TimelapseService {
  public:
-  enum class StopResult { kStopped, kRefused, kNothingRuns };
+  enum class [[nodiscard]] StopResult{kStopped, kRefused, kNothingRuns};
 
   explicit TimelapseService(TimelapseSetup setup);
 
@@ -54,9 +54,9 @@ class TimelapseService {
 
   const FilmStore& Store() const { return store_; }
   /// Removes a film; a status as of FilmStore::Delete().
-  [[nodiscard]] hal_adapter::HalStatus Delete(const std::string& index);
-  [[nodiscard]] hal_adapter::HalStatus Upload(const std::string& index, const std::string& type,
-                                              UploadedFilm& film);
+  hal_adapter::HalStatus Delete(const std::string& index);
+  hal_adapter::HalStatus Upload(const std::string& index, const std::string& type,
+                                UploadedFilm& film);
 
  private:
   void ClearTemporaryNames() const;
