@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "utils/log_printf.h"
+#include "utils/mutex.h"
 #include "utils/thread.h"
 
 namespace varnel::platform {
@@ -44,9 +45,9 @@ std::string SameFile(const utils::UniqueFd& file) {
 
 /// False when the guard is to end.
 bool Pause(const std::stop_token& stop, std::chrono::milliseconds time) {
-  std::mutex mutex;
+  utils::Mutex mutex;
   std::condition_variable_any wake;
-  std::unique_lock lock(mutex);
+  utils::MutexLock lock(mutex);
   return !wake.wait_for(lock, stop, time, [&] { return stop.stop_requested(); });
 }
 
@@ -126,7 +127,7 @@ UpgradeOutputGuard::UpgradeOutputGuard(const UpgradeOutput& output)
       })) {}
 
 void UpgradeLeftovers::Keep(std::vector<UpgradeOutput> outputs) {
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   thread_ = {};
   std::move(outputs.begin(), outputs.end(), std::back_inserter(outputs_));
   std::erase_if(outputs_, EndedAndRemoved);
@@ -141,7 +142,7 @@ void UpgradeLeftovers::Keep(std::vector<UpgradeOutput> outputs) {
 }
 
 void UpgradeLeftovers::Release() {
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   thread_ = {};
 }
 

@@ -1,13 +1,13 @@
 #pragma once
 
 #include <filesystem>
-#include <mutex>
 #include <optional>
 #include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "utils/mutex.h"
 #include "utils/owned.h"
 
 namespace varnel::platform {
@@ -65,9 +65,9 @@ class UpgradeLeftovers {
  private:
   void LookAfterAll(const std::stop_token& stop);
 
-  std::mutex mutex_;
+  utils::Mutex mutex_;
   std::vector<UpgradeOutput> outputs_;  // the thread's while there is one, else mutex_
-  std::jthread thread_;                 // mutex_
+  std::jthread thread_ GUARDED_BY(mutex_);
 };
 
 }  // namespace varnel::platform

@@ -42,10 +42,10 @@ void DateRecord::Stop() {
   if (!task_.joinable()) return;
   {
     // Under the mutex, so that the task cannot miss it between its check and its wait.
-    const std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     task_.request_stop();
   }
-  wake_.notify_all();
+  wake_.NotifyAll();
   task_.join();
 }
 
@@ -54,7 +54,7 @@ void DateRecord::Run(const std::stop_token& stop) {
   const auto stopping = [&stop] { return stop.stop_requested(); };
   for (bool stopped = stopping(); !stopped;) {
     RecordGuarded();
-    std::unique_lock lock(mutex_);
+    utils::MutexLock lock(mutex_);
     stopped = clock_.WaitUntil(lock, wake_, clock_.Now() + kPeriod, stopping);
   }
   VLOG_INFO(kTag, "Record system date task end.");

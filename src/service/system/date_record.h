@@ -1,12 +1,11 @@
 #pragma once
 
-#include <condition_variable>
 #include <filesystem>
-#include <mutex>
 #include <stop_token>
 #include <thread>
 
 #include "utils/clock.h"
+#include "utils/mutex.h"
 
 namespace varnel::service {
 
@@ -35,8 +34,8 @@ class DateRecord {
 
   const std::filesystem::path directory_;
   utils::Clock& clock_;
-  std::mutex mutex_;  // for the timed wait only, like the condition
-  std::condition_variable wake_;
+  utils::Mutex mutex_;  // for the timed wait only, like the condition
+  utils::Condition wake_;
   std::jthread task_;
 };
 

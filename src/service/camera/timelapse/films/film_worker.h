@@ -1,11 +1,9 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <stop_token>
 #include <string>
@@ -14,6 +12,7 @@
 #include "service/camera/timelapse/disk/work_directories.h"
 #include "service/camera/timelapse/films/film_maker.h"
 #include "service/camera/timelapse/films/film_waits.h"
+#include "utils/mutex.h"
 
 namespace varnel::service {
 
@@ -71,11 +70,11 @@ class FilmWorker {
   std::map<std::string, Print> prints_;  // of the thread, like the next
   FilmWaits waits_;
 
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool change_ = true;      // mutex_
-  bool try_again_ = false;  // mutex_
-  std::jthread thread_;     // last: it uses the rest
+  utils::Mutex mutex_;
+  utils::Condition changed_;
+  bool change_ GUARDED_BY(mutex_) = true;
+  bool try_again_ GUARDED_BY(mutex_) = false;
+  std::jthread thread_;  // last: it uses the rest
 };
 
 }  // namespace varnel::service
