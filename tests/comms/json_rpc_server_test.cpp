@@ -168,6 +168,26 @@ TEST_F(JsonRpcServerTest, ASlowMethodDelaysNoneOfAnotherKindOrLane) {
   EXPECT_EQ(client_->sent.WaitFor(3 + kWorkers).size(), 3 + kWorkers);
 }
 
+TEST_F(JsonRpcServerTest, CommandsRunInTheOrderInWhichTheyCame) {
+  std::vector<int> order;
+  for (const char* method : {"camera.start", "camera.stop"})
+    Register(
+        method,
+        [&](const Json& params) {
+          order.push_back(params.get<int>());
+          return Json();
+        },
+        MethodKind::kCommand);
+  std::vector<int> sent;
+  for (int i = 0; i < 100; ++i) {
+    const char* method = i % 2 == 0 ? "camera.start" : "camera.stop";
+    client_->Arrive("system/request", Json({{"method", method}, {"params", i}, {"id", i}}).dump());
+    sent.push_back(i);
+  }
+  (void)client_->sent.WaitFor(100);
+  EXPECT_EQ(order, sent);
+}
+
 TEST_F(JsonRpcServerTest, AFloodIsRefusedBeyondTheBacklog) {
   constexpr size_t kWorkers = WorkerLane::WorkersFor(MethodKind::kListing);
   auto entered = std::make_shared<std::latch>(kWorkers);

@@ -3,13 +3,12 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/fake_clock.h"
+#include "support/full_disk.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 #include "utils/owned.h"
@@ -19,24 +18,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-
-/// A smaller limit of this process, until the end of the block.
-class ResourceLimit {
- public:
-  ResourceLimit(__rlimit_resource resource, rlim_t soft) : resource_(resource) {
-    ::signal(SIGXFSZ, SIG_IGN);
-    ::getrlimit(resource_, &before_);
-    const rlimit now{soft, before_.rlim_max};
-    ::setrlimit(resource_, &now);
-  }
-  ~ResourceLimit() { ::setrlimit(resource_, &before_); }
-  ResourceLimit(const ResourceLimit&) = delete;
-  ResourceLimit& operator=(const ResourceLimit&) = delete;
-
- private:
-  const __rlimit_resource resource_;
-  rlimit before_{};
-};
 
 class TimelapseStoreTest : public testing::Test {
  protected:
@@ -122,15 +103,6 @@ TEST_F(TimelapseStoreTest, DeletingLeavesNoTrace) {
   EXPECT_EQ(test::ReadFile(paths_.web / "timelapse_20260101000002.mp4"), "film of 20260101000002");
 }
 
-TEST_F(TimelapseStoreTest, ADeletionThatWasCutShortIsCompleted) {
-  AddFilm("20260101000001");
-  fs::rename(paths_.root / "20260101000001", paths_.root / ".deleted_20260101000001");
-  store_.CompleteDeletions();
-  EXPECT_TRUE(Listed({}).empty());
-  EXPECT_TRUE(fs::is_empty(paths_.web));
-  EXPECT_FALSE(fs::exists(paths_.root / ".deleted_20260101000001"));
-}
-
 TEST_F(TimelapseStoreTest, WithoutADescriptionNothingIsListedOrDeleted) {
   EXPECT_EQ(store_.Delete("20260101000001"), hal_adapter::HalStatus::kFileNotFound);
   EXPECT_EQ(store_.List({}).value()["total_count"], 0);
@@ -169,7 +141,7 @@ TEST_F(TimelapseStoreTest, ADescriptionThatCannotBeReadNowIsNotGivenUp) {
   const json another = Film("20260101000002");
   const int next = utils::UniqueFd(::open("/", O_RDONLY | O_CLOEXEC)).Get();
   {
-    const ResourceLimit descriptors(RLIMIT_NOFILE, static_cast<rlim_t>(next) + 1);
+    const test::ResourceLimit descriptors(RLIMIT_NOFILE, static_cast<rlim_t>(next) + 1);
     EXPECT_FALSE(store_.List({}).has_value());
     EXPECT_EQ(store_.Publish(another), "the description file cannot be read");
     EXPECT_EQ(store_.Delete("20260101000001"), hal_adapter::HalStatus::kFailure);
@@ -185,7 +157,7 @@ TEST_F(TimelapseStoreTest, OnAFullDiskNothingIsLostAndFilmsCanBeDeleted) {
   EXPECT_EQ(store_.Publish(large), "");
   const std::string before = Description();
   {
-    const ResourceLimit size(RLIMIT_FSIZE, 4096);
+    const test::FullDisk full(4096);
     EXPECT_EQ(store_.Publish(Film("20260101000003")), "the description file cannot be written");
     EXPECT_EQ(Description(), before);
     EXPECT_EQ(store_.Delete("20260101000001"), hal_adapter::HalStatus::kFailure)

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -68,11 +67,6 @@ fi)");
                                notified_.Put({method, std::move(params)});
                                return 0;
                              },
-                         .broker_answers =
-                             [this] {
-                               ++broker_asked_;
-                               return broker_answers_.load();
-                             },
                          .uploader = std::move(uploader),
                          .clock = &clock_.get()};
     auto service = std::make_unique<TimelapseService>(std::move(setup));
@@ -120,8 +114,6 @@ fi)");
   std::string scene_ = "a";
   bool camera_fails_ = false;
   int photos_ = 0;
-  std::atomic<bool> broker_answers_ = true;
-  std::atomic<int> broker_asked_ = 0;
   std::reference_wrapper<utils::Clock> clock_ = utils::SystemClock::Instance();
   test::Mailbox<std::pair<std::string, nlohmann::json>> notified_;
 };

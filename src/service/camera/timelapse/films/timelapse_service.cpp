@@ -154,6 +154,7 @@ bool TimelapseService::Continue() {
   if (goes_on) return true;
   if (!Begin(directories_.Open(index), true)) return false;
   directories_.PointCurrentAt(index);
+  worker_.Wake();
   return true;
 }
 
@@ -172,7 +173,7 @@ std::optional<TimelapsePhoto> TimelapseService::TakePhoto() {
   const auto current = Current();
   if (!current) return std::nullopt;
   const TimelapsePhoto photo = current->TakePhoto();
-  if (photo == TimelapsePhoto::kTaken) worker_.Wake();
+  if (photo == TimelapsePhoto::kTaken) worker_.PhotoTaken();
   return photo;
 }
 
