@@ -49,7 +49,7 @@ void Supervisor::Run() {
 
 bool Supervisor::WaitFor(std::chrono::milliseconds time) {
   const auto deadline = clock_.Now() + time;
-  std::unique_lock lock(mutex_);
+  utils::MutexLock lock(mutex_);
   while (!shutdown_requested_() && clock_.Now() < deadline) {
     const auto slice = std::min(deadline, clock_.Now() + kFlagPoll);
     clock_.WaitUntil(lock, wake_, slice, shutdown_requested_);

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "hal_interface/hal_records.h"
+#include "utils/board_places.h"
 #include "utils/free_space.h"
 #include "utils/held_directory.h"
 #include "utils/new_file.h"
@@ -22,7 +23,7 @@ enum class [[nodiscard]] PhotoStatus{
 };
 
 struct PhotoPaths {
-  std::filesystem::path converter = "/usr/bin/ffmpeg";
+  std::filesystem::path converter = utils::board::kFfmpeg;
   std::filesystem::path raw_frame = "/tmp/.capture.bin";
   /// Pictures are made in directories of our own below this one.
   std::filesystem::path workshop = "/tmp";

@@ -98,7 +98,7 @@ bool SystemAdapter::Start() {
   Adopt(identity);
   VLOG_INFO(kTag, "Firmware version is {}", utils::LogText(identity->firmware_version));
   if (read && !HasMac(*read)) {
-    const std::lock_guard lock(looking_);
+    const utils::MutexLock lock(looking_);
     look_pause_ = kFirstLookPause;
     next_look_ = clock_.Now() + look_pause_;
   }
@@ -108,7 +108,7 @@ bool SystemAdapter::Start() {
 void SystemAdapter::Adopt(std::shared_ptr<const DeviceIdentity> identity) {
   std::string uuid = MakeUuid(*identity);
   VLOG_INFO(kTag, "UUID is {}", uuid);
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   identity_ = std::move(identity);
   uuid_ = std::move(uuid);
 }
@@ -122,23 +122,28 @@ bool SystemAdapter::IsTimeToLook() {
 
 /// One caller looks, which may take half a second; others get what is known.
 void SystemAdapter::LookForMac() {
-  const std::unique_lock looking(looking_, std::try_to_lock);
-  if (!looking || !IsTimeToLook()) return;
+  if (!looking_.TryLock()) return;
+  const utils::MutexLock looking(looking_, std::adopt_lock);
+  if (!IsTimeToLook()) return;
   const std::shared_ptr<const DeviceIdentity> found = ReadIdentity();
   if (!found || !HasMac(*found)) return;
   look_pause_ = 0s;
-  Adopt(WithMac(*identity_, found->mac));  // which nobody else changes
+  Adopt(WithMac(*Known(), found->mac));  // which nobody else changes
 }
 
 std::shared_ptr<const DeviceIdentity> SystemAdapter::Identity() {
   LookForMac();
-  const std::lock_guard lock(mutex_);
+  return Known();
+}
+
+std::shared_ptr<const DeviceIdentity> SystemAdapter::Known() const {
+  const utils::MutexLock lock(mutex_);
   return identity_;
 }
 
 std::string SystemAdapter::Uuid() {
   LookForMac();
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   return uuid_;
 }
 

@@ -1,17 +1,16 @@
 #include "hal_interface/hal_register.h"
 #include "hal_interface/platform_init.h"
 #include "platform/copy_text.h"
+#include "utils/board_places.h"
 
 namespace varnel::platform {
 namespace {
 
 using hal_adapter::HalStatus;
 
-constexpr const char* kDetectResultDir = "/userdata/.tmp_detect_result";
-
 HalStatus GetBasicInfo(char* out) {
   if (out == nullptr) return HalStatus::kInvalidParameter;
-  copy_text(out, hal_adapter::kHalPathSize, kDetectResultDir);
+  copy_text(out, hal_adapter::kHalPathSize, utils::board::kDetectionResults);
   return HalStatus::kSuccess;
 }
 

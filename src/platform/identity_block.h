@@ -8,8 +8,8 @@ namespace varnel::platform {
 
 /// Where the identity block lies: 1024 bytes of a file or block device.
 struct IdentityStorage {
-  std::string device = "/dev/mmcblk0";
-  uint64_t offset = 26'624;
+  std::string device;
+  uint64_t offset = 0;
   std::string key_file;  ///< of an encrypted block; empty: there is none
 };
 

@@ -1,14 +1,12 @@
 // The methods of the camera service that deal with time-lapses.
-#include <fmt/format.h>
-
 #include <chrono>
-#include <ctime>
 #include <string>
 
 #include "comms/json_rpc_message.h"
 #include "service/camera/camera_answers.h"
 #include "service/camera/camera_service.h"
 #include "service/camera/timelapse_requests.h"
+#include "utils/local_time.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 
@@ -24,16 +22,6 @@ constexpr const char* kStart = "camera.start_timelapse";
 constexpr const char* kList = "camera.get_timelapse_instance";
 constexpr const char* kDelete = "camera.delete_timelapse_instance";
 constexpr const char* kUpload = "camera.upload_timelapse_instance";
-
-/// "2025-01-31 23:59:59", local time.
-std::string LocalTimeText(utils::Clock::WallTime now) {
-  const std::time_t time = std::chrono::system_clock::to_time_t(now);
-  std::tm local{};
-  ::tzset();
-  localtime_r(&time, &local);
-  return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}", local.tm_year + 1900, local.tm_mon + 1,
-                     local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
-}
 
 const char* MessageOf(HalStatus status) {
   switch (status) {
@@ -57,9 +45,12 @@ json AnswerOf(HalStatus status) {
 
 void CameraService::NotifyStatusChange(bool timelapse) {
   constexpr const char* kMethod = "notify_camera_status_change";
-  const comms::CommsStatus status = Notify(kMethod, {{"timelapse", timelapse},
-                                                     {"timestamp", LocalTimeText(clock_.WallNow())},
-                                                     {"state", "success"}});
+  const auto seconds =
+      std::chrono::floor<std::chrono::seconds>(clock_.WallNow().time_since_epoch());
+  const comms::CommsStatus status =
+      Notify(kMethod, {{"timelapse", timelapse},
+                       {"timestamp", utils::LocalTimeText(seconds.count()).value_or("")},
+                       {"state", "success"}});
   if (status != comms::CommsStatus::kOk)
     VLOG_ERROR(kTag, "Send {} error, ret = {}", kMethod, comms::Code(status));
 }

@@ -12,6 +12,7 @@
 #include "service/analysis/decision/analysis_workspace.h"
 #include "service/analysis/decision/printer_analysis_algorithm.h"
 #include "service/analysis/network/model_config.h"
+#include "utils/board_places.h"
 #include "utils/clock.h"
 
 namespace varnel::service {
@@ -19,7 +20,7 @@ namespace varnel::service {
 /// What a print analysis is built from; the defaults are the board's.
 struct AnalysisSetup {
   std::filesystem::path models = "/etc/varnel/camera_service/model";
-  std::filesystem::path results = "/userdata/.tmp_detect_result";
+  std::filesystem::path results = utils::board::kDetectionResults;
   // The next two and the clock are used as long as the NPU is busy, even beyond the analysis' end.
   utils::SpaceCheck has_space = {};
   const RknnLibrary* library = nullptr;  ///< the NPU runtime, the board's own when null

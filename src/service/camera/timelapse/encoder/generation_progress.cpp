@@ -64,15 +64,15 @@ GenerationProgress::GenerationProgress(fs::path file, Report report, utils::Cloc
 GenerationProgress::~GenerationProgress() {
   {
     // Under the mutex, so that the task cannot miss it between its check and its wait.
-    const std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     task_.request_stop();
   }
-  wake_.notify_all();
+  wake_.NotifyAll();
   task_.join();
 }
 
 void GenerationProgress::Follow(fs::path file, size_t total_frames) {
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   file_ = std::move(file);
   total_frames_ = total_frames;
 }
@@ -90,7 +90,7 @@ void GenerationProgress::Run(const std::stop_token& stop) {
 }
 
 bool GenerationProgress::Wait(const std::stop_token& stop) {
-  std::unique_lock lock(mutex_);
+  utils::MutexLock lock(mutex_);
   return clock_.WaitUntil(lock, wake_, clock_.Now() + kPeriod,
                           [&stop] { return stop.stop_requested(); });
 }
@@ -99,7 +99,7 @@ void GenerationProgress::Look() {
   fs::path file;
   size_t total_frames = 0;
   {
-    const std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     file = file_;
     total_frames = total_frames_;
   }

@@ -1,15 +1,14 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
 #include <filesystem>
 #include <functional>
-#include <mutex>
 #include <stop_token>
 #include <string>
 #include <thread>
 
 #include "utils/clock.h"
+#include "utils/mutex.h"
 
 namespace varnel::service {
 
@@ -45,10 +44,10 @@ class GenerationProgress {
   const Report report_;
   utils::Clock& clock_;
   int highest_ = 0;  // of the task's thread
-  std::mutex mutex_;
-  std::filesystem::path file_;  // mutex_
-  size_t total_frames_ = 0;     // mutex_
-  std::condition_variable wake_;
+  utils::Mutex mutex_;
+  std::filesystem::path file_ GUARDED_BY(mutex_);
+  size_t total_frames_ GUARDED_BY(mutex_) = 0;
+  utils::Condition wake_;
   std::jthread task_;  // last: starts when the rest is complete
 };
 

@@ -44,15 +44,15 @@ void FilmWorker::Start() {
 
 void FilmWorker::PhotoTaken() {
   {
-    const std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     change_ = true;
   }
-  changed_.notify_all();
+  changed_.NotifyAll();
 }
 
 void FilmWorker::Wake() {
   {
-    const std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     all_changed_ = true;
   }
   PhotoTaken();
@@ -60,7 +60,7 @@ void FilmWorker::Wake() {
 
 void FilmWorker::TryAgain() {
   {
-    const std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     try_again_ = true;
   }
   Wake();
@@ -97,7 +97,7 @@ void FilmWorker::Look(const std::stop_token& stop) {
 
 bool FilmWorker::AwaitBroker(const std::stop_token& stop) {
   while (!broker_answers_() && !stop.stop_requested()) {
-    std::unique_lock lock(mutex_);
+    utils::MutexLock lock(mutex_);
     clock_.WaitUntil(lock, changed_, clock_.Now() + kBrokerPause,
                      [&] { return stop.stop_requested(); });
   }
@@ -105,15 +105,15 @@ bool FilmWorker::AwaitBroker(const std::stop_token& stop) {
 }
 
 void FilmWorker::AwaitChange(const std::stop_token& stop) {
-  std::unique_lock lock(mutex_);
+  utils::MutexLock lock(mutex_);
   const auto now = clock_.Now();
   clock_.WaitUntil(lock, changed_, std::max(waits_.NextDue(now), now + kShortestPause),
-                   [&] { return change_ || stop.stop_requested(); });
+                   [&]() REQUIRES(mutex_) { return change_ || stop.stop_requested(); });
   if (!change_) all_changed_ = true;  // something is due
 }
 
 bool FilmWorker::TakeChange() {
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   if (std::exchange(try_again_, false)) waits_.AllDue();
   if (std::exchange(all_changed_, false)) find_prints_ = find_films_ = true;
   return std::exchange(change_, false);

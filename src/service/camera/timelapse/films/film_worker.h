@@ -1,11 +1,9 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <stop_token>
 #include <string>
@@ -14,6 +12,7 @@
 #include "service/camera/timelapse/disk/work_directories.h"
 #include "service/camera/timelapse/films/film_maker.h"
 #include "service/camera/timelapse/films/film_waits.h"
+#include "utils/mutex.h"
 
 namespace varnel::service {
 
@@ -80,11 +79,11 @@ class FilmWorker {
   bool find_prints_ = true;
   bool find_films_ = true;
 
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool change_ = true;  // mutex_, like the next
-  bool all_changed_ = true;
-  bool try_again_ = false;
+  utils::Mutex mutex_;
+  utils::Condition changed_;
+  bool change_ GUARDED_BY(mutex_) = true;
+  bool all_changed_ GUARDED_BY(mutex_) = true;
+  bool try_again_ GUARDED_BY(mutex_) = false;
   std::jthread thread_;  // last: it uses the rest
 };
 

@@ -22,7 +22,7 @@ bool Recorder::Start(bool continued) {
   const std::string index = directory_->Index();
   VLOG_INFO(kTag, "Timelapse {}: receive 'Start' command, continue: {}.", index,
             continued ? "yes" : "no");
-  const std::lock_guard lock(photo_mutex_);
+  const utils::MutexLock lock(photo_mutex_);
   if (!continued && State() != TimelapseState::kReady) {
     VLOG_ERROR(kTag, "Timelapse {} is not ready.", index);
     return false;
@@ -58,7 +58,7 @@ bool Recorder::Capture(uint32_t number) const {
 TimelapsePhoto Recorder::TakePhoto() {
   const std::string index = directory_->Index();
   VLOG_INFO(kTag, "Timelapse {}: receive 'TakePhoto' command.", index);
-  const std::lock_guard lock(photo_mutex_);
+  const utils::MutexLock lock(photo_mutex_);
   if (State() != TimelapseState::kActivated || closed_) {
     VLOG_ERROR(kTag, "Timelapse take photo: {} is not active.", index);
     return TimelapsePhoto::kNotActive;
@@ -72,7 +72,7 @@ TimelapsePhoto Recorder::TakePhoto() {
 bool Recorder::Stop() {
   const std::string index = directory_->Index();
   VLOG_INFO(kTag, "Timelapse {}: receive 'Stop' command.", index);
-  const std::lock_guard lock(photo_mutex_);
+  const utils::MutexLock lock(photo_mutex_);
   if (State() != TimelapseState::kActivated || closed_) {
     VLOG_ERROR(kTag, "Stop timelapse: {} is not active.", index);
     return false;

@@ -4,10 +4,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "service/camera/timelapse/disk/work_directory.h"
+#include "utils/mutex.h"
 
 namespace varnel::service {
 
@@ -46,9 +46,9 @@ class Recorder {
   std::atomic<bool> closed_ = false;
   std::atomic<bool> stop_asked_ = false;
 
-  std::mutex photo_mutex_;     // one photo, and no state change while it is taken
-  uint32_t next_number_ = 1;   // photo_mutex_
-  bool stop_prepared_ = true;  // photo_mutex_
+  utils::Mutex photo_mutex_;  // one photo, and no state change while it is taken
+  uint32_t next_number_ GUARDED_BY(photo_mutex_) = 1;
+  bool stop_prepared_ GUARDED_BY(photo_mutex_) = true;
 };
 
 }  // namespace varnel::service

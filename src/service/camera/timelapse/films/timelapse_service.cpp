@@ -82,7 +82,7 @@ void TimelapseService::HandleLeftBehind(const std::string& index) const {
 }
 
 std::shared_ptr<Recorder> TimelapseService::Current() const {
-  const std::lock_guard lock(current_mutex_);
+  const utils::MutexLock lock(current_mutex_);
   return current_;
 }
 
@@ -94,7 +94,7 @@ bool TimelapseService::Begin(std::shared_ptr<WorkDirectory> directory, bool cont
     if (!continued) (void)directories_.SetAside(index);
     return false;
   }
-  const std::lock_guard lock(current_mutex_);
+  const utils::MutexLock lock(current_mutex_);
   current_ = std::move(recorder);
   return true;
 }
@@ -102,7 +102,7 @@ bool TimelapseService::Begin(std::shared_ptr<WorkDirectory> directory, bool cont
 void TimelapseService::Retire() {
   std::shared_ptr<Recorder> previous;
   {
-    const std::lock_guard lock(current_mutex_);
+    const utils::MutexLock lock(current_mutex_);
     previous = std::exchange(current_, nullptr);
   }
   if (previous) {
@@ -125,7 +125,7 @@ void TimelapseService::RepeatStops() {
 
 void TimelapseService::MakeRoomForNew() {
   {
-    const std::lock_guard lock(command_mutex_);
+    const utils::MutexLock lock(command_mutex_);
     Retire();
   }
   // The worker removes what was set aside; only a print that needs its room waits for that.
@@ -137,7 +137,7 @@ bool TimelapseService::StartNew(const TimelapseSettings& settings) {
   const std::string index = directories_.Build(settings);
   bool begun = false;
   {
-    const std::lock_guard lock(command_mutex_);
+    const utils::MutexLock lock(command_mutex_);
     Retire();  // another one may have begun meanwhile
     begun = !index.empty() && Begin(directories_.Publish(index, settings), false);
   }
@@ -146,7 +146,7 @@ bool TimelapseService::StartNew(const TimelapseSettings& settings) {
 }
 
 bool TimelapseService::Continue() {
-  const std::lock_guard lock(command_mutex_);
+  const utils::MutexLock lock(command_mutex_);
   const std::string index = directories_.NextIndex();
   const auto current = Current();
   const bool goes_on = current && current->Directory().Index() == index &&
@@ -160,7 +160,7 @@ bool TimelapseService::Continue() {
 
 TimelapseService::StopResult TimelapseService::Stop() {
   {
-    const std::lock_guard lock(command_mutex_);
+    const utils::MutexLock lock(command_mutex_);
     const auto current = Current();
     if (!current || current->State() == TimelapseState::kFinished) return StopResult::kNothingRuns;
     if (!current->Stop()) return StopResult::kRefused;

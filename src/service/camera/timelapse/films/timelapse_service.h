@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -15,6 +14,7 @@
 #include "service/camera/timelapse/films/film_worker.h"
 #include "service/camera/timelapse/films/recorder.h"
 #include "service/camera/timelapse/films/timelapse_upload.h"
+#include "utils/mutex.h"
 
 namespace varnel::service {
 
@@ -62,10 +62,10 @@ class TimelapseService {
   void ClearTemporaryNames() const;
   void HandleLeftBehind(const std::string& index) const;
   void MakeRoomForNew();
-  void Retire();
-  void RepeatStops();
+  void Retire() REQUIRES(command_mutex_);
+  void RepeatStops() REQUIRES(command_mutex_);
   std::shared_ptr<Recorder> Current() const;
-  bool Begin(std::shared_ptr<WorkDirectory> directory, bool continued);
+  bool Begin(std::shared_ptr<WorkDirectory> directory, bool continued) REQUIRES(command_mutex_);
 
   const TimelapsePaths paths_;
   const Recorder::TakePhotoTo take_photo_;
@@ -75,11 +75,11 @@ class TimelapseService {
   WorkDirectories directories_;
   const FilmMaker maker_;
 
-  std::mutex command_mutex_;            // one start or stop at a time; nothing that takes long
-  std::set<std::string> stops_wanted_;  // that could not be recorded yet; command_mutex_
+  utils::Mutex command_mutex_;  // one start or stop at a time; nothing that takes long
+  std::set<std::string> stops_wanted_ GUARDED_BY(command_mutex_);  // that could not be recorded yet
 
-  mutable std::mutex current_mutex_;
-  std::shared_ptr<Recorder> current_;  // current_mutex_
+  mutable utils::Mutex current_mutex_;
+  std::shared_ptr<Recorder> current_ GUARDED_BY(current_mutex_);
 
   FilmWorker worker_;  // last: its thread uses the rest
 };
