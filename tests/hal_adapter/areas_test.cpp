@@ -51,7 +51,6 @@ TEST_F(AreasTest, ANullTableLeavesTheOldOne) {
   registry_.system.Register(&system);
   registry_.system.Register(nullptr);
   EXPECT_EQ(registry_.system.Get(), &system);
-  EXPECT_TRUE(log_.Has("HALSYS", "System HAL interface register failed, iface is null"));
 }
 
 /// Every operation of the camera, in one fixed order.
@@ -65,16 +64,13 @@ std::vector<HalStatus> CallAll(Camera camera) {
 
 TEST_F(AreasTest, ACameraPassesFailuresUpAndSurvivesMissingSlotsAndTables) {
   const MultimediaHalInterface table = test::FakeMultimedia();
-  using enum HalStatus;
   test::Fake().status = test::Fake().count_status = HalStatus::kBusy;
-  EXPECT_THAT(CallAll(Camera(&table, 2)), testing::ElementsAre(kBusy, kBusy, kBusy, kBusy, kBusy,
-                                                               kBusy, kUnsupported, kUnsupported));
-  EXPECT_TRUE(log_.Has("CAM", "Camera 2 take photo failed, reason is resource is busy"));
+  std::vector<HalStatus> expected(6, HalStatus::kBusy);
+  expected.insert(expected.end(), 2, HalStatus::kUnsupported);
+  EXPECT_EQ(CallAll(Camera(&table, 2)), expected);
   const MultimediaHalInterface empty{};
   EXPECT_THAT(CallAll(Camera(&empty, 0)), testing::Each(HalStatus::kUnsupported));
-  EXPECT_TRUE(log_.Has("CAM", "set_camera_config interface has not been implemented"));
   EXPECT_THAT(CallAll(Camera(nullptr, 0)), testing::Each(HalStatus::kInvalidState));
-  EXPECT_EQ(log_.Count("CAM", "Camera is not ready"), 8u);
 }
 
 TEST(HalErrorStringTest, KnowsItsCodesAndNoOther) {
@@ -84,36 +80,22 @@ TEST(HalErrorStringTest, KnowsItsCodesAndNoOther) {
     EXPECT_STREQ(hal_error_string(FromExitCode(status)), "unknown error");
 }
 
-TEST_F(AreasTest, StorageReadsItsPathsOnce) {
+TEST_F(AreasTest, StorageReadsEachPathThatDoesNotFail) {
   const StorageHalInterface table{test::FakePath};
   registry_.storage.Register(&table);
-  StorageAdapter adapter(kWorks, registry_);
-  ASSERT_TRUE(adapter.Start());
-  EXPECT_EQ(adapter.Paths().config, "/dir0");
-  EXPECT_EQ(adapter.Paths().config_save, "/dir1/varnel");
-  EXPECT_EQ(adapter.Paths().user_data, "/dir2");
-  EXPECT_EQ(adapter.Paths().temporary, "/dir3");
-}
-
-TEST_F(AreasTest, StorageNamesThePathThatFailedAndKeepsTheOthers) {
-  const StorageHalInterface table{test::FakePath};
-  registry_.storage.Register(&table);
-  const char* const texts[] = {"Get config path failed", "Get config save path failed",
-                               "Get userdata path failed", "Get temporary path failed"};
-  for (uint32_t type = 0; type < 4; ++type) {
-    test::Fake().failing_path = type;
+  for (uint32_t failing = 0; failing <= 4; ++failing) {
+    test::Fake().failing_path = failing;
     StorageAdapter adapter(kWorks, registry_);
-    EXPECT_FALSE(adapter.Start());
-    EXPECT_EQ(log_.Count("HALSTO", texts[type]), 1u);
+    EXPECT_EQ(adapter.Start(), failing == 4);
     const StoragePaths& paths = adapter.Paths();
-    EXPECT_EQ(paths.config.empty() + paths.config_save.empty() + paths.user_data.empty() +
-                  paths.temporary.empty(),
-              1);
+    EXPECT_EQ(paths.config, failing == 0 ? "" : "/dir0");
+    EXPECT_EQ(paths.config_save, failing == 1 ? "" : "/dir1/varnel");
+    EXPECT_EQ(paths.user_data, failing == 2 ? "" : "/dir2");
+    EXPECT_EQ(paths.temporary, failing == 3 ? "" : "/dir3");
   }
   const StorageHalInterface empty{};
   registry_.storage.Register(&empty);
   EXPECT_FALSE(StorageAdapter(kWorks, registry_).Start());
-  EXPECT_TRUE(log_.Has("HALSTO", "get_path interface has not been implemented"));
 }
 
 }  // namespace
