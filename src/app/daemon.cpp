@@ -192,14 +192,7 @@ class Services {
       : date_record_(hardware.storage.Paths().config_save),
         device_info_(comms, [&hardware] { return hardware.system.Identity(); }),
         analysis_(hardware.ai.DetectResultDir(), SpaceCheckOf(deployment)),
-        camera_(comms, {.take_photo =
-                            [&hardware](const std::string& path) {
-                              return hardware.multimedia.TakePhoto(path);
-                            },
-                        .take_client_photo =
-                            [&hardware](const utils::FilePlace& place) {
-                              return hardware.multimedia.TakePhoto(place);
-                            },
+        camera_(comms, {.camera = &hardware.multimedia,
                         .paths = &client_paths,
                         .timelapse_paths = PathsOf(deployment),
                         .analyser = &analysis_}) {}

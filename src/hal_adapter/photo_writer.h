@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "hal_adapter/photo_taker.h"
 #include "hal_interface/hal_records.h"
 #include "utils/board_places.h"
 #include "utils/free_space.h"
@@ -14,13 +15,6 @@
 #include "utils/owned.h"
 
 namespace varnel::hal_adapter {
-
-enum class [[nodiscard]] PhotoStatus{
-    kSuccess,
-    kCaptureFailed,     ///< no camera, busy for too long, capture error or empty frame
-    kNotWritable,       ///< the destination cannot be written
-    kConversionFailed,  ///< the frame could not be made a picture
-};
 
 struct PhotoPaths {
   std::filesystem::path converter = utils::board::kFfmpeg;

@@ -30,6 +30,12 @@ std::optional<std::string> LocalTimeDigits(int64_t seconds) {
                      local->tm_mday, local->tm_hour, local->tm_min, local->tm_sec);
 }
 
+std::optional<std::string> LocalDate(int64_t seconds) {
+  const auto local = LocalTime(seconds);
+  if (!local) return std::nullopt;
+  return fmt::format("{:04}-{:02}-{:02}", local->tm_year, local->tm_mon, local->tm_mday);
+}
+
 std::optional<std::string> LocalTimeText(int64_t seconds) {
   const auto local = LocalTime(seconds);
   if (!local) return std::nullopt;

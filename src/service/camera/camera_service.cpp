@@ -46,25 +46,19 @@ json PhotoAnswer(PhotoStatus status) {
 
 CameraService::CameraService(comms::CommsManager& comms, Setup setup)
     : comms_(comms),
-      take_photo_(std::move(setup.take_photo)),
-      take_client_photo_(std::move(setup.take_client_photo)),
+      camera_(*setup.camera),
       paths_(*setup.paths),
       clock_(*setup.clock),
       timelapses_(
           {.paths = std::move(setup.timelapse_paths),
            .programs = std::move(setup.encoder_programs),
-           .take_photo =
-               [this](const std::string& path) {
-                 return take_photo_(path) == PhotoStatus::kSuccess;
-               },
+           .camera = &camera_,
            .notify = [this](const std::string& method,
                             json params) { return comms::Code(Notify(method, std::move(params))); },
            .broker_answers = [this] { return comms_.IsLocalConnected(); },
            .uploader = std::move(setup.uploader),
            .clock = setup.clock}),
-      detection_(
-          [this](const std::string& path) { return take_photo_(path) == PhotoStatus::kSuccess; },
-          setup.analyser, std::move(setup.detection_picture), *setup.clock) {}
+      detection_(camera_, setup.analyser, std::move(setup.detection_picture), *setup.clock) {}
 
 comms::CommsStatus CameraService::Notify(const std::string& method, json params) {
   return comms_.SendNotification(kNotificationTopic, method, std::move(params));
@@ -145,13 +139,13 @@ json CameraService::TakeDebugPhoto(const json& params) {
   const std::optional<DebugPhotoRequest> request = ParseDebugPhoto(params);
   const std::optional<std::string> path = request ? DebugPhotoPath(*request) : std::nullopt;
   if (!path) return InvalidCameraParams(kTakePhoto);
-  if (path->empty()) return PhotoAnswer(take_photo_(""));
+  if (path->empty()) return PhotoAnswer(camera_.TakePhoto(std::string()));
   const std::optional<utils::FilePlace> place = paths_.Resolve(*path);
   if (!place) {
     VLOG_WARN(kTag, "Clients may not write to {}", utils::LogText(*path));
     return MakeError(comms::RpcError::kInvalidRequest, "Invalid Request");
   }
-  return PhotoAnswer(take_client_photo_(*place));
+  return PhotoAnswer(camera_.TakePhoto(*place));
 }
 
 json CameraService::ReqCallbackCameraServiceGetStatus(const json&) {

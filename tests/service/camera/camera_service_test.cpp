@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "service/camera/counting_camera.h"
 #include "support/fake_mqtt_client.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
@@ -11,7 +12,6 @@
 namespace varnel::service {
 namespace {
 
-using hal_adapter::PhotoStatus;
 using nlohmann::json;
 
 /// The service with a camera whose photos are counted.
@@ -29,18 +29,9 @@ class CameraServiceTest : public testing::Test {
   comms::CommsManager comms_{[](const std::string& name, comms::Qos) {
     return std::make_shared<test::FakeMqttClient>(name);
   }};
-  int photos_ = 0;
+  CountingCamera camera_;
   CameraService service_{comms_,
-                         {.take_photo =
-                              [this](const std::string&) {
-                                ++photos_;
-                                return PhotoStatus::kSuccess;
-                              },
-                          .take_client_photo =
-                              [this](const utils::FilePlace&) {
-                                ++photos_;
-                                return PhotoStatus::kSuccess;
-                              },
+                         {.camera = &camera_,
                           .paths = &paths_,
                           .timelapse_paths = {.root = dir_ / "store", .web = dir_ / "web"}}};
 };
@@ -72,7 +63,7 @@ TEST_F(CameraServiceTest, ParamsAreJudgedBeforeTheCameraIsTouched) {
       {R"({"reason":"printing","filepath":7})", Error(-32600, "Invalid operation")},
   };
   for (const auto& test : cases) EXPECT_EQ(Take(test.params), test.error) << test.params;
-  EXPECT_EQ(photos_, 0);
+  EXPECT_EQ(camera_.photos, 0);
   EXPECT_TRUE(log_.Has("CAMSRV", "Take a photo, reason is fun\\x0a"));
 }
 

@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "service/camera/counting_camera.h"
 #include "support/fake_clock.h"
 
 namespace varnel::service {
@@ -32,13 +33,8 @@ class CaptureDetectionTest : public testing::Test {
 
   test::FakeClock clock_{test::FakeClock::Waiting::kJump};
   ScriptedAnalyser analyser_;
-  bool camera_works_ = true;
-  int photos_ = 0;
-  CaptureDetection detection_{[this](const std::string&) {
-                                ++photos_;
-                                return camera_works_;
-                              },
-                              &analyser_, "/tmp/p.jpg", clock_};
+  CountingCamera camera_;
+  CaptureDetection detection_{camera_, &analyser_, "/tmp/p.jpg", clock_};
 };
 
 TEST_F(CaptureDetectionTest, TheAnalysersAnswerIsGivenOrItsReason) {
@@ -48,13 +44,13 @@ TEST_F(CaptureDetectionTest, TheAnalysersAnswerIsGivenOrItsReason) {
   analyser_.answer = {-3, "picture is abnormal", {{"err_code", -3}}};
   EXPECT_EQ(Detect("{}"), json::parse(R"({"code":-32000,"message":"picture is abnormal",
                                           "data":{"err_code":-3}})"));
-  camera_works_ = false;
+  camera_.status = hal_adapter::PhotoStatus::kCaptureFailed;
   EXPECT_EQ(Detect("{}"), json::parse(R"({"code":-32000,"message":"Take photo failed"})"));
   EXPECT_EQ(analyser_.asked.size(), 3U) << "there is no picture to look at";
 }
 
 TEST_F(CaptureDetectionTest, WithoutAnAnalyserNoPhotoIsTaken) {
-  CaptureDetection none([](const std::string&) { return true; }, nullptr, "", clock_);
+  CaptureDetection none(camera_, nullptr, "", clock_);
   EXPECT_EQ(none.Detect({}), json::parse(R"({"code":-32000,"data":{"err_code":-7},
                                              "message":"printer analysis module not ready"})"));
 }
@@ -75,7 +71,7 @@ TEST_F(CaptureDetectionTest, WrongTypesAreRefusedBeforeAPhotoIsTaken) {
                                R"({"labels":["noodle"],"noodle":null})",
                                R"({"labels":["noodle"],"noodle":{"threshold":"0.5"}})"};
   for (const char* params : wrong) EXPECT_EQ(Detect(params).value("code", 0), -32602) << params;
-  EXPECT_EQ(photos_, 0);
+  EXPECT_EQ(camera_.photos, 0);
   const char* const right[] = {
       "{}", R"({"labels":null,"z_position":-2147483648})", R"({"labels":[],"z_position":0.5})",
       R"({"labels":["noodle"],"noodle":{"threshold":1e300},"item":7,"more":[]})"};
@@ -90,7 +86,7 @@ TEST_F(CaptureDetectionTest, OneRequestIsServedAtATimeAndNoneWaitsForEver) {
     std::jthread second([&] { EXPECT_EQ(Detect("{}").value("message", ""), "Take photo failed"); });
   };
   EXPECT_EQ(Detect("{}"), json({{"err_code", 0}}));
-  EXPECT_EQ(photos_, 1);
+  EXPECT_EQ(camera_.photos, 1);
   EXPECT_EQ(Detect("{}"), json({{"err_code", 0}}));
 }
 

@@ -19,7 +19,7 @@ namespace varnel::service {
 
 /// A store in a directory of its own, with a camera and an encoder that work on text: a photo is a
 /// line, a segment its copy, a film the lines of its segments.
-class TimelapseWorld {
+class TimelapseWorld : public hal_adapter::PhotoTaker {
  public:
   TimelapseWorld() {
     paths_.root = dir_ / "store";
@@ -61,7 +61,7 @@ fi)");
       std::unique_ptr<FileUploader> uploader = std::make_unique<NoUploader>()) {
     TimelapseSetup setup{.paths = paths_,
                          .programs = programs_,
-                         .take_photo = [this](const std::string& path) { return TakePhoto(path); },
+                         .camera = this,
                          .notify =
                              [this](const std::string& method, nlohmann::json params) {
                                notified_.Put({method, std::move(params)});
@@ -73,9 +73,14 @@ fi)");
     service->HandleUnfinished();
     return service;
   }
-  bool TakePhoto(const std::string& path) {
-    if (camera_fails_) return false;
-    return !utils::WriteFileAtomically(path, scene_ + std::to_string(++photos_) + '\n');
+  hal_adapter::PhotoStatus TakePhoto(const std::string& path) override {
+    using enum hal_adapter::PhotoStatus;
+    if (camera_fails_) return kCaptureFailed;
+    const std::string line = scene_ + std::to_string(++photos_) + '\n';
+    return utils::WriteFileAtomically(path, line) ? kNotWritable : kSuccess;
+  }
+  hal_adapter::PhotoStatus TakePhoto(const utils::FilePlace&) override {
+    return hal_adapter::PhotoStatus::kNotWritable;
   }
   /// The film's text once it is listed; empty when it is not in time.
   std::string Film(const TimelapseService& service, const std::string& index) {

@@ -11,6 +11,7 @@
 
 #include "utils/atomic_file.h"
 #include "utils/directory_entries.h"
+#include "utils/last_error.h"
 #include "utils/local_time.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
@@ -90,8 +91,7 @@ std::string WorkDirectories::ReserveIndex() const {
     errno = 0;
     if (index && Reserve(*index)) return *index;
     if (errno != 0 && errno != EEXIST && errno != ENOENT) {
-      (void)ReportCreation(paths_.root / index.value_or(""),
-                           std::error_code(errno, std::generic_category()));
+      (void)ReportCreation(paths_.root / index.value_or(""), utils::LastError());
       return {};
     }
     VLOG_WARN(kTag, "{} exists, retry.", index.value_or("(no date)"));

@@ -15,8 +15,8 @@ constexpr const char* kTag = "TLP";
 
 }  // namespace
 
-Recorder::Recorder(std::shared_ptr<WorkDirectory> directory, TakePhotoTo take_photo)
-    : directory_(std::move(directory)), take_photo_(std::move(take_photo)) {}
+Recorder::Recorder(std::shared_ptr<WorkDirectory> directory, hal_adapter::PhotoTaker& camera)
+    : directory_(std::move(directory)), camera_(camera) {}
 
 bool Recorder::Start(bool continued) {
   const std::string index = directory_->Index();
@@ -41,7 +41,7 @@ bool Recorder::Start(bool continued) {
 
 bool Recorder::Capture(uint32_t number) const {
   const fs::path photo = directory_->Photo(number);
-  const bool taken = take_photo_(photo.string());
+  const bool taken = camera_.TakePhoto(photo.string()) == hal_adapter::PhotoStatus::kSuccess;
   std::error_code error;
   const uintmax_t size = fs::file_size(photo, error);
   if (error == std::errc::no_such_file_or_directory) {

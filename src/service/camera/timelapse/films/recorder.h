@@ -2,10 +2,10 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 
+#include "hal_adapter/photo_taker.h"
 #include "service/camera/timelapse/disk/work_directory.h"
 #include "utils/mutex.h"
 
@@ -17,10 +17,8 @@ enum class [[nodiscard]] TimelapsePhoto{kTaken, kNotActive, kFailed};
 /// Thread-safe.
 class Recorder {
  public:
-  /// Takes a photo with the main camera to a path. True when the file is whole.
-  using TakePhotoTo = std::function<bool(const std::string& path)>;
-
-  Recorder(std::shared_ptr<WorkDirectory> directory, TakePhotoTo take_photo);
+  /// The camera must outlive it.
+  Recorder(std::shared_ptr<WorkDirectory> directory, hal_adapter::PhotoTaker& camera);
   Recorder(const Recorder&) = delete;
   Recorder& operator=(const Recorder&) = delete;
 
@@ -42,7 +40,7 @@ class Recorder {
   bool Capture(uint32_t number) const;
 
   const std::shared_ptr<WorkDirectory> directory_;
-  const TakePhotoTo take_photo_;
+  hal_adapter::PhotoTaker& camera_;
   std::atomic<bool> closed_ = false;
   std::atomic<bool> stop_asked_ = false;
 

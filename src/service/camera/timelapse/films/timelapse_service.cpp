@@ -31,7 +31,7 @@ void RemoveMatching(const fs::path& directory, std::string_view part) {
 
 TimelapseService::TimelapseService(TimelapseSetup setup)
     : paths_(std::move(setup.paths)),
-      take_photo_(std::move(setup.take_photo)),
+      camera_(*setup.camera),
       uploader_(std::move(setup.uploader)),
       ffmpeg_(std::move(setup.programs), paths_.min_free_bytes),
       store_(paths_, *setup.clock),
@@ -89,7 +89,7 @@ std::shared_ptr<Recorder> TimelapseService::Current() const {
 bool TimelapseService::Begin(std::shared_ptr<WorkDirectory> directory, bool continued) {
   if (!directory) return false;
   const std::string index = directory->Index();
-  auto recorder = std::make_shared<Recorder>(std::move(directory), take_photo_);
+  auto recorder = std::make_shared<Recorder>(std::move(directory), camera_);
   if (!recorder->Start(continued)) {
     if (!continued) (void)directories_.SetAside(index);
     return false;

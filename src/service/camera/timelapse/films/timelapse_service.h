@@ -22,7 +22,7 @@ namespace varnel::service {
 struct TimelapseSetup {
   TimelapsePaths paths = {};
   EncoderPrograms programs = {};
-  Recorder::TakePhotoTo take_photo;
+  hal_adapter::PhotoTaker* camera = nullptr;  ///< must outlive the service
   NotifyClients notify;
   /// Films are not begun before; asked until it says yes.
   std::function<bool()> broker_answers = [] { return true; };
@@ -68,7 +68,7 @@ class TimelapseService {
   bool Begin(std::shared_ptr<WorkDirectory> directory, bool continued) REQUIRES(command_mutex_);
 
   const TimelapsePaths paths_;
-  const Recorder::TakePhotoTo take_photo_;
+  hal_adapter::PhotoTaker& camera_;
   const std::unique_ptr<FileUploader> uploader_;
   const Ffmpeg ffmpeg_;
   const FilmStore store_;
