@@ -118,8 +118,9 @@ void MeasureJoining(const Options& options, Report& report) {
                            TimelapseState::kGenerating);
     WriteGenerating(store, instance, options.Number("segments", 1000));
     bare.push_back(Milliseconds([&] { JoinBare(store, instance); }));
+    FilmMaker::PlayingSegments playing;
     ours.push_back(Milliseconds([&] {
-      if (!maker.Make(instance, [] { return true; }).Done())
+      if (!maker.Make(instance, playing, [] { return true; }).Done())
         throw std::runtime_error("the film was not made");
     }));
   }
@@ -171,13 +172,13 @@ void MeasureListing(const Options& options, Report& report) {
 }
 
 /// Its photos are a word.
-struct TextCamera : hal_adapter::PhotoTaker {
-  hal_adapter::PhotoStatus TakePhoto(const std::string& path) override {
+struct TextCamera : varnel::hal_adapter::PhotoTaker {
+  varnel::hal_adapter::PhotoStatus TakePhoto(const std::string& path) override {
     std::ofstream(path) << "photo";
-    return hal_adapter::PhotoStatus::kSuccess;
+    return varnel::hal_adapter::PhotoStatus::kSuccess;
   }
-  hal_adapter::PhotoStatus TakePhoto(const utils::FilePlace&) override {
-    return hal_adapter::PhotoStatus::kNotWritable;
+  varnel::hal_adapter::PhotoStatus TakePhoto(const varnel::utils::FilePlace&) override {
+    return varnel::hal_adapter::PhotoStatus::kNotWritable;
   }
 };
 
