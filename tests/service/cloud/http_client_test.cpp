@@ -30,12 +30,13 @@ size_t OpenDescriptors() {
 
 class HttpClientTest : public testing::Test {
  protected:
-  static HttpSettings Settings() {
+  HttpSettings Settings() {
     HttpSettings settings;
-    settings.bearer_token = utils::SecretString("tok-en");
+    settings.bearer_token = [this] { return std::make_shared<utils::SecretString>(token_); };
     settings.headers = {"X-One: 1"};
     return settings;
   }
+  std::string token_ = "tok-en";
   test::LogCapture log_;
 };
 
@@ -48,7 +49,7 @@ TEST_F(HttpClientTest, RequestsCarryWhatTheSettingsAndTheCallSay) {
   EXPECT_EQ(client.Post(server.Url(), {{"k", "\xff\n"}}).body, "{\"k\":\"\uFFFD\\n\"}");
   const std::string binary("a\0b\r\n", 5);
   EXPECT_EQ(client.PostRaw(server.Url(), binary, "text/x").body, binary);
-  client.SetBearerToken({});
+  token_ = "";
   (void)client.Get(server.Url("/g"),
                    {{"a b", "ü&=\"?"}, {"n", 1.5}, {"b", true}, {"s", ""}, {"z", nullptr}});
   (void)client.Get(server.Url("/g"), json::object());
@@ -68,7 +69,7 @@ TEST_F(HttpClientTest, RequestsCarryWhatTheSettingsAndTheCallSay) {
 
 TEST_F(HttpClientTest, WhatCannotBeSentOpensNoConnection) {
   ScriptedServer server(Echo);
-  HttpClient client;
+  HttpClient client(Settings());
   EXPECT_EQ(client.PostRaw(server.Url(), "x", "").status, 0);
   EXPECT_TRUE(log_.Has("HTTP", "PostRaw: content_type must not be empty"));
   for (const json& params : {json(nullptr), json::array(), json("s"), json(1), json(true)}) {
@@ -83,7 +84,7 @@ TEST_F(HttpClientTest, WhatCannotBeSentOpensNoConnection) {
        {std::string("/\0a", 3), std::string("/a b"), std::string("/\r\nX: 1")})
     EXPECT_EQ(client.Post(server.Url(path), {}).status, 0);
   EXPECT_EQ(client.Post("file:///etc/hostname", {}).status, 0);
-  client.SetBearerToken(utils::SecretString("a\r\nX: 1"));
+  token_ = "a\r\nX: 1";
   EXPECT_EQ(client.Post(server.Url(), {}).status, 0);
   EXPECT_TRUE(server.connections.Items().empty());
 }

@@ -51,11 +51,6 @@ bool Append(CurlHeaders& lines, const char* line) {
 HttpClient::HttpClient(HttpSettings settings, TransferStop stop, utils::Clock& clock)
     : settings_(std::move(settings)), stop_(std::move(stop)), clock_(clock) {}
 
-void HttpClient::SetBearerToken(utils::SecretString token) {
-  const auto turn = connections_.Turn();
-  settings_.bearer_token = std::move(token);
-}
-
 HttpResponse HttpClient::Post(const std::string& url, const nlohmann::json& document,
                               const HttpHeaders& headers) {
   const std::string body = BodyOf(document);
@@ -129,7 +124,8 @@ TransferResult HttpClient::Transfer(const Request& request, HttpResponse& respon
 bool HttpClient::SetHeaders(CURL* handle, const HttpHeaders& of_request, CurlHeaders& lines) const {
   // Without it the library waits for a second before it sends a large body.
   bool all = Append(lines, "Expect:");
-  if (const std::string_view token = settings_.bearer_token.Text(); !token.empty()) {
+  const auto secret = settings_.bearer_token ? settings_.bearer_token() : nullptr;
+  if (const std::string_view token = secret ? secret->Text() : ""; !token.empty()) {
     constexpr std::string_view kName = "Authorization: Bearer ";
     utils::SecretString line(kName.size() + token.size() + 1);
     std::copy(token.begin(), token.end(), std::copy(kName.begin(), kName.end(), line.Data()));

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
@@ -21,7 +22,8 @@ struct HttpSettings {
   bool verify_peer = true;
   std::string client_certificate{};  ///< PEM file; empty: none
   std::string client_key{};          ///< PEM file; empty: none
-  utils::SecretString bearer_token{};
+  /// Asked before each request, by its thread; null or empty: none.
+  std::function<utils::SharedSecret()> bearer_token{};
   HttpHeaders headers{};  ///< of every request, after the authorization
   /// What a peer may send that sends without end. Not asked of a request: a client's own limit.
   size_t max_body_bytes = size_t{8} << 20U;
@@ -35,7 +37,7 @@ struct HttpResponse {
 
 /// HTTP and HTTPS requests, one after another over connections that are kept; each call returns
 /// when its answer is whole or it has failed, and none throws for a failure of the transport.
-/// Thread-safe while the settings stay.
+/// Thread-safe.
 class HttpClient {
  public:
   /// @param stop ends the requests of this client; called by their threads
@@ -52,9 +54,6 @@ class HttpClient {
   [[nodiscard]] HttpResponse Get(const std::string& url, const nlohmann::json& params,
                                  const HttpHeaders& headers = {});
 
-  /// Between requests, waits for one that runs.
-  void SetBearerToken(utils::SecretString token);
-
  private:
   struct Request {
     const char* name;        ///< in log lines
@@ -69,7 +68,7 @@ class HttpClient {
   bool SetHeaders(CURL* handle, const HttpHeaders& of_request, CurlHeaders& lines) const;
   void Apply(CURL* handle) const;
 
-  HttpSettings settings_;
+  const HttpSettings settings_;
   const TransferStop stop_;
   utils::Clock& clock_;
   ConnectionShare connections_;
