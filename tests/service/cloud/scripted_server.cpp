@@ -78,8 +78,13 @@ ScriptedServer::ScriptedServer(Script script)
 
 ScriptedServer::~ScriptedServer() {
   ::shutdown(listener_.Get(), SHUT_RDWR);
-  const std::lock_guard lock(mutex_);
-  if (connection_) ::shutdown(connection_.Get(), SHUT_RDWR);
+  thread_.join();
+  {
+    const std::lock_guard lock(mutex_);
+    for (const Connection& one : open_)
+      if (one.fd) ::shutdown(one.fd.Get(), SHUT_RDWR);
+  }
+  for (Connection& one : open_) one.thread.join();
 }
 
 std::string ScriptedServer::Url(const std::string& path) const {
@@ -91,19 +96,25 @@ std::string ScriptedServer::Url(const std::string& path) const {
 
 void ScriptedServer::Serve() {
   for (int fd = 0; (fd = ::accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
-    Keep(fd);
     connections.Put(fd);
-    for (std::string request = ReadRequest(fd); !request.empty(); request = ReadRequest(fd)) {
-      requests.Put(request);
-      if (!script_(request, Peer(fd))) break;
-    }
-    Keep(-1);
+    const std::lock_guard lock(mutex_);
+    std::erase_if(open_, [](const Connection& one) { return !one.fd; });
+    Connection& connection = open_.emplace_back(utils::UniqueFd(fd));
+    connection.thread = std::jthread([this, &connection] { ServeOne(connection); });
   }
 }
 
-void ScriptedServer::Keep(int fd) {
+void ScriptedServer::ServeOne(Connection& connection) {
+  const int fd = [&] {
+    const std::lock_guard lock(mutex_);
+    return connection.fd.Get();
+  }();
+  for (std::string request = ReadRequest(fd); !request.empty(); request = ReadRequest(fd)) {
+    requests.Put(request);
+    if (!script_(request, Peer(fd))) break;
+  }
   const std::lock_guard lock(mutex_);
-  connection_.Reset(fd);
+  connection.fd.Reset();
 }
 
 }  // namespace varnel::test

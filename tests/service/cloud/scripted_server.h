@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <list>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -11,7 +12,7 @@
 namespace varnel::test {
 
 /// A server on the loopback that answers each request by a function, over a socket that it may
-/// treat as it likes. One connection at a time.
+/// treat as it likes.
 class ScriptedServer {
  public:
   /// What the function does with one connection after one request. False: it is closed.
@@ -44,13 +45,18 @@ class ScriptedServer {
   Mailbox<int> connections;
 
  private:
+  struct Connection {
+    utils::UniqueFd fd;  // the server's mutex
+    std::jthread thread{};
+  };
+
   void Serve();
-  void Keep(int fd);
+  void ServeOne(Connection& connection);
 
   const Script script_;
   const utils::UniqueFd listener_;
   std::mutex mutex_;
-  utils::UniqueFd connection_;  // mutex_
+  std::list<Connection> open_;  // mutex_; those that ended have no descriptor
   std::jthread thread_;
 };
 
