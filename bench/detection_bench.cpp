@@ -95,7 +95,7 @@ void Script(uint32_t noodles) {
 
 void Detect(PrinterAnalysis& analysis, const std::string& photo, const char* status) {
   const json params = {{"labels", {"noodle"}}, {"detect_status", status}};
-  Check(analysis.DetectPicture(photo, params).code == 0, "detection");
+  Check(analysis.DetectPicture(photo, params).Code() == 0, "detection");
 }
 
 void DecodeAndLetterbox(const std::string& photo, Image& input) {

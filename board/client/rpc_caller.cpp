@@ -118,9 +118,9 @@ void RpcCaller::OnRequest(const json& request) {
 
 void RpcCaller::OnNotification(const json& notification) {
   if (!notification.is_object() || !notification.contains("method")) return;
-  notifications_.emplace(
-      notification["method"].dump(),
-      Notification{std::chrono::steady_clock::now(), notification.value("params", json())});
+  notifications_.emplace(notification["method"].dump(),
+                         Notification{std::chrono::steady_clock::now(), answers_.size(),
+                                      notification.value("params", json())});
 }
 
 void RpcCaller::OnAnswer(const std::string& topic, const json& answer) {

@@ -37,9 +37,10 @@ class RpcCaller {
   /// Any bytes to any topic.
   void Publish(const std::string& topic, const std::string& payload);
 
-  /// A notification and when it came.
+  /// A notification, when it came, and how many answers had come by then.
   struct Notification {
     std::chrono::steady_clock::time_point time;
+    size_t answers;
     json params;
   };
   /// Those with this method so far, in order.

@@ -91,6 +91,7 @@ struct Hardware {
 
   void Start() {
     (void)hal_adapter::HALEvent::Instance();
+    // What is missing is in the log, and does not stop the start.
     (void)system.Start();
     (void)multimedia.Start();
     (void)storage.Start();
@@ -157,6 +158,7 @@ class DriveGate {
   void Start() {
     for (const auto type : {hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT,
                             hal_adapter::HAL_EVENT_SYS_USB_DRIVE_PRESENT})
+      // It refuses no function that there is.
       (void)hal_adapter::register_hal_event_callback(type, Report, this);
   }
 
@@ -190,14 +192,7 @@ class Services {
       : date_record_(hardware.storage.Paths().config_save),
         device_info_(comms, [&hardware] { return hardware.system.Identity(); }),
         analysis_(hardware.ai.DetectResultDir(), SpaceCheckOf(deployment)),
-        camera_(comms, {.take_photo =
-                            [&hardware](const std::string& path) {
-                              return hardware.multimedia.TakePhoto(path);
-                            },
-                        .take_client_photo =
-                            [&hardware](const utils::FilePlace& place) {
-                              return hardware.multimedia.TakePhoto(place);
-                            },
+        camera_(comms, {.camera = &hardware.multimedia,
                         .paths = &client_paths,
                         .timelapse_paths = PathsOf(deployment),
                         .analyser = &analysis_}) {}

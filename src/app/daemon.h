@@ -6,6 +6,7 @@
 
 #include "app/command_line.h"
 #include "app/supervisor.h"
+#include "utils/board_places.h"
 
 namespace varnel::app {
 
@@ -15,9 +16,9 @@ struct DaemonPaths {
   std::filesystem::path uptime = "/proc/uptime";
   std::filesystem::path deployment = "/etc/varnel/deployment.json";
   std::string program_locator = "/usr/bin/which";
-  std::map<std::string, std::string> programs = {{"which", "/usr/bin/which"},
-                                                 {"tar", "/usr/bin/tar"},
-                                                 {"ffmpeg", "/usr/bin/ffmpeg"},
+  std::map<std::string, std::string> programs = {{"which", program_locator},
+                                                 {"tar", utils::board::kTar},
+                                                 {"ffmpeg", utils::board::kFfmpeg},
                                                  {"openssl", "/usr/bin/openssl"}};
 };
 

@@ -25,12 +25,9 @@ void RemoveOldLog(const fs::path& file) {
 }
 
 bool IsLocated(const std::string& locator, const std::string& path) {
-  try {
-    return utils::SafeExec(locator).AddArg(path).SetTimeout(kLocatorLimitMs).Execute().success;
-  } catch (const utils::SafeExecException& error) {
-    VLOG_ERROR(kTag, "{}: {}", locator, error.what());
-    return false;
-  }
+  const auto run = utils::SafeExec(locator).AddArg(path).SetTimeout(kLocatorLimitMs).TryExecute();
+  if (!run) VLOG_ERROR(kTag, "{}: {}", locator, run.Why());
+  return run && run->success;
 }
 
 }  // namespace

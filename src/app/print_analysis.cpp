@@ -20,7 +20,7 @@ PrintAnalysis::PrintAnalysis(const std::string& results, utils::SpaceCheck has_s
 PrintAnalysis::Answer PrintAnalysis::Detect(const std::string& picture,
                                             const nlohmann::json& params) {
   service::AnalysisResult result = analysis_.DetectPicture(picture, params);
-  return {result.code, result.Message(), std::move(result.data)};
+  return {result.Code(), result.Message(), std::move(result.data)};
 }
 
 }  // namespace varnel::app

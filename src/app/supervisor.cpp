@@ -20,6 +20,7 @@ Supervisor::Supervisor(comms::CommsManager& comms, std::function<bool()> shutdow
 void Supervisor::ConnectLocal(const LocalBroker& broker) {
   // Before connecting, so that a failure of the first connection leads to a reconnect too.
   comms_.SetLocalDisconnectCallback([flag = reconnect_needed_] { *flag = true; });
+  // A failure comes back through that callback.
   (void)comms_.ConnectLocal(broker.host, broker.port, broker.identity);
   AwaitLocal();
   WaitFor(kSettle);
@@ -48,7 +49,7 @@ void Supervisor::Run() {
 
 bool Supervisor::WaitFor(std::chrono::milliseconds time) {
   const auto deadline = clock_.Now() + time;
-  std::unique_lock lock(mutex_);
+  utils::MutexLock lock(mutex_);
   while (!shutdown_requested_() && clock_.Now() < deadline) {
     const auto slice = std::min(deadline, clock_.Now() + kFlagPoll);
     clock_.WaitUntil(lock, wake_, slice, shutdown_requested_);

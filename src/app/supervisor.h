@@ -2,13 +2,12 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <string>
 
 #include "comms/comms_manager.h"
 #include "utils/clock.h"
+#include "utils/mutex.h"
 
 namespace varnel::app {
 
@@ -48,8 +47,8 @@ class Supervisor {
   /// Shared with the manager's callback, which may come after this object has ended.
   const std::shared_ptr<std::atomic<bool>> reconnect_needed_ =
       std::make_shared<std::atomic<bool>>(false);
-  std::mutex mutex_;              // for the timed waits only, like the condition
-  std::condition_variable wake_;  // that nobody notifies
+  utils::Mutex mutex_;     // for the timed waits only, like the condition
+  utils::Condition wake_;  // that nobody notifies
 };
 
 }  // namespace varnel::app

@@ -165,19 +165,19 @@ void ClientMqttAsync::OnSendFailed(uint32_t number, const MQTTAsync_failureData5
 
 void ClientMqttAsync::OnDisconnected() {
   {
-    std::lock_guard lock(event_mutex_);
+    const utils::MutexLock lock(event_mutex_);
     disconnected_ = true;
   }
-  event_wake_.notify_all();
+  event_wake_.NotifyAll();
 }
 
 void ClientMqttAsync::OnTlsError(const char* text, size_t length) {
-  std::lock_guard lock(event_mutex_);
+  const utils::MutexLock lock(event_mutex_);
   if (tls_text_.size() < kMaxTlsText) tls_text_.append(text, std::min(length, kMaxTlsText));
 }
 
 std::string ClientMqttAsync::TakeTlsText() {
-  std::lock_guard lock(event_mutex_);
+  const utils::MutexLock lock(event_mutex_);
   return utils::LogText(std::exchange(tls_text_, {}));
 }
 

@@ -30,7 +30,7 @@ BoundedPool::BoundedPool(std::string name, size_t workers, size_t max_bytes)
     : name_(std::move(name)), workers_(workers), max_bytes_(max_bytes) {}
 
 void BoundedPool::Open() {
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   if (!pool_) pool_ = std::make_unique<utils::ThreadPool>(workers_, name_, "JRPCS");
 }
 
@@ -39,7 +39,7 @@ bool BoundedPool::TryPost(std::function<void()> task, size_t bytes) {
   if (!place->Granted()) return false;
   utils::ThreadPool* pool = nullptr;
   {
-    const std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     pool = pool_.get();
   }
   (void)pool->Post([place = std::move(place), work = std::move(task)]() mutable {

@@ -4,9 +4,9 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "utils/mutex.h"
 #include "utils/thread_pool.h"
 
 namespace varnel::comms {
@@ -38,9 +38,9 @@ class BoundedPool {
   const size_t max_bytes_;
   std::atomic<size_t> waiting_{0};
   std::atomic<size_t> waiting_bytes_{0};
-  std::mutex mutex_;
-  std::unique_ptr<utils::ThreadPool> pool_;  // once made it stays; guarded by mutex_; last: its
-                                             // threads use the counters
+  utils::Mutex mutex_;
+  std::unique_ptr<utils::ThreadPool> pool_ GUARDED_BY(mutex_);  // once made it stays; last: its
+                                                                // threads use the counters
 };
 
 }  // namespace varnel::comms

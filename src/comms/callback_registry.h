@@ -2,15 +2,14 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <exception>
 #include <map>
-#include <mutex>
 
 #include "utils/clock.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
+#include "utils/mutex.h"
 
 namespace varnel::comms {
 
@@ -29,7 +28,7 @@ class CallbackRegistry {
 
   /// The context of a new library handle of `client`.
   void* Register(Client* client) {
-    std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     const uintptr_t id = ++last_id_;
     entries_[id] = Entry{client, 0, false};
     return AsContext(id << kNumberBits);
@@ -45,13 +44,14 @@ class CallbackRegistry {
 
   /// Waits until no callback of this context runs; false when `limit` came first.
   bool WaitIdle(void* context, utils::Clock& clock, std::chrono::milliseconds limit) {
-    std::unique_lock lock(mutex_);
-    return clock.WaitUntil(lock, idle_, clock.Now() + limit, [&] { return Active(context) == 0; });
+    utils::MutexLock lock(mutex_);
+    return clock.WaitUntil(lock, idle_, clock.Now() + limit,
+                           [&]() REQUIRES(mutex_) { return Active(context) == 0; });
   }
 
   /// From now on callbacks with this context find no client; those that run go on.
   void Retire(void* context) {
-    std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     const auto entry = entries_.find(Key(context));
     if (entry == entries_.end()) return;
     entry->second.retired = true;
@@ -61,8 +61,8 @@ class CallbackRegistry {
   /// Waits until no callback uses `client` any more, without limit: for its destructor, after
   /// Retire().
   void AwaitUnused(const Client* client) {
-    std::unique_lock lock(mutex_);
-    idle_.wait(lock, [&] {
+    utils::MutexLock lock(mutex_);
+    idle_.Wait(lock, [&]() REQUIRES(mutex_) {
       return std::none_of(entries_.begin(), entries_.end(), [&](const auto& entry) {
         return entry.second.client == client && entry.second.active > 0;
       });
@@ -94,17 +94,17 @@ class CallbackRegistry {
   };
 
   Client* Enter(void* context) {
-    std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     const auto entry = entries_.find(Key(context));
     if (entry == entries_.end() || entry->second.retired) return nullptr;
     ++entry->second.active;
     return entry->second.client;
   }
   void Leave(void* context) {
-    std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     const auto entry = entries_.find(Key(context));
     if (--entry->second.active == 0 && entry->second.retired) entries_.erase(entry);
-    idle_.notify_all();
+    idle_.NotifyAll();
   }
 
   static constexpr int kNumberBits = 32;
@@ -116,15 +116,15 @@ class CallbackRegistry {
     return reinterpret_cast<uintptr_t>(context) >> kNumberBits;
   }
 
-  int Active(void* context) const {
+  int Active(void* context) const REQUIRES(mutex_) {
     const auto entry = entries_.find(Key(context));
     return entry == entries_.end() ? 0 : entry->second.active;
   }
 
-  std::mutex mutex_;
-  std::condition_variable idle_;
-  std::map<uintptr_t, Entry> entries_;  // guarded by mutex_
-  uintptr_t last_id_ = 0;               // guarded by mutex_
+  utils::Mutex mutex_;
+  utils::Condition idle_;
+  std::map<uintptr_t, Entry> entries_ GUARDED_BY(mutex_);
+  uintptr_t last_id_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace varnel::comms

@@ -54,7 +54,7 @@ ClientMqttAsync::~ClientMqttAsync() {
 }
 
 CommsStatus ClientMqttAsync::Connect(const MqttConnectSettings& settings) {
-  const std::lock_guard order(order_mutex_);
+  const utils::MutexLock order(order_mutex_);
   const LinkState::Begun begun = state_.Begin(settings);
   if (begun.status == CommsStatus::kBusy)
     VLOG_WARN(kTag, "{}: Connect called while already connecting, ignored", Name());
@@ -64,7 +64,7 @@ CommsStatus ClientMqttAsync::Connect(const MqttConnectSettings& settings) {
 }
 
 CommsStatus ClientMqttAsync::Reconnect() {
-  const std::lock_guard order(order_mutex_);
+  const utils::MutexLock order(order_mutex_);
   const LinkState::Begun begun = state_.BeginAgain();
   if (begun.status == CommsStatus::kBusy)
     VLOG_WARN(kTag, "{}: already connecting, reconnect ignored", Name());
@@ -121,7 +121,7 @@ void ClientMqttAsync::HandleAddresses(uint32_t attempt, const std::string& host,
 void ClientMqttAsync::OpenConnection(uint32_t attempt) {
   const auto settings = state_.Settings(attempt);
   if (!settings) return;
-  std::unique_lock lock(api_mutex_);
+  utils::MutexLock lock(api_mutex_);
   const bool again = handle_ != nullptr;
   if (again) {
     // We may have been told of the failure by a library thread that is still taking that attempt
@@ -218,6 +218,7 @@ void ClientMqttAsync::HandleAccepted(uint32_t attempt, size_t receive_maximum) {
   pin_.reset();
   SetNoDelayTowards(settings->port);
   VLOG_INFO(kTag, "{}: connected successfully", Name());
+  // One that cannot be asked for ends the attempt by itself.
   for (const std::string& filter : ListenerFilters()) (void)SubscribeOn(attempt, filter);
   HandleAcknowledged(attempt);
 }
@@ -248,7 +249,7 @@ void ClientMqttAsync::HandleAttemptLimit() {
 }
 
 bool ClientMqttAsync::Drop(uint32_t attempt, const Cause& cause) {
-  const std::lock_guard order(order_mutex_);
+  const utils::MutexLock order(order_mutex_);
   const auto kind = state_.Drop(attempt);
   if (!kind) return false;
   thread_.Post([this, kind = *kind, attempt, cause] { FinishDrop(kind, attempt, cause); });
@@ -289,14 +290,14 @@ void ClientMqttAsync::FinishEnd(std::optional<uint32_t> ended) {
 void ClientMqttAsync::Disconnect() {
   std::shared_future<void> done;
   {
-    const std::lock_guard order(order_mutex_);
+    const utils::MutexLock order(order_mutex_);
     done = PostEnd(state_.End());
   }
   done.wait();
 }
 
 void ClientMqttAsync::Close() {
-  const std::lock_guard order(order_mutex_);
+  const utils::MutexLock order(order_mutex_);
   const auto ended = state_.Close();
   if (!closed_.valid()) closed_ = PostEnd(ended);
 }
@@ -304,14 +305,14 @@ void ClientMqttAsync::Close() {
 void ClientMqttAsync::AwaitClosed() {
   std::shared_future<void> closed;
   {
-    const std::lock_guard order(order_mutex_);
+    const utils::MutexLock order(order_mutex_);
     closed = closed_;
   }
   if (closed.valid()) closed.wait();
 }
 
 void ClientMqttAsync::CloseConnection() {
-  std::lock_guard lock(api_mutex_);
+  const utils::MutexLock lock(api_mutex_);
   CloseHandle();
 }
 
@@ -326,7 +327,7 @@ void ClientMqttAsync::CloseHandle() {
 
 void ClientMqttAsync::RequestDisconnect() {
   {
-    std::lock_guard lock(event_mutex_);
+    const utils::MutexLock lock(event_mutex_);
     disconnected_ = false;
   }
   MQTTAsync_disconnectOptions options = MQTTAsync_disconnectOptions_initializer5;
@@ -335,9 +336,10 @@ void ClientMqttAsync::RequestDisconnect() {
   options.onFailure5 = AsyncCallbacks::DisconnectFailed;
   options.context = context_;
   if (api_.Disconnect(handle_.get(), options) != MQTTASYNC_SUCCESS) return;
-  std::unique_lock lock(event_mutex_);
+  utils::MutexLock lock(event_mutex_);
   const auto deadline = clock_.Now() + std::chrono::milliseconds(2 * kDisconnectLimitMs);
-  clock_.WaitUntil(lock, event_wake_, deadline, [this] { return disconnected_; });
+  clock_.WaitUntil(lock, event_wake_, deadline,
+                   [this]() REQUIRES(event_mutex_) { return disconnected_; });
 }
 
 void ClientMqttAsync::DestroyHandleNow() {
@@ -411,7 +413,7 @@ CommsStatus ClientMqttAsync::SendMessage(std::optional<uint32_t> link, const std
 std::optional<int> ClientMqttAsync::TrySend(uint32_t attempt, uint32_t number,
                                             const std::string& topic,
                                             const MQTTAsync_message& message) {
-  std::lock_guard lock(api_mutex_);
+  const utils::MutexLock lock(api_mutex_);
   if (!handle_ || attempt != handle_attempt_) return std::nullopt;
   MQTTAsync_responseOptions options = MQTTAsync_responseOptions_initializer;
   options.onSuccess5 = AsyncCallbacks::Sent;
@@ -442,7 +444,7 @@ CommsStatus ClientMqttAsync::SubscribeOn(uint32_t attempt, const std::string& fi
   options.onFailure5 = AsyncCallbacks::SubscribeFailed;
   int code = MQTTASYNC_DISCONNECTED;
   {
-    std::lock_guard lock(api_mutex_);
+    const utils::MutexLock lock(api_mutex_);
     options.context = Registry::WithNumber(context_, attempt);
     if (handle_ && handle_attempt_ == attempt)
       code = api_.Subscribe(handle_.get(), filter, static_cast<int>(subscribe_qos_), options);

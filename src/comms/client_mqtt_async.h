@@ -4,10 +4,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,6 +19,7 @@
 #include "comms/paho_async_api.h"
 #include "comms/send_window.h"
 #include "utils/clock.h"
+#include "utils/mutex.h"
 
 namespace varnel::comms {
 
@@ -88,13 +87,12 @@ class ClientMqttAsync : public ClientMqttBase {
   void CloseConnection();
   void FinishEnd(std::optional<uint32_t> ended);
 
-  // The same, with api_mutex_ held.
-  CommsStatus CreateHandle(const MqttConnectSettings& settings);
-  CommsStatus InstallCallbacks();
-  int StartConnect(uint32_t attempt, const MqttConnectSettings& settings);
-  void CloseHandle();
-  void RequestDisconnect();
-  void DestroyHandleNow();
+  CommsStatus CreateHandle(const MqttConnectSettings& settings) REQUIRES(api_mutex_);
+  CommsStatus InstallCallbacks() REQUIRES(api_mutex_);
+  int StartConnect(uint32_t attempt, const MqttConnectSettings& settings) REQUIRES(api_mutex_);
+  void CloseHandle() REQUIRES(api_mutex_);
+  void RequestDisconnect() REQUIRES(api_mutex_);
+  void DestroyHandleNow() REQUIRES(api_mutex_);
 
   // On any thread.
   /// False when the attempt and its link are over already.
@@ -132,21 +130,21 @@ class ClientMqttAsync : public ClientMqttBase {
 
   /// Held around every library call of our threads, never inside a library callback: the library
   /// calls back with its own lock held, and does not serialise concurrent sends itself.
-  std::mutex api_mutex_;
-  std::unique_ptr<void, DestroyHandle> handle_;  // guarded by api_mutex_
-  void* context_ = nullptr;                      // guarded by api_mutex_
+  utils::Mutex api_mutex_;
+  std::unique_ptr<void, DestroyHandle> handle_ GUARDED_BY(api_mutex_);
+  void* context_ GUARDED_BY(api_mutex_) = nullptr;
   std::atomic<bool> has_handle_{false};
   std::atomic<uint32_t> handle_attempt_{0};  // the newest one on this handle
 
-  std::mutex event_mutex_;
-  std::condition_variable event_wake_;
-  bool disconnected_ = false;  // guarded by event_mutex_
-  std::string tls_text_;       // of the newest attempt; guarded by event_mutex_
+  utils::Mutex event_mutex_;
+  utils::Condition event_wake_;
+  bool disconnected_ GUARDED_BY(event_mutex_) = false;
+  std::string tls_text_ GUARDED_BY(event_mutex_);  // of the newest attempt
 
   /// Held over a change of state and the posting of its task, so that the tasks of two callers come
   /// in the order of their changes. Nothing waits under it: library callbacks take it too.
-  std::mutex order_mutex_;
-  std::shared_future<void> closed_;  // guarded by order_mutex_
+  utils::Mutex order_mutex_;
+  std::shared_future<void> closed_ GUARDED_BY(order_mutex_);
 
   // Of the link's thread.
   uint32_t running_ = 0;   // the attempt that the rest of this group belongs to

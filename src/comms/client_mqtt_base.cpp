@@ -33,7 +33,7 @@ void ClientMqttBase::StopProcessing() {
 CommsStatus ClientMqttBase::AddListener(const std::string& filter, Listener listener) {
   if (filter.empty() || !listener) return CommsStatus::kInvalidArgument;
   {
-    std::lock_guard lock(listeners_mutex_);
+    const utils::MutexLock lock(listeners_mutex_);
     const auto [entry, added] = listeners_.try_emplace(filter);
     entry->second.swap(listener);  // the old one ends outside the lock: it is foreign code
     if (!added) VLOG_WARN(kTag, "{}: topic {} already has a listener, overwriting", name_, filter);
@@ -43,24 +43,25 @@ CommsStatus ClientMqttBase::AddListener(const std::string& filter, Listener list
 
 void ClientMqttBase::RemoveListener(const std::string& filter) {
   std::map<std::string, Listener, std::less<>>::node_type removed;
-  std::unique_lock lock(listeners_mutex_);
+  utils::MutexLock lock(listeners_mutex_);
   removed = listeners_.extract(filter);
   if (std::this_thread::get_id() == processing_thread_.get_id() || delivering_ != filter) return;
-  delivered_.wait(lock, [this, seen = deliveries_] { return deliveries_ != seen; });
+  delivered_.Wait(lock, [this, seen = deliveries_]()
+                            REQUIRES(listeners_mutex_) { return deliveries_ != seen; });
 }
 
 void ClientMqttBase::SetLinkCallback(LinkCallback callback) {
-  std::lock_guard lock(listeners_mutex_);
+  const utils::MutexLock lock(listeners_mutex_);
   link_changed_ = std::move(callback);
 }
 
 void ClientMqttBase::SetConnectionLostCallback(ConnectionLostCallback callback) {
-  std::lock_guard lock(listeners_mutex_);
+  const utils::MutexLock lock(listeners_mutex_);
   connection_lost_ = std::move(callback);
 }
 
 std::vector<std::string> ClientMqttBase::ListenerFilters() const {
-  std::lock_guard lock(listeners_mutex_);
+  const utils::MutexLock lock(listeners_mutex_);
   std::vector<std::string> filters;
   filters.reserve(listeners_.size());
   for (const auto& [filter, listener] : listeners_) filters.push_back(filter);
@@ -83,7 +84,7 @@ void ClientMqttBase::Report(const LinkEvent& event) {
   ConnectionLostCallback lost;
   LinkCallback changed;
   {
-    std::lock_guard lock(listeners_mutex_);
+    const utils::MutexLock lock(listeners_mutex_);
     lost = connection_lost_;
     changed = link_changed_;
   }
@@ -154,7 +155,7 @@ void ClientMqttBase::Deliver(const std::shared_ptr<MqttMessage>& message) {
 }
 
 ClientMqttBase::Listener ClientMqttBase::TakeListener(const std::string& topic) {
-  std::lock_guard lock(listeners_mutex_);
+  const utils::MutexLock lock(listeners_mutex_);
   const auto found = std::find_if(listeners_.begin(), listeners_.end(), [&](const auto& entry) {
     return HasWildcard(entry.first) && TopicMatches(entry.first, topic);
   });
@@ -167,11 +168,11 @@ ClientMqttBase::Listener ClientMqttBase::TakeListener(const std::string& topic) 
 
 void ClientMqttBase::FinishDelivery() {
   {
-    std::lock_guard lock(listeners_mutex_);
+    const utils::MutexLock lock(listeners_mutex_);
     delivering_.clear();
     ++deliveries_;
   }
-  delivered_.notify_all();
+  delivered_.NotifyAll();
 }
 
 }  // namespace varnel::comms

@@ -1,11 +1,9 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -16,6 +14,7 @@
 #include "comms/mqtt_connect_settings.h"
 #include "comms/mqtt_message.h"
 #include "comms/status.h"
+#include "utils/mutex.h"
 
 namespace varnel::comms {
 
@@ -106,13 +105,13 @@ class ClientMqttBase {
 
   const std::string name_;
 
-  mutable std::mutex listeners_mutex_;
-  std::map<std::string, Listener, std::less<>> listeners_;  // guarded by listeners_mutex_
-  ConnectionLostCallback connection_lost_;                  // guarded by listeners_mutex_
-  LinkCallback link_changed_;                               // guarded by listeners_mutex_
-  std::string delivering_;   // the filter whose listener runs; guarded by listeners_mutex_
-  uint64_t deliveries_ = 0;  // that have ended; guarded by listeners_mutex_
-  std::condition_variable delivered_;
+  mutable utils::Mutex listeners_mutex_;
+  std::map<std::string, Listener, std::less<>> listeners_ GUARDED_BY(listeners_mutex_);
+  ConnectionLostCallback connection_lost_ GUARDED_BY(listeners_mutex_);
+  LinkCallback link_changed_ GUARDED_BY(listeners_mutex_);
+  std::string delivering_ GUARDED_BY(listeners_mutex_);   // the filter whose listener runs
+  uint64_t deliveries_ GUARDED_BY(listeners_mutex_) = 0;  // that have ended
+  utils::Condition delivered_;
 
   DropOldestQueue<std::shared_ptr<MqttMessage>> queue_;
 

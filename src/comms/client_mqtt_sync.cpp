@@ -77,7 +77,7 @@ ClientMqttSync::~ClientMqttSync() {
   StopProcessing();
   disconnecting_ = true;
   {
-    std::lock_guard lock(api_mutex_);
+    const utils::MutexLock lock(api_mutex_);
     CloseHandle();
   }
   Registry::Instance().AwaitUnused(this);
@@ -94,7 +94,7 @@ CommsStatus ClientMqttSync::Connect(const MqttConnectSettings& settings) {
     connecting_ = false;
     return CommsStatus::kFailure;
   }
-  std::unique_lock lock(api_mutex_);
+  utils::MutexLock lock(api_mutex_);
   settings_ = settings;
   CloseHandle();
   const CommsStatus status = Attempt();
@@ -108,7 +108,7 @@ CommsStatus ClientMqttSync::Reconnect() {
     VLOG_WARN(kTag, "{}: already connecting, reconnect ignored", Name());
     return CommsStatus::kBusy;
   }
-  std::unique_lock lock(api_mutex_);
+  utils::MutexLock lock(api_mutex_);
   if (!settings_) {
     VLOG_ERROR(kTag, "{}: reconnect called but client not initialized", Name());
     connecting_ = false;
@@ -212,7 +212,7 @@ CommsStatus ClientMqttSync::SubscribeLocked(const std::string& filter) {
 
 CommsStatus ClientMqttSync::Subscribe(const std::string& filter) {
   if (!connected_) return CommsStatus::kOk;
-  std::lock_guard lock(api_mutex_);
+  const utils::MutexLock lock(api_mutex_);
   return handle_ ? SubscribeLocked(filter) : CommsStatus::kNotInitialized;
 }
 
@@ -234,7 +234,7 @@ CommsStatus ClientMqttSync::Send(const std::string& topic, Qos qos, bool retain,
   if (payload.size() > kMaxMqttPayload || topic.size() > kMaxMqttTopic) {
     return CommsStatus::kInvalidArgument;
   }
-  std::lock_guard lock(api_mutex_);
+  const utils::MutexLock lock(api_mutex_);
   return handle_ ? Publish(topic, qos, retain, payload) : CommsStatus::kNotInitialized;
 }
 
@@ -281,7 +281,7 @@ void ClientMqttSync::Disconnect() {
   disconnecting_ = true;
   const bool was_up = connected_;
   {
-    std::lock_guard lock(api_mutex_);
+    const utils::MutexLock lock(api_mutex_);
     settings_.reset();
     if (handle_ && connected_) {
       const int code = MQTTClient_disconnect5(handle_.get(), kDisconnectLimitMs,

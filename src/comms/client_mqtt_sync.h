@@ -2,13 +2,13 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "comms/callback_registry.h"
 #include "comms/client_mqtt_base.h"
+#include "utils/mutex.h"
 
 namespace varnel::comms {
 
@@ -44,14 +44,14 @@ class ClientMqttSync : public ClientMqttBase {
   };
   using Handle = std::unique_ptr<void, DestroyHandle>;
 
-  // With api_mutex_ held.
-  CommsStatus CreateHandle();
-  CommsStatus ConnectHandle();
-  CommsStatus SubscribeAll();
-  CommsStatus SubscribeLocked(const std::string& filter);
-  CommsStatus Attempt();
-  CommsStatus Publish(const std::string& topic, Qos qos, bool retain, std::string_view payload);
-  void CloseHandle();
+  CommsStatus CreateHandle() REQUIRES(api_mutex_);
+  CommsStatus ConnectHandle() REQUIRES(api_mutex_);
+  CommsStatus SubscribeAll() REQUIRES(api_mutex_);
+  CommsStatus SubscribeLocked(const std::string& filter) REQUIRES(api_mutex_);
+  CommsStatus Attempt() REQUIRES(api_mutex_);
+  CommsStatus Publish(const std::string& topic, Qos qos, bool retain, std::string_view payload)
+      REQUIRES(api_mutex_);
+  void CloseHandle() REQUIRES(api_mutex_);
 
   CommsStatus EndAttempt(CommsStatus status);
   CommsStatus SendRefusal() const;
@@ -67,10 +67,10 @@ class ClientMqttSync : public ClientMqttBase {
   std::atomic<uint32_t> attempt_{0};
   std::atomic<bool> disconnecting_{false};
 
-  std::mutex api_mutex_;
-  Handle handle_;  // guarded by api_mutex_, like the rest
-  void* context_ = nullptr;
-  std::optional<MqttConnectSettings> settings_;
+  utils::Mutex api_mutex_;
+  Handle handle_ GUARDED_BY(api_mutex_);
+  void* context_ GUARDED_BY(api_mutex_) = nullptr;
+  std::optional<MqttConnectSettings> settings_ GUARDED_BY(api_mutex_);
 };
 
 }  // namespace varnel::comms

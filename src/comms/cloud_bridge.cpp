@@ -80,7 +80,7 @@ CommsStatus CloudBridge::Setup(const std::shared_ptr<ClientMqttBase>& local,
     VLOG_ERROR(kTag, "SetupCloudForwarding: invalid serial number");
     return CommsStatus::kInvalidArgument;
   }
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   const bool same_routes = local == local_ && cloud == cloud_ && serial_number == serial_number_;
   if (!same_routes) RemoveRoutes();
   local_ = local;

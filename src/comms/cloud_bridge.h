@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -11,6 +10,7 @@
 #include "comms/cloud_requests.h"
 #include "comms/forwarder_pool.h"
 #include "comms/json_rpc_server.h"
+#include "utils/mutex.h"
 
 namespace varnel::comms {
 
@@ -43,11 +43,12 @@ class CloudBridge {
     ForwarderPool::QueueId events;
   };
 
-  Queues PrepareQueues();
-  void RemoveRoutes();
-  CommsStatus RouteRequests(const Queues& queues);
-  CommsStatus RouteConfig();
-  CommsStatus RouteToCloud(ForwarderPool::QueueId queue, const std::string& stream);
+  Queues PrepareQueues() REQUIRES(mutex_);
+  void RemoveRoutes() REQUIRES(mutex_);
+  CommsStatus RouteRequests(const Queues& queues) REQUIRES(mutex_);
+  CommsStatus RouteConfig() REQUIRES(mutex_);
+  CommsStatus RouteToCloud(ForwarderPool::QueueId queue, const std::string& stream)
+      REQUIRES(mutex_);
 
   ForwarderPool& forwarders_;
   JsonRpcServer& server_;
@@ -55,12 +56,12 @@ class CloudBridge {
   const std::shared_ptr<std::atomic<bool>> dropping_ = std::make_shared<std::atomic<bool>>(false);
   const std::shared_ptr<CloudOutage> outage_ = std::make_shared<CloudOutage>();
 
-  std::mutex mutex_;
-  std::optional<Queues> queues_;  // guarded by mutex_, like the rest
-  std::shared_ptr<ClientMqttBase>
-      local_;  // the clients and the serial number of the routes in force
-  std::shared_ptr<ClientMqttBase> cloud_;
-  std::string serial_number_;
+  utils::Mutex mutex_;
+  std::optional<Queues> queues_ GUARDED_BY(mutex_);
+  std::shared_ptr<ClientMqttBase> local_
+      GUARDED_BY(mutex_);  // the clients and the serial number of the routes in force
+  std::shared_ptr<ClientMqttBase> cloud_ GUARDED_BY(mutex_);
+  std::string serial_number_ GUARDED_BY(mutex_);
 };
 
 }  // namespace varnel::comms

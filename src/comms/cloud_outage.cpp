@@ -10,12 +10,12 @@ constexpr const char* kTag = "COMMS";
 }  // namespace
 
 void CloudOutage::Drop() {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   if (dropped_++ == 0) VLOG_WARN(kTag, "The cloud link is down, messages for it are dropped");
 }
 
 void CloudOutage::Over() {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   if (dropped_ == 0) return;
   VLOG_WARN(kTag, "The cloud link is up again, {} messages for it were dropped", dropped_);
   dropped_ = 0;

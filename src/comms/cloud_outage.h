@@ -1,7 +1,8 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
+
+#include "utils/mutex.h"
 
 namespace varnel::comms {
 
@@ -13,8 +14,8 @@ class CloudOutage {
   void Over();
 
  private:
-  std::mutex mutex_;
-  uint64_t dropped_ = 0;  // guarded by mutex_
+  utils::Mutex mutex_;
+  uint64_t dropped_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace varnel::comms

@@ -82,7 +82,7 @@ void CloudRequests::Run(JsonRpcEnvelope request, uint32_t link) {
              has_method ? "method not found: " + about.method : "no method");
   if (!request.HasId()) return;
   const Json error =
-      has_method ? MethodNotFound(method) : MakeError(kInvalidRequest, "Invalid Request");
+      has_method ? MethodNotFound(method) : MakeError(RpcError::kInvalidRequest, "Invalid Request");
   reply({request.Id(), true, MakeResponse(request.Id(), error)});
 }
 

@@ -51,27 +51,27 @@ CommsManager& CommsManager::Instance() {
 }
 
 void CommsManager::SetSerialNumberProvider(SerialNumberProvider provider) {
-  std::lock_guard lock(state_mutex_);
+  const utils::MutexLock lock(state_mutex_);
   serial_number_provider_ = std::move(provider);
 }
 
 std::shared_ptr<ClientMqttBase> CommsManager::LocalClient() const {
-  std::lock_guard lock(state_mutex_);
+  const utils::MutexLock lock(state_mutex_);
   return local_;
 }
 
 std::shared_ptr<ClientMqttBase> CommsManager::CloudClient() const {
-  std::lock_guard lock(state_mutex_);
+  const utils::MutexLock lock(state_mutex_);
   return cloud_;
 }
 
 std::shared_ptr<JsonRpcServer> CommsManager::Server() const {
-  std::lock_guard lock(state_mutex_);
+  const utils::MutexLock lock(state_mutex_);
   return life_ == Life::kRunning ? server_ : nullptr;
 }
 
 bool CommsManager::Stopped() const {
-  std::lock_guard lock(state_mutex_);
+  const utils::MutexLock lock(state_mutex_);
   return life_ == Life::kStopped;
 }
 
@@ -84,7 +84,7 @@ CommsStatus CommsManager::InitLocal() {
   try {
     return BuildLife();
   } catch (...) {  // no thread left, for one: it may be tried again
-    std::lock_guard lock(state_mutex_);
+    const utils::MutexLock lock(state_mutex_);
     if (life_ == Life::kStarting) life_ = Life::kNew;
     throw;
   }
@@ -93,18 +93,18 @@ CommsStatus CommsManager::InitLocal() {
 CommsStatus CommsManager::BuildLife() {
   SerialNumberProvider provider;
   {
-    std::lock_guard lock(state_mutex_);
+    const utils::MutexLock lock(state_mutex_);
     provider = serial_number_provider_;
   }
   const std::string serial_number = provider ? provider() : std::string();
   LocalSide side;
   const CommsStatus built = BuildLocalSide(side);
   {
-    std::lock_guard lock(rpc_clients_mutex_);
+    const utils::MutexLock lock(rpc_clients_mutex_);
     rpc_clients_[{kSystemNotification, ""}] = side.system_notifier;
   }
   {
-    std::lock_guard lock(state_mutex_);
+    const utils::MutexLock lock(state_mutex_);
     local_ = side.client;
     server_ = side.server;
     if (life_ == Life::kStopped) side.client->Close();  // it came too late
@@ -115,7 +115,7 @@ CommsStatus CommsManager::BuildLife() {
 }
 
 bool CommsManager::BeginLife() {
-  std::lock_guard lock(state_mutex_);
+  const utils::MutexLock lock(state_mutex_);
   if (life_ != Life::kNew) return false;
   life_ = Life::kStarting;
   return true;
@@ -182,14 +182,14 @@ void CommsManager::ReconnectLocal() {
 
 void CommsManager::SetLocalDisconnectCallback(std::function<void()> callback) {
   if (!callback) return;
-  std::lock_guard lock(callback_mutex_);
+  const utils::MutexLock lock(callback_mutex_);
   local_disconnect_ = std::move(callback);
 }
 
 void CommsManager::OnLocalLost() {
   std::function<void()> callback;
   {
-    std::lock_guard lock(callback_mutex_);
+    const utils::MutexLock lock(callback_mutex_);
     callback = local_disconnect_;
   }
   if (callback) callback();
@@ -205,13 +205,13 @@ CommsStatus CommsManager::RegisterMethod(const std::string& method, uint32_t clo
   const CommsStatus status =
       server->RegisterMethod(method, kind, std::move(handler), std::move(after));
   if (status != CommsStatus::kOk) return status;
-  std::lock_guard lock(flags_mutex_);
+  const utils::MutexLock lock(flags_mutex_);
   method_flags_[method] = cloud_flag;
   return CommsStatus::kOk;
 }
 
 bool CommsManager::AllowedFromCloud(const std::string& method) const {
-  std::lock_guard lock(flags_mutex_);
+  const utils::MutexLock lock(flags_mutex_);
   const auto flag = method_flags_.find(method);
   return flag != method_flags_.end() && flag->second != 0;
 }
@@ -241,13 +241,13 @@ JsonRpcClient::CallResult CommsManager::CallLocal(const std::string& request_top
 std::shared_ptr<JsonRpcClient> CommsManager::ClientOf(const MqttChannel& channel) {
   const auto local = Server() ? LocalClient() : nullptr;
   if (!local) return nullptr;
-  std::lock_guard lock(rpc_clients_mutex_);
+  const utils::MutexLock lock(rpc_clients_mutex_);
   std::shared_ptr<JsonRpcClient>& client =
       rpc_clients_[{channel.request_topic, channel.response_topic}];
   if (!client) {
     client = std::make_shared<JsonRpcClient>(channel.request_topic);
-    (void)client->Bind(local,
-                       channel);  // a subscription that fails now is made at the next connect
+    // A subscription that fails now is made at the next connect.
+    (void)client->Bind(local, channel);
   }
   return client;
 }
@@ -261,7 +261,7 @@ void CommsManager::InitCloud(const std::string& name) {
   auto cloud = make_client_(name, Qos::kAtLeastOnce);
   cloud->SetLinkCallback([this](const LinkEvent& event) { OnCloudEvent(event); });
   {
-    std::lock_guard lock(state_mutex_);
+    const utils::MutexLock lock(state_mutex_);
     if (cloud_ || life_ == Life::kStopped) return;
     cloud_ = std::move(cloud);
   }
@@ -270,14 +270,14 @@ void CommsManager::InitCloud(const std::string& name) {
 
 void CommsManager::SetCloudEventCallback(ClientMqttBase::LinkCallback callback) {
   if (!callback) return;
-  std::lock_guard lock(callback_mutex_);
+  const utils::MutexLock lock(callback_mutex_);
   cloud_event_ = std::move(callback);
 }
 
 void CommsManager::OnCloudEvent(const LinkEvent& event) {
   ClientMqttBase::LinkCallback callback;
   {
-    std::lock_guard lock(callback_mutex_);
+    const utils::MutexLock lock(callback_mutex_);
     callback = cloud_event_;
   }
   if (callback) callback(event);
@@ -335,7 +335,7 @@ void CommsManager::Stop() {
   std::shared_ptr<ClientMqttBase> local;
   std::shared_ptr<ClientMqttBase> cloud;
   {
-    std::lock_guard lock(state_mutex_);
+    const utils::MutexLock lock(state_mutex_);
     life_ = Life::kStopped;
     local = local_;
     cloud = cloud_;

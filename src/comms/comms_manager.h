@@ -6,7 +6,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 
@@ -15,6 +14,7 @@
 #include "comms/forwarder_pool.h"
 #include "comms/json_rpc_client.h"
 #include "comms/json_rpc_server.h"
+#include "utils/mutex.h"
 
 namespace varnel::comms {
 
@@ -124,23 +124,24 @@ class CommsManager {
 
   const ClientFactory make_client_;
 
-  mutable std::mutex state_mutex_;  // guards the next group; never held while another mutex here is
-  Life life_ = Life::kNew;
-  SerialNumberProvider serial_number_provider_;
-  std::shared_ptr<ClientMqttBase> local_;
-  std::shared_ptr<ClientMqttBase> cloud_;
-  std::shared_ptr<JsonRpcServer> server_;
+  mutable utils::Mutex state_mutex_;  // never held while another mutex here is
+  Life life_ GUARDED_BY(state_mutex_) = Life::kNew;
+  SerialNumberProvider serial_number_provider_ GUARDED_BY(state_mutex_);
+  std::shared_ptr<ClientMqttBase> local_ GUARDED_BY(state_mutex_);
+  std::shared_ptr<ClientMqttBase> cloud_ GUARDED_BY(state_mutex_);
+  std::shared_ptr<JsonRpcServer> server_ GUARDED_BY(state_mutex_);
 
-  mutable std::mutex flags_mutex_;
-  std::map<std::string, uint32_t, std::less<>> method_flags_;  // guarded by flags_mutex_
+  mutable utils::Mutex flags_mutex_;
+  std::map<std::string, uint32_t, std::less<>> method_flags_ GUARDED_BY(flags_mutex_);
 
-  std::mutex rpc_clients_mutex_;
-  /// By request and response topic; guarded by rpc_clients_mutex_.
-  std::map<std::pair<std::string, std::string>, std::shared_ptr<JsonRpcClient>> rpc_clients_;
+  utils::Mutex rpc_clients_mutex_;
+  /// By request and response topic.
+  std::map<std::pair<std::string, std::string>, std::shared_ptr<JsonRpcClient>> rpc_clients_
+      GUARDED_BY(rpc_clients_mutex_);
 
-  std::mutex callback_mutex_;
-  std::function<void()> local_disconnect_;    // guarded by callback_mutex_
-  ClientMqttBase::LinkCallback cloud_event_;  // guarded by callback_mutex_
+  utils::Mutex callback_mutex_;
+  std::function<void()> local_disconnect_ GUARDED_BY(callback_mutex_);
+  ClientMqttBase::LinkCallback cloud_event_ GUARDED_BY(callback_mutex_);
 
   std::atomic<uint64_t> calls_{0};
 

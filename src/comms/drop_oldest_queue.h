@@ -1,11 +1,11 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
-#include <mutex>
 #include <optional>
 #include <utility>
+
+#include "utils/mutex.h"
 
 namespace varnel::comms {
 
@@ -21,7 +21,7 @@ class DropOldestQueue {
   /// one that is lost.
   template <class OnDrop>
   void Push(Item item, size_t bytes, OnDrop on_drop) {
-    std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     while (entries_.size() >= kMaxItems || (!entries_.empty() && bytes_ + bytes > kMaxBytes)) {
       on_drop(entries_.size());
       bytes_ -= entries_.front().bytes;
@@ -29,13 +29,13 @@ class DropOldestQueue {
     }
     entries_.push_back({std::move(item), bytes});
     bytes_ += bytes;
-    wake_.notify_one();
+    wake_.NotifyOne();
   }
 
   /// Waits for the oldest item; nothing once the queue is closed, whatever is left in it.
   std::optional<Item> Pop() {
-    std::unique_lock lock(mutex_);
-    wake_.wait(lock, [this] { return closed_ || !entries_.empty(); });
+    utils::MutexLock lock(mutex_);
+    wake_.Wait(lock, [this]() REQUIRES(mutex_) { return closed_ || !entries_.empty(); });
     if (closed_) return std::nullopt;
     Entry entry = std::move(entries_.front());
     entries_.pop_front();
@@ -44,9 +44,9 @@ class DropOldestQueue {
   }
 
   void Close() {
-    std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     closed_ = true;
-    wake_.notify_all();
+    wake_.NotifyAll();
   }
 
  private:
@@ -55,11 +55,11 @@ class DropOldestQueue {
     size_t bytes;
   };
 
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<Entry> entries_;  // guarded by mutex_
-  size_t bytes_ = 0;           // guarded by mutex_
-  bool closed_ = false;        // guarded by mutex_
+  utils::Mutex mutex_;
+  utils::Condition wake_;
+  std::deque<Entry> entries_ GUARDED_BY(mutex_);
+  size_t bytes_ GUARDED_BY(mutex_) = 0;
+  bool closed_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace varnel::comms

@@ -17,7 +17,7 @@ constexpr const char* kTag = "FWDP";
 ForwarderPool::~ForwarderPool() = default;
 
 void ForwarderPool::Stop() {
-  std::unique_lock lock(mutex_);
+  utils::MutexLock lock(mutex_);
   for (size_t i = 0; i < queues_.size(); ++i) {
     Queue* queue = queues_[i].get();
     lock.unlock();  // a delivery may forward
@@ -28,7 +28,7 @@ void ForwarderPool::Stop() {
 
 ForwarderPool::QueueId ForwarderPool::CreateQueue(const std::string& name) {
   auto queue = std::make_unique<Queue>(name);
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   queues_.push_back(std::move(queue));
   return queues_.size() - 1;
 }
@@ -37,7 +37,7 @@ void ForwarderPool::Forward(QueueId queue, std::shared_ptr<MqttMessage> message,
                             std::shared_ptr<ForwardDestination> destination) {
   Queue* target = nullptr;
   {
-    std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     if (queue < queues_.size()) target = queues_[queue].get();
   }
   if (target) target->Push({std::move(message), std::move(destination)});

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -9,6 +8,7 @@
 #include "comms/drop_oldest_queue.h"
 #include "comms/mqtt_message.h"
 #include "comms/status.h"
+#include "utils/mutex.h"
 
 namespace varnel::comms {
 
@@ -66,9 +66,9 @@ class ForwarderPool {
     std::jthread thread_;  // last: starts when the rest is complete
   };
 
-  std::mutex mutex_;
-  std::vector<std::unique_ptr<Queue>>
-      queues_;  // guarded by mutex_; entries live as long as the pool
+  utils::Mutex mutex_;
+  std::vector<std::unique_ptr<Queue>> queues_
+      GUARDED_BY(mutex_);  // entries live as long as the pool
 };
 
 }  // namespace varnel::comms

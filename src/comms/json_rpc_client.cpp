@@ -37,7 +37,7 @@ CommsStatus JsonRpcClient::Bind(const std::shared_ptr<ClientMqttBase>& client,
     return CommsStatus::kInvalidArgument;
   }
   {
-    std::lock_guard lock(binding_mutex_);
+    const utils::MutexLock lock(binding_mutex_);
     if (binding_.client) {
       VLOG_ERROR(kTag, "JSON-RPC {} has already been bound", Name());
       return CommsStatus::kFailure;
@@ -53,7 +53,7 @@ CommsStatus JsonRpcClient::Bind(const std::shared_ptr<ClientMqttBase>& client,
 }
 
 JsonRpcClient::Binding JsonRpcClient::CurrentBinding() const {
-  std::lock_guard lock(binding_mutex_);
+  const utils::MutexLock lock(binding_mutex_);
   return binding_;
 }
 
@@ -104,7 +104,7 @@ std::shared_ptr<JsonRpcClient::PendingRequest> JsonRpcClient::AddPending(
   auto pending = std::make_shared<PendingRequest>();
   pending->id = id;
   pending->deadline = std::chrono::steady_clock::now() + std::min(timeout, kLongestWait);
-  std::lock_guard lock(pending_mutex_);
+  const utils::MutexLock lock(pending_mutex_);
   const std::string text = Serialize(id);
   if (text.size() <= kLongestId && pending_.try_emplace(text, pending).second) return pending;
   VLOG_ERROR(kTag, "Send request failed, id {}", Serialize(id));
@@ -112,12 +112,12 @@ std::shared_ptr<JsonRpcClient::PendingRequest> JsonRpcClient::AddPending(
 }
 
 void JsonRpcClient::RemovePending(const Json& id) {
-  std::lock_guard lock(pending_mutex_);
+  const utils::MutexLock lock(pending_mutex_);
   pending_.erase(Serialize(id));
 }
 
 std::shared_ptr<JsonRpcClient::PendingRequest> JsonRpcClient::TakePending(const Json& id) {
-  std::lock_guard lock(pending_mutex_);
+  const utils::MutexLock lock(pending_mutex_);
   const auto node = pending_.extract(Serialize(id));
   return node ? node.mapped() : nullptr;
 }

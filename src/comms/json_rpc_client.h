@@ -4,12 +4,12 @@
 #include <future>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 
 #include "comms/json_rpc_base.h"
 #include "comms/json_rpc_envelope.h"
+#include "utils/mutex.h"
 
 namespace varnel::comms {
 
@@ -62,12 +62,12 @@ class JsonRpcClient : public JsonRpcBase {
   void OnPayload(const std::string& payload);
   void OnResponse(const JsonRpcEnvelope& response);
 
-  mutable std::mutex binding_mutex_;
-  Binding binding_;  // guarded by binding_mutex_
+  mutable utils::Mutex binding_mutex_;
+  Binding binding_ GUARDED_BY(binding_mutex_);
 
-  std::mutex pending_mutex_;
-  std::map<std::string, std::shared_ptr<PendingRequest>>
-      pending_;  // by serialised id; guarded by pending_mutex_
+  utils::Mutex pending_mutex_;
+  std::map<std::string, std::shared_ptr<PendingRequest>> pending_
+      GUARDED_BY(pending_mutex_);  // by serialised id
 };
 
 }  // namespace varnel::comms

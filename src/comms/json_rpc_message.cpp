@@ -26,12 +26,12 @@ std::string MakeResponse(std::string_view id, const Json& value) {
   return response;
 }
 
-Json MakeError(int code, const std::string& message) {
-  return Json{{"code", code}, {"message", message}};
+Json MakeError(RpcError code, const std::string& message) {
+  return Json{{"code", static_cast<int32_t>(code)}, {"message", message}};
 }
 
 Json MethodNotFound(const std::string& method) {
-  Json error = MakeError(kMethodNotFound, "Method not found");
+  Json error = MakeError(RpcError::kMethodNotFound, "Method not found");
   error["data"] = "Method not found: " + method;
   return error;
 }

@@ -30,7 +30,7 @@ CommsStatus JsonRpcServer::RegisterMethod(const std::string& method, MethodKind 
                                           RpcHandler handler, AfterAnswer after) {
   if (method.empty() || !handler) return CommsStatus::kInvalidArgument;
   {
-    std::lock_guard lock(methods_mutex_);
+    const utils::MutexLock lock(methods_mutex_);
     if (methods_.contains(method)) {
       VLOG_ERROR(kTag, "Callback of method {} has been registered", method);
       return CommsStatus::kFailure;
@@ -55,7 +55,7 @@ CommsStatus JsonRpcServer::BindMqtt(const std::shared_ptr<ClientMqttBase>& clien
     return CommsStatus::kInvalidArgument;
   }
   {
-    std::lock_guard lock(bindings_mutex_);
+    const utils::MutexLock lock(bindings_mutex_);
     if (client_ && client_ != client) {
       VLOG_ERROR(kTag, "JSON-RPC {} already bound to a different MQTT link", Name());
       return CommsStatus::kFailure;
@@ -120,7 +120,7 @@ void JsonRpcServer::InvokeMethod(const std::string& method, JsonRpcEnvelope requ
           found->kind, [call] { Run(*call); }, size))
     return;
   VLOG_WARN(kTag, "Server busy, refusing method {}", method);
-  Answer(call->request, call->reply, MakeError(kOperationFailed, "Server busy"));
+  Answer(call->request, call->reply, MakeError(RpcError::kOperationFailed, "Server busy"));
 }
 
 void JsonRpcServer::Answer(const JsonRpcEnvelope& request, const Reply& reply, const Json& value) {
@@ -148,18 +148,18 @@ Json JsonRpcServer::CallHandler(const Call& call) {
   } catch (...) {
     VLOG_ERROR(kTag, "Handler exception for method {}: {}", call.method, "unknown");
   }
-  return MakeError(kInternalError, "Internal error");
+  return MakeError(RpcError::kInternalError, "Internal error");
 }
 
 std::optional<JsonRpcServer::Method> JsonRpcServer::FindMethod(const std::string& method) const {
-  std::lock_guard lock(methods_mutex_);
+  const utils::MutexLock lock(methods_mutex_);
   const auto found = methods_.find(method);
   if (found == methods_.end()) return std::nullopt;
   return found->second;
 }
 
 std::string JsonRpcServer::ResponseTopic(const std::string& request_topic) const {
-  std::lock_guard lock(bindings_mutex_);
+  const utils::MutexLock lock(bindings_mutex_);
   const auto channel = channels_.find(request_topic);
   const bool fixed = channel != channels_.end() && !channel->second.empty();
   return fixed ? channel->second : topic_mapper_(request_topic);
@@ -170,7 +170,7 @@ void JsonRpcServer::SendResponse(std::string_view response,
   const std::string topic = ResponseTopic(request_topic);
   std::shared_ptr<ClientMqttBase> client;
   {
-    std::lock_guard lock(bindings_mutex_);
+    const utils::MutexLock lock(bindings_mutex_);
     client = client_;
   }
   if (Publish(client.get(), topic, response) != CommsStatus::kOk) {

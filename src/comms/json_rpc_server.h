@@ -3,7 +3,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -11,6 +10,7 @@
 #include "comms/json_rpc_base.h"
 #include "comms/json_rpc_envelope.h"
 #include "comms/worker_lane.h"
+#include "utils/mutex.h"
 
 namespace varnel::comms {
 
@@ -93,13 +93,13 @@ class JsonRpcServer : public JsonRpcBase {
 
   const std::function<std::string(const std::string&)> topic_mapper_;
 
-  mutable std::mutex methods_mutex_;
-  std::map<std::string, Method, std::less<>> methods_;  // guarded by methods_mutex_
+  mutable utils::Mutex methods_mutex_;
+  std::map<std::string, Method, std::less<>> methods_ GUARDED_BY(methods_mutex_);
 
-  mutable std::mutex bindings_mutex_;
-  std::shared_ptr<ClientMqttBase> client_;  // guarded by bindings_mutex_
-  std::map<std::string, std::string>
-      channels_;  // request to response topic; guarded by bindings_mutex_
+  mutable utils::Mutex bindings_mutex_;
+  std::shared_ptr<ClientMqttBase> client_ GUARDED_BY(bindings_mutex_);
+  std::map<std::string, std::string> channels_
+      GUARDED_BY(bindings_mutex_);  // request to response topic
 
   LargeRequests large_requests_;  // last, with the lanes: the threads use the rest
   WorkerLane camera_lane_;

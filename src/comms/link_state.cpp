@@ -3,14 +3,14 @@
 namespace varnel::comms {
 
 LinkState::Begun LinkState::Begin(const MqttConnectSettings& settings) {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   const Begun begun = BeginLocked();
   if (begun.status == CommsStatus::kOk) settings_ = settings;
   return begun;
 }
 
 LinkState::Begun LinkState::BeginAgain() {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   if (!settings_ && !Runs()) return {CommsStatus::kNotInitialized};
   if (stage_ == Stage::kUp) return {CommsStatus::kOk};
   return BeginLocked();
@@ -25,7 +25,7 @@ LinkState::Begun LinkState::BeginLocked() {
 }
 
 bool LinkState::Accept(uint32_t attempt) {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   if (!Is(attempt, Stage::kConnecting)) return false;
   stage_ = Stage::kAccepted;
   awaited_ = 1;
@@ -33,14 +33,14 @@ bool LinkState::Accept(uint32_t attempt) {
 }
 
 bool LinkState::ExpectAcknowledgement(uint32_t attempt) {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   if (!IsLiveLocked(attempt)) return false;
   ++awaited_;
   return true;
 }
 
 bool LinkState::Acknowledged(uint32_t attempt) {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   if (attempt_ != attempt || awaited_ == 0) return false;
   if (--awaited_ > 0 || stage_ != Stage::kAccepted) return false;
   stage_ = Stage::kUp;
@@ -48,7 +48,7 @@ bool LinkState::Acknowledged(uint32_t attempt) {
 }
 
 std::optional<LinkEvent::Kind> LinkState::Drop(uint32_t attempt) {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   if (attempt_ != attempt || !Runs()) return std::nullopt;
   const auto kind = stage_ == Stage::kUp ? LinkEvent::Kind::kLost : LinkEvent::Kind::kFailed;
   stage_ = Stage::kDown;
@@ -56,7 +56,7 @@ std::optional<LinkEvent::Kind> LinkState::Drop(uint32_t attempt) {
 }
 
 std::optional<uint32_t> LinkState::End() {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   return EndLocked();
 }
 
@@ -68,18 +68,18 @@ std::optional<uint32_t> LinkState::EndLocked() {
 }
 
 void LinkState::Ended() {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   if (stage_ == Stage::kEnding) stage_ = Stage::kDown;
 }
 
 std::optional<uint32_t> LinkState::Close() {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   closed_ = true;
   return EndLocked();
 }
 
 LinkPhase LinkState::Phase() const {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   switch (stage_) {
     case Stage::kConnecting:
     case Stage::kAccepted:
@@ -94,22 +94,22 @@ LinkPhase LinkState::Phase() const {
 }
 
 bool LinkState::Ending() const {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   return stage_ == Stage::kEnding;
 }
 
 uint32_t LinkState::Current() const {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   return Runs() ? attempt_ : 0;
 }
 
 bool LinkState::IsLive(uint32_t attempt) const {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   return IsLiveLocked(attempt);
 }
 
 std::optional<MqttConnectSettings> LinkState::Settings(uint32_t attempt) const {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   return attempt_ == attempt && Runs() ? settings_ : std::nullopt;
 }
 

@@ -1,12 +1,12 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <optional>
 
 #include "comms/link_event.h"
 #include "comms/mqtt_connect_settings.h"
 #include "comms/status.h"
+#include "utils/mutex.h"
 
 namespace varnel::comms {
 
@@ -56,20 +56,22 @@ class LinkState {
  private:
   enum class Stage { kDown, kConnecting, kAccepted, kUp, kEnding };
 
-  Begun BeginLocked();
-  std::optional<uint32_t> EndLocked();
-  bool Is(uint32_t attempt, Stage stage) const { return attempt_ == attempt && stage_ == stage; }
-  bool IsLiveLocked(uint32_t attempt) const {
+  Begun BeginLocked() REQUIRES(mutex_);
+  std::optional<uint32_t> EndLocked() REQUIRES(mutex_);
+  bool Is(uint32_t attempt, Stage stage) const REQUIRES(mutex_) {
+    return attempt_ == attempt && stage_ == stage;
+  }
+  bool IsLiveLocked(uint32_t attempt) const REQUIRES(mutex_) {
     return Is(attempt, Stage::kUp) || Is(attempt, Stage::kAccepted);
   }
-  bool Runs() const { return stage_ != Stage::kDown && stage_ != Stage::kEnding; }
+  bool Runs() const REQUIRES(mutex_) { return stage_ != Stage::kDown && stage_ != Stage::kEnding; }
 
-  mutable std::mutex mutex_;
-  Stage stage_ = Stage::kDown;  // guarded by mutex_, like the rest
-  bool closed_ = false;
-  uint32_t attempt_ = 0;  // the newest
-  uint32_t awaited_ = 0;  // acknowledgements
-  std::optional<MqttConnectSettings> settings_;
+  mutable utils::Mutex mutex_;
+  Stage stage_ GUARDED_BY(mutex_) = Stage::kDown;
+  bool closed_ GUARDED_BY(mutex_) = false;
+  uint32_t attempt_ GUARDED_BY(mutex_) = 0;  // the newest
+  uint32_t awaited_ GUARDED_BY(mutex_) = 0;  // acknowledgements
+  std::optional<MqttConnectSettings> settings_ GUARDED_BY(mutex_);
 };
 
 }  // namespace varnel::comms

@@ -20,28 +20,28 @@ LinkThread::~LinkThread() {
 
 void LinkThread::Post(Task task) {
   {
-    std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     if (stopped_) return;
     tasks_.push_back(std::move(task));
   }
-  wake_.notify_one();
+  wake_.NotifyOne();
 }
 
 void LinkThread::SetDeadline(std::optional<utils::Clock::TimePoint> deadline) {
   {
-    std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     deadline_ = deadline;
     ++changes_;
   }
-  wake_.notify_one();
+  wake_.NotifyOne();
 }
 
 void LinkThread::Stop() {
   {
-    std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     stopped_ = true;
   }
-  wake_.notify_one();
+  wake_.NotifyOne();
   if (thread_.joinable()) thread_.join();
 }
 
@@ -58,12 +58,14 @@ void LinkThread::Run() {
 }
 
 LinkThread::Task LinkThread::Next() {
-  std::unique_lock lock(mutex_);
+  utils::MutexLock lock(mutex_);
   while (!stopped_ && tasks_.empty()) {
     const uint64_t seen = changes_;
-    const auto wanted = [&] { return stopped_ || !tasks_.empty() || changes_ != seen; };
+    const auto wanted = [&]() REQUIRES(mutex_) {
+      return stopped_ || !tasks_.empty() || changes_ != seen;
+    };
     if (!deadline_) {
-      wake_.wait(lock, wanted);
+      wake_.Wait(lock, wanted);
     } else if (!clock_.WaitUntil(lock, wake_, *deadline_, wanted)) {
       deadline_.reset();
       return on_deadline_;

@@ -1,14 +1,13 @@
 #pragma once
 
-#include <condition_variable>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 
 #include "utils/clock.h"
+#include "utils/mutex.h"
 
 namespace varnel::comms {
 
@@ -37,13 +36,13 @@ class LinkThread {
 
   utils::Clock& clock_;
   const Task on_deadline_;
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<Task> tasks_;  // guarded by mutex_, like the next two
-  std::optional<utils::Clock::TimePoint> deadline_;
-  bool stopped_ = false;
-  uint64_t changes_ = 0;  // of the deadline; guarded by mutex_
-  std::jthread thread_;   // last: starts when the rest is complete
+  utils::Mutex mutex_;
+  utils::Condition wake_;
+  std::deque<Task> tasks_ GUARDED_BY(mutex_);
+  std::optional<utils::Clock::TimePoint> deadline_ GUARDED_BY(mutex_);
+  bool stopped_ GUARDED_BY(mutex_) = false;
+  uint64_t changes_ GUARDED_BY(mutex_) = 0;  // of the deadline
+  std::jthread thread_;                      // last: starts when the rest is complete
 };
 
 }  // namespace varnel::comms

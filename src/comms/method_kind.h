@@ -9,6 +9,7 @@ enum class MethodKind {
   kPhoto,      ///< waits for the camera
   kDetection,  ///< waits for the camera and the NPU
   kListing,    ///< reads or changes what is on disk
+  kCommand,    ///< starts or ends something: one after another, in the order of arrival
   kNetwork,    ///< talks to the cloud
 };
 

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string_view>
 
+#include "utils/descriptor_path.h"
 #include "utils/log.h"
 
 namespace varnel::comms {
@@ -71,7 +72,7 @@ void SetNoDelayTowards(const std::string& port) {
   const std::optional<int> wanted = ParseNumber(port);
   if (!wanted) return;
   std::error_code error;
-  std::filesystem::directory_iterator descriptors("/proc/self/fd", error);
+  std::filesystem::directory_iterator descriptors(utils::kDescriptors, error);
   for (; !error && descriptors != std::filesystem::directory_iterator();
        descriptors.increment(error)) {
     const std::optional<int> fd = ParseNumber(descriptors->path().filename().string());

@@ -8,7 +8,7 @@
 namespace varnel::comms {
 
 bool NameLookups::Start(const std::string& host, Done done) {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   running_.remove_if([](const Running& lookup) { return lookup.over->load(); });
   if (running_.size() >= kMaxRunning) return false;
   auto over = std::make_shared<std::atomic<bool>>(false);

@@ -3,12 +3,12 @@
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "comms/paho_async_api.h"
+#include "utils/mutex.h"
 
 namespace varnel::comms {
 
@@ -36,8 +36,8 @@ class NameLookups {
   };
 
   PahoAsyncApi& api_;
-  std::mutex mutex_;
-  std::list<Running> running_;  // guarded by mutex_
+  utils::Mutex mutex_;
+  std::list<Running> running_ GUARDED_BY(mutex_);
 };
 
 }  // namespace varnel::comms

@@ -4,8 +4,9 @@
 #include <netdb.h>
 
 #include <map>
-#include <mutex>
 #include <optional>
+
+#include "utils/mutex.h"
 
 namespace varnel::comms {
 namespace {
@@ -18,18 +19,18 @@ class Pins {
   }
 
   void Add(const std::string& host, const std::string& address) {
-    std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     Pinned& pinned = by_host_[host];
     pinned.address = address;
     ++pinned.holders;
   }
   void Remove(const std::string& host) {
-    std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     const auto pinned = by_host_.find(host);
     if (--pinned->second.holders == 0) by_host_.erase(pinned);
   }
   std::optional<std::string> Find(const char* host) {
-    std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     const auto pinned = by_host_.find(host);
     return pinned == by_host_.end() ? std::nullopt : std::optional(pinned->second.address);
   }
@@ -39,8 +40,8 @@ class Pins {
     std::string address;
     int holders = 0;
   };
-  std::mutex mutex_;
-  std::map<std::string, Pinned, std::less<>> by_host_;  // guarded by mutex_
+  utils::Mutex mutex_;
+  std::map<std::string, Pinned, std::less<>> by_host_ GUARDED_BY(mutex_);
 };
 
 using LookUp = decltype(&::getaddrinfo);

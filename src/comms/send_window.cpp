@@ -6,14 +6,14 @@ namespace varnel::comms {
 
 void SendWindow::Open(size_t receive_maximum) {
   {
-    std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     inside_.clear();
     bytes_ = 0;
     unacknowledged_ = 0;
     max_unacknowledged_ = std::max<size_t>(receive_maximum, 2) - 1;
     ++left_;
   }
-  changed_.notify_all();
+  changed_.NotifyAll();
 }
 
 bool SendWindow::HasRoom(size_t bytes, bool acknowledged) const {
@@ -23,8 +23,8 @@ bool SendWindow::HasRoom(size_t bytes, bool acknowledged) const {
 
 std::optional<uint32_t> SendWindow::Enter(size_t bytes, bool acknowledged,
                                           utils::Clock::TimePoint deadline) {
-  std::unique_lock lock(mutex_);
-  const auto room = [&] { return HasRoom(bytes, acknowledged); };
+  utils::MutexLock lock(mutex_);
+  const auto room = [&]() REQUIRES(mutex_) { return HasRoom(bytes, acknowledged); };
   if (!room() && !clock_.WaitUntil(lock, changed_, deadline, room)) return std::nullopt;
   inside_[++last_number_] = {bytes, acknowledged};
   bytes_ += bytes;
@@ -34,7 +34,7 @@ std::optional<uint32_t> SendWindow::Enter(size_t bytes, bool acknowledged,
 
 void SendWindow::Leave(uint32_t number) {
   {
-    std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     const auto message = inside_.find(number);
     if (message == inside_.end()) return;
     bytes_ -= message->second.bytes;
@@ -42,16 +42,16 @@ void SendWindow::Leave(uint32_t number) {
     inside_.erase(message);
     ++left_;
   }
-  changed_.notify_all();
+  changed_.NotifyAll();
 }
 
 void SendWindow::AwaitLeave(uint64_t seen, utils::Clock::TimePoint deadline) {
-  std::unique_lock lock(mutex_);
-  clock_.WaitUntil(lock, changed_, deadline, [&] { return left_ != seen; });
+  utils::MutexLock lock(mutex_);
+  clock_.WaitUntil(lock, changed_, deadline, [&]() REQUIRES(mutex_) { return left_ != seen; });
 }
 
 uint64_t SendWindow::Left() const {
-  std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   return left_;
 }
 

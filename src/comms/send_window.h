@@ -1,13 +1,12 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 
 #include "utils/clock.h"
+#include "utils/mutex.h"
 
 namespace varnel::comms {
 
@@ -41,17 +40,17 @@ class SendWindow {
     bool acknowledged;
   };
 
-  bool HasRoom(size_t bytes, bool acknowledged) const;
+  bool HasRoom(size_t bytes, bool acknowledged) const REQUIRES(mutex_);
 
   utils::Clock& clock_;
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  std::map<uint32_t, Inside> inside_;  // guarded by mutex_, like the rest
-  size_t bytes_ = 0;
-  size_t unacknowledged_ = 0;
-  size_t max_unacknowledged_ = kDefaultReceiveMaximum;
-  uint32_t last_number_ = 0;
-  uint64_t left_ = 0;
+  mutable utils::Mutex mutex_;
+  utils::Condition changed_;
+  std::map<uint32_t, Inside> inside_ GUARDED_BY(mutex_);
+  size_t bytes_ GUARDED_BY(mutex_) = 0;
+  size_t unacknowledged_ GUARDED_BY(mutex_) = 0;
+  size_t max_unacknowledged_ GUARDED_BY(mutex_) = kDefaultReceiveMaximum;
+  uint32_t last_number_ GUARDED_BY(mutex_) = 0;
+  uint64_t left_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace varnel::comms

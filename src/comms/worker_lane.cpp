@@ -25,11 +25,12 @@ bool LargeRequests::TryPost(std::function<void()> task, size_t bytes) {
 }
 
 WorkerLane::WorkerLane(const std::string& name, LargeRequests& large)
-    : large_(large),
-      pools_{PoolFor(name, MethodKind::kQuick, "quick"), PoolFor(name, MethodKind::kPhoto, "photo"),
-             PoolFor(name, MethodKind::kDetection, "detect"),
-             PoolFor(name, MethodKind::kListing, "list"),
-             PoolFor(name, MethodKind::kNetwork, "net")} {}
+    : large_(large), pools_{PoolFor(name, MethodKind::kQuick, "quick"),
+                            PoolFor(name, MethodKind::kPhoto, "photo"),
+                            PoolFor(name, MethodKind::kDetection, "detect"),
+                            PoolFor(name, MethodKind::kListing, "list"),
+                            PoolFor(name, MethodKind::kCommand, "cmd"),
+                            PoolFor(name, MethodKind::kNetwork, "net")} {}
 
 void WorkerLane::Open(MethodKind kind) {
   PoolOf(kind).Open();

@@ -43,6 +43,7 @@ class WorkerLane {
   static constexpr size_t kMaxWaitingBytes = size_t{2} << 20;
 
   static constexpr size_t WorkersFor(MethodKind kind) {
+    if (kind == MethodKind::kCommand) return 1;
     // The camera serves one after another: one runs, and those behind it begin to count their wait.
     return kind == MethodKind::kPhoto || kind == MethodKind::kDetection ? 3 : 2;
   }

@@ -28,7 +28,7 @@ std::string AiAdapter::DetectResultDir() const {
     return {};
   }
   std::array<char, kHalPathSize> directory{};
-  if (table_->get_ai_basic_info(directory.data()) != kHalSuccess) {
+  if (table_->get_ai_basic_info(directory.data()) != HalStatus::kSuccess) {
     VLOG_ERROR(kTag, "Get AI basic information failed");
     return {};
   }

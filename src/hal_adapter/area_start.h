@@ -15,7 +15,7 @@ using AreaInit = std::function<HalStatus()>;
 template <class Table>
 [[nodiscard]] const Table* StartArea(const char* tag, const AreaInit& init,
                                      const TableSlot<Table>& slot) {
-  if (init() != kHalSuccess) {
+  if (init() != HalStatus::kSuccess) {
     VLOG_ERROR(tag, "Initialization failed");
     return nullptr;
   }

@@ -19,17 +19,17 @@ class Camera {
   const CameraInfo& Info() const { return info_; }
 
   /// Of the whole board, not of this camera.
-  [[nodiscard]] HalStatus GetCount(uint32_t& count) const;
-  [[nodiscard]] HalStatus UpdateInfo();
+  HalStatus GetCount(uint32_t& count) const;
+  HalStatus UpdateInfo();
   /// Null: the camera's default configuration.
-  [[nodiscard]] HalStatus Open(const CameraConfig* config) const;
-  [[nodiscard]] HalStatus Close() const;
-  [[nodiscard]] HalStatus SetConfig(const CameraConfig& config) const;
+  HalStatus Open(const CameraConfig* config) const;
+  HalStatus Close() const;
+  HalStatus SetConfig(const CameraConfig& config) const;
   /// Clears `image` first: success with a zero size means that no frame came.
-  [[nodiscard]] HalStatus TakePhoto(CameraImage& image) const;
+  HalStatus TakePhoto(CameraImage& image) const;
   /// Continuous capture; no camera of the board supports it.
-  [[nodiscard]] HalStatus StartStream() const { return Unsupported(); }
-  [[nodiscard]] HalStatus StopStream() const { return Unsupported(); }
+  HalStatus StartStream() const { return Unsupported(); }
+  HalStatus StopStream() const { return Unsupported(); }
 
  private:
   template <class Slot>

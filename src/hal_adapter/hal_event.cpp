@@ -37,34 +37,34 @@ HALEvent& HALEvent::Instance() {
 }
 
 HalStatus HALEvent::Post(const HalEventRecord* event) {
-  if (event == nullptr) return kHalInvalidParameter;
+  if (event == nullptr) return HalStatus::kInvalidParameter;
   {
-    const std::lock_guard lock(queue_mutex_);
+    const utils::MutexLock lock(queue_mutex_);
     if (queue_.size() < kMaxQueued) {
       queue_.push_back(*event);
       queue_.back().payload[sizeof(event->payload) - 1] = '\0';
-      queue_filled_.notify_one();
-      return kHalSuccess;
+      queue_filled_.NotifyOne();
+      return HalStatus::kSuccess;
     }
   }
   PLOG_WARN(kTag, "Event queue full, dropping event type is %d", static_cast<int>(event->type));
-  return kHalHardwareError;
+  return HalStatus::kHardwareError;
 }
 
 HalStatus HALEvent::RegisterCallback(uint32_t type, HalEventCallback callback, void* user_data) {
-  if (callback == nullptr) return kHalInvalidParameter;
-  const std::lock_guard lock(callback_mutex_);
+  if (callback == nullptr) return HalStatus::kInvalidParameter;
+  const utils::MutexLock lock(callback_mutex_);
   callbacks_[type].emplace_back(callback, user_data);
-  return kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 void HALEvent::Stop() {
   {
     // Under the mutex, so that the dispatcher cannot miss it between its check and its wait.
-    const std::lock_guard lock(queue_mutex_);
+    const utils::MutexLock lock(queue_mutex_);
     running_ = false;
   }
-  queue_filled_.notify_all();
+  queue_filled_.NotifyAll();
   if (!dispatcher_.joinable()) return;
   dispatcher_.join();
   VLOG_INFO(kTag, "Event dispatch thread stopped");
@@ -77,8 +77,9 @@ void HALEvent::Dispatch() {
 }
 
 bool HALEvent::WaitForEvent(HalEventRecord& event) {
-  std::unique_lock lock(queue_mutex_);
-  queue_filled_.wait(lock, [this] { return !queue_.empty() || !running_; });
+  utils::MutexLock lock(queue_mutex_);
+  queue_filled_.Wait(lock,
+                     [this]() REQUIRES(queue_mutex_) { return !queue_.empty() || !running_; });
   if (!running_) return false;
   event = queue_.front();
   queue_.pop_front();
@@ -94,7 +95,7 @@ void HALEvent::Deliver(const HalEventRecord& event) {
 }
 
 std::vector<HALEvent::Callback> HALEvent::CallbacksOf(uint32_t type) {
-  const std::lock_guard lock(callback_mutex_);
+  const utils::MutexLock lock(callback_mutex_);
   const auto found = callbacks_.find(type);
   return found == callbacks_.end() ? std::vector<Callback>{} : found->second;
 }

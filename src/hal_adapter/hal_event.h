@@ -1,15 +1,14 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <thread>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "hal_interface/hal_register.h"
+#include "utils/mutex.h"
 
 namespace varnel::hal_adapter {
 
@@ -28,9 +27,8 @@ class HALEvent {
   /// The process-wide one, created on first use.
   static HALEvent& Instance();
 
-  [[nodiscard]] HalStatus Post(const HalEventRecord* event);
-  [[nodiscard]] HalStatus RegisterCallback(uint32_t type, HalEventCallback callback,
-                                           void* user_data);
+  HalStatus Post(const HalEventRecord* event);
+  HalStatus RegisterCallback(uint32_t type, HalEventCallback callback, void* user_data);
   /// Ends the dispatch thread after the callback it is in; harmless when repeated.
   void Stop();
   /// Stop() has begun: nothing more is delivered.
@@ -46,13 +44,13 @@ class HALEvent {
 
   std::atomic<bool> running_{true};
 
-  std::mutex queue_mutex_;
-  std::condition_variable queue_filled_;
-  std::deque<HalEventRecord> queue_;  // guarded by queue_mutex_
+  utils::Mutex queue_mutex_;
+  utils::Condition queue_filled_;
+  std::deque<HalEventRecord> queue_ GUARDED_BY(queue_mutex_);
 
   // Never held together with queue_mutex_.
-  std::mutex callback_mutex_;
-  std::unordered_map<uint32_t, std::vector<Callback>> callbacks_;  // guarded by callback_mutex_
+  utils::Mutex callback_mutex_;
+  std::unordered_map<uint32_t, std::vector<Callback>> callbacks_ GUARDED_BY(callback_mutex_);
 
   std::jthread dispatcher_;
 };

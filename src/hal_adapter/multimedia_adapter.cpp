@@ -31,15 +31,15 @@ bool MultimediaAdapter::OpenMainCamera() {
   if (!turn) return false;
   const MultimediaHalInterface* table = StartArea(kTag, setup_.init, setup_.registry->multimedia);
   if (table == nullptr || !FindCameras(table)) return false;
-  return main_camera_->Open(nullptr) == kHalSuccess;
+  return main_camera_->Open(nullptr) == HalStatus::kSuccess;
 }
 
 bool MultimediaAdapter::FindCameras(const MultimediaHalInterface* table) {
   uint32_t count = 0;
-  if (Camera(table, 0).GetCount(count) != kHalSuccess) return false;
+  if (Camera(table, 0).GetCount(count) != HalStatus::kSuccess) return false;
   for (uint32_t id = 0; id < count; ++id) {
     auto camera = std::make_shared<Camera>(table, id);
-    if (camera->UpdateInfo() == kHalSuccess) {
+    if (camera->UpdateInfo() == HalStatus::kSuccess) {
       cameras_.push_back(std::move(camera));
     } else {
       VLOG_ERROR(kTag, "Update camera {} info failed", id);
@@ -106,7 +106,7 @@ bool MultimediaAdapter::Capture(CameraImage& image) const {
     VLOG_ERROR(kTag, "Main camera is invalid");
     return false;
   }
-  if (main_camera_->TakePhoto(image) != kHalSuccess) {
+  if (main_camera_->TakePhoto(image) != HalStatus::kSuccess) {
     VLOG_ERROR(kTag, "Main camera take photo failed");
     return false;
   }

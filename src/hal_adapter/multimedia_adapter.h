@@ -23,10 +23,10 @@ struct MultimediaSetup {
   utils::Clock* clock = &utils::SystemClock::Instance();
 };
 
-/// The multimedia area. TakePhoto() is callable from any thread: callers are served one after
-/// another, since they share the camera's buffers and the frame file. A turn ends when the picture
-/// is whole in a place of ours: a slow drive keeps nobody else from the camera.
-class MultimediaAdapter {
+/// The multimedia area. Photos are taken one after another, since they share the camera's buffers
+/// and the frame file. A turn ends when the picture is whole in a place of ours: a slow drive keeps
+/// nobody else from the camera.
+class MultimediaAdapter : public PhotoTaker {
  public:
   explicit MultimediaAdapter(MultimediaSetup setup);
 
@@ -35,10 +35,8 @@ class MultimediaAdapter {
   /// True once Start() is through its warm-up.
   bool Ready() const { return ready_; }
 
-  /// Takes a photo with the main camera to a place of ours; an empty path saves nothing.
-  [[nodiscard]] PhotoStatus TakePhoto(const std::string& path);
-  /// The same to a place that is held.
-  [[nodiscard]] PhotoStatus TakePhoto(const utils::FilePlace& place);
+  PhotoStatus TakePhoto(const std::string& path) override;
+  PhotoStatus TakePhoto(const utils::FilePlace& place) override;
   size_t CameraCount() const { return cameras_.size(); }
 
  private:

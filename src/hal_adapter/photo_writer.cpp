@@ -137,17 +137,17 @@ bool PhotoWriter::RunConverter(const char* pixel_format, const std::string& pict
     command.AddArg(argument);
   }
   command.AddArg(picture).SetWorkingDir(directory).SetTimeout(kConvertLimitMs);
-  try {
-    const utils::SafeExec::Result result = command.Execute();
-    if (result.success && HasContent(directory, picture)) return true;
-    VLOG_ERROR(kTag, "Execute error, code is {}", result.exit_code);
-    VLOG_ERROR(
-        kTag, "{}: {}",
-        "Command '" + command.ToString() + "' failed with code " + std::to_string(result.exit_code),
-        utils::LogText(result.standard_error));
-  } catch (const utils::SafeExecException& error) {
-    VLOG_ERROR(kTag, "Execute fatal error: {}", error.what());
+  const auto run = command.TryExecute();
+  if (!run) {
+    VLOG_ERROR(kTag, "Execute fatal error: {}", run.Why());
+    return false;
   }
+  if (run->success && HasContent(directory, picture)) return true;
+  VLOG_ERROR(kTag, "Execute error, code is {}", run->exit_code);
+  VLOG_ERROR(
+      kTag, "{}: {}",
+      "Command '" + command.ToString() + "' failed with code " + std::to_string(run->exit_code),
+      utils::LogText(run->standard_error));
   return false;
 }
 

@@ -6,7 +6,9 @@
 #include <optional>
 #include <string>
 
+#include "hal_adapter/photo_taker.h"
 #include "hal_interface/hal_records.h"
+#include "utils/board_places.h"
 #include "utils/free_space.h"
 #include "utils/held_directory.h"
 #include "utils/new_file.h"
@@ -14,15 +16,8 @@
 
 namespace varnel::hal_adapter {
 
-enum class PhotoStatus {
-  kSuccess,
-  kCaptureFailed,     ///< no camera, busy for too long, capture error or empty frame
-  kNotWritable,       ///< the destination cannot be written
-  kConversionFailed,  ///< the frame could not be made a picture
-};
-
 struct PhotoPaths {
-  std::filesystem::path converter = "/usr/bin/ffmpeg";
+  std::filesystem::path converter = utils::board::kFfmpeg;
   std::filesystem::path raw_frame = "/tmp/.capture.bin";
   /// Pictures are made in directories of our own below this one.
   std::filesystem::path workshop = "/tmp";

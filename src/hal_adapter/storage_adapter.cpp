@@ -34,7 +34,7 @@ bool StorageAdapter::Start() {
 bool StorageAdapter::Read(StoragePathType type, std::filesystem::path& path,
                           const char* failure) const {
   std::array<char, kHalPathSize> text{};
-  if (table_->get_path(type, text.data(), text.size()) != kHalSuccess) {
+  if (table_->get_path(type, text.data(), text.size()) != HalStatus::kSuccess) {
     VLOG_ERROR(kTag, "{}", failure);
     return false;
   }

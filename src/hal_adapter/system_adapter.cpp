@@ -98,7 +98,7 @@ bool SystemAdapter::Start() {
   Adopt(identity);
   VLOG_INFO(kTag, "Firmware version is {}", utils::LogText(identity->firmware_version));
   if (read && !HasMac(*read)) {
-    const std::lock_guard lock(looking_);
+    const utils::MutexLock lock(looking_);
     look_pause_ = kFirstLookPause;
     next_look_ = clock_.Now() + look_pause_;
   }
@@ -108,7 +108,7 @@ bool SystemAdapter::Start() {
 void SystemAdapter::Adopt(std::shared_ptr<const DeviceIdentity> identity) {
   std::string uuid = MakeUuid(*identity);
   VLOG_INFO(kTag, "UUID is {}", uuid);
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   identity_ = std::move(identity);
   uuid_ = std::move(uuid);
 }
@@ -122,30 +122,35 @@ bool SystemAdapter::IsTimeToLook() {
 
 /// One caller looks, which may take half a second; others get what is known.
 void SystemAdapter::LookForMac() {
-  const std::unique_lock looking(looking_, std::try_to_lock);
-  if (!looking || !IsTimeToLook()) return;
+  if (!looking_.TryLock()) return;
+  const utils::MutexLock looking(looking_, std::adopt_lock);
+  if (!IsTimeToLook()) return;
   const std::shared_ptr<const DeviceIdentity> found = ReadIdentity();
   if (!found || !HasMac(*found)) return;
   look_pause_ = 0s;
-  Adopt(WithMac(*identity_, found->mac));  // which nobody else changes
+  Adopt(WithMac(*Known(), found->mac));  // which nobody else changes
 }
 
 std::shared_ptr<const DeviceIdentity> SystemAdapter::Identity() {
   LookForMac();
-  const std::lock_guard lock(mutex_);
+  return Known();
+}
+
+std::shared_ptr<const DeviceIdentity> SystemAdapter::Known() const {
+  const utils::MutexLock lock(mutex_);
   return identity_;
 }
 
 std::string SystemAdapter::Uuid() {
   LookForMac();
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   return uuid_;
 }
 
 std::shared_ptr<const DeviceIdentity> SystemAdapter::ReadIdentity() const {
   DeviceInfo info{};
   const utils::WipeAtEnd wipe(info);
-  if (table_->get_device_info == nullptr || table_->get_device_info(&info) != kHalSuccess) {
+  if (table_->get_device_info == nullptr || table_->get_device_info(&info) != HalStatus::kSuccess) {
     VLOG_ERROR(kTag, "Get device information failed");
     return nullptr;
   }
@@ -171,10 +176,10 @@ std::string SystemAdapter::MakeUuid(const DeviceIdentity& identity) const {
 HalStatus SystemAdapter::UpgradeFirmware(uint32_t target, const std::string& package) const {
   if (table_ == nullptr || table_->upgrade_firmware == nullptr) {
     VLOG_ERROR(kTag, "The firmware upgrade function has not been implemented");
-    return kHalUnsupported;
+    return HalStatus::kUnsupported;
   }
   const HalStatus status = table_->upgrade_firmware(target, package.c_str());
-  if (status != kHalSuccess) {
+  if (status != HalStatus::kSuccess) {
     VLOG_ERROR(kTag, "System upgrade failed, reason: {}", hal_error_string(status));
   }
   return status;
@@ -183,10 +188,10 @@ HalStatus SystemAdapter::UpgradeFirmware(uint32_t target, const std::string& pac
 HalStatus SystemAdapter::CollectPlatformData(uint32_t type, const std::string& out_dir) const {
   if (table_ == nullptr || table_->collect_platform_data == nullptr) {
     VLOG_ERROR(kTag, "The collect platform data function has not been implemented");
-    return kHalUnsupported;
+    return HalStatus::kUnsupported;
   }
   const HalStatus status = table_->collect_platform_data(type, out_dir.c_str());
-  if (status != kHalSuccess) {
+  if (status != HalStatus::kSuccess) {
     VLOG_ERROR(kTag, "Collect platform data {} failed, reason: {}", type, hal_error_string(status));
   }
   return status;
@@ -195,7 +200,7 @@ HalStatus SystemAdapter::CollectPlatformData(uint32_t type, const std::string& o
 HalStatus SystemAdapter::PrepareReboot() const {
   if (table_ == nullptr || table_->prepare_reboot == nullptr) {
     VLOG_ERROR(kTag, "prepare_reboot interface has not been implemented");
-    return kHalUnsupported;
+    return HalStatus::kUnsupported;
   }
   return table_->prepare_reboot();
 }

@@ -5,11 +5,11 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "hal_adapter/area_start.h"
 #include "utils/clock.h"
+#include "utils/mutex.h"
 #include "utils/secret.h"
 
 namespace varnel::hal_adapter {
@@ -53,17 +53,18 @@ class SystemAdapter {
   std::string Uuid();
 
   /// Runs until the upgrade ended. The platform's status, or -7 without the slot.
-  [[nodiscard]] HalStatus UpgradeFirmware(uint32_t target, const std::string& package) const;
-  [[nodiscard]] HalStatus CollectPlatformData(uint32_t type, const std::string& out_dir) const;
+  HalStatus UpgradeFirmware(uint32_t target, const std::string& package) const;
+  HalStatus CollectPlatformData(uint32_t type, const std::string& out_dir) const;
   /// Tells the platform that the caller is about to reboot.
-  [[nodiscard]] HalStatus PrepareReboot() const;
+  HalStatus PrepareReboot() const;
 
  private:
   static uint32_t DeviceSeed();
   std::shared_ptr<const DeviceIdentity> ReadIdentity() const;
   void Adopt(std::shared_ptr<const DeviceIdentity> identity);
   void LookForMac();
-  bool IsTimeToLook();
+  bool IsTimeToLook() REQUIRES(looking_);
+  std::shared_ptr<const DeviceIdentity> Known() const;
   void Publish(const DeviceIdentity& identity) const;
   std::string MakeUuid(const DeviceIdentity& identity) const;
 
@@ -74,12 +75,13 @@ class SystemAdapter {
   utils::Clock& clock_;
   const SystemHalInterface* table_ = nullptr;
 
-  std::mutex looking_;                  // held while the MAC is looked for, before mutex_
-  std::chrono::seconds look_pause_{0};  // looking_; 0 when there is nothing to look for
-  utils::Clock::TimePoint next_look_;   // looking_
-  std::mutex mutex_;
-  std::shared_ptr<const DeviceIdentity> identity_ = std::make_shared<DeviceIdentity>();  // mutex_
-  std::string uuid_;                                                                     // mutex_
+  utils::Mutex looking_;  // held while the MAC is looked for, before mutex_
+  std::chrono::seconds look_pause_ GUARDED_BY(looking_){0};  // 0 when there is nothing to look for
+  utils::Clock::TimePoint next_look_ GUARDED_BY(looking_);
+  mutable utils::Mutex mutex_;
+  std::shared_ptr<const DeviceIdentity> identity_ GUARDED_BY(mutex_) =
+      std::make_shared<DeviceIdentity>();
+  std::string uuid_ GUARDED_BY(mutex_);
 };
 
 }  // namespace varnel::hal_adapter

@@ -5,29 +5,34 @@
 namespace varnel::hal_adapter {
 
 /// What every platform operation returns. The value set is open: a child's exit status may be
-/// passed up as it is.
-using HalStatus = int32_t;
+/// passed up as it is, see FromExitCode().
+enum class [[nodiscard]] HalStatus : int32_t{
+    kSuccess = 0,
+    kFailure = -1,
+    kInvalidParameter = -2,
+    /// The platform layer also answers with this when an operation is not supported or failed.
+    kNoMemory = -3,
+    kNoResource = -4,
+    kTimeout = -5,
+    kBusy = -6,
+    kUnsupported = -7,
+    kInvalidState = -8,
+    kHardwareError = -9,
+    kInvalidCommandSet = -10,
+    kOpenFileFailed = -80,
+    kCloseFileFailed = -81,
+    kReadFileFailed = -82,
+    kWriteFileFailed = -83,
+    kMapFileFailed = -84,
+    kUnmapFileFailed = -85,
+    kFileNotFound = -86,
+    kFileFormatError = -87,
+};
 
-inline constexpr HalStatus kHalSuccess = 0;
-inline constexpr HalStatus kHalFailure = -1;
-inline constexpr HalStatus kHalInvalidParameter = -2;
-/// The platform layer also answers with this when an operation is not supported or failed.
-inline constexpr HalStatus kHalNoMemory = -3;
-inline constexpr HalStatus kHalNoResource = -4;
-inline constexpr HalStatus kHalTimeout = -5;
-inline constexpr HalStatus kHalBusy = -6;
-inline constexpr HalStatus kHalUnsupported = -7;
-inline constexpr HalStatus kHalInvalidState = -8;
-inline constexpr HalStatus kHalHardwareError = -9;
-inline constexpr HalStatus kHalInvalidCommandSet = -10;
-inline constexpr HalStatus kHalOpenFileFailed = -80;
-inline constexpr HalStatus kHalCloseFileFailed = -81;
-inline constexpr HalStatus kHalReadFileFailed = -82;
-inline constexpr HalStatus kHalWriteFileFailed = -83;
-inline constexpr HalStatus kHalMapFileFailed = -84;
-inline constexpr HalStatus kHalUnmapFileFailed = -85;
-inline constexpr HalStatus kHalFileNotFound = -86;
-inline constexpr HalStatus kHalFileFormatError = -87;
+/// The status of an operation that a program did: 0 is success, all else is passed up as it is.
+constexpr HalStatus FromExitCode(int32_t exit_code) {
+  return static_cast<HalStatus>(exit_code);
+}
 
 struct HalStatusText {
   HalStatus status;
@@ -35,25 +40,25 @@ struct HalStatusText {
 };
 
 inline constexpr HalStatusText kHalStatusTexts[] = {
-    {kHalSuccess, "success"},
-    {kHalFailure, "general failure"},
-    {kHalInvalidParameter, "invalid parameter"},
-    {kHalNoMemory, "no memory"},
-    {kHalNoResource, "no resource except memory"},
-    {kHalTimeout, "timeout"},
-    {kHalBusy, "resource is busy"},
-    {kHalUnsupported, "unsupported operation"},
-    {kHalInvalidState, "state is invalid for current operation"},
-    {kHalHardwareError, "hardware errors"},
-    {kHalInvalidCommandSet, "invalid command set"},
-    {kHalOpenFileFailed, "open file failed"},
-    {kHalCloseFileFailed, "close file failed"},
-    {kHalReadFileFailed, "read file failed"},
-    {kHalWriteFileFailed, "write file failed"},
-    {kHalMapFileFailed, "map file failed"},
-    {kHalUnmapFileFailed, "unmap file failed"},
-    {kHalFileNotFound, "file not found"},
-    {kHalFileFormatError, "file format error"},
+    {HalStatus::kSuccess, "success"},
+    {HalStatus::kFailure, "general failure"},
+    {HalStatus::kInvalidParameter, "invalid parameter"},
+    {HalStatus::kNoMemory, "no memory"},
+    {HalStatus::kNoResource, "no resource except memory"},
+    {HalStatus::kTimeout, "timeout"},
+    {HalStatus::kBusy, "resource is busy"},
+    {HalStatus::kUnsupported, "unsupported operation"},
+    {HalStatus::kInvalidState, "state is invalid for current operation"},
+    {HalStatus::kHardwareError, "hardware errors"},
+    {HalStatus::kInvalidCommandSet, "invalid command set"},
+    {HalStatus::kOpenFileFailed, "open file failed"},
+    {HalStatus::kCloseFileFailed, "close file failed"},
+    {HalStatus::kReadFileFailed, "read file failed"},
+    {HalStatus::kWriteFileFailed, "write file failed"},
+    {HalStatus::kMapFileFailed, "map file failed"},
+    {HalStatus::kUnmapFileFailed, "unmap file failed"},
+    {HalStatus::kFileNotFound, "file not found"},
+    {HalStatus::kFileFormatError, "file format error"},
 };
 
 /// The text of a status; "unknown error" for one that is not in the table.

@@ -15,8 +15,8 @@ namespace varnel::platform {
 /// What the deployment chooses for the system area.
 struct SystemSettings {
   /// The identity block: a file or block device, and its first byte in it.
-  std::string identity_device = "/dev/mmcblk0";
-  uint64_t identity_offset = 26'624;
+  std::string identity_device;
+  uint64_t identity_offset = 0;
   /// The key of an encrypted block; empty: there is none.
   std::string identity_key_file;
   /// Whether there is room for an archive; says so in the log when there is none.

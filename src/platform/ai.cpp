@@ -1,18 +1,17 @@
 #include "hal_interface/hal_register.h"
 #include "hal_interface/platform_init.h"
 #include "platform/copy_text.h"
+#include "utils/board_places.h"
 
 namespace varnel::platform {
 namespace {
 
 using hal_adapter::HalStatus;
 
-constexpr const char* kDetectResultDir = "/userdata/.tmp_detect_result";
-
 HalStatus GetBasicInfo(char* out) {
-  if (out == nullptr) return hal_adapter::kHalInvalidParameter;
-  copy_text(out, hal_adapter::kHalPathSize, kDetectResultDir);
-  return hal_adapter::kHalSuccess;
+  if (out == nullptr) return HalStatus::kInvalidParameter;
+  copy_text(out, hal_adapter::kHalPathSize, utils::board::kDetectionResults);
+  return HalStatus::kSuccess;
 }
 
 constexpr hal_adapter::AiHalInterface kTable = {GetBasicInfo};
@@ -21,7 +20,7 @@ constexpr hal_adapter::AiHalInterface kTable = {GetBasicInfo};
 
 HalStatus platform_ai_init() {
   hal_adapter::register_ai_hal(&kTable);
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 }  // namespace varnel::platform

@@ -25,17 +25,17 @@ HalStatus CheckCapabilities(CameraInstance& inst) {
   v4l2_capability capability{};
   if (!CameraControl(inst, VIDIOC_QUERYCAP, &capability)) {
     PLOG_ERROR(kTag, "VIDIOC_QUERYCAP failed");
-    return hal_adapter::kHalNoMemory;
+    return HalStatus::kNoMemory;
   }
   if ((capability.capabilities & V4L2_CAP_VIDEO_CAPTURE) == 0) {
     PLOG_ERROR(kTag, "Device does not support video capture");
-    return hal_adapter::kHalNoMemory;
+    return HalStatus::kNoMemory;
   }
   if ((capability.capabilities & V4L2_CAP_STREAMING) == 0) {
     PLOG_ERROR(kTag, "Device does not support streaming");
-    return hal_adapter::kHalNoMemory;
+    return HalStatus::kNoMemory;
   }
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 /// 0 for a format that we do not know: the driver chooses.
@@ -79,10 +79,10 @@ HalStatus SetFormat(CameraInstance& inst) {
   if (format.fmt.pix.pixelformat == 0) PLOG_WARN(kTag, "No format has been set.");
   if (!CameraControl(inst, VIDIOC_S_FMT, &format)) {
     PLOG_ERROR(kTag, "VIDIOC_S_FMT failed");
-    return hal_adapter::kHalNoMemory;
+    return HalStatus::kNoMemory;
   }
   inst.granted = format.fmt.pix;
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 HalStatus RequestBuffers(CameraInstance& inst) {
@@ -92,38 +92,38 @@ HalStatus RequestBuffers(CameraInstance& inst) {
   request.memory = V4L2_MEMORY_MMAP;
   if (!CameraControl(inst, VIDIOC_REQBUFS, &request)) {
     PLOG_ERROR(kTag, "VIDIOC_REQBUFS failed");
-    return hal_adapter::kHalNoMemory;
+    return HalStatus::kNoMemory;
   }
   if (request.count < kCameraBufferCount) {
     PLOG_ERROR(kTag, "Insufficient buffer memory");
-    return hal_adapter::kHalNoResource;
+    return HalStatus::kNoResource;
   }
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 /// Makes the opened device ready for mapping; the driver frees its buffers when the device is
 /// closed.
 HalStatus Configure(CameraInstance& inst) {
   HalStatus status = CheckCapabilities(inst);
-  if (status == hal_adapter::kHalSuccess) status = SetFormat(inst);
-  if (status == hal_adapter::kHalSuccess) status = RequestBuffers(inst);
+  if (status == HalStatus::kSuccess) status = SetFormat(inst);
+  if (status == HalStatus::kSuccess) status = RequestBuffers(inst);
   return status;
 }
 
 HalStatus CheckOpenable(const CameraInstance* inst, const CameraConfig* config) {
   if (inst == nullptr || inst->info == nullptr || config == nullptr) {
     PLOG_ERROR(kTag, "The input parameter inst or info or config is NULL");
-    return hal_adapter::kHalInvalidParameter;
+    return HalStatus::kInvalidParameter;
   }
   if (inst->state != CAMERA_STATE_INITIALISED) {
     PLOG_ERROR(kTag, "The instance has not been initialized");
-    return hal_adapter::kHalUnsupported;
+    return HalStatus::kUnsupported;
   }
   if (inst->fd > 0) {
     PLOG_ERROR(kTag, "The camera device has been opened");
-    return hal_adapter::kHalInvalidState;
+    return HalStatus::kInvalidState;
   }
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 /// Converted as if it were what was asked for, such a frame gives a picture of nothing.
@@ -155,12 +155,12 @@ HalStatus FetchWholeFrame(CameraInstance& inst, CameraImage& image) {
   inst.padded = IsPadded(inst, image);
   if (!SetStream(inst, VIDIOC_STREAMOFF)) {
     PLOG_ERROR(kTag, "VIDIOC_STREAMOFF failed");
-    return hal_adapter::kHalNoMemory;
+    return HalStatus::kNoMemory;
   }
-  if (!inst.padded) return hal_adapter::kHalSuccess;
+  if (!inst.padded) return HalStatus::kSuccess;
   RefuseFrames(inst);
   image = {};
-  return hal_adapter::kHalNoMemory;
+  return HalStatus::kNoMemory;
 }
 
 }  // namespace
@@ -169,19 +169,19 @@ HalStatus camera_device_init(CameraInstance* inst, const CameraInfo* info, const
                              const V4l2Calls* calls) {
   if (inst == nullptr || info == nullptr || device_path == nullptr) {
     PLOG_ERROR(kTag, "The input parameter inst or info or device filepath is NULL");
-    return hal_adapter::kHalInvalidParameter;
+    return HalStatus::kInvalidParameter;
   }
   *inst = CameraInstance{};
   inst->info = info;
   inst->device_path = device_path;
   inst->calls = calls;
   inst->state = CAMERA_STATE_INITIALISED;
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 HalStatus camera_device_open(CameraInstance* inst, const CameraConfig* config) {
   HalStatus status = CheckOpenable(inst, config);
-  if (status != hal_adapter::kHalSuccess) return status;
+  if (status != HalStatus::kSuccess) return status;
   inst->width = config->width;
   inst->height = config->height;
   inst->pixel_format = config->pixel_format;
@@ -192,17 +192,17 @@ HalStatus camera_device_open(CameraInstance* inst, const CameraConfig* config) {
   if (inst->fd < 0) {
     PLOG_ERROR(kTag, "Open device %s failed, errno = %d", inst->device_path.c_str(), errno);
     inst->fd = -1;
-    return hal_adapter::kHalFailure;
+    return HalStatus::kFailure;
   }
   status = Configure(*inst);
-  if (status != hal_adapter::kHalSuccess) {
+  if (status != HalStatus::kSuccess) {
     inst->calls->close(inst->fd);
     inst->fd = -1;
     return status;
   }
   MapCameraBuffers(*inst);
   inst->state = CAMERA_STATE_OPENED;
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 bool camera_device_gives_what_was_asked(const CameraInstance& inst) {
@@ -215,22 +215,22 @@ bool camera_device_gives_what_was_asked(const CameraInstance& inst) {
 HalStatus camera_device_capture(CameraInstance* inst, CameraImage* image) {
   if (inst == nullptr || image == nullptr) {
     PLOG_ERROR(kTag, "The input parameter inst or image is NULL");
-    return hal_adapter::kHalInvalidParameter;
+    return HalStatus::kInvalidParameter;
   }
   if (inst->state != CAMERA_STATE_OPENED) {
     PLOG_ERROR(kTag, "The state of camera is not opened");
-    return hal_adapter::kHalInvalidState;
+    return HalStatus::kInvalidState;
   }
   if (!camera_device_gives_what_was_asked(*inst)) {
     RefuseFrames(*inst);
-    return hal_adapter::kHalNoMemory;
+    return HalStatus::kNoMemory;
   }
   for (uint32_t index = 0; index < kCameraBufferCount; ++index) {
     if (!QueueCameraBuffer(*inst, index)) PLOG_ERROR(kTag, "VIDIOC_QBUF failed");
   }
   if (!SetStream(*inst, VIDIOC_STREAMON)) {
     PLOG_ERROR(kTag, "VIDIOC_STREAMON failed");
-    return hal_adapter::kHalNoMemory;
+    return HalStatus::kNoMemory;
   }
   return FetchWholeFrame(*inst, *image);
 }
@@ -238,26 +238,26 @@ HalStatus camera_device_capture(CameraInstance* inst, CameraImage* image) {
 HalStatus camera_device_close(CameraInstance* inst) {
   if (inst == nullptr || inst->info == nullptr) {
     PLOG_ERROR(kTag, "The input parameter inst or info is NULL");
-    return hal_adapter::kHalInvalidParameter;
+    return HalStatus::kInvalidParameter;
   }
   if (inst->state == CAMERA_STATE_INITIALISED || inst->fd == -1) {
     PLOG_ERROR(kTag, "The state of camera is closed");
-    return hal_adapter::kHalInvalidState;
+    return HalStatus::kInvalidState;
   }
   PLOG_INFO(kTag, "Camera %s deinitialization", inst->info->name);
   UnmapCameraBuffers(*inst);
   if (inst->calls->close(inst->fd) != 0) {
     PLOG_ERROR(kTag, "Close device %s failed", inst->device_path.c_str());
-    return hal_adapter::kHalFailure;
+    return HalStatus::kFailure;
   }
   inst->state = CAMERA_STATE_INITIALISED;
   inst->fd = -1;
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 void camera_device_discard(CameraInstance* inst) {
   if (inst->state != CAMERA_STATE_OPENED) return;
-  if (camera_device_close(inst) == hal_adapter::kHalSuccess) return;
+  if (camera_device_close(inst) == HalStatus::kSuccess) return;
   // Linux gives the descriptor free even when close() reports an error.
   inst->state = CAMERA_STATE_INITIALISED;
   inst->fd = -1;
@@ -266,16 +266,16 @@ void camera_device_discard(CameraInstance* inst) {
 HalStatus camera_device_destroy(CameraInstance* inst) {
   if (inst == nullptr) {
     PLOG_ERROR(kTag, "The input parameter inst is NULL");
-    return hal_adapter::kHalInvalidParameter;
+    return HalStatus::kInvalidParameter;
   }
   if (inst->fd != -1) {
     PLOG_ERROR(kTag, "The device file has not been closed yet");
-    return hal_adapter::kHalBusy;
+    return HalStatus::kBusy;
   }
   inst->device_path.clear();
   inst->info = nullptr;
   inst->state = CAMERA_STATE_NOT_INITIALISED;
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 }  // namespace varnel::platform

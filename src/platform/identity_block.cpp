@@ -12,8 +12,6 @@
 namespace varnel::platform {
 namespace {
 
-using hal_adapter::HalStatus;
-using hal_adapter::kHalSuccess;
 using utils::SecretString;
 
 constexpr size_t kBlockSize = 1024;
@@ -25,82 +23,87 @@ constexpr char kFormatSealed = 1;
 constexpr std::string_view kJsonEnds("\0\xFF", 2);
 
 struct StatusText {
-  HalStatus status;
+  IdentityStatus status;
   const char* text;
 };
 constexpr StatusText kStatusTexts[] = {
-    {kIdentityReadFailed, "the storage cannot be read"},
-    {kIdentityNoKey, "the block is encrypted and there is no usable key file"},
-    {kIdentityNoMagic, "there is no identity block"},
-    {kIdentityNoJson, "the block holds no JSON object"},
-    {kIdentityNotAuthentic, "the block was changed or encrypted with another key"},
-    {kIdentityNoValue, "there is no usable text of that name"},
-    {kIdentityOtherFormat, "the block's format is not known"},
+    {IdentityStatus::kSuccess, "success"},
+    {IdentityStatus::kNullArgument, "general failure"},
+    {IdentityStatus::kReadFailed, "the storage cannot be read"},
+    {IdentityStatus::kNoKey, "the block is encrypted and there is no usable key file"},
+    {IdentityStatus::kNoMagic, "there is no identity block"},
+    {IdentityStatus::kNoJson, "the block holds no JSON object"},
+    {IdentityStatus::kNotAuthentic, "the block was changed or encrypted with another key"},
+    {IdentityStatus::kNoValue, "there is no usable text of that name"},
+    {IdentityStatus::kOtherFormat, "the block's format is not known"},
 };
 
-HalStatus ReadBlock(const IdentityStorage& storage, SecretString& block) {
+IdentityStatus ReadBlock(const IdentityStorage& storage, SecretString& block) {
   const utils::UniqueFd file = open_for_reading(storage.device);
   const bool whole = file && read_at(file, block, storage.offset) == ssize_t{kBlockSize};
-  return whole ? kHalSuccess : kIdentityReadFailed;
+  return whole ? IdentityStatus::kSuccess : IdentityStatus::kReadFailed;
 }
 
 /// The payload of a sealed block: nonce, ciphertext and tag.
-HalStatus OpenSealed(const std::string& key_file, std::string_view payload, SecretString& json) {
+IdentityStatus OpenSealed(const std::string& key_file, std::string_view payload,
+                          SecretString& json) {
   const std::optional<SecretString> key =
       key_file.empty() ? std::nullopt : read_identity_key(key_file);
-  if (!key) return kIdentityNoKey;
+  if (!key) return IdentityStatus::kNoKey;
   const std::string_view sealed = payload.substr(kIdentityNonceSize);
   const size_t text_size = sealed.size() - kIdentityTagSize;
   std::optional<SecretString> text =
       open_sealed(*key, payload.substr(0, kIdentityNonceSize), sealed.substr(0, text_size),
                   sealed.substr(text_size));
-  if (!text) return kIdentityNotAuthentic;
+  if (!text) return IdentityStatus::kNotAuthentic;
   json = std::move(*text);
-  return kHalSuccess;
+  return IdentityStatus::kSuccess;
 }
 
 /// The block's JSON with whatever follows it.
-HalStatus ReadJson(const IdentityStorage& storage, SecretString& json) {
+IdentityStatus ReadJson(const IdentityStorage& storage, SecretString& json) {
   SecretString block(kBlockSize);
-  if (const HalStatus status = ReadBlock(storage, block); status != kHalSuccess) return status;
-  if (!block.Text().starts_with(kMagic)) return kIdentityNoMagic;
+  if (const IdentityStatus status = ReadBlock(storage, block); status != IdentityStatus::kSuccess)
+    return status;
+  if (!block.Text().starts_with(kMagic)) return IdentityStatus::kNoMagic;
   const std::string_view payload = block.Text().substr(kPayloadStart);
   switch (block.Text()[kMagic.size()]) {
     case kFormatClear:
       json = SecretString(payload);
-      return kHalSuccess;
+      return IdentityStatus::kSuccess;
     case kFormatSealed:
       return OpenSealed(storage.key_file, payload, json);
     default:
-      return kIdentityOtherFormat;
+      return IdentityStatus::kOtherFormat;
   }
 }
 
 }  // namespace
 
-const char* identity_error_string(HalStatus status) {
+const char* identity_error_string(IdentityStatus status) {
   for (const StatusText& entry : kStatusTexts) {
     if (entry.status == status) return entry.text;
   }
-  return hal_adapter::hal_error_string(status);
+  return "unknown error";
 }
 
-HalStatus read_identity_value(const IdentityStorage* storage, const char* key, char* out,
-                              size_t size) {
+IdentityStatus read_identity_value(const IdentityStorage* storage, const char* key, char* out,
+                                   size_t size) {
   if (storage == nullptr || key == nullptr || out == nullptr || size == 0) {
-    return kIdentityNullArgument;
+    return IdentityStatus::kNullArgument;
   }
   SecretString json;
-  if (const HalStatus status = ReadJson(*storage, json); status != kHalSuccess) return status;
+  if (const IdentityStatus status = ReadJson(*storage, json); status != IdentityStatus::kSuccess)
+    return status;
   SecretString value;
   const std::string_view text = json.Text().substr(0, json.Text().find_first_of(kJsonEnds));
   const SecretJsonStatus status = read_string_member(text, key, value);
-  if (status == SecretJsonStatus::kInvalid) return kIdentityNoJson;
+  if (status == SecretJsonStatus::kInvalid) return IdentityStatus::kNoJson;
   const bool usable = status == SecretJsonStatus::kFound && value.Text().size() < size &&
                       value.Text().find('\0') == std::string_view::npos;
-  if (!usable) return kIdentityNoValue;
+  if (!usable) return IdentityStatus::kNoValue;
   copy_text(out, size, value.Text());
-  return kHalSuccess;
+  return IdentityStatus::kSuccess;
 }
 
 }  // namespace varnel::platform

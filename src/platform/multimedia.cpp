@@ -65,29 +65,29 @@ struct Multimedia {
 Multimedia multimedia;
 
 HalStatus GetCameraCount(uint32_t* count) {
-  if (count == nullptr) return hal_adapter::kHalInvalidParameter;
+  if (count == nullptr) return HalStatus::kInvalidParameter;
   *count = 1;
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 HalStatus GetCameraInfo(uint32_t id, CameraInfo* info) {
   PLOG_INFO(kTag, "Get camera %d information", static_cast<int>(id));
-  if (info == nullptr || multimedia.selected == nullptr) return hal_adapter::kHalInvalidParameter;
+  if (info == nullptr || multimedia.selected == nullptr) return HalStatus::kInvalidParameter;
   *info = multimedia.selected->info;
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 HalStatus GetCameraState(uint32_t id, uint32_t* state) {
   PLOG_INFO(kTag, "Get camera %d state", static_cast<int>(id));
-  if (state == nullptr) return hal_adapter::kHalInvalidParameter;
+  if (state == nullptr) return HalStatus::kInvalidParameter;
   *state = multimedia.camera.state;
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 HalStatus OpenCamera(uint32_t /*id*/, const CameraConfig* config) {
   if (config == nullptr && multimedia.selected == nullptr) {
     PLOG_ERROR(kTag, "The configuration has not been set and there is no default configuration");
-    return hal_adapter::kHalInvalidParameter;
+    return HalStatus::kInvalidParameter;
   }
   if (multimedia.camera.state == hal_adapter::CAMERA_STATE_INITIALISED) {
     multimedia.wanted = true;
@@ -113,7 +113,7 @@ const char* WhyUseless(const CameraInstance& camera, HalStatus status, bool empt
   if (camera.state != hal_adapter::CAMERA_STATE_OPENED) return nullptr;
   if (camera.device_lost) return "gone";
   if (!camera_device_gives_what_was_asked(camera)) return "giving wrong frames";
-  if (status != hal_adapter::kHalSuccess) return "out of order";
+  if (status != HalStatus::kSuccess) return "out of order";
   if (empty && LacksBuffers(camera)) return "without buffers";
   return multimedia.frames_missed >= kMaxFramesMissed ? "silent" : nullptr;
 }
@@ -150,8 +150,8 @@ std::array<Mark, 3> MarksOf(const MultimediaBoard& board) {
 HalStatus SelectAgain() {
   multimedia.marks = MarksOf(multimedia.board);
   const CommandOutput answer = ProbeSensor(kLaterProbeLimitMs);
-  if (answer.status != 0 || &CameraFor(answer) == multimedia.selected) {
-    return hal_adapter::kHalSuccess;
+  if (answer.exit_code != 0 || &CameraFor(answer) == multimedia.selected) {
+    return HalStatus::kSuccess;
   }
   PLOG_WARN(kTag, "From now on the camera is the %s", CameraFor(answer).info.name);
   camera_device_discard(&multimedia.camera);
@@ -163,12 +163,12 @@ HalStatus SelectAgain() {
 HalStatus MakeReady(bool& just_opened) {
   CameraInstance& camera = multimedia.camera;
   const bool closed = camera.state == hal_adapter::CAMERA_STATE_INITIALISED;
-  if (!multimedia.wanted) return hal_adapter::kHalSuccess;
+  if (!multimedia.wanted) return HalStatus::kSuccess;
   if (closed || multimedia.marks != MarksOf(multimedia.board)) {
     const HalStatus selected = SelectAgain();
-    if (selected != hal_adapter::kHalSuccess) return selected;
+    if (selected != HalStatus::kSuccess) return selected;
   }
-  if (camera.state != hal_adapter::CAMERA_STATE_INITIALISED) return hal_adapter::kHalSuccess;
+  if (camera.state != hal_adapter::CAMERA_STATE_INITIALISED) return HalStatus::kSuccess;
   just_opened = true;
   const CameraConfig& fallback = multimedia.selected->default_config;
   const CameraConfig config = multimedia.config.value_or(fallback);
@@ -181,7 +181,7 @@ HalStatus Capture(CameraInstance& camera, CameraImage& image, bool just_opened) 
   for (int left = just_opened ? kWarmUpFrames : 0;; --left) {
     image = {};
     const HalStatus status = camera_device_capture(&camera, &image);
-    const bool failed = status != hal_adapter::kHalSuccess || image.size == 0;
+    const bool failed = status != HalStatus::kSuccess || image.size == 0;
     if (failed || left == 0 || camera.calls->now_ms() >= deadline) return status;
   }
 }
@@ -191,7 +191,7 @@ HalStatus TakePhoto(uint32_t id, CameraImage* image) {
   if (image == nullptr) return camera_device_capture(&camera, image);
   bool just_opened = false;
   const HalStatus ready = MakeReady(just_opened);
-  if (ready != hal_adapter::kHalSuccess) return ready;
+  if (ready != HalStatus::kSuccess) return ready;
   const HalStatus status = Capture(camera, *image, just_opened);
   const bool lost = camera.device_lost;
   multimedia.frames_missed = image->size == 0 ? multimedia.frames_missed + 1 : 0;
@@ -206,7 +206,7 @@ HalStatus TakePhoto(uint32_t id, CameraImage* image) {
   camera.device_lost = false;
   multimedia.frames_missed = 0;
   *image = {};  // it pointed into the buffers
-  return lost && status == hal_adapter::kHalSuccess ? hal_adapter::kHalNoMemory : status;
+  return lost && status == HalStatus::kSuccess ? HalStatus::kNoMemory : status;
 }
 
 constexpr hal_adapter::MultimediaHalInterface kTable = {
@@ -221,8 +221,8 @@ HalStatus multimedia_init(const MultimediaBoard& board) {
   multimedia.marks = MarksOf(board);
   const CommandOutput answer = ProbeSensor(kProbeLimitMs);
   // A bus that cannot be asked counts as held.
-  const HalStatus status = Select(answer.status != 0 ? kMipiCamera : CameraFor(answer));
-  if (status == hal_adapter::kHalSuccess) hal_adapter::register_multimedia_hal(&kTable);
+  const HalStatus status = Select(answer.exit_code != 0 ? kMipiCamera : CameraFor(answer));
+  if (status == HalStatus::kSuccess) hal_adapter::register_multimedia_hal(&kTable);
   return status;
 }
 
@@ -234,7 +234,8 @@ void platform_multimedia_shutdown() {
   if (multimedia.camera.state == hal_adapter::CAMERA_STATE_OPENED) {
     camera_device_discard(&multimedia.camera);
   }
-  static_cast<void>(camera_device_destroy(&multimedia.camera));
+  (void)camera_device_destroy(
+      &multimedia.camera);  // discarded: nothing is open that it would refuse
   multimedia = {};
 }
 

@@ -19,16 +19,16 @@ constexpr uint32_t kCommandLimitMs = 10 * 60'000;
 constexpr size_t kOutputLimit = 512;
 
 /// A program that was killed has not finished what it wrote.
-bool WasKilled(HalStatus status) {
-  return status < 0 || status > 128;
+bool WasKilled(int32_t exit_code) {
+  return exit_code < 0 || exit_code > 128;
 }
 
-HalStatus Run(utils::SafeExec& command) {
+int32_t Run(utils::SafeExec& command) {
   const CommandOutput output = run_command(command.SetTimeout(kCommandLimitMs), kOutputLimit);
-  if (output.status != 0 && !output.problem.empty()) {
+  if (output.exit_code != 0 && !output.problem.empty()) {
     PLOG_WARN(kTag, "%s", utils::LogText(output.problem, kOutputLimit).c_str());
   }
-  return output.status;
+  return output.exit_code;
 }
 
 bool IsArchivable(const std::string& source) {
@@ -52,15 +52,15 @@ void Archive(const DataBoard& board, const DataArchive& archive, const std::stri
     return;
   }
   if (!IsArchivable(archive.source)) return;
-  HalStatus status = hal_adapter::kHalFailure;
+  int32_t exit_code = -1;
   if (utils::HasRoom(board.has_space, target)) {
     utils::SafeExec command(board.tar);
     command.AddArg("zhcvf").AddArg(target).AddArg("-C").AddArg(archive.source).AddArg(".");
-    status = Run(command);
+    exit_code = Run(command);
     std::error_code ignored;
-    if (WasKilled(status)) fs::remove(target, ignored);
+    if (WasKilled(exit_code)) fs::remove(target, ignored);
   }
-  if (status != 0) PLOG_ERROR(kTag, "Collect platform data (%s) failed", archive.name.c_str());
+  if (exit_code != 0) PLOG_ERROR(kTag, "Collect platform data (%s) failed", archive.name.c_str());
 }
 
 void CopyFile(const std::string& cp, const DataType& data, const std::string& out_dir) {
@@ -103,16 +103,16 @@ const std::vector<DataType>& board_data_types() {
 }
 
 HalStatus collect_platform_data(const DataBoard& board, uint32_t type, const char* out_dir) {
-  if (out_dir == nullptr) return hal_adapter::kHalInvalidParameter;
+  if (out_dir == nullptr) return HalStatus::kInvalidParameter;
   if (type >= board.types->size()) {
     PLOG_WARN(kTag, "Unsupported platform data type %d", static_cast<int>(type));
-    return hal_adapter::kHalNoMemory;
+    return HalStatus::kNoMemory;
   }
   const DataType& data = (*board.types)[type];
   PLOG_INFO(kTag, "%s", data.announcement);
   for (const DataArchive& archive : data.archives) Archive(board, archive, out_dir);
   CopyFile(board.cp, data, out_dir);
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 }  // namespace varnel::platform

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "hal_interface/hal_status.h"
+#include "utils/board_places.h"
 #include "utils/free_space.h"
 
 namespace varnel::platform {
@@ -29,7 +30,7 @@ struct DataType {
 const std::vector<DataType>& board_data_types();
 
 struct DataBoard {
-  std::string tar = "/usr/bin/tar";
+  std::string tar = utils::board::kTar;
   std::string cp = "/usr/bin/cp";
   const std::vector<DataType>* types = &board_data_types();
   /// Whether there is room for a file; says so in the log when there is none.

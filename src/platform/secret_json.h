@@ -8,7 +8,7 @@
 /// nobody can wipe, so it gets to see only the structure; the texts are decoded here.
 namespace varnel::platform {
 
-enum class SecretJsonStatus { kFound, kInvalid, kNoString };
+enum class [[nodiscard]] SecretJsonStatus{kFound, kInvalid, kNoString};
 
 /// The string member `name` of the object in `text`; of members of the same name the last one
 /// counts. kInvalid: no JSON, not UTF-8 throughout, or no object; kNoString: the member is missing

@@ -17,13 +17,13 @@ constexpr std::array<const char*, 4> kPaths = {"/etc", "/home/ruxo/printer_data"
                                                "/tmp"};
 
 HalStatus GetPath(uint32_t type, char* out, size_t size) {
-  if (out == nullptr || size == 0) return hal_adapter::kHalInvalidParameter;
+  if (out == nullptr || size == 0) return HalStatus::kInvalidParameter;
   if (type >= kPaths.size()) {
     PLOG_ERROR(kTag, "Unsupported type");
-    return hal_adapter::kHalNoMemory;
+    return HalStatus::kNoMemory;
   }
   copy_text(out, size, kPaths[type]);
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 constexpr hal_adapter::StorageHalInterface kTable = {GetPath};
@@ -32,7 +32,7 @@ constexpr hal_adapter::StorageHalInterface kTable = {GetPath};
 
 HalStatus platform_storage_init() {
   hal_adapter::register_storage_hal(&kTable);
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 }  // namespace varnel::platform

@@ -33,7 +33,7 @@ HalStatus GetDeviceInfo(hal_adapter::DeviceInfo* info) {
 }
 
 HalStatus Check(const void* pointer) {
-  return pointer != nullptr ? hal_adapter::kHalSuccess : hal_adapter::kHalInvalidParameter;
+  return pointer != nullptr ? HalStatus::kSuccess : HalStatus::kInvalidParameter;
 }
 
 HalStatus UpgradeFirmware(uint32_t target, const char* package) {
@@ -47,11 +47,11 @@ HalStatus CollectPlatformData(uint32_t type, const char* out_dir) {
 /// The caller reboots.
 HalStatus PrepareReboot() {
   PLOG_INFO(kTag, "Preparing to reboot...");
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 HalStatus Reserved() {
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 constexpr hal_adapter::SystemHalInterface kTable = {
@@ -78,7 +78,7 @@ HalStatus platform_system_init(const SystemSettings& settings) {
     System& system = TheSystem();
     system.upgrade_leftovers.Keep(UpgradeOutput::FindIn(system.upgrade.output_dir));
   });
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 std::vector<std::filesystem::path> platform_places() {

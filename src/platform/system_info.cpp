@@ -16,7 +16,6 @@ namespace varnel::platform {
 namespace {
 
 using hal_adapter::HalStatus;
-using hal_adapter::kHalSuccess;
 using namespace std::chrono_literals;
 
 constexpr const char* kTag = "IMSYS";
@@ -45,16 +44,16 @@ constexpr VersionBand kVersionBands[] = {
     {500, 610, "V4"},    {650, 760, "V5"}, {790, 900, "V6"}, {980, INT_MAX, "V7"},
 };
 
-void LogWhy(const char* key, HalStatus status) {
+void LogWhy(const char* key, IdentityStatus status) {
   PLOG_WARN(kTag, "%s of the identity block: %s", key, identity_error_string(status));
 }
 
 template <size_t Size>
-HalStatus ReadKey(const SystemInfoBoard& board, const char* key, char (&field)[Size]) {
-  HalStatus status = kHalSuccess;
+IdentityStatus ReadKey(const SystemInfoBoard& board, const char* key, char (&field)[Size]) {
+  IdentityStatus status = IdentityStatus::kSuccess;
   for (int i = 0; i < kReadTries; ++i) {
     status = read_identity_value(&board.identity, key, field, Size);
-    if (status == kHalSuccess) break;
+    if (status == IdentityStatus::kSuccess) break;
   }
   return status;
 }
@@ -77,9 +76,9 @@ bool IsName(std::string_view text) {
 template <size_t Size>
 void ReadName(const SystemInfoBoard& board, const char* key, const char* failure,
               char (&field)[Size]) {
-  HalStatus status = ReadKey(board, key, field);
-  if (status == kHalSuccess && IsName(field)) return;
-  if (status == kHalSuccess) status = kIdentityNoValue;
+  IdentityStatus status = ReadKey(board, key, field);
+  if (status == IdentityStatus::kSuccess && IsName(field)) return;
+  if (status == IdentityStatus::kSuccess) status = IdentityStatus::kNoValue;
   PLOG_WARN(kTag, "%s", failure);
   LogWhy(key, status);
   copy_text(field, kUnreadable);
@@ -88,10 +87,10 @@ void ReadName(const SystemInfoBoard& board, const char* key, const char* failure
 template <size_t Size>
 void ReadDeviceKey(const SystemInfoBoard& board, char (&field)[Size]) {
   constexpr const char* kKey = "PrivateKey";
-  HalStatus status = kHalSuccess;
+  IdentityStatus status = IdentityStatus::kSuccess;
   for (int i = 0; i < kDeviceKeyAttempts; ++i) {
     status = ReadKey(board, kKey, field);
-    if (status == kHalSuccess) return;
+    if (status == IdentityStatus::kSuccess) return;
     PLOG_WARN(kTag, "Get MY failed, retry");
     copy_text(field, kUnreadable);
     board.clock->SleepFor(kDeviceKeyPause);
@@ -172,7 +171,7 @@ std::string ProcessorSerial(const std::string& file) {
 
 HalStatus get_device_info(const SystemInfoBoard& board, const char* unknown_version,
                           hal_adapter::DeviceInfo* info) {
-  if (info == nullptr) return hal_adapter::kHalInvalidParameter;
+  if (info == nullptr) return HalStatus::kInvalidParameter;
   *info = {};
   ReadName(board, "SerialNumber", "Unknown serial number", info->serial_number);
   ReadName(board, "ProductCode", "Unknown product code", info->product_code);
@@ -182,7 +181,7 @@ HalStatus get_device_info(const SystemInfoBoard& board, const char* unknown_vers
   copy_text(info->hardware_version, HardwareVersion(board.hardware_adc, unknown_version));
   copy_text(info->mac, MacAddress(board));
   copy_text(info->processor_serial, ProcessorSerial(board.processor));
-  return kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 }  // namespace varnel::platform

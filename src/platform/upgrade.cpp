@@ -33,7 +33,7 @@ HalStatus RunGuarded(utils::SafeExec& command, const UpgradeOutput& output) {
   } catch (const std::system_error& error) {
     PLOG_WARN(kTag, "The output of the upgrade is not kept short: %s", error.what());
   }
-  return run_command(command, 0).status;
+  return hal_adapter::FromExitCode(run_command(command, 0).exit_code);
 }
 
 HalStatus RunScript(const UpgradeBoard& board, UpgradeLeftovers& leftovers, const char* package) {
@@ -42,7 +42,7 @@ HalStatus RunScript(const UpgradeBoard& board, UpgradeLeftovers& leftovers, cons
   std::optional<UpgradeOutput> output = UpgradeOutput::Create(board.output_dir);
   // A pipe would kill the script at its next output once the daemon is gone; a file does not.
   command.SetOutputFile(output ? output->Path() : "/dev/null");
-  if (!output) return run_command(command, 0).status;
+  if (!output) return hal_adapter::FromExitCode(run_command(command, 0).exit_code);
   const HalStatus status = RunGuarded(command, *output);
   LogLines(output->Beginning());
   std::vector<UpgradeOutput> ended;
@@ -61,12 +61,12 @@ HalStatus upgrade_firmware(const UpgradeBoard& board, UpgradeLeftovers& leftover
                            const char* package) {
   if (target != kMainTarget) {
     PLOG_ERROR(kTag, "Do not support upgrading the target %d", static_cast<int>(target));
-    return hal_adapter::kHalNoMemory;
+    return HalStatus::kNoMemory;
   }
-  if (package == nullptr) return hal_adapter::kHalInvalidParameter;
+  if (package == nullptr) return HalStatus::kInvalidParameter;
   PLOG_INFO(kTag, "Prepare for upgrading target %d", static_cast<int>(target));
   const HalStatus status = RunScript(board, leftovers, package);
-  if (status != hal_adapter::kHalSuccess) PLOG_ERROR(kTag, "Upgrade failed");
+  if (status != HalStatus::kSuccess) PLOG_ERROR(kTag, "Upgrade failed");
   return status;
 }
 

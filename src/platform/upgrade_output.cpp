@@ -7,14 +7,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <iterator>
 #include <system_error>
 #include <utility>
 
+#include "utils/descriptor_path.h"
 #include "utils/log_printf.h"
-#include "utils/thread.h"
 
 namespace varnel::platform {
 namespace {
@@ -37,19 +36,6 @@ bool IsOurs(const utils::UniqueFd& file) {
          info.st_uid == ::geteuid() && info.st_nlink == 1;
 }
 
-/// Whatever stands at its path now.
-std::string SameFile(const utils::UniqueFd& file) {
-  return "/proc/self/fd/" + std::to_string(file.Get());
-}
-
-/// False when the guard is to end.
-bool Pause(const std::stop_token& stop, std::chrono::milliseconds time) {
-  std::mutex mutex;
-  std::condition_variable_any wake;
-  std::unique_lock lock(mutex);
-  return !wake.wait_for(lock, stop, time, [&] { return stop.stop_requested(); });
-}
-
 bool EndedAndRemoved(const UpgradeOutput& output) {
   if (output.InUse()) return false;
   output.Remove();
@@ -70,7 +56,7 @@ std::optional<UpgradeOutput> UpgradeOutput::Create(const std::string& directory)
   const utils::UniqueFd made(::mkostemp(path.data(), O_CLOEXEC));
   if (!made) return std::nullopt;
   // Our own descriptor must not count as a writer: see InUse().
-  utils::UniqueFd file(::open(SameFile(made).c_str(), O_RDONLY | O_CLOEXEC));
+  utils::UniqueFd file(::open(utils::DescriptorPath(made.Get()).c_str(), O_RDONLY | O_CLOEXEC));
   UpgradeOutput output(std::move(path), std::move(file));
   if (output.file_) return output;
   output.Remove();
@@ -101,7 +87,8 @@ std::string UpgradeOutput::Beginning() const {
 void UpgradeOutput::CutIfLong() const {
   struct stat info {};
   if (::fstat(file_.Get(), &info) != 0 || info.st_size <= static_cast<off_t>(kLimit)) return;
-  const utils::UniqueFd file(::open(SameFile(file_).c_str(), O_WRONLY | O_CLOEXEC));
+  const utils::UniqueFd file(
+      ::open(utils::DescriptorPath(file_.Get()).c_str(), O_WRONLY | O_CLOEXEC));
   if (!file || ::ftruncate(file.Get(), kKept) != 0) {
     PLOG_WARN(kTag, "The output of the upgrade cannot be cut, errno = %d", errno);
   }
@@ -120,20 +107,21 @@ void UpgradeOutput::Remove() const {
 }
 
 UpgradeOutputGuard::UpgradeOutputGuard(const UpgradeOutput& output)
-    : thread_(utils::SpawnGuarded(kThread, kTag, [&output](const std::stop_token& stop) {
-        do output.CutIfLong();
-        while (Pause(stop, kLookPause));
-      })) {}
+    : thread_(kThread, kTag, utils::SystemClock::Instance(),
+              [&output](const utils::PausingThread::Pause& pause) {
+                do output.CutIfLong();
+                while (pause(kLookPause));
+              }) {}
 
 void UpgradeLeftovers::Keep(std::vector<UpgradeOutput> outputs) {
-  const std::lock_guard lock(mutex_);
-  thread_ = {};
+  const utils::MutexLock lock(mutex_);
+  thread_.reset();
   std::move(outputs.begin(), outputs.end(), std::back_inserter(outputs_));
   std::erase_if(outputs_, EndedAndRemoved);
   if (outputs_.empty()) return;
   try {
-    thread_ = utils::SpawnGuarded(kThread, kTag,
-                                  [this](const std::stop_token& stop) { LookAfterAll(stop); });
+    thread_.emplace(kThread, kTag, utils::SystemClock::Instance(),
+                    [this](const utils::PausingThread::Pause& pause) { LookAfterAll(pause); });
   } catch (const std::system_error& error) {
     PLOG_WARN(kTag, "The output that an upgrade goes on writing is not looked after: %s",
               error.what());
@@ -141,15 +129,15 @@ void UpgradeLeftovers::Keep(std::vector<UpgradeOutput> outputs) {
 }
 
 void UpgradeLeftovers::Release() {
-  const std::lock_guard lock(mutex_);
-  thread_ = {};
+  const utils::MutexLock lock(mutex_);
+  thread_.reset();
 }
 
-void UpgradeLeftovers::LookAfterAll(const std::stop_token& stop) {
+void UpgradeLeftovers::LookAfterAll(const utils::PausingThread::Pause& pause) {
   do {
     for (const UpgradeOutput& output : outputs_) output.CutIfLong();
     std::erase_if(outputs_, EndedAndRemoved);
-  } while (!outputs_.empty() && Pause(stop, kLeftoverPause));
+  } while (!outputs_.empty() && pause(kLeftoverPause));
 }
 
 }  // namespace varnel::platform

@@ -1,14 +1,13 @@
 #pragma once
 
 #include <filesystem>
-#include <mutex>
 #include <optional>
-#include <stop_token>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "utils/mutex.h"
 #include "utils/owned.h"
+#include "utils/pausing_thread.h"
 
 namespace varnel::platform {
 
@@ -48,7 +47,7 @@ class UpgradeOutputGuard {
   explicit UpgradeOutputGuard(const UpgradeOutput& output);
 
  private:
-  std::jthread thread_;
+  utils::PausingThread thread_;
 };
 
 /// The files of scripts that have ended, or of earlier daemons: they are kept short as long as a
@@ -63,11 +62,11 @@ class UpgradeLeftovers {
   void Release();
 
  private:
-  void LookAfterAll(const std::stop_token& stop);
+  void LookAfterAll(const utils::PausingThread::Pause& pause);
 
-  std::mutex mutex_;
+  utils::Mutex mutex_;
   std::vector<UpgradeOutput> outputs_;  // the thread's while there is one, else mutex_
-  std::jthread thread_;                 // mutex_
+  std::optional<utils::PausingThread> thread_ GUARDED_BY(mutex_);
 };
 
 }  // namespace varnel::platform

@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <memory>
-#include <mutex>
 #include <string_view>
 #include <utility>
 
@@ -14,6 +13,7 @@
 #include "utils/atomic_file.h"
 #include "utils/log_printf.h"
 #include "utils/log_text.h"
+#include "utils/mutex.h"
 #include "utils/thread.h"
 
 namespace varnel::platform {
@@ -28,8 +28,8 @@ using Device = utils::Owned<udev_device, udev_device_unref>;
 using Enumeration = utils::Owned<udev_enumerate, udev_enumerate_unref>;
 
 struct Singleton {
-  std::mutex mutex;
-  std::unique_ptr<USBMonitor> monitor;
+  utils::Mutex mutex;
+  std::unique_ptr<USBMonitor> monitor GUARDED_BY(mutex);
 };
 
 Singleton& TheSingleton() {
@@ -50,13 +50,13 @@ bool IsUsbDisk(udev_device* device) {
 
 void USBMonitor::Start(UsbMonitorBoard board) {
   Singleton& singleton = TheSingleton();
-  const std::lock_guard lock(singleton.mutex);
+  const utils::MutexLock lock(singleton.mutex);
   if (!singleton.monitor) singleton.monitor = std::make_unique<USBMonitor>(std::move(board));
 }
 
 void USBMonitor::Stop() {
   Singleton& singleton = TheSingleton();
-  const std::lock_guard lock(singleton.mutex);
+  const utils::MutexLock lock(singleton.mutex);
   singleton.monitor.reset();
 }
 
@@ -191,9 +191,9 @@ bool USBMonitor::Announce(hal_adapter::HalEventType type, const std::string& dir
   record.type = type;
   copy_text(record.payload, directory);
   const hal_adapter::HalStatus status = board_.post(&record);
-  if (status != hal_adapter::kHalSuccess)
-    PLOG_WARN(kTag, "Failed to post USB drive event, err is %d", status);
-  return status == hal_adapter::kHalSuccess;
+  if (status != hal_adapter::HalStatus::kSuccess)
+    PLOG_WARN(kTag, "Failed to post USB drive event, err is %d", static_cast<int>(status));
+  return status == hal_adapter::HalStatus::kSuccess;
 }
 
 /// Nothing when the drive is not mounted in time or the monitor is to end.

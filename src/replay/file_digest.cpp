@@ -1,4 +1,5 @@
 #include "replay/file_digest.h"
+#include "utils/last_error.h"
 
 #include <fmt/format.h>
 
@@ -49,7 +50,7 @@ FileDigest DigestOf(const std::filesystem::path& file,
     piece(read);
     digest.bytes += read.size();
   }
-  if (in.bad() || !in.eof()) throw std::system_error(errno, std::generic_category(), file.string());
+  if (in.bad() || !in.eof()) throw std::system_error(utils::LastError(), file.string());
   digest.sha256 = sum.Hex();
   return digest;
 }

@@ -168,9 +168,9 @@ Judgement PictureJudge::Judge(const Turn& turn) {
   const service::AnalysisResult result =
       analysis_->DetectPicture(PathOf(turn.picture).string(), Request(turn.status));
   judgement.milliseconds = MillisecondsSince(start);
-  judgement.code = result.code;
+  judgement.code = result.Code();
   judgement.message = result.Message();
-  if (result.code == service::kAnalysisSuccess) Fill(result, judgement);
+  if (result.status == service::AnalysisStatus::kSuccess) Fill(result, judgement);
   judgement.annotated = KeepAnnotated(turn.picture);
   return judgement;
 }

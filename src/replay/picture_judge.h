@@ -50,7 +50,7 @@ struct Find {
 struct Judgement {
   std::string picture;
   std::string status;
-  int32_t code = 0;  ///< service::AnalysisCode; without 0 everything below stays empty
+  int32_t code = 0;  ///< service::AnalysisStatus; without 0 everything below stays empty
   std::string message;
   nlohmann::json statistics = nlohmann::json::object();
   std::vector<Find> finds;             ///< at the thresholds asked for

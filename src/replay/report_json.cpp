@@ -1,4 +1,5 @@
 #include "replay/report_json.h"
+#include "utils/last_error.h"
 
 #include <cerrno>
 #include <cmath>
@@ -197,7 +198,7 @@ Json ScoringJson(const Scoring& scoring) {
 Json ReadReport(const std::filesystem::path& file,
                 const std::function<void(const Json&)>& picture) {
   std::ifstream in(file, std::ios::binary);
-  if (!in) throw std::system_error(errno, std::generic_category(), file.string());
+  if (!in) throw std::system_error(utils::LastError(), file.string());
   std::string member;
   const auto take = [&](int depth, Json::parse_event_t event, const Json& parsed) {
     if (depth == kMembers && event == Json::parse_event_t::key) member = parsed.get<std::string>();

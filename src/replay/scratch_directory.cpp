@@ -1,4 +1,5 @@
 #include "replay/scratch_directory.h"
+#include "utils/last_error.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -9,7 +10,7 @@ namespace varnel::replay {
 ScratchDirectory::ScratchDirectory(const std::filesystem::path& parent) {
   std::string name = (parent / ".replay-XXXXXX").string();
   if (::mkdtemp(name.data()) == nullptr)
-    throw std::system_error(errno, std::generic_category(), parent.string());
+    throw std::system_error(utils::LastError(), parent.string());
   path_ = name;
 }
 

@@ -9,6 +9,7 @@
 #include <initializer_list>
 #include <system_error>
 
+#include "utils/last_error.h"
 #include "utils/log_text.h"
 
 namespace varnel::replay {
@@ -18,7 +19,7 @@ namespace {
 constexpr const char* kNewLine = "\r\033[K";
 
 [[noreturn]] void Fail(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
+  throw std::system_error(utils::LastError(), what);
 }
 
 std::FILE* CopyOfStandardOutput() {

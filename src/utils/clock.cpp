@@ -16,9 +16,9 @@ void SystemClock::SleepFor(std::chrono::milliseconds time) {
   std::this_thread::sleep_for(time);
 }
 
-bool SystemClock::WaitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& wake,
-                            TimePoint deadline, const std::function<bool()>& ready) {
-  return wake.wait_until(lock, deadline, ready);
+bool SystemClock::WaitUntil(MutexLock& lock, Condition& wake, TimePoint deadline,
+                            const std::function<bool()>& ready) {
+  return wake.WaitUntil(lock, deadline, ready);
 }
 
 SystemClock& SystemClock::Instance() {

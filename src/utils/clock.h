@@ -1,9 +1,9 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
+
+#include "utils/mutex.h"
 
 namespace varnel::utils {
 
@@ -19,8 +19,8 @@ class Clock {
   virtual WallTime WallNow() const = 0;
   virtual void SleepFor(std::chrono::milliseconds time) = 0;
   /// Waits on `wake` until `ready` or `deadline`; returns what `ready` says at the end.
-  virtual bool WaitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& wake,
-                         TimePoint deadline, const std::function<bool()>& ready) = 0;
+  virtual bool WaitUntil(MutexLock& lock, Condition& wake, TimePoint deadline,
+                         const std::function<bool()>& ready) = 0;
 };
 
 /// The machine's own clocks.
@@ -29,8 +29,8 @@ class SystemClock : public Clock {
   TimePoint Now() const override;
   WallTime WallNow() const override;
   void SleepFor(std::chrono::milliseconds time) override;
-  bool WaitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& wake,
-                 TimePoint deadline, const std::function<bool()>& ready) override;
+  bool WaitUntil(MutexLock& lock, Condition& wake, TimePoint deadline,
+                 const std::function<bool()>& ready) override;
   /// The process-wide instance that default arguments use.
   static SystemClock& Instance();
 };

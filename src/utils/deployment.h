@@ -23,7 +23,6 @@ struct Deployment {
 /// Reads the file once at start. A missing file means defaults; a broken one or one over 1 MiB the
 /// same with a warning. An unknown key or a wrong value is warned about by its path, and that key
 /// keeps its default.
-[[nodiscard]] Deployment LoadDeployment(
-    const std::filesystem::path& file = "/etc/varnel/deployment.json");
+[[nodiscard]] Deployment LoadDeployment(const std::filesystem::path& file);
 
 }  // namespace varnel::utils

@@ -5,21 +5,42 @@
 #include <ctime>
 
 namespace varnel::utils {
+namespace {
 
-std::optional<std::string> LocalTimeDigits(int64_t seconds) {
+/// The year counts from 0, the month from 1.
+std::optional<std::tm> LocalTime(int64_t seconds) {
   const auto time = static_cast<std::time_t>(seconds);
   std::tm local{};
   // localtime_r alone reads the zone once in the life of a process.
   ::tzset();
-  if (!localtime_r(&time, &local)) {
-    return std::nullopt;
-  }
-  const int64_t year = int64_t{local.tm_year} + 1900;
-  if (year < 1 || year > 9999) {
-    return std::nullopt;
-  }
-  return fmt::format("{:04}{:02}{:02}{:02}{:02}{:02}", year, local.tm_mon + 1, local.tm_mday,
-                     local.tm_hour, local.tm_min, local.tm_sec);
+  if (!localtime_r(&time, &local)) return std::nullopt;
+  constexpr int kEpoch = 1900;
+  if (local.tm_year < 1 - kEpoch || local.tm_year > 9999 - kEpoch) return std::nullopt;
+  local.tm_year += kEpoch;
+  ++local.tm_mon;
+  return local;
+}
+
+}  // namespace
+
+std::optional<std::string> LocalTimeDigits(int64_t seconds) {
+  const auto local = LocalTime(seconds);
+  if (!local) return std::nullopt;
+  return fmt::format("{:04}{:02}{:02}{:02}{:02}{:02}", local->tm_year, local->tm_mon,
+                     local->tm_mday, local->tm_hour, local->tm_min, local->tm_sec);
+}
+
+std::optional<std::string> LocalDate(int64_t seconds) {
+  const auto local = LocalTime(seconds);
+  if (!local) return std::nullopt;
+  return fmt::format("{:04}-{:02}-{:02}", local->tm_year, local->tm_mon, local->tm_mday);
+}
+
+std::optional<std::string> LocalTimeText(int64_t seconds) {
+  const auto local = LocalTime(seconds);
+  if (!local) return std::nullopt;
+  return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}", local->tm_year, local->tm_mon,
+                     local->tm_mday, local->tm_hour, local->tm_min, local->tm_sec);
 }
 
 }  // namespace varnel::utils

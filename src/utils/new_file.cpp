@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "utils/descriptor_path.h"
 #include "utils/last_error.h"
 #include "utils/temporary_name.h"
 #include "utils/write_all.h"
@@ -77,7 +78,7 @@ NewFile::~NewFile() {
 }
 
 std::error_code NewFile::Link(const std::string& name) const {
-  const std::string self = "/proc/self/fd/" + std::to_string(Fd());
+  const std::string self = DescriptorPath(Fd());
   const int linked =
       ::linkat(AT_FDCWD, self.c_str(), place_->directory.Fd(), name.c_str(), AT_SYMLINK_FOLLOW);
   return linked == 0 ? std::error_code{} : LastError();

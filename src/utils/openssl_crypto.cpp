@@ -51,12 +51,12 @@ void OpenSSLCrypto::EncryptFile(const std::filesystem::path& input,
 }
 
 std::vector<uint8_t> OpenSSLCrypto::Salt() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return salt_;
 }
 
 OpenSSLCrypto::Material OpenSSLCrypto::NextMaterial() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   RenewSalt();
   if (mode_ == SaltMode::kRandomPerFile) {
     return {salt_, DeriveKey()};

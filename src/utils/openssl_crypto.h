@@ -2,11 +2,11 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "utils/mutex.h"
 #include "utils/secret.h"
 
 namespace varnel::utils {
@@ -50,17 +50,18 @@ class OpenSSLCrypto {
   };
 
   Material NextMaterial();
-  void RenewSalt();
-  SecretString DeriveKey() const;
+  void RenewSalt() REQUIRES(mutex_);
+  SecretString DeriveKey() const REQUIRES(mutex_);
 
   const std::string name_;
   const SecretString password_;
   const uint32_t iterations_;
   const SaltMode mode_;
-  mutable std::mutex mutex_;  // guards the next three
-  std::vector<uint8_t> salt_;
-  bool salt_made_ = false;
-  SecretString key_;  // empty until derived, and always with a salt for each file
+  mutable Mutex mutex_;
+  std::vector<uint8_t> salt_ GUARDED_BY(mutex_);
+  bool salt_made_ GUARDED_BY(mutex_) = false;
+  SecretString key_
+      GUARDED_BY(mutex_);  // empty until derived, and always with a salt for each file
 };
 
 }  // namespace varnel::utils

@@ -28,14 +28,14 @@ void ReportedDrives::Add(const fs::path& directory) {
   if (!directory.is_absolute() || !directory.has_relative_path()) {
     return;
   }
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (std::find(drives_.begin(), drives_.end(), directory) == drives_.end()) {
     drives_.push_back(directory);
   }
 }
 
 bool ReportedDrives::Hold(const HeldDirectory& directory) const {
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   const std::vector<fs::path> drives = drives_;
   lock.unlock();  // a dying drive can block what follows
   return std::any_of(drives.begin(), drives.end(),

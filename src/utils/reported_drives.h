@@ -1,10 +1,10 @@
 #pragma once
 
 #include <filesystem>
-#include <mutex>
 #include <vector>
 
 #include "utils/held_directory.h"
+#include "utils/mutex.h"
 
 namespace varnel::utils {
 
@@ -29,8 +29,8 @@ class ReportedDrives {
   bool IsOn(const HeldDirectory& directory, const std::filesystem::path& drive) const;
 
   const MountCheck is_mount_point_;
-  mutable std::mutex mutex_;
-  std::vector<std::filesystem::path> drives_;  // mutex_
+  mutable Mutex mutex_;
+  std::vector<std::filesystem::path> drives_ GUARDED_BY(mutex_);
 };
 
 }  // namespace varnel::utils

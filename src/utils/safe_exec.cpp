@@ -298,6 +298,14 @@ SafeExec::Result SafeExec::Supervise(int pid, Outputs outputs) const {
   return result;
 }
 
+utils::Result<SafeExec::Result, std::string> SafeExec::TryExecute() {
+  try {
+    return Execute();
+  } catch (const SafeExecException& error) {
+    return std::string(error.what());
+  }
+}
+
 std::future<SafeExec::Result> SafeExec::ExecuteAsync() {
   return std::async([this] { return Execute(); });
 }

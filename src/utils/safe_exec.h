@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "utils/owned.h"
+#include "utils/result.h"
 #include "utils/standstill.h"
 
 namespace varnel::utils {
@@ -61,6 +62,8 @@ class SafeExec {
   /// Runs the command and waits for its end. Throws SafeExecException when no process could be
   /// started.
   [[nodiscard]] Result Execute();
+  /// The same for a caller that goes on without the program: the text of why none could be started.
+  utils::Result<Result, std::string> TryExecute();
   [[nodiscard]] std::future<Result> ExecuteAsync();
   /// The command line for log lines; never fed to a shell.
   [[nodiscard]] std::string ToString() const;

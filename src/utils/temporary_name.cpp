@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "utils/descriptor_path.h"
 #include "utils/directory_entries.h"
 #include "utils/owned.h"
 
@@ -16,11 +17,6 @@ namespace varnel::utils {
 namespace {
 
 namespace fs = std::filesystem;
-
-/// Stays the same directory whatever its name leads to.
-std::string ListingOf(int directory) {
-  return "/proc/self/fd/" + std::to_string(directory);
-}
 
 /// Held until the result is closed, so that nobody begins to use it meanwhile; nothing when
 /// somebody does.
@@ -81,7 +77,7 @@ int CreateHeldFile(int directory, const char* path) {
 
 void RemoveFilesIn(int directory) {
   std::error_code ignored;
-  ForEachEntry(ListingOf(directory), ignored, [directory](const fs::directory_entry& entry) {
+  ForEachEntry(DescriptorPath(directory), ignored, [directory](const fs::directory_entry& entry) {
     ::unlinkat(directory, entry.path().filename().c_str(), 0);
   });
 }
@@ -95,7 +91,7 @@ void RemoveLeftovers(const fs::path& directory, Leftovers which) {
 
 void RemoveLeftovers(const HeldDirectory& directory, Leftovers which) {
   std::error_code ignored;
-  ForEachEntry(ListingOf(directory.Fd()), ignored, [&](const fs::directory_entry& entry) {
+  ForEachEntry(DescriptorPath(directory.Fd()), ignored, [&](const fs::directory_entry& entry) {
     const std::string name = entry.path().filename().string();
     if (name.starts_with(kTemporaryPrefix)) {
       RemoveLeftover(directory.Fd(), name.c_str(), which);

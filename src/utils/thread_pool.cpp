@@ -25,31 +25,31 @@ ThreadPool::~ThreadPool() {
 void ThreadPool::Stop() {
   std::deque<Task> dropped;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     stopped_ = true;
     dropped.swap(tasks_);
   }
-  wake_.notify_all();
+  wake_.NotifyAll();
   dropped.clear();  // before the join: whoever waits for one of them need not wait for the running
                     // ones
-  const std::lock_guard lock(join_mutex_);
+  const MutexLock lock(join_mutex_);
   workers_.clear();
 }
 
 size_t ThreadPool::QueueSize() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return tasks_.size();
 }
 
 void ThreadPool::Enqueue(Task task) {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (stopped_) {
       throw std::runtime_error("enqueue on stopped ThreadPool");
     }
     tasks_.push_back(std::move(task));
   }
-  wake_.notify_one();
+  wake_.NotifyOne();
 }
 
 void ThreadPool::Work() {
@@ -63,8 +63,8 @@ void ThreadPool::Work() {
 }
 
 bool ThreadPool::TakeTask(Task& task) {
-  std::unique_lock lock(mutex_);
-  wake_.wait(lock, [this] { return stopped_ || !tasks_.empty(); });
+  MutexLock lock(mutex_);
+  wake_.Wait(lock, [this]() REQUIRES(mutex_) { return stopped_ || !tasks_.empty(); });
   if (stopped_) {
     return false;
   }

@@ -1,17 +1,17 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include "utils/mutex.h"
 
 namespace varnel::utils {
 
@@ -57,12 +57,12 @@ class ThreadPool {
   void Work();
   bool TakeTask(Task& task);
 
-  mutable std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<Task> tasks_;  // mutex_
-  bool stopped_ = false;    // mutex_
-  std::mutex join_mutex_;
-  std::vector<std::jthread> workers_;  // join_mutex_
+  mutable Mutex mutex_;
+  Condition wake_;
+  std::deque<Task> tasks_ GUARDED_BY(mutex_);
+  bool stopped_ GUARDED_BY(mutex_) = false;
+  Mutex join_mutex_;
+  std::vector<std::jthread> workers_ GUARDED_BY(join_mutex_);
 };
 
 }  // namespace varnel::utils

@@ -5,10 +5,10 @@
 namespace varnel::utils {
 
 bool Turn::Take(std::chrono::milliseconds limit) {
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   const uint64_t ticket = ++last_ticket_;
   line_.push_back(ticket);
-  const auto first = [&] { return line_.front() == ticket; };
+  const auto first = [&]() REQUIRES(mutex_) { return line_.front() == ticket; };
   if (clock_.WaitUntil(lock, changed_, clock_.Now() + limit, first)) return true;
   line_.erase(std::find(line_.begin(), line_.end(), ticket));
   return false;  // was not first, so nobody's turn changes
@@ -16,10 +16,10 @@ bool Turn::Take(std::chrono::milliseconds limit) {
 
 void Turn::Give() {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     line_.pop_front();
   }
-  changed_.notify_all();
+  changed_.NotifyAll();
 }
 
 }  // namespace varnel::utils

@@ -1,12 +1,11 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <mutex>
 
 #include "utils/clock.h"
+#include "utils/mutex.h"
 
 namespace varnel::utils {
 
@@ -38,10 +37,10 @@ class Turn {
   void Give();
 
   Clock& clock_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  uint64_t last_ticket_ = 0;     // guarded by mutex_
-  std::deque<uint64_t> line_{};  // whose turn it is, then who waits; guarded by mutex_
+  Mutex mutex_;
+  Condition changed_;
+  uint64_t last_ticket_ GUARDED_BY(mutex_) = 0;
+  std::deque<uint64_t> line_ GUARDED_BY(mutex_){};  // whose turn it is, then who waits
 };
 
 }  // namespace varnel::utils

@@ -15,8 +15,9 @@ WriteBehind::WriteBehind(int fd, size_t block_size) : fd_(fd), block_size_(block
 WriteBehind::~WriteBehind() = default;
 
 char* WriteBehind::NextBlock() {
-  std::unique_lock lock(mutex_);
-  changed_.wait(lock, [this] { return filled_ - written_ < blocks_.size() || error_; });
+  MutexLock lock(mutex_);
+  changed_.wait(
+      lock, [this]() REQUIRES(mutex_) { return filled_ - written_ < blocks_.size() || error_; });
   if (error_) {
     return nullptr;
   }
@@ -25,7 +26,7 @@ char* WriteBehind::NextBlock() {
 }
 
 void WriteBehind::Put(size_t size) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   At(filled_).size = size;
   ++filled_;
   if (filled_ - wanted_ >= kBatch) {
@@ -35,17 +36,18 @@ void WriteBehind::Put(size_t size) {
 }
 
 std::error_code WriteBehind::Finish() {
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   wanted_ = filled_;
   changed_.notify_all();
-  changed_.wait(lock, [this] { return filled_ == written_ || error_; });
+  changed_.wait(lock, [this]() REQUIRES(mutex_) { return filled_ == written_ || error_; });
   return error_;
 }
 
 void WriteBehind::WriteBlocks(const std::stop_token& stop) {
-  std::unique_lock lock(mutex_);
-  while (!error_ && changed_.wait(lock, stop, [this] { return written_ < wanted_; }) &&
-         !stop.stop_requested()) {
+  MutexLock lock(mutex_);
+  while (!error_ && changed_.wait(lock, stop, [this]() REQUIRES(mutex_) {
+    return written_ < wanted_;
+  }) && !stop.stop_requested()) {
     const Block& block = At(written_);
     lock.unlock();
     const std::error_code error =

@@ -3,11 +3,12 @@
 #include <array>
 #include <condition_variable>
 #include <cstddef>
-#include <mutex>
 #include <stop_token>
 #include <string>
 #include <system_error>
 #include <thread>
+
+#include "utils/mutex.h"
 
 namespace varnel::utils {
 
@@ -46,11 +47,11 @@ class WriteBehind {
   const int fd_;
   const size_t block_size_;
   std::array<Block, kBlocks> blocks_;  // a block belongs to the producer until filled_ passes it
-  std::mutex mutex_;                   // guards the next four
-  size_t filled_ = 0;
-  size_t written_ = 0;
-  size_t wanted_ = 0;  // the thread is to write at least up to here
-  std::error_code error_;
+  Mutex mutex_;
+  size_t filled_ GUARDED_BY(mutex_) = 0;
+  size_t written_ GUARDED_BY(mutex_) = 0;
+  size_t wanted_ GUARDED_BY(mutex_) = 0;  // the thread is to write at least up to here
+  std::error_code error_ GUARDED_BY(mutex_);
   std::condition_variable_any changed_;
   std::jthread thread_;  // last: it uses the others
 };

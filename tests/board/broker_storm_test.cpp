@@ -4,12 +4,10 @@
 
 #include <iostream>
 #include <random>
-#include <set>
 #include <thread>
 
 #include "board/request_ledger.h"
 #include "board/run_inside.h"
-#include "support/eventually.h"
 #include "virtual_board/client/daemon_talk.h"
 
 namespace varnel::board {
@@ -65,7 +63,7 @@ class Storm {
     if (round % 4 == 3) {
       LoadBlindly(link, milliseconds(Random(0, 3000)));
     } else {
-      AwaitFirstAnswers(link);
+      AwaitService(link);
       Load(link, static_cast<size_t>(Random(20, 300)), round % 2 == 0);
     }
     EXPECT_TRUE(board_.KillBroker(round % 3 == 0 ? SIGTERM : SIGKILL));
@@ -75,23 +73,8 @@ class Storm {
     ASSERT_TRUE(board_.StartBroker());
   }
 
-  /// Sends until each topic is answered once: from then on the daemon is there.
-  void AwaitFirstAnswers(MqttLink& link) {
-    const size_t first = ledger_.Size();
-    std::map<std::string, std::set<size_t>> probes;
-    EXPECT_TRUE(test::Eventually(
-        [&] {
-          for (const char* topic : RequestLedger::kTopics) {
-            probes[topic].insert(ledger_.Probe(link, topic));
-          }
-          while (const auto message = link.Receive(20ms)) ledger_.Take(*message);
-          return std::all_of(probes.begin(), probes.end(), [&](const auto& sent) {
-            return std::any_of(sent.second.begin(), sent.second.end(),
-                               [&](size_t id) { return ledger_.Answered(id); });
-          });
-        },
-        kReturnLimit))
-        << "not back after its broker, requests from " << first << " on";
+  void AwaitService(MqttLink& link) {
+    EXPECT_TRUE(ledger_.AwaitService(link, kReturnLimit)) << "not back after its broker";
     watched_from_ = ledger_.Size();
   }
 
@@ -138,7 +121,7 @@ class Storm {
   ProcessCounters CalmCounters() {
     MqttLink link = LinkTo(board_, "load");
     link.Subscribe("+/response", 0);
-    AwaitFirstAnswers(link);
+    AwaitService(link);
     Load(link, 200, true);
     return board_.DaemonCounters();
   }
@@ -162,16 +145,7 @@ class Storm {
 TEST(BrokerStormTest, EveryRequestThatReachesTheDaemonRunsOnceAndIsAnsweredOnce) {
   const unsigned seed = std::random_device()();
   std::cout << "seed " << seed << "\n";
-  std::vector<std::jthread> threads;
-  for (unsigned board = 0; board < kBoards; ++board) {
-    threads.emplace_back([seed, board] {
-      try {
-        Storm(seed + board).Run();
-      } catch (const std::exception& error) {
-        ADD_FAILURE() << "board " << board << ": " << error.what();
-      }
-    });
-  }
+  OnThreads(kBoards, [seed](size_t board) { Storm(seed + static_cast<unsigned>(board)).Run(); });
 }
 
 }  // namespace

@@ -37,9 +37,11 @@ std::set<fs::path> FilesOf(const Board& board) {
 
 class DaemonLifeTest : public testing::Test {
  protected:
-  void StartWithoutCamera(const Board& board, const std::vector<std::string>& arguments) {
+  /// Returns when it connects to the broker.
+  static void Start(const Board& board, const DaemonConsole& console) {
     board.SetCameraFaults("unplug");  // saves the camera's warm-up
-    ASSERT_TRUE(board.StartDaemon(arguments));
+    ASSERT_TRUE(board.StartDaemon({"-v"}));
+    ASSERT_TRUE(console.AwaitText(kConnecting, 30s));
   }
   static void ExpectCleanStop(const Board& board) {
     ASSERT_TRUE(board.SignalDaemon(SIGIO)) << "what a broken lease brings does not end it";
@@ -68,8 +70,7 @@ TEST_F(DaemonLifeTest, LogsToTheConsoleOnlyAndGoesOnWithoutASystemProgram) {
   options.binds.emplace_back(host.Write("ffmpeg", "no program"), "/usr/bin/ffmpeg");
   const Board board(options);
   DaemonConsole console(board);
-  StartWithoutCamera(board, {"-v"});
-  ASSERT_TRUE(console.AwaitText(kConnecting, 30s));
+  ASSERT_NO_FATAL_FAILURE(Start(board, console));
   EXPECT_THAT(console.Text(),
               AllOf(ContainsRegex("Signal handler initialized\n.*Output logs to console\n"
                                   ".*Start Varnel Service \\.\\.\\.\n"),
@@ -91,8 +92,7 @@ TEST_F(DaemonLifeTest, ChildrenCountWhoeverStartsItAndATerminationSignalEndsTheW
       host.WriteScript("daemon", "exec env --ignore-signal=CHLD /opt/varnel/daemon \"$@\"");
   const Board board(options);
   DaemonConsole console(board);
-  StartWithoutCamera(board, {"-v"});
-  ASSERT_TRUE(console.AwaitText(kConnecting, 30s));
+  ASSERT_NO_FATAL_FAILURE(Start(board, console));
   ExpectCleanStop(board);
   EXPECT_THAT(console.Text(), AllOf(HasSubstr("System program tar is located in /usr/bin/tar"),
                                     Not(HasSubstr("is not exists")), HasSubstr("Shutdown complete"),
@@ -102,8 +102,7 @@ TEST_F(DaemonLifeTest, ChildrenCountWhoeverStartsItAndATerminationSignalEndsTheW
 TEST_F(DaemonLifeTest, ABrokerThatIsLateIsReportedOnceAndFound) {
   const Board board(WithoutBroker());
   DaemonConsole console(board);
-  StartWithoutCamera(board, {"-v"});
-  ASSERT_TRUE(console.AwaitText(kConnecting, 30s));
+  ASSERT_NO_FATAL_FAILURE(Start(board, console));
   EXPECT_FALSE(console.AwaitText(kUnreachable, 8s));
   ASSERT_TRUE(console.AwaitText(kUnreachable, 5s));
   ASSERT_TRUE(console.AwaitText("local MQTT disconnected, reconnecting...", 5s));
@@ -123,8 +122,7 @@ TEST_F(DaemonLifeTest, ACrashLeavesItsReportInTheSystemLog) {
                                      std::pair(SIGBUS, "SIGBUS"), std::pair(SIGILL, "SIGILL")}) {
     console.Mark();
     const size_t before = board.SystemLog().size();
-    StartWithoutCamera(board, {"-v"});
-    ASSERT_TRUE(console.AwaitText(kConnecting, 30s));
+    ASSERT_NO_FATAL_FAILURE(Start(board, console));
     ASSERT_TRUE(board.SignalDaemon(number));
     EXPECT_EQ(board.AwaitDaemonEnd(), 128 + number);
     EXPECT_THAT(board.SystemLog().substr(before),

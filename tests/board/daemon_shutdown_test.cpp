@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <iostream>
-#include <mutex>
 #include <random>
 #include <thread>
 
@@ -121,7 +120,7 @@ class MortalDaemon {
     MqttLink link = LinkTo(board_, "load");
     link.Subscribe("+/response", 0);
     RequestLedger ledger;
-    AwaitService(link, ledger);
+    ASSERT_TRUE(ledger.AwaitService(link, 10s));  // what comes before it has subscribed is lost
     link.Publish("camera/request",
                  R"({"jsonrpc":"2.0","id":"photo","method":"camera.take_a_photo",)"
                  R"("params":{"reason":"debug","filepath":"/userdata/p.jpg"}})");
@@ -133,17 +132,6 @@ class MortalDaemon {
         ledger.Take(*message);
       }
     }
-  }
-
-  /// What is sent before the daemon has subscribed is lost.
-  static void AwaitService(MqttLink& link, RequestLedger& ledger) {
-    std::optional<Message> answer;
-    for (int i = 0; i < 100 && !answer; ++i) {
-      ledger.Probe(link, RequestLedger::kTopics[0]);
-      answer = link.Receive(100ms);
-    }
-    ASSERT_TRUE(answer);
-    ledger.Take(*answer);
   }
 
   std::optional<int> AwaitEnd() {
@@ -167,22 +155,12 @@ class MortalDaemon {
 };
 
 std::vector<Moment> RandomMoments(unsigned seed) {
+  constexpr int kLongest[] = {6500, 13000, 2500};  // by situation, in milliseconds
   std::mt19937 random(seed);
-  const auto within = [&random](int limit) {
-    return milliseconds(std::uniform_int_distribution<int>(0, limit)(random));
-  };
   std::vector<Moment> moments;
   for (int i = 0; i < kMoments; ++i) {
-    switch (i % 3) {
-      case 0:
-        moments.push_back({Situation::kStarting, within(6500)});
-        break;
-      case 1:
-        moments.push_back({Situation::kBrokerAbsent, within(13000)});
-        break;
-      default:
-        moments.push_back({Situation::kLoaded, within(2500)});
-    }
+    std::uniform_int_distribution<int> delay(0, kLongest[i % 3]);
+    moments.push_back({static_cast<Situation>(i % 3), milliseconds(delay(random))});
   }
   return moments;
 }
@@ -199,17 +177,10 @@ TEST_F(DaemonShutdownTest, AHundredRandomMomentsAllEndInOrder) {
   std::cout << "seed " << seed << "\n";
   const std::vector<Moment> moments = RandomMoments(seed);
   std::atomic<size_t> next{0};
-  std::vector<std::jthread> threads;
-  for (size_t board = 0; board < kBoards; ++board) {
-    threads.emplace_back([&] {
-      try {
-        MortalDaemon daemon(endless_converter_);
-        for (size_t i = next++; i < moments.size(); i = next++) daemon.LiveAndDie(moments[i]);
-      } catch (const std::exception& error) {
-        ADD_FAILURE() << error.what();
-      }
-    });
-  }
+  OnThreads(kBoards, [&](size_t) {
+    MortalDaemon daemon(endless_converter_);
+    for (size_t i = next++; i < moments.size(); i = next++) daemon.LiveAndDie(moments[i]);
+  });
 }
 
 TEST_F(DaemonShutdownTest, ASecondSignalEndsItAtOnce) {

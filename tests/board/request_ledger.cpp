@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "support/eventually.h"
 #include "virtual_board/client/daemon_talk.h"
 #include "virtual_board/client/rpc_caller.h"
 
@@ -67,6 +68,22 @@ size_t RequestLedger::Probe(MqttLink& link, const std::string& topic) {
   if (topic == "camera") return Send(link, {topic, "camera.get_status", nullptr, Status(), ""});
   const std::string method = "system.unknown_" + std::to_string(entries_.size());
   return Send(link, {topic, method, nullptr, NotFound(method), kUnknown});
+}
+
+bool RequestLedger::AwaitService(MqttLink& link, std::chrono::milliseconds limit) {
+  const auto first = static_cast<std::ptrdiff_t>(entries_.size());
+  const auto is_there = [&](const std::string& topic) {
+    return std::any_of(entries_.begin() + first, entries_.end(), [&](const Entry& entry) {
+      return entry.topic == topic && entry.answers > 0;
+    });
+  };
+  return test::Eventually(
+      [&] {
+        for (const char* topic : kTopics) Probe(link, topic);
+        while (const auto message = link.Receive(std::chrono::milliseconds(20))) Take(*message);
+        return std::all_of(std::begin(kTopics), std::end(kTopics), is_there);
+      },
+      limit);
 }
 
 json RequestLedger::Request(size_t id, const Entry& entry) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -19,10 +20,12 @@ class RequestLedger {
   size_t Send(MqttLink& link);
   /// Sends a cheap request on this topic.
   size_t Probe(MqttLink& link, const std::string& topic);
+  /// Probes all topics until each has answered: from then on the daemon is there. False when it is
+  /// not within the limit.
+  [[nodiscard]] bool AwaitService(MqttLink& link, std::chrono::milliseconds limit);
   /// Takes an answer in, which may belong to any request sent so far.
   void Take(const Message& message);
 
-  [[nodiscard]] bool Answered(size_t id) const { return entries_.at(id).answers > 0; }
   /// How many of the requests from this number on are not answered.
   [[nodiscard]] size_t Open(size_t from) const;
   [[nodiscard]] size_t Size() const { return entries_.size(); }

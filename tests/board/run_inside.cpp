@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "virtual_board/common/process.h"
@@ -50,6 +51,19 @@ BootOptions DaemonOptions() {
   options.start_daemon = false;
   PassSanitizerSettings(options);
   return options;
+}
+
+void OnThreads(size_t count, const std::function<void(size_t)>& run) {
+  std::vector<std::jthread> threads;
+  for (size_t i = 0; i < count; ++i) {
+    threads.emplace_back([&run, i] {
+      try {
+        run(i);
+      } catch (const std::exception& error) {
+        ADD_FAILURE() << "thread " << i << ": " << error.what();
+      }
+    });
+  }
 }
 
 Board& TheBoard() {

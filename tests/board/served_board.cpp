@@ -1,5 +1,6 @@
 #include "board/served_board.h"
 
+#include <gtest/gtest.h>
 #include <signal.h>
 
 #include <fstream>
@@ -21,6 +22,10 @@ ServedBoard::ServedBoard(BootOptions options, const Preparation& prepare)
     : board(std::move(options)), rpc(board) {
   if (prepare) prepare(board);
   if (!board.StartDaemon()) throw std::runtime_error("the daemon does not start");
+}
+
+ServedBoard::~ServedBoard() {
+  for (const std::string& problem : rpc.Problems()) ADD_FAILURE() << problem;
 }
 
 json ServedBoard::Photo(const std::string& path, int64_t timestamp) {

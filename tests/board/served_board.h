@@ -15,6 +15,8 @@ struct ServedBoard {
   using Preparation = std::function<void(const Board& board)>;
 
   explicit ServedBoard(BootOptions options, const Preparation& prepare = {});
+  /// What broke the contract is a failure of the running test.
+  ~ServedBoard();
 
   /// Takes a photo for a client: {"result": ...} or {"error": ...}.
   nlohmann::json Photo(const std::string& path, int64_t timestamp = 0);

@@ -196,6 +196,7 @@ TEST_F(TimelapseTest, APrintBecomesAFilmThatPlaysAndLeavesNoTraceWhenDeleted) {
     if (slow_join) Fault(*served, "play");
     const CodedScene scene(served->board);
     EXPECT_EQ(Start(*served, "new", frame_rate), Success());
+    const size_t answers_at_start = served->rpc.Answers().size();
     std::vector<unsigned> expected = {kPhotos};  // the cover is the last photo
     for (unsigned i = 1; i <= kPhotos; ++i) {
       scene.Show(i);
@@ -203,6 +204,7 @@ TEST_F(TimelapseTest, APrintBecomesAFilmThatPlaysAndLeavesNoTraceWhenDeleted) {
       expected.push_back(i);
     }
     EXPECT_EQ(served->rpc.Call("camera.stop_timelapse", nullptr), Success());
+    const size_t answers_at_stop = served->rpc.Answers().size();
     const json film = AwaitFilm(*served);
     ASSERT_FALSE(film.is_null());
     const std::string video = WebFile(film, "video_url");
@@ -210,7 +212,10 @@ TEST_F(TimelapseTest, APrintBecomesAFilmThatPlaysAndLeavesNoTraceWhenDeleted) {
     EXPECT_EQ(scene.NumbersIn(*served, video), expected);
     if (slow_join) ExpectProgress(*served);
     EXPECT_TRUE(AwaitCompleted(*served, 1, "success"));
-    EXPECT_FALSE(served->rpc.Notifications("notify_camera_status_change").empty());
+    const auto changes = served->rpc.Notifications("notify_camera_status_change");
+    ASSERT_EQ(changes.size(), 2U);
+    EXPECT_GE(changes[0].answers, answers_at_start) << "its own answer comes first";
+    EXPECT_GE(changes[1].answers, answers_at_stop);
     // Its record is lost.
     (void)served->board.Shell("echo lost >/userdata/.tmp_timelapse/timelapse.json");
     served->Restart();
@@ -250,6 +255,11 @@ TEST_F(TimelapseTest, AnEncoderThatIsSlowOrKilledCostsTimeOnly) {
     answered_at_once("camera.get_status", nullptr);
   }
   answered_at_once("camera.stop_timelapse", nullptr);
+  const auto generates = [&] {
+    return served->board.DaemonLog().find("Generate progress task enter.") != std::string::npos;
+  };
+  EXPECT_TRUE(test::Eventually(generates, std::chrono::seconds(60)))
+      << "it begins with the segments that are missing";
   Fault(*served, "slow", false);
   Fault(*served, "cover.ts");
   EXPECT_TRUE(AwaitCompleted(*served, 1, "failed"));

@@ -2,8 +2,6 @@
 #include <gmock/gmock.h>
 #include <netdb.h>
 
-#include <filesystem>
-
 #include "board/cloud_side.h"
 #include "board/run_inside.h"
 #include "comms/client_kind.h"
@@ -95,14 +93,6 @@ INSTANTIATE_TEST_SUITE_P(
                     Pair{"ClientMissing", kHere, "8883", "ca.crt", "no-such"},
                     Pair{"ClientNone", kHere, "8883", "ca.crt", ""}),
     [](const auto& test) { return test.param.name; });
-
-TEST(TestCaTest, PrivateKeysArePrivate) {
-  StartCloud();
-  for (const auto& entry : std::filesystem::directory_iterator(CloudSide::File(""))) {
-    if (entry.path().extension() != ".key") continue;
-    EXPECT_EQ(entry.status().permissions(), std::filesystem::perms(0600)) << entry.path();
-  }
-}
 
 }  // namespace
 }  // namespace varnel::board

@@ -41,10 +41,13 @@ class ClientMqttAsyncTest : public ::testing::Test {
     paho_.Succeed(receive_maximum);
     ASSERT_TRUE(Eventually([&] { return client_.IsConnected(); }));
   }
-  void Reconnect() {
+  /// The connection is this event.
+  void Reconnect(size_t event) {
     const int before = paho_.connects;
     ASSERT_EQ(client_.Reconnect(), CommsStatus::kOk);
     ASSERT_TRUE(Eventually([&] { return paho_.connects > before; }));
+    paho_.Succeed();
+    EXPECT_EQ(Event(event).kind, Kind::kConnected);
   }
   CommsStatus Send(const std::string& payload, Qos qos = Qos::kAtMostOnce) {
     return client_.Send("t", qos, false, payload);
@@ -71,29 +74,6 @@ class ClientMqttAsyncTest : public ::testing::Test {
   ClientMqttAsync client_{"T", Qos::kAtMostOnce, paho_, clock_};
 };
 
-TEST_F(ClientMqttAsyncTest, Message257QueuedBehindABlockedListenerDropsTheOldest) {
-  std::latch entered(1);
-  std::latch gate(1);
-  test::Mailbox<std::string> seen;
-  (void)client_.AddListener("t", [&](const std::shared_ptr<MqttMessage>& message) {
-    if (message->payload == "blocker") {
-      entered.count_down();
-      gate.wait();
-    }
-    seen.Put(message->payload);
-  });
-  Connect();
-  paho_.Arrive("t", "blocker");
-  entered.wait();
-  for (int i = 0; i <= 256; ++i) paho_.Arrive("t", std::to_string(i));
-  EXPECT_EQ(log_.Count("MQTT", "T: queue full (256 messages), dropping oldest"), 1U);
-  gate.count_down();
-  const auto messages = seen.WaitFor(257);
-  ASSERT_EQ(messages.size(), 257U);
-  EXPECT_EQ(messages[1], "1") << "\"0\" was the oldest";
-  EXPECT_EQ(messages[256], "256");
-}
-
 TEST_F(ClientMqttAsyncTest, AnotherConnectReplacesTheHandle) {
   Connect();
   settings_.root_ca = "/ca";
@@ -111,56 +91,41 @@ TEST_F(ClientMqttAsyncTest, OneAttemptAtATime) {
   EXPECT_EQ(client_.Phase(), LinkPhase::kConnecting);
   EXPECT_EQ(client_.Connect(settings_), CommsStatus::kBusy);
   EXPECT_EQ(client_.Reconnect(), CommsStatus::kBusy);
-  EXPECT_TRUE(log_.Has("MQTT", "T: Connect called while already connecting, ignored"));
-  EXPECT_TRUE(log_.Has("MQTT", "T: already connecting, reconnect ignored"));
   EXPECT_EQ(paho_.connects, 1);
   paho_.Succeed();
   paho_.Succeed();  // the library may report twice
   EXPECT_EQ(Event(1).kind, Kind::kConnected);
-  EXPECT_EQ(log_.Count("MQTT", "T: connected successfully"), 1U);
 }
 
 TEST_F(ClientMqttAsyncTest, EveryFailedAttemptIsReportedOnceAndCanBeRepeated) {
   EXPECT_EQ(client_.Reconnect(), CommsStatus::kNotInitialized);
-  EXPECT_TRUE(log_.Has("MQTT", "T: reconnect called but client not initialized"));
-
-  paho_.create_code = -1;
-  EXPECT_EQ(client_.Connect(settings_), CommsStatus::kOk);
-  EXPECT_EQ(Event(1).kind, Kind::kFailed);
-  paho_.create_code = MQTTASYNC_SUCCESS;
-  paho_.callbacks_code = -1;
-  EXPECT_EQ(client_.Reconnect(), CommsStatus::kOk);
-  EXPECT_EQ(Event(2).kind, Kind::kFailed);
-  EXPECT_TRUE(log_.Has("MQTT", "T: failed to set callbacks, rc: -1"));
-  paho_.callbacks_code = MQTTASYNC_SUCCESS;
-  paho_.connect_code = -2;
-  EXPECT_EQ(client_.Connect(settings_), CommsStatus::kOk);
-  EXPECT_EQ(Event(3).return_code, -2);
-  EXPECT_TRUE(log_.Has("MQTT", "T: failed to start async connection, rc: -2"));
-  paho_.connect_code = MQTTASYNC_SUCCESS;
-  Reconnect();  // builds the handle again
+  Start();
   paho_.Fail(MQTTREASONCODE_BAD_USER_NAME_OR_PASSWORD);
-  EXPECT_EQ(Event(4).reason_code, MQTTREASONCODE_BAD_USER_NAME_OR_PASSWORD);
-  paho_.connect_code = -2;
-  EXPECT_EQ(client_.Reconnect(), CommsStatus::kOk);
-  EXPECT_EQ(Event(5).attempt, 5U);
-  EXPECT_TRUE(log_.Has("MQTT", "T: reconnect failed, rc: -2"));
-  EXPECT_EQ(paho_.live, 0);
-
+  EXPECT_EQ(Event(1).reason_code, MQTTREASONCODE_BAD_USER_NAME_OR_PASSWORD);
+  size_t attempt = 1;
+  for (int FakePaho::*code :
+       {&FakePaho::connect_code, &FakePaho::create_code, &FakePaho::callbacks_code}) {
+    paho_.*code = -2;
+    for (const bool again : {true, false}) {
+      EXPECT_EQ(again ? client_.Reconnect() : client_.Connect(settings_), CommsStatus::kOk);
+      EXPECT_EQ(Event(++attempt).kind, Kind::kFailed);
+      EXPECT_EQ(Event(attempt).attempt, attempt);
+      EXPECT_EQ(Event(attempt).return_code, code == &FakePaho::connect_code ? -2 : 0);
+      EXPECT_EQ(paho_.live, 0);
+    }
+    paho_.*code = MQTTASYNC_SUCCESS;
+  }
   settings_.host = "broker";
   paho_.look_up_problem = "Name or service not known";
   EXPECT_EQ(client_.Connect(settings_), CommsStatus::kOk);
-  EXPECT_EQ(Event(6).text, "host broker: Name or service not known");
+  EXPECT_EQ(Event(8).text, "host broker: Name or service not known");
   EXPECT_EQ(paho_.live, 0) << "the library is not asked";
   EXPECT_EQ(client_.Phase(), LinkPhase::kDown);
-  EXPECT_TRUE(Eventually([&] { return lost_ == 6; }));
-  paho_.connect_code = MQTTASYNC_SUCCESS;
+  EXPECT_TRUE(Eventually([&] { return lost_ == 8; }));
   paho_.look_up_problem.clear();
-  Reconnect();
-  paho_.Succeed();
-  EXPECT_EQ(Event(7).kind, Kind::kConnected);
+  Reconnect(9);
   client_.Disconnect();
-  EXPECT_EQ(Event(8).kind, Kind::kEnded);
+  EXPECT_EQ(Event(10).kind, Kind::kEnded);
   EXPECT_EQ(client_.Reconnect(), CommsStatus::kNotInitialized) << "a wanted end stays";
   EXPECT_EQ(paho_.live, 0);
 }
@@ -213,9 +178,7 @@ TEST_F(ClientMqttAsyncTest, ABrokerThatTakesItsLeaveIsALostConnection) {
   EXPECT_FALSE(client_.IsConnected());
   EXPECT_EQ(Event(2).kind, Kind::kLost);
   EXPECT_EQ(Event(2).reason_code, MQTTREASONCODE_SESSION_TAKEN_OVER);
-  Reconnect();
-  paho_.Succeed();
-  EXPECT_EQ(Event(3).kind, Kind::kConnected);
+  Reconnect(3);
   EXPECT_TRUE(Eventually([&] { return lost_ == 1; }));
 }
 
@@ -225,24 +188,17 @@ TEST_F(ClientMqttAsyncTest, SubscribesOnEveryConnectAndWhenAListenerIsAdded) {
   EXPECT_EQ(client_.AddListener("a", nullptr), CommsStatus::kInvalidArgument);
   (void)client_.AddListener("a", ignore);
   (void)client_.AddListener("a", ignore);
-  EXPECT_TRUE(log_.Has("MQTT", "T: topic a already has a listener, overwriting"));
   Connect();
   (void)client_.AddListener("b/+", ignore);
   paho_.lost(paho_.context, nullptr);
-  EXPECT_TRUE(log_.Has("MQTT", "T: connection lost, cause: unknown"));
-  Reconnect();
-  paho_.Succeed();
-  EXPECT_EQ(Event(3).kind, Kind::kConnected);
+  Reconnect(3);
   EXPECT_EQ(paho_.subscribed.Items(), (std::vector<std::string>{"a@0", "b/+@0", "a@0", "b/+@0"}));
 
   paho_.subscribe_code = -9;
   EXPECT_EQ(client_.AddListener("c", ignore), CommsStatus::kFailure);
-  EXPECT_TRUE(log_.Has("MQTT", "T: failed to subscribe topic c, rc: -9"));
   paho_.subscribe_code = MQTTASYNC_SUCCESS;
   paho_.subscribe_refused = true;
   (void)client_.AddListener("d", ignore);
-  EXPECT_TRUE(log_.Has(
-      "MQTT", "T: subscribe failed, rc: -1, reasonCode: 135, will retry on next reconnect"));
   EXPECT_TRUE(client_.IsConnected()) << "the local link goes on";
 }
 
@@ -274,31 +230,22 @@ TEST_F(ClientMqttAsyncTest, ALinkThatNeedsThemIsUpWithEverySubscription) {
 
 TEST_F(ClientMqttAsyncTest, SendsOnlyOverALiveLink) {
   EXPECT_EQ(Send("x"), CommsStatus::kNotInitialized);
-  EXPECT_TRUE(log_.Has("MQTT", "T: client handle is null, cannot send"));
   Start();
   EXPECT_EQ(Send("x"), CommsStatus::kNotConnected);
-  EXPECT_TRUE(log_.Has("MQTT", "T: not connected"));
-  EXPECT_EQ(paho_.send_calls, 0);
   paho_.Succeed();
   EXPECT_EQ(Event(1).kind, Kind::kConnected);
   EXPECT_EQ(Send("x"), CommsStatus::kOk);
   paho_.send_code = MQTTASYNC_FAILURE;
   EXPECT_EQ(Send("x"), CommsStatus::kFailure);
   EXPECT_TRUE(client_.IsConnected());
-  EXPECT_TRUE(log_.Has("MQTT", "T: send failed on topic t, rc: -1"));
   paho_.send_code = MQTTASYNC_DISCONNECTED;
   EXPECT_EQ(Send("x"), CommsStatus::kNotConnected);
   EXPECT_FALSE(client_.IsConnected());
-  EXPECT_TRUE(log_.Has("MQTT", "T: send on topic t detected disconnection, marking offline"));
-  Reconnect();
-  paho_.Succeed();
-  EXPECT_EQ(Event(3).kind, Kind::kConnected);
+  Reconnect(3);
   paho_.on_send = [this] { paho_.lost(paho_.context, nullptr); };
   EXPECT_EQ(Send("x"), CommsStatus::kNotConnected);
   EXPECT_EQ(Event(4).kind, Kind::kLost) << "once, though two told it";
-  Reconnect();
-  paho_.Succeed();
-  EXPECT_EQ(Event(5).kind, Kind::kConnected);
+  Reconnect(5);
   paho_.on_send = nullptr;
   paho_.send_code = MQTTASYNC_SUCCESS;
   EXPECT_EQ(client_.SendOn(2, "t", Qos::kAtLeastOnce, "late"), CommsStatus::kNotConnected);
@@ -328,7 +275,6 @@ TEST_F(ClientMqttAsyncTest, AFullBufferIsWaitedForWithinALimit) {
     return done >= 1;
   }));
   EXPECT_TRUE(InTime([&] { return done == 2; }));
-  EXPECT_TRUE(log_.Has("MQTT", "T: send failed on topic t, rc: -12"));
   EXPECT_EQ(paho_.sent.WaitFor(3), (std::vector<std::string>{"late", "1", "2"}))
       << "below the broker's receive maximum";
   paho_.Deliver();
@@ -348,19 +294,11 @@ TEST_F(ClientMqttAsyncTest, UnusableMessagesNeverReachAListener) {
   });
   Connect();
   paho_.arrived(paho_.context, nullptr, 3, nullptr);
-  EXPECT_TRUE(log_.Has("MQTT", "T: invalid topic (null), length 3"));
-  auto* topic = static_cast<char*>(MQTTAsync_malloc(2));
-  topic[0] = 't';
-  topic[1] = 0;
-  paho_.arrived(paho_.context, topic, 0, nullptr);
-  EXPECT_TRUE(log_.Has("MQTT", "T: invalid message on topic t"));
+  paho_.arrived(paho_.context, paho_.Copy("t"), 0, nullptr);
   for (const char* payload : {"", "throw", "good"}) paho_.Arrive("t", payload);
   paho_.Arrive("other", "x");
   paho_.Arrive("t", "last");
   EXPECT_EQ(seen.WaitFor(2), (std::vector<std::string>{"good", "last"}));
-  EXPECT_TRUE(log_.Has("MQTT", "T: message payload is empty, skipping"));
-  EXPECT_TRUE(log_.Has("MQTT", "T: exception in listener callback: listener broke"));
-  EXPECT_TRUE(log_.Has("MQTT", "T: no listener for topic: other"));
 }
 
 TEST_F(ClientMqttAsyncTest, TakingAListenerAwayWaitsForThatOneOnly) {
@@ -393,7 +331,6 @@ TEST_F(ClientMqttAsyncTest, CallbacksOfADestroyedHandleFindNothing) {
   paho_.Arrive("t", "x");
   EXPECT_FALSE(client_.IsConnected());
   EXPECT_EQ(lost_, 0);
-  EXPECT_TRUE(log_.Has("MQTT", "MQTT client: message arrived but client is null"));
 }
 
 TEST_F(ClientMqttAsyncTest, DisconnectDoesNotWaitForEver) {
@@ -415,7 +352,6 @@ TEST_F(ClientMqttAsyncTest, DisconnectDoesNotWaitForEver) {
   });
   EXPECT_TRUE(InTime([&] { return done.load(); }));
   EXPECT_TRUE(log_.Has("MQTT", "T: timed out waiting for active callbacks, forcing disconnect"));
-  EXPECT_TRUE(log_.Has("MQTT", "T: disconnected"));
   EXPECT_EQ(paho_.live, 0);
   gate.count_down();
 }

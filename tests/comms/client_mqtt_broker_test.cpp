@@ -39,7 +39,7 @@ class MqttBrokerTest : public ::testing::Test {
                test::Mailbox<std::string>& box) {
     return Eventually([&] {
       (void)sender.Send(topic, Qos::kAtMostOnce, false, payload);
-      const auto items = box.WaitFor(box.Items().size() + 1, std::chrono::seconds(0));
+      const auto items = box.Items();
       return std::find(items.begin(), items.end(), topic + "=" + payload) != items.end();
     });
   }
@@ -106,30 +106,23 @@ TEST_F(MqttBrokerTest, ComesBackAfterTheBrokerDied) {
   }
 }
 
-TEST_F(MqttBrokerTest, ReportsHostsThatNeverAnswer) {
+TEST_F(MqttBrokerTest, ReportsHostsThatNeverAnswerOrVanishInMidConnect) {
   const test::DeafListener deaf(8);
+  const test::DeafListener vanishing(8);
+  const std::jthread gone([&] { close(accept(vanishing.Fd(), nullptr, nullptr)); });
   const auto client = NewClient("d");
-  auto settings = Settings("d");
-  settings.port = std::to_string(deaf.Port());
-  settings.connect_timeout_s = 1;
-  (void)client->Connect(settings);
-  EXPECT_EQ(lost_.WaitFor(1).size(), 1U) << "a broker that accepts and says nothing";
-  settings.host = "no-such-host.invalid";
-  (void)client->Connect(settings);
-  EXPECT_EQ(lost_.WaitFor(2).size(), 2U);
+  size_t lost = 0;
+  for (const auto& [host, port] : {std::pair("127.0.0.1", std::to_string(deaf.Port())),
+                                   {"127.0.0.1", std::to_string(vanishing.Port())},
+                                   {"no-such-host.invalid", broker_.Port()}}) {
+    auto settings = Settings("d");
+    settings.host = host;
+    settings.port = port;
+    settings.connect_timeout_s = 1;
+    (void)client->Connect(settings);
+    EXPECT_EQ(lost_.WaitFor(++lost).size(), lost) << host << ":" << port;
+  }
   EXPECT_TRUE(ConnectAndWait(*client, "d"));
-}
-
-TEST_F(MqttBrokerTest, ReportsABrokerThatVanishesInMidConnect) {
-  test::DeafListener vanishing(8);
-  const auto client = NewClient("v");
-  auto settings = Settings("v");
-  settings.port = std::to_string(vanishing.Port());
-  settings.connect_timeout_s = 2;
-  std::jthread broker([&] { close(accept(vanishing.Fd(), nullptr, nullptr)); });
-  (void)client->Connect(settings);
-  EXPECT_EQ(lost_.WaitFor(1).size(), 1U);
-  EXPECT_TRUE(ConnectAndWait(*client, "v"));
 }
 
 }  // namespace

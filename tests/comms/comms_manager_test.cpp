@@ -31,8 +31,6 @@ class CommsManagerTest : public ::testing::Test {
     ASSERT_EQ(manager_.ConnectLocal("127.0.0.1", "1883", "varnel"), CommsStatus::kOk);
     ASSERT_EQ(Register("system.open", 1, [](const Json& params) { return params; }),
               CommsStatus::kOk);
-    ASSERT_EQ(Register("mqtt_agent.inner", 0, [](const Json&) { return Json(); }),
-              CommsStatus::kOk);
   }
   CommsStatus Register(const std::string& method, uint32_t flag, RpcHandler handler) {
     return manager_.RegisterMethod(method, flag, MethodKind::kQuick, std::move(handler));
@@ -58,16 +56,11 @@ class CommsManagerTest : public ::testing::Test {
     return Json::parse(sent.back().payload);
   }
 
-  bool Logged(const std::string& line) {
-    return test::Eventually([&] { return log_.Has("COMMS", line); });
+  bool Logged(const char* tag, const std::string& line) {
+    return test::Eventually([&] { return log_.Has(tag, line); });
   }
 
-  const CloudEndpoint endpoint_{.host = "h",
-                                .port = "8883",
-                                .client_id = "c",
-                                .client_certificate = "cert",
-                                .client_key = "key",
-                                .root_ca = "ca"};
+  const CloudEndpoint endpoint_{.host = "h", .port = "8883", .client_id = "c"};
   test::LogCapture log_;
   test::Mailbox<LinkEvent::Kind> events_;
   std::map<std::string, std::shared_ptr<FakeMqttClient>> clients_;
@@ -78,13 +71,9 @@ class CommsManagerTest : public ::testing::Test {
 
 TEST_F(CommsManagerTest, CallsOutOfOrderAreRefused) {
   EXPECT_EQ(Code(Register("m.early", 1, [](const Json&) { return Json(); })), -8);
-  EXPECT_TRUE(log_.Has("COMMS", "CommsManager not initialized, cannot register method: m.early"));
   EXPECT_NE(manager_.ConnectLocal("h", "1", "i"), CommsStatus::kOk);
-  EXPECT_TRUE(log_.Has("COMMS", "ConnectLocal() called before InitLocal()"));
   EXPECT_NE(manager_.ConnectCloud({}), CommsStatus::kOk);
-  EXPECT_TRUE(log_.Has("COMMS", "ConnectCloud() called before InitCloud()"));
   EXPECT_NE(manager_.SetupCloudForwarding("SN1"), CommsStatus::kOk);
-  EXPECT_TRUE(log_.Has("COMMS", "SetupCloudForwarding: clients not initialized"));
   EXPECT_EQ(manager_.SendNotification("a/notification", "notify_x", {}),
             CommsStatus::kNotInitialized);
   EXPECT_FALSE(manager_.IsLocalConnected());
@@ -95,7 +84,6 @@ TEST_F(CommsManagerTest, CallsOutOfOrderAreRefused) {
   Init();
   EXPECT_TRUE(log_.Has("COMMS", "CommsManager initialized (sn=SN1)"));
   EXPECT_EQ(manager_.InitLocal(), CommsStatus::kOk);
-  EXPECT_TRUE(log_.Has("COMMS", "CommsManager already initialized"));
   manager_.Stop();
   EXPECT_FALSE(manager_.IsLocalConnected());
   EXPECT_EQ(Code(Register("m.late", 1, [](const Json&) { return Json(); })), -8);
@@ -107,15 +95,12 @@ TEST_F(CommsManagerTest, CallsOutOfOrderAreRefused) {
 
 TEST_F(CommsManagerTest, OneNotifierServesEachTopic) {
   Init();
-  for (const char* topic :
-       {"a/notification", "a/notification", "b/notification", "system/notification"}) {
+  for (const char* topic : {"a/notification", "a/notification", "system/notification"})
     EXPECT_EQ(manager_.SendNotification(topic, "notify_x", {{"k", 1}}), CommsStatus::kOk);
-  }
   EXPECT_EQ(log_.Count("JRPCC", "Create a JSON-RPC client: a/notification"), 1U);
-  EXPECT_EQ(log_.Count("JRPCC", "Create a JSON-RPC client: b/notification"), 1U);
   EXPECT_EQ(log_.Count("JRPCC", "Create a JSON-RPC client: system/notification"), 0U)
       << "system_notif serves it";
-  EXPECT_EQ(Local().sent.Items().size(), 4U);
+  EXPECT_EQ(Local().sent.Items().size(), 3U);
 }
 
 TEST_F(CommsManagerTest, AFirstConnectThatFailsAsksForAReconnect) {
@@ -137,18 +122,13 @@ TEST_F(CommsManagerTest, AFirstConnectThatFailsAsksForAReconnect) {
 
 TEST_F(CommsManagerTest, WhatCannotBeServedOrSentForTheCloudIsDropped) {
   InitCloud();
-  EXPECT_EQ(AskFromCloud(R"({"id":4})")["error"]["code"], kInvalidRequest);
-  for (const char* silent : {"[1]", R"({"method":"mqtt_agent.inner"})"}) {
-    Cloud().Arrive("SN1/request", silent);
-  }
+  EXPECT_EQ(AskFromCloud(R"({"id":4})")["error"]["code"], RpcError::kInvalidRequest);
   Cloud().Arrive("SN1/request", R"({"id":5,"method":"system.open"})", true);
   EXPECT_EQ(AskFromCloud(R"({"id":"fence","method":"system.open"})")["id"], "fence")
       << "nothing else was answered";
-  EXPECT_TRUE(Local().sent.Items().empty()) << "cloud traffic stays off the local broker";
   Cloud().sends = false;
   Local().Arrive("SN1/status", "x");
-  EXPECT_TRUE(
-      test::Eventually([&] { return log_.Has("FWDP", "ForwarderPool: send failed, rc=-9"); }));
+  EXPECT_TRUE(Logged("FWDP", "ForwarderPool: send failed, rc=-9"));
 }
 
 /// The largest request there is, of what takes most room when it is built: empty objects.
@@ -217,14 +197,14 @@ TEST_F(CommsManagerTest, ACloudRequestLivesAndDiesWithItsLink) {
   entered.wait();
   Cloud().Lose();
   Cloud().Arrive("SN1/request", R"({"id":2,"method":"system.open"})");
-  EXPECT_TRUE(Logged("drop cloud request, its link has ended id: 2"));
+  EXPECT_TRUE(Logged("COMMS", "drop cloud request, its link has ended id: 2"));
   ASSERT_EQ(manager_.ConnectCloud(endpoint_), CommsStatus::kOk);
   gate.count_down();
-  EXPECT_TRUE(Logged("cloud link has ended, no answer to system.slow (id=1)"));
+  EXPECT_TRUE(Logged("COMMS", "cloud link has ended, no answer to system.slow (id=1)"));
 
   manager_.DropCloudRequests(true);
   Cloud().Arrive("SN1/request", R"({"id":3,"method":"system.open"})");
-  EXPECT_TRUE(Logged("drop cloud request, logging out id: 3"));
+  EXPECT_TRUE(Logged("COMMS", "drop cloud request, logging out id: 3"));
   manager_.DropCloudRequests(false);
   EXPECT_EQ(AskFromCloud(R"({"id":4,"method":"system.open"})")["id"], 4);
   EXPECT_EQ(Cloud().sent.Items().size(), 1U) << "nothing else was answered";
@@ -248,7 +228,7 @@ TEST_F(CommsManagerTest, AnOutageOfTheCloudIsTwoLinesAndACount) {
   InitCloud();
   Cloud().Lose();
   for (int i = 0; i < 3; ++i) Local().Arrive("SN1/status", "lost");
-  EXPECT_TRUE(Logged("The cloud link is down, messages for it are dropped"));
+  EXPECT_TRUE(Logged("COMMS", "The cloud link is down, messages for it are dropped"));
   EXPECT_EQ(manager_.PublishCloud("SN1/notification", {}), CommsStatus::kNotConnected);
   ASSERT_EQ(manager_.ConnectCloud(endpoint_), CommsStatus::kOk);
   Local().Arrive("SN1/status", "kept");
@@ -283,39 +263,14 @@ TEST_F(CommsManagerTest, AsksAndTellsProgramsOnBothBrokers) {
   EXPECT_EQ(Cloud().sent.Items().back().qos, Qos::kAtLeastOnce);
 }
 
-/// Waits at the first message until the gate opens.
-struct SlowDestination : ForwardDestination {
-  CommsStatus Deliver(const MqttMessage& message) override {
-    delivered.Put(message.payload);
-    gate.wait();
-    return CommsStatus::kOk;
-  }
-  std::latch gate{1};
-  test::Mailbox<std::string> delivered;
-};
-
-TEST(ForwarderPoolTest, DropsTheOldestOf257BehindABlockedDestinationAndWhatCannotBeDelivered) {
+TEST(ForwarderPoolTest, WhatCannotBeDeliveredIsDropped) {
   const test::LogCapture log;
-  const auto slow = std::make_shared<SlowDestination>();
   ForwarderPool pool;
   const auto queue = pool.CreateQueue("q");
-  const auto forward = [&](const std::string& payload, const auto& destination) {
-    pool.Forward(queue, std::make_shared<MqttMessage>(MqttMessage{"t", payload}), destination);
-  };
-  forward("blocker", slow);
-  ASSERT_EQ(slow->delivered.WaitFor(1).size(), 1U);
-  for (int i = 0; i <= 256; ++i) forward(std::to_string(i), slow);
-  EXPECT_EQ(log.Count("FWDP", "ForwarderPool: queue q full (256 messages), dropping oldest"), 1U);
-  slow->gate.count_down();
-  const auto delivered = slow->delivered.WaitFor(257);
-  ASSERT_EQ(delivered.size(), 257U);
-  EXPECT_EQ(delivered[1], "1") << "\"0\" was the oldest";
-  EXPECT_EQ(delivered[256], "256");
-  forward("", nullptr);
-  forward("x", nullptr);
+  for (const char* payload : {"", "x"})
+    pool.Forward(queue, std::make_shared<MqttMessage>(MqttMessage{"t", payload}), nullptr);
   EXPECT_TRUE(test::Eventually(
       [&] { return log.Has("FWDP", "ForwarderPool: null destination, dropping message"); }));
-  EXPECT_TRUE(log.Has("FWDP", "ForwarderPool: empty payload, skipping"));
 }
 
 }  // namespace

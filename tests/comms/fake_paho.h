@@ -64,7 +64,6 @@ class FakePaho : public PahoAsyncApi {
   }
   int Send(MQTTAsync, const std::string&, const MQTTAsync_message& message,
            MQTTAsync_responseOptions& options) override {
-    ++send_calls;
     if (on_send) on_send();
     if (full > 0) {
       --full;
@@ -100,10 +99,17 @@ class FakePaho : public PahoAsyncApi {
     options.onSuccess5(options.context, nullptr);
   }
   void Arrive(const std::string& topic, const std::string& payload) {
-    MQTTAsync_message* message = NewMessage(payload);
-    auto* name = static_cast<char*>(MQTTAsync_malloc(topic.size() + 1));
-    std::copy_n(topic.c_str(), topic.size() + 1, name);
-    arrived(context, name, 0, message);
+    auto* message = static_cast<MQTTAsync_message*>(MQTTAsync_malloc(sizeof(MQTTAsync_message)));
+    *message = MQTTAsync_message_initializer;
+    message->payload = Copy(payload);
+    message->payloadlen = static_cast<int>(payload.size());
+    arrived(context, Copy(topic), 0, message);
+  }
+  /// As the library hands texts out: the callback frees them.
+  static char* Copy(const std::string& text) {
+    auto* copy = static_cast<char*>(MQTTAsync_malloc(text.size() + 1));
+    std::copy_n(text.c_str(), text.size() + 1, copy);
+    return copy;
   }
 
   std::string look_up_problem;
@@ -121,7 +127,6 @@ class FakePaho : public PahoAsyncApi {
 
   std::atomic<int> live = 0;
   std::atomic<int> connects = 0;
-  int send_calls = 0;
   void* context = nullptr;
   MQTTAsync_connectOptions connect_options{};
   MQTTAsync_connectionLost* lost = nullptr;
@@ -132,15 +137,6 @@ class FakePaho : public PahoAsyncApi {
   test::Mailbox<MQTTAsync_responseOptions> deliveries;
 
  private:
-  static MQTTAsync_message* NewMessage(const std::string& payload) {
-    auto* message = static_cast<MQTTAsync_message*>(MQTTAsync_malloc(sizeof(MQTTAsync_message)));
-    *message = MQTTAsync_message_initializer;
-    message->payload = MQTTAsync_malloc(payload.size() + 1);
-    std::copy_n(payload.data(), payload.size(), static_cast<char*>(message->payload));
-    message->payloadlen = static_cast<int>(payload.size());
-    return message;
-  }
-
   int handle_storage_ = 0;
   size_t delivered_ = 0;
 };

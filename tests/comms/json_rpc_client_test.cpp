@@ -19,13 +19,6 @@ class JsonRpcClientTest : public ::testing::Test {
     ASSERT_EQ(client_.Bind(mqtt_, {"p/request", "p/response"}), CommsStatus::kOk);
   }
 
-  /// Waits until everything that arrived so far was handled: a message that the client rejects is
-  /// logged.
-  void Settle() {
-    mqtt_->Arrive("p/response", "{settled");
-    EXPECT_TRUE(test::Eventually([&] { return log_.Has("JRPCC", "parse error at byte 2"); }));
-  }
-
   test::LogCapture log_;
   std::shared_ptr<FakeMqttClient> mqtt_ = std::make_shared<FakeMqttClient>();
   JsonRpcClient client_{"caller"};
@@ -52,12 +45,11 @@ TEST_F(JsonRpcClientTest, ConcurrentCallsEachGetTheirOwnResponse) {
 TEST_F(JsonRpcClientTest, ALateOrForeignResponseReachesNobody) {
   const auto timed_out = client_.Call("m", nullptr, 5, milliseconds(1));
   EXPECT_EQ(timed_out.status, CommsStatus::kTimeout);
-  EXPECT_TRUE(log_.Has("JRPCC", "Waiting for response timeout, id 5"));
   for (const char* payload :
-       {R"({"id":5,"result":1})", R"({"result":1})", R"({"id":5})", "[]", "\"\xff\""}) {
+       {R"({"id":5,"result":1})", R"({"result":1})", R"({"id":5})", "[]", "\"\xff\"", "{last"}) {
     mqtt_->Arrive("p/response", payload);
   }
-  Settle();
+  EXPECT_TRUE(test::Eventually([&] { return log_.Has("JRPCC", "parse error at byte 2"); }));
   EXPECT_TRUE(log_.Has("JRPCC", "Received a response that no one was waiting for, id 5"));
   EXPECT_TRUE(log_.Has("JRPCC", R"(Receive an invalid message without an id: {"result":1})"));
   EXPECT_TRUE(log_.Has("JRPCC", R"(Receive an invalid message: {"id":5})"));
@@ -67,16 +59,12 @@ TEST_F(JsonRpcClientTest, ALateOrForeignResponseReachesNobody) {
 TEST_F(JsonRpcClientTest, FailuresAreReportedAtOnce) {
   mqtt_->sends = false;
   EXPECT_NE(client_.Call("m", nullptr, 6, milliseconds(20'000)).status, CommsStatus::kOk);
-  EXPECT_TRUE(log_.Has("JRPCC", "Send request failed, id 6"));
   EXPECT_NE(client_.Notify("m", nullptr), CommsStatus::kOk);
-  EXPECT_TRUE(log_.Has("JRPCC", "Notification of call failure"));
   EXPECT_NE(client_.Bind(mqtt_, {"p/request", ""}), CommsStatus::kOk);
-  EXPECT_TRUE(log_.Has("JRPCC", "JSON-RPC caller has already been bound"));
 
   JsonRpcClient unbound("unbound");
   EXPECT_NE(unbound.Bind(nullptr, {}), CommsStatus::kOk);
   EXPECT_NE(unbound.Notify("m", nullptr), CommsStatus::kOk);
-  EXPECT_TRUE(log_.Has("JRPCC", "The JSON-RPC client is not bound"));
 }
 
 TEST_F(JsonRpcClientTest, AResponseAfterTheDeadlineIsDropped) {
@@ -88,18 +76,15 @@ TEST_F(JsonRpcClientTest, AResponseAfterTheDeadlineIsDropped) {
   EXPECT_EQ(client_.Call("m", nullptr, 1, milliseconds(-1)).status, CommsStatus::kTimeout);
 }
 
-TEST(JsonRpcNotifier, SubscribesToNothingAndOnlyNotifies) {
-  test::LogCapture log;
-  auto mqtt = std::make_shared<FakeMqttClient>();
-  (void)mqtt->Connect({});
+TEST_F(JsonRpcClientTest, WithoutAResponseTopicItSubscribesToNothingAndOnlyNotifies) {
+  (void)mqtt_->Connect({});
   JsonRpcClient notifier("n");
-  ASSERT_EQ(notifier.Bind(mqtt, {"system/notification", ""}), CommsStatus::kOk);
-  EXPECT_TRUE(mqtt->subscribed.Items().empty());
+  ASSERT_EQ(notifier.Bind(mqtt_, {"system/notification", ""}), CommsStatus::kOk);
+  EXPECT_TRUE(mqtt_->subscribed.Items().empty());
   EXPECT_EQ(notifier.Notify("notify_x", {{"a", 1}}), CommsStatus::kOk);
-  EXPECT_EQ(Json::parse(mqtt->sent.Items().at(0).payload),
+  EXPECT_EQ(Json::parse(mqtt_->sent.Items().at(0).payload),
             Json::parse(R"({"jsonrpc":"2.0","method":"notify_x","params":{"a":1}})"));
   EXPECT_EQ(notifier.Call("m", nullptr, 1, milliseconds(1)).status, CommsStatus::kUnsupported);
-  EXPECT_TRUE(log.Has("JRPCC", "Unsupported operation"));
 }
 
 }  // namespace

@@ -22,7 +22,6 @@ class JsonRpcServerTest : public ::testing::Test {
     Register("system.echo", [](const Json& params) { return params; });
     Register("system.throw", [](const Json&) -> Json { throw std::runtime_error("boom"); });
     EXPECT_EQ(server_.BindMqtt(client_, {"system/request", "system/response"}), CommsStatus::kOk);
-    EXPECT_EQ(server_.BindMqtt(client_, {"agent/request/+", ""}), CommsStatus::kOk);
     EXPECT_EQ(server_.BindMqtt(client_, {"mute/+", ""}), CommsStatus::kOk);
   }
 
@@ -31,26 +30,27 @@ class JsonRpcServerTest : public ::testing::Test {
     EXPECT_EQ(server_.RegisterMethod(method, kind, std::move(handler)), CommsStatus::kOk);
   }
   /// The answer to one request; the echo behind it shows that nothing else came.
-  Json Ask(const std::string& payload, const std::string& topic = "system/request") {
+  Json Ask(const std::string& payload) {
     const size_t before = client_->sent.Items().size();
-    client_->Arrive(topic, payload);
+    client_->Arrive("system/request", payload);
     const auto sent = client_->sent.WaitFor(before + 1);
     if (sent.size() != before + 1) return "no answer";
-    answer_topic_ = sent.back().topic;
+    EXPECT_EQ(sent.back().topic, "system/response");
     EXPECT_EQ(sent.back().qos, Qos::kAtMostOnce);
     EXPECT_FALSE(sent.back().retain);
     return Json::parse(sent.back().payload);
   }
   /// Sends what must stay unanswered, then proves that the next request is the next answer.
-  void ExpectSilence(const std::string& payload) {
-    client_->Arrive("system/request", payload);
+  void ExpectSilence(const std::string& payload, bool retained = false) {
+    const size_t before = client_->sent.Items().size();
+    client_->Arrive("system/request", payload, retained);
     EXPECT_EQ(Ask(R"({"method":"system.echo","id":"fence"})")["id"], "fence") << payload;
+    EXPECT_EQ(client_->sent.Items().size(), before + 1) << payload;
   }
 
   LogCapture log_;
   std::shared_ptr<FakeMqttClient> client_ = std::make_shared<FakeMqttClient>();
   JsonRpcServer server_{"local_srv"};
-  std::string answer_topic_;
 };
 
 TEST_F(JsonRpcServerTest, WhatFollowsAnAnswerComesAfterIt) {
@@ -95,7 +95,6 @@ TEST_F(JsonRpcServerTest, AnswersErrorsAndResults) {
                             "data":"Method not found: system.none"}})"));
   EXPECT_EQ(Ask(R"({"method":"system.throw","id":7})")["error"],
             Json::parse(R"({"code":-32603,"message":"Internal error"})"));
-  EXPECT_TRUE(log_.Has("JRPCS", "Handler exception for method system.throw: boom"));
   EXPECT_EQ(
       Ask(R"({"method":"system.echo","id":1,"params":{"code":-32602,"message":"m"}})")["error"]
                                                                                       ["code"],
@@ -109,11 +108,7 @@ TEST_F(JsonRpcServerTest, AnswersErrorsAndResults) {
       << "the last of equal keys counts";
 }
 
-TEST_F(JsonRpcServerTest, AnswersOnTheTopicThatBelongsToTheRequest) {
-  (void)Ask(R"({"method":"system.echo","id":1})");
-  EXPECT_EQ(answer_topic_, "system/response");
-  (void)Ask(R"({"method":"system.echo","id":1})", "agent/request/ui");
-  EXPECT_EQ(answer_topic_, "agent/response/ui");
+TEST_F(JsonRpcServerTest, ARequestWhoseTopicNamesNoAnswersIsServedInSilence) {
   client_->Arrive("mute/x", R"({"method":"system.echo","id":1})");
   ExpectSilence(R"({"method":"system.none"})");
   // Another worker may have been faster with the fence.
@@ -122,50 +117,35 @@ TEST_F(JsonRpcServerTest, AnswersOnTheTopicThatBelongsToTheRequest) {
 }
 
 TEST_F(JsonRpcServerTest, StaysSilentAboutWhatCannotBeAnswered) {
-  const std::string deep(100'000, '[');
-  for (const std::string& payload :
-       {std::string("{"), std::string("[]"), std::string("7"), std::string(R"({"id":1})"),
-        std::string(R"({"id":1,"method":"system.echo","method":7})"), std::string("\xff\xfe"),
-        std::string(), deep, std::string(R"([{"method":"system.echo","id":1}])"),
-        std::string(R"({"method":"system.echo","id":1} {})"),
-        std::string(R"({"method":"system.echo","id":"\ud800"})"),
-        R"({"method":"system.echo","id":)" + deep + std::string(100'000, ']') + "}",
-        R"({"method":"system.echo","id":)" + std::string(50'000, '9') + "e999}",
-        std::string(kMaxPayloadBytes + 1, ' '), std::string(R"({"method":"system.none"})"),
-        std::string(R"({"method":"system.throw"})")}) {
+  for (const char* payload :
+       {"{", "[]", "7", R"({"id":1})", R"({"id":1,"method":"system.echo","method":7})",
+        R"([{"method":"system.echo","id":1}])", R"({"method":"system.echo","id":1} {})",
+        R"({"method":"system.echo","id":"\ud800"})", R"({"method":"system.none"})",
+        R"({"method":"system.throw"})"}) {
     ExpectSilence(payload);
   }
-  client_->Arrive("system/request", R"({"method":"system.echo","id":1})", true);
-  ExpectSilence(R"({"method":"system.none"})");
+  ExpectSilence(R"({"method":"system.echo","id":1})", true);
   EXPECT_TRUE(log_.Has("JRPCS", "Ignore a retained request on topic system/request"));
-  EXPECT_TRUE(log_.Has("JRPCS", "parse error at byte 2"));
-  EXPECT_TRUE(log_.Has("JRPCS", R"(Receive an invalid message: {"id":1})"));
-  EXPECT_TRUE(log_.Has("JRPCS", "Method not found: system.none"));
-  EXPECT_LT(log_.Text().size(), 20'000U) << "payloads are cut in the log";
 }
 
-TEST_F(JsonRpcServerTest, ASlowMethodDelaysNoneOfAnotherKindOrLane) {
-  constexpr size_t kWorkers = WorkerLane::WorkersFor(MethodKind::kPhoto);
-  std::latch entered(kWorkers);
-  std::latch gate(1);
-  std::atomic<size_t> runs = 0;
-  Register(
-      "camera.slow",
-      [&](const Json&) {
-        if (runs++ < kWorkers) entered.count_down();
-        gate.wait();
-        return Json("slow");
-      },
-      MethodKind::kPhoto);
-  Register("camera.echo", [](const Json& params) { return params; });
-  for (size_t i = 0; i <= kWorkers; ++i) {
-    client_->Arrive("system/request", R"({"method":"camera.slow","id":"s"})");
+TEST_F(JsonRpcServerTest, CommandsRunInTheOrderInWhichTheyCame) {
+  std::vector<int> order;
+  for (const char* method : {"camera.start", "camera.stop"})
+    Register(
+        method,
+        [&](const Json& params) {
+          order.push_back(params.get<int>());
+          return Json();
+        },
+        MethodKind::kCommand);
+  std::vector<int> sent;
+  for (int i = 0; i < 100; ++i) {
+    const char* method = i % 2 == 0 ? "camera.start" : "camera.stop";
+    client_->Arrive("system/request", Json({{"method", method}, {"params", i}, {"id", i}}).dump());
+    sent.push_back(i);
   }
-  entered.wait();
-  EXPECT_EQ(Ask(R"({"method":"system.echo","id":"fast"})")["id"], "fast");
-  EXPECT_EQ(Ask(R"({"method":"camera.echo","id":"fast"})")["id"], "fast");
-  gate.count_down();
-  EXPECT_EQ(client_->sent.WaitFor(3 + kWorkers).size(), 3 + kWorkers);
+  (void)client_->sent.WaitFor(100);
+  EXPECT_EQ(order, sent);
 }
 
 TEST_F(JsonRpcServerTest, AFloodIsRefusedBeyondTheBacklog) {
@@ -194,38 +174,29 @@ TEST_F(JsonRpcServerTest, AFloodIsRefusedBeyondTheBacklog) {
   client_->Arrive("system/request", R"({"method":"system.slow"})");
   EXPECT_EQ(Ask(R"({"method":"system.echo","params":1,"id":10})")["result"], 1)
       << "a refused notification is not answered, and another kind still serves";
-  EXPECT_EQ(log_.Count("JRPCS", "Server busy, refusing method system.slow"), 2U);
   gate->count_down();
 }
 
 TEST_F(JsonRpcServerTest, RegistrationAndBindingRefuseWhatCannotWork) {
+  const auto add = [this](const char* method, const RpcHandler& handler) {
+    return server_.RegisterMethod(method, MethodKind::kQuick, handler);
+  };
   const auto nothing = [](const Json&) { return Json(); };
-  EXPECT_EQ(server_.RegisterMethod("", MethodKind::kQuick, nothing), CommsStatus::kInvalidArgument);
-  EXPECT_EQ(server_.RegisterMethod("m", MethodKind::kQuick, nullptr),
-            CommsStatus::kInvalidArgument);
-  EXPECT_NE(server_.RegisterMethod("system.echo", MethodKind::kQuick, nothing), CommsStatus::kOk);
-  EXPECT_TRUE(log_.Has("JRPCS", "Callback of method system.echo has been registered"));
+  EXPECT_EQ(add("", nothing), CommsStatus::kInvalidArgument);
+  EXPECT_EQ(add("m", nullptr), CommsStatus::kInvalidArgument);
+  EXPECT_NE(add("system.echo", nothing), CommsStatus::kOk);
   EXPECT_NE(server_.BindMqtt(nullptr, {"a", "b"}), CommsStatus::kOk);
-  EXPECT_TRUE(log_.Has("JRPCS", "MQTT link is invalid"));
   EXPECT_NE(server_.BindMqtt(std::make_shared<FakeMqttClient>(), {"a", "b"}), CommsStatus::kOk);
-  EXPECT_TRUE(log_.Has("JRPCS", "JSON-RPC local_srv already bound to a different MQTT link"));
   (void)client_->Connect({});
   client_->subscribes = false;
   EXPECT_NE(server_.BindMqtt(client_, {"x/request", ""}), CommsStatus::kOk);
-  EXPECT_TRUE(log_.Has("JRPCS", "JSON-RPC local_srv bind to MQTT failed for topic x/request"));
 }
 
 TEST_F(JsonRpcServerTest, AnAnswerThatCannotBeSentIsLogged) {
   client_->sends = false;
-  std::latch done(1);
-  Register("system.last", [&](const Json&) {
-    done.count_down();
-    return Json();
-  });
   client_->Arrive("system/request", R"({"method":"system.none","id":1})");
-  client_->Arrive("system/request", R"({"method":"system.last"})");
-  done.wait();
-  EXPECT_TRUE(log_.Has("JRPCS", "Failed to send response to system/response"));
+  EXPECT_TRUE(test::Eventually(
+      [&] { return log_.Has("JRPCS", "Failed to send response to system/response"); }));
 }
 
 }  // namespace

@@ -12,8 +12,9 @@ namespace varnel::test {
 
 /// What the fake slots answer and saw; slots are plain functions, so there is one of it.
 struct FakePlatform {
-  hal_adapter::HalStatus status = 0;  ///< of every slot but the counting one
-  hal_adapter::HalStatus count_status = 0;
+  hal_adapter::HalStatus status =
+      hal_adapter::HalStatus::kSuccess;  ///< of every slot but the counting one
+  hal_adapter::HalStatus count_status = hal_adapter::HalStatus::kSuccess;
   uint32_t cameras = 1;
   uint32_t broken_camera = UINT32_MAX;  ///< its information cannot be read
   uint32_t failing_path = UINT32_MAX;
@@ -39,7 +40,7 @@ inline FakePlatform& Fake() {
 
 inline hal_adapter::HalStatus FakeCameraInfo(uint32_t id, hal_adapter::CameraInfo* info) {
   *info = {id, 0, 2, "Fake camera 001", 1920, 1080, 30, {1, 1, 1}};
-  return id == Fake().broken_camera ? -9 : Fake().status;
+  return id == Fake().broken_camera ? hal_adapter::HalStatus::kHardwareError : Fake().status;
 }
 
 inline hal_adapter::HalStatus FakePhoto(uint32_t id, hal_adapter::CameraImage* image) {
@@ -51,7 +52,8 @@ inline hal_adapter::HalStatus FakePhoto(uint32_t id, hal_adapter::CameraImage* i
 
 inline hal_adapter::HalStatus FakePath(uint32_t type, char* out, size_t size) {
   std::strncpy(out, ("/dir" + std::to_string(type)).c_str(), size);
-  return type == Fake().failing_path ? -3 : 0;
+  return type == Fake().failing_path ? hal_adapter::HalStatus::kNoMemory
+                                     : hal_adapter::HalStatus::kSuccess;
 }
 
 inline hal_adapter::MultimediaHalInterface FakeMultimedia() {

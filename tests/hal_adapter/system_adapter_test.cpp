@@ -1,9 +1,7 @@
 #include "hal_adapter/system_adapter.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
+#include <array>
 #include <cstring>
 
 #include "hal_adapter/device_uuid.h"
@@ -29,19 +27,17 @@ class SystemAdapterTest : public testing::Test {
   SystemAdapterTest() {
     test::Fake() = {};
     DeviceInfo& device = test::Fake().device;
-    std::strcpy(device.serial_number, "SN01");
-    std::strcpy(device.product_code, "PC9");
-    std::strcpy(device.device_key, "the-secret-key");
-    std::strcpy(device.mac, "AA:BB:CC:DD:EE:FF");
-    std::strcpy(device.firmware_version, "1.2.3");
-    std::strcpy(device.full_firmware_version, "1.2.3-45");
-    std::strcpy(device.processor_serial, "0badcafe");
+    SetText(device.serial_number, "SN01");
+    SetText(device.device_key, "the-secret-key");
+    SetText(device.mac, "AA:BB:CC:DD:EE:FF");
+    SetText(device.firmware_version, "1.2.3");
+    SetText(device.processor_serial, "0badcafe");
     registry_.system.Register(&table_);
   }
   ~SystemAdapterTest() override { test::Fake() = {}; }
 
   SystemAdapter Adapter(IdentityFiles files) {
-    return SystemAdapter([] { return kHalSuccess; }, std::move(files), registry_,
+    return SystemAdapter([] { return HalStatus::kSuccess; }, std::move(files), registry_,
                          [] { return 5489u; }, clock_);
   }
   SystemAdapter Adapter() {
@@ -55,63 +51,37 @@ class SystemAdapterTest : public testing::Test {
   HalRegistry registry_;
 };
 
-TEST_F(SystemAdapterTest, PublishesWhoTheBoardIs) {
-  fs::create_symlink(dir_.Write("victim", "untouched"), dir_ / "serial");
-  SystemAdapter adapter = Adapter();
-  ASSERT_TRUE(adapter.Start());
-  EXPECT_EQ(test::ReadFile(dir_ / "serial"), "SN01\n");
-  EXPECT_EQ(test::ReadFile(dir_ / "product"), "PC9\n");
-  EXPECT_EQ(test::ReadFile(dir_ / "version"), "1.2.3\n");
-  EXPECT_EQ(test::ReadFile(dir_ / "full"), "1.2.3-45\n");
-  EXPECT_EQ(test::ReadFile(dir_ / "victim"), "untouched") << "a planted link is not followed";
-  struct stat info {};
-  ASSERT_EQ(::stat((dir_ / "serial").c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0644u);
-  EXPECT_TRUE(log_.Has("HALSYS", "Product is PC9:SN01"));
-  EXPECT_TRUE(log_.Has("HALSYS", "Firmware version is 1.2.3"));
-  EXPECT_TRUE(log_.Has("HALSYS", "UUID is " + adapter.Uuid()));
-  EXPECT_EQ(adapter.Identity()->device_key.Text(), "the-secret-key");
-  EXPECT_THAT(log_.Text(), testing::Not(HasSubstr("the-secret-key")));
-}
-
-TEST_F(SystemAdapterTest, AFileThatCannotBeWrittenIsNamed) {
+TEST_F(SystemAdapterTest, AFileThatCannotBeWrittenIsNamedAndTheOthersAreReadable) {
   fs::create_directories(dir_ / "directory/in-the-way");
+  fs::create_symlink(dir_.Write("victim", "untouched"), dir_ / "version");
   SystemAdapter adapter = Adapter(
       {dir_ / "missing/serial", dir_ / "directory", dir_ / "version", "/proc/self/mem/full"});
   EXPECT_TRUE(adapter.Start());
   EXPECT_TRUE(log_.Has("HALSYS", "Open file '" + (dir_ / "missing/serial").string() + "' failed."));
   EXPECT_THAT(log_.Text(), HasSubstr("Filesystem error: "));
-  EXPECT_EQ(test::ReadFile(dir_ / "version"), "1.2.3\n") << "the others are written";
+  EXPECT_EQ(test::ReadFile(dir_ / "version"), "1.2.3\n");
+  EXPECT_EQ(fs::status(dir_ / "version").permissions(), fs::perms(0644));
+  EXPECT_EQ(test::ReadFile(dir_ / "victim"), "untouched") << "a planted link is not followed";
 }
 
 TEST_F(SystemAdapterTest, ABoardWithoutIdentityGetsARandomUuid) {
-  test::Fake().status = -9;
+  test::Fake().status = HalStatus::kHardwareError;
   SystemAdapter adapter = Adapter();
   EXPECT_FALSE(adapter.Start());
-  EXPECT_TRUE(log_.Has("HALSYS", "Get device information failed"));
   EXPECT_EQ(adapter.Uuid(), RandomUuid(5489));
 }
 
 TEST_F(SystemAdapterTest, AnyPartOfTheIdentityMakesTheUuidNameBased) {
-  const struct {
-    const char* serial;
-    const char* mac;
-    const char* processor;
-    const char* name;
-  } cases[] = {
-      {"SN", "MAC", "CPU", "SNMACCPU"},
-      {"--", "UnknownMAC", "", "--UnknownMAC"},
-      {"", "UnknownMAC", "", "UnknownMAC"},
-      {"", "", "CPU", "CPU"},
-  };
+  const std::array<const char*, 3> cases[] = {
+      {"SN", "MAC", "CPU"}, {"--", "UnknownMAC", ""}, {"", "UnknownMAC", ""}, {"", "", "CPU"}};
   DeviceInfo& device = test::Fake().device;
-  for (const auto& test : cases) {
-    SetText(device.serial_number, test.serial);
-    SetText(device.mac, test.mac);
-    SetText(device.processor_serial, test.processor);
+  for (const auto& [serial, mac, processor] : cases) {
+    SetText(device.serial_number, serial);
+    SetText(device.mac, mac);
+    SetText(device.processor_serial, processor);
     SystemAdapter adapter = Adapter();
     ASSERT_TRUE(adapter.Start());
-    EXPECT_EQ(adapter.Uuid(), NameUuid(test.name));
+    EXPECT_EQ(adapter.Uuid(), NameUuid(std::string(serial) + mac + processor));
   }
   device = {};
   SystemAdapter adapter = Adapter();
@@ -125,7 +95,6 @@ TEST_F(SystemAdapterTest, AnInterfaceThatComesLaterIsFoundWhenSomebodyAsks) {
   SystemAdapter adapter = Adapter();
   ASSERT_TRUE(adapter.Start());
   EXPECT_EQ(adapter.Uuid(), NameUuid("SN01UnknownMAC0badcafe"));
-  EXPECT_EQ(log_.Count("HALSYS", "Product is PC9:SN01"), 1u);
   clock_.Advance(1s);
   EXPECT_EQ(adapter.Identity()->mac, "UnknownMAC");
   SetText(device.mac, "AA:BB:CC:DD:EE:FF");
@@ -149,28 +118,20 @@ TEST(DeviceUuidTest, IsTheFirst16BytesOfSha1WithVersionAndVariant) {
   EXPECT_NE(random, RandomUuid(2));
 }
 
-TEST_F(SystemAdapterTest, ForwardsUpgradeCollectionAndReboot) {
+TEST_F(SystemAdapterTest, ForwardsUpgradeCollectionAndRebootToSlotsThatAreThere) {
   SystemAdapter adapter = Adapter();
   ASSERT_TRUE(adapter.Start());
-  test::Fake().status = -3;
-  EXPECT_EQ(adapter.UpgradeFirmware(1, "/tmp/x.swu"), -3);
-  EXPECT_EQ(adapter.CollectPlatformData(9, "/tmp/out"), -3);
-  EXPECT_EQ(adapter.PrepareReboot(), -3);
+  test::Fake().status = HalStatus::kNoMemory;
+  EXPECT_EQ(adapter.UpgradeFirmware(1, "/tmp/x.swu"), HalStatus::kNoMemory);
+  EXPECT_EQ(adapter.CollectPlatformData(9, "/tmp/out"), HalStatus::kNoMemory);
+  EXPECT_EQ(adapter.PrepareReboot(), HalStatus::kNoMemory);
   EXPECT_THAT(test::Fake().calls,
               testing::ElementsAre("upgrade 1 /tmp/x.swu", "collect 9 /tmp/out", "prepare reboot"));
-  EXPECT_TRUE(log_.Has("HALSYS", "System upgrade failed, reason: no memory"));
-  EXPECT_TRUE(log_.Has("HALSYS", "Collect platform data 9 failed, reason: no memory"));
-}
-
-TEST_F(SystemAdapterTest, EmptySlotsAreNamed) {
   table_ = {};
-  SystemAdapter adapter = Adapter();
   EXPECT_FALSE(adapter.Start());
-  EXPECT_EQ(adapter.UpgradeFirmware(0, ""), kHalUnsupported);
-  EXPECT_EQ(adapter.CollectPlatformData(0, ""), kHalUnsupported);
-  EXPECT_EQ(adapter.PrepareReboot(), kHalUnsupported);
-  EXPECT_TRUE(log_.Has("HALSYS", "The firmware upgrade function has not been implemented"));
-  EXPECT_TRUE(log_.Has("HALSYS", "The collect platform data function has not been implemented"));
+  EXPECT_EQ(adapter.UpgradeFirmware(0, ""), HalStatus::kUnsupported);
+  EXPECT_EQ(adapter.CollectPlatformData(0, ""), HalStatus::kUnsupported);
+  EXPECT_EQ(adapter.PrepareReboot(), HalStatus::kUnsupported);
 }
 
 }  // namespace

@@ -30,12 +30,8 @@ struct FakeV4l2 {
   std::deque<int> wait_errnos;  ///< the same for the wait; -1: nothing came in time
   int open_errno = 0;
   int close_errno = 0;
-  int munmap_errno = 0;
-  std::deque<int> mmap_errnos;
   bool always_again = false;  ///< every DQBUF says EAGAIN
 
-  uint32_t capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
-  uint32_t granted_buffers = 3;
   std::optional<v4l2_pix_format> granted;  ///< given whatever is asked for
   std::deque<v4l2_buffer> frames;          ///< what DQBUF hands out; none left: buffer 1, full
 

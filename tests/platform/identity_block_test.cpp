@@ -30,9 +30,10 @@ class IdentityBlockTest : public testing::Test {
   /// The status, or the value after a success.
   std::string Read(const char* key = "SerialNumber") {
     char out[64] = "untouched";
-    const int status = read_identity_value(&storage_, key, out, sizeof out);
-    EXPECT_TRUE(status == 0 || out == "untouched"s);
-    return status == 0 ? out : std::to_string(status);
+    const auto status = read_identity_value(&storage_, key, out, sizeof out);
+    const bool read = status == IdentityStatus::kSuccess;
+    EXPECT_TRUE(read || out == "untouched"s);
+    return read ? out : std::to_string(static_cast<int>(status));
   }
   std::string ReadBlock(const std::string& block) {
     dir_.Write("mmcblk0", std::string(100, '#') + block + "behind");
@@ -68,59 +69,49 @@ TEST_F(IdentityBlockTest, EachFaultHasItsStatus) {
   EXPECT_EQ(Read(), "-2") << "and it does not wait for a writer";
 
   char out[8];
-  EXPECT_EQ(read_identity_value(nullptr, "k", out, 8), -1);
-  EXPECT_EQ(read_identity_value(&storage_, nullptr, out, 8), -1);
-  EXPECT_EQ(read_identity_value(&storage_, "k", nullptr, 8), -1);
-  EXPECT_EQ(read_identity_value(&storage_, "k", out, 0), -1);
+  EXPECT_EQ(read_identity_value(nullptr, "k", out, 8), IdentityStatus::kNullArgument);
+  EXPECT_EQ(read_identity_value(&storage_, nullptr, out, 8), IdentityStatus::kNullArgument);
+  EXPECT_EQ(read_identity_value(&storage_, "k", nullptr, 8), IdentityStatus::kNullArgument);
+  EXPECT_EQ(read_identity_value(&storage_, "k", out, 0), IdentityStatus::kNullArgument);
 }
 
 TEST_F(IdentityBlockTest, ReadsTheStringsOfTheJsonObject) {
   const std::string longest(63, 's');
   const std::string full = R"({"SerialNumber":"SN01","p":")";
-  const std::pair<std::string, std::string> cases[] = {
+  const std::pair<std::string, std::string> readable[] = {
       {R"( {"o" : {"SerialNumber":"inner"}, "SerialNumber" : "S" , "n":[-1.5e3,null,"x"]} )", "S"},
       {R"({"SerialNumber":"first","SerialNumber":"last"})", "last"},
       {R"({"Serial\u004Eumber":"S"})", "S"},
       {R"({"SerialNumber":"\"\\\/A\u00e9\u20AC\uD83D\ude00é"})", "\"\\/Aé€😀é"},
       {R"({"SerialNumber":""})", ""},
+      {R"({"SerialNumber":"S\n"})", "S\n"},
       {R"({"SerialNumber":")" + longest + "\"}", longest},
-      {R"({"SerialNumber":")" + longest + "s\"}", "-7"},
-      {R"({"SerialNumber":"S"})"
-       "\xFF\xFF{",
-       "S"},
+      {"{\"SerialNumber\":\"S\"}\xFF\xFF{", "S"},
       {std::string("{\"SerialNumber\":\"S\"}\0{", 22), "S"},
       {full + std::string(1019 - full.size() - 2, 'x') + "\"}", "SN01"},
-      // no usable text
-      {R"({})", "-7"},
-      {R"({"serialnumber":"S","x":"SerialNumber"})", "-7"},
-      {R"({"SerialNumber":5})", "-7"},
-      {R"({"SerialNumber":null})", "-7"},
-      {R"({"SerialNumber":["S"]})", "-7"},
-      {R"({"SerialNumber":"S","SerialNumber":1})", "-7"},
-      {R"({"SerialNumber":"S\u0000"})", "-7"},
-      {R"({"SerialNumber":"S\n"})", "S\n"},
-      // no JSON object
-      {"", "-5"},
-      {R"(["SerialNumber"])", "-5"},
-      {R"("SerialNumber")", "-5"},
-      {R"({"SerialNumber":"S")", "-5"},
-      {R"({"SerialNumber":"S)", "-5"},
-      {R"({"SerialNumber":"S\)", "-5"},
-      {R"({"SerialNumber":"S"} x)", "-5"},
-      {R"({"SerialNumber":"S",})", "-5"},
-      {R"({"SerialNumber":"S","x":"\x"})", "-5"},
-      {R"({"SerialNumber":"\u12g4"})", "-5"},
-      {R"({"SerialNumber":"\u-123"})", "-5"},
-      {R"({"SerialNumber":"\uD83D"})", "-5"},
-      {R"({"SerialNumber":"\uD83D\u0041"})", "-5"},
-      {R"({"SerialNumber":"\uDE00"})", "-5"},
-      {"{\"SerialNumber\":\"a\tb\"}", "-5"},
-      {"{\"SerialNumber\":\"\xC3(\"}", "-5"},
-      {"{\"SerialNumber\":\"\xED\xA0\x80\"}", "-5"},
-      {std::string(1019, '['), "-5"},
-      {"{\"SerialNumber\":" + std::string(490, '[') + std::string(490, ']') + "}", "-7"},
   };
-  for (const auto& [json, outcome] : cases) EXPECT_EQ(ReadJson(json), outcome) << json;
+  for (const auto& [json, outcome] : readable) EXPECT_EQ(ReadJson(json), outcome) << json;
+  const std::string no_text[] = {
+      R"({})",
+      R"({"SerialNumber":")" + longest + "s\"}",
+      R"({"serialnumber":"S","x":"SerialNumber"})",
+      R"({"SerialNumber":5})",
+      R"({"SerialNumber":null})",
+      R"({"SerialNumber":["S"]})",
+      R"({"SerialNumber":"S","SerialNumber":1})",
+      R"({"SerialNumber":"S\u0000"})",
+      "{\"SerialNumber\":" + std::string(490, '[') + std::string(490, ']') + "}"};
+  for (const std::string& json : no_text) EXPECT_EQ(ReadJson(json), "-7") << json;
+  for (const std::string& inside :
+       {"S\""s, "S"s, R"(S\)"s, R"(S"} x)"s, R"(S",})"s, R"(S","x":"\x"})"s, R"(\u12g4"})"s,
+        R"(\u-123"})"s, R"(\uD83D"})"s, R"(\uD83D\u0041"})"s, R"(\uDE00"})"s, "a\tb\"}"s,
+        "\xC3(\"}"s, "\xED\xA0\x80\"}"s}) {
+    EXPECT_EQ(ReadJson(R"({"SerialNumber":")" + inside), "-5") << inside;
+  }
+  for (const std::string& json :
+       {""s, R"(["SerialNumber"])"s, R"("SerialNumber")"s, std::string(1019, '[')}) {
+    EXPECT_EQ(ReadJson(json), "-5") << json;
+  }
 }
 
 TEST_F(IdentityBlockTest, AnEncryptedBlockOpensWithItsKeyAlone) {

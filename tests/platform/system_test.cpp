@@ -45,9 +45,9 @@ class UpgradeTest : public testing::Test {
  protected:
   int32_t Upgrade(const char* script) {
     UpgradeBoard board;
-    board.script = dir_.WriteScript("upgrade.sh", script);
+    board.script = script != nullptr ? dir_.WriteScript("upgrade.sh", script) : dir_ / "none";
     board.output_dir = dir_.Path();
-    return upgrade_firmware(board, leftovers_, 0, "/userdata/a b.swu");
+    return static_cast<int32_t>(upgrade_firmware(board, leftovers_, 0, "/userdata/a b.swu"));
   }
 
   size_t Outputs() const { return UpgradeOutput::FindIn(dir_.Path()).size(); }
@@ -59,17 +59,15 @@ class UpgradeTest : public testing::Test {
 
 TEST_F(UpgradeTest, RunsTheScriptAndLogsWhatItSays) {
   EXPECT_EQ(Upgrade(R"(echo "$1,$2,$3,$#"; echo oops >&2)"), 0);
-  EXPECT_TRUE(log_.Has("IMSYS", "Prepare for upgrading target 0"));
   EXPECT_TRUE(log_.Has("IMSYS", "Upgrade: upgrade,all,/userdata/a b.swu,3"));
   EXPECT_TRUE(log_.Has("IMSYS", "Upgrade: oops"));
-  EXPECT_FALSE(log_.Has("IMSYS", "Upgrade failed"));
   EXPECT_EQ(std::distance(fs::directory_iterator(dir_.Path()), {}), 1) << "only the script";
 }
 
 TEST_F(UpgradeTest, PassesTheScriptsFailureUp) {
   EXPECT_EQ(Upgrade("exit 7"), 7);
-  EXPECT_TRUE(log_.Has("IMSYS", "Upgrade failed"));
   EXPECT_EQ(Upgrade("kill -9 $$"), 137);
+  EXPECT_EQ(Upgrade(nullptr), 127);
 }
 
 TEST_F(UpgradeTest, KeepsTheFirst40960BytesOfItsOutput) {
@@ -97,14 +95,6 @@ while [ "$(said)" -gt 1048576 ]; do :; done; echo > cut) &)sh";
   EXPECT_TRUE(test::Eventually([&] { return Outputs() == 0; }));
 }
 
-TEST_F(UpgradeTest, AMissingScriptIsNotFound) {
-  UpgradeBoard board;
-  board.script = dir_ / "none";
-  board.output_dir = dir_.Path();
-  EXPECT_EQ(upgrade_firmware(board, leftovers_, 0, "/x"), 127);
-  EXPECT_TRUE(log_.Has("IMSYS", "Upgrade failed"));
-}
-
 TEST_F(UpgradeTest, TheScriptFinishesThoughTheDaemonIsKilled) {
   const Fifo started(dir_ / "started");
   const Fifo killed(dir_ / "killed");
@@ -120,15 +110,8 @@ TEST_F(UpgradeTest, TheScriptFinishesThoughTheDaemonIsKilled) {
   ::waitpid(daemon, nullptr, 0);
   EXPECT_TRUE(killed.Put());
   EXPECT_TRUE(ended.WaitForText());
-  std::string said;
-  std::string said_in;
-  for (const auto& entry : fs::directory_iterator(dir_.Path())) {
-    if (entry.path().filename().string().starts_with(".upgrade-")) {
-      said_in = entry.path();
-      said = test::ReadFile(said_in);
-    }
-  }
-  EXPECT_EQ(said, "still\nhere\n");
+  const fs::path said_in = UpgradeOutput::FindIn(dir_.Path()).at(0).Path();
+  EXPECT_EQ(test::ReadFile(said_in), "still\nhere\n");
   ASSERT_EQ(::symlink("gone", (dir_ / ".upgrade-link").c_str()), 0);
   {
     const utils::UniqueFd writer(::open(said_in.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));

@@ -1,7 +1,6 @@
 // Matching, scores, sweep and plot, against figures worked out by hand.
 #include <gmock/gmock.h>
 
-#include <random>
 #include <regex>
 
 #include "replay/evaluation.h"
@@ -83,45 +82,6 @@ TEST(ReplaySweepTest, EachThresholdCutsTheLessProbable) {
   EXPECT_EQ(sweep.Best(1)->first, 0U);
   EXPECT_EQ(sweep.Best(1)->last, 10U);
   EXPECT_FALSE(Sweep(1).Best(0));
-}
-
-/// What a run with that threshold would have found.
-Scores Rematched(const std::vector<Truth>& truths, const std::vector<Prediction>& all, size_t cls,
-                 float threshold) {
-  std::vector<Prediction> cut;
-  for (const Prediction& prediction : all)
-    if (prediction.cls == cls && prediction.probability > threshold) cut.push_back(prediction);
-  Scores scores;
-  for (const auto& match : MatchWithinClasses(truths, cut))
-    ++(match ? scores.hits : scores.false_alarms);
-  for (const Truth& truth : truths) scores.misses += truth.cls == cls ? 1 : 0;
-  scores.misses -= scores.hits;
-  return scores;
-}
-
-TEST(ReplaySweepTest, IsWhatEachThresholdAloneGives) {
-  std::mt19937 random(5);
-  const auto box = [&random] {
-    const auto left = static_cast<double>(random() % 40);
-    const auto top = static_cast<double>(random() % 40);
-    return Box{left, top, left + 20 + static_cast<double>(random() % 20), top + 30};
-  };
-  std::vector<Truth> truths;
-  std::vector<Prediction> candidates;
-  for (size_t i = 0; i < 12; ++i) truths.push_back({i % 2, box()});
-  for (size_t i = 0; i < 60; ++i)
-    candidates.push_back({i % 2, static_cast<float>(random() % 1000) / 1000, box()});
-  Sweep sweep(2);
-  sweep.Add(truths, candidates);
-  for (size_t step = 0; step < Sweep::kSteps; ++step) {
-    for (size_t cls = 0; cls < 2; ++cls) {
-      const Scores expected = Rematched(truths, candidates, cls, Sweep::Threshold(step));
-      const Scores scores = sweep.At(cls, step);
-      EXPECT_EQ(scores.hits, expected.hits) << step;
-      EXPECT_EQ(scores.false_alarms, expected.false_alarms) << step;
-      EXPECT_EQ(scores.misses, expected.misses) << step;
-    }
-  }
 }
 
 TEST(ReplaySweepTest, VerificationIsSweptByItsValue) {

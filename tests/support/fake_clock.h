@@ -27,8 +27,8 @@ class FakeClock : public utils::Clock {
   }
   void SleepFor(std::chrono::milliseconds time) override { Advance(time); }
 
-  bool WaitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& wake,
-                 TimePoint deadline, const std::function<bool()>& ready) override {
+  bool WaitUntil(utils::MutexLock& lock, utils::Condition& wake, TimePoint deadline,
+                 const std::function<bool()>& ready) override {
     AddWaiter(1);
     bool done = ready();
     while (!done && Now() < deadline) {
@@ -36,7 +36,8 @@ class FakeClock : public utils::Clock {
         JumpTo(deadline);
       } else {
         // Short real waits instead of a list of sleepers to wake: no wake-up can be lost.
-        wake.wait_for(lock, std::chrono::milliseconds(1));
+        wake.WaitUntil(lock, std::chrono::steady_clock::now() + std::chrono::milliseconds(1),
+                       ready);
       }
       done = ready();
     }

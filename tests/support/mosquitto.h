@@ -4,18 +4,15 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <fstream>
 #include <stdexcept>
 #include <string>
-#include <thread>
-#include <vector>
 
+#include "support/eventually.h"
 #include "support/temp_dir.h"
 
 namespace varnel::test {
@@ -60,11 +57,9 @@ inline uint16_t FreePort() {
 /// A real broker on a loopback port of its own.
 class Mosquitto {
  public:
-  /// `listener` holds further lines for the listener (TLS and the like).
-  explicit Mosquitto(const std::string& listener = "allow_anonymous true\n") : port_(FreePort()) {
-    std::ofstream(directory_.Path() / "mosquitto.conf")
-        << "listener " << port_ << " 127.0.0.1\nset_tcp_nodelay true\n"
-        << listener;
+  Mosquitto() : port_(FreePort()) {
+    std::ofstream(config_) << "listener " << port_
+                           << " 127.0.0.1\nset_tcp_nodelay true\nallow_anonymous true\n";
     Start();
   }
   ~Mosquitto() { Stop(SIGKILL); }
@@ -74,19 +69,12 @@ class Mosquitto {
   std::string Port() const { return std::to_string(port_); }
 
   void Start() {
-    const std::string config = (directory_.Path() / "mosquitto.conf").string();
-    std::vector<char*> arguments;
-    for (const char* argument : {"mosquitto", "-c", config.c_str()}) {
-      arguments.push_back(const_cast<char*>(argument));
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::dup2(::open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
+      ::execl("/usr/sbin/mosquitto", "mosquitto", "-c", config_.c_str(), nullptr);
+      ::_exit(127);
     }
-    arguments.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    const int error =
-        posix_spawn(&pid_, "/usr/sbin/mosquitto", &actions, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) throw std::runtime_error("mosquitto does not start");
     WaitUntilListening();
   }
 
@@ -98,20 +86,19 @@ class Mosquitto {
   }
 
  private:
-  /// The broker tells nobody when it listens: asking again after a moment is the only way.
   void WaitUntilListening() const {
-    for (int attempt = 0; attempt < 2000; ++attempt) {
+    const sockaddr_in address = Loopback(port_);
+    const bool listens = Eventually([&] {
       const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      const sockaddr_in address = Loopback(port_);
       const bool up = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
       close(fd);
-      if (up) return;
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));  // sleeps: between two looks
-    }
-    throw std::runtime_error("mosquitto does not listen");
+      return up;
+    });
+    if (!listens) throw std::runtime_error("mosquitto does not listen");
   }
 
   const TempDir directory_;
+  const std::string config_ = directory_ / "mosquitto.conf";
   const uint16_t port_;
   pid_t pid_ = -1;
 };

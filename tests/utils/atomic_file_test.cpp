@@ -1,12 +1,10 @@
 #include "utils/atomic_file.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
-
+#include "support/full_disk.h"
 #include "support/temp_dir.h"
 #include "utils/free_space.h"
 #include "utils/private_directory.h"
@@ -49,16 +47,10 @@ TEST(AtomicFileTest, FailureKeepsTheOldFileAndLeavesNoTemporary) {
             std::errc::no_such_file_or_directory);
   EXPECT_EQ(WriteFileAtomically(dir / "taken", "new"), std::errc::is_a_directory);
 
-  // A write that fails half-way, as on a full disk.
-  ::signal(SIGXFSZ, SIG_IGN);
-  rlimit before{};
-  ::getrlimit(RLIMIT_FSIZE, &before);
-  const rlimit small = {4096, before.rlim_max};
-  ::setrlimit(RLIMIT_FSIZE, &small);
-  const std::error_code error = WriteFileAtomically(file, std::string(10'000, 'x'));
-  ::setrlimit(RLIMIT_FSIZE, &before);
-  ::signal(SIGXFSZ, SIG_DFL);
-  EXPECT_EQ(error, std::errc::file_too_large);
+  {
+    const test::FullDisk disk(4096);
+    EXPECT_EQ(WriteFileAtomically(file, std::string(10'000, 'x')), std::errc::file_too_large);
+  }
   EXPECT_EQ(ReadFile(file), "old");
   EXPECT_EQ(FilesIn(dir.Path()), 2U);
 }

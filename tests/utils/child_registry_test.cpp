@@ -7,7 +7,6 @@
 #include <csignal>
 #include <fstream>
 
-#include "support/eventually.h"
 #include "support/temp_dir.h"
 #include "utils/safe_exec.h"
 
@@ -27,8 +26,8 @@ class ToldChild {
       : command_(Shell("exec 3>" + pipe + "; echo $$ >&3; " + rest)), pipe_(pipe) {
     EXPECT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
   }
-  pid_t Start(bool outlives_us) {
-    if (outlives_us) command_.OutliveUs();
+  SafeExec& Command() { return command_; }
+  pid_t Start() {
     result_ = command_.ExecuteAsync();
     from_.open(pipe_);
     pid_t pid = 0;
@@ -48,12 +47,13 @@ class ToldChild {
   std::future<SafeExec::Result> result_;
 };
 
-void EndOneOfTwo() {
+void ExpectOneOfTwoToEnd() {
   const test::TempDir directory;
   ToldChild bound(directory / "bound", "sleep 1000 & wait");
   ToldChild free(directory / "free", "exec sleep 1000");
-  (void)bound.Start(false);
-  const pid_t survivor = free.Start(true);
+  (void)bound.Start();
+  free.Command().OutliveUs();
+  const pid_t survivor = free.Start();
   EndChildren();
   EXPECT_FALSE(bound.Lives()) << "its own child holds the pipe as well";
   EXPECT_EQ(bound.ExitCode(), 128 + SIGKILL);
@@ -65,33 +65,10 @@ void EndOneOfTwo() {
 TEST(ChildRegistryDeathTest, ChildrenEndWithUsUnlessTheyAreToOutliveUs) {
   EXPECT_EXIT(
       {
-        EndOneOfTwo();
+        ExpectOneOfTwoToEnd();
         ::_exit(testing::Test::HasFailure() ? 1 : 0);
       },
       testing::ExitedWithCode(0), "");
-}
-
-TEST(ChildRegistryDeathTest, AKillThatCannotBeHandledEndsThemAsWell) {
-  const test::TempDir directory;
-  EXPECT_EXIT(
-      {
-        ToldChild bound(directory / "bound", "exec sleep 1000");
-        ToldChild free(directory / "free", "exec sleep 1000");
-        std::ofstream(directory / "pids") << bound.Start(false) << ' ' << free.Start(true);
-        ::kill(::getpid(), SIGKILL);
-      },
-      testing::KilledBySignal(SIGKILL), "");
-  pid_t bound = 0;
-  pid_t survivor = 0;
-  std::ifstream(directory / "pids") >> bound >> survivor;
-  ASSERT_GT(bound, 0);
-  ASSERT_GT(survivor, 0);
-  const auto ended = [bound] {
-    const std::string state = test::ReadFile("/proc/" + std::to_string(bound) + "/stat");
-    return state.empty() || state.find(") Z") != std::string::npos;
-  };
-  EXPECT_TRUE(test::Eventually(ended));
-  EXPECT_EQ(::kill(survivor, SIGKILL), 0);
 }
 
 }  // namespace

@@ -15,10 +15,7 @@ using test::TempDir;
 using testing::HasSubstr;
 
 TEST(DeploymentTest, EachMistakeGivesOneWarningAndTheDefaultAndNoFileNone) {
-  const struct {
-    std::string content;
-    const char* warning;
-  } cases[] = {
+  const std::pair<std::string, const char*> cases[] = {
       {R"({"min_free_space_mib": "64"})", "min_free_space_mib must be a whole number"},
       {R"({"min_free_space_mib": -1})", "min_free_space_mib must be"},
       {R"({"min_free_space_mib": 1.5})", "min_free_space_mib must be"},
@@ -47,16 +44,16 @@ TEST(DeploymentTest, EachMistakeGivesOneWarningAndTheDefaultAndNoFileNone) {
     EXPECT_TRUE(none.client_write_directories.empty());
     EXPECT_EQ(log.Text(), "");
   }
-  for (const auto& test : cases) {
+  for (const auto& [content, warning] : cases) {
     const LogCapture log;
-    const Deployment deployment = LoadDeployment(dir.Write("d.json", test.content));
+    const Deployment deployment = LoadDeployment(dir.Write("d.json", content));
     EXPECT_EQ(deployment.min_free_space_mib, 64U);
     EXPECT_THAT(deployment.client_write_directories, testing::ElementsAre("/userdata", "/tmp"));
     EXPECT_EQ(deployment.identity_device, "/dev/mmcblk0");
     EXPECT_EQ(deployment.identity_offset, 26'624U);
     EXPECT_EQ(deployment.identity_key_file, "");
     const std::string text = log.Text();
-    EXPECT_THAT(text, HasSubstr(test.warning));
+    EXPECT_THAT(text, HasSubstr(warning));
     EXPECT_THAT(text, testing::StartsWith("W [MAIN:"));
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
   }

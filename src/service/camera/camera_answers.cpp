@@ -15,7 +15,7 @@ json CameraSuccess() {
 
 json InvalidCameraParams(const char* method) {
   VLOG_ERROR(kCameraTag, "method: {}, invalid parameter", method);
-  return comms::MakeError(comms::kInvalidParams, "Invalid params");
+  return comms::MakeError(comms::RpcError::kInvalidParams, "Invalid params");
 }
 
 bool AreCameraParams(const json& params) {

@@ -34,39 +34,34 @@ json PhotoAnswer(PhotoStatus status) {
     case PhotoStatus::kSuccess:
       return CameraSuccess();
     case PhotoStatus::kNotWritable:
-      return MakeError(comms::kInvalidRequest, "Invalid Request");
+      return MakeError(comms::RpcError::kInvalidRequest, "Invalid Request");
     case PhotoStatus::kCaptureFailed:
     case PhotoStatus::kConversionFailed:
       break;
   }
-  return MakeError(comms::kOperationFailed, "Take photo failed");
+  return MakeError(comms::RpcError::kOperationFailed, "Take photo failed");
 }
 
 }  // namespace
 
 CameraService::CameraService(comms::CommsManager& comms, Setup setup)
     : comms_(comms),
-      take_photo_(std::move(setup.take_photo)),
-      take_client_photo_(std::move(setup.take_client_photo)),
+      camera_(*setup.camera),
       paths_(*setup.paths),
       clock_(*setup.clock),
-      timelapses_({.paths = std::move(setup.timelapse_paths),
-                   .programs = std::move(setup.encoder_programs),
-                   .take_photo =
-                       [this](const std::string& path) {
-                         return take_photo_(path) == PhotoStatus::kSuccess;
-                       },
-                   .notify = [this](const std::string& method,
-                                    json params) { return Notify(method, std::move(params)); },
-                   .broker_answers = [this] { return comms_.IsLocalConnected(); },
-                   .uploader = std::move(setup.uploader),
-                   .clock = setup.clock}),
-      detection_(
-          [this](const std::string& path) { return take_photo_(path) == PhotoStatus::kSuccess; },
-          setup.analyser, std::move(setup.detection_picture), *setup.clock) {}
+      timelapses_(
+          {.paths = std::move(setup.timelapse_paths),
+           .programs = std::move(setup.encoder_programs),
+           .camera = &camera_,
+           .notify = [this](const std::string& method,
+                            json params) { return comms::Code(Notify(method, std::move(params))); },
+           .broker_answers = [this] { return comms_.IsLocalConnected(); },
+           .uploader = std::move(setup.uploader),
+           .clock = setup.clock}),
+      detection_(camera_, setup.analyser, std::move(setup.detection_picture), *setup.clock) {}
 
-int CameraService::Notify(const std::string& method, json params) {
-  return comms::Code(comms_.SendNotification(kNotificationTopic, method, std::move(params)));
+comms::CommsStatus CameraService::Notify(const std::string& method, json params) {
+  return comms_.SendNotification(kNotificationTopic, method, std::move(params));
 }
 
 comms::CommsStatus CameraService::Start() {
@@ -94,9 +89,9 @@ comms::CommsStatus CameraService::Start() {
       Method{"camera.start_monitor", Kind::kNetwork,
              &Service::ReqCallbackCameraServiceStartMonitor},
       Method{"camera.stop_monitor", Kind::kQuick, &Service::ReqCallbackCameraServiceStopMonitor},
-      Method{"camera.start_timelapse", Kind::kListing,
+      Method{"camera.start_timelapse", Kind::kCommand,
              &Service::ReqCallbackCameraServiceStartTimelapse, tell_of(true)},
-      Method{"camera.stop_timelapse", Kind::kListing,
+      Method{"camera.stop_timelapse", Kind::kCommand,
              &Service::ReqCallbackCameraServiceStopTimelapse, tell_of(false)},
       Method{"camera.get_timelapse_instance", Kind::kListing,
              &Service::ReqCallbackCameraServiceGetTimelapseInstance},
@@ -122,35 +117,35 @@ comms::CommsStatus CameraService::Start() {
 json CameraService::ReqCallbackCameraServiceTakePhoto(const json& params) {
   if (!AreCameraParams(params)) return InvalidCameraParams(kTakePhoto);
   if (!params.contains("reason"))
-    return MakeError(comms::kInvalidParams, "Missing required param: reason");
+    return MakeError(comms::RpcError::kInvalidParams, "Missing required param: reason");
   if (!params["reason"].is_string()) return InvalidCameraParams(kTakePhoto);
   const std::string reason = params["reason"].get<std::string>();
   VLOG_INFO(kTag, "Take a photo, reason is {}", utils::LogText(reason));
   if (reason == "printing") return TakePrintingPhoto();
   if (reason == "debug") return TakeDebugPhoto(params);
-  return MakeError(comms::kInvalidRequest, "Invalid Request");
+  return MakeError(comms::RpcError::kInvalidRequest, "Invalid Request");
 }
 
 json CameraService::TakePrintingPhoto() {
   const std::optional<TimelapsePhoto> photo = timelapses_.TakePhoto();
   if (photo == TimelapsePhoto::kTaken) return CameraSuccess();
   if (photo == TimelapsePhoto::kFailed)
-    return MakeError(comms::kOperationFailed, "Take photo failed");
+    return MakeError(comms::RpcError::kOperationFailed, "Take photo failed");
   VLOG_WARN(kTag, "Timelapse take photo: invalid operation.");
-  return MakeError(comms::kInvalidRequest, "Invalid operation");
+  return MakeError(comms::RpcError::kInvalidRequest, "Invalid operation");
 }
 
 json CameraService::TakeDebugPhoto(const json& params) {
   const std::optional<DebugPhotoRequest> request = ParseDebugPhoto(params);
   const std::optional<std::string> path = request ? DebugPhotoPath(*request) : std::nullopt;
   if (!path) return InvalidCameraParams(kTakePhoto);
-  if (path->empty()) return PhotoAnswer(take_photo_(""));
+  if (path->empty()) return PhotoAnswer(camera_.TakePhoto(std::string()));
   const std::optional<utils::FilePlace> place = paths_.Resolve(*path);
   if (!place) {
     VLOG_WARN(kTag, "Clients may not write to {}", utils::LogText(*path));
-    return MakeError(comms::kInvalidRequest, "Invalid Request");
+    return MakeError(comms::RpcError::kInvalidRequest, "Invalid Request");
   }
-  return PhotoAnswer(take_client_photo_(*place));
+  return PhotoAnswer(camera_.TakePhoto(*place));
 }
 
 json CameraService::ReqCallbackCameraServiceGetStatus(const json&) {

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "comms/comms_manager.h"
-#include "hal_adapter/multimedia_adapter.h"
+#include "hal_adapter/photo_taker.h"
 #include "service/camera/capture_detection.h"
 #include "service/camera/timelapse/films/timelapse_service.h"
 #include "utils/client_path.h"
@@ -16,18 +16,10 @@ namespace varnel::service {
 /// once.
 class CameraService {
  public:
-  /// Takes a photo with the main camera to a path; an empty path saves nothing. Callable from any
-  /// thread.
-  using TakePhoto = std::function<hal_adapter::PhotoStatus(const std::string& path)>;
-
-  /// The same to where a client wants it.
-  using TakeClientPhoto = std::function<hal_adapter::PhotoStatus(const utils::FilePlace& place)>;
-
   /// What the service is built from; the defaults are the board's.
   struct Setup {
-    TakePhoto take_photo;
-    TakeClientPhoto take_client_photo;
-    const utils::ClientPathPolicy* paths = nullptr;  ///< must outlive the service
+    hal_adapter::PhotoTaker* camera = nullptr;  ///< must outlive the service, like the next
+    const utils::ClientPathPolicy* paths = nullptr;
     TimelapsePaths timelapse_paths = {};
     EncoderPrograms encoder_programs = {};
     PrintAnalyser* analyser = nullptr;  ///< none: detections fail; must outlive the service
@@ -41,7 +33,7 @@ class CameraService {
 
   /// Handles what an earlier run left, then registers the methods; the manager keeps references to
   /// this object from then on.
-  [[nodiscard]] comms::CommsStatus Start();
+  comms::CommsStatus Start();
 
   nlohmann::json ReqCallbackCameraServiceTakePhoto(const nlohmann::json& params);
   nlohmann::json ReqCallbackCameraServiceGetStatus(const nlohmann::json& params);
@@ -58,12 +50,11 @@ class CameraService {
   nlohmann::json TakeDebugPhoto(const nlohmann::json& params);
   nlohmann::json TakePrintingPhoto();
   bool StartTimelapse(const std::string& type, const TimelapseSettings& settings);
-  int Notify(const std::string& method, nlohmann::json params);
+  comms::CommsStatus Notify(const std::string& method, nlohmann::json params);
   void NotifyStatusChange(bool timelapse);
 
   comms::CommsManager& comms_;
-  const TakePhoto take_photo_;
-  const TakeClientPhoto take_client_photo_;
+  hal_adapter::PhotoTaker& camera_;
   const utils::ClientPathPolicy& paths_;
   utils::Clock& clock_;
   TimelapseService timelapses_;

@@ -24,7 +24,7 @@ constexpr std::chrono::seconds kMaxWait{10};
 
 json Failure(const std::string& reason) {
   VLOG_ERROR(kTag, "ReqCallbackCameraServiceDetectCapture failed with reason: {}", reason);
-  return comms::MakeError(comms::kOperationFailed, reason);
+  return comms::MakeError(comms::RpcError::kOperationFailed, reason);
 }
 
 json Failure(const std::string& reason, int code) {
@@ -79,12 +79,9 @@ bool AreDetectionParams(const json& params) {
          FitLabelObjects(params);
 }
 
-CaptureDetection::CaptureDetection(TakePhoto take_photo, PrintAnalyser* analyser,
+CaptureDetection::CaptureDetection(hal_adapter::PhotoTaker& camera, PrintAnalyser* analyser,
                                    std::string picture, utils::Clock& clock)
-    : take_photo_(std::move(take_photo)),
-      analyser_(analyser),
-      picture_(std::move(picture)),
-      turn_(clock) {}
+    : camera_(camera), analyser_(analyser), picture_(std::move(picture)), turn_(clock) {}
 
 void CaptureDetection::LogState() const {
   VLOG_INFO(kTag, "PrinterAnalysis: printer detector created with status: {}",
@@ -99,7 +96,8 @@ json CaptureDetection::Detect(const json& params) {
   if (!AreDetectionParams(params)) return InvalidCameraParams(kMethod);
   const utils::Turn::Holder turn(turn_, kMaxWait);
   if (!turn) VLOG_WARN(kTag, "Earlier detections are still running after 10s");
-  if (!turn || !take_photo_(picture_)) return Failure(kTakePhotoFailed);
+  if (!turn || camera_.TakePhoto(picture_) != hal_adapter::PhotoStatus::kSuccess)
+    return Failure(kTakePhotoFailed);
   PrintAnalyser::Answer answer = analyser_->Detect(picture_, params);
   if (answer.code != 0) return Failure(answer.message, answer.code);
   return std::move(answer.data);

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <chrono>
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "hal_adapter/photo_taker.h"
 #include "service/camera/print_analyser.h"
 #include "utils/clock.h"
 #include "utils/turn.h"
@@ -16,11 +16,9 @@ namespace varnel::service {
 /// that waits longer than 10 s fails.
 class CaptureDetection {
  public:
-  /// Whether the photo is in the file.
-  using TakePhoto = std::function<bool(const std::string& path)>;
-
-  /// @param analyser null when there is none; else it must outlive this object
-  CaptureDetection(TakePhoto take_photo, PrintAnalyser* analyser, std::string picture,
+  /// @param camera must outlive this object
+  /// @param analyser null when there is none; else the same
+  CaptureDetection(hal_adapter::PhotoTaker& camera, PrintAnalyser* analyser, std::string picture,
                    utils::Clock& clock);
 
   /// Tells the log whether detections can be served.
@@ -29,7 +27,7 @@ class CaptureDetection {
   nlohmann::json Detect(const nlohmann::json& params);
 
  private:
-  const TakePhoto take_photo_;
+  hal_adapter::PhotoTaker& camera_;
   PrintAnalyser* const analyser_;
   const std::string picture_;
   utils::Turn turn_;  // over the picture's file and the analyser

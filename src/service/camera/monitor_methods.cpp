@@ -32,24 +32,24 @@ json CameraService::ReqCallbackCameraServiceStartMonitor(const json& params) {
   if (!AreCameraParams(params)) return InvalidCameraParams(kStart);
   if (!HasAll(params, {"domain", "interval"})) {
     VLOG_ERROR(kTag, "miss domain or interval parameter.");
-    return MakeError(comms::kInvalidParams, "Missing required params: domain, interval");
+    return MakeError(comms::RpcError::kInvalidParams, "Missing required params: domain, interval");
   }
   if (!AreStartParams(params)) return InvalidCameraParams(kStart);
   VLOG_INFO(kTag, "Start camera monitor, domain is {}, interval is {}, expect_pw is {}",
             params["domain"].get<std::string>(), params["interval"].dump(),
             params.value("expect_pw", false));
-  return MakeError(comms::kOperationFailed, "Start monitor failed");
+  return MakeError(comms::RpcError::kOperationFailed, "Start monitor failed");
 }
 
 json CameraService::ReqCallbackCameraServiceStopMonitor(const json& params) {
   if (!AreCameraParams(params)) return InvalidCameraParams(kStop);
   if (!HasAll(params, {"domain"})) {
     VLOG_ERROR(kTag, "miss domain parameter.");
-    return MakeError(comms::kInvalidParams, "Missing required param: domain");
+    return MakeError(comms::RpcError::kInvalidParams, "Missing required param: domain");
   }
   if (!IsDomain(params["domain"])) return InvalidCameraParams(kStop);
   VLOG_INFO(kTag, "Stop camera monitor, domain is {}", params["domain"].get<std::string>());
-  return MakeError(comms::kOperationFailed, "Stop monitor failed");
+  return MakeError(comms::RpcError::kOperationFailed, "Stop monitor failed");
 }
 
 }  // namespace varnel::service

@@ -1,14 +1,12 @@
 // The methods of the camera service that deal with time-lapses.
-#include <fmt/format.h>
-
 #include <chrono>
-#include <ctime>
 #include <string>
 
 #include "comms/json_rpc_message.h"
 #include "service/camera/camera_answers.h"
 #include "service/camera/camera_service.h"
 #include "service/camera/timelapse_requests.h"
+#include "utils/local_time.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 
@@ -25,23 +23,13 @@ constexpr const char* kList = "camera.get_timelapse_instance";
 constexpr const char* kDelete = "camera.delete_timelapse_instance";
 constexpr const char* kUpload = "camera.upload_timelapse_instance";
 
-/// "2025-01-31 23:59:59", local time.
-std::string LocalTimeText(utils::Clock::WallTime now) {
-  const std::time_t time = std::chrono::system_clock::to_time_t(now);
-  std::tm local{};
-  ::tzset();
-  localtime_r(&time, &local);
-  return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}", local.tm_year + 1900, local.tm_mon + 1,
-                     local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
-}
-
 const char* MessageOf(HalStatus status) {
   switch (status) {
-    case hal_adapter::kHalFileNotFound:
+    case HalStatus::kFileNotFound:
       return "file not found";
-    case hal_adapter::kHalInvalidParameter:
+    case HalStatus::kInvalidParameter:
       return "instance is not exists";
-    case hal_adapter::kHalFileFormatError:
+    case HalStatus::kFileFormatError:
       return "file format error";
     default:
       return "internal error";
@@ -49,7 +37,7 @@ const char* MessageOf(HalStatus status) {
 }
 
 json AnswerOf(HalStatus status) {
-  if (status == hal_adapter::kHalSuccess) return CameraSuccess();
+  if (status == HalStatus::kSuccess) return CameraSuccess();
   return {{"state", "failed"}, {"message", MessageOf(status)}};
 }
 
@@ -57,10 +45,14 @@ json AnswerOf(HalStatus status) {
 
 void CameraService::NotifyStatusChange(bool timelapse) {
   constexpr const char* kMethod = "notify_camera_status_change";
-  const int status = Notify(kMethod, {{"timelapse", timelapse},
-                                      {"timestamp", LocalTimeText(clock_.WallNow())},
-                                      {"state", "success"}});
-  if (status != 0) VLOG_ERROR(kTag, "Send {} error, ret = {}", kMethod, status);
+  const auto seconds =
+      std::chrono::floor<std::chrono::seconds>(clock_.WallNow().time_since_epoch());
+  const comms::CommsStatus status =
+      Notify(kMethod, {{"timelapse", timelapse},
+                       {"timestamp", utils::LocalTimeText(seconds.count()).value_or("")},
+                       {"state", "success"}});
+  if (status != comms::CommsStatus::kOk)
+    VLOG_ERROR(kTag, "Send {} error, ret = {}", kMethod, comms::Code(status));
 }
 
 bool CameraService::StartTimelapse(const std::string& type, const TimelapseSettings& settings) {
@@ -71,7 +63,7 @@ json CameraService::ReqCallbackCameraServiceStartTimelapse(const json& params) {
   if (!AreCameraParams(params)) return InvalidCameraParams(kStart);
   if (!HasAll(params, {"mode", "frame_rate"})) {
     VLOG_ERROR(kTag, "miss mode or frame_rate parameter.");
-    return MakeError(comms::kInvalidParams, "Missing required params: mode, frame_rate");
+    return MakeError(comms::RpcError::kInvalidParams, "Missing required params: mode, frame_rate");
   }
   const auto given_type = params.find("type");
   if (given_type != params.end() && !given_type->is_string()) return InvalidCameraParams(kStart);
@@ -80,11 +72,11 @@ json CameraService::ReqCallbackCameraServiceStartTimelapse(const json& params) {
   if (!settings) return InvalidCameraParams(kStart);
   if (type != "new" && type != "continue") {
     VLOG_ERROR(kTag, "Start timelapse: unsupported type {}", utils::LogText(type));
-    return MakeError(comms::kInvalidRequest, "Unsupported type: " + type);
+    return MakeError(comms::RpcError::kInvalidRequest, "Unsupported type: " + type);
   }
   if (!StartTimelapse(type, *settings)) {
     VLOG_ERROR(kTag, "Start timelapse failed.");
-    return MakeError(comms::kInvalidRequest, "start timelapse failed");
+    return MakeError(comms::RpcError::kInvalidRequest, "start timelapse failed");
   }
   VLOG_INFO(kTag, "Start time-lapse photography successed.");
   return CameraSuccess();
@@ -96,10 +88,10 @@ json CameraService::ReqCallbackCameraServiceStopTimelapse(const json&) {
       break;
     case TimelapseService::StopResult::kNothingRuns:
       VLOG_ERROR(kTag, "Stop time-lapse photography: invalid operation.");
-      return MakeError(comms::kInvalidRequest, "Invalid operation");
+      return MakeError(comms::RpcError::kInvalidRequest, "Invalid operation");
     case TimelapseService::StopResult::kRefused:
       VLOG_ERROR(kTag, "Stop time-lapse photography failed.");
-      return MakeError(comms::kInvalidRequest, "Stop time-lapse photography failed");
+      return MakeError(comms::RpcError::kInvalidRequest, "Stop time-lapse photography failed");
   }
   VLOG_INFO(kTag, "Stop time-lapse photography successed.");
   return CameraSuccess();
@@ -111,17 +103,17 @@ json CameraService::ReqCallbackCameraServiceGetTimelapseInstance(const json& par
   if (query->all) VLOG_INFO(kTag, "method: {}, no params, use default.", kList);
   VLOG_INFO(kTag, "method: {} params: get all flag is {}, page_index is {} page_rows is {}.", kList,
             query->all, query->page_index, query->page_rows);
-  json answer = timelapses_.Store().List(*query);
-  if (answer.is_null()) return AnswerOf(hal_adapter::kHalFailure);
-  answer["state"] = "success";
-  return answer;
+  auto answer = timelapses_.Store().List(*query);
+  if (!answer) return AnswerOf(HalStatus::kFailure);
+  (*answer)["state"] = "success";
+  return std::move(*answer);
 }
 
 json CameraService::ReqCallbackCameraServiceDeleteTimelapseInstance(const json& params) {
   if (!AreCameraParams(params)) return InvalidCameraParams(kDelete);
   if (!HasAll(params, {"date_index"})) {
     VLOG_ERROR(kTag, "Miss date_index parameter.");
-    return MakeError(comms::kInvalidParams, "Missing required param: date_index");
+    return MakeError(comms::RpcError::kInvalidParams, "Missing required param: date_index");
   }
   if (!params["date_index"].is_string()) return InvalidCameraParams(kDelete);
   const std::string index = params["date_index"].get<std::string>();
@@ -133,7 +125,7 @@ json CameraService::ReqCallbackCameraServiceUploadTimelapseInstance(const json& 
   if (!AreCameraParams(params)) return InvalidCameraParams(kUpload);
   if (!HasAll(params, {"date_index", "type"})) {
     VLOG_ERROR(kTag, "Miss date_index or type parameter.");
-    return MakeError(comms::kInvalidParams, "Missing required params: date_index, type");
+    return MakeError(comms::RpcError::kInvalidParams, "Missing required params: date_index, type");
   }
   if (!params["date_index"].is_string() || !params["type"].is_string())
     return InvalidCameraParams(kUpload);
@@ -144,7 +136,7 @@ json CameraService::ReqCallbackCameraServiceUploadTimelapseInstance(const json& 
   UploadedFilm film;
   const HalStatus status = timelapses_.Upload(index, type, film);
   json answer = AnswerOf(status);
-  if (status != hal_adapter::kHalSuccess) return answer;
+  if (status != HalStatus::kSuccess) return answer;
   answer.update({{"url", film.url},
                  {"pw", film.password},
                  {"iterations", film.iterations},

@@ -8,7 +8,6 @@
 #include "utils/local_time.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
-#include "utils/thread.h"
 
 namespace varnel::service {
 namespace {
@@ -30,33 +29,22 @@ DateRecord::~DateRecord() {
 }
 
 void DateRecord::Start() {
-  if (task_.joinable()) {
+  if (task_) {
     VLOG_INFO(kTag, "Record system date task is already running.");
     return;
   }
-  task_ =
-      utils::SpawnGuarded("date-record", kTag, [this](const std::stop_token& stop) { Run(stop); });
+  task_.emplace("date-record", kTag, clock_,
+                [this](const utils::PausingThread::Pause& pause) { Run(pause); });
 }
 
 void DateRecord::Stop() {
-  if (!task_.joinable()) return;
-  {
-    // Under the mutex, so that the task cannot miss it between its check and its wait.
-    const std::lock_guard lock(mutex_);
-    task_.request_stop();
-  }
-  wake_.notify_all();
-  task_.join();
+  task_.reset();
 }
 
-void DateRecord::Run(const std::stop_token& stop) {
+void DateRecord::Run(const utils::PausingThread::Pause& pause) const {
   VLOG_INFO(kTag, "Record system date task start.");
-  const auto stopping = [&stop] { return stop.stop_requested(); };
-  for (bool stopped = stopping(); !stopped;) {
-    RecordGuarded();
-    std::unique_lock lock(mutex_);
-    stopped = clock_.WaitUntil(lock, wake_, clock_.Now() + kPeriod, stopping);
-  }
+  do RecordGuarded();
+  while (pause(kPeriod));
   VLOG_INFO(kTag, "Record system date task end.");
 }
 

@@ -1,12 +1,10 @@
 #pragma once
 
-#include <condition_variable>
 #include <filesystem>
-#include <mutex>
-#include <stop_token>
-#include <thread>
+#include <optional>
 
 #include "utils/clock.h"
+#include "utils/pausing_thread.h"
 
 namespace varnel::service {
 
@@ -29,15 +27,13 @@ class DateRecord {
   void Stop();
 
  private:
-  void Run(const std::stop_token& stop);
+  void Run(const utils::PausingThread::Pause& pause) const;
   void RecordGuarded() const;
   void Record() const;
 
   const std::filesystem::path directory_;
   utils::Clock& clock_;
-  std::mutex mutex_;  // for the timed wait only, like the condition
-  std::condition_variable wake_;
-  std::jthread task_;
+  std::optional<utils::PausingThread> task_;
 };
 
 }  // namespace varnel::service

@@ -20,7 +20,7 @@ class DeviceInfoService {
   DeviceInfoService(comms::CommsManager& comms, IdentityProvider identity);
 
   /// Registers the method; the manager keeps a reference to this object from then on.
-  [[nodiscard]] comms::CommsStatus Start();
+  comms::CommsStatus Start();
 
   nlohmann::json ReqCallbackSystemGetDeviceInfo(const nlohmann::json& params) const;
 

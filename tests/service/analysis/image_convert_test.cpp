@@ -6,9 +6,9 @@
 #include <cmath>
 #include <random>
 
-#include "service/analysis/picture/image_layout.h"
 #include "service/analysis/picture/letterbox.h"
 #include "service/analysis/picture/rga_library.h"
+#include "service/analysis/pictures.h"
 
 namespace varnel::service {
 namespace {
@@ -65,12 +65,8 @@ double Reference(const ImageBuffer& source, const Rect& from, const Rect& to, in
 
 /// A destination with rows longer than its width, to see what is written beside it.
 struct Target {
-  Target(int32_t width, int32_t height, int32_t stride, PixelFormat format) {
-    EXPECT_TRUE(AllocateImage(image, stride, height, format));
-    std::fill(image.pixels.begin(), image.pixels.end(), kUntouched);
-    image.buffer.width = width;
-    image.buffer.width_stride = stride;
-  }
+  Target(int32_t width, int32_t height, int32_t stride, PixelFormat format)
+      : image(Plain(width, height, kUntouched, stride, format)) {}
   uint8_t At(int32_t x, int32_t y, size_t channel) const {
     const auto bytes = static_cast<size_t>(BytesPerPixel(image.buffer.format));
     return image.pixels[static_cast<size_t>(y) * RowPitch(image.buffer) +
@@ -83,117 +79,55 @@ bool Covers(const Rect& rect, int32_t x, int32_t y) {
   return x >= rect.left && x < rect.right && y >= rect.top && y < rect.bottom;
 }
 
-/// The corners of the stride box and of the rectangle, and random places.
-std::vector<std::pair<int32_t, int32_t>> Places(const ImageBuffer& image, const Rect& rect) {
-  const int32_t stride = WidthStride(image);
-  std::vector<std::pair<int32_t, int32_t>> places;
-  for (const int32_t x : {0, rect.left - 1, rect.left, rect.right - 1, rect.right, stride - 1}) {
-    for (const int32_t y : {0, rect.top - 1, rect.top, rect.bottom - 1, rect.bottom}) {
-      if (x >= 0 && x < stride && y >= 0 && y < image.height) places.emplace_back(x, y);
-    }
-  }
-  static std::mt19937 random(3);
-  for (int i = 0; i < 200; ++i) {
-    places.emplace_back(random() % static_cast<uint32_t>(stride),
-                        random() % static_cast<uint32_t>(image.height));
-  }
-  return places;
-}
-
+/// Every pixel of the rows, also beside the picture.
 void ExpectScaled(const ImageBuffer& source, const Rect& from, const Target& target, const Rect& to,
                   uint8_t around) {
+  const ImageBuffer& image = target.image.buffer;
   const auto channels = static_cast<size_t>(BytesPerPixel(source.format));
-  for (const auto& [x, y] : Places(target.image.buffer, to)) {
-    for (size_t c = 0; c < channels; ++c) {
-      const double beside = x < target.image.buffer.width ? around : kUntouched;
-      const double wanted = Covers(to, x, y) ? Reference(source, from, to, x, y, c) : beside;
-      ASSERT_NEAR(target.At(x, y, c), wanted, Covers(to, x, y) ? 2 : 0)
-          << x << ',' << y << " of " << Width(from) << 'x' << Height(from) << " to " << Width(to)
-          << 'x' << Height(to) << ", " << channels << " channels";
+  for (int32_t y = 0; y < image.height; ++y) {
+    for (int32_t x = 0; x < WidthStride(image); ++x) {
+      const bool inside = Covers(to, x, y);
+      const double beside = x < image.width ? around : kUntouched;
+      for (size_t c = 0; c < channels; ++c) {
+        const double wanted = inside ? Reference(source, from, to, x, y, c) : beside;
+        ASSERT_NEAR(target.At(x, y, c), wanted, inside ? 2 : 0)
+            << x << ',' << y << " of " << Width(from) << 'x' << Height(from) << " to " << Width(to)
+            << 'x' << Height(to) << ", " << channels << " channels";
+      }
     }
   }
 }
 
-/// What the letterbox is to be, in floating point.
-struct Wanted {
-  double scale;
-  int32_t width;
-  int32_t height;
-};
-
-Wanted WantedLetterbox(const ImageBuffer& source, int32_t width, int32_t height) {
-  const double scale = std::min(static_cast<double>(width) / source.width,
-                                static_cast<double>(height) / source.height);
-  const auto whole = [&](int32_t side) { return static_cast<int32_t>(side * scale + 1e-9); };
-  return {scale, whole(source.width) / 4 * 4, whole(source.height) / 2 * 2};
-}
-
-void ExpectLetterboxed(const ImageBuffer& source, int32_t width, int32_t height) {
-  const Target target(width, height, width + width % 3, source.format);
-  const Wanted wanted = WantedLetterbox(source, width, height);
-  LetterBox box;
-  CaptureStdout();
-  const int result =
-      convert_image_with_letterbox(source, target.image.buffer, box, kGrey, false, NoEngine());
-  const std::string printed = GetCapturedStdout();
-  if (wanted.width == 0 || wanted.height == 0) {
-    EXPECT_LT(result, 0);
-    EXPECT_THAT(printed, testing::HasSubstr("has a scaled side of 0\n"));
-    return;
-  }
-  ASSERT_EQ(result, 0) << printed;
-  EXPECT_NEAR(box.scale, wanted.scale, 1e-5);
-  EXPECT_EQ(box.x_pad % 2 + box.y_pad % 2, 0);
-  for (const auto& [pad, free] :
-       {std::pair(box.x_pad, width - wanted.width), std::pair(box.y_pad, height - wanted.height)}) {
-    EXPECT_GE(free - 2 * pad, 0);
-    EXPECT_LT(free - 2 * pad, 4);
-  }
-  // A corner comes back within one network pixel and what rounding took from the side.
-  EXPECT_NEAR(static_cast<float>(wanted.width) / box.scale, source.width, (3 + 1) / wanted.scale);
-  EXPECT_NEAR(static_cast<float>(wanted.height) / box.scale, source.height, (1 + 1) / wanted.scale);
-  const Rect to{box.x_pad, box.y_pad, box.x_pad + wanted.width, box.y_pad + wanted.height};
-  ExpectScaled(source, WholePicture(source), target, to, kGrey);
-}
-
-TEST(Letterbox, KeepsShapePaddingAndPixelsForEveryParity) {
-  const std::pair<int32_t, int32_t> networks[] = {{640, 640}, {320, 256}, {224, 225}, {33, 18}};
-  std::mt19937 random(11);
-  for (int i = 0; i < 512; ++i) {
-    // Every combination of the lowest bits of width, height and stride, over sizes of every order.
-    const auto bits = static_cast<int32_t>(i);
-    const auto sized = [&](uint32_t limit) {
-      const uint32_t order = 1U << random() % 12;
-      return static_cast<int32_t>(random() % std::min(limit, 2 * order)) & ~3;
-    };
-    const int32_t width = std::max(1, sized(3968) + bits % 4);
-    const int32_t height = std::max(1, sized(3068) + bits / 4 % 4);
-    const int32_t stride = width + (bits / 16 % 4) * 5;
-    const auto& [to_width, to_height] = networks[random() % std::size(networks)];
-    ExpectLetterboxed(NoiseView(width, height, stride, PixelFormat::kRgb888), to_width, to_height);
-    if (HasFatalFailure()) return;
-  }
-  ExpectLetterboxed(NoiseView(4096, 3072, 0, PixelFormat::kRgb888), 640, 640);
-  ExpectLetterboxed(NoiseView(1920, 1080, 0, PixelFormat::kRgb888), 640, 640);
-  ExpectLetterboxed(NoiseView(1900, 1069, 0, PixelFormat::kRgb888), 640, 640);
-}
-
-TEST(Letterbox, MapsCameraPicturesBackWithinOnePixel) {
+TEST(Letterbox, KeepsTheShapeAndGreysWhatIsBesideIt) {
   struct Case {
-    int32_t width, height, x_pad, y_pad;
+    int32_t width, height, to_width, to_height;
+    Rect place;
   };
-  for (const Case& c : {Case{1920, 1080, 0, 140}, Case{1280, 720, 0, 140}, Case{640, 480, 0, 80},
-                        Case{1080, 1920, 140, 0}, Case{1900, 1069, 0, 140}, Case{320, 320, 0, 0}}) {
-    Target target(640, 640, 640, PixelFormat::kRgb888);
+  const Case cases[] = {
+      {1920, 1080, 640, 640, {0, 140, 640, 500}},  // a third, though that is no binary fraction
+      {1900, 1069, 320, 320, {0, 70, 320, 250}},
+      {64, 54, 64, 64, {0, 4, 64, 58}},  // paddings are even, here 4 instead of 5
+      {50, 100, 64, 64, {16, 0, 48, 64}},
+      {107, 201, 64, 64, {16, 0, 48, 64}},  // 34.07 columns, a multiple of 4
+      {100, 33, 64, 64, {0, 22, 64, 42}},   // 21.12 rows, an even number
+      {99, 100, 33, 18, {8, 0, 24, 18}},
+      {5, 3, 63, 64, {0, 14, 60, 50}},
+      {4095, 3071, 160, 161, {0, 20, 160, 138}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.width);
+    const ImageBuffer source =
+        NoiseView(c.width, c.height, c.width + c.width % 7, PixelFormat::kRgb888);
+    const Target target(c.to_width, c.to_height, c.to_width + 2, PixelFormat::kRgb888);
     LetterBox box;
-    ASSERT_EQ(convert_image_with_letterbox(NoiseView(c.width, c.height, 0, PixelFormat::kRgb888),
-                                           target.image.buffer, box, kGrey, false, NoEngine()),
-              0);
-    EXPECT_EQ(box.x_pad, c.x_pad);
-    EXPECT_EQ(box.y_pad, c.y_pad);
-    // The far corner of the picture lies where the padding begins on the other side.
-    EXPECT_NEAR(static_cast<float>(640 - 2 * c.x_pad) / box.scale, c.width, 1) << c.width;
-    EXPECT_NEAR(static_cast<float>(640 - 2 * c.y_pad) / box.scale, c.height, 1) << c.height;
+    ASSERT_EQ(
+        convert_image_with_letterbox(source, target.image.buffer, box, kGrey, false, NoEngine()),
+        0);
+    EXPECT_EQ(box.x_pad, c.place.left);
+    EXPECT_EQ(box.y_pad, c.place.top);
+    EXPECT_NEAR(box.scale, std::min(1.0 * c.to_width / c.width, 1.0 * c.to_height / c.height),
+                1e-5);
+    ExpectScaled(source, WholePicture(source), target, c.place, kGrey);
   }
 }
 
@@ -207,17 +141,23 @@ TEST(Letterbox, SlightChangeCentresWhatFits) {
   ExpectScaled(small, WholePicture(small), target, {60, 86, 161, 137}, kGrey);
 }
 
-TEST(Letterbox, RefusesMissingMemory) {
+TEST(Letterbox, RefusesMissingMemoryAndWhatLeavesNoPicture) {
   const Target target(64, 64, 64, PixelFormat::kRgb888);
-  ImageBuffer nothing = target.image.buffer;
+  const ImageBuffer& good = target.image.buffer;
+  ImageBuffer nothing = good;
   nothing.virt_addr = nullptr;
   LetterBox box;
   CaptureStdout();
-  EXPECT_LT(convert_image_with_letterbox(target.image.buffer, nothing, box, 1, false, NoEngine()),
-            0);
-  EXPECT_LT(convert_image_with_letterbox({}, target.image.buffer, box, 1, false, NoEngine()), 0);
+  EXPECT_LT(convert_image_with_letterbox(good, nothing, box, 1, false, NoEngine()), 0);
+  EXPECT_LT(convert_image_with_letterbox({}, good, box, 1, false, NoEngine()), 0);
+  for (const auto& [width, height] : {std::pair(3000, 10), std::pair(10, 3000)}) {
+    const ImageBuffer line = NoiseView(width, height, 0, PixelFormat::kRgb888);
+    EXPECT_LT(convert_image_with_letterbox(line, good, box, 1, false, NoEngine()), 0);
+  }
   EXPECT_EQ(GetCapturedStdout(),
-            "malloc size 12288 error\nletterbox from 0x0 to 64x64 is not possible\n");
+            "malloc size 12288 error\nletterbox from 0x0 to 64x64 is not possible\n"
+            "letterbox from 3000x10 to 64x64 has a scaled side of 0\n"
+            "letterbox from 10x3000 to 64x64 has a scaled side of 0\n");
 }
 
 TEST(ConvertImage, ScalesCropsOfEveryPackedFormat) {

@@ -8,7 +8,7 @@
 #include <set>
 
 #include "service/analysis/picture/image_font.h"
-#include "service/analysis/picture/image_layout.h"
+#include "service/analysis/pictures.h"
 
 namespace varnel::service {
 namespace {
@@ -17,14 +17,9 @@ constexpr int32_t kWidth = 90;
 constexpr int32_t kHeight = 70;
 constexpr int32_t kStride = 97;
 
-/// A black picture with unused pixels behind each row.
+/// With unused pixels behind each row.
 Image Black(PixelFormat format = PixelFormat::kRgb888) {
-  Image image;
-  EXPECT_TRUE(AllocateImage(image, kStride, kHeight, format));
-  std::fill(image.pixels.begin(), image.pixels.end(), uint8_t{0});
-  image.buffer.width = kWidth;
-  image.buffer.width_stride = kStride;
-  return image;
+  return Plain(kWidth, kHeight, 0, kStride, format);
 }
 
 std::array<int, 3> At(const Image& image, int32_t x, int32_t y) {
@@ -95,15 +90,6 @@ TEST(Font, EveryLetterHasAShapeOfItsOwnWithAGapBehind) {
   EXPECT_EQ(shapes.size(), 95U);
   EXPECT_EQ(shapes.count(LetterShape('\xe4')), 0U);
   EXPECT_EQ(LetterShape('\xe4'), LetterShape('\n'));
-}
-
-TEST(ClassColour, DiffersBetweenNeighboursForAnyId) {
-  for (const int32_t id : {INT_MIN, -1, 0, 5, INT_MAX - 1}) {
-    const Colour one = ClassColour(id);
-    const Colour next = ClassColour(id + 1);
-    EXPECT_NE((std::array{one.red, one.green, one.blue}),
-              (std::array{next.red, next.green, next.blue}));
-  }
 }
 
 }  // namespace

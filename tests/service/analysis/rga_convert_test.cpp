@@ -1,15 +1,14 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <array>
 #include <cstring>
 
 #include "recording_rga.h"
 #include "service/analysis/picture/image_convert.h"
-#include "service/analysis/picture/image_layout.h"
 #include "service/analysis/picture/letterbox.h"
 #include "service/analysis/picture/rga_library.h"
+#include "service/analysis/pictures.h"
 
 namespace varnel::service {
 
@@ -28,13 +27,6 @@ using testing::internal::GetCapturedStdout;
 /// In a picture of 640x640.
 constexpr size_t kCentre = (size_t{320} * 640 + 320) * 3;
 
-Image Grey(int32_t width, int32_t height, uint8_t value) {
-  Image image;
-  EXPECT_TRUE(AllocateImage(image, width, height, PixelFormat::kRgb888));
-  std::fill(image.pixels.begin(), image.pixels.end(), value);
-  return image;
-}
-
 class RgaConvert : public testing::Test {
  protected:
   RgaConvert() { recording_ = RgaRecording{}; }
@@ -46,66 +38,65 @@ class RgaConvert : public testing::Test {
     return *recording();
   }
 
-  std::string Letterbox(const Image& source, const Image& destination, int expected = 0) {
+  /// What it prints.
+  std::string Letterbox(const Image& source, const Image& destination) {
+    LetterBox box;
     CaptureStdout();
-    EXPECT_EQ(convert_image_with_letterbox(source.buffer, destination.buffer, letterbox_, 114,
-                                           false, engine_),
-              expected);
+    EXPECT_EQ(
+        convert_image_with_letterbox(source.buffer, destination.buffer, box, 114, false, engine_),
+        0);
     return GetCapturedStdout();
   }
 
   const RgaLibrary engine_{std::array<std::string, 2>{"librga-absent.so", RECORDING_RGA}};
   RgaRecording& recording_ = Recorded();
-  LetterBox letterbox_;
 };
 
 TEST_F(RgaConvert, LetterboxesWithRightRectanglesStridesFormatsAndFill) {
-  Image source = Grey(1984, 1080, 10);
-  source.buffer.width = 1920;
-  source.buffer.width_stride = 1984;
-  const Image destination = Grey(640, 640, 20);
+  const Image source = Plain(1920, 1080, 10, 1984);
+  const Image destination = Plain(640, 640, 20);
 
   EXPECT_EQ(Letterbox(source, destination), "");
 
   ASSERT_EQ(recording_.fills, 1);
-  EXPECT_EQ(recording_.fill_rect, (rga::Rect{0, 0, 640, 640}));
-  EXPECT_EQ(recording_.colour, 0x72727272);
-  EXPECT_EQ(recording_.fill_sync, 1);
-  EXPECT_EQ(recording_.fill_target.vir_addr, destination.buffer.virt_addr);
+  EXPECT_EQ(recording_.fill.rect, (rga::Rect{0, 0, 640, 640}));
+  EXPECT_EQ(recording_.fill.colour, 0x72727272);
+  EXPECT_EQ(recording_.fill.sync, 1);
+  EXPECT_EQ(recording_.fill.target.vir_addr, destination.buffer.virt_addr);
   ASSERT_EQ(recording_.processes, 1);
-  EXPECT_EQ(recording_.source.vir_addr, source.buffer.virt_addr);
-  EXPECT_EQ(recording_.source.wstride, 1984);
-  EXPECT_EQ(recording_.source.hstride, 1080);
-  EXPECT_EQ(recording_.source.format, 0x200);
-  EXPECT_EQ(recording_.destination.wstride, 640);
-  EXPECT_EQ(recording_.source_rect, (rga::Rect{0, 0, 1920, 1080}));
-  EXPECT_EQ(recording_.destination_rect, (rga::Rect{0, 140, 640, 360}));
-  EXPECT_EQ(recording_.usage, 0x80000);
+  EXPECT_EQ(recording_.process.source.vir_addr, source.buffer.virt_addr);
+  EXPECT_EQ(recording_.process.source.wstride, 1984);
+  EXPECT_EQ(recording_.process.source.hstride, 1080);
+  EXPECT_EQ(recording_.process.source.format, 0x200);
+  EXPECT_EQ(recording_.process.destination.wstride, 640);
+  EXPECT_EQ(recording_.process.source_rect, (rga::Rect{0, 0, 1920, 1080}));
+  EXPECT_EQ(recording_.process.destination_rect, (rga::Rect{0, 140, 640, 360}));
+  EXPECT_EQ(recording_.process.usage, 0x80000);
   // What the library keeps for itself comes back to it, and unused arguments are zero.
-  EXPECT_THAT(recording_.source.rest, testing::Each(test::kRgaPrivateByte));
-  EXPECT_THAT(recording_.pattern.rest, testing::Each(0));
-  EXPECT_EQ(recording_.pattern_rect, rga::Rect{});
+  EXPECT_THAT(recording_.process.source.rest, testing::Each(test::kRgaPrivateByte));
+  EXPECT_THAT(recording_.process.pattern.rest, testing::Each(0));
+  EXPECT_EQ(recording_.process.pattern_rect, rga::Rect{});
   EXPECT_EQ(destination.pixels[0], 20) << "the processor must not touch what the engine made";
 }
 
 TEST_F(RgaConvert, PassesDmaBuffersCropsAndFormatsOfItsOwn) {
   ImageBuffer source{.width = 64, .height = 48, .format = PixelFormat::kNv12, .fd = 7};
-  const Image destination = Grey(32, 32, 20);
+  const Image destination = Plain(32, 32, 20);
   const Rect crop{2, 4, 34, 20};
   const Rect place{0, 8, 32, 24};
   EXPECT_EQ(convert_image({source, destination.buffer, crop, place}, engine_), 0);
   EXPECT_EQ(recording_.fills, 0);
-  EXPECT_EQ(recording_.source.fd, 7);
-  EXPECT_EQ(recording_.source.format, 0xa00);
-  EXPECT_EQ(recording_.source_rect, (rga::Rect{2, 4, 32, 16}));
-  EXPECT_EQ(recording_.destination_rect, (rga::Rect{0, 8, 32, 16}));
+  EXPECT_EQ(recording_.process.source.fd, 7);
+  EXPECT_EQ(recording_.process.source.format, 0xa00);
+  EXPECT_EQ(recording_.process.source_rect, (rga::Rect{2, 4, 32, 16}));
+  EXPECT_EQ(recording_.process.destination_rect, (rga::Rect{0, 8, 32, 16}));
 }
 
 TEST_F(RgaConvert, FailuresArePrintedEachTimeAndTheProcessorTakesOver) {
-  const Image source = Grey(1920, 1080, 200);
+  const Image source = Plain(1920, 1080, 200);
   for (int round = 0; round < 2; ++round) {
     for (const rga::Status failure : {0, -4}) {
-      const Image destination = Grey(640, 640, 20);
+      const Image destination = Plain(640, 640, 20);
       recording_.process_status = failure;
       const std::string reason = failure == -4 ? "Fatal error: unsupported" : "other";
       EXPECT_EQ(Letterbox(source, destination),
@@ -119,8 +110,8 @@ TEST_F(RgaConvert, FailuresArePrintedEachTimeAndTheProcessorTakesOver) {
 }
 
 TEST_F(RgaConvert, FillsByItselfWhatTheEngineCannotFill) {
-  const Image source = Grey(1920, 1080, 200);
-  const Image destination = Grey(640, 640, 20);
+  const Image source = Plain(1920, 1080, 200);
+  const Image destination = Plain(640, 640, 20);
   recording_.fill_status = -1;
   EXPECT_EQ(Letterbox(source, destination), "Warning: Can not fill color on target image\n");
   EXPECT_EQ(recording_.processes, 1);
@@ -129,12 +120,10 @@ TEST_F(RgaConvert, FillsByItselfWhatTheEngineCannotFill) {
 }
 
 TEST_F(RgaConvert, IsNotAskedForRowsThatItCannotTake) {
-  const Image destination = Grey(640, 640, 20);
-  const Image narrow = Grey(632, 500, 20);
-  Image odd_stride = Grey(650, 640, 1);
-  odd_stride.buffer.width = 640;
-  odd_stride.buffer.width_stride = 650;
-  for (const Image* source : {&narrow, static_cast<const Image*>(&odd_stride)}) {
+  const Image destination = Plain(640, 640, 20);
+  const Image narrow = Plain(632, 500, 20);
+  const Image odd_stride = Plain(640, 640, 1, 650);
+  for (const Image* source : {&narrow, &odd_stride}) {
     EXPECT_EQ(Letterbox(*source, destination), "try convert image use cpu\n");
   }
   EXPECT_EQ(Letterbox(destination, narrow), "try convert image use cpu\n");
@@ -144,8 +133,8 @@ TEST_F(RgaConvert, IsNotAskedForRowsThatItCannotTake) {
 TEST(RgaLibrary, MissingOrTooOldLibrariesLeaveTheProcessor) {
   const RgaLibrary none(std::array<std::string, 2>{"librga-absent.so", "libpng16.so.16"});
   EXPECT_FALSE(none.IsLoaded());
-  const Image source = Grey(64, 64, 9);
-  const Image destination = Grey(32, 32, 0);
+  const Image source = Plain(64, 64, 9);
+  const Image destination = Plain(32, 32, 0);
   CaptureStdout();
   EXPECT_EQ(convert_image({source.buffer, destination.buffer}, none), 0);
   EXPECT_EQ(GetCapturedStdout(), "try convert image use cpu\n");

@@ -65,7 +65,7 @@ class TimelapseKillTest : public testing::Test {
     }
     EXPECT_TRUE(index.empty() ||
                 test::Eventually([&] { return world.State(index) == "FINISHED\n"; }));
-    const auto list = service->Store().List({});
+    const auto list = service->Store().List({}).value();
     EXPECT_EQ(list["count"], instances.size());
     EXPECT_TRUE(test::Eventually([&] { return world.Leftovers().empty(); }));
     EXPECT_TRUE(!listed || world.notified_.Items().size() == told) << "a film is made again";

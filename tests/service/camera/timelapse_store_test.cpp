@@ -3,13 +3,12 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/fake_clock.h"
+#include "support/full_disk.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 #include "utils/owned.h"
@@ -19,24 +18,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-
-/// A smaller limit of this process, until the end of the block.
-class ResourceLimit {
- public:
-  ResourceLimit(__rlimit_resource resource, rlim_t soft) : resource_(resource) {
-    ::signal(SIGXFSZ, SIG_IGN);
-    ::getrlimit(resource_, &before_);
-    const rlimit now{soft, before_.rlim_max};
-    ::setrlimit(resource_, &now);
-  }
-  ~ResourceLimit() { ::setrlimit(resource_, &before_); }
-  ResourceLimit(const ResourceLimit&) = delete;
-  ResourceLimit& operator=(const ResourceLimit&) = delete;
-
- private:
-  const __rlimit_resource resource_;
-  rlimit before_{};
-};
 
 class TimelapseStoreTest : public testing::Test {
  protected:
@@ -65,7 +46,7 @@ class TimelapseStoreTest : public testing::Test {
   void AddFilm(const std::string& index) const { EXPECT_EQ(store_.Publish(Film(index)), ""); }
   std::vector<std::string> Listed(const TimelapseQuery& query) const {
     std::vector<std::string> indices;
-    const json list = store_.List(query);
+    const json list = store_.List(query).value();
     for (const json& item : list["instances"]) indices.push_back(item["date_index"]);
     EXPECT_EQ(list["count"], indices.size());
     return indices;
@@ -94,7 +75,7 @@ TEST_F(TimelapseStoreTest, ListsTheNewestFirstInPages) {
   for (const auto& test : cases) {
     EXPECT_EQ(Listed({false, test.page, test.rows, false}), test.indices) << test.page;
   }
-  const json list = store_.List({});
+  const json list = store_.List({}).value();
   EXPECT_EQ(list["total_count"], 3);
   EXPECT_EQ(list["page_rows"], 3);
   EXPECT_EQ(list["instances"][0],
@@ -104,7 +85,7 @@ TEST_F(TimelapseStoreTest, ListsTheNewestFirstInPages) {
                             "video_url": "/files/camera/timelapse_20260101000003.mp4",
                             "video_size": 22,
                             "thumbnail_path": "/files/camera/thumbnail_20260101000003.jpg"})"));
-  const json direct = store_.List({false, 1, 1, true})["instances"][0];
+  const json direct = store_.List({false, 1, 1, true}).value()["instances"][0];
   EXPECT_EQ(direct["thumbnail_base64"], "data:image/jpeg;base64,dGh1bWI=");
   EXPECT_FALSE(direct.contains("thumbnail_path"));
 }
@@ -112,9 +93,9 @@ TEST_F(TimelapseStoreTest, ListsTheNewestFirstInPages) {
 TEST_F(TimelapseStoreTest, DeletingLeavesNoTrace) {
   AddFilm("20260101000001");
   AddFilm("20260101000002");
-  EXPECT_EQ(store_.Delete("20260101000009"), -2);
-  EXPECT_EQ(store_.Delete("../../etc"), -2);
-  EXPECT_EQ(store_.Delete("20260101000001"), 0);
+  EXPECT_EQ(store_.Delete("20260101000009"), hal_adapter::HalStatus::kInvalidParameter);
+  EXPECT_EQ(store_.Delete("../../etc"), hal_adapter::HalStatus::kInvalidParameter);
+  EXPECT_EQ(store_.Delete("20260101000001"), hal_adapter::HalStatus::kSuccess);
   EXPECT_EQ(Listed({}), (std::vector<std::string>{"20260101000002"}));
   EXPECT_EQ(json::parse(Description())["count"], 1);
   EXPECT_FALSE(fs::exists(paths_.root / "20260101000001"));
@@ -122,22 +103,13 @@ TEST_F(TimelapseStoreTest, DeletingLeavesNoTrace) {
   EXPECT_EQ(test::ReadFile(paths_.web / "timelapse_20260101000002.mp4"), "film of 20260101000002");
 }
 
-TEST_F(TimelapseStoreTest, ADeletionThatWasCutShortIsCompleted) {
-  AddFilm("20260101000001");
-  fs::rename(paths_.root / "20260101000001", paths_.root / ".deleted_20260101000001");
-  store_.CompleteDeletions();
-  EXPECT_TRUE(Listed({}).empty());
-  EXPECT_TRUE(fs::is_empty(paths_.web));
-  EXPECT_FALSE(fs::exists(paths_.root / ".deleted_20260101000001"));
-}
-
 TEST_F(TimelapseStoreTest, WithoutADescriptionNothingIsListedOrDeleted) {
-  EXPECT_EQ(store_.Delete("20260101000001"), -86);
-  EXPECT_EQ(store_.List({})["total_count"], 0);
+  EXPECT_EQ(store_.Delete("20260101000001"), hal_adapter::HalStatus::kFileNotFound);
+  EXPECT_EQ(store_.List({}).value()["total_count"], 0);
   EXPECT_FALSE(fs::exists(paths_.Description())) << "reading makes no file";
   fs::remove_all(paths_.root);
-  EXPECT_EQ(store_.List({})["count"], 0);
-  EXPECT_EQ(store_.Delete("20260101000001"), -86);
+  EXPECT_EQ(store_.List({}).value()["count"], 0);
+  EXPECT_EQ(store_.Delete("20260101000001"), hal_adapter::HalStatus::kFileNotFound);
   EXPECT_FALSE(fs::exists(paths_.root));
 }
 
@@ -148,7 +120,7 @@ TEST_F(TimelapseStoreTest, AnIllegalDescriptionIsKeptBesideTheNewOne) {
        {std::string("{"), std::string(""), std::string("[]"), std::string(R"({"instances":{}})"),
         std::string("\xff"), deep}) {
     Describe(illegal);
-    EXPECT_EQ(store_.Delete("20260101000001"), -87);
+    EXPECT_EQ(store_.Delete("20260101000001"), hal_adapter::HalStatus::kFileFormatError);
     EXPECT_EQ(Description(), illegal) << "only a new one replaces it";
     EXPECT_EQ(store_.Publish(Film("20260101000001")), "");
     EXPECT_EQ(Listed({}).size(), 1U);
@@ -169,10 +141,10 @@ TEST_F(TimelapseStoreTest, ADescriptionThatCannotBeReadNowIsNotGivenUp) {
   const json another = Film("20260101000002");
   const int next = utils::UniqueFd(::open("/", O_RDONLY | O_CLOEXEC)).Get();
   {
-    const ResourceLimit descriptors(RLIMIT_NOFILE, static_cast<rlim_t>(next) + 1);
-    EXPECT_TRUE(store_.List({}).is_null());
+    const test::ResourceLimit descriptors(RLIMIT_NOFILE, static_cast<rlim_t>(next) + 1);
+    EXPECT_FALSE(store_.List({}).has_value());
     EXPECT_EQ(store_.Publish(another), "the description file cannot be read");
-    EXPECT_EQ(store_.Delete("20260101000001"), -1);
+    EXPECT_EQ(store_.Delete("20260101000001"), hal_adapter::HalStatus::kFailure);
   }
   EXPECT_EQ(Listed({}), (std::vector<std::string>{"20260101000001"}));
   EXPECT_FALSE(fs::exists(paths_.Description().string() + ".1.bad"));
@@ -185,12 +157,13 @@ TEST_F(TimelapseStoreTest, OnAFullDiskNothingIsLostAndFilmsCanBeDeleted) {
   EXPECT_EQ(store_.Publish(large), "");
   const std::string before = Description();
   {
-    const ResourceLimit size(RLIMIT_FSIZE, 4096);
+    const test::FullDisk full(4096);
     EXPECT_EQ(store_.Publish(Film("20260101000003")), "the description file cannot be written");
     EXPECT_EQ(Description(), before);
-    EXPECT_EQ(store_.Delete("20260101000001"), -1) << "the record cannot be written";
+    EXPECT_EQ(store_.Delete("20260101000001"), hal_adapter::HalStatus::kFailure)
+        << "the record cannot be written";
     EXPECT_TRUE(fs::is_empty(paths_.root / ".deleted_20260101000001")) << "there is room now";
-    EXPECT_EQ(store_.Delete("20260101000002"), 0);
+    EXPECT_EQ(store_.Delete("20260101000002"), hal_adapter::HalStatus::kSuccess);
   }
   store_.CompleteDeletions();
   EXPECT_TRUE(Listed({}).empty());
@@ -206,7 +179,7 @@ TEST_F(TimelapseStoreTest, LinksAreOnlyMadeForWhatIsThere) {
   store_.RepairLinks();
   EXPECT_TRUE(fs::exists(paths_.web / "timelapse_20260101000001.mp4"));
   EXPECT_EQ(std::distance(fs::directory_iterator(paths_.web), {}), 1);
-  EXPECT_EQ(store_.Delete("20260101000001"), 0);
+  EXPECT_EQ(store_.Delete("20260101000001"), hal_adapter::HalStatus::kSuccess);
   EXPECT_EQ(store_.Publish(film), "it was deleted meanwhile");
   EXPECT_TRUE(Listed({}).empty());
 }
@@ -215,9 +188,9 @@ TEST_F(TimelapseStoreTest, ALockThatIsNeverGivenBackFailsTheOperation) {
   AddFilm("20260101000001");
   const utils::UniqueFd holder(::open(paths_.Lock().c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_EQ(::flock(holder.Get(), LOCK_EX), 0);
-  EXPECT_EQ(store_.Delete("20260101000001"), -1);
+  EXPECT_EQ(store_.Delete("20260101000001"), hal_adapter::HalStatus::kFailure);
   EXPECT_NE(store_.Publish(Film("20260101000002")), "");
-  EXPECT_TRUE(store_.List({}).is_null()) << "which is not a store without films";
+  EXPECT_FALSE(store_.List({}).has_value()) << "which is not a store without films";
   EXPECT_TRUE(log_.Has("TLP", "Failed to acquire file lock: Failed to acquire file lock"));
   EXPECT_GE(clock_.Elapsed(), FilmStore::kLockLimit);
 }
@@ -241,7 +214,7 @@ TEST_F(TimelapseStoreTest, TwoProcessesLoseNoUpdate) {
         }
       }
       int found = 0;
-      const json list = store.List({});
+      const json list = store.List({}).value();
       for (const json& item : list["instances"])
         found += item["unix_timestamp_s"] == process * kRounds + round ? 1 : 0;
       lost += kFilms - found;

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -20,7 +19,7 @@ namespace varnel::service {
 
 /// A store in a directory of its own, with a camera and an encoder that work on text: a photo is a
 /// line, a segment its copy, a film the lines of its segments.
-class TimelapseWorld {
+class TimelapseWorld : public hal_adapter::PhotoTaker {
  public:
   TimelapseWorld() {
     paths_.root = dir_ / "store";
@@ -62,16 +61,11 @@ fi)");
       std::unique_ptr<FileUploader> uploader = std::make_unique<NoUploader>()) {
     TimelapseSetup setup{.paths = paths_,
                          .programs = programs_,
-                         .take_photo = [this](const std::string& path) { return TakePhoto(path); },
+                         .camera = this,
                          .notify =
                              [this](const std::string& method, nlohmann::json params) {
                                notified_.Put({method, std::move(params)});
                                return 0;
-                             },
-                         .broker_answers =
-                             [this] {
-                               ++broker_asked_;
-                               return broker_answers_.load();
                              },
                          .uploader = std::move(uploader),
                          .clock = &clock_.get()};
@@ -79,15 +73,20 @@ fi)");
     service->HandleUnfinished();
     return service;
   }
-  bool TakePhoto(const std::string& path) {
-    if (camera_fails_) return false;
-    return !utils::WriteFileAtomically(path, scene_ + std::to_string(++photos_) + '\n');
+  hal_adapter::PhotoStatus TakePhoto(const std::string& path) override {
+    using enum hal_adapter::PhotoStatus;
+    if (camera_fails_) return kCaptureFailed;
+    const std::string line = scene_ + std::to_string(++photos_) + '\n';
+    return utils::WriteFileAtomically(path, line) ? kNotWritable : kSuccess;
+  }
+  hal_adapter::PhotoStatus TakePhoto(const utils::FilePlace&) override {
+    return hal_adapter::PhotoStatus::kNotWritable;
   }
   /// The film's text once it is listed; empty when it is not in time.
   std::string Film(const TimelapseService& service, const std::string& index) {
     const auto path = paths_.web / VideoLinkName(index);
     const bool listed = test::Eventually([&] {
-      const nlohmann::json list = service.Store().List({});
+      const nlohmann::json list = service.Store().List({}).value();
       for (const auto& item : list["instances"])
         if (item["date_index"] == index) return std::filesystem::exists(path);
       return false;
@@ -120,8 +119,6 @@ fi)");
   std::string scene_ = "a";
   bool camera_fails_ = false;
   int photos_ = 0;
-  std::atomic<bool> broker_answers_ = true;
-  std::atomic<int> broker_asked_ = 0;
   std::reference_wrapper<utils::Clock> clock_ = utils::SystemClock::Instance();
   test::Mailbox<std::pair<std::string, nlohmann::json>> notified_;
 };

@@ -31,10 +31,6 @@ class DateRecordTest : public testing::Test {
   bool Reads(const std::string& digits) {
     return test::Eventually([&] { return test::ReadFile(file_) == digits; });
   }
-  bool FailedTimes(size_t count) {
-    return test::Eventually(
-        [&] { return log_.Count("TSYNC", "Open file '" + file_.string() + "' failed.") == count; });
-  }
   void PassPeriod() {
     clock_.AwaitWaiters(1);
     clock_.Advance(DateRecord::kPeriod);
@@ -66,10 +62,12 @@ TEST_F(DateRecordTest, AnUnwritableDirectoryIsLoggedEachTimeAndSurvived) {
   ASSERT_TRUE(Reads("20250101010000"));
   std::filesystem::remove_all(directory_);
   dir_.Write("printer_data/varnel", "a file in the way");
-  PassPeriod();
-  ASSERT_TRUE(FailedTimes(1));
-  PassPeriod();
-  ASSERT_TRUE(FailedTimes(2));
+  for (const size_t failures : {1U, 2U}) {
+    PassPeriod();
+    ASSERT_TRUE(test::Eventually([&] {
+      return log_.Count("TSYNC", "Open file '" + file_.string() + "' failed.") == failures;
+    }));
+  }
   std::filesystem::remove(directory_);
   PassPeriod();
   EXPECT_TRUE(Reads("20250101010300"));
@@ -78,10 +76,8 @@ TEST_F(DateRecordTest, AnUnwritableDirectoryIsLoggedEachTimeAndSurvived) {
 TEST_F(DateRecordTest, OneTaskAtATimeAndStartedAgainAfterItsEnd) {
   ASSERT_TRUE(Reads("20250101010000"));
   record_.Start();
-  EXPECT_TRUE(log_.Has("TSYNC", "Record system date task is already running."));
   record_.Stop();
   record_.Stop();
-  EXPECT_EQ(log_.Count("TSYNC", "Record system date task end."), 1U);
   clock_.Advance(seconds(5));
   record_.Start();
   EXPECT_TRUE(Reads("20250101010005"));

@@ -1,29 +1,27 @@
 #include "service/analysis/decision/analysis_result.h"
 
-#include <array>
-#include <cstddef>
-
 namespace varnel::service {
-namespace {
 
-/// From kAnalysisNotReady upwards.
-constexpr std::array kMessages{
-    "printer analysis module not ready",
-    "file path of picture is error",
-    "fail to read picture file",
-    "model inference failed",
-    "picture is abnormal",
-    "cannot find corresponding model at current phase",
-    "model load fail when detect",
-    "succeed",
-};
-
-}  // namespace
-
-const char* AnalysisMessage(int32_t code) {
-  const int64_t index = int64_t{code} - kAnalysisNotReady;
-  if (index < 0 || index >= static_cast<int64_t>(kMessages.size())) return "unknown error";
-  return kMessages[static_cast<size_t>(index)];
+const char* AnalysisMessage(AnalysisStatus status) {
+  switch (status) {
+    case AnalysisStatus::kNotReady:
+      return "printer analysis module not ready";
+    case AnalysisStatus::kNoPath:
+      return "file path of picture is error";
+    case AnalysisStatus::kUnreadable:
+      return "fail to read picture file";
+    case AnalysisStatus::kInferenceFailed:
+      return "model inference failed";
+    case AnalysisStatus::kAbnormalPicture:
+      return "picture is abnormal";
+    case AnalysisStatus::kNoAlgorithm:
+      return "cannot find corresponding model at current phase";
+    case AnalysisStatus::kNotLoaded:
+      return "model load fail when detect";
+    case AnalysisStatus::kSuccess:
+      return "succeed";
+  }
+  return "unknown error";
 }
 
 }  // namespace varnel::service

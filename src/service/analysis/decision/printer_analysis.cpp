@@ -55,14 +55,14 @@ struct PrinterAnalysis::Job {
   const std::string path;
   const DetectRequest request;
   const std::set<PrinterAnalysisAlgorithm*> begun;
-  int code = kAnalysisInferenceFailed;
+  AnalysisStatus status = AnalysisStatus::kInferenceFailed;
   json output = json::object();
 
   void Run() {
     for (PrinterAnalysisAlgorithm* other : begun) other->BeginPrint(state->workspace);
     state->workspace.latest = {};
-    code = algorithm.Detect(state->workspace, path, request, output);
-    if (code == kAnalysisSuccess) FillWithZeros(algorithm.Labels(), output);
+    status = algorithm.Detect(state->workspace, path, request, output);
+    if (status == AnalysisStatus::kSuccess) FillWithZeros(algorithm.Labels(), output);
   }
 };
 
@@ -75,26 +75,27 @@ PrinterAnalysis::~PrinterAnalysis() {
 
 AnalysisResult PrinterAnalysis::DetectPicture(const std::string& path, const json& params) {
   AnalysisResult result;
-  result.code = Detect(path, DetectRequest(params), result.data);
-  result.data["err_code"] = result.code;
+  result.status = Detect(path, DetectRequest(params), result.data);
+  result.data["err_code"] = result.Code();
   return result;
 }
 
-int PrinterAnalysis::Detect(const std::string& path, const DetectRequest& request, json& output) {
-  if (!state_->ready) return kAnalysisNotReady;
+AnalysisStatus PrinterAnalysis::Detect(const std::string& path, const DetectRequest& request,
+                                       json& output) {
+  if (!state_->ready) return AnalysisStatus::kNotReady;
   if (path.empty()) {
     VLOG_ERROR(kTag, "DetectPicture error, path is empty");
-    return kAnalysisNoPath;
+    return AnalysisStatus::kNoPath;
   }
   PrinterAnalysisAlgorithm* algorithm = FindAlgorithm(request.labels);
   if (algorithm == nullptr) {
     VLOG_ERROR(kTag, "DetectPicture cannot find algorithm {}", JoinedLabels(request.labels));
-    return kAnalysisNoAlgorithm;
+    return AnalysisStatus::kNoAlgorithm;
   }
   return Detect(std::make_shared<Job>(Job{state_, *algorithm, path, request, begun_}), output);
 }
 
-int PrinterAnalysis::Detect(const std::shared_ptr<Job>& job, json& output) {
+AnalysisStatus PrinterAnalysis::Detect(const std::shared_ptr<Job>& job, json& output) {
   NpuThread& npu = state_->workspace.npu;
   const bool refused = !npu.Answers();
   const bool done = npu.Do([job] { job->Run(); });
@@ -103,9 +104,9 @@ int PrinterAnalysis::Detect(const std::shared_ptr<Job>& job, json& output) {
   } else if (job->request.First()) {
     begun_.insert(&job->algorithm);
   }
-  if (!done) return kAnalysisInferenceFailed;
+  if (!done) return AnalysisStatus::kInferenceFailed;
   output = std::move(job->output);
-  return job->code;
+  return job->status;
 }
 
 PrinterAnalysisAlgorithm* PrinterAnalysis::FindAlgorithm(

@@ -12,6 +12,7 @@
 #include "service/analysis/decision/analysis_workspace.h"
 #include "service/analysis/decision/printer_analysis_algorithm.h"
 #include "service/analysis/network/model_config.h"
+#include "utils/board_places.h"
 #include "utils/clock.h"
 
 namespace varnel::service {
@@ -19,7 +20,7 @@ namespace varnel::service {
 /// What a print analysis is built from; the defaults are the board's.
 struct AnalysisSetup {
   std::filesystem::path models = "/etc/varnel/camera_service/model";
-  std::filesystem::path results = "/userdata/.tmp_detect_result";
+  std::filesystem::path results = utils::board::kDetectionResults;
   // The next two and the clock are used as long as the NPU is busy, even beyond the analysis' end.
   utils::SpaceCheck has_space = {};
   const RknnLibrary* library = nullptr;  ///< the NPU runtime, the board's own when null
@@ -47,8 +48,8 @@ class PrinterAnalysis {
   /// @param path a picture file that read_image() reads
   /// @param params "labels", "detect_status", "z_position", and for a label an object with its own
   /// "threshold"
-  /// @return kAnalysisInferenceFailed when it takes longer than NpuThread::kPatience, and at once
-  /// as long as it does
+  /// @return AnalysisStatus::kInferenceFailed when it takes longer than NpuThread::kPatience, and
+  /// at once as long as it does
   [[nodiscard]] AnalysisResult DetectPicture(const std::string& path, const nlohmann::json& params);
 
   // Not as long as the NPU does not answer.
@@ -69,8 +70,9 @@ class PrinterAnalysis {
   struct Job;
 
   PrinterAnalysisAlgorithm* FindAlgorithm(const std::vector<std::string>& labels) const;
-  int Detect(const std::string& path, const DetectRequest& request, nlohmann::json& output);
-  int Detect(const std::shared_ptr<Job>& job, nlohmann::json& output);
+  AnalysisStatus Detect(const std::string& path, const DetectRequest& request,
+                        nlohmann::json& output);
+  AnalysisStatus Detect(const std::shared_ptr<Job>& job, nlohmann::json& output);
 
   const std::shared_ptr<State> state_;
   /// Whose print began while the NPU did not answer.

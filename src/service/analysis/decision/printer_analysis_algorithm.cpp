@@ -40,41 +40,42 @@ PictureSaving SavingOf(const DetectionRun& run) {
 PrinterAnalysisAlgorithm::PrinterAnalysisAlgorithm(std::vector<std::string> labels)
     : labels_(std::move(labels)), history_(labels_.size()) {}
 
-int PrinterAnalysisAlgorithm::Detect(AnalysisWorkspace& workspace, const std::string& path,
-                                     const DetectRequest& request, json& output) {
+AnalysisStatus PrinterAnalysisAlgorithm::Detect(AnalysisWorkspace& workspace,
+                                                const std::string& path,
+                                                const DetectRequest& request, json& output) {
   Model* model = workspace.models.Find(labels_);
   if (model == nullptr) {
     VLOG_ERROR(kTag, "find model failed {}", JoinedLabels(labels_));
-    return kAnalysisNotLoaded;
+    return AnalysisStatus::kNotLoaded;
   }
   workspace.models.ReleaseOthers(*model);
   workspace.pictures.BeginPicture();
   DetectionRun run{workspace, request, *model, path};
-  const int code = RunModel(run, output);
+  const AnalysisStatus status = RunModel(run, output);
   ReleaseAfter(run);
-  return code;
+  return status;
 }
 
-int PrinterAnalysisAlgorithm::RunModel(DetectionRun& run, json& output) {
+AnalysisStatus PrinterAnalysisAlgorithm::RunModel(DetectionRun& run, json& output) {
   AnalysisWorkspace& workspace = run.workspace;
   if (!workspace.models.EnsureLoaded(run.model)) {
     VLOG_ERROR(kTag, "DetectPicture EnsureLoad fail {}", run.model.Name());
-    return kAnalysisNotLoaded;
+    return AnalysisStatus::kNotLoaded;
   }
   const int read = read_image(run.path, run.picture);
   VLOG_INFO(kTag, "detect status: status: {} z: {} name: {} his size: {}",
             utils::LogText(run.request.status), run.request.z_position, Name(), history_.Size());
   if (run.request.First()) BeginPrint(workspace);
-  int code = kAnalysisUnreadable;
+  AnalysisStatus status = AnalysisStatus::kUnreadable;
   if (read == 0) {
-    code = Examine(run, output);
+    status = Examine(run, output);
     SavePictures(run);
   } else {
     VLOG_ERROR(kTag, "read_image {} fail! ret={}", run.path, read);
     workspace.pictures.SaveUnreadable(run.path, SavingOf(run));
   }
   Finish(run);
-  return code;
+  return status;
 }
 
 void PrinterAnalysisAlgorithm::BeginPrint(AnalysisWorkspace& workspace) {
@@ -82,19 +83,19 @@ void PrinterAnalysisAlgorithm::BeginPrint(AnalysisWorkspace& workspace) {
   workspace.reference.Forget();
 }
 
-int PrinterAnalysisAlgorithm::Examine(DetectionRun& run, json& output) {
+AnalysisStatus PrinterAnalysisAlgorithm::Examine(DetectionRun& run, json& output) {
   const ImageBuffer& picture = run.picture.buffer;
-  if (const int quality = image_quality(picture); quality != 0) {
-    VLOG_ERROR(kTag, "image is abnormal! ret={} img={}", quality, run.path);
-    return kAnalysisAbnormalPicture;
+  if (const auto quality = image_quality(picture); quality != PictureQuality::kUsable) {
+    VLOG_ERROR(kTag, "image is abnormal! ret={} img={}", static_cast<int32_t>(quality), run.path);
+    return AnalysisStatus::kAbnormalPicture;
   }
   const std::vector<float> thresholds = run.request.Thresholds(run.model.Settings());
-  if (run.model.Detect(picture, thresholds, run.list) != 0) return kAnalysisInferenceFailed;
+  if (run.model.Detect(picture, thresholds, run.list) != 0) return AnalysisStatus::kInferenceFailed;
   if (run.list.count > 0) Verify(run);
   PostCheck(run);
   history_.Add(run.list);
   WriteStatistics(picture, output);
-  return kAnalysisSuccess;
+  return AnalysisStatus::kSuccess;
 }
 
 void PrinterAnalysisAlgorithm::WriteStatistics(const ImageBuffer& picture, json& output) const {

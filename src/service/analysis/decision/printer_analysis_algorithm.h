@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "service/analysis/decision/analysis_result.h"
 #include "service/analysis/decision/detect_request.h"
 #include "service/analysis/decision/detection_run.h"
 #include "service/analysis/decision/detection_statistics.h"
@@ -21,9 +22,8 @@ class PrinterAnalysisAlgorithm {
   PrinterAnalysisAlgorithm& operator=(const PrinterAnalysisAlgorithm&) = delete;
 
   /// @param output gets the statistics of each label that was found since the print began
-  /// @return an AnalysisCode
-  [[nodiscard]] virtual int Detect(AnalysisWorkspace& workspace, const std::string& path,
-                                   const DetectRequest& request, nlohmann::json& output);
+  virtual AnalysisStatus Detect(AnalysisWorkspace& workspace, const std::string& path,
+                                const DetectRequest& request, nlohmann::json& output);
   /// What an earlier print left must not speak for this one, even if its first picture cannot be
   /// used.
   void BeginPrint(AnalysisWorkspace& workspace);
@@ -41,8 +41,8 @@ class PrinterAnalysisAlgorithm {
   [[nodiscard]] virtual bool ReleasesAfterFirst() const { return false; }
 
  private:
-  int RunModel(DetectionRun& run, nlohmann::json& output);
-  int Examine(DetectionRun& run, nlohmann::json& output);
+  AnalysisStatus RunModel(DetectionRun& run, nlohmann::json& output);
+  AnalysisStatus Examine(DetectionRun& run, nlohmann::json& output);
   void WriteStatistics(const ImageBuffer& picture, nlohmann::json& output) const;
   void SavePictures(DetectionRun& run) const;
   void Finish(DetectionRun& run);

@@ -6,7 +6,7 @@
 namespace varnel::service {
 
 /// Finds filament that is wrapped round the nozzle. No network of the product serves its label yet:
-/// a request ends with kAnalysisNotLoaded.
+/// a request ends with AnalysisStatus::kNotLoaded.
 class WrapHeadAlgorithm : public PrinterAnalysisAlgorithm {
  public:
   WrapHeadAlgorithm() : PrinterAnalysisAlgorithm(kWrapHeadLabels) {}

@@ -1,12 +1,11 @@
 #include "service/analysis/network/npu_thread.h"
 
-#include <condition_variable>
 #include <deque>
 #include <exception>
-#include <mutex>
 
 #include "service/analysis/picture/analysis_log.h"
 #include "utils/log.h"
+#include "utils/mutex.h"
 #include "utils/thread.h"
 
 namespace varnel::service {
@@ -28,41 +27,44 @@ void Perform(const NpuThread::Job& job) noexcept {
 struct NpuThread::Desk {
   explicit Desk(utils::Clock& its_clock) : clock(its_clock) {}
 
-  uint64_t Add(Job job);
-  bool Await(std::unique_lock<std::mutex>& lock, uint64_t number);
+  /// False when it was not done in time. One that need not be done in any case is refused while
+  /// another one is overdue.
+  bool Do(Job job, bool in_any_case);
   void Work();
   void Done();
 
   utils::Clock& clock;  ///< the caller's side only
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::deque<Job> jobs;   // guarded by mutex, like all below
-  uint64_t added = 0;     // jobs ever
-  uint64_t done = 0;      // of them
-  bool overdue = false;   // a job took longer than anybody waits, and not all are done since
-  bool stopping = false;  // no more jobs come
+  utils::Mutex mutex;
+  utils::Condition changed;
+  std::deque<Job> jobs GUARDED_BY(mutex);
+  uint64_t added GUARDED_BY(mutex) = 0;  // jobs ever
+  uint64_t done GUARDED_BY(mutex) = 0;   // of them
+  bool overdue GUARDED_BY(mutex) =
+      false;  // a job took longer than anybody waits, and not all are done since
+  bool stopping GUARDED_BY(mutex) = false;  // no more jobs come
 };
 
-uint64_t NpuThread::Desk::Add(Job job) {
-  jobs.push_back(std::move(job));
-  changed.notify_all();
-  return ++added;
-}
-
-bool NpuThread::Desk::Await(std::unique_lock<std::mutex>& lock, uint64_t number) {
-  const auto is_done = [&] { return done >= number; };
-  if (clock.WaitUntil(lock, changed, clock.Now() + kPatience, is_done)) return true;
-  overdue = true;
-  lock.unlock();
+bool NpuThread::Desk::Do(Job job, bool in_any_case) {
+  {
+    utils::MutexLock lock(mutex);
+    if (overdue && !in_any_case) return false;
+    jobs.push_back(std::move(job));
+    changed.NotifyAll();
+    const uint64_t number = ++added;
+    if (overdue) return false;
+    const auto is_done = [&]() REQUIRES(mutex) { return done >= number; };
+    if (clock.WaitUntil(lock, changed, clock.Now() + kPatience, is_done)) return true;
+    overdue = true;
+  }
   VLOG_ERROR(kTag, "The NPU has not answered for {} s, detections fail until it does",
              kPatience.count());
   return false;
 }
 
 void NpuThread::Desk::Work() {
-  std::unique_lock lock(mutex);
+  utils::MutexLock lock(mutex);
   for (;;) {
-    changed.wait(lock, [&] { return stopping || !jobs.empty(); });
+    changed.Wait(lock, [&]() REQUIRES(mutex) { return stopping || !jobs.empty(); });
     if (jobs.empty()) return;
     Job job = std::move(jobs.front());
     jobs.pop_front();
@@ -77,11 +79,11 @@ void NpuThread::Desk::Work() {
 void NpuThread::Desk::Done() {
   bool was_overdue = false;
   {
-    const std::lock_guard lock(mutex);
+    const utils::MutexLock lock(mutex);
     ++done;
     if (jobs.empty()) was_overdue = std::exchange(overdue, false);
   }
-  changed.notify_all();
+  changed.NotifyAll();
   if (was_overdue) VLOG_INFO(kTag, "The NPU answers again");
 }
 
@@ -90,11 +92,11 @@ NpuThread::NpuThread(utils::Clock& clock) : desk_(std::make_shared<Desk>(clock))
 NpuThread::~NpuThread() {
   bool busy = IsCaller();
   {
-    const std::lock_guard lock(desk_->mutex);
+    const utils::MutexLock lock(desk_->mutex);
     desk_->stopping = true;
     busy = busy || desk_->overdue;
   }
-  desk_->changed.notify_all();
+  desk_->changed.NotifyAll();
   if (busy) thread_.detach();
 }
 
@@ -113,8 +115,7 @@ bool NpuThread::Do(Job job) {
     return true;
   }
   Start();
-  std::unique_lock lock(desk_->mutex);
-  return !desk_->overdue && desk_->Await(lock, desk_->Add(std::move(job)));
+  return desk_->Do(std::move(job), false);
 }
 
 void NpuThread::DoInAnyCase(Job job) {
@@ -123,13 +124,11 @@ void NpuThread::DoInAnyCase(Job job) {
     Perform(job);
     return;
   }
-  std::unique_lock lock(desk_->mutex);
-  const uint64_t number = desk_->Add(std::move(job));
-  if (!desk_->overdue) (void)desk_->Await(lock, number);
+  (void)desk_->Do(std::move(job), true);  // one that is not in time is done later
 }
 
 bool NpuThread::Answers() const {
-  const std::lock_guard lock(desk_->mutex);
+  const utils::MutexLock lock(desk_->mutex);
   return !desk_->overdue;
 }
 

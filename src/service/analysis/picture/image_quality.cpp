@@ -26,20 +26,20 @@ uint64_t AverageByte(const ImageBuffer& image) {
 
 }  // namespace
 
-int image_quality(const ImageBuffer& image) {
-  if (image.format != PixelFormat::kRgb888) return -1;
-  if (image.virt_addr == nullptr) return -2;
-  if (image.width <= 0 || image.height <= 0) return -3;
+PictureQuality image_quality(const ImageBuffer& image) {
+  if (image.format != PixelFormat::kRgb888) return PictureQuality::kNotRgb;
+  if (image.virt_addr == nullptr) return PictureQuality::kNoPixels;
+  if (image.width <= 0 || image.height <= 0) return PictureQuality::kNoSize;
   const uint64_t avg_rgb = AverageByte(image);
   if (avg_rgb < kDarkest) {
     VLOG_WARN(kTag, "image_quality: image is too dark avg_rgb: {}", avg_rgb);
-    return -4;
+    return PictureQuality::kTooDark;
   }
   if (avg_rgb > kBrightest) {
     VLOG_WARN(kTag, "image_quality: image is too bright avg_rgb: {}", avg_rgb);
-    return -5;
+    return PictureQuality::kTooBright;
   }
-  return 0;
+  return PictureQuality::kUsable;
 }
 
 }  // namespace varnel::service

@@ -53,23 +53,21 @@ std::vector<const json*> ShownRecords(const json& description) {
   return records;
 }
 
-json FilmDescription::LoadExisting(HalStatus& status) const {
+utils::Result<json, HalStatus> FilmDescription::LoadExisting() const {
   JsonFile file = ReadJsonFile(kTag, paths_.Description());
-  status = hal_adapter::kHalSuccess;
   if (file.state == JsonFile::State::kRead && IsDescription(file.value))
     return std::move(file.value);
-  status = hal_adapter::kHalFileFormatError;
   if (file.state == JsonFile::State::kMissing) {
     VLOG_ERROR(kTag, "File {} not found.", paths_.Description().string());
-    status = hal_adapter::kHalFileNotFound;
-  } else if (file.state == JsonFile::State::kUnreadable) {
-    status = hal_adapter::kHalFailure;
-  } else if (file.value.is_object() && file.value.contains("instances")) {
+    return HalStatus::kFileNotFound;
+  }
+  if (file.state == JsonFile::State::kUnreadable) return HalStatus::kFailure;
+  if (file.value.is_object() && file.value.contains("instances")) {
     VLOG_ERROR(kTag, "The 'instances' is not array.");
   } else {
     VLOG_ERROR(kTag, "The content of the description file is illegal, do nothing.");
   }
-  return {};
+  return HalStatus::kFileFormatError;
 }
 
 std::optional<json> FilmDescription::LoadForListing() const {
@@ -117,9 +115,9 @@ HalStatus FilmDescription::Write(json description) const {
   const std::error_code error = text.size() > kMaxJsonFileBytes
                                     ? std::make_error_code(std::errc::file_too_large)
                                     : utils::WriteFileAtomically(paths_.Description(), text);
-  if (!error) return hal_adapter::kHalSuccess;
+  if (!error) return HalStatus::kSuccess;
   VLOG_ERROR(kTag, "Filesystem error: {}", error.message());
-  return hal_adapter::kHalFailure;
+  return HalStatus::kFailure;
 }
 
 }  // namespace varnel::service

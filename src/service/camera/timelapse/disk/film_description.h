@@ -7,6 +7,7 @@
 
 #include "hal_interface/hal_status.h"
 #include "service/camera/timelapse/disk/timelapse_paths.h"
+#include "utils/result.h"
 
 namespace varnel::service {
 
@@ -15,14 +16,15 @@ class FilmDescription {
  public:
   explicit FilmDescription(const TimelapsePaths& paths) : paths_(paths) {}
 
-  /// As it is, for an operation that needs one: -86 without, -87 for an illegal one.
-  nlohmann::json LoadExisting(hal_adapter::HalStatus& status) const;
+  /// As it is, for an operation that needs one: kFileNotFound without, kFileFormatError for an
+  /// illegal one.
+  utils::Result<nlohmann::json, hal_adapter::HalStatus> LoadExisting() const;
   /// To add to; a broken one is put aside under a number. None when it cannot be read.
   std::optional<nlohmann::json> LoadOrStartNew() const;
   /// To show; a broken one counts as empty. None when it cannot be read.
   std::optional<nlohmann::json> LoadForListing() const;
   /// Sets the count and replaces the file.
-  [[nodiscard]] hal_adapter::HalStatus Write(nlohmann::json description) const;
+  hal_adapter::HalStatus Write(nlohmann::json description) const;
 
  private:
   [[nodiscard]] bool PutAside() const;

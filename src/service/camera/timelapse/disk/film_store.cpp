@@ -24,7 +24,7 @@ constexpr const char* kTag = "TLP";
 
 HalStatus NotFound(const std::string& index) {
   VLOG_ERROR(kTag, "The instance {} has not found, do nothing.", utils::LogText(index));
-  return hal_adapter::kHalInvalidParameter;
+  return HalStatus::kInvalidParameter;
 }
 
 }  // namespace
@@ -54,7 +54,7 @@ std::string FilmStore::AddRecord(const json& record) const {
   } else {
     instances.push_back(record);
   }
-  return description_.Write(std::move(*description)) == hal_adapter::kHalSuccess
+  return description_.Write(std::move(*description)) == HalStatus::kSuccess
              ? std::string()
              : "the description file cannot be written";
 }
@@ -70,7 +70,7 @@ std::string FilmStore::Publish(const json& record) const {
   return problem;
 }
 
-json FilmStore::List(const TimelapseQuery& query) const {
+std::optional<json> FilmStore::List(const TimelapseQuery& query) const {
   std::optional<json> loaded = EmptyDescription();
   std::error_code error;
   if (!fs::exists(paths_.root, error)) {
@@ -80,19 +80,18 @@ json FilmStore::List(const TimelapseQuery& query) const {
     const auto opened = Open(kListLockLimit);
     loaded = opened ? description_.LoadForListing() : std::nullopt;
   }
-  return loaded ? ListFilms(*loaded, query) : json();
+  return loaded ? std::optional(ListFilms(*loaded, query)) : std::nullopt;
 }
 
-HalStatus FilmStore::Find(const std::string& index, json& record) const {
+utils::Result<json, HalStatus> FilmStore::Find(const std::string& index) const {
   const auto opened = Open(kLockLimit);
-  if (!opened) return hal_adapter::kHalFailure;
-  HalStatus status = hal_adapter::kHalSuccess;
-  json description = description_.LoadExisting(status);
-  if (status != hal_adapter::kHalSuccess) return status;
-  const auto found = FindRecord(description["instances"], index);
-  if (found == description["instances"].end()) return NotFound(index);
-  record = std::move(*found);
-  return hal_adapter::kHalSuccess;
+  if (!opened) return HalStatus::kFailure;
+  auto description = description_.LoadExisting();
+  if (!description) return description.Why();
+  json& instances = (*description)["instances"];
+  const auto found = FindRecord(instances, index);
+  if (found == instances.end()) return NotFound(index);
+  return std::move(*found);
 }
 
 void FilmStore::RepairLinks() const {
@@ -115,16 +114,15 @@ std::optional<std::vector<std::string>> FilmStore::Unlisted(
 }
 
 HalStatus FilmStore::RemoveRecord(const std::string& index) const {
-  HalStatus status = hal_adapter::kHalSuccess;
-  json description = description_.LoadExisting(status);
-  if (status != hal_adapter::kHalSuccess) return status;
-  json& instances = description["instances"];
+  auto description = description_.LoadExisting();
+  if (!description) return description.Why();
+  json& instances = (*description)["instances"];
   if (FindRecord(instances, index) == instances.end()) return NotFound(index);
   for (auto found = FindRecord(instances, index); found != instances.end();
        found = FindRecord(instances, index)) {
     instances.erase(found);
   }
-  return description_.Write(std::move(description));
+  return description_.Write(std::move(*description));
 }
 
 bool FilmStore::SetAside(const std::string& index) const {
@@ -155,32 +153,30 @@ HalStatus FilmStore::CompleteDeletion(const std::string& index) const {
   }
   const HalStatus status = RemoveRecord(index);
   // The empty directory stays as a mark as long as the record does.
-  const bool gone = status == hal_adapter::kHalSuccess ||
-                    status == hal_adapter::kHalInvalidParameter ||
-                    status == hal_adapter::kHalFileNotFound;
+  const bool gone = status == HalStatus::kSuccess || status == HalStatus::kInvalidParameter ||
+                    status == HalStatus::kFileNotFound;
   if (gone) fs::remove(deleted, error);
   return status;
 }
 
 HalStatus FilmStore::DeleteLocked(const std::string& index) const {
-  HalStatus status = hal_adapter::kHalSuccess;
-  json description = description_.LoadExisting(status);
-  if (status != hal_adapter::kHalSuccess) return status;
-  if (FindRecord(description["instances"], index) == description["instances"].end())
-    return NotFound(index);
+  auto description = description_.LoadExisting();
+  if (!description) return description.Why();
+  json& instances = (*description)["instances"];
+  if (FindRecord(instances, index) == instances.end()) return NotFound(index);
   if (!IsTimelapseIndex(index)) return RemoveRecord(index);
   // From here on the film is gone, whatever interrupts us: the next start completes it.
-  return SetAside(index) ? CompleteDeletion(index) : hal_adapter::kHalFailure;
+  return SetAside(index) ? CompleteDeletion(index) : HalStatus::kFailure;
 }
 
 HalStatus FilmStore::Delete(const std::string& index) const {
   std::error_code error;
   if (!fs::exists(paths_.root, error)) {
     VLOG_ERROR(kTag, "File {} not found.", paths_.Description().string());
-    return hal_adapter::kHalFileNotFound;
+    return HalStatus::kFileNotFound;
   }
   const auto opened = Open(kLockLimit);
-  return opened ? DeleteLocked(index) : hal_adapter::kHalFailure;
+  return opened ? DeleteLocked(index) : HalStatus::kFailure;
 }
 
 void FilmStore::CompleteDeletions() const {
@@ -195,7 +191,7 @@ void FilmStore::CompleteDeletions() const {
   const auto opened = Open(kListLockLimit);
   if (!opened) return;  // they keep their marks
   for (const std::string& index : indices)
-    if (IsTimelapseIndex(index)) (void)CompleteDeletion(index);
+    if (IsTimelapseIndex(index)) (void)CompleteDeletion(index);  // what fails keeps its mark
 }
 
 }  // namespace varnel::service

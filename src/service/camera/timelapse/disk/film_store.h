@@ -13,6 +13,7 @@
 #include "service/camera/timelapse/disk/film_listing.h"
 #include "service/camera/timelapse/disk/timelapse_paths.h"
 #include "utils/clock.h"
+#include "utils/result.h"
 
 namespace varnel::service {
 
@@ -32,16 +33,16 @@ class FilmStore {
   /// begun. Empty, or why it failed.
   [[nodiscard]] std::string Publish(const nlohmann::json& record) const;
 
-  /// {"total_count", "page_index", "page_rows", "count", "instances"}, the newest first. Null when
+  /// {"total_count", "page_index", "page_rows", "count", "instances"}, the newest first. None when
   /// the description file is locked or cannot be read.
-  [[nodiscard]] nlohmann::json List(const TimelapseQuery& query) const;
+  [[nodiscard]] std::optional<nlohmann::json> List(const TimelapseQuery& query) const;
 
-  /// Removes a film with every trace. -86 without a description file, -87 for an illegal one, -2
-  /// for an unknown index.
-  [[nodiscard]] hal_adapter::HalStatus Delete(const std::string& index) const;
+  /// Removes a film with every trace. kFileNotFound without a description file, kFileFormatError
+  /// for an illegal one, kInvalidParameter for an unknown index.
+  hal_adapter::HalStatus Delete(const std::string& index) const;
 
   /// The record of a film; a status as of Delete().
-  [[nodiscard]] hal_adapter::HalStatus Find(const std::string& index, nlohmann::json& record) const;
+  utils::Result<nlohmann::json, hal_adapter::HalStatus> Find(const std::string& index) const;
 
   /// Those of the instances that have no record. Nothing when that cannot be told.
   [[nodiscard]] std::optional<std::vector<std::string>> Unlisted(

@@ -4,12 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <optional>
 #include <sstream>
 #include <string_view>
 
 #include "utils/atomic_file.h"
+#include "utils/last_error.h"
 #include "utils/owned.h"
 #include "utils/write_all.h"
 
@@ -22,10 +22,6 @@ constexpr std::string_view kStart = "file '";
 constexpr size_t kMaxBytes = size_t{64} << 20U;
 /// No line of ours is longer.
 constexpr off_t kMaxLine = 4096 + 16;
-
-std::error_code LastError() {
-  return {errno, std::generic_category()};
-}
 
 std::optional<fs::path> PathIn(std::string_view line) {
   if (!line.starts_with(kStart) || !line.ends_with('\'') || line.size() <= kStart.size() + 1)
@@ -40,7 +36,7 @@ std::error_code FindEndOfLines(int fd, off_t size, off_t& end) {
   const off_t start = size > kMaxLine ? size - kMaxLine : 0;
   std::string tail(static_cast<size_t>(size - start), '\0');
   const ssize_t got = ::pread(fd, tail.data(), tail.size(), start);
-  if (got < 0) return LastError();
+  if (got < 0) return utils::LastError();
   tail.resize(static_cast<size_t>(got));
   const size_t newline = tail.rfind('\n');
   // Never take away what might be lines.
@@ -52,12 +48,12 @@ std::error_code FindEndOfLines(int fd, off_t size, off_t& end) {
 
 std::error_code AppendLine(int fd, const std::string& line) {
   struct stat info {};
-  if (::fstat(fd, &info) != 0) return LastError();
+  if (::fstat(fd, &info) != 0) return utils::LastError();
   off_t end = 0;
   if (const std::error_code error = FindEndOfLines(fd, info.st_size, end)) return error;
-  if (end != info.st_size && ::ftruncate(fd, end) != 0) return LastError();
+  if (end != info.st_size && ::ftruncate(fd, end) != 0) return utils::LastError();
   std::error_code error = utils::WriteAll(fd, line);
-  if (!error && ::fsync(fd) != 0) error = LastError();
+  if (!error && ::fsync(fd) != 0) error = utils::LastError();
   // A line that did not fit would be cut short: better none.
   if (error && ::ftruncate(fd, end) != 0) return error;
   return error;
@@ -92,7 +88,7 @@ std::error_code AppendSegment(const fs::path& list, const fs::path& segment) {
   const bool is_new = !fs::exists(list, ignored);
   const utils::UniqueFd file(::open(
       list.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644));
-  if (!file) return LastError();
+  if (!file) return utils::LastError();
   if (const std::error_code error = AppendLine(file.Get(), SegmentLine(segment))) return error;
   return is_new ? utils::SyncDirectory(list.parent_path()) : std::error_code();
 }

@@ -22,7 +22,7 @@ enum class TimelapseState : uint32_t { kInitial, kReady, kActivated, kGenerating
     const std::filesystem::path& directory);
 
 /// The same, for whoever needs it now; what is wrong with it is logged.
-enum class StateRecord { kFound, kMissing, kUnreadable };
+enum class [[nodiscard]] StateRecord{kFound, kMissing, kUnreadable};
 [[nodiscard]] StateRecord ReadTimelapseState(const std::filesystem::path& directory,
                                              TimelapseState& state);
 

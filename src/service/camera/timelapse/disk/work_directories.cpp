@@ -11,9 +11,11 @@
 
 #include "utils/atomic_file.h"
 #include "utils/directory_entries.h"
+#include "utils/last_error.h"
 #include "utils/local_time.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
+#include "utils/mutex.h"
 
 namespace varnel::service {
 namespace {
@@ -31,8 +33,8 @@ int64_t SecondsOf(utils::Clock::WallTime time) {
 }
 
 /// The store's deletions and the starts of prints change the link from threads of their own.
-std::mutex& CurrentLinkMutex() {
-  static auto* mutex = new std::mutex;  // used up to the end of the process
+utils::Mutex& CurrentLinkMutex() {
+  static auto* mutex = new utils::Mutex;  // used up to the end of the process
   return *mutex;
 }
 
@@ -56,7 +58,7 @@ bool ReportCreation(const fs::path& directory, const std::error_code& error) {
 }  // namespace
 
 void RemoveCurrentLink(const TimelapsePaths& paths, const std::string& index) {
-  const std::lock_guard lock(CurrentLinkMutex());
+  const utils::MutexLock lock(CurrentLinkMutex());
   std::error_code error;
   if (fs::read_symlink(paths.Current(), error) == paths.root / index)
     fs::remove(paths.Current(), error);
@@ -89,8 +91,7 @@ std::string WorkDirectories::ReserveIndex() const {
     errno = 0;
     if (index && Reserve(*index)) return *index;
     if (errno != 0 && errno != EEXIST && errno != ENOENT) {
-      (void)ReportCreation(paths_.root / index.value_or(""),
-                           std::error_code(errno, std::generic_category()));
+      (void)ReportCreation(paths_.root / index.value_or(""), utils::LastError());
       return {};
     }
     VLOG_WARN(kTag, "{} exists, retry.", index.value_or("(no date)"));
@@ -136,13 +137,13 @@ std::shared_ptr<WorkDirectory> WorkDirectories::Publish(const std::string& index
   }
   VLOG_INFO(kTag, "Create a new timelapse instance, index is {}.", index);
   auto made = std::make_shared<WorkDirectory>(directory, settings, TimelapseState::kReady);
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   opened_[index] = made;
   return made;
 }
 
 void WorkDirectories::PointCurrentAt(const std::string& index) const {
-  const std::lock_guard lock(CurrentLinkMutex());
+  const utils::MutexLock lock(CurrentLinkMutex());
   const fs::path directory = paths_.root / index;
   if (const std::error_code error = utils::ReplaceSymlink(directory, paths_.Current())) {
     VLOG_ERROR(kTag, "Create symlink to directory {} failed, reason: {}", directory.string(),
@@ -159,7 +160,7 @@ bool WorkDirectories::PointAt(const std::string& index) const {
 }
 
 std::shared_ptr<WorkDirectory> WorkDirectories::Open(const std::string& index) {
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   std::erase_if(opened_, [](const auto& one) { return one.second.expired(); });
   const auto found = opened_.find(index);
   auto directory = found != opened_.end() ? found->second.lock() : nullptr;
@@ -263,7 +264,7 @@ void WorkDirectories::SetAsideHalfMade() const {
 }
 
 void WorkDirectories::RemoveSetAside() const {
-  const std::lock_guard lock(removal_mutex_);
+  const utils::MutexLock lock(removal_mutex_);
   std::error_code error;
   for (const auto& entry : utils::DirectoryEntries(paths_.root, error)) {
     if (!entry.path().filename().string().starts_with(kRemovedPrefix)) continue;

@@ -2,7 +2,6 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -10,6 +9,7 @@
 #include "service/camera/timelapse/disk/timelapse_paths.h"
 #include "service/camera/timelapse/disk/work_directory.h"
 #include "utils/clock.h"
+#include "utils/mutex.h"
 
 namespace varnel::service {
 
@@ -63,9 +63,9 @@ class WorkDirectories {
 
   const TimelapsePaths& paths_;
   utils::Clock& clock_;
-  mutable std::mutex removal_mutex_;
-  std::mutex mutex_;
-  std::map<std::string, std::weak_ptr<WorkDirectory>> opened_;  // mutex_
+  mutable utils::Mutex removal_mutex_;
+  utils::Mutex mutex_;
+  std::map<std::string, std::weak_ptr<WorkDirectory>> opened_ GUARDED_BY(mutex_);
 };
 
 }  // namespace varnel::service

@@ -48,16 +48,12 @@ std::optional<uint32_t> SegmentNumber(const std::string& name) {
   return number ? number : NumberIn(name, "seg_", ".avi");
 }
 
-/// The numbers of one kind of file, in order. A long print has ten thousands: only they are kept.
-template <class NumberOf>
-std::vector<uint32_t> NumbersIn(const fs::path& directory, NumberOf number_of) {
-  std::vector<uint32_t> numbers;
+/// A long print has ten thousands of files: their names are looked at one by one.
+template <class Look>
+void ForEachName(const fs::path& directory, Look look) {
   std::error_code error;
-  for (fs::directory_iterator it(directory, error), end; !error && it != end; it.increment(error)) {
-    if (const auto number = number_of(it->path().filename().string())) numbers.push_back(*number);
-  }
-  std::sort(numbers.begin(), numbers.end());
-  return numbers;
+  for (fs::directory_iterator it(directory, error), end; !error && it != end; it.increment(error))
+    look(it->path().filename().string());
 }
 
 bool IsHalfWritten(const std::string& name) {
@@ -142,7 +138,12 @@ fs::path WorkDirectory::Video(size_t frames) const {
 }
 
 std::vector<uint32_t> WorkDirectory::Photos() const {
-  return NumbersIn(directory_, PhotoNumber);
+  std::vector<uint32_t> numbers;
+  ForEachName(directory_, [&](const std::string& name) {
+    if (const auto number = PhotoNumber(name)) numbers.push_back(*number);
+  });
+  std::sort(numbers.begin(), numbers.end());
+  return numbers;
 }
 
 std::optional<std::vector<uint32_t>> WorkDirectory::ListedSegments() const {
@@ -157,18 +158,26 @@ std::optional<std::vector<uint32_t>> WorkDirectory::ListedSegments() const {
   return std::vector<uint32_t>(numbers.begin(), numbers.end());
 }
 
-std::vector<uint32_t> WorkDirectory::PhotosToEncode() const {
-  const std::set<uint32_t> listed =
-      NumbersOf(ReadSegmentList(SegmentList()).value_or(std::vector<fs::path>()), nullptr);
-  // Of the ending that the film will ask for: another frame rate may have had another.
-  const std::vector<uint32_t> segments = NumbersIn(directory_, [this](const std::string& name) {
-    return NumberIn(name, "seg_", SegmentEnding());
+std::vector<uint32_t> WorkDirectory::PhotosToEncode(uint32_t settled) const {
+  std::vector<uint32_t> photos;
+  std::set<uint32_t> encoded;
+  ForEachName(directory_, [&](const std::string& name) {
+    // Of the ending that the film will ask for: another frame rate may have had another.
+    const auto segment = NumberIn(name, "seg_", SegmentEnding());
+    if (segment && *segment > settled) encoded.insert(*segment);
+    const auto photo = PhotoNumber(name);
+    if (photo && *photo > settled) photos.push_back(*photo);
   });
-  std::vector<uint32_t> numbers = Photos();
-  std::erase_if(numbers, [&](uint32_t number) {
-    return listed.contains(number) && std::binary_search(segments.begin(), segments.end(), number);
-  });
-  return numbers;
+  // Only then: the list of a long print is long, and most often a photo is new.
+  if (!encoded.empty()) {
+    const std::set<uint32_t> listed =
+        NumbersOf(ReadSegmentList(SegmentList()).value_or(std::vector<fs::path>()), nullptr);
+    std::erase_if(photos, [&](uint32_t number) {
+      return encoded.contains(number) && listed.contains(number);
+    });
+  }
+  std::sort(photos.begin(), photos.end());
+  return photos;
 }
 
 fs::path WorkDirectory::FinishedVideo() const {

@@ -54,8 +54,8 @@ class WorkDirectory {
   /// The numbers in the segment list, each once and in order; other lines are logged. Nothing when
   /// it cannot be read.
   std::optional<std::vector<uint32_t>> ListedSegments() const;
-  /// The photos that have no listed segment, in order.
-  std::vector<uint32_t> PhotosToEncode() const;
+  /// The photos after `settled` that have no listed segment, in order.
+  std::vector<uint32_t> PhotosToEncode(uint32_t settled = 0) const;
   /// The film that was made last; empty: none is there.
   std::filesystem::path FinishedVideo() const;
 

@@ -110,20 +110,19 @@ RunResult RunEncoder(utils::SafeExec& command, const RunTexts& texts, const fs::
     ::unlink(log.c_str());  // that of an earlier run, which may still be written to, is given up
     command.SetOutputFile(log.string());
   }
-  try {
-    utils::SafeExec::Result result = command.Execute();
-    if (result.success) {
-      VLOG_INFO(kTag, "exit code: {}", result.exit_code);
-    } else {
-      VLOG_ERROR(kTag, "{}: {}", texts.failed, result.exit_code);
-      const std::string said = LastLine(log.empty() ? result.standard_error : TailOf(log));
-      if (!said.empty()) VLOG_ERROR(kTag, "{}", utils::LogText(said, kLoggedLine));
-    }
-    return {EndOf(result), std::move(result.standard_output), std::move(result.standard_error)};
-  } catch (const utils::SafeExecException& error) {
-    VLOG_ERROR(kTag, "{}: {}", texts.fatal, error.what());
+  auto run = command.TryExecute();
+  if (!run) {
+    VLOG_ERROR(kTag, "{}: {}", texts.fatal, run.Why());
+    return {};
   }
-  return {};
+  if (run->success) {
+    VLOG_INFO(kTag, "exit code: {}", run->exit_code);
+  } else {
+    VLOG_ERROR(kTag, "{}: {}", texts.failed, run->exit_code);
+    const std::string said = LastLine(log.empty() ? run->standard_error : TailOf(log));
+    if (!said.empty()) VLOG_ERROR(kTag, "{}", utils::LogText(said, kLoggedLine));
+  }
+  return {EndOf(*run), std::move(run->standard_output), std::move(run->standard_error)};
 }
 
 }  // namespace varnel::service

@@ -13,12 +13,12 @@
 namespace varnel::service {
 
 /// How a run of the encoder ended.
-enum class EncoderRun {
-  kDone,
-  kFailed,    ///< it came to its own end, or crashed, and could not do it
-  kShortage,  ///< there was no room for what it writes
-  kStill,     ///< it did nothing any more and was ended
-  kNotRun,    ///< not started, or killed: tells nothing
+enum class [[nodiscard]] EncoderRun{
+    kDone,
+    kFailed,    ///< it came to its own end, or crashed, and could not do it
+    kShortage,  ///< there was no room for what it writes
+    kStill,     ///< it did nothing any more and was ended
+    kNotRun,    ///< not started, or killed: tells nothing
 };
 
 /// 0 when it cannot be told.

@@ -46,18 +46,16 @@ std::string VideoDuration(const EncoderPrograms& programs, const fs::path& video
   }
   VLOG_INFO(kTag, "Get video duration, command is {}", command.ToString());
   std::string problem = "not a number of seconds";
-  try {
-    const auto result =
-        command.SetIdlePriority().SetTimeout(kProbeLimitMs).SetOutputLimit(kProbeOutput).Execute();
-    const std::string seconds = LastLine(result.standard_output);
-    if (result.success) {
-      VLOG_INFO(kTag, "Video duration is {}", utils::LogText(seconds));
-      if (const auto duration = AsMinutes(seconds)) return *duration;
-    } else {
-      problem = fmt::format("exit code {}", result.exit_code);
-    }
-  } catch (const utils::SafeExecException& exception) {
-    problem = exception.what();
+  const auto run =
+      command.SetIdlePriority().SetTimeout(kProbeLimitMs).SetOutputLimit(kProbeOutput).TryExecute();
+  if (!run) {
+    problem = run.Why();
+  } else if (run->success) {
+    const std::string seconds = LastLine(run->standard_output);
+    VLOG_INFO(kTag, "Video duration is {}", utils::LogText(seconds));
+    if (const auto duration = AsMinutes(seconds)) return *duration;
+  } else {
+    problem = fmt::format("exit code {}", run->exit_code);
   }
   VLOG_ERROR(kTag, "Get video duration failed, reason: {}", problem);
   return kNoDuration;

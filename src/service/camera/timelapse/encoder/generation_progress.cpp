@@ -10,7 +10,6 @@
 #include "utils/atomic_file.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
-#include "utils/thread.h"
 
 namespace varnel::service {
 namespace {
@@ -56,31 +55,20 @@ int ProgressPercent(int frame, size_t total_frames) {
 
 GenerationProgress::GenerationProgress(fs::path file, Report report, utils::Clock& clock)
     : report_(std::move(report)),
-      clock_(clock),
       file_(std::move(file)),
-      task_(utils::SpawnGuarded("film-progress", kTag,
-                                [this](const std::stop_token& stop) { Run(stop); })) {}
-
-GenerationProgress::~GenerationProgress() {
-  {
-    // Under the mutex, so that the task cannot miss it between its check and its wait.
-    const std::lock_guard lock(mutex_);
-    task_.request_stop();
-  }
-  wake_.notify_all();
-  task_.join();
-}
+      task_("film-progress", kTag, clock,
+            [this](const utils::PausingThread::Pause& pause) { Run(pause); }) {}
 
 void GenerationProgress::Follow(fs::path file, size_t total_frames) {
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   file_ = std::move(file);
   total_frames_ = total_frames;
 }
 
-void GenerationProgress::Run(const std::stop_token& stop) {
+void GenerationProgress::Run(const utils::PausingThread::Pause& pause) {
   VLOG_INFO(kTag, "Generate progress task enter.");
   try {
-    while (!Wait(stop)) Look();
+    while (pause(kPeriod)) Look();
   } catch (const fs::filesystem_error& error) {
     VLOG_ERROR(kTag, "Generate progress task filesystem error: {}", utils::LogText(error.what()));
   } catch (const std::exception& error) {
@@ -89,17 +77,11 @@ void GenerationProgress::Run(const std::stop_token& stop) {
   VLOG_INFO(kTag, "Generate progress task exit.");
 }
 
-bool GenerationProgress::Wait(const std::stop_token& stop) {
-  std::unique_lock lock(mutex_);
-  return clock_.WaitUntil(lock, wake_, clock_.Now() + kPeriod,
-                          [&stop] { return stop.stop_requested(); });
-}
-
 void GenerationProgress::Look() {
   fs::path file;
   size_t total_frames = 0;
   {
-    const std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     file = file_;
     total_frames = total_frames_;
   }

@@ -1,15 +1,13 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
 #include <filesystem>
 #include <functional>
-#include <mutex>
-#include <stop_token>
 #include <string>
-#include <thread>
 
 #include "utils/clock.h"
+#include "utils/mutex.h"
+#include "utils/pausing_thread.h"
 
 namespace varnel::service {
 
@@ -30,7 +28,6 @@ class GenerationProgress {
 
   /// @param file the progress output of the joining run, which is not there yet
   GenerationProgress(std::filesystem::path file, Report report, utils::Clock& clock);
-  ~GenerationProgress();
   GenerationProgress(const GenerationProgress&) = delete;
   GenerationProgress& operator=(const GenerationProgress&) = delete;
 
@@ -38,18 +35,15 @@ class GenerationProgress {
   void Follow(std::filesystem::path file, size_t total_frames);
 
  private:
-  void Run(const std::stop_token& stop);
-  bool Wait(const std::stop_token& stop);
+  void Run(const utils::PausingThread::Pause& pause);
   void Look();
 
   const Report report_;
-  utils::Clock& clock_;
   int highest_ = 0;  // of the task's thread
-  std::mutex mutex_;
-  std::filesystem::path file_;  // mutex_
-  size_t total_frames_ = 0;     // mutex_
-  std::condition_variable wake_;
-  std::jthread task_;  // last: starts when the rest is complete
+  utils::Mutex mutex_;
+  std::filesystem::path file_ GUARDED_BY(mutex_);
+  size_t total_frames_ GUARDED_BY(mutex_) = 0;
+  utils::PausingThread task_;  // last: starts when the rest is complete
 };
 
 }  // namespace varnel::service

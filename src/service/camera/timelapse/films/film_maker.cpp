@@ -87,11 +87,12 @@ FilmMaker::FilmMaker(const Ffmpeg& ffmpeg, const FilmStore& store, NotifyClients
                      utils::Clock& clock)
     : ffmpeg_(ffmpeg), store_(store), notify_(std::move(notify)), clock_(clock) {}
 
-FilmAttempt FilmMaker::Make(WorkDirectory& directory, const GoOn& go_on) const {
+FilmAttempt FilmMaker::Make(WorkDirectory& directory, PlayingSegments& playing,
+                            const GoOn& go_on) const {
   VLOG_INFO(kTag, "Timelapse {}: receive 'Finish' command.", directory.Index());
   FilmAttempt attempt;
   try {
-    attempt = Generate(directory, go_on);
+    attempt = Generate(directory, playing, go_on);
   } catch (const std::exception& error) {
     attempt = {WorkEnd::kFailed, utils::LogText(error.what())};
   }
@@ -100,23 +101,23 @@ FilmAttempt FilmMaker::Make(WorkDirectory& directory, const GoOn& go_on) const {
   return attempt;
 }
 
-FilmAttempt FilmMaker::Generate(WorkDirectory& directory, const GoOn& go_on) const {
+FilmAttempt FilmMaker::Generate(WorkDirectory& directory, PlayingSegments& playing,
+                                const GoOn& go_on) const {
   if (!CheckDirectory(directory)) return {WorkEnd::kFailed, "the working directory is gone"};
   const auto unlisted = store_.Unlisted({directory.Index()});
   if (!unlisted) return {WorkEnd::kFailed, "the description file cannot be read"};
-  json record;
   if (unlisted->empty()) {
-    if (store_.Find(directory.Index(), record) != hal_adapter::kHalSuccess)
-      return {WorkEnd::kFailed, "the description file cannot be read"};
+    const auto record = store_.Find(directory.Index());
+    if (!record) return {WorkEnd::kFailed, "the description file cannot be read"};
     // Interrupted after it was listed: clients may know it already.
-    if (const fs::path listed = VideoOf(record); IsFilmOf(directory, listed))
+    if (const fs::path listed = VideoOf(*record); IsFilmOf(directory, listed))
       return Conclude(directory, listed);
   }
-  Film film;
+  Film film{playing};
   FilmAttempt attempt = MakeVideo(directory, film, go_on);
   if (!attempt.Done()) return attempt;
-  record = FilmRecord(directory, film.path, VideoDuration(ffmpeg_.Programs(), film.path),
-                      SecondsOf(clock_.WallNow()));
+  const json record = FilmRecord(directory, film.path, VideoDuration(ffmpeg_.Programs(), film.path),
+                                 SecondsOf(clock_.WallNow()));
   // Then the duration is not known for want of a program.
   if (utils::ChildStart().Refused()) return {WorkEnd::kInterrupted, {}};
   attempt = Publish(record);
@@ -130,7 +131,7 @@ FilmAttempt FilmMaker::MakeVideo(const WorkDirectory& directory, Film& film,
   GenerationProgress progress(
       directory.Progress(), [this](int percent) { NotifyProgress(percent); }, clock_);
   FilmAttempt attempt =
-      Ended(EncodeMissing(ffmpeg_, directory, film.bad, go_on), "the encoder does not work");
+      Ended(EncodeMissing(ffmpeg_, directory, film.photos, go_on), "the encoder does not work");
   if (attempt.Done()) attempt = MakeCover(directory, film);
   if (attempt.Done()) attempt = List(directory, film);
   if (attempt.Done()) attempt = MakeThumbnail(directory);
@@ -139,7 +140,7 @@ FilmAttempt FilmMaker::MakeVideo(const WorkDirectory& directory, Film& film,
 }
 
 FilmAttempt FilmMaker::MakeCover(const WorkDirectory& directory, const Film& film) const {
-  const EncoderRun run = service::MakeCover(ffmpeg_, directory, film.bad);
+  const EncoderRun run = service::MakeCover(ffmpeg_, directory, film.photos.bad);
   return DoWithout(directory, run) ? FilmAttempt() : Ended(run, "the cover could not be made");
 }
 
@@ -187,7 +188,7 @@ EncoderRun FilmMaker::TryJoin(const WorkDirectory& directory, const Film& film,
 }
 
 FilmAttempt FilmMaker::Mend(const WorkDirectory& directory, Film& film, const GoOn& go_on) const {
-  FilmAttempt attempt = Ended(MendSegments(ffmpeg_, directory, film.left_out, go_on),
+  FilmAttempt attempt = Ended(MendSegments(ffmpeg_, directory, film.left_out, film.playing, go_on),
                               "the video could not be generated");
   return attempt.Done() ? List(directory, film) : attempt;
 }

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string>
 
 #include "service/camera/timelapse/disk/film_store.h"
@@ -37,8 +39,12 @@ class FilmMaker {
   FilmMaker(const Ffmpeg& ffmpeg, const FilmStore& store, NotifyClients notify,
             utils::Clock& clock);
 
-  /// One that fails can be repeated. Exceptions end here.
-  [[nodiscard]] FilmAttempt Make(WorkDirectory& directory, const GoOn& go_on) const;
+  /// Segments that are known to play: checking them is most of the work of an attempt that fails.
+  using PlayingSegments = std::set<std::filesystem::path>;
+
+  /// One that fails can be repeated, with the segments that it found to play. Exceptions end here.
+  [[nodiscard]] FilmAttempt Make(WorkDirectory& directory, PlayingSegments& playing,
+                                 const GoOn& go_on) const;
   /// Tells clients that a film is not there yet.
   void NotifyFailed(const WorkDirectory& directory, const std::string& problem) const;
   /// Gives a finished film the record that is lost.
@@ -46,13 +52,14 @@ class FilmMaker {
 
  private:
   struct Film {
-    FilmParts parts;
-    std::filesystem::path path;
-    std::set<uint32_t> bad;                    ///< photos that are not in it
-    std::set<std::filesystem::path> left_out;  ///< segments
+    PlayingSegments& playing;
+    FilmParts parts{};
+    std::filesystem::path path{};
+    KnownPhotos photos{};                        ///< the bad ones are not in it
+    std::set<std::filesystem::path> left_out{};  ///< segments
   };
 
-  FilmAttempt Generate(WorkDirectory& directory, const GoOn& go_on) const;
+  FilmAttempt Generate(WorkDirectory& directory, PlayingSegments& playing, const GoOn& go_on) const;
   FilmAttempt MakeVideo(const WorkDirectory& directory, Film& film, const GoOn& go_on) const;
   FilmAttempt MakeCover(const WorkDirectory& directory, const Film& film) const;
   FilmAttempt MakeThumbnail(const WorkDirectory& directory) const;

@@ -111,13 +111,13 @@ WorkEnd ListAllSegments(const WorkDirectory& directory, const std::set<fs::path>
 }
 
 WorkEnd MendSegments(const Ffmpeg& ffmpeg, const WorkDirectory& directory,
-                     std::set<fs::path>& left_out, const GoOn& go_on) {
-  bool some_play = false;
+                     std::set<fs::path>& left_out, std::set<fs::path>& playing, const GoOn& go_on) {
   for (const Source& source : SegmentsOf(directory)) {
+    if (playing.contains(source.segment)) continue;
     if (!go_on()) return WorkEnd::kInterrupted;
     switch (Mend(ffmpeg, directory, source)) {
       case EncoderRun::kDone:
-        some_play = true;
+        playing.insert(source.segment);
         break;
       case EncoderRun::kFailed:
         left_out.insert(source.segment);
@@ -129,7 +129,7 @@ WorkEnd MendSegments(const Ffmpeg& ffmpeg, const WorkDirectory& directory,
         return WorkEnd::kFailed;
     }
   }
-  return some_play ? WorkEnd::kDone : WorkEnd::kFailed;
+  return playing.empty() ? WorkEnd::kFailed : WorkEnd::kDone;
 }
 
 }  // namespace varnel::service

@@ -29,7 +29,9 @@ struct FilmParts {
 /// Looks at each segment, and encodes again what does not play. One that does not even then is left
 /// out, and left where it is; kFailed when that goes for all of them, or nothing could be found
 /// out.
+/// @param playing segments that are known to play and not looked at again; those found are added
 [[nodiscard]] WorkEnd MendSegments(const Ffmpeg& ffmpeg, const WorkDirectory& directory,
-                                   std::set<std::filesystem::path>& left_out, const GoOn& go_on);
+                                   std::set<std::filesystem::path>& left_out,
+                                   std::set<std::filesystem::path>& playing, const GoOn& go_on);
 
 }  // namespace varnel::service

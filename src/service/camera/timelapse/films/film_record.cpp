@@ -1,23 +1,12 @@
 #include "service/camera/timelapse/films/film_record.h"
 
-#include <fmt/format.h>
-
-#include <ctime>
-
 #include "service/camera/timelapse/disk/timelapse_paths.h"
+#include "utils/local_time.h"
 
 namespace varnel::service {
 namespace {
 
 using nlohmann::json;
-
-std::string LocalDate(int64_t seconds) {
-  const auto time = static_cast<std::time_t>(seconds);
-  std::tm local{};
-  ::tzset();
-  localtime_r(&time, &local);
-  return fmt::format("{:04}-{:02}-{:02}", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday);
-}
 
 }  // namespace
 
@@ -29,7 +18,7 @@ json FilmRecord(const WorkDirectory& directory, const std::filesystem::path& vid
           {"timelapse_dir", directory.Path().string()},
           {"video_path", video.string()},
           {"thumbnail_path", directory.Thumbnail().string()},
-          {"generate_date", LocalDate(made_s)},
+          {"generate_date", utils::LocalDate(made_s).value_or("")},
           {"unix_timestamp_s", made_s},
           {"video_duration", duration}};
 }

@@ -42,17 +42,25 @@ void FilmWorker::Start() {
       utils::SpawnGuarded("film-worker", kTag, [this](const std::stop_token& stop) { Run(stop); });
 }
 
-void FilmWorker::Wake() {
+void FilmWorker::PhotoTaken() {
   {
-    const std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     change_ = true;
   }
-  changed_.notify_all();
+  changed_.NotifyAll();
+}
+
+void FilmWorker::Wake() {
+  {
+    const utils::MutexLock lock(mutex_);
+    all_changed_ = true;
+  }
+  PhotoTaken();
 }
 
 void FilmWorker::TryAgain() {
   {
-    const std::lock_guard lock(mutex_);
+    const utils::MutexLock lock(mutex_);
     try_again_ = true;
   }
   Wake();
@@ -74,20 +82,22 @@ void FilmWorker::Run(const std::stop_token& stop) {
   // At the process's end nothing can be started any more.
   while (!stop.stop_requested() && !utils::ChildStart().Refused()) {
     (void)TakeChange();
-    bool film = false;
-    Guarded([&] {
-      directories_.RemoveSetAside();
-      EncodePrints(stop);
-      film = MakeNextFilm(stop);
-      GiveBackRoom();
-    });
-    if (!film) AwaitChange(stop);
+    Guarded([&] { Look(stop); });
+    if (!find_films_) AwaitChange(stop);
   }
+}
+
+void FilmWorker::Look(const std::stop_token& stop) {
+  if (find_films_) directories_.RemoveSetAside();
+  EncodePrints(stop);
+  // After one film there may be another, and what failed may work now.
+  if (std::exchange(find_films_, false)) find_films_ = MakeNextFilm(stop);
+  GiveBackRoom();
 }
 
 bool FilmWorker::AwaitBroker(const std::stop_token& stop) {
   while (!broker_answers_() && !stop.stop_requested()) {
-    std::unique_lock lock(mutex_);
+    utils::MutexLock lock(mutex_);
     clock_.WaitUntil(lock, changed_, clock_.Now() + kBrokerPause,
                      [&] { return stop.stop_requested(); });
   }
@@ -95,15 +105,17 @@ bool FilmWorker::AwaitBroker(const std::stop_token& stop) {
 }
 
 void FilmWorker::AwaitChange(const std::stop_token& stop) {
-  std::unique_lock lock(mutex_);
+  utils::MutexLock lock(mutex_);
   const auto now = clock_.Now();
   clock_.WaitUntil(lock, changed_, std::max(waits_.NextDue(now), now + kShortestPause),
-                   [&] { return change_ || stop.stop_requested(); });
+                   [&]() REQUIRES(mutex_) { return change_ || stop.stop_requested(); });
+  if (!change_) all_changed_ = true;  // something is due
 }
 
 bool FilmWorker::TakeChange() {
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   if (std::exchange(try_again_, false)) waits_.AllDue();
+  if (std::exchange(all_changed_, false)) find_prints_ = find_films_ = true;
   return std::exchange(change_, false);
 }
 
@@ -115,25 +127,39 @@ void FilmWorker::LookAtFinished() {
     if (const auto directory = directories_.Open(index)) maker_.ListAgain(*directory);
 }
 
-void FilmWorker::EncodePrints(const std::stop_token& stop) {
+void FilmWorker::FindPrints() {
   const auto indices = directories_.IndicesIn(TimelapseState::kActivated);
   std::erase_if(prints_, [&](const auto& print) {
     return std::find(indices.begin(), indices.end(), print.first) == indices.end();
   });
   for (const std::string& index : indices) {
-    Print& print = prints_[index];
-    if (!print.directory) print.directory = directories_.Open(index);
-    if (!print.directory) continue;
+    auto directory = directories_.Open(index);
+    if (!directory) {
+      prints_.erase(index);
+    } else if (Print& print = prints_[index]; print.directory != directory) {
+      print = {std::move(directory), {}};
+    }
+  }
+}
+
+void FilmWorker::EncodePrints(const std::stop_token& stop) {
+  if (std::exchange(find_prints_, false)) FindPrints();
+  for (auto& [index, print] : prints_) {
     const WorkDirectory& directory = *print.directory;
-    // What cannot be done waits for the next photo, or for the film.
-    (void)EncodeMissing(ffmpeg_, directory, print.bad,
-                        [&] { return !stop.stop_requested() && directory.Exists(); });
+    // What cannot be done waits for the next photo, or for the film, which a stop begins at once.
+    (void)EncodeMissing(ffmpeg_, directory, print.photos, [&] {
+      return !stop.stop_requested() && directory.State() == TimelapseState::kActivated &&
+             directory.Exists();
+    });
   }
 }
 
 bool FilmWorker::MakeNextFilm(const std::stop_token& stop) {
   auto indices = directories_.IndicesIn(TimelapseState::kGenerating);
   waits_.KeepOnly(indices);
+  std::erase_if(playing_, [&](const auto& film) {
+    return std::find(indices.begin(), indices.end(), film.first) == indices.end();
+  });
   // One that fails again and again must not hold up a new one.
   std::stable_partition(indices.begin(), indices.end(),
                         [this](const std::string& index) { return !waits_.Has(index); });
@@ -157,7 +183,7 @@ bool FilmWorker::MakeNextFilm(const std::stop_token& stop) {
 }
 
 void FilmWorker::MakeFilm(WorkDirectory& directory, const std::stop_token& stop) {
-  const FilmAttempt attempt = maker_.Make(directory, [&] {
+  const FilmAttempt attempt = maker_.Make(directory, playing_[directory.Index()], [&] {
     // Photos of a print that runs go before those of one that is over.
     if (TakeChange()) EncodePrints(stop);
     return !stop.stop_requested() && directory.Exists();

@@ -1,11 +1,9 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <stop_token>
 #include <string>
@@ -14,6 +12,7 @@
 #include "service/camera/timelapse/disk/work_directories.h"
 #include "service/camera/timelapse/films/film_maker.h"
 #include "service/camera/timelapse/films/film_waits.h"
+#include "utils/mutex.h"
 
 namespace varnel::service {
 
@@ -34,23 +33,27 @@ class FilmWorker {
 
   /// Once, when what an interruption left is in order.
   void Start();
-  /// There is a photo, a stopped print, or something to remove.
+  /// There is a photo of a print that runs.
+  void PhotoTaken();
+  /// A print begins, goes on or was stopped: all of them are looked at.
   void Wake();
   /// What failed may be possible now: something was deleted.
   void TryAgain();
 
  private:
-  /// An activated instance, and the photos of it that the encoder refused.
+  /// An activated instance.
   struct Print {
     std::shared_ptr<WorkDirectory> directory;
-    std::set<uint32_t> bad;
+    KnownPhotos photos;
   };
 
   void Run(const std::stop_token& stop);
   bool AwaitBroker(const std::stop_token& stop);
   void AwaitChange(const std::stop_token& stop);
   bool TakeChange();
+  void Look(const std::stop_token& stop);
   void LookAtFinished();
+  void FindPrints();
   void EncodePrints(const std::stop_token& stop);
   bool MakeNextFilm(const std::stop_token& stop);
   void MakeFilm(WorkDirectory& directory, const std::stop_token& stop);
@@ -68,14 +71,20 @@ class FilmWorker {
   const std::function<bool()> broker_answers_;
   utils::Clock& clock_;
 
-  std::map<std::string, Print> prints_;  // of the thread, like the next
+  // Of the thread, up to the lock. A store of years has thousands of states to read: that is done
+  // when one may have changed, and not for each photo.
+  std::map<std::string, Print> prints_;
   FilmWaits waits_;
+  std::map<std::string, FilmMaker::PlayingSegments> playing_;
+  bool find_prints_ = true;
+  bool find_films_ = true;
 
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool change_ = true;      // mutex_
-  bool try_again_ = false;  // mutex_
-  std::jthread thread_;     // last: it uses the rest
+  utils::Mutex mutex_;
+  utils::Condition changed_;
+  bool change_ GUARDED_BY(mutex_) = true;
+  bool all_changed_ GUARDED_BY(mutex_) = true;
+  bool try_again_ GUARDED_BY(mutex_) = false;
+  std::jthread thread_;  // last: it uses the rest
 };
 
 }  // namespace varnel::service

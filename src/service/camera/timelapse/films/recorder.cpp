@@ -15,14 +15,14 @@ constexpr const char* kTag = "TLP";
 
 }  // namespace
 
-Recorder::Recorder(std::shared_ptr<WorkDirectory> directory, TakePhotoTo take_photo)
-    : directory_(std::move(directory)), take_photo_(std::move(take_photo)) {}
+Recorder::Recorder(std::shared_ptr<WorkDirectory> directory, hal_adapter::PhotoTaker& camera)
+    : directory_(std::move(directory)), camera_(camera) {}
 
 bool Recorder::Start(bool continued) {
   const std::string index = directory_->Index();
   VLOG_INFO(kTag, "Timelapse {}: receive 'Start' command, continue: {}.", index,
             continued ? "yes" : "no");
-  const std::lock_guard lock(photo_mutex_);
+  const utils::MutexLock lock(photo_mutex_);
   if (!continued && State() != TimelapseState::kReady) {
     VLOG_ERROR(kTag, "Timelapse {} is not ready.", index);
     return false;
@@ -41,7 +41,7 @@ bool Recorder::Start(bool continued) {
 
 bool Recorder::Capture(uint32_t number) const {
   const fs::path photo = directory_->Photo(number);
-  const bool taken = take_photo_(photo.string());
+  const bool taken = camera_.TakePhoto(photo.string()) == hal_adapter::PhotoStatus::kSuccess;
   std::error_code error;
   const uintmax_t size = fs::file_size(photo, error);
   if (error == std::errc::no_such_file_or_directory) {
@@ -58,7 +58,7 @@ bool Recorder::Capture(uint32_t number) const {
 TimelapsePhoto Recorder::TakePhoto() {
   const std::string index = directory_->Index();
   VLOG_INFO(kTag, "Timelapse {}: receive 'TakePhoto' command.", index);
-  const std::lock_guard lock(photo_mutex_);
+  const utils::MutexLock lock(photo_mutex_);
   if (State() != TimelapseState::kActivated || closed_) {
     VLOG_ERROR(kTag, "Timelapse take photo: {} is not active.", index);
     return TimelapsePhoto::kNotActive;
@@ -72,7 +72,7 @@ TimelapsePhoto Recorder::TakePhoto() {
 bool Recorder::Stop() {
   const std::string index = directory_->Index();
   VLOG_INFO(kTag, "Timelapse {}: receive 'Stop' command.", index);
-  const std::lock_guard lock(photo_mutex_);
+  const utils::MutexLock lock(photo_mutex_);
   if (State() != TimelapseState::kActivated || closed_) {
     VLOG_ERROR(kTag, "Stop timelapse: {} is not active.", index);
     return false;

@@ -2,25 +2,23 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "hal_adapter/photo_taker.h"
 #include "service/camera/timelapse/disk/work_directory.h"
+#include "utils/mutex.h"
 
 namespace varnel::service {
 
-enum class TimelapsePhoto { kTaken, kNotActive, kFailed };
+enum class [[nodiscard]] TimelapsePhoto{kTaken, kNotActive, kFailed};
 
 /// The time-lapse of the current print: takes its photos to disk, where they wait for the encoder.
 /// Thread-safe.
 class Recorder {
  public:
-  /// Takes a photo with the main camera to a path. True when the file is whole.
-  using TakePhotoTo = std::function<bool(const std::string& path)>;
-
-  Recorder(std::shared_ptr<WorkDirectory> directory, TakePhotoTo take_photo);
+  /// The camera must outlive it.
+  Recorder(std::shared_ptr<WorkDirectory> directory, hal_adapter::PhotoTaker& camera);
   Recorder(const Recorder&) = delete;
   Recorder& operator=(const Recorder&) = delete;
 
@@ -42,13 +40,13 @@ class Recorder {
   bool Capture(uint32_t number) const;
 
   const std::shared_ptr<WorkDirectory> directory_;
-  const TakePhotoTo take_photo_;
+  hal_adapter::PhotoTaker& camera_;
   std::atomic<bool> closed_ = false;
   std::atomic<bool> stop_asked_ = false;
 
-  std::mutex photo_mutex_;     // one photo, and no state change while it is taken
-  uint32_t next_number_ = 1;   // photo_mutex_
-  bool stop_prepared_ = true;  // photo_mutex_
+  utils::Mutex photo_mutex_;  // one photo, and no state change while it is taken
+  uint32_t next_number_ GUARDED_BY(photo_mutex_) = 1;
+  bool stop_prepared_ GUARDED_BY(photo_mutex_) = true;
 };
 
 }  // namespace varnel::service

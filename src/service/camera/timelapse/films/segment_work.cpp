@@ -1,6 +1,7 @@
 #include "service/camera/timelapse/films/segment_work.h"
 
 #include <system_error>
+#include <vector>
 
 #include "service/camera/timelapse/disk/segment_list.h"
 #include "service/camera/timelapse/encoder/picture_encoder.h"
@@ -39,22 +40,25 @@ EncoderRun EncodeOne(const Ffmpeg& ffmpeg, const WorkDirectory& directory, uint3
 
 }  // namespace
 
-WorkEnd EncodeMissing(const Ffmpeg& ffmpeg, const WorkDirectory& directory, std::set<uint32_t>& bad,
+WorkEnd EncodeMissing(const Ffmpeg& ffmpeg, const WorkDirectory& directory, KnownPhotos& known,
                       const GoOn& go_on) {
   int in_vain = 0;
   bool some_not_run = false;
-  for (const uint32_t number : directory.PhotosToEncode()) {
-    if (bad.contains(number)) continue;
+  const std::vector<uint32_t> photos = directory.PhotosToEncode(known.settled);
+  for (const uint32_t number : photos) {
+    if (known.bad.contains(number)) continue;
     if (!go_on()) return WorkEnd::kInterrupted;
     const EncoderRun run = EncodeOne(ffmpeg, directory, number);
     if (run == EncoderRun::kShortage) return WorkEnd::kShortage;
-    if (run == EncoderRun::kFailed || run == EncoderRun::kStill) bad.insert(number);
+    if (run == EncoderRun::kFailed || run == EncoderRun::kStill) known.bad.insert(number);
     some_not_run = some_not_run || run == EncoderRun::kNotRun;
     const bool vain = run == EncoderRun::kStill || run == EncoderRun::kNotRun;
     in_vain = vain ? in_vain + 1 : 0;
     if (in_vain > kMostInVain) return WorkEnd::kFailed;
   }
-  return some_not_run ? WorkEnd::kFailed : WorkEnd::kDone;
+  if (some_not_run) return WorkEnd::kFailed;
+  if (!photos.empty()) known.settled = photos.back();
+  return WorkEnd::kDone;
 }
 
 }  // namespace varnel::service

@@ -13,16 +13,22 @@ namespace varnel::service {
 using GoOn = std::function<bool()>;
 
 /// How work on an instance came to its end.
-enum class WorkEnd {
-  kDone,
-  kShortage,     ///< there is no room for it
-  kFailed,       ///< the encoder could not do its work: the photos may be good
-  kInterrupted,  ///< by what was asked between two runs
+enum class [[nodiscard]] WorkEnd{
+    kDone,
+    kShortage,     ///< there is no room for it
+    kFailed,       ///< the encoder could not do its work: the photos may be good
+    kInterrupted,  ///< by what was asked between two runs
+};
+
+/// What was found out about an instance's photos; all of it can be found out again.
+struct KnownPhotos {
+  std::set<uint32_t> bad{};  ///< the encoder refused them
+  uint32_t settled = 0;      ///< up to this one, each has its segment or is bad
 };
 
 /// Encodes the photos that have no segment, in order, and lists their segments.
-/// @param bad photos that are passed over; those that the encoder refuses are added
+/// @param known what is passed over; what is found out is added
 [[nodiscard]] WorkEnd EncodeMissing(const Ffmpeg& ffmpeg, const WorkDirectory& directory,
-                                    std::set<uint32_t>& bad, const GoOn& go_on);
+                                    KnownPhotos& known, const GoOn& go_on);
 
 }  // namespace varnel::service

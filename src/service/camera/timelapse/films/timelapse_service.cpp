@@ -31,7 +31,7 @@ void RemoveMatching(const fs::path& directory, std::string_view part) {
 
 TimelapseService::TimelapseService(TimelapseSetup setup)
     : paths_(std::move(setup.paths)),
-      take_photo_(std::move(setup.take_photo)),
+      camera_(*setup.camera),
       uploader_(std::move(setup.uploader)),
       ffmpeg_(std::move(setup.programs), paths_.min_free_bytes),
       store_(paths_, *setup.clock),
@@ -82,19 +82,19 @@ void TimelapseService::HandleLeftBehind(const std::string& index) const {
 }
 
 std::shared_ptr<Recorder> TimelapseService::Current() const {
-  const std::lock_guard lock(current_mutex_);
+  const utils::MutexLock lock(current_mutex_);
   return current_;
 }
 
 bool TimelapseService::Begin(std::shared_ptr<WorkDirectory> directory, bool continued) {
   if (!directory) return false;
   const std::string index = directory->Index();
-  auto recorder = std::make_shared<Recorder>(std::move(directory), take_photo_);
+  auto recorder = std::make_shared<Recorder>(std::move(directory), camera_);
   if (!recorder->Start(continued)) {
     if (!continued) (void)directories_.SetAside(index);
     return false;
   }
-  const std::lock_guard lock(current_mutex_);
+  const utils::MutexLock lock(current_mutex_);
   current_ = std::move(recorder);
   return true;
 }
@@ -102,7 +102,7 @@ bool TimelapseService::Begin(std::shared_ptr<WorkDirectory> directory, bool cont
 void TimelapseService::Retire() {
   std::shared_ptr<Recorder> previous;
   {
-    const std::lock_guard lock(current_mutex_);
+    const utils::MutexLock lock(current_mutex_);
     previous = std::exchange(current_, nullptr);
   }
   if (previous) {
@@ -125,7 +125,7 @@ void TimelapseService::RepeatStops() {
 
 void TimelapseService::MakeRoomForNew() {
   {
-    const std::lock_guard lock(command_mutex_);
+    const utils::MutexLock lock(command_mutex_);
     Retire();
   }
   // The worker removes what was set aside; only a print that needs its room waits for that.
@@ -137,7 +137,7 @@ bool TimelapseService::StartNew(const TimelapseSettings& settings) {
   const std::string index = directories_.Build(settings);
   bool begun = false;
   {
-    const std::lock_guard lock(command_mutex_);
+    const utils::MutexLock lock(command_mutex_);
     Retire();  // another one may have begun meanwhile
     begun = !index.empty() && Begin(directories_.Publish(index, settings), false);
   }
@@ -146,7 +146,7 @@ bool TimelapseService::StartNew(const TimelapseSettings& settings) {
 }
 
 bool TimelapseService::Continue() {
-  const std::lock_guard lock(command_mutex_);
+  const utils::MutexLock lock(command_mutex_);
   const std::string index = directories_.NextIndex();
   const auto current = Current();
   const bool goes_on = current && current->Directory().Index() == index &&
@@ -154,12 +154,13 @@ bool TimelapseService::Continue() {
   if (goes_on) return true;
   if (!Begin(directories_.Open(index), true)) return false;
   directories_.PointCurrentAt(index);
+  worker_.Wake();
   return true;
 }
 
 TimelapseService::StopResult TimelapseService::Stop() {
   {
-    const std::lock_guard lock(command_mutex_);
+    const utils::MutexLock lock(command_mutex_);
     const auto current = Current();
     if (!current || current->State() == TimelapseState::kFinished) return StopResult::kNothingRuns;
     if (!current->Stop()) return StopResult::kRefused;
@@ -172,7 +173,7 @@ std::optional<TimelapsePhoto> TimelapseService::TakePhoto() {
   const auto current = Current();
   if (!current) return std::nullopt;
   const TimelapsePhoto photo = current->TakePhoto();
-  if (photo == TimelapsePhoto::kTaken) worker_.Wake();
+  if (photo == TimelapsePhoto::kTaken) worker_.PhotoTaken();
   return photo;
 }
 
@@ -183,7 +184,7 @@ bool TimelapseService::IsRunning() const {
 
 hal_adapter::HalStatus TimelapseService::Delete(const std::string& index) {
   const hal_adapter::HalStatus status = store_.Delete(index);
-  if (status == hal_adapter::kHalSuccess) worker_.TryAgain();
+  if (status == hal_adapter::HalStatus::kSuccess) worker_.TryAgain();
   return status;
 }
 

@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -15,6 +14,7 @@
 #include "service/camera/timelapse/films/film_worker.h"
 #include "service/camera/timelapse/films/recorder.h"
 #include "service/camera/timelapse/films/timelapse_upload.h"
+#include "utils/mutex.h"
 
 namespace varnel::service {
 
@@ -22,7 +22,7 @@ namespace varnel::service {
 struct TimelapseSetup {
   TimelapsePaths paths = {};
   EncoderPrograms programs = {};
-  Recorder::TakePhotoTo take_photo;
+  hal_adapter::PhotoTaker* camera = nullptr;  ///< must outlive the service
   NotifyClients notify;
   /// Films are not begun before; asked until it says yes.
   std::function<bool()> broker_answers = [] { return true; };
@@ -34,7 +34,7 @@ struct TimelapseSetup {
 /// those that are finished. Thread-safe.
 class TimelapseService {
  public:
-  enum class StopResult { kStopped, kRefused, kNothingRuns };
+  enum class [[nodiscard]] StopResult{kStopped, kRefused, kNothingRuns};
 
   explicit TimelapseService(TimelapseSetup setup);
 
@@ -54,32 +54,32 @@ class TimelapseService {
 
   const FilmStore& Store() const { return store_; }
   /// Removes a film; a status as of FilmStore::Delete().
-  [[nodiscard]] hal_adapter::HalStatus Delete(const std::string& index);
-  [[nodiscard]] hal_adapter::HalStatus Upload(const std::string& index, const std::string& type,
-                                              UploadedFilm& film);
+  hal_adapter::HalStatus Delete(const std::string& index);
+  hal_adapter::HalStatus Upload(const std::string& index, const std::string& type,
+                                UploadedFilm& film);
 
  private:
   void ClearTemporaryNames() const;
   void HandleLeftBehind(const std::string& index) const;
   void MakeRoomForNew();
-  void Retire();
-  void RepeatStops();
+  void Retire() REQUIRES(command_mutex_);
+  void RepeatStops() REQUIRES(command_mutex_);
   std::shared_ptr<Recorder> Current() const;
-  bool Begin(std::shared_ptr<WorkDirectory> directory, bool continued);
+  bool Begin(std::shared_ptr<WorkDirectory> directory, bool continued) REQUIRES(command_mutex_);
 
   const TimelapsePaths paths_;
-  const Recorder::TakePhotoTo take_photo_;
+  hal_adapter::PhotoTaker& camera_;
   const std::unique_ptr<FileUploader> uploader_;
   const Ffmpeg ffmpeg_;
   const FilmStore store_;
   WorkDirectories directories_;
   const FilmMaker maker_;
 
-  std::mutex command_mutex_;            // one start or stop at a time; nothing that takes long
-  std::set<std::string> stops_wanted_;  // that could not be recorded yet; command_mutex_
+  utils::Mutex command_mutex_;  // one start or stop at a time; nothing that takes long
+  std::set<std::string> stops_wanted_ GUARDED_BY(command_mutex_);  // that could not be recorded yet
 
-  mutable std::mutex current_mutex_;
-  std::shared_ptr<Recorder> current_;  // current_mutex_
+  mutable utils::Mutex current_mutex_;
+  std::shared_ptr<Recorder> current_ GUARDED_BY(current_mutex_);
 
   FilmWorker worker_;  // last: its thread uses the rest
 };

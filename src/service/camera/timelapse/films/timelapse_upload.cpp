@@ -87,16 +87,16 @@ HalStatus EncryptAndSend(const TimelapsePaths& paths, FileUploader& uploader,
     crypto.EncryptFile(source, encrypted.Path());
   } catch (const std::runtime_error& error) {
     VLOG_ERROR(kTag, "Encrypt {} failed: {}", source.string(), error.what());
-    return hal_adapter::kHalFailure;
+    return HalStatus::kFailure;
   }
   VLOG_INFO(kTag, "Push {} {} to cloud server.", type, source.string());
   const auto url = uploader.Upload(encrypted.Path(), [](uint64_t sent, uint64_t all) {
     VLOG_INFO(kTag, "Upload timelapse progress: {}% ({}/{})", all == 0 ? 100 : sent * 100 / all,
               sent, all);
   });
-  if (!url) return hal_adapter::kHalFailure;
+  if (!url) return HalStatus::kFailure;
   film = {*url, std::string(crypto.Password()), crypto.Iterations(), Hex(crypto.Salt())};
-  return hal_adapter::kHalSuccess;
+  return HalStatus::kSuccess;
 }
 
 }  // namespace
@@ -105,25 +105,24 @@ HalStatus UploadFilm(const TimelapsePaths& paths, const FilmStore& store, FileUp
                      const std::string& index, const std::string& type, UploadedFilm& film) {
   if (type != "video" && type != "thumbnail") {
     VLOG_ERROR(kTag, "File type is not 'video' or 'thumbnail', do nothing.");
-    return hal_adapter::kHalFailure;
+    return HalStatus::kFailure;
   }
-  nlohmann::json record;
-  if (const HalStatus found = store.Find(index, record); found != hal_adapter::kHalSuccess)
-    return found;
-  const std::string source = SourceIn(record, type);
+  const auto record = store.Find(index);
+  if (!record) return record.Why();
+  const std::string source = SourceIn(*record, type);
   // It becomes part of a file's name.
-  if (!IsTimelapseIndex(index)) return hal_adapter::kHalInvalidParameter;
+  if (!IsTimelapseIndex(index)) return HalStatus::kInvalidParameter;
   if (source.empty()) {
     VLOG_ERROR(kTag, "Source path for {} is empty, cannot upload.", type);
-    return hal_adapter::kHalFailure;
+    return HalStatus::kFailure;
   }
   if (!IsOfTheStore(paths, source)) {
     VLOG_ERROR(kTag, "File {} is not ready.", utils::LogText(source));
-    return hal_adapter::kHalFileNotFound;
+    return HalStatus::kFileNotFound;
   }
   if (!uploader.HasAccess()) {
     VLOG_ERROR(kTag, "Cloud access code is unavailable.");
-    return hal_adapter::kHalFailure;
+    return HalStatus::kFailure;
   }
   return EncryptAndSend(paths, uploader, index, type, source, film);
 }

@@ -44,8 +44,8 @@ struct UploadedFilm {
 
 /// Encrypts the "video" or the "thumbnail" of a finished film and uploads it. A status as of
 /// FilmStore::Delete(); -86 also for a file that is missing, -1 for all else.
-[[nodiscard]] hal_adapter::HalStatus UploadFilm(const TimelapsePaths& paths, const FilmStore& store,
-                                                FileUploader& uploader, const std::string& index,
-                                                const std::string& type, UploadedFilm& film);
+hal_adapter::HalStatus UploadFilm(const TimelapsePaths& paths, const FilmStore& store,
+                                  FileUploader& uploader, const std::string& index,
+                                  const std::string& type, UploadedFilm& film);
 
 }  // namespace varnel::service
