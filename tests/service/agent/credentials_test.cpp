@@ -3,6 +3,8 @@
 
 #include <sys/stat.h>
 
+#include <set>
+
 #include "service/agent/auth/aes.h"
 #include "service/agent/auth/signature.h"
 #include "service/agent/authentication_world.h"
@@ -41,7 +43,12 @@ TEST(SignatureTest, OfBothKindsOfKeysIsTakenByOpensslAndNoOther) {
   for (const char* bad : {"", "AAAA", "not base64"}) {
     EXPECT_THROW((void)Sign("x", bad), std::runtime_error) << bad;
   }
-  for (int i = 0; i < 200; ++i) EXPECT_EQ(MakeNonce().size(), 6U);
+  std::set<std::string> nonces;
+  for (int i = 0; i < 200; ++i) {
+    nonces.insert(MakeNonce());
+    EXPECT_EQ(nonces.begin()->size(), 6U);
+  }
+  EXPECT_GT(nonces.size(), 150U);
 }
 
 TEST(AesTest, OpensslReadsWhatIsWrittenAndTheOtherWayRound) {
@@ -74,9 +81,34 @@ TEST(AesTest, OpensslReadsWhatIsWrittenAndTheOtherWayRound) {
   for (int i = 0; i < 32; ++i) digits += "4B";
   for (const std::string& good : {std::string(32, 'K'), digits, digits + "\n"})
     EXPECT_EQ(LoadAesKey(dir.Write("key", good))->Text(), key.Text());
-  for (const std::string& bad : {std::string(31, 'K'), digits + "00", "x" + digits.substr(1)})
+  for (const std::string& bad :
+       {std::string(31, 'K'), digits + "00", "x" + digits.substr(1), digits.substr(32)})
     EXPECT_EQ(LoadAesKey(dir.Write("key", bad)), nullptr) << bad;
   EXPECT_EQ(LoadAesKey(dir / "none"), nullptr);
+}
+
+TEST(RegionTest, TheTableTheMarkersAndTheSiteDecideWhereRequestsGo) {
+  const test::TempDir dir;
+  CloudPlaces places{
+      .regions = {{"int", {"api.example.com", ""}}, {"cn", {"api.example.cn", ""}}, {"eu", {}}},
+      .local_server = "10.0.0.1:80",
+      .preview_marker = dir / "preview",
+      .local_marker = dir / "local"};
+  EXPECT_EQ(BaseUrl(places, "int"), "https://api.example.com");
+  EXPECT_EQ(BaseUrl(places, "eu"), std::nullopt);
+  EXPECT_FALSE(IsRegion(places, "eu"));
+  EXPECT_EQ(BaseUrl(places, "mars"), std::nullopt);
+  dir.Write("preview", "");
+  EXPECT_EQ(BaseUrl(places, "cn"), "https://pre.api.example.cn");
+  const std::pair<const char*, const char*> sites[] = {{"https://api.example.com", "prod-com"},
+                                                       {"https://pre.api.example.cn", "pre-cn"},
+                                                       {"http://10.0.0.1:80", "prod-other"}};
+  for (const auto& [url, site] : sites) EXPECT_EQ(SiteOf(url), site);
+  dir.Write("local", "");
+  EXPECT_EQ(BaseUrl(places, "eu"), "http://10.0.0.1:80");
+  places.local_server = "";
+  EXPECT_EQ(BaseUrl(places, "int"), std::nullopt);
+  EXPECT_TRUE(IsRegion(places, "int")) << "a region stays one";
 }
 
 class CredentialStoreTest : public testing::Test, public AuthenticationWorld {
@@ -118,11 +150,13 @@ TEST_F(CredentialStoreTest, FilesAreTheOwnersAndCountOnlyTogether) {
   EXPECT_EQ(info["port"], "8883");
   // A new pair that is cut short leaves none that seems whole.
   const Identity other = MakeIdentity(dir_, "EC");
+  BrokerAccess long_chain = Access(other);
+  for (int i = 0; i < 8; ++i) long_chain.root_ca += other.certificate;
   {
-    const test::FullDisk full(100);
-    EXPECT_FALSE(store_.Save(Access(other)));
+    const test::FullDisk full(4096);
+    EXPECT_FALSE(store_.Save(long_chain));
   }
-  EXPECT_FALSE(store_.LoadAuthInfoFromCache("cn"));
+  EXPECT_TRUE(fs::is_empty(directory_)) << "neither half of the new nor the old";
   SaveAll(other);
   store_.Remove();
   EXPECT_TRUE(fs::is_empty(directory_));

@@ -27,6 +27,10 @@ class DeviceAuthenticationTest : public testing::Test, public AuthenticationWorl
     std::string reply;
     const char* text;
   };
+  static std::string Token(const DeviceAuthentication& device) {
+    const auto access = device.AccessTo(device.Region());
+    return access && access->token ? std::string(access->token->Text()) : "";
+  }
   std::unique_ptr<DeviceAuthentication> Connected() {
     Answer(kToken, TokenReply("access-1", "refresh-1"));
     Answer(kCerts, CertsReply());
@@ -71,11 +75,11 @@ TEST_F(DeviceAuthenticationTest, ADeviceGrantIsSentAsTheServerExpectsIt) {
   EXPECT_THAT(request, HasSubstr("X-Custom-Site: Device\r\nX-Custom-Firmware-Version: 1.1.1\r\n"));
   EXPECT_THAT(request, HasSubstr("X-Custom-CS: prod-other\r\nContent-Type: multipart/form-data; "
                                  "boundary=----WebKitFormBoundary7MA4YWxkTrZu0gW\r\n"));
-  EXPECT_EQ(device->AccessToken()->Text(), "access-1");
+  EXPECT_EQ(Token(*device), "access-1");
   device->SetRegion("nowhere");
   EXPECT_TRUE(
       log_.Has("MA_AUTH", "SetRegion: region is not valid: nowhere, using default region: int"));
-  EXPECT_EQ(device->AccessToken(), nullptr) << "it was that of another region";
+  EXPECT_EQ(Token(*device), "") << "it was that of another region";
 }
 
 TEST_F(DeviceAuthenticationTest, ATokenReplyThatIsWrongLeavesTheOldTokens) {
@@ -90,6 +94,12 @@ TEST_F(DeviceAuthenticationTest, ATokenReplyThatIsWrongLeavesTheOldTokens) {
       {R"({"code":200,"data":{}})", "empty data in OAuth2 content!"},
       {R"({"code":200,"data":"x"})", "invalid access_token!"},
       {R"({"code":200,"data":{"access_token":1}})", "invalid access_token!"},
+      {R"({"code":200,"data":{"access_token":"a\r\nX: 1","refresh_token":"r"}})",
+       "invalid access_token!"},
+      {R"({"code":200,"data":{"access_token":"a","refresh_token":"\u0000"}})",
+       "invalid refresh_token!"},
+      {R"({"code":200,"data":{"access_token":")" + std::string(8193, 'a') + "\"}}",
+       "invalid access_token!"},
       {R"({"code":200,"data":{"access_token":"a"}})", "invalid refresh_token!"},
       {R"({"code":200,"data":{"access_token":"a","refresh_token":""}})",
        "refresh_token is empty!"}};
@@ -114,12 +124,12 @@ TEST_F(DeviceAuthenticationTest, ATokenReplyThatIsWrongLeavesTheOldTokens) {
     EXPECT_FALSE(device->RefreshToken());
     EXPECT_TRUE(log_.Has("MA_AUTH", fault.text)) << fault.reply;
   }
-  EXPECT_EQ(device->AccessToken()->Text(), "access-1");
+  EXPECT_EQ(Token(*device), "access-1");
 }
 
 TEST_F(DeviceAuthenticationTest, ARefreshHappensOnceForAllWhoMetTheSameRefusal) {
   const auto device = Connected();
-  const auto refused = device->AccessToken();
+  const auto refused = device->AccessTo("cn")->token;
   Answer(kToken, TokenReply("access-2", "refresh-2"));
   const size_t before = server_.requests.Items().size();
   {
@@ -129,7 +139,20 @@ TEST_F(DeviceAuthenticationTest, ARefreshHappensOnceForAllWhoMetTheSameRefusal) 
   }
   EXPECT_EQ(server_.requests.Items().size(), before + 1);
   EXPECT_THAT(LastRequest(), HasSubstr("name=\"refresh_token\"\r\n\r\nrefresh-1\r\n"));
-  EXPECT_EQ(device->AccessToken()->Text(), "access-2");
+  EXPECT_EQ(Token(*device), "access-2");
+  // One that fails is one for all who waited for it.
+  const auto newer = device->AccessTo("cn")->token;
+  Answer(kToken, json::array());
+  {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 8; ++i)
+      threads.emplace_back([&] { EXPECT_FALSE(device->RefreshToken(newer)); });
+  }
+  EXPECT_LT(server_.requests.Items().size(), before + 9);
+  device->ForgetTokens();
+  const size_t last = server_.requests.Items().size();
+  EXPECT_FALSE(device->RefreshToken(newer));
+  EXPECT_EQ(server_.requests.Items().size(), last) << "there is nothing to ask with";
   for (const char* secret : {"access-", "refresh-1", "refresh-2"})
     EXPECT_THAT(log_.Text(), Not(HasSubstr(secret)));
 }
@@ -138,9 +161,10 @@ TEST_F(DeviceAuthenticationTest, CredentialsAreFetchedOnceAndThenTakenFromTheDis
   const auto device = Connected();
   EXPECT_FALSE(device->AuthInfo());
   ASSERT_TRUE(device->GetAuthInfo());
-  EXPECT_THAT(LastRequest(), StartsWith("GET /api/device/getMqttCert?refresh=false HTTP"));
+  EXPECT_THAT(LastRequest(), StartsWith("GET /api/device/getMqttCert?refresh=true HTTP"));
   EXPECT_THAT(LastRequest(), HasSubstr("Authorization: Bearer access-1\r\nX-Custom-Site: Device\r\n"
-                                       "X-Custom-Firmware-Version: 2.0.1\r\n"));
+                                       "X-Custom-Firmware-Version: 2.0.1\r\nX-Custom-CC:\r\n"
+                                       "X-Custom-CS: prod-other\r\n"));
   EXPECT_EQ((*device->AuthInfo())["region"], "cn");
   EXPECT_EQ(test::ReadFile(dir_ / "certs/client.key"), identity_.key);
   const size_t before = server_.requests.Items().size();
@@ -168,14 +192,15 @@ TEST_F(DeviceAuthenticationTest, CredentialsThatAreWrongAreNotWritten) {
   const std::string huge(1'000'000, 'x');
   const std::string nul("a\0b", 3);
   const Fault faults[] = {
-      {"7", "GetMqttCerts: invalid response: number of 1 bytes, HTTP 200"},
+      {"7", "GetMqttCerts: invalid response: 1 bytes, HTTP 200"},
       {R"({"code":500})", "GetMqttCerts: unexpected code: 500"},
       {R"({"code":200})", "GetMqttCerts: invalid data field: none"},
       {with("clientId", ""), "invalid clientid!"},
-      {with("clientId", "a/#"), "invalid clientid!"},
+      {with("clientId", "a\nb"), "invalid clientid!"},
       {with("clientId", huge), "invalid clientid!"},
       {with("endpoint", 7), "invalid endpoint!"},
       {with("endpoint", "a\r\nb"), "invalid endpoint!"},
+      {with("endpoint", "a:1"), "invalid endpoint!"},
       {with("endpoint", nul), "invalid endpoint!"},
       {with("endpoint", ""), "endpoint/clientid/port is empty!"},
       {with("port", "-1"), "invalid port!"},
@@ -198,13 +223,14 @@ TEST_F(DeviceAuthenticationTest, TheCountryCodeIsTwoCapitals) {
   const auto device = Device();
   Answer("/cc", json{{"countryCode", "de\r\n"}});
   device->StartFetchCountryCode();
-  EXPECT_TRUE(test::Eventually([&] {
-    clock_.Advance(std::chrono::seconds(1));
-    return log_.Has("MA_AUTH", "cc attempt 3/3 failed");
-  }));
+  for (int pause = 0; pause < 2; ++pause) {
+    clock_.AwaitWaiters(1);
+    clock_.Advance(std::chrono::seconds(5));
+    EXPECT_TRUE(test::Eventually(
+        [&] { return log_.Has("MA_AUTH", fmt::format("cc attempt {}/3 failed", pause + 2)); }));
+  }
   Answer("/cc", json{{"code", 200}, {"data", {{"countryCode", "DE"}}}});
   EXPECT_TRUE(test::Eventually([&] {
-    clock_.Advance(std::chrono::seconds(1));
     device->StartFetchCountryCode();
     return device->DeviceHeaders("")[2] == "X-Custom-CC: DE";
   }));
@@ -275,10 +301,12 @@ TEST_F(DeviceAuthenticationTest, EachCallOfTheApiSendsAndReadsItsOwn) {
     const std::string body = request.substr(request.find("\r\n\r\n") + 4);
     EXPECT_EQ(body, one.body.is_null() ? "" : one.body.dump());
     for (const char* wrong : {"[]", "{", R"({"code":"200"})", "{}"}) {
+      const size_t lines = log_.Lines().size();
       Answer("/api/device/", std::string(wrong));
       EXPECT_EQ(one.call(region), json()) << wrong;
+      EXPECT_THAT(log_.Lines().back(), HasSubstr(one.name)) << wrong;
+      EXPECT_GT(log_.Lines().size(), lines);
     }
-    EXPECT_THAT(log_.Text(), HasSubstr(one.name));
     if (one.bad_data == nullptr) continue;
     Answer("/api/device/", json{{"code", 200}, {"data", nullptr}});
     EXPECT_EQ(one.call(region), json());
@@ -292,7 +320,12 @@ TEST_F(DeviceAuthenticationTest, EachCallOfTheApiSendsAndReadsItsOwn) {
   EXPECT_TRUE(log_.Has("MA_AUTH", "ApiDeviceUpdate: param is empty"));
   Answer("/api/device/", json{{"code", 200}});
   EXPECT_TRUE(api.DeviceConnectAuth(region, "unbind", "u"));
-  EXPECT_THAT(LastRequest(), HasSubstr(R"("operate":"unbind","sign":")"));
+  const std::string proof = LastRequest();
+  const json sent = json::parse(proof.substr(proof.find("\r\n\r\n") + 4));
+  const std::string key = OpenSsl(dir_, "pkey -in key.pem -pubout -outform DER");
+  EXPECT_TRUE(Verify("VB26&operate=unbind&nonce=" + sent["nonce"].get<std::string>(), sent["sign"],
+                     {reinterpret_cast<const unsigned char*>(key.data()), key.size()}));
+  EXPECT_EQ(sent["userId"], "u");
   device->ForgetTokens();
   EXPECT_FALSE(api.DeviceConnectAuth(region, "unbind", "u"));
   EXPECT_TRUE(log_.Has("MA_AUTH", "DeviceConnectAuth: access_token is empty"));

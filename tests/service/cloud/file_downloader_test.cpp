@@ -27,7 +27,10 @@ class FileDownloaderTest : public testing::Test {
   test::TempDir dir_;
   test::FakeClock clock_;
   const std::filesystem::path file_ = dir_ / "file";
-  FileDownloader downloader_{"test", nullptr, clock_};
+  bool stop_ = false;
+  bool has_space_ = true;
+  FileDownloader downloader_{"test", [this] { return stop_; },
+                             [this](const std::filesystem::path&) { return has_space_; }, clock_};
 };
 
 TEST_F(FileDownloaderTest, ProgressIsToldOnceASecondWhileTheSizeIsKnown) {
@@ -61,6 +64,10 @@ TEST_F(FileDownloaderTest, AStallEndsItWithoutAnErrorLine) {
                   [&](double, int64_t, int64_t) { clock_.Advance(std::chrono::seconds(61)); }),
             CURLE_ABORTED_BY_CALLBACK);
   EXPECT_EQ(test::ReadFile(file_), "half");
+  has_space_ = false;
+  EXPECT_EQ(Fetch(server.Url()), CURLE_ABORTED_BY_CALLBACK) << "no room";
+  stop_ = true;
+  EXPECT_EQ(Fetch(server.Url()), CURLE_ABORTED_BY_CALLBACK);
   EXPECT_THAT(log_.Text(), Not(HasSubstr("Download failed")));
 }
 
@@ -85,7 +92,8 @@ TEST_F(FileDownloaderTest, EveryFailureIsTold) {
   EXPECT_EQ(Fetch(server.Url("/round")), CURLE_TOO_MANY_REDIRECTS);
   EXPECT_EQ(server.requests.Items().size(), before + 11);
   EXPECT_THAT(log_.Text(), HasSubstr("Download failed: 47 Maximum (10) redirects followed"));
-  EXPECT_EQ(downloader_.Download(server.Url(), dir_ / "no/such", nullptr, kStallS), 1);
+  for (const auto& unusable : {dir_ / "no/such", dir_.Path(), std::filesystem::path("/dev/null")})
+    EXPECT_EQ(downloader_.Download(server.Url(), unusable, nullptr, kStallS), 1);
   const std::string source = "file://" + dir_.Write("source", std::string(100'000, 's')).string();
   EXPECT_EQ(Fetch(source), 0);
   const test::FullDisk full(5000);

@@ -99,7 +99,7 @@ void ScriptedServer::Serve() {
     connections.Put(fd);
     const std::lock_guard lock(mutex_);
     std::erase_if(open_, [](const Connection& one) { return !one.fd; });
-    Connection& connection = open_.emplace_back(utils::UniqueFd(fd));
+    Connection& connection = open_.emplace_back(fd);
     connection.thread = std::jthread([this, &connection] { ServeOne(connection); });
   }
 }

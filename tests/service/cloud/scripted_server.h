@@ -46,8 +46,9 @@ class ScriptedServer {
 
  private:
   struct Connection {
+    explicit Connection(int descriptor) : fd(descriptor) {}
     utils::UniqueFd fd;  // the server's mutex
-    std::jthread thread{};
+    std::jthread thread;
   };
 
   void Serve();

@@ -5,6 +5,7 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <exception>
 #include <memory>
@@ -79,6 +80,11 @@ bool Run(const Direction& direction, const utils::SecretString& key, const unsig
   return true;
 }
 
+bool LooksLikeDigits(std::string_view text) {
+  return std::all_of(text.begin(), text.end(),
+                     [](unsigned char c) { return std::isxdigit(c) != 0 || std::isspace(c) != 0; });
+}
+
 std::optional<utils::SecretString> KeyOfDigits(std::string_view digits) {
   utils::SecretString key(kKeyBytes);
   for (size_t i = 0; i < kKeyBytes; ++i) {
@@ -137,7 +143,8 @@ utils::SharedSecret LoadAesKey(const std::filesystem::path& file) {
   if (file.empty()) return nullptr;
   std::string text = utils::ReadSmallFile(file, 2 * kKeyBytes + 2).value_or("");
   std::optional<utils::SecretString> key;
-  if (text.size() == kKeyBytes) {
+  // Half of the digits is a file that was cut short.
+  if (text.size() == kKeyBytes && !LooksLikeDigits(text)) {
     key.emplace(text);
   } else {
     const size_t end = text.find_last_not_of("\r\n");

@@ -30,10 +30,17 @@ const std::string* TextIn(const json& data, const char* name) {
   return found != data.end() && found->is_string() ? found->get_ptr<const std::string*>() : nullptr;
 }
 
-/// It will stand in a URI, in topics and in log lines.
-bool IsName(const std::string& text) {
+/// Brokers have their own ways to name clients.
+bool IsClientId(const std::string& text) {
+  return !text.empty() && text.size() <= kMaxName &&
+         std::none_of(text.begin(), text.end(),
+                      [](unsigned char c) { return c < ' ' || c == 0x7f; });
+}
+
+/// A name or an address; empty is judged later.
+bool IsHost(const std::string& text) {
   return text.size() <= kMaxName && std::all_of(text.begin(), text.end(), [](unsigned char c) {
-           return std::isgraph(c) != 0 && c != '/' && c != '#' && c != '+' && c != '@';
+           return std::isalnum(c) != 0 || c == '.' || c == '-' || c == '_';
          });
 }
 
@@ -77,10 +84,9 @@ std::optional<BrokerAccess> ReadBrokerAccess(const json& reply, const Credential
   if (data == reply.end() || !data->is_object())
     return Fail("no 'data' field in MQTT certs content!");
   const std::string* client_id = TextIn(*data, "clientId");
-  if (client_id == nullptr || client_id->empty() || !IsName(*client_id))
-    return Fail("invalid clientid!");
+  if (client_id == nullptr || !IsClientId(*client_id)) return Fail("invalid clientid!");
   const std::string* endpoint = TextIn(*data, "endpoint");
-  if (endpoint == nullptr || !IsName(*endpoint)) return Fail("invalid endpoint!");
+  if (endpoint == nullptr || !IsHost(*endpoint)) return Fail("invalid endpoint!");
   const auto port = PortIn(*data);
   if (!port) return Fail("invalid port!");
   if (endpoint->empty() || *port == 0) return Fail("endpoint/clientid/port is empty!");

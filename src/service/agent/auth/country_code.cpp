@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <exception>
 #include <nlohmann/json.hpp>
+#include <system_error>
 #include <utility>
 
+#include "service/cloud/http/reply_json.h"
 #include "utils/log.h"
-#include "utils/thread.h"
+#include "utils/log_text.h"
 
 namespace varnel::service {
 namespace {
@@ -36,45 +39,50 @@ std::string CodeIn(const nlohmann::json& reply) {
 CountryCode::CountryCode(Fetch fetch, utils::Clock& clock)
     : fetch_(std::move(fetch)), clock_(clock) {}
 
-CountryCode::~CountryCode() {
-  {
-    const std::lock_guard lock(mutex_);
-    thread_.request_stop();
-  }
-  wake_.notify_all();
-}
-
 void CountryCode::StartFetchCountryCode() {
-  const std::lock_guard lock(mutex_);
-  if (!code_.empty() || std::exchange(running_, true)) return;
-  // The last one has ended, or is about to: it touches nothing any more.
-  thread_ =
-      utils::SpawnGuarded("country-code", kTag, [this](const std::stop_token& stop) { Run(stop); });
+  const utils::MutexLock lock(mutex_);
+  if (!code_.empty() || running_) return;
+  try {
+    // The last one has ended, or is about to: it touches nothing any more.
+    task_.emplace("country-code", kTag, clock_,
+                  [this](const utils::PausingThread::Pause& pause) { Run(pause); });
+    running_ = true;
+  } catch (const std::system_error& error) {
+    VLOG_ERROR(kTag, "The country code cannot be asked for: {}", error.what());
+  }
 }
 
 std::string CountryCode::Get() const {
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   return code_;
 }
 
-void CountryCode::Run(const std::stop_token& stop) {
-  const auto deadline = clock_.Now() + kDeadline;
+void CountryCode::Run(const utils::PausingThread::Pause& pause) {
   std::string code;
-  for (int attempt = 1; attempt <= kAttempts && code.empty() && !stop.stop_requested(); ++attempt) {
+  try {
+    code = Fetched(pause);
+  } catch (const std::exception& error) {
+    VLOG_ERROR(kTag, "FetchCCFromAPI parse error: {}", utils::LogText(error.what()));
+  }
+  if (!code.empty()) VLOG_INFO(kTag, "cc: {}", code);
+  const utils::MutexLock lock(mutex_);
+  code_ = std::move(code);
+  running_ = false;
+}
+
+std::string CountryCode::Fetched(const utils::PausingThread::Pause& pause) const {
+  const auto deadline = clock_.Now() + kDeadline;
+  for (int attempt = 1; attempt <= kAttempts; ++attempt) {
     if (clock_.Now() >= deadline) {
       VLOG_WARN(kTag, "cc fetch deadline exceeded, giving up");
       break;
     }
-    code = FetchCCFromAPI();
-    if (!code.empty()) break;
+    std::string code = FetchCCFromAPI();
+    if (!code.empty()) return code;
     VLOG_WARN(kTag, "cc attempt {}/3 failed", attempt);
-    std::unique_lock lock(mutex_);
-    clock_.WaitUntil(lock, wake_, clock_.Now() + kPause, [&] { return stop.stop_requested(); });
+    if (attempt < kAttempts && !pause(kPause)) break;
   }
-  if (!code.empty()) VLOG_INFO(kTag, "cc: {}", code);
-  const std::lock_guard lock(mutex_);
-  code_ = std::move(code);
-  running_ = false;
+  return {};
 }
 
 std::string CountryCode::FetchCCFromAPI() const {
@@ -87,8 +95,8 @@ std::string CountryCode::FetchCCFromAPI() const {
     VLOG_ERROR(kTag, "FetchCCFromAPI: HTTP {}", response.status);
     return {};
   }
-  const auto reply = nlohmann::json::parse(response.body, nullptr, false);
-  std::string code = reply.is_object() ? CodeIn(reply) : "";
+  const auto reply = ParseReply(response.body);
+  std::string code = reply && reply->is_object() ? CodeIn(*reply) : "";
   if (IsCountryCode(code)) return code;
   VLOG_ERROR(kTag, "FetchCCFromAPI parse error: {}", "there are no two capitals");
   return {};

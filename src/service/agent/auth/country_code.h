@@ -1,18 +1,18 @@
 #pragma once
 
-#include <condition_variable>
 #include <functional>
-#include <mutex>
+#include <optional>
 #include <string>
-#include <thread>
 
 #include "service/cloud/http/http_client.h"
 #include "utils/clock.h"
+#include "utils/mutex.h"
+#include "utils/pausing_thread.h"
 
 namespace varnel::service {
 
-/// Which country the board is in, as the cloud tells; asked for on a thread of its own.
-/// Thread-safe.
+/// Which country the board is in, as the cloud tells; asked for on a thread of its own, which its
+/// end waits for. Thread-safe.
 class CountryCode {
  public:
   /// One request: the answer of the API.
@@ -22,8 +22,6 @@ class CountryCode {
   explicit CountryCode(Fetch fetch, utils::Clock& clock = utils::SystemClock::Instance());
   CountryCode(const CountryCode&) = delete;
   CountryCode& operator=(const CountryCode&) = delete;
-  /// Waits for a request that runs.
-  ~CountryCode();
 
   /// Three attempts in a minute, unless it is known or they go on.
   void StartFetchCountryCode();
@@ -31,16 +29,16 @@ class CountryCode {
   [[nodiscard]] std::string Get() const;
 
  private:
-  void Run(const std::stop_token& stop);
+  void Run(const utils::PausingThread::Pause& pause);
+  [[nodiscard]] std::string Fetched(const utils::PausingThread::Pause& pause) const;
   [[nodiscard]] std::string FetchCCFromAPI() const;
 
   const Fetch fetch_;
   utils::Clock& clock_;
-  mutable std::mutex mutex_;
-  std::condition_variable wake_;
-  std::string code_;      // mutex_
-  bool running_ = false;  // mutex_
-  std::jthread thread_;   // last: it uses the rest
+  mutable utils::Mutex mutex_;
+  std::string code_ GUARDED_BY(mutex_);
+  bool running_ GUARDED_BY(mutex_) = false;
+  std::optional<utils::PausingThread> task_;  // last: it uses the rest
 };
 
 }  // namespace varnel::service

@@ -7,6 +7,7 @@
 #include "utils/atomic_file.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
+#include "utils/temporary_name.h"
 
 namespace varnel::service {
 namespace {
@@ -17,8 +18,8 @@ using nlohmann::json;
 constexpr const char* kTag = "MA_AUTH";
 constexpr size_t kMaxFileBytes = size_t{1} << 20U;
 constexpr mode_t kFileMode = 0600;
-/// No board ran before: a clock that says so was not set yet.
-constexpr std::chrono::sys_days kFirstDay{std::chrono::year(2026) / 1 / 1};
+/// This program did not run before: a clock that says so was not set yet.
+constexpr std::chrono::sys_days kBuildDay{std::chrono::days(VARNEL_BUILD_DAY)};
 
 std::string ContentOf(const fs::path& file) {
   return utils::ReadSmallFile(file, kMaxFileBytes).value_or("");
@@ -35,7 +36,9 @@ bool RemoveFile(const fs::path& file, std::error_code& failure) {
 }  // namespace
 
 CredentialStore::CredentialStore(fs::path directory, utils::Clock& clock)
-    : directory_(std::move(directory)), clock_(clock) {}
+    : directory_(std::move(directory)), clock_(clock) {
+  utils::RemoveLeftovers(directory_);  // of a key that a kill cut short
+}
 
 bool CredentialStore::MakeDirectory() const {
   std::error_code error = utils::MakeDirectories(directory_);
@@ -57,12 +60,21 @@ json CredentialStore::WithPaths(json info) const {
   return info;
 }
 
-std::optional<json> CredentialStore::Save(const BrokerAccess& access) const {
+bool CredentialStore::WriteAll(const BrokerAccess& access) const {
   std::error_code error;
   fs::remove(Cache(), error);
   if (!error && fs::exists(directory_, error)) error = utils::SyncDirectory(directory_);
-  if (error || !MakeDirectory() || !Write(Certificate(), access.certificate) ||
-      !Write(Key(), access.key.Text()) || !Write(RootCa(), access.root_ca)) {
+  if (error) {
+    VLOG_ERROR(kTag, "{} cannot be removed: {}", Cache().string(), error.message());
+    return false;
+  }
+  return MakeDirectory() && Write(Certificate(), access.certificate) &&
+         Write(Key(), access.key.Text()) && Write(RootCa(), access.root_ca);
+}
+
+std::optional<json> CredentialStore::Save(const BrokerAccess& access) const {
+  if (!WriteAll(access)) {
+    Remove();  // some of it may be there
     return std::nullopt;
   }
   return WithPaths({{"endpoint", access.endpoint},
@@ -123,6 +135,7 @@ std::optional<json> CredentialStore::LoadAuthInfoFromCache(const std::string& re
 
 void CredentialStore::Remove() const {
   std::error_code error;
+  utils::RemoveLeftovers(directory_);
   // The cache first: without it nobody takes the rest for whole.
   const bool cache = RemoveFile(Cache(), error);
   const bool certificate = RemoveFile(Certificate(), error);
@@ -142,11 +155,6 @@ void CredentialStore::Remove() const {
   }
 }
 
-bool CredentialStore::HasCertificate() const {
-  std::error_code error;
-  return fs::exists(Certificate(), error);
-}
-
 bool CredentialStore::CheckCertExpired() const {
   const auto certificate = utils::ReadSmallFile(Certificate(), kMaxFileBytes);
   if (!certificate) {
@@ -163,8 +171,9 @@ bool CredentialStore::CheckCertExpired() const {
     VLOG_ERROR(kTag, "CheckCertExpired: no NotAfter in certificate");
     return true;
   }
-  if (now < kFirstDay) {
-    VLOG_WARN(kTag, "The clock is not set yet: the client certificate's end is not judged");
+  if (now < kBuildDay) {
+    if (!unset_clock_told_.exchange(true))
+      VLOG_WARN(kTag, "The clock is not set yet: the client certificate's end is not judged");
     return false;
   }
   if (life->IsOver()) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -19,7 +20,7 @@ class CredentialStore {
 
   /// Writes all files. The information names them by their paths, and holds no secret: "endpoint",
   /// "port", "clientid", "client_cert", "client_key", "root_ca". Nothing when a file cannot be
-  /// written, which is logged; then there is none.
+  /// written, which is logged; then there are none.
   [[nodiscard]] std::optional<nlohmann::json> Save(const BrokerAccess& access) const;
   /// Writes it for the next start.
   void SaveAuthInfoToCache(const nlohmann::json& info, const std::string& region) const;
@@ -32,7 +33,6 @@ class CredentialStore {
   /// Any failure to read counts as expired. Before the clock was ever set nothing is judged: a
   /// certificate that can be read is good.
   [[nodiscard]] bool CheckCertExpired() const;
-  [[nodiscard]] bool HasCertificate() const;
 
  private:
   std::filesystem::path Certificate() const { return directory_ / "client.cert"; }
@@ -43,8 +43,11 @@ class CredentialStore {
   [[nodiscard]] bool Write(const std::filesystem::path& file, std::string_view content) const;
   [[nodiscard]] nlohmann::json WithPaths(nlohmann::json info) const;
 
+  [[nodiscard]] bool WriteAll(const BrokerAccess& access) const;
+
   const std::filesystem::path directory_;
   utils::Clock& clock_;
+  mutable std::atomic<bool> unset_clock_told_ = false;
 };
 
 }  // namespace varnel::service

@@ -7,6 +7,7 @@
 
 #include "service/agent/auth/signature.h"
 #include "service/cloud/http/http_request.h"
+#include "service/cloud/http/reply_json.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 
@@ -20,16 +21,12 @@ constexpr int kSuccess = 200;
 constexpr long kClientError = 400;
 constexpr long kServerError = 500;
 constexpr size_t kLoggedText = 160;
+constexpr size_t kMaxReplyBytes = size_t{1} << 20U;
 
 /// What is to be said, with its arguments as far as the text has places for them.
 template <class... Args>
 void Say(const char* text, const Args&... args) {
   VLOG_ERROR(kTag, "{}", fmt::format(fmt::runtime(text), args...));
-}
-
-/// A reply may hold secrets: it is described and not repeated.
-std::string Described(const json& value, size_t bytes) {
-  return fmt::format("{} of {} bytes", value.type_name(), bytes);
 }
 
 /// The body of an answer that an endpoint may look at.
@@ -125,35 +122,42 @@ constexpr DeviceApi::Endpoint kConnectAuth{"/api/device/connect/auth",
 DeviceApi::DeviceApi(DeviceAuthentication& authentication, int disconnected_code,
                      std::function<void()> on_disconnected)
     : authentication_(authentication),
+      http_({.max_body_bytes = kMaxReplyBytes, .post_once = true}, authentication.Setup().stop,
+            *authentication.Setup().clock),
       disconnected_code_(disconnected_code),
       on_disconnected_(std::move(on_disconnected)) {}
 
-std::optional<std::string> DeviceApi::DeviceApiPost(const std::string& base_url,
-                                                    const Request& request) {
-  const std::string url = base_url + request.endpoint.path;
-  return Sorted(
-      "DeviceApiPost", url,
-      authentication_.Api().Post(url, request.content, authentication_.DeviceHeaders(base_url)));
+std::optional<std::string> DeviceApi::DeviceApiPost(const Access& access, const Request& request) {
+  const std::string url = access.base_url + request.endpoint.path;
+  return Sorted("DeviceApiPost", url,
+                http_.Post(url, request.content, authentication_.DeviceHeaders(access.base_url),
+                           access.token));
 }
 
-std::optional<std::string> DeviceApi::DeviceApiGet(const std::string& base_url,
-                                                   const Request& request) {
-  const std::string url = base_url + request.endpoint.path;
-  return Sorted(
-      "DeviceApiGet", url,
-      authentication_.Api().Get(url, request.content, authentication_.DeviceHeaders(base_url)));
+std::optional<std::string> DeviceApi::DeviceApiGet(const Access& access, const Request& request) {
+  const std::string url = access.base_url + request.endpoint.path;
+  return Sorted("DeviceApiGet", url,
+                http_.Get(url, request.content, authentication_.DeviceHeaders(access.base_url),
+                          access.token));
 }
 
 std::optional<json> DeviceApi::Call(const Request& request) {
-  const auto base_url = BaseUrl(authentication_.Places(), request.region);
-  if (!base_url) {
-    Say(request.endpoint.invalid_region, utils::LogText(request.region),
-        utils::LogText(authentication_.Region()));
+  const auto access = authentication_.AccessTo(request.region);
+  if (access) return CallWith(*access, request);
+  Say(request.endpoint.invalid_region, utils::LogText(request.region),
+      utils::LogText(authentication_.Region()));
+  return std::nullopt;
+}
+
+std::optional<json> DeviceApi::CallWith(const Access& access, const Request& request) {
+  try {
+    const auto body =
+        request.is_post ? DeviceApiPost(access, request) : DeviceApiGet(access, request);
+    return body ? ReadReply(request.endpoint, *body) : std::nullopt;
+  } catch (const std::exception& error) {
+    Say(request.endpoint.error, utils::LogText(error.what()), "none");
     return std::nullopt;
   }
-  const auto body =
-      request.is_post ? DeviceApiPost(*base_url, request) : DeviceApiGet(*base_url, request);
-  return body ? ReadReply(request.endpoint, *body) : std::nullopt;
 }
 
 bool DeviceApi::IsCodeGood(const Endpoint& endpoint, const json& reply, size_t body_size) {
@@ -163,7 +167,7 @@ bool DeviceApi::IsCodeGood(const Endpoint& endpoint, const json& reply, size_t b
     if (endpoint.invalid_code != nullptr) {
       Say(endpoint.invalid_code, found);
     } else {
-      Say(endpoint.error, "the code is no number", Described(reply, body_size));
+      Say(endpoint.error, "the code is no number", fmt::format("{} bytes", body_size));
     }
     return false;
   }
@@ -174,15 +178,15 @@ bool DeviceApi::IsCodeGood(const Endpoint& endpoint, const json& reply, size_t b
 }
 
 std::optional<json> DeviceApi::ReadReply(const Endpoint& endpoint, const std::string& body) {
-  json reply = json::parse(body, nullptr, false);
-  if (!reply.is_object()) {
-    Say(endpoint.error, "the reply is no JSON object", Described(reply, body.size()));
+  auto reply = ParseReply(body);
+  if (!reply || !reply->is_object()) {
+    Say(endpoint.error, "the reply is no JSON object", fmt::format("{} bytes", body.size()));
     return std::nullopt;
   }
-  if (!IsCodeGood(endpoint, reply, body.size())) return std::nullopt;
-  const auto data = reply.find("data");
-  if (!endpoint.needs_data || (data != reply.end() && !data->is_null())) return reply;
-  Say(endpoint.invalid_data, data == reply.end() ? "none" : data->type_name());
+  if (!IsCodeGood(endpoint, *reply, body.size())) return std::nullopt;
+  const auto data = reply->find("data");
+  if (!endpoint.needs_data || (data != reply->end() && !data->is_null())) return reply;
+  Say(endpoint.invalid_data, data == reply->end() ? "none" : data->type_name());
   return std::nullopt;
 }
 
@@ -238,8 +242,13 @@ std::optional<json> DeviceApi::ApiDevicePrint(const std::string& region, const j
 
 bool DeviceApi::DeviceConnectAuth(const std::string& region, const std::string& operate,
                                   const std::string& user_id) {
-  const auto token = authentication_.AccessToken();
-  if (!token || token->Text().empty()) {
+  const auto access = authentication_.AccessTo(region);
+  if (!access) {
+    Say(kConnectAuth.invalid_region, utils::LogText(region),
+        utils::LogText(authentication_.Region()));
+    return false;
+  }
+  if (!access->token || access->token->Text().empty()) {
     VLOG_ERROR(kTag, "DeviceConnectAuth: access_token is empty");
     return false;
   }
@@ -253,7 +262,7 @@ bool DeviceApi::DeviceConnectAuth(const std::string& region, const std::string& 
                        {"nonce", nonce},
                        {"sign", authentication_.SignFor(operate, nonce)},
                        {"userId", user_id}};
-    return Call({kConnectAuth, region, body, true}).has_value();
+    return CallWith(*access, {kConnectAuth, region, body, true}).has_value();
   } catch (const std::exception& error) {
     Say(kConnectAuth.error, utils::LogText(error.what()));
     return false;

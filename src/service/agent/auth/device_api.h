@@ -11,7 +11,8 @@ namespace varnel::service {
 
 /// The device's calls to the cloud's API. Each sends one request with the access token that there
 /// is, to the server of the region that it is given; what goes wrong is logged, and no call throws.
-/// An unknown region sends nothing. Thread-safe.
+/// An unknown region sends nothing. Thread-safe; one call at a time, so that whoever must not wait
+/// for others has one of its own.
 class DeviceApi {
  public:
   /// One function of the API and its words.
@@ -48,17 +49,22 @@ class DeviceApi {
  private:
   struct Request;
 
-  [[nodiscard]] std::optional<std::string> DeviceApiPost(const std::string& base_url,
+  using Access = DeviceAuthentication::Access;
+
+  [[nodiscard]] std::optional<std::string> DeviceApiPost(const Access& access,
                                                          const Request& request);
-  [[nodiscard]] std::optional<std::string> DeviceApiGet(const std::string& base_url,
+  [[nodiscard]] std::optional<std::string> DeviceApiGet(const Access& access,
                                                         const Request& request);
   [[nodiscard]] std::optional<nlohmann::json> Call(const Request& request);
+  [[nodiscard]] std::optional<nlohmann::json> CallWith(const Access& access,
+                                                       const Request& request);
   [[nodiscard]] std::optional<nlohmann::json> ReadReply(const Endpoint& endpoint,
                                                         const std::string& body);
   [[nodiscard]] bool IsCodeGood(const Endpoint& endpoint, const nlohmann::json& reply,
                                 size_t body_size);
 
   DeviceAuthentication& authentication_;
+  HttpClient http_;
   const int disconnected_code_;
   const std::function<void()> on_disconnected_;
 };

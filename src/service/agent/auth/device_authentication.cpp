@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "service/agent/auth/signature.h"
+#include "service/cloud/http/reply_json.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 
@@ -17,22 +18,15 @@ constexpr const char* kTokenPath = "/api/oauth2/token";
 constexpr const char* kCertificatePath = "/api/device/getMqttCert";
 constexpr const char* kOldestFirmware = "1.1.1";
 constexpr int kSuccess = 200;
-constexpr size_t kLoggedReply = 160;
-
-/// What a reply holds may be a secret: its shape is told, not its content.
-std::string ShapeOf(const HttpResponse& response, const json& reply) {
-  return std::string(reply.type_name()) + " of " + std::to_string(response.body.size()) +
-         " bytes, HTTP " + std::to_string(response.status);
-}
 
 }  // namespace
 
 DeviceAuthentication::DeviceAuthentication(AuthenticationSetup setup)
     : setup_(std::move(setup)),
       store_(setup_.certificates, *setup_.clock),
-      tokens_http_({}, setup_.stop, *setup_.clock),
+      tokens_http_({.post_once = true}, setup_.stop, *setup_.clock),
       country_http_({}, setup_.stop, *setup_.clock),
-      api_({.bearer_token = [this] { return AccessToken(); }}, setup_.stop, *setup_.clock),
+      certs_http_({}, setup_.stop, *setup_.clock),
       country_code_(
           [this] {
             const auto target = TargetNow();
@@ -44,28 +38,34 @@ DeviceAuthentication::DeviceAuthentication(AuthenticationSetup setup)
 
 void DeviceAuthentication::SetRegion(const std::string& region) {
   std::string used = region;
-  if (BaseUrl(setup_.places, region)) {
+  if (IsRegion(setup_.places, region)) {
     VLOG_INFO(kTag, "SetRegion: region is valid: {}", utils::LogText(region));
   } else {
     used = setup_.places.default_region;
     VLOG_ERROR(kTag, "SetRegion: region is not valid: {}, using default region: {}",
                utils::LogText(region), used);
   }
-  const std::lock_guard lock(mutex_);
-  if (region_ != used) tokens_ = {};
+  if (Region() != used) ForgetTokens();
+  const utils::MutexLock lock(mutex_);
   region_ = std::move(used);
 }
 
 std::string DeviceAuthentication::Region() const {
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   return region_;
 }
 
 std::optional<DeviceAuthentication::Target> DeviceAuthentication::TargetNow() const {
-  std::string region = Region();
-  auto base_url = BaseUrl(setup_.places, region);
+  Target target;
+  {
+    const utils::MutexLock lock(mutex_);
+    target.region = region_;
+    target.time = time_;
+  }
+  auto base_url = BaseUrl(setup_.places, target.region);
   if (!base_url) return std::nullopt;
-  return Target{std::move(region), std::move(*base_url)};
+  target.base_url = std::move(*base_url);
+  return target;
 }
 
 std::string DeviceAuthentication::SignFor(const std::string& operate,
@@ -109,13 +109,7 @@ std::optional<std::string> DeviceAuthentication::PostForm(const Target& target,
 }
 
 TokenResult DeviceAuthentication::RequestOauth2Token(int64_t lifetime_h, TokenPair& tokens,
-                                                     Target& target) {
-  const auto now = TargetNow();
-  if (!now) {
-    VLOG_ERROR(kTag, "invalid region: {}", utils::LogText(Region()));
-    return TokenResult::kFailed;
-  }
-  target = *now;
+                                                     const Target& target) {
   auto reply = PostForm(target, DeviceGrant(lifetime_h), "RequestOauth2Token: network error");
   if (!reply) {
     VLOG_ERROR(kTag, "Failed to get OAuth2 token");
@@ -129,13 +123,17 @@ TokenResult DeviceAuthentication::RequestOauth2Token(int64_t lifetime_h, TokenPa
 
 bool DeviceAuthentication::GetAccessToken(int64_t lifetime_h) {
   region_locked_ = false;
-  const std::lock_guard one(refresh_mutex_);
+  const utils::MutexLock one(refresh_mutex_);
   try {
+    const auto target = TargetNow();
+    if (!target) {
+      VLOG_ERROR(kTag, "invalid region: {}", utils::LogText(Region()));
+      return false;
+    }
     TokenPair tokens;
-    Target target;
-    const TokenResult result = RequestOauth2Token(lifetime_h, tokens, target);
+    const TokenResult result = RequestOauth2Token(lifetime_h, tokens, *target);
     region_locked_ = result == TokenResult::kRegionLocked;
-    return result == TokenResult::kOk && Adopt(std::move(tokens), target);
+    return result == TokenResult::kOk && Adopt(std::move(tokens), *target);
   } catch (const std::exception& error) {
     VLOG_ERROR(kTag, "GetAccessToken exception: {}", utils::LogText(error.what()));
     return false;
@@ -143,16 +141,9 @@ bool DeviceAuthentication::GetAccessToken(int64_t lifetime_h) {
 }
 
 TokenResult DeviceAuthentication::FetchAccessToken(const TokenPair& old, TokenPair& tokens,
-                                                   Target& target) {
-  const auto now = TargetNow();
-  if (!now) {
-    VLOG_ERROR(kTag, "invalid region: {}", utils::LogText(Region()));
-    return TokenResult::kFailed;
-  }
-  target = *now;
+                                                   const Target& target) {
   std::string form =
-      FormBody({{"grant_type", "refresh_token"},
-                {"refresh_token", old.refresh ? old.refresh->Text() : std::string_view()}});
+      FormBody({{"grant_type", "refresh_token"}, {"refresh_token", old.refresh->Text()}});
   auto reply = PostForm(target, form, "FetchAccessToken: network error");
   utils::Wipe(form.data(), form.size());
   if (!reply) return TokenResult::kFailed;
@@ -162,53 +153,74 @@ TokenResult DeviceAuthentication::FetchAccessToken(const TokenPair& old, TokenPa
 }
 
 bool DeviceAuthentication::RefreshToken(const utils::SharedSecret& refused) {
-  const std::lock_guard one(refresh_mutex_);
-  const TokenPair old = Tokens();
-  const bool replaced = refused && old.access && old.access->Text() != refused->Text();
+  const uint64_t ended = refreshes_;
+  const utils::MutexLock one(refresh_mutex_);
+  const auto access = AccessTo(Region());
+  const bool replaced =
+      refused && access && access->token && access->token->Text() != refused->Text();
   if (replaced) return true;
-  try {
-    TokenPair tokens;
-    Target target;
-    if (FetchAccessToken(old, tokens, target) == TokenResult::kOk &&
-        Adopt(std::move(tokens), target)) {
-      return true;
-    }
-  } catch (const std::exception& error) {
-    VLOG_ERROR(kTag, "Failed to parse access token: {}", utils::LogText(error.what()));
-  }
-  VLOG_ERROR(kTag, "Failed to fetch access token");
-  return false;
+  // Who waited for another one's attempt takes its outcome: an outage is met once.
+  if (refreshes_ != ended) return refreshed_;
+  refreshed_ = Refresh();
+  ++refreshes_;
+  if (!refreshed_) VLOG_ERROR(kTag, "Failed to fetch access token");
+  return refreshed_;
 }
 
-/// A region that was left while the request ran gets no token of the old one.
+bool DeviceAuthentication::Refresh() {
+  try {
+    const auto target = TargetNow();
+    if (!target) {
+      VLOG_ERROR(kTag, "invalid region: {}", utils::LogText(Region()));
+      return false;
+    }
+    const TokenPair old = TokensOf(target->base_url);
+    TokenPair tokens;
+    return old.refresh && FetchAccessToken(old, tokens, *target) == TokenResult::kOk &&
+           Adopt(std::move(tokens), *target);
+  } catch (const std::exception& error) {
+    VLOG_ERROR(kTag, "Failed to parse access token: {}", utils::LogText(error.what()));
+    return false;
+  }
+}
+
 bool DeviceAuthentication::Adopt(TokenPair tokens, const Target& target) {
-  const std::lock_guard lock(mutex_);
-  if (region_ != target.region) return false;
+  const utils::MutexLock lock(mutex_);
+  if (time_ != target.time) {
+    VLOG_WARN(kTag, "The tokens of {} came too late", utils::LogText(target.region));
+    return false;
+  }
   tokens_ = std::move(tokens);
+  issuer_ = target.base_url;
   return true;
 }
 
-TokenPair DeviceAuthentication::Tokens() const {
-  const std::lock_guard lock(mutex_);
-  return tokens_;
+TokenPair DeviceAuthentication::TokensOf(const std::string& base_url) const {
+  const utils::MutexLock lock(mutex_);
+  return issuer_ == base_url ? tokens_ : TokenPair{};
 }
 
-utils::SharedSecret DeviceAuthentication::AccessToken() const {
-  return Tokens().access;
+std::optional<DeviceAuthentication::Access> DeviceAuthentication::AccessTo(
+    const std::string& region) const {
+  auto base_url = BaseUrl(setup_.places, region);
+  if (!base_url) return std::nullopt;
+  auto token = TokensOf(*base_url).access;
+  return Access{std::move(*base_url), std::move(token)};
 }
 
 void DeviceAuthentication::ForgetTokens() {
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   tokens_ = {};
+  ++time_;
 }
 
 std::optional<json> DeviceAuthentication::AuthInfo() const {
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   return auth_info_;
 }
 
 void DeviceAuthentication::ClearAuthInfo() {
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   auth_info_.reset();
 }
 
@@ -219,7 +231,7 @@ void DeviceAuthentication::RemoveClientCertificates() {
 
 void DeviceAuthentication::Keep(json info, const Target& target) {
   info["region"] = target.region;
-  const std::lock_guard lock(mutex_);
+  const utils::MutexLock lock(mutex_);
   auth_info_ = std::move(info);
 }
 
@@ -231,10 +243,11 @@ bool DeviceAuthentication::GetAuthInfo() {
   }
   try {
     auto info = store_.LoadAuthInfoFromCache(target->region);
-    if (info && !CheckCertExpired()) {
+    const bool expired = CheckCertExpired();
+    if (info && !expired) {
       VLOG_INFO(kTag, "Using cached auth info, skipping GetMqttCerts");
     } else {
-      info = FetchAuthInfo(*target);
+      info = FetchAuthInfo(*target, expired);
     }
     if (!info) return false;
     Keep(std::move(*info), *target);
@@ -245,9 +258,7 @@ bool DeviceAuthentication::GetAuthInfo() {
   }
 }
 
-std::optional<json> DeviceAuthentication::FetchAuthInfo(const Target& target) {
-  // A board that never had one asks for its certificate, and not for another one.
-  const bool expired = store_.HasCertificate() && CheckCertExpired();
+std::optional<json> DeviceAuthentication::FetchAuthInfo(const Target& target, bool expired) {
   if (expired) {
     VLOG_WARN(kTag, "Client certificate expired, refresh CA!");
     VLOG_INFO(kTag, "Refresh CA!");
@@ -270,28 +281,31 @@ std::optional<json> DeviceAuthentication::FetchAuthInfo(const Target& target) {
 }
 
 std::optional<json> DeviceAuthentication::GetMqttCerts(bool refresh, const Target& target) {
-  const HttpResponse response =
-      api_.Get(target.base_url + kCertificatePath + (refresh ? "?refresh=true" : "?refresh=false"),
-               json::object(), DeviceHeaders(target.base_url));
+  const HttpResponse response = certs_http_.Get(
+      target.base_url + kCertificatePath + (refresh ? "?refresh=true" : "?refresh=false"),
+      json::object(), DeviceHeaders(target.base_url), TokensOf(target.base_url).access);
   if (response.status == 0) {
     VLOG_ERROR(kTag, "GetMqttCerts error: {}", "network error");
     return std::nullopt;
   }
-  json reply = json::parse(response.body, nullptr, false);
-  if (!reply.is_object()) {
-    VLOG_ERROR(kTag, "GetMqttCerts: invalid response: {}", ShapeOf(response, reply));
+  auto reply = ParseReply(response.body);
+  if (!reply || !reply->is_object()) {
+    VLOG_ERROR(kTag, "GetMqttCerts: invalid response: {} bytes, HTTP {}", response.body.size(),
+               response.status);
     return std::nullopt;
   }
-  const auto code = reply.find("code");
-  if (code == reply.end() || *code != kSuccess) {
+  const auto code = reply->find("code");
+  if (code == reply->end() || *code != kSuccess) {
     VLOG_ERROR(kTag, "GetMqttCerts: unexpected code: {}",
-               code == reply.end() ? "none" : utils::LogText(code->dump(), kLoggedReply));
+               code == reply->end() ? "none"
+               : code->is_number()  ? code->dump()
+                                    : code->type_name());
     return std::nullopt;
   }
-  const auto data = reply.find("data");
-  if (data == reply.end() || !data->is_object()) {
+  const auto data = reply->find("data");
+  if (data == reply->end() || !data->is_object()) {
     VLOG_ERROR(kTag, "GetMqttCerts: invalid data field: {}",
-               data == reply.end() ? "none" : data->type_name());
+               data == reply->end() ? "none" : data->type_name());
     return std::nullopt;
   }
   return reply;

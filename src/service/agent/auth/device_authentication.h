@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -14,6 +13,7 @@
 #include "service/agent/auth/regions.h"
 #include "service/agent/auth/token_reply.h"
 #include "service/cloud/http/http_client.h"
+#include "utils/mutex.h"
 
 namespace varnel::service {
 
@@ -39,6 +39,12 @@ class DeviceAuthentication {
   DeviceAuthentication(const DeviceAuthentication&) = delete;
   DeviceAuthentication& operator=(const DeviceAuthentication&) = delete;
 
+  /// Where a request goes, and with what right; the token is that server's own.
+  struct Access {
+    std::string base_url;
+    utils::SharedSecret token{};
+  };
+
   /// An unknown region becomes the default one. Another one than before forgets the tokens.
   void SetRegion(const std::string& region);
   [[nodiscard]] std::string Region() const;
@@ -48,12 +54,13 @@ class DeviceAuthentication {
   [[nodiscard]] bool GetAccessToken(int64_t lifetime_h);
   /// The last GetAccessToken() was refused because the device belongs to another region.
   [[nodiscard]] bool IsRegionLocked() const { return region_locked_; }
-  /// Asks for new tokens with the old ones, one at a time.
+  /// Asks for new tokens with the old ones, one at a time; who waited for another one's attempt
+  /// takes its outcome.
   /// @param refused what the server would not take any more: true at once if it has been replaced
   ///   meanwhile; null: whatever there is
   [[nodiscard]] bool RefreshToken(const utils::SharedSecret& refused = nullptr);
-  /// Null or empty: there is none.
-  [[nodiscard]] utils::SharedSecret AccessToken() const;
+  /// Nothing for a region that is not in the table. The token is null while there is none.
+  [[nodiscard]] std::optional<Access> AccessTo(const std::string& region) const;
   void ForgetTokens();
 
   /// Fills the authentication info, from the disk if possible. The agent's.
@@ -75,41 +82,47 @@ class DeviceAuthentication {
   /// The headers that say which device asks, for a base URL. @param firmware "" is what is known
   [[nodiscard]] HttpHeaders DeviceHeaders(const std::string& base_url,
                                           const std::string& firmware = {}) const;
-  /// Talks to the API with the access token that there is.
-  HttpClient& Api() { return api_; }
+  const AuthenticationSetup& Setup() const { return setup_; }
 
  private:
-  /// The URL of a token request, and the region that it is for. Nothing is logged.
+  /// What a request is for; what it brings is no more wanted once another time has begun.
   struct Target {
     std::string region;
     std::string base_url;
+    uint64_t time = 0;
   };
 
   [[nodiscard]] std::optional<Target> TargetNow() const;
   [[nodiscard]] std::string DeviceGrant(int64_t lifetime_h) const;
   [[nodiscard]] std::optional<std::string> PostForm(const Target& target, const std::string& form,
                                                     const char* failure);
-  TokenResult RequestOauth2Token(int64_t lifetime_h, TokenPair& tokens, Target& target);
-  TokenResult FetchAccessToken(const TokenPair& old, TokenPair& tokens, Target& target);
+  TokenResult RequestOauth2Token(int64_t lifetime_h, TokenPair& tokens, const Target& target);
+  TokenResult FetchAccessToken(const TokenPair& old, TokenPair& tokens, const Target& target);
   bool Adopt(TokenPair tokens, const Target& target);
-  [[nodiscard]] TokenPair Tokens() const;
+  /// Those of this server; empty: there are none.
+  [[nodiscard]] TokenPair TokensOf(const std::string& base_url) const;
+  bool Refresh() REQUIRES(refresh_mutex_);
   [[nodiscard]] std::optional<nlohmann::json> GetMqttCerts(bool refresh, const Target& target);
-  [[nodiscard]] std::optional<nlohmann::json> FetchAuthInfo(const Target& target);
+  [[nodiscard]] std::optional<nlohmann::json> FetchAuthInfo(const Target& target, bool expired);
   void Keep(nlohmann::json info, const Target& target);
 
   const AuthenticationSetup setup_;
   const CredentialStore store_;
   HttpClient tokens_http_;
   HttpClient country_http_;
-  HttpClient api_;
-  CountryCode country_code_;
+  HttpClient certs_http_;
 
   std::atomic<bool> region_locked_ = false;
-  std::mutex refresh_mutex_;  ///< one refresh at a time; held while it talks
-  mutable std::mutex mutex_;
-  std::string region_;  // mutex_, like the next
-  TokenPair tokens_;
-  std::optional<nlohmann::json> auth_info_;
+  std::atomic<uint64_t> refreshes_ = 0;  ///< how many have ended
+  utils::Mutex refresh_mutex_;           ///< one at a time; held while it talks, before mutex_
+  bool refreshed_ GUARDED_BY(refresh_mutex_) = false;  ///< how the last one ended
+  mutable utils::Mutex mutex_;
+  std::string region_ GUARDED_BY(mutex_);
+  uint64_t time_ GUARDED_BY(mutex_) = 0;  ///< another one begins when the tokens are forgotten
+  TokenPair tokens_ GUARDED_BY(mutex_);
+  std::string issuer_ GUARDED_BY(mutex_);  ///< the base URL that they came from
+  std::optional<nlohmann::json> auth_info_ GUARDED_BY(mutex_);
+  CountryCode country_code_;  // last: its thread uses the rest
 };
 
 }  // namespace varnel::service

@@ -22,6 +22,11 @@ bool IsLocalMode(const CloudPlaces& places) {
   return Exists(places.local_marker);
 }
 
+bool IsRegion(const CloudPlaces& places, const std::string& region) {
+  const auto found = places.regions.find(region);
+  return found != places.regions.end() && (IsLocalMode(places) || !found->second.api.empty());
+}
+
 std::optional<std::string> BaseUrl(const CloudPlaces& places, const std::string& region) {
   const auto found = places.regions.find(region);
   if (found == places.regions.end()) return std::nullopt;

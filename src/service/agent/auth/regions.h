@@ -26,6 +26,9 @@ struct CloudPlaces {
 /// Whether the board talks to a server beside it instead of the maker's.
 [[nodiscard]] bool IsLocalMode(const CloudPlaces& places);
 
+/// Whether a region is in the table: it has a host, or the board talks to a server beside it.
+[[nodiscard]] bool IsRegion(const CloudPlaces& places, const std::string& region);
+
 /// Scheme and host of a region's API. Nothing for a region without one: it is not in the table.
 [[nodiscard]] std::optional<std::string> BaseUrl(const CloudPlaces& places,
                                                  const std::string& region);

@@ -1,8 +1,10 @@
 #include "service/agent/auth/token_reply.h"
 
+#include <algorithm>
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "service/cloud/http/reply_json.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 
@@ -21,12 +23,20 @@ TokenResult Fail(const char* why) {
   return TokenResult::kFailed;
 }
 
-/// Takes the member's text and leaves none of it in the document. Null when it is no string.
+/// It will stand in a header and in a form.
+bool IsToken(std::string_view text) {
+  constexpr size_t kMaxBytes = 8192;
+  return text.size() <= kMaxBytes && std::all_of(text.begin(), text.end(), [](char c) {
+           return static_cast<unsigned char>(c) > ' ' && static_cast<unsigned char>(c) < 0x7f;
+         });
+}
+
+/// Takes the member's text and leaves none of it in the document. Null when it is no token.
 utils::SharedSecret TakeSecret(json& object, const char* name) {
   const auto found = object.find(name);
   if (found == object.end() || !found->is_string()) return nullptr;
   auto& text = found->get_ref<std::string&>();
-  auto secret = std::make_shared<const utils::SecretString>(text);
+  auto secret = IsToken(text) ? std::make_shared<const utils::SecretString>(text) : nullptr;
   utils::Wipe(text.data(), text.size());
   return secret;
 }
@@ -58,8 +68,9 @@ std::string FormBody(const std::vector<FormField>& fields) {
 }
 
 TokenResult ReadGrantReply(const std::string& text, TokenPair& tokens) {
-  json reply = json::parse(text, nullptr, false);
-  if (!reply.is_object()) return Fail("invalid OAuth2 content!");
+  auto read = ParseReply(text);
+  if (!read || !read->is_object()) return Fail("invalid OAuth2 content!");
+  json& reply = *read;
   if (const TokenResult code = JudgeCode(reply); code != TokenResult::kOk) return code;
   const auto data = reply.find("data");
   if (data == reply.end()) return Fail("no 'data' field in OAuth2 content!");
@@ -75,11 +86,12 @@ TokenResult ReadGrantReply(const std::string& text, TokenPair& tokens) {
 }
 
 TokenResult ReadRefreshReply(const std::string& text, TokenPair& tokens) {
-  json reply = json::parse(text, nullptr, false);
-  if (!reply.is_object()) {
+  auto read = ParseReply(text);
+  if (!read || !read->is_object()) {
     VLOG_ERROR(kTag, "Failed to parse access token: {}", "the reply is no JSON object");
     return TokenResult::kFailed;
   }
+  json& reply = *read;
   const auto data = reply.find("data");
   if (data == reply.end() || !data->is_object())
     return Fail("No 'data' field in AccessToken response");

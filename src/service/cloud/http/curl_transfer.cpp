@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <limits>
 #include <string_view>
+#include <utility>
 
 #include "utils/log.h"
 
@@ -11,31 +14,33 @@ namespace {
 
 constexpr const char* kTag = "HTTP";
 constexpr size_t kMaxHeaderBytes = size_t{64} << 10U;
+/// The library counts milliseconds in an int.
+constexpr int64_t kMostSeconds = std::numeric_limits<int>::max() / 1000;
+
+std::atomic<bool>& IsBroken() {
+  static std::atomic<bool> broken = false;
+  return broken;
+}
 
 bool IsPrintable(const std::string& url) {
   return std::none_of(url.begin(), url.end(),
                       [](char c) { return static_cast<unsigned char>(c) <= ' ' || c == '\x7f'; });
 }
 
-/// Reads along with the headers of an answer.
-struct HeaderWatch {
-  size_t bytes = 0;
-  bool whole = true;
+CURL* NewHandle() {
+  return IsBroken() ? nullptr : curl_easy_init();
+}
 
-  static size_t Take(char* line, size_t, size_t size, void* watch) {
-    auto& self = *static_cast<HeaderWatch*>(watch);
-    self.bytes += size;
-    self.whole = std::string_view(line, size) == "\r\n" || std::string_view(line, size) == "\n";
-    return self.TooLong() ? CURL_WRITEFUNC_ERROR : size;
-  }
-  bool TooLong() const { return bytes > kMaxHeaderBytes; }
-};
+TransferResult Failed(CURLcode code, const char* words) {
+  return {code, words != nullptr ? words : curl_easy_strerror(code)};
+}
 
 }  // namespace
 
 void InitCurl() {
-  if (const CURLcode code = curl_global_init(CURL_GLOBAL_DEFAULT); code != CURLE_OK)
-    VLOG_ERROR(kTag, "curl cannot be initialised: {}", curl_easy_strerror(code));
+  const CURLcode code = curl_global_init(CURL_GLOBAL_DEFAULT);
+  IsBroken() = code != CURLE_OK;
+  if (IsBroken()) VLOG_ERROR(kTag, "curl cannot be initialised: {}", curl_easy_strerror(code));
 }
 
 ConnectionShare::ConnectionShare() : share_(curl_share_init()) {
@@ -43,34 +48,82 @@ ConnectionShare::ConnectionShare() : share_(curl_share_init()) {
     curl_share_setopt(share_.get(), CURLSHOPT_SHARE, kind);
 }
 
-CurlHandle NewTransfer(const ConnectionShare& share, const char* protocols) {
-  CurlHandle handle(curl_easy_init());
-  if (!handle) return handle;
-  curl_easy_setopt(handle.get(), CURLOPT_SHARE, share.Handle());
-  curl_easy_setopt(handle.get(), CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(handle.get(), CURLOPT_PROXY, "");
-  curl_easy_setopt(handle.get(), CURLOPT_PROTOCOLS_STR, protocols);
-  curl_easy_setopt(handle.get(), CURLOPT_QUICK_EXIT, 1L);
-  return handle;
+Transfer::Transfer(const ConnectionShare& share, const char* protocols, TransferHooks& hooks)
+    : hooks_(hooks), handle_(NewHandle()) {
+  Set(CURLOPT_SHARE, share.Handle());
+  Set(CURLOPT_NOSIGNAL, 1L);
+  Set(CURLOPT_PROXY, "");
+  Set(CURLOPT_PROTOCOLS_STR, protocols);
+  Set(CURLOPT_QUICK_EXIT, 1L);
+  Set(CURLOPT_WRITEFUNCTION, OnBody);
+  Set(CURLOPT_WRITEDATA, this);
+  Set(CURLOPT_HEADERFUNCTION, OnHeader);
+  Set(CURLOPT_HEADERDATA, this);
+  Set(CURLOPT_NOPROGRESS, 0L);
+  Set(CURLOPT_XFERINFOFUNCTION, OnProgress);
+  Set(CURLOPT_XFERINFODATA, this);
 }
 
-TransferResult Perform(CURL* handle, const std::string& url) {
-  if (!IsPrintable(url)) return {CURLE_URL_MALFORMAT, curl_easy_strerror(CURLE_URL_MALFORMAT)};
+void Transfer::SetSeconds(CURLoption option, int64_t seconds) {
+  Set(option, static_cast<long>(std::min(seconds, kMostSeconds)));
+}
+
+template <class Call>
+bool Transfer::Guarded(Call call) {
+  try {
+    return call();
+  } catch (...) {
+    hooks_.thrown_ = std::current_exception();
+    return false;
+  }
+}
+
+size_t Transfer::OnBody(char* data, size_t, size_t size, void* self) {
+  auto& transfer = *static_cast<Transfer*>(self);
+  const bool taken = transfer.Guarded([&] { return transfer.hooks_.Take(data, size); });
+  return taken ? size : CURL_WRITEFUNC_ERROR;
+}
+
+size_t Transfer::OnHeader(char* text, size_t, size_t size, void* self) {
+  auto& transfer = *static_cast<Transfer*>(self);
+  const std::string_view line(text, size);
+  transfer.header_bytes_ += size;
+  // A trailer of a chunked body comes after their end.
+  if (line.starts_with("HTTP/")) transfer.headers_end_ = false;
+  if (line == "\r\n" || line == "\n") transfer.headers_end_ = true;
+  return transfer.header_bytes_ > kMaxHeaderBytes ? CURL_WRITEFUNC_ERROR : size;
+}
+
+int Transfer::OnProgress(void* self, curl_off_t expected, curl_off_t received, curl_off_t,
+                         curl_off_t) {
+  auto& transfer = *static_cast<Transfer*>(self);
+  return transfer.Guarded([&] { return transfer.hooks_.GoOn(expected, received); }) ? 0 : 1;
+}
+
+TransferResult Transfer::Perform(const std::string& url) {
+  if (!handle_ || !usable_) return Failed(CURLE_FAILED_INIT, nullptr);
+  if (!IsPrintable(url)) return Failed(CURLE_URL_MALFORMAT, nullptr);
   std::array<char, CURL_ERROR_SIZE> words{};
-  curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, words.data());
-  curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
-  HeaderWatch headers;
-  curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, HeaderWatch::Take);
-  curl_easy_setopt(handle, CURLOPT_HEADERDATA, &headers);
-  const CURLcode code = curl_easy_perform(handle);
-  curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, nullptr);
-  if (headers.TooLong()) return {CURLE_WRITE_ERROR, "the headers are too long"};
-  long status = 0;  // that of a file is none
-  curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
-  if (code == CURLE_OK && status != 0 && !headers.whole)
-    return {CURLE_PARTIAL_FILE, "the answer ends within its headers"};
+  curl_easy_setopt(handle_.get(), CURLOPT_ERRORBUFFER, words.data());
+  curl_easy_setopt(handle_.get(), CURLOPT_URL, url.c_str());
+  const CURLcode code = curl_easy_perform(handle_.get());
+  curl_easy_setopt(handle_.get(), CURLOPT_ERRORBUFFER, nullptr);
+  if (hooks_.thrown_) std::rethrow_exception(std::exchange(hooks_.thrown_, nullptr));
+  return Judge(code, words[0] != '\0' ? words.data() : nullptr);
+}
+
+TransferResult Transfer::Judge(CURLcode code, const char* words) const {
+  if (header_bytes_ > kMaxHeaderBytes) return Failed(CURLE_WRITE_ERROR, "the headers are too long");
+  if (code == CURLE_OK && !headers_end_)
+    return Failed(CURLE_PARTIAL_FILE, "the answer ends within its headers");
   if (code == CURLE_OK) return {code, {}};
-  return {code, words[0] != '\0' ? words.data() : curl_easy_strerror(code)};
+  return Failed(code, words);
+}
+
+long Transfer::Status() const {
+  long status = 0;
+  if (handle_) curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &status);
+  return status;
 }
 
 }  // namespace varnel::service

@@ -1,5 +1,8 @@
 #include "service/cloud/http/file_downloader.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -25,21 +28,68 @@ int64_t SecondOf(utils::Clock::TimePoint time) {
   return std::chrono::floor<std::chrono::seconds>(time.time_since_epoch()).count();
 }
 
+/// Null when it cannot be, or is no regular file: a pipe would be waited for.
+File OpenForWriting(const std::filesystem::path& file) {
+  struct stat info {};
+  utils::UniqueFd fd(
+      ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0644));
+  if (!fd || ::fstat(fd.Get(), &info) != 0 || !S_ISREG(info.st_mode)) return nullptr;
+  return File(::fdopen(fd.Release(), "wb"));
+}
+
 }  // namespace
 
-/// A download and what is known of its progress.
-struct FileDownloader::Transfer {
-  const Progress& progress;
-  const TransferStop& stop;
-  std::chrono::duration<double> stall_limit;
-  utils::Clock& clock;
-  utils::Clock::TimePoint changed = clock.Now();
-  curl_off_t received = 0;
-  int64_t reported_second = -1;
+/// Writes what comes, and watches whether it comes.
+class FileDownloader::Hooks : public TransferHooks {
+ public:
+  Hooks(const FileDownloader& owner, const std::filesystem::path& target, std::FILE* file,
+        const Progress& progress, double stall_limit_s)
+      : owner_(owner),
+        target_(target),
+        file_(file),
+        progress_(progress),
+        stall_limit_(stall_limit_s),
+        changed_(owner.clock_.Now()) {}
+
+  bool GoOn(curl_off_t expected, curl_off_t received) override {
+    if (owner_.stop_ && owner_.stop_()) return false;
+    const auto now = owner_.clock_.Now();
+    if (received == received_) return now - changed_ <= stall_limit_;
+    received_ = received;
+    changed_ = now;
+    return SecondOf(now) == reported_second_ || Report(expected, SecondOf(now));
+  }
+  bool Take(const char* data, size_t size) override {
+    return std::fwrite(data, 1, size, file_) == size;
+  }
+
+ private:
+  bool Report(curl_off_t expected, int64_t second) {
+    reported_second_ = second;
+    if (!utils::HasRoom(owner_.has_space_, target_)) return false;
+    if (!progress_ || expected <= 0) return true;
+    // More than was announced is no more than all of it.
+    const double percent = 100.0 * static_cast<double>(received_) / static_cast<double>(expected);
+    progress_(std::min(percent, 100.0), received_, expected);
+    return true;
+  }
+
+  const FileDownloader& owner_;
+  const std::filesystem::path& target_;
+  std::FILE* const file_;
+  const Progress& progress_;
+  const std::chrono::duration<double> stall_limit_;
+  utils::Clock::TimePoint changed_;
+  curl_off_t received_ = 0;
+  int64_t reported_second_ = -1;
 };
 
-FileDownloader::FileDownloader(std::string name, TransferStop stop, utils::Clock& clock)
-    : name_(std::move(name)), stop_(std::move(stop)), clock_(clock) {
+FileDownloader::FileDownloader(std::string name, TransferStop stop, utils::SpaceCheck has_space,
+                               utils::Clock& clock)
+    : name_(std::move(name)),
+      stop_(std::move(stop)),
+      has_space_(std::move(has_space)),
+      clock_(clock) {
   VLOG_INFO(kTag, "FileDownloader '{}' initialization", name_);
 }
 
@@ -53,46 +103,24 @@ bool FileDownloader::IsAcceptedUrl(const std::string& url) {
                      [&](std::string_view scheme) { return url.starts_with(scheme); });
 }
 
-int FileDownloader::OnTransferInfo(void* transfer, curl_off_t expected, curl_off_t received,
-                                   curl_off_t, curl_off_t) {
-  auto& self = *static_cast<Transfer*>(transfer);
-  if (self.stop && self.stop()) return 1;
-  const auto now = self.clock.Now();
-  if (received == self.received) return now - self.changed > self.stall_limit ? 1 : 0;
-  self.received = received;
-  self.changed = now;
-  if (!self.progress || expected <= 0 || SecondOf(now) == self.reported_second) return 0;
-  self.reported_second = SecondOf(now);
-  // More than was announced is no more than all of it.
-  const double percent = 100.0 * static_cast<double>(received) / static_cast<double>(expected);
-  self.progress(std::min(percent, 100.0), received, expected);
-  return 0;
-}
-
-TransferResult FileDownloader::Fetch(CURL* handle, const std::string& url, std::FILE* file,
-                                     Transfer& transfer) const {
-  curl_easy_setopt(handle, CURLOPT_WRITEDATA, file);
-  curl_easy_setopt(handle, CURLOPT_FAILONERROR, 1L);
-  curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(handle, CURLOPT_MAXREDIRS, kMaxRedirects);
-  curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutS);
-  curl_easy_setopt(handle, CURLOPT_LOW_SPEED_LIMIT, kLowSpeedBytes);
-  curl_easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, kLowSpeedS);
-  curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
-  curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, OnTransferInfo);
-  curl_easy_setopt(handle, CURLOPT_XFERINFODATA, &transfer);
-  return Perform(handle, url);
-}
-
 int FileDownloader::Download(const std::string& url, const std::filesystem::path& destination,
                              const Progress& progress, double stall_limit_s) {
-  const auto turn = connections_.Turn();
-  const CurlHandle handle = NewTransfer(connections_, "http,https,ftp,file");
-  File file(handle ? std::fopen(destination.c_str(), "wbe") : nullptr);
+  const utils::MutexLock turn(connections_.Turn());
+  File file = OpenForWriting(destination);
   if (!file) return kNotBegun;
-  Transfer transfer{progress, stop_, std::chrono::duration<double>(stall_limit_s), clock_};
-  TransferResult result = Fetch(handle.get(), url, file.get(), transfer);
+  Hooks hooks(*this, destination, file.get(), progress, stall_limit_s);
+  TransferResult result;
+  {
+    Transfer transfer(connections_, "http,https,ftp,file", hooks);
+    transfer.Set(CURLOPT_FAILONERROR, 1L);
+    transfer.Set(CURLOPT_FOLLOWLOCATION, 1L);
+    transfer.Set(CURLOPT_MAXREDIRS, kMaxRedirects);
+    transfer.Set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    transfer.Set(CURLOPT_CONNECTTIMEOUT, kConnectTimeoutS);
+    transfer.Set(CURLOPT_LOW_SPEED_LIMIT, kLowSpeedBytes);
+    transfer.Set(CURLOPT_LOW_SPEED_TIME, kLowSpeedS);
+    result = transfer.Perform(url);
+  }
   // The last bytes may meet a full disk only now.
   if (std::fclose(file.release()) != 0 && result.code == CURLE_OK)
     result = {CURLE_WRITE_ERROR, curl_easy_strerror(CURLE_WRITE_ERROR)};

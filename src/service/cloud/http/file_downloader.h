@@ -8,6 +8,7 @@
 
 #include "service/cloud/http/curl_transfer.h"
 #include "utils/clock.h"
+#include "utils/free_space.h"
 
 namespace varnel::service {
 
@@ -20,7 +21,9 @@ class FileDownloader {
 
   /// @param name tells it from others in log lines
   /// @param stop ends the download that runs
+  /// @param has_space asked about once a second for the file; false ends the download
   explicit FileDownloader(std::string name, TransferStop stop = nullptr,
+                          utils::SpaceCheck has_space = nullptr,
                           utils::Clock& clock = utils::SystemClock::Instance());
   FileDownloader(const FileDownloader&) = delete;
   FileDownloader& operator=(const FileDownloader&) = delete;
@@ -39,15 +42,11 @@ class FileDownloader {
                              const Progress& progress, double stall_limit_s);
 
  private:
-  struct Transfer;
-
-  static int OnTransferInfo(void* transfer, curl_off_t expected, curl_off_t received, curl_off_t,
-                            curl_off_t);
-  [[nodiscard]] TransferResult Fetch(CURL* handle, const std::string& url, std::FILE* file,
-                                     Transfer& transfer) const;
+  class Hooks;
 
   const std::string name_;
   const TransferStop stop_;
+  const utils::SpaceCheck has_space_;
   utils::Clock& clock_;
   ConnectionShare connections_;
 };

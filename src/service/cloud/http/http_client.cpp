@@ -15,28 +15,8 @@ namespace varnel::service {
 namespace {
 
 constexpr const char* kTag = "HTTP";
-constexpr long kDefaultConnectTimeoutS = 10;
+constexpr int32_t kDefaultConnectTimeoutS = 10;
 const std::string kNoQuery;
-
-/// A body, up to a limit.
-struct Receiver {
-  std::string& body;
-  size_t max_bytes;
-  bool too_long = false;
-
-  static size_t Take(char* data, size_t, size_t size, void* receiver) {
-    auto& self = *static_cast<Receiver*>(receiver);
-    self.too_long = size > self.max_bytes - self.body.size();
-    if (self.too_long) return CURL_WRITEFUNC_ERROR;
-    self.body.append(data, size);
-    return size;
-  }
-};
-
-int AskForStop(void* stop, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  const auto& stopped = *static_cast<const TransferStop*>(stop);
-  return stopped && stopped() ? 1 : 0;
-}
 
 bool Append(CurlHeaders& lines, const char* line) {
   curl_slist* longer = curl_slist_append(lines.get(), line);
@@ -46,46 +26,77 @@ bool Append(CurlHeaders& lines, const char* line) {
   return true;
 }
 
+/// The library sends a header without a value only if a semicolon stands in the place of its colon.
+std::string AsTheLibraryWants(std::string header) {
+  const size_t value = header.find_first_not_of(" \t", header.find(':') + 1);
+  if (header.find(':') != header.npos && value == header.npos)
+    header.replace(header.find(':'), header.npos, ";");
+  return header;
+}
+
 }  // namespace
+
+/// Takes a body, up to a limit.
+class HttpClient::Receiver : public TransferHooks {
+ public:
+  Receiver(std::string& body, size_t max_bytes, const TransferStop& stop)
+      : body_(body), max_bytes_(max_bytes), stop_(stop) {}
+
+  bool GoOn(curl_off_t, curl_off_t) override { return !stop_ || !stop_(); }
+  bool Take(const char* data, size_t size) override {
+    too_long_ = size > max_bytes_ - body_.size();
+    if (!too_long_) body_.append(data, size);
+    return !too_long_;
+  }
+  bool TooLong() const { return too_long_; }
+
+ private:
+  std::string& body_;
+  const size_t max_bytes_;
+  const TransferStop& stop_;
+  bool too_long_ = false;
+};
 
 HttpClient::HttpClient(HttpSettings settings, TransferStop stop, utils::Clock& clock)
     : settings_(std::move(settings)), stop_(std::move(stop)), clock_(clock) {}
 
 HttpResponse HttpClient::Post(const std::string& url, const nlohmann::json& document,
-                              const HttpHeaders& headers) {
+                              const HttpHeaders& headers, const utils::SharedSecret& bearer_token) {
   const std::string body = BodyOf(document);
-  Request request{"POST", url, kNoQuery, &body, headers};
+  Request request{"POST", url, kNoQuery, &body, headers, bearer_token};
   request.headers.emplace_back("Content-Type: application/json");
   return Send(request);
 }
 
 HttpResponse HttpClient::PostRaw(const std::string& url, const std::string& body,
-                                 const std::string& content_type, const HttpHeaders& headers) {
+                                 const std::string& content_type, const HttpHeaders& headers,
+                                 const utils::SharedSecret& bearer_token) {
   if (content_type.empty()) {
     VLOG_ERROR(kTag, "PostRaw: content_type must not be empty");
     return {};
   }
-  Request request{"POST(raw)", url, kNoQuery, &body, headers};
+  Request request{"POST(raw)", url, kNoQuery, &body, headers, bearer_token};
   request.headers.push_back("Content-Type: " + content_type);
   return Send(request);
 }
 
 HttpResponse HttpClient::Get(const std::string& url, const nlohmann::json& params,
-                             const HttpHeaders& headers) {
+                             const HttpHeaders& headers, const utils::SharedSecret& bearer_token) {
   if (!params.is_object()) {
     VLOG_ERROR(kTag, "Get: params must be a JSON object, got {}", params.type_name());
     return {};
   }
   const std::optional<std::string> query = QueryOf(params);
   if (!query) return {};
-  return Send({"GET", url, query->empty() ? kNoQuery : "?" + *query, nullptr, headers});
+  return Send(
+      {"GET", url, query->empty() ? kNoQuery : "?" + *query, nullptr, headers, bearer_token});
 }
 
 HttpResponse HttpClient::Send(const Request& request) {
   HttpResponse response;
-  const auto turn = connections_.Turn();
+  const utils::MutexLock turn(connections_.Turn());
   const auto start = clock_.Now();
-  const TransferResult result = Transfer(request, response);
+  const TransferResult result = Exchange(request, response);
   response.elapsed_ms =
       std::chrono::duration_cast<std::chrono::milliseconds>(clock_.Now() - start).count();
   const std::string tag = UrlTag(request.url);
@@ -99,63 +110,56 @@ HttpResponse HttpClient::Send(const Request& request) {
   return response;
 }
 
-TransferResult HttpClient::Transfer(const Request& request, HttpResponse& response) {
-  const CurlHandle handle = NewTransfer(connections_, "http,https");
+TransferResult HttpClient::Exchange(const Request& request, HttpResponse& response) {
   CurlHeaders lines;
-  if (!handle) return {CURLE_OUT_OF_MEMORY, curl_easy_strerror(CURLE_OUT_OF_MEMORY)};
-  Apply(handle.get());
-  if (!SetHeaders(handle.get(), request.headers, lines))
+  Receiver receiver(response.body, settings_.max_body_bytes, stop_);
+  if (!receiver.GoOn(0, 0))
+    return {CURLE_ABORTED_BY_CALLBACK, curl_easy_strerror(CURLE_ABORTED_BY_CALLBACK)};
+  Transfer transfer(connections_, "http,https", receiver);
+  Apply(transfer);
+  if (!SetHeaders(transfer, request, lines))
     return {CURLE_BAD_FUNCTION_ARGUMENT, "a header cannot be sent"};
   if (request.body != nullptr) {
-    curl_easy_setopt(handle.get(), CURLOPT_POST, 1L);
-    curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDSIZE_LARGE,
-                     static_cast<curl_off_t>(request.body->size()));
-    curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDS, request.body->data());
+    transfer.Set(CURLOPT_POST, 1L);
+    transfer.Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body->size()));
+    transfer.Set(CURLOPT_POSTFIELDS, request.body->data());
+    transfer.Set(CURLOPT_FRESH_CONNECT, settings_.post_once ? 1L : 0L);
   }
-  Receiver receiver{response.body, settings_.max_body_bytes};
-  curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, Receiver::Take);
-  curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, &receiver);
-  TransferResult result = Perform(handle.get(), request.url + request.query);
-  if (receiver.too_long) result.problem = "the body is too long";
-  curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &response.status);
+  TransferResult result = transfer.Perform(request.url + request.query);
+  if (receiver.TooLong()) result.problem = "the body is too long";
+  response.status = transfer.Status();
   return result;
 }
 
-bool HttpClient::SetHeaders(CURL* handle, const HttpHeaders& of_request, CurlHeaders& lines) const {
+bool HttpClient::SetHeaders(Transfer& transfer, const Request& request, CurlHeaders& lines) const {
   // Without it the library waits for a second before it sends a large body.
   bool all = Append(lines, "Expect:");
-  const auto secret = settings_.bearer_token ? settings_.bearer_token() : nullptr;
+  const auto& secret = request.bearer_token ? request.bearer_token : settings_.bearer_token;
   if (const std::string_view token = secret ? secret->Text() : ""; !token.empty()) {
     constexpr std::string_view kName = "Authorization: Bearer ";
     utils::SecretString line(kName.size() + token.size() + 1);
     std::copy(token.begin(), token.end(), std::copy(kName.begin(), kName.end(), line.Data()));
     all = all && IsHeaderLine(token) && Append(lines, line.Data());
   }
-  for (const HttpHeaders* headers : {&settings_.headers, &of_request})
+  for (const HttpHeaders* headers : {&settings_.headers, &request.headers})
     for (const std::string& header : *headers)
-      all = all && IsHeaderLine(header) && Append(lines, header.c_str());
-  curl_easy_setopt(handle, CURLOPT_HTTPHEADER, lines.get());
+      all = all && IsHeaderLine(header) && Append(lines, AsTheLibraryWants(header).c_str());
+  transfer.Set(CURLOPT_HTTPHEADER, lines.get());
   return all;
 }
 
-void HttpClient::Apply(CURL* handle) const {
-  curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_1_1);
-  curl_easy_setopt(handle, CURLOPT_SSLVERSION, CURL_SSLVERSION_TLSv1_2);
-  if (settings_.timeout_s > 0)
-    curl_easy_setopt(handle, CURLOPT_TIMEOUT, static_cast<long>(settings_.timeout_s));
-  curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT,
-                   settings_.connect_timeout_s < 1
-                       ? kDefaultConnectTimeoutS
-                       : static_cast<long>(settings_.connect_timeout_s));
-  curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, settings_.verify_peer ? 1L : 0L);
-  curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, settings_.verify_peer ? 2L : 0L);
+void HttpClient::Apply(Transfer& transfer) const {
+  transfer.Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  transfer.Set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  if (settings_.timeout_s > 0) transfer.SetSeconds(CURLOPT_TIMEOUT, settings_.timeout_s);
+  transfer.SetSeconds(CURLOPT_CONNECTTIMEOUT, settings_.connect_timeout_s < 1
+                                                  ? kDefaultConnectTimeoutS
+                                                  : settings_.connect_timeout_s);
+  transfer.Set(CURLOPT_SSL_VERIFYPEER, settings_.verify_peer ? 1L : 0L);
+  transfer.Set(CURLOPT_SSL_VERIFYHOST, settings_.verify_peer ? 2L : 0L);
   if (!settings_.client_certificate.empty())
-    curl_easy_setopt(handle, CURLOPT_SSLCERT, settings_.client_certificate.c_str());
-  if (!settings_.client_key.empty())
-    curl_easy_setopt(handle, CURLOPT_SSLKEY, settings_.client_key.c_str());
-  curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
-  curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, AskForStop);
-  curl_easy_setopt(handle, CURLOPT_XFERINFODATA, &stop_);
+    transfer.Set(CURLOPT_SSLCERT, settings_.client_certificate.c_str());
+  if (!settings_.client_key.empty()) transfer.Set(CURLOPT_SSLKEY, settings_.client_key.c_str());
 }
 
 }  // namespace varnel::service

@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
@@ -20,13 +19,14 @@ struct HttpSettings {
   int32_t timeout_s = 15;         ///< of a whole request; 0 or less: none
   int32_t connect_timeout_s = 5;  ///< below 1: 10
   bool verify_peer = true;
-  std::string client_certificate{};  ///< PEM file; empty: none
-  std::string client_key{};          ///< PEM file; empty: none
-  /// Asked before each request, by its thread; null or empty: none.
-  std::function<utils::SharedSecret()> bearer_token{};
-  HttpHeaders headers{};  ///< of every request, after the authorization
-  /// What a peer may send that sends without end. Not asked of a request: a client's own limit.
-  size_t max_body_bytes = size_t{8} << 20U;
+  std::string client_certificate{};          ///< PEM file; empty: none
+  std::string client_key{};                  ///< PEM file; empty: none
+  utils::SharedSecret bearer_token{};        ///< null or empty: none
+  HttpHeaders headers{};                     ///< of every request, after the authorization
+  size_t max_body_bytes = size_t{8} << 20U;  ///< of an answer
+  /// A POST goes over a new connection: over one that was kept and dies meanwhile the library sends
+  /// it a second time.
+  bool post_once = false;
 };
 
 struct HttpResponse {
@@ -45,14 +45,18 @@ class HttpClient {
                       utils::Clock& clock = utils::SystemClock::Instance());
 
   /// A null document is sent as "{}".
+  /// @param bearer_token instead of that of the settings, for all three
   [[nodiscard]] HttpResponse Post(const std::string& url, const nlohmann::json& document,
-                                  const HttpHeaders& headers = {});
+                                  const HttpHeaders& headers = {},
+                                  const utils::SharedSecret& bearer_token = nullptr);
   [[nodiscard]] HttpResponse PostRaw(const std::string& url, const std::string& body,
                                      const std::string& content_type,
-                                     const HttpHeaders& headers = {});
+                                     const HttpHeaders& headers = {},
+                                     const utils::SharedSecret& bearer_token = nullptr);
   /// @param params an object; its members become the query
   [[nodiscard]] HttpResponse Get(const std::string& url, const nlohmann::json& params,
-                                 const HttpHeaders& headers = {});
+                                 const HttpHeaders& headers = {},
+                                 const utils::SharedSecret& bearer_token = nullptr);
 
  private:
   struct Request {
@@ -61,12 +65,14 @@ class HttpClient {
     const std::string& query;
     const std::string* body;  ///< null: a GET
     HttpHeaders headers;
+    const utils::SharedSecret& bearer_token;
   };
+  class Receiver;
 
   HttpResponse Send(const Request& request);
-  TransferResult Transfer(const Request& request, HttpResponse& response);
-  bool SetHeaders(CURL* handle, const HttpHeaders& of_request, CurlHeaders& lines) const;
-  void Apply(CURL* handle) const;
+  TransferResult Exchange(const Request& request, HttpResponse& response);
+  bool SetHeaders(Transfer& transfer, const Request& request, CurlHeaders& lines) const;
+  void Apply(Transfer& transfer) const;
 
   const HttpSettings settings_;
   const TransferStop stop_;
