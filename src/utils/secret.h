@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string_view>
 #include <type_traits>
 
@@ -38,6 +39,9 @@ class SecretString {
   size_t capacity_ = 0;
   size_t size_ = 0;
 };
+
+/// A secret that several hold; null: there is none.
+using SharedSecret = std::shared_ptr<const SecretString>;
 
 /// Wipes an object of plain bytes at the end of the scope.
 template <class Record>

@@ -1,0 +1,129 @@
+#include "service/cloud/http/curl_transfer.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <limits>
+#include <string_view>
+#include <utility>
+
+#include "utils/log.h"
+
+namespace varnel::service {
+namespace {
+
+constexpr const char* kTag = "HTTP";
+constexpr size_t kMaxHeaderBytes = size_t{64} << 10U;
+/// The library counts milliseconds in an int.
+constexpr int64_t kMostSeconds = std::numeric_limits<int>::max() / 1000;
+
+std::atomic<bool>& IsBroken() {
+  static std::atomic<bool> broken = false;
+  return broken;
+}
+
+bool IsPrintable(const std::string& url) {
+  return std::none_of(url.begin(), url.end(),
+                      [](char c) { return static_cast<unsigned char>(c) <= ' ' || c == '\x7f'; });
+}
+
+CURL* NewHandle() {
+  return IsBroken() ? nullptr : curl_easy_init();
+}
+
+TransferResult Failed(CURLcode code, const char* words) {
+  return {code, words != nullptr ? words : curl_easy_strerror(code)};
+}
+
+}  // namespace
+
+void InitCurl() {
+  const CURLcode code = curl_global_init(CURL_GLOBAL_DEFAULT);
+  IsBroken() = code != CURLE_OK;
+  if (IsBroken()) VLOG_ERROR(kTag, "curl cannot be initialised: {}", curl_easy_strerror(code));
+}
+
+ConnectionShare::ConnectionShare() : share_(curl_share_init()) {
+  for (const int kind : {CURL_LOCK_DATA_CONNECT, CURL_LOCK_DATA_SSL_SESSION, CURL_LOCK_DATA_DNS})
+    curl_share_setopt(share_.get(), CURLSHOPT_SHARE, kind);
+}
+
+Transfer::Transfer(const ConnectionShare& share, const char* protocols, TransferHooks& hooks)
+    : hooks_(hooks), handle_(NewHandle()) {
+  Set(CURLOPT_SHARE, share.Handle());
+  Set(CURLOPT_NOSIGNAL, 1L);
+  Set(CURLOPT_PROXY, "");
+  Set(CURLOPT_PROTOCOLS_STR, protocols);
+  Set(CURLOPT_QUICK_EXIT, 1L);
+  Set(CURLOPT_WRITEFUNCTION, OnBody);
+  Set(CURLOPT_WRITEDATA, this);
+  Set(CURLOPT_HEADERFUNCTION, OnHeader);
+  Set(CURLOPT_HEADERDATA, this);
+  Set(CURLOPT_NOPROGRESS, 0L);
+  Set(CURLOPT_XFERINFOFUNCTION, OnProgress);
+  Set(CURLOPT_XFERINFODATA, this);
+}
+
+void Transfer::SetSeconds(CURLoption option, int64_t seconds) {
+  Set(option, static_cast<long>(std::min(seconds, kMostSeconds)));
+}
+
+template <class Call>
+bool Transfer::Guarded(Call call) {
+  try {
+    return call();
+  } catch (...) {
+    hooks_.thrown_ = std::current_exception();
+    return false;
+  }
+}
+
+size_t Transfer::OnBody(char* data, size_t, size_t size, void* self) {
+  auto& transfer = *static_cast<Transfer*>(self);
+  const bool taken = transfer.Guarded([&] { return transfer.hooks_.Take(data, size); });
+  return taken ? size : CURL_WRITEFUNC_ERROR;
+}
+
+size_t Transfer::OnHeader(char* text, size_t, size_t size, void* self) {
+  auto& transfer = *static_cast<Transfer*>(self);
+  const std::string_view line(text, size);
+  transfer.header_bytes_ += size;
+  // A trailer of a chunked body comes after their end.
+  if (line.starts_with("HTTP/")) transfer.headers_end_ = false;
+  if (line == "\r\n" || line == "\n") transfer.headers_end_ = true;
+  return transfer.header_bytes_ > kMaxHeaderBytes ? CURL_WRITEFUNC_ERROR : size;
+}
+
+int Transfer::OnProgress(void* self, curl_off_t expected, curl_off_t received, curl_off_t,
+                         curl_off_t) {
+  auto& transfer = *static_cast<Transfer*>(self);
+  return transfer.Guarded([&] { return transfer.hooks_.GoOn(expected, received); }) ? 0 : 1;
+}
+
+TransferResult Transfer::Perform(const std::string& url) {
+  if (!handle_ || !usable_) return Failed(CURLE_FAILED_INIT, nullptr);
+  if (!IsPrintable(url)) return Failed(CURLE_URL_MALFORMAT, nullptr);
+  std::array<char, CURL_ERROR_SIZE> words{};
+  curl_easy_setopt(handle_.get(), CURLOPT_ERRORBUFFER, words.data());
+  curl_easy_setopt(handle_.get(), CURLOPT_URL, url.c_str());
+  const CURLcode code = curl_easy_perform(handle_.get());
+  curl_easy_setopt(handle_.get(), CURLOPT_ERRORBUFFER, nullptr);
+  if (hooks_.thrown_) std::rethrow_exception(std::exchange(hooks_.thrown_, nullptr));
+  return Judge(code, words[0] != '\0' ? words.data() : nullptr);
+}
+
+TransferResult Transfer::Judge(CURLcode code, const char* words) const {
+  if (header_bytes_ > kMaxHeaderBytes) return Failed(CURLE_WRITE_ERROR, "the headers are too long");
+  if (code == CURLE_OK && !headers_end_)
+    return Failed(CURLE_PARTIAL_FILE, "the answer ends within its headers");
+  if (code == CURLE_OK) return {code, {}};
+  return Failed(code, words);
+}
+
+long Transfer::Status() const {
+  long status = 0;
+  if (handle_) curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &status);
+  return status;
+}
+
+}  // namespace varnel::service
