@@ -157,9 +157,10 @@ class DriveGate {
 
   void Start() {
     for (const auto type : {hal_adapter::HAL_EVENT_SYS_USB_DRIVE_INSERT,
-                            hal_adapter::HAL_EVENT_SYS_USB_DRIVE_PRESENT})
+                            hal_adapter::HAL_EVENT_SYS_USB_DRIVE_PRESENT}) {
       // It refuses no function that there is.
       (void)hal_adapter::register_hal_event_callback(type, Report, this);
+    }
   }
 
  private:

@@ -37,7 +37,6 @@ class MultimediaAdapter : public PhotoTaker {
 
   PhotoStatus TakePhoto(const std::string& path) override;
   PhotoStatus TakePhoto(const utils::FilePlace& place) override;
-  size_t CameraCount() const { return cameras_.size(); }
 
  private:
   bool OpenMainCamera();

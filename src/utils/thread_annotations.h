@@ -13,14 +13,11 @@
 #define CAPABILITY(name) VARNEL_THREAD_ANNOTATION(capability(name))
 #define SCOPED_CAPABILITY VARNEL_THREAD_ANNOTATION(scoped_lockable)
 
-// On a member: only used with the lock held; what it points to is.
+// On a member: only used with the lock held.
 #define GUARDED_BY(lock) VARNEL_THREAD_ANNOTATION(guarded_by(lock))
-#define PT_GUARDED_BY(lock) VARNEL_THREAD_ANNOTATION(pt_guarded_by(lock))
 
-// On a function: its caller holds the lock, or does not; it takes or gives the lock.
+// On a function: its caller holds the lock; it takes or gives the lock.
 #define REQUIRES(...) VARNEL_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
-#define EXCLUDES(...) VARNEL_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define ACQUIRE(...) VARNEL_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) VARNEL_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define TRY_ACQUIRE(...) VARNEL_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
-#define RETURN_CAPABILITY(lock) VARNEL_THREAD_ANNOTATION(lock_returned(lock))

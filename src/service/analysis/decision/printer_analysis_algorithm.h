@@ -30,7 +30,6 @@ class PrinterAnalysisAlgorithm {
   [[nodiscard]] virtual const char* Name() const { return "unknow algorithm"; }
 
   [[nodiscard]] const std::vector<std::string>& Labels() const { return labels_; }
-  [[nodiscard]] const DetectionHistory& History() const { return history_; }
 
  protected:
   /// Called when something was found; may flag results.

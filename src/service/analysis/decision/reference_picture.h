@@ -39,7 +39,6 @@ class ReferencePicture {
   [[nodiscard]] bool IsOwnedBy(const std::string& owner) const {
     return !picture_.pixels.empty() && owner_ == owner;
   }
-  [[nodiscard]] const std::vector<RememberedBox>& Boxes() const { return boxes_; }
 
   /// Whether a result of this picture was there before.
   ///
