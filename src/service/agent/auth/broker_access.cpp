@@ -58,9 +58,10 @@ std::optional<uint16_t> PortIn(const json& data) {
 }
 
 std::optional<utils::SecretString> Open(const std::string& text, const CredentialKey& key) {
-  if (text.starts_with("-----BEGIN "))
+  if (text.starts_with("-----BEGIN ")) {
     return key.allows_clear ? std::optional<utils::SecretString>(std::in_place, text)
                             : std::nullopt;
+  }
   const auto encrypted = utils::DecodeBase64(text);
   if (!encrypted || !key.aes) return std::nullopt;
   return AesDecrypt(*key.aes, *encrypted);
