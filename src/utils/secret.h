@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <type_traits>
 
@@ -9,6 +10,9 @@ namespace varnel::utils {
 
 /// Overwrites the bytes even if nobody reads them afterwards.
 void Wipe(void* bytes, size_t size) noexcept;
+inline void Wipe(std::string& text) noexcept {
+  Wipe(text.data(), text.size());
+}
 
 /// Text that must not stay behind in memory: its bytes are wiped at the end, moving leaves no
 /// second copy, and a core dump does not contain them. Never copied. Costs at least a page.

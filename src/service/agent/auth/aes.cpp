@@ -151,7 +151,7 @@ utils::SharedSecret LoadAesKey(const std::filesystem::path& file) {
     const std::string_view digits(text.data(), end == text.npos ? 0 : end + 1);
     if (digits.size() == 2 * kKeyBytes) key = KeyOfDigits(digits);
   }
-  utils::Wipe(text.data(), text.size());
+  utils::Wipe(text);
   if (key) return std::make_shared<const utils::SecretString>(std::move(*key));
   VLOG_ERROR(kTag, "The credential key {} is missing or has not 256 bits", file.string());
   return nullptr;

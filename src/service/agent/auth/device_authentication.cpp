@@ -116,7 +116,7 @@ TokenResult DeviceAuthentication::RequestOauth2Token(int64_t lifetime_h, TokenPa
     return TokenResult::kFailed;
   }
   const TokenResult result = ReadGrantReply(*reply, tokens);
-  utils::Wipe(reply->data(), reply->size());
+  utils::Wipe(*reply);
   if (result == TokenResult::kFailed) VLOG_ERROR(kTag, "Failed to parse OAuth2 token");
   return result;
 }
@@ -145,10 +145,10 @@ TokenResult DeviceAuthentication::FetchAccessToken(const TokenPair& old, TokenPa
   std::string form =
       FormBody({{"grant_type", "refresh_token"}, {"refresh_token", old.refresh->Text()}});
   auto reply = PostForm(target, form, "FetchAccessToken: network error");
-  utils::Wipe(form.data(), form.size());
+  utils::Wipe(form);
   if (!reply) return TokenResult::kFailed;
   const TokenResult result = ReadRefreshReply(*reply, tokens);
-  utils::Wipe(reply->data(), reply->size());
+  utils::Wipe(*reply);
   return result;
 }
 
@@ -275,7 +275,7 @@ std::optional<json> DeviceAuthentication::FetchAuthInfo(const Target& target, bo
     VLOG_ERROR(kTag, "Failed to parse MQTT certs");
     return std::nullopt;
   }
-  const auto info = store_.Save(*access);
+  auto info = store_.Save(*access);
   if (info) store_.SaveAuthInfoToCache(*info, target.region);
   return info;
 }

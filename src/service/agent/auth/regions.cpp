@@ -30,9 +30,10 @@ bool IsRegion(const CloudPlaces& places, const std::string& region) {
 std::optional<std::string> BaseUrl(const CloudPlaces& places, const std::string& region) {
   const auto found = places.regions.find(region);
   if (found == places.regions.end()) return std::nullopt;
-  if (IsLocalMode(places))
+  if (IsLocalMode(places)) {
     return places.local_server.empty() ? std::nullopt
                                        : std::optional("http://" + places.local_server);
+  }
   if (found->second.api.empty()) return std::nullopt;
   return (Exists(places.preview_marker) ? "https://pre." : "https://") + found->second.api;
 }

@@ -37,7 +37,7 @@ utils::SharedSecret TakeSecret(json& object, const char* name) {
   if (found == object.end() || !found->is_string()) return nullptr;
   auto& text = found->get_ref<std::string&>();
   auto secret = IsToken(text) ? std::make_shared<const utils::SecretString>(text) : nullptr;
-  utils::Wipe(text.data(), text.size());
+  utils::Wipe(text);
   return secret;
 }
 

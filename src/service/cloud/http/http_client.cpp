@@ -141,9 +141,10 @@ bool HttpClient::SetHeaders(Transfer& transfer, const Request& request, CurlHead
     std::copy(token.begin(), token.end(), std::copy(kName.begin(), kName.end(), line.Data()));
     all = all && IsHeaderLine(token) && Append(lines, line.Data());
   }
-  for (const HttpHeaders* headers : {&settings_.headers, &request.headers})
+  for (const HttpHeaders* headers : {&settings_.headers, &request.headers}) {
     for (const std::string& header : *headers)
       all = all && IsHeaderLine(header) && Append(lines, AsTheLibraryWants(header).c_str());
+  }
   transfer.Set(CURLOPT_HTTPHEADER, lines.get());
   return all;
 }
