@@ -4,8 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <optional>
-#include <sstream>
 #include <string_view>
 
 #include "utils/atomic_file.h"
@@ -23,12 +23,12 @@ constexpr size_t kMaxBytes = size_t{64} << 20U;
 /// No line of ours is longer.
 constexpr off_t kMaxLine = 4096 + 16;
 
-std::optional<fs::path> PathIn(std::string_view line) {
+std::optional<std::string_view> PathIn(std::string_view line) {
   if (!line.starts_with(kStart) || !line.ends_with('\'') || line.size() <= kStart.size() + 1)
     return std::nullopt;
   line.remove_prefix(kStart.size());
   line.remove_suffix(1);
-  return fs::path(line);
+  return line;
 }
 
 /// Where the last whole line ends.
@@ -65,21 +65,29 @@ std::string SegmentLine(const fs::path& segment) {
   return std::string(kStart) + segment.string() + "'\n";
 }
 
+bool ForEachSegment(const fs::path& list, const OneSegment& segment, const SkippedLine& skipped) {
+  std::error_code error;
+  if (fs::symlink_status(list, error).type() == fs::file_type::not_found) return true;
+  const std::optional<std::string> text = utils::ReadSmallFile(list, kMaxBytes);
+  if (!text) return false;
+  std::string_view rest = *text;
+  while (!rest.empty()) {
+    const std::string_view line = rest.substr(0, rest.find('\n'));
+    rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+    if (const auto path = PathIn(line)) {
+      segment(*path);
+    } else if (skipped) {
+      skipped(std::string(line));
+    }
+  }
+  return true;
+}
+
 std::optional<std::vector<fs::path>> ReadSegmentList(const fs::path& list,
                                                      const SkippedLine& skipped) {
   std::vector<fs::path> segments;
-  std::error_code error;
-  if (fs::symlink_status(list, error).type() == fs::file_type::not_found) return segments;
-  const std::optional<std::string> text = utils::ReadSmallFile(list, kMaxBytes);
-  if (!text) return std::nullopt;
-  std::istringstream lines(*text);
-  for (std::string line; std::getline(lines, line);) {
-    if (auto path = PathIn(line)) {
-      segments.push_back(std::move(*path));
-    } else if (skipped) {
-      skipped(line);
-    }
-  }
+  const auto add = [&](std::string_view path) { segments.emplace_back(path); };
+  if (!ForEachSegment(list, add, skipped)) return std::nullopt;
   return segments;
 }
 

@@ -4,6 +4,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -13,9 +14,13 @@ namespace varnel::service {
 /// our own and need no quoting.
 [[nodiscard]] std::string SegmentLine(const std::filesystem::path& segment);
 
-/// The segments of a list, in order; lines of another form go to `skipped`, if there is one. Empty
-/// without the file; nothing when it cannot be read.
+/// The segments of a list, in order, one by one; lines of another form go to `skipped`, if there is
+/// one. None without the file; false when it cannot be read.
+using OneSegment = std::function<void(std::string_view path)>;
 using SkippedLine = std::function<void(const std::string& line)>;
+[[nodiscard]] bool ForEachSegment(const std::filesystem::path& list, const OneSegment& segment,
+                                  const SkippedLine& skipped = nullptr);
+/// The same at once.
 [[nodiscard]] std::optional<std::vector<std::filesystem::path>> ReadSegmentList(
     const std::filesystem::path& list, const SkippedLine& skipped = nullptr);
 

@@ -160,24 +160,34 @@ std::optional<std::vector<uint32_t>> WorkDirectory::ListedSegments() const {
 
 std::vector<uint32_t> WorkDirectory::PhotosToEncode(uint32_t settled) const {
   std::vector<uint32_t> photos;
-  std::set<uint32_t> encoded;
+  std::vector<uint32_t> encoded;
   ForEachName(directory_, [&](const std::string& name) {
     // Of the ending that the film will ask for: another frame rate may have had another.
     const auto segment = NumberIn(name, "seg_", SegmentEnding());
-    if (segment && *segment > settled) encoded.insert(*segment);
+    if (segment && *segment > settled) encoded.push_back(*segment);
     const auto photo = PhotoNumber(name);
     if (photo && *photo > settled) photos.push_back(*photo);
   });
-  // Only then: the list of a long print is long, and most often a photo is new.
-  if (!encoded.empty()) {
-    const std::set<uint32_t> listed =
-        NumbersOf(ReadSegmentList(SegmentList()).value_or(std::vector<fs::path>()), nullptr);
-    std::erase_if(photos, [&](uint32_t number) {
-      return encoded.contains(number) && listed.contains(number);
-    });
-  }
   std::sort(photos.begin(), photos.end());
+  // Only then: the list of a long print is long, and most often a photo is new.
+  if (!encoded.empty()) EraseListed(encoded, photos);
   return photos;
+}
+
+/// Takes away the photos that have a segment and stand in the list.
+void WorkDirectory::EraseListed(std::vector<uint32_t>& encoded,
+                                std::vector<uint32_t>& photos) const {
+  std::vector<uint32_t> listed;
+  (void)ForEachSegment(SegmentList(), [&](std::string_view path) {
+    const auto number = SegmentNumber(std::string(path.substr(path.rfind('/') + 1)));
+    if (number) listed.push_back(*number);
+  });
+  std::sort(encoded.begin(), encoded.end());
+  std::sort(listed.begin(), listed.end());
+  std::erase_if(photos, [&](uint32_t number) {
+    return std::binary_search(encoded.begin(), encoded.end(), number) &&
+           std::binary_search(listed.begin(), listed.end(), number);
+  });
 }
 
 fs::path WorkDirectory::FinishedVideo() const {

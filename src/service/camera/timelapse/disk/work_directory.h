@@ -74,6 +74,7 @@ class WorkDirectory {
   /// Segments in MPEG-TS join to the exact frame rate when its clock of 90 kHz can tell one frame's
   /// time; those in AVI to any.
   const char* SegmentEnding() const;
+  void EraseListed(std::vector<uint32_t>& encoded, std::vector<uint32_t>& photos) const;
   /// How many there were.
   size_t RemoveFiles(const std::function<bool(const std::string& name)>& unwanted) const;
 
