@@ -34,7 +34,9 @@ File OpenForWriting(const std::filesystem::path& file) {
   utils::UniqueFd fd(
       ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0644));
   if (!fd || ::fstat(fd.Get(), &info) != 0 || !S_ISREG(info.st_mode)) return nullptr;
-  return File(::fdopen(fd.Release(), "wb"));
+  File opened(::fdopen(fd.Get(), "wb"));
+  if (opened) (void)fd.Release();
+  return opened;
 }
 
 }  // namespace

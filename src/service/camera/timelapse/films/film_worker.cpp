@@ -143,7 +143,8 @@ void FilmWorker::FindPrints() {
 }
 
 void FilmWorker::EncodePrints(const std::stop_token& stop) {
-  if (std::exchange(find_prints_, false)) FindPrints();
+  // Whoever took a photo has a print: a look that found none met a shortage.
+  if (std::exchange(find_prints_, false) || prints_.empty()) FindPrints();
   for (auto& [index, print] : prints_) {
     const WorkDirectory& directory = *print.directory;
     // What cannot be done waits for the next photo, or for the film, which a stop begins at once.
