@@ -336,6 +336,27 @@ TEST_F(TimelapseServiceTest, WithoutAnEncoderPhotosWaitOnDisk) {
   EXPECT_EQ(Film(*service, index), "a2\na1\na2\n");
 }
 
+TEST_F(TimelapseServiceTest, AStoreThatCannotBeListedForAWhileDelaysAFilmByAMinute) {
+  EncodeAs("[ -n \"$list\" ] && exit 1");
+  auto service = Service();
+  const std::string index = Record(*service, 1);
+  EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
+  EXPECT_TRUE(Eventually([&] { return Completed() == 1; }));
+  service.reset();
+  EncodeAs("");
+  fs::rename(paths_.root, dir_ / "away");
+  dir_.Write("store", "no directory");
+  test::FakeClock clock;
+  clock_ = clock;
+  service = Service();
+  clock.AwaitWaiters(1);
+  fs::remove(paths_.root);
+  fs::rename(dir_ / "away", paths_.root);
+  clock.Advance(std::chrono::minutes(1));
+  EXPECT_EQ(Film(*service, index), "a1\na1\n");
+  service.reset();  // before its clock
+}
+
 TEST_F(TimelapseServiceTest, TheStartClearsAwayWhatWasHalfMade) {
   dir_.Write("store/.new_20260101000000/config.json", "{}");
   dir_.Write("store/20260101000001/state", "READY\n");

@@ -204,12 +204,14 @@ std::string WorkDirectories::NextIndex() const {
   return IsTimelapseIndex(index) ? index : std::string();
 }
 
-std::vector<std::string> WorkDirectories::Indices() const {
+std::optional<std::vector<std::string>> WorkDirectories::ListIndices() const {
   std::vector<std::string> indices;
   std::error_code error;
   const auto entries = utils::DirectoryEntries(paths_.root, error);
-  if (error && error != std::errc::no_such_file_or_directory)
+  if (error && error != std::errc::no_such_file_or_directory) {
     VLOG_ERROR(kTag, "Filesystem error: {}", error.message());
+    return std::nullopt;
+  }
   for (const auto& entry : entries) {
     const std::string name = entry.path().filename().string();
     std::error_code ignored;
@@ -220,9 +222,14 @@ std::vector<std::string> WorkDirectories::Indices() const {
   return indices;
 }
 
-std::vector<std::string> WorkDirectories::IndicesIn(TimelapseState state) const {
-  std::vector<std::string> indices = Indices();
-  std::erase_if(indices, [&](const std::string& index) {
+std::vector<std::string> WorkDirectories::Indices() const {
+  return ListIndices().value_or(std::vector<std::string>());
+}
+
+std::optional<std::vector<std::string>> WorkDirectories::IndicesIn(TimelapseState state) const {
+  auto indices = ListIndices();
+  if (!indices) return std::nullopt;
+  std::erase_if(*indices, [&](const std::string& index) {
     return TimelapseStateIn(paths_.root / index) != state;
   });
   return indices;

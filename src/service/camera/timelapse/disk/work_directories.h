@@ -2,6 +2,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -38,8 +39,8 @@ class WorkDirectories {
   [[nodiscard]] std::string NextIndex() const;
   /// Every instance, oldest first.
   [[nodiscard]] std::vector<std::string> Indices() const;
-  /// Those in this state.
-  [[nodiscard]] std::vector<std::string> IndicesIn(TimelapseState state) const;
+  /// Those in this state. Nothing when they cannot be listed now, which is logged.
+  [[nodiscard]] std::optional<std::vector<std::string>> IndicesIn(TimelapseState state) const;
 
   /// Points "current" at an instance. A failure is logged.
   void PointCurrentAt(const std::string& index) const;
@@ -54,6 +55,7 @@ class WorkDirectories {
 
  private:
   [[nodiscard]] bool MakeRoot() const;
+  [[nodiscard]] std::optional<std::vector<std::string>> ListIndices() const;
   std::string ReserveIndex() const;
   [[nodiscard]] bool Reserve(const std::string& index) const;
   [[nodiscard]] bool PointAt(const std::string& index) const;

@@ -16,6 +16,8 @@ namespace {
 
 constexpr const char* kTag = "TLP";
 constexpr std::chrono::milliseconds kBrokerPause{500};
+/// After a look that met a shortage.
+constexpr std::chrono::minutes kRetryPause{1};
 /// Whatever is due: the thread never goes round in circles.
 constexpr std::chrono::seconds kShortestPause{1};
 
@@ -67,11 +69,12 @@ void FilmWorker::TryAgain() {
 }
 
 /// What one look cannot do is no reason to never look again.
-void FilmWorker::Guarded(const std::function<void()>& work) const {
+void FilmWorker::Guarded(const std::function<void()>& work) {
   try {
     work();
   } catch (const std::exception& error) {
     VLOG_ERROR(kTag, "A look at the time-lapses failed: {}", utils::LogText(error.what()));
+    look_failed_ = true;
   }
 }
 
@@ -107,7 +110,9 @@ bool FilmWorker::AwaitBroker(const std::stop_token& stop) {
 void FilmWorker::AwaitChange(const std::stop_token& stop) {
   utils::MutexLock lock(mutex_);
   const auto now = clock_.Now();
-  clock_.WaitUntil(lock, changed_, std::max(waits_.NextDue(now), now + kShortestPause),
+  auto due = std::max(waits_.NextDue(now), now + kShortestPause);
+  if (std::exchange(look_failed_, false)) due = std::min(due, now + kRetryPause);
+  clock_.WaitUntil(lock, changed_, due,
                    [&]() REQUIRES(mutex_) { return change_ || stop.stop_requested(); });
   if (!change_) all_changed_ = true;  // something is due
 }
@@ -120,15 +125,23 @@ bool FilmWorker::TakeChange() {
 }
 
 void FilmWorker::LookAtFinished() {
-  const auto finished = directories_.IndicesIn(TimelapseState::kFinished);
+  const auto finished = IndicesIn(TimelapseState::kFinished);
   for (const std::string& index : finished)
     WorkDirectory(paths_.root / index, {}, TimelapseState::kFinished).RemoveJoined();
   for (const std::string& index : store_.Unlisted(finished).value_or(std::vector<std::string>()))
     if (const auto directory = directories_.Open(index)) maker_.ListAgain(*directory);
 }
 
+std::vector<std::string> FilmWorker::IndicesIn(TimelapseState state) {
+  auto indices = directories_.IndicesIn(state);
+  if (indices) return std::move(*indices);
+  look_failed_ = true;
+  return {};
+}
+
 void FilmWorker::FindPrints() {
-  const auto indices = directories_.IndicesIn(TimelapseState::kActivated);
+  const auto indices = IndicesIn(TimelapseState::kActivated);
+  if (look_failed_) return;
   std::erase_if(prints_, [&](const auto& print) {
     return std::find(indices.begin(), indices.end(), print.first) == indices.end();
   });
@@ -156,7 +169,8 @@ void FilmWorker::EncodePrints(const std::stop_token& stop) {
 }
 
 bool FilmWorker::MakeNextFilm(const std::stop_token& stop) {
-  auto indices = directories_.IndicesIn(TimelapseState::kGenerating);
+  auto indices = IndicesIn(TimelapseState::kGenerating);
+  if (look_failed_) return false;
   waits_.KeepOnly(indices);
   std::erase_if(playing_, [&](const auto& film) {
     return std::find(indices.begin(), indices.end(), film.first) == indices.end();

@@ -8,6 +8,7 @@
 #include <stop_token>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "service/camera/timelapse/disk/work_directories.h"
 #include "service/camera/timelapse/films/film_maker.h"
@@ -53,6 +54,8 @@ class FilmWorker {
   bool TakeChange();
   void Look(const std::stop_token& stop);
   void LookAtFinished();
+  /// None, and look_failed_, when it cannot be told now.
+  std::vector<std::string> IndicesIn(TimelapseState state);
   void FindPrints();
   void EncodePrints(const std::stop_token& stop);
   bool MakeNextFilm(const std::stop_token& stop);
@@ -61,7 +64,7 @@ class FilmWorker {
   /// False also when it cannot be told.
   bool IsUnlisted(const std::string& index) const;
   void GiveBackRoom();
-  void Guarded(const std::function<void()>& work) const;
+  void Guarded(const std::function<void()>& work);
 
   const TimelapsePaths& paths_;
   WorkDirectories& directories_;
@@ -78,6 +81,7 @@ class FilmWorker {
   std::map<std::string, FilmMaker::PlayingSegments> playing_;
   bool find_prints_ = true;
   bool find_films_ = true;
+  bool look_failed_ = false;
 
   utils::Mutex mutex_;
   utils::Condition changed_;
