@@ -353,6 +353,8 @@ TEST_F(TimelapseServiceTest, AStoreThatCannotBeListedForAWhileDelaysAFilmByAMinu
   fs::remove(paths_.root);
   fs::rename(dir_ / "away", paths_.root);
   clock.Advance(std::chrono::minutes(1));
+  // Only then: who waits for the store's lock on this clock waits no time at all.
+  EXPECT_TRUE(Eventually([&] { return Completed() == 2; }));
   EXPECT_EQ(Film(*service, index), "a1\na1\n");
   service.reset();  // before its clock
 }
