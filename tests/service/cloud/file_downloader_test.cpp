@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+
 #include "service/cloud/scripted_server.h"
 #include "support/fake_clock.h"
 #include "support/full_disk.h"
@@ -72,7 +74,7 @@ TEST_F(FileDownloaderTest, AStallEndsItWithoutAnErrorLine) {
 }
 
 TEST_F(FileDownloaderTest, EveryFailureIsTold) {
-  size_t offset = 0;
+  std::atomic<size_t> offset{0};  // the server's threads read it
   const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 40\r\n\r\n" + std::string(40, 'x');
   ScriptedServer server([&](const std::string& request, const ScriptedServer::Peer& peer) {
     if (request.starts_with("GET /cut")) {
