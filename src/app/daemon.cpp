@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "app/cloud_side.h"
 #include "app/environment_check.h"
 #include "app/print_analysis.h"
 #include "app/signal_handling.h"
@@ -19,6 +20,7 @@
 #include "hal_interface/hal_register.h"
 #include "hal_interface/platform_init.h"
 #include "service/camera/camera_service.h"
+#include "service/cloud/http/curl_transfer.h"
 #include "service/system/date_record.h"
 #include "service/system/device_info_service.h"
 #include "utils/child_registry.h"
@@ -122,8 +124,9 @@ std::vector<std::filesystem::path> OwnPlaces(const DaemonPaths& paths, const Har
       timelapse.root,
       timelapse.web,
       timelapse.upload,
-      // The cloud's certificates, packages on their way, snapshots of the monitor, diagnosis.
+      // What the cloud gave and knows, packages on their way, snapshots of the monitor, diagnosis.
       "/home/ruxo/printer_data/certs",
+      "/home/ruxo/printer_data/mqtt",
       "/userdata/.tmp_*",
       "/tmp/.monitor.*",
       "/tmp/aes_key.txt",
@@ -190,7 +193,8 @@ class Services {
  public:
   Services(comms::CommsManager& comms, Hardware& hardware,
            const utils::ClientPathPolicy& client_paths, const utils::Deployment& deployment)
-      : date_record_(hardware.storage.Paths().config_save),
+      : cloud_(MakeCloudManager(comms, hardware.system.Identity(), deployment.cloud)),
+        date_record_(hardware.storage.Paths().config_save),
         device_info_(comms, [&hardware] { return hardware.system.Identity(); }),
         analysis_(hardware.ai.DetectResultDir(), SpaceCheckOf(deployment)),
         camera_(comms, {.camera = &hardware.multimedia,
@@ -199,14 +203,17 @@ class Services {
                         .analyser = &analysis_}) {}
 
   void Start() {
+    cloud_->Start();
     date_record_.Start();
     if (device_info_.Start() != comms::CommsStatus::kOk)
       VLOG_ERROR(kTag, "The device information service did not start");
     if (camera_.Start() != comms::CommsStatus::kOk)
       VLOG_ERROR(kTag, "The camera service did not start");
   }
+  service::CloudManager& Cloud() { return *cloud_; }
 
  private:
+  const std::unique_ptr<service::CloudManager> cloud_;
   service::DateRecord date_record_;
   service::DeviceInfoService device_info_;
   PrintAnalysis analysis_;
@@ -215,20 +222,24 @@ class Services {
 
 /// The process leaves soon afterwards: a library that hangs, in a name server's silence for
 /// example, is left behind.
-void StopWithin(std::chrono::milliseconds limit, comms::CommsManager& comms) {
+void StopWithin(std::chrono::milliseconds limit, comms::CommsManager& comms,
+                service::CloudManager& cloud) {
+  cloud.RequestStop();  // its end need not wait for that of the brokers
   auto done = std::make_shared<std::promise<void>>();
   const std::future<void> stopped = done->get_future();
-  utils::SpawnGuarded("comms-stop", kTag, [&comms, done] {
+  utils::SpawnGuarded("comms-stop", kTag, [&comms, &cloud, done] {
     comms.Stop();
+    cloud.Stop();
     done->set_value();
   }).detach();
   if (stopped.wait_for(limit) != std::future_status::ready)
-    VLOG_WARN(kTag, "the communication manager does not stop, leaving without it");
+    VLOG_WARN(kTag, "the links do not end, leaving without them");
 }
 
 void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& broker) {
   // Whatever is made here is never taken apart: the process leaves by _exit, with service threads
   // still running.
+  service::InitCurl();  // before there is a second thread
   static std::shared_ptr<utils::Logger> logger;
   logger = StartLogging(log_target, paths.log_directory);
   VLOG_INFO(kTag, "Start Varnel Service ...");
@@ -257,7 +268,7 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
   supervisor.Run();
 
   VLOG_INFO(kTag, "Shutdown requested, stopping services...");
-  StopWithin(kStopLimit, comms);
+  StopWithin(kStopLimit, comms, services->Cloud());
   utils::EndChildren();
   utils::RemoveLeftovers(hal_adapter::PhotoPaths().workshop, utils::Leftovers::kAll);
   VLOG_INFO(kTag, "Shutdown complete");

@@ -98,6 +98,11 @@ CommsStatus CloudBridge::Setup(const std::shared_ptr<ClientMqttBase>& local,
   return CommsStatus::kOk;
 }
 
+void CloudBridge::SetFilter(CloudFilter drops) {
+  const utils::MutexLock lock(mutex_);
+  drops_ = std::move(drops);
+}
+
 CloudBridge::Queues CloudBridge::PrepareQueues() {
   if (!queues_) {
     queues_ = Queues{forwarders_.CreateQueue("requests"), forwarders_.CreateQueue("responses"),
@@ -117,7 +122,7 @@ void CloudBridge::RemoveRoutes() {
 
 CommsStatus CloudBridge::RouteRequests(const Queues& queues) {
   auto runner = std::make_shared<CloudRequests>(
-      server_, gate_, cloud_, dropping_,
+      server_, gate_, cloud_, drops_,
       CloudAnswers{forwarders_, queues.responses, StreamTopic(serial_number_, "response")});
   return cloud_->AddListener(
       RequestTopic(serial_number_),

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -32,8 +31,8 @@ class CloudBridge {
   CommsStatus Setup(const std::shared_ptr<ClientMqttBase>& local,
                     const std::shared_ptr<ClientMqttBase>& cloud, const std::string& serial_number);
 
-  /// While on, cloud requests do not run, those that wait included: a user is being logged out.
-  void DropRequests(bool on) { *dropping_ = on; }
+  /// Which cloud requests do not run, those that wait included. Before Setup().
+  void SetFilter(CloudFilter drops);
 
  private:
   /// One queue per forwarded stream.
@@ -53,10 +52,10 @@ class CloudBridge {
   ForwarderPool& forwarders_;
   JsonRpcServer& server_;
   const CloudGate gate_;
-  const std::shared_ptr<std::atomic<bool>> dropping_ = std::make_shared<std::atomic<bool>>(false);
   const std::shared_ptr<CloudOutage> outage_ = std::make_shared<CloudOutage>();
 
   utils::Mutex mutex_;
+  CloudFilter drops_ GUARDED_BY(mutex_);
   std::optional<Queues> queues_ GUARDED_BY(mutex_);
   std::shared_ptr<ClientMqttBase> local_
       GUARDED_BY(mutex_);  // the clients and the serial number of the routes in force

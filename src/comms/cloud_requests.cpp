@@ -45,12 +45,12 @@ class CloudRequests::Answer : public ForwardDestination {
 };
 
 CloudRequests::CloudRequests(JsonRpcServer& server, CloudGate gate,
-                             std::shared_ptr<ClientMqttBase> cloud, Switch dropping,
+                             std::shared_ptr<ClientMqttBase> cloud, CloudFilter drops,
                              CloudAnswers answers)
     : server_(server),
       gate_(std::move(gate)),
       cloud_(std::move(cloud)),
-      dropping_(std::move(dropping)),
+      drops_(std::move(drops)),
       answers_(std::move(answers)) {}
 
 CommsStatus CloudRequests::Deliver(const MqttMessage& message) {
@@ -87,7 +87,7 @@ void CloudRequests::Run(JsonRpcEnvelope request, uint32_t link) {
 }
 
 bool CloudRequests::MayRun(const Request& request) const {
-  if (*dropping_) {
+  if (drops_ && drops_()) {
     VLOG_WARN(kTag, "drop cloud request, logging out id: {}", request.id);
   } else if (!cloud_->IsLive(request.link)) {
     VLOG_WARN(kTag, "drop cloud request, its link has ended id: {}", request.id);

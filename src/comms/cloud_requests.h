@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -13,6 +12,9 @@ namespace varnel::comms {
 
 /// Tells whether the cloud may call a registered method.
 using CloudGate = std::function<bool(const std::string& method)>;
+
+/// Tells whether cloud requests are dropped now. Any thread; must not block.
+using CloudFilter = std::function<bool()>;
 
 /// Where the answers to cloud requests go: a cloud link that is slow must not hold the workers that
 /// run the methods.
@@ -27,11 +29,10 @@ struct CloudAnswers {
 class CloudRequests : public ForwardDestination,
                       public std::enable_shared_from_this<CloudRequests> {
  public:
-  using Switch = std::shared_ptr<std::atomic<bool>>;
-
-  /// The server must outlive this. While `dropping` is on no request runs.
+  /// The server must outlive this.
+  /// @param drops asked before a request waits for its turn, and before it runs; null: none
   CloudRequests(JsonRpcServer& server, CloudGate gate, std::shared_ptr<ClientMqttBase> cloud,
-                Switch dropping, CloudAnswers answers);
+                CloudFilter drops, CloudAnswers answers);
 
   CommsStatus Deliver(const MqttMessage& message) override;
 
@@ -51,7 +52,7 @@ class CloudRequests : public ForwardDestination,
   JsonRpcServer& server_;
   const CloudGate gate_;
   const std::shared_ptr<ClientMqttBase> cloud_;
-  const Switch dropping_;
+  const CloudFilter drops_;
   const CloudAnswers answers_;
 };
 

@@ -327,8 +327,8 @@ CommsStatus CommsManager::SetupCloudForwarding(const std::string& serial_number)
   return bridge_->Setup(local, cloud, serial_number);
 }
 
-void CommsManager::DropCloudRequests(bool on) {
-  if (Server()) bridge_->DropRequests(on);
+void CommsManager::SetCloudFilter(CloudFilter drops) {
+  if (Server()) bridge_->SetFilter(std::move(drops));
 }
 
 void CommsManager::Stop() {

@@ -91,9 +91,9 @@ class CommsManager {
   bool IsCloudConnected() const { return CloudPhase() == LinkPhase::kUp; }
   /// Publishes on a topic of the cloud broker, at QoS 1.
   CommsStatus PublishCloud(const std::string& topic, const Json& message);
+  /// Decides which cloud requests do not run. Before SetupCloudForwarding().
+  void SetCloudFilter(CloudFilter drops);
   CommsStatus SetupCloudForwarding(const std::string& serial_number);
-  /// While on, no cloud request runs: a user is being logged out.
-  void DropCloudRequests(bool on);
 
   /// Ends both links for good; returns when their connections are closed, within a few seconds.
   void Stop();

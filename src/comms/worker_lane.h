@@ -45,7 +45,8 @@ class WorkerLane {
   static constexpr size_t WorkersFor(MethodKind kind) {
     if (kind == MethodKind::kCommand) return 1;
     // The camera serves one after another: one runs, and those behind it begin to count their wait.
-    return kind == MethodKind::kPhoto || kind == MethodKind::kDetection ? 3 : 2;
+    // Of those that talk to the cloud two may, and the next one is told so.
+    return kind == MethodKind::kQuick || kind == MethodKind::kListing ? 2 : 3;
   }
 
   /// `name` begins the names of the threads. `large` must outlive the lane.

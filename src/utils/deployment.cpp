@@ -20,6 +20,16 @@ using nlohmann::json;
 constexpr const char* kTag = "MAIN";
 constexpr size_t kMaxFileBytes = size_t{1} << 20U;
 
+template <class Value>
+Value& At(Deployment& deployment, Value Deployment::*member) {
+  return deployment.*member;
+}
+
+template <class Value>
+Value& At(Deployment& deployment, Value CloudDeployment::*member) {
+  return deployment.cloud.*member;
+}
+
 template <auto Member, uint64_t Min, uint64_t Max>
 bool ReadNumber(const json& value, Deployment& deployment) {
   if (!value.is_number_unsigned()) {
@@ -29,7 +39,7 @@ bool ReadNumber(const json& value, Deployment& deployment) {
   if (number < Min || number > Max) {
     return false;
   }
-  deployment.*Member = number;
+  At(deployment, Member) = number;
   return true;
 }
 
@@ -47,7 +57,53 @@ bool ReadPath(const json& value, Deployment& deployment) {
   if (!none && !IsAbsolutePath(value)) {
     return false;
   }
-  deployment.*Member = value.get_ref<const std::string&>();
+  At(deployment, Member) = value.get_ref<const std::string&>();
+  return true;
+}
+
+/// Nothing but these characters; may be empty.
+bool HasOnly(const json& value, std::string_view characters) {
+  return value.is_string() &&
+         value.get_ref<const std::string&>().find_first_not_of(characters) == std::string::npos;
+}
+
+constexpr std::string_view kHostCharacters =
+    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-";
+
+template <auto Member>
+bool ReadHost(const json& value, Deployment& deployment) {
+  if (!HasOnly(value, kHostCharacters)) return false;
+  At(deployment, Member) = value.get_ref<const std::string&>();
+  return true;
+}
+
+template <auto Member>
+bool ReadHostWithPort(const json& value, Deployment& deployment) {
+  if (!HasOnly(value, std::string(kHostCharacters) + ":[]")) return false;
+  At(deployment, Member) = value.get_ref<const std::string&>();
+  return true;
+}
+
+template <auto Member>
+bool ReadUrlPath(const json& value, Deployment& deployment) {
+  if (!HasOnly(value, std::string(kHostCharacters) + "/_~")) return false;
+  const auto& path = value.get_ref<const std::string&>();
+  if (!path.empty() && !path.starts_with('/')) return false;
+  At(deployment, Member) = path;
+  return true;
+}
+
+template <auto Member>
+bool ReadRegion(const json& value, Deployment& deployment) {
+  if (value != "int" && value != "cn") return false;
+  At(deployment, Member) = value.get_ref<const std::string&>();
+  return true;
+}
+
+template <auto Member>
+bool ReadSwitch(const json& value, Deployment& deployment) {
+  if (!value.is_boolean()) return false;
+  At(deployment, Member) = value.get<bool>();
   return true;
 }
 
@@ -80,6 +136,17 @@ constexpr std::array kKeys = {
     Key{"identity.device", ReadPath<&Deployment::identity_device, false>, "an absolute path"},
     Key{"identity.offset", ReadNumber<&Deployment::identity_offset, 0, 1'099'511'627'776>, "a whole number from 0 to 1099511627776"},
     Key{"identity.key_file", ReadPath<&Deployment::identity_key_file, true>, "an absolute path or empty"},
+    Key{"cloud.regions.int.api_host", ReadHost<&CloudDeployment::int_api_host>, "a host name or empty"},
+    Key{"cloud.regions.int.account_host", ReadHost<&CloudDeployment::int_account_host>, "a host name or empty"},
+    Key{"cloud.regions.cn.api_host", ReadHost<&CloudDeployment::cn_api_host>, "a host name or empty"},
+    Key{"cloud.regions.cn.account_host", ReadHost<&CloudDeployment::cn_account_host>, "a host name or empty"},
+    Key{"cloud.local_server", ReadHostWithPort<&CloudDeployment::local_server>, "a host, and a port after a colon if need be"},
+    Key{"cloud.default_region", ReadRegion<&CloudDeployment::default_region>, "\"int\" or \"cn\""},
+    Key{"cloud.country_code_path", ReadUrlPath<&CloudDeployment::country_code_path>, "a path of the API or empty"},
+    Key{"cloud.client_log_path", ReadUrlPath<&CloudDeployment::client_log_path>, "a path of the API or empty"},
+    Key{"cloud.credential_key_file", ReadPath<&CloudDeployment::credential_key_file, true>, "an absolute path or empty"},
+    Key{"cloud.allow_clear_credentials", ReadSwitch<&CloudDeployment::allow_clear_credentials>, "true or false"},
+    Key{"cloud.disconnected_code", ReadNumber<&CloudDeployment::disconnected_code, 0, 999'999>, "a whole number from 0 to 999999"},
 };
 // clang-format on
 
@@ -144,12 +211,12 @@ std::optional<json> ReadSettings(const fs::path& file) {
   return settings;
 }
 
-void WarnOfOpenKey(const std::string& file) {
+void WarnOfOpenKey(const char* key, const std::string& file) {
+  if (file.empty()) return;
   std::error_code error;
   const fs::perms modes = fs::status(file, error).permissions();
   if (!error && (modes & fs::perms::others_read) != fs::perms::none) {
-    VLOG_WARN(kTag, "deployment settings: identity.key_file {} is readable by everyone",
-              LogText(file));
+    VLOG_WARN(kTag, "deployment settings: {} {} is readable by everyone", key, LogText(file));
   }
 }
 
@@ -160,9 +227,8 @@ Deployment LoadDeployment(const fs::path& file) {
   if (const std::optional<json> settings = ReadSettings(file)) {
     ReadObject(*settings, "", deployment);
   }
-  if (!deployment.identity_key_file.empty()) {
-    WarnOfOpenKey(deployment.identity_key_file);
-  }
+  WarnOfOpenKey("identity.key_file", deployment.identity_key_file);
+  WarnOfOpenKey("cloud.credential_key_file", deployment.cloud.credential_key_file);
   return deployment;
 }
 

@@ -7,6 +7,21 @@
 
 namespace varnel::utils {
 
+/// Where the maker's cloud is; without a host a region has none.
+struct CloudDeployment {
+  std::string int_api_host;
+  std::string int_account_host;
+  std::string cn_api_host;
+  std::string cn_account_host;
+  std::string local_server;  ///< of a board that talks to a server beside it; may have a port
+  std::string default_region = "int";
+  std::string country_code_path;    ///< of the API; empty: it is never asked for
+  std::string client_log_path;      ///< of the API; empty: failures are only logged here
+  std::string credential_key_file;  ///< of what the API encrypts for the device; empty: no key
+  bool allow_clear_credentials = false;
+  uint64_t disconnected_code = 401;  ///< of a reply: the server takes the device for disconnected
+};
+
 /// What the maker chooses at deployment. Every value has a working default.
 struct Deployment {
   /// Frames, archives and downloads fail below this much free space; 0 switches the check off.
@@ -18,6 +33,7 @@ struct Deployment {
   uint64_t identity_offset = 26'624;
   /// The key of an encrypted identity block; empty: there is none.
   std::string identity_key_file;
+  CloudDeployment cloud;
 };
 
 /// Reads the file once at start. A missing file means defaults; a broken one or one over 1 MiB the

@@ -40,6 +40,7 @@ class CommsManagerTest : public ::testing::Test {
     manager_.SetCloudEventCallback([this](const LinkEvent& event) { events_.Put(event.kind); });
     manager_.InitCloud("Varnel Cloud");
     ASSERT_EQ(manager_.ConnectCloud(endpoint_), CommsStatus::kOk);
+    manager_.SetCloudFilter([this] { return logging_out_.load(); });
     ASSERT_EQ(manager_.SetupCloudForwarding("SN1"), CommsStatus::kOk);
   }
   FakeMqttClient& Local() { return *clients_.at("Varnel Local"); }
@@ -64,6 +65,7 @@ class CommsManagerTest : public ::testing::Test {
   test::LogCapture log_;
   test::Mailbox<LinkEvent::Kind> events_;
   std::map<std::string, std::shared_ptr<FakeMqttClient>> clients_;
+  std::atomic<bool> logging_out_ = false;
   CommsManager manager_{[this](const std::string& name, Qos) {
     return clients_[name] = std::make_shared<FakeMqttClient>(name);
   }};
@@ -202,10 +204,10 @@ TEST_F(CommsManagerTest, ACloudRequestLivesAndDiesWithItsLink) {
   gate.count_down();
   EXPECT_TRUE(Logged("COMMS", "cloud link has ended, no answer to system.slow (id=1)"));
 
-  manager_.DropCloudRequests(true);
+  logging_out_ = true;
   Cloud().Arrive("SN1/request", R"({"id":3,"method":"system.open"})");
   EXPECT_TRUE(Logged("COMMS", "drop cloud request, logging out id: 3"));
-  manager_.DropCloudRequests(false);
+  logging_out_ = false;
   EXPECT_EQ(AskFromCloud(R"({"id":4,"method":"system.open"})")["id"], 4);
   EXPECT_EQ(Cloud().sent.Items().size(), 1U) << "nothing else was answered";
   manager_.DisconnectCloud();

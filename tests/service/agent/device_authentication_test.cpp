@@ -121,7 +121,7 @@ TEST_F(DeviceAuthenticationTest, ATokenReplyThatIsWrongLeavesTheOldTokens) {
        "Empty access token or refresh token"}};
   for (const Fault& fault : refresh) {
     Answer(kToken, fault.reply);
-    EXPECT_FALSE(device->RefreshToken());
+    EXPECT_FALSE(device->RefreshToken(nullptr));
     EXPECT_TRUE(log_.Has("MA_AUTH", fault.text)) << fault.reply;
   }
   EXPECT_EQ(Token(*device), "access-1");

@@ -120,10 +120,10 @@ constexpr DeviceApi::Endpoint kConnectAuth{"/api/device/connect/auth",
 }  // namespace
 
 DeviceApi::DeviceApi(DeviceAuthentication& authentication, int disconnected_code,
-                     std::function<void()> on_disconnected)
+                     std::function<void()> on_disconnected, int32_t timeout_s)
     : authentication_(authentication),
-      http_({.max_body_bytes = kMaxReplyBytes, .post_once = true}, authentication.Setup().stop,
-            *authentication.Setup().clock),
+      http_({.timeout_s = timeout_s, .max_body_bytes = kMaxReplyBytes, .post_once = true},
+            authentication.Setup().stop, *authentication.Setup().clock),
       disconnected_code_(disconnected_code),
       on_disconnected_(std::move(on_disconnected)) {}
 

@@ -20,8 +20,9 @@ class DeviceApi {
 
   /// @param disconnected_code of a reply: the server takes the device for disconnected
   /// @param on_disconnected called by the thread of the request
+  /// @param timeout_s of a whole request
   DeviceApi(DeviceAuthentication& authentication, int disconnected_code,
-            std::function<void()> on_disconnected);
+            std::function<void()> on_disconnected, int32_t timeout_s = HttpSettings().timeout_s);
 
   /// @param params "name" and "online"
   [[nodiscard]] bool ApiDeviceUpdate(const std::string& region, const nlohmann::json& params);

@@ -10,6 +10,7 @@
 #include "service/agent/auth/broker_access.h"
 #include "service/agent/auth/country_code.h"
 #include "service/agent/auth/credential_store.h"
+#include "service/agent/auth/link_credentials.h"
 #include "service/agent/auth/regions.h"
 #include "service/agent/auth/token_reply.h"
 #include "service/cloud/http/http_client.h"
@@ -33,7 +34,7 @@ struct AuthenticationSetup {
 /// Proves the device's identity to the cloud and holds what the cloud link needs: tokens, client
 /// certificate, region, country code. No operation throws but Sign(). Thread-safe, but for what is
 /// said to be the agent's.
-class DeviceAuthentication {
+class DeviceAuthentication : public LinkCredentials {
  public:
   explicit DeviceAuthentication(AuthenticationSetup setup);
   DeviceAuthentication(const DeviceAuthentication&) = delete;
@@ -45,35 +46,23 @@ class DeviceAuthentication {
     utils::SharedSecret token{};
   };
 
-  /// An unknown region becomes the default one. Another one than before forgets the tokens.
-  void SetRegion(const std::string& region);
+  void SetRegion(const std::string& region) override;
   [[nodiscard]] std::string Region() const;
 
-  /// Asks for new tokens with the device's signature.
-  /// @param lifetime_h how long they shall be good
-  [[nodiscard]] bool GetAccessToken(int64_t lifetime_h);
-  /// The last GetAccessToken() was refused because the device belongs to another region.
-  [[nodiscard]] bool IsRegionLocked() const { return region_locked_; }
-  /// Asks for new tokens with the old ones, one at a time; who waited for another one's attempt
-  /// takes its outcome.
-  /// @param refused what the server would not take any more: true at once if it has been replaced
-  ///   meanwhile; null: whatever there is
-  [[nodiscard]] bool RefreshToken(const utils::SharedSecret& refused = nullptr);
+  [[nodiscard]] bool GetAccessToken(int64_t lifetime_h) override;
+  [[nodiscard]] bool IsRegionLocked() const override { return region_locked_; }
+  [[nodiscard]] bool RefreshToken(const utils::SharedSecret& refused) override;
   /// Nothing for a region that is not in the table. The token is null while there is none.
   [[nodiscard]] std::optional<Access> AccessTo(const std::string& region) const;
-  void ForgetTokens();
+  void ForgetTokens() override;
 
-  /// Fills the authentication info, from the disk if possible. The agent's.
-  [[nodiscard]] bool GetAuthInfo();
-  /// "endpoint", "port", "clientid", paths in "client_cert", "client_key", "root_ca", and "region".
-  /// Nothing before GetAuthInfo() succeeded.
-  [[nodiscard]] std::optional<nlohmann::json> AuthInfo() const;
-  void ClearAuthInfo();
-  /// Deletes what the cloud link is made with. The agent's.
-  void RemoveClientCertificates();
+  [[nodiscard]] bool GetAuthInfo() override;
+  [[nodiscard]] std::optional<nlohmann::json> AuthInfo() const override;
+  void ClearAuthInfo() override;
+  void RemoveClientCertificates() override;
   [[nodiscard]] bool CheckCertExpired() const { return store_.CheckCertExpired(); }
 
-  void StartFetchCountryCode() { country_code_.StartFetchCountryCode(); }
+  void StartFetchCountryCode() override { country_code_.StartFetchCountryCode(); }
   /// The signature over the serial number, the operation and the nonce. Throws std::runtime_error.
   [[nodiscard]] std::string SignFor(const std::string& operate, const std::string& nonce) const;
 

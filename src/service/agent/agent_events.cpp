@@ -1,0 +1,160 @@
+// What happened since the last pass, in the order in which a pass looks at it.
+#include <utility>
+
+#include "service/agent/agent.h"
+#include "utils/log.h"
+#include "utils/log_text.h"
+
+namespace varnel::service {
+namespace {
+
+constexpr const char* kTag = "MA_AGENT";
+constexpr int kOffline = 0;
+
+bool IsBetween(AgentState state, AgentState first, AgentState last) {
+  return state >= first && state <= last;
+}
+
+}  // namespace
+
+void Agent::HandleReset() {
+  if (!reset_.exchange(false)) return;
+  if (state_ > AgentState::IDLE) {
+    const std::string region = LeaveCloud("Failed to update device status to offline (reset)");
+    (void)users_.CheckUserRecordsHTTP(region, true);
+  }
+  if (setup_.credentials != nullptr) {
+    setup_.credentials->RemoveClientCertificates();
+    setup_.credentials->ClearAuthInfo();
+    setup_.credentials->ForgetTokens();
+  }
+  cloud_region_.clear();
+  settings_.Change([](AgentConfig& config) { config.reset = false; });
+  SyncConfig();
+}
+
+void Agent::HandleServerDisconnected() {
+  if (!server_disconnected_.exchange(false)) return;
+  const AgentConfig config = settings_.Get();
+  if (config.link_mode != "wan" || region_changed_ || !comms_.IsCloudConnected()) {
+    VLOG_INFO(kTag, "HTTP server disconnected in LAN mode or region changed, no action taken");
+    return;
+  }
+  VLOG_INFO(kTag, "HTTP server disconnected, updating device status to offline");
+  ReportCloudFailure(CloudFailure::kServerDisconnected);
+  GoOffline(cloud_region_, "Failed to update device status to offline");
+  DropLink();
+  TransitionTo(AgentState::FETCHING_AUTH_INFO);
+}
+
+void Agent::HandleRegionChanged() {
+  if (!region_changed_.exchange(false)) return;
+  const AgentState state = state_;
+  if (state == AgentState::IDLE) {
+    VLOG_INFO(kTag, "Region changed in IDLE state, removing client certificates");
+    if (setup_.credentials != nullptr) setup_.credentials->RemoveClientCertificates();
+  } else if (IsBetween(state, AgentState::GET_ACCESS_TOKEN, AgentState::REGION_LOCKED)) {
+    const std::string region =
+        LeaveCloud("Failed to update device status to offline (region change)");
+    VLOG_INFO(kTag, "Region changed at state {}, logout user at previous region: {}", NameOf(state),
+              utils::LogText(region));
+    if (users_.CheckUserRecordsHTTP(region, true)) TransitionTo(AgentState::IDLE);
+  } else {
+    VLOG_INFO(kTag, "Region changed in state {}, no action taken", NameOf(state));
+  }
+}
+
+void Agent::HandleLanMode() {
+  const AgentState state = state_;
+  if (!IsBetween(state, AgentState::NETWORK_DETECTION, AgentState::REGION_LOCKED)) return;
+  if (settings_.Get().link_mode != "lan") return;
+  const std::string region =
+      LeaveCloud("Failed to update device status to offline (link mode change)");
+  VLOG_INFO(kTag, "Link mode changed to LAN at state {}, logout user at previous region: {}",
+            NameOf(state), utils::LogText(region));
+  if (users_.CheckUserRecordsHTTP(region, true))
+    VLOG_INFO(kTag, "Logout user at region: {}", utils::LogText(region));
+}
+
+void Agent::HandleCloudConnected() {
+  if (!cloud_connected_.exchange(false)) return;
+  if (state_ != AgentState::CONNECTING_BROKER) {
+    VLOG_WARN(kTag, "Cloud MQTT connected in state {}, ignored", NameOf(state_));
+    return;
+  }
+  connecting_ = false;
+  VLOG_INFO(kTag, "Connected to cloud broker");
+  const std::string region = cloud_region_;
+  const int status = online_status_;
+  (void)users_.CheckUserRecordsHTTP(region, false);
+  if (!users_.UpdateDeviceStatus(region, status))
+    VLOG_ERROR(kTag, "Failed to update device status");
+  announcer_.BoundUser(region, status);
+  TransitionTo(AgentState::CONNECTED);
+  server_disconnected_ = false;
+  SyncConfig();
+  Announce();
+}
+
+void Agent::HandleCloudDisconnected() {
+  if (!cloud_disconnected_.exchange(false)) return;
+  if (state_ == AgentState::CONNECTING_BROKER) {
+    OnConnectFailed();
+  } else if (state_ == AgentState::CONNECTED) {
+    OnConnectionLost();
+  } else {
+    VLOG_INFO(kTag, "Cloud MQTT disconnected in state {}, ignored", NameOf(state_));
+  }
+}
+
+void Agent::OnConnectFailed() {
+  connecting_ = false;
+  VLOG_WARN(kTag, "Failed to connect to cloud broker, retrying...");
+  pacing_.OnConnectFailed();
+  if (--budget_ >= 1) return;
+  VLOG_ERROR(kTag, "Exceeded maximum retries for connecting to broker, returning to IDLE state");
+  DropLink();
+  if (setup_.credentials != nullptr) {
+    setup_.credentials->RemoveClientCertificates();
+    setup_.credentials->ClearAuthInfo();
+  }
+  ReportCloudFailure(CloudFailure::kBrokerConnectFailed);
+  pacing_.OnCycleFailed();
+  TransitionTo(AgentState::IDLE);
+}
+
+void Agent::OnConnectionLost() {
+  ReportCloudFailure(CloudFailure::kConnectionLost);
+  if (taken_over_.exchange(false)) {
+    pacing_.OnTakenOver();
+  } else {
+    pacing_.OnLost();
+  }
+  TransitionTo(AgentState::CONNECTING_BROKER);
+  Announce();
+  comms_.DisconnectCloud();
+  GoOffline(cloud_region_, "Failed to update device status to offline (connection lost)");
+}
+
+std::string Agent::LeaveCloud(const char* offline_failure) {
+  const std::string region = cloud_region_;
+  TransitionTo(AgentState::IDLE);
+  Announce();
+  DropLink();
+  GoOffline(region, offline_failure);
+  return region;
+}
+
+void Agent::GoOffline(const std::string& region, const char* failure) {
+  if (!users_.UpdateDeviceStatus(region, kOffline)) VLOG_ERROR(kTag, "{}", failure);
+}
+
+void Agent::DropLink() {
+  comms_.DisconnectCloud();
+  cloud_connected_ = false;
+  cloud_disconnected_ = false;
+  taken_over_ = false;
+  connecting_ = false;
+}
+
+}  // namespace varnel::service

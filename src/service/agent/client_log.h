@@ -1,0 +1,52 @@
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "service/agent/auth/device_authentication.h"
+#include "service/cloud/http/http_client.h"
+#include "utils/clock.h"
+#include "utils/mutex.h"
+#include "utils/pausing_thread.h"
+
+namespace varnel::service {
+
+/// Sends reports about this device to the cloud's log, on a thread of its own: one a second, once
+/// the device may. The newest are kept until then. Thread-safe.
+class ClientLog {
+ public:
+  static constexpr size_t kMaxKept = 32;
+
+  /// @param path of the API; empty: reports only go to our own log
+  /// @param region whose cloud it is
+  ClientLog(DeviceAuthentication& authentication, std::string path,
+            std::function<std::string()> region);
+  ClientLog(const ClientLog&) = delete;
+  ClientLog& operator=(const ClientLog&) = delete;
+
+  void PostClientLog(const char* level, const std::string& message);
+
+ private:
+  struct Report {
+    std::string level;
+    std::string message;
+    int64_t time_ms;  ///< since the epoch
+  };
+
+  void Run(const utils::PausingThread::Pause& pause);
+  [[nodiscard]] std::optional<Report> Oldest() const;
+  void Forget(const Report& sent);
+  [[nodiscard]] bool Send(const Report& report);
+
+  DeviceAuthentication& authentication_;
+  const std::string path_;
+  const std::function<std::string()> region_;
+  HttpClient http_;
+  mutable utils::Mutex mutex_;
+  std::deque<Report> kept_ GUARDED_BY(mutex_);
+  std::optional<utils::PausingThread> task_;  // last: it uses the rest
+};
+
+}  // namespace varnel::service

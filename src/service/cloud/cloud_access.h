@@ -1,0 +1,56 @@
+#pragma once
+
+#include <memory>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+
+#include "service/agent/agent.h"
+#include "service/agent/auth/device_authentication.h"
+#include "service/cloud/http/http_client.h"
+#include "utils/mutex.h"
+
+namespace varnel::service {
+
+/// Requests to the cloud's API on behalf of the other services, with the device's right to make
+/// them. Thread-safe; nothing throws to the caller.
+class CloudAccess {
+ public:
+  /// Who knows whether the device is connected, and with what right.
+  struct Source {
+    std::shared_ptr<const Agent> agent{};
+    std::shared_ptr<DeviceAuthentication> authentication{};
+  };
+
+  /// @param stop ends requests
+  explicit CloudAccess(TransferStop stop, utils::Clock& clock = utils::SystemClock::Instance());
+
+  /// Without an agent there is no access.
+  void SetSource(Source source);
+
+  /// 0, or -1 with the reason in the log: then nothing has been sent.
+  [[nodiscard]] int GetAccess();
+  /// The body of the answer, whatever its status; empty without one. A token that is refused is
+  /// replaced, and the request sent once more.
+  /// @param where a path of the API, or a URL of its server
+  [[nodiscard]] std::string Post(const std::string& where, const nlohmann::json& document);
+
+ private:
+  using Access = DeviceAuthentication::Access;
+
+  [[nodiscard]] Source CurrentSource() const;
+  [[nodiscard]] std::optional<Access> FindAccess(const Source& source) const;
+  [[nodiscard]] std::optional<Access> CurrentAccess();
+  [[nodiscard]] std::optional<Access> RenewedAccess(const Access& refused);
+  [[nodiscard]] HttpResponse Send(const Access& access, const std::string& url,
+                                  const nlohmann::json& document);
+  [[nodiscard]] HttpResponse SendAgain(const Access& refused, const std::string& where,
+                                       const nlohmann::json& document);
+
+  HttpClient http_;
+  mutable utils::Mutex mutex_;
+  Source source_ GUARDED_BY(mutex_);
+  std::optional<Access> access_ GUARDED_BY(mutex_);
+};
+
+}  // namespace varnel::service

@@ -1,0 +1,163 @@
+#include "service/cloud/cloud_manager.h"
+
+#include <chrono>
+#include <random>
+#include <utility>
+
+#include "service/agent/agent.h"
+#include "service/agent/agent_methods.h"
+#include "service/agent/agent_settings.h"
+#include "service/agent/client_log.h"
+#include "service/agent/cloud_message_filter.h"
+#include "service/agent/comms_link.h"
+#include "service/agent/tcp_probe.h"
+#include "service/agent/user_manager.h"
+#include "utils/log.h"
+#include "utils/thread.h"
+
+namespace varnel::service {
+namespace {
+
+constexpr const char* kTag = "CLOUDSRV";
+constexpr std::chrono::seconds kStopLimit{2};
+constexpr std::chrono::milliseconds kStopLook{20};
+/// The agent's own requests hold up its loop.
+constexpr int32_t kAgentTimeoutS = 5;
+
+using Flag = std::shared_ptr<std::atomic<bool>>;
+
+AuthenticationSetup IdentityOf(const CloudSetup& setup, const Flag& stopping) {
+  AuthenticationSetup identity;
+  identity.serial_number = setup.serial_number;
+  identity.private_key = setup.private_key;
+  identity.firmware_version = setup.firmware_version;
+  identity.places = setup.places;
+  identity.country_code_path = setup.country_code_path;
+  identity.certificates = setup.data_root / "certs";
+  identity.credential_key = setup.credential_key;
+  identity.stop = [stopping] { return stopping->load(); };
+  identity.clock = setup.clock;
+  return identity;
+}
+
+/// From 0 up to 1, for one thread.
+std::function<double()> RandomNumbers() {
+  return [numbers = std::mt19937(std::random_device()())]() mutable {
+    return std::uniform_real_distribution<double>(0.0, 1.0)(numbers);
+  };
+}
+
+}  // namespace
+
+/// The agent and all that it works with. The agent's thread and the methods' registrations share
+/// it: one that is stuck in a call finds everything in its place.
+struct CloudManager::Side : std::enable_shared_from_this<CloudManager::Side> {
+  Side(const CloudSetup& setup, const Flag& stopping)
+      : comms(*setup.comms),
+        settings(setup.data_root / "mqtt/agent_config.json"),
+        authentication(IdentityOf(setup, stopping)),
+        api(MakeApi(setup, kAgentTimeoutS)),
+        link(comms, filter),
+        users(settings, authentication, *api, filter),
+        log(authentication, setup.client_log_path, [this] { return authentication.Region(); }),
+        agent(AgentSetupOf(setup, stopping)),
+        methods(agent, settings, users, authentication,
+                [this, &setup] { return MakeApi(setup, HttpSettings().timeout_s); }) {
+    users.SetListeners({.on_user =
+                            [this] {
+                              agent.SyncConfig();
+                              agent.SendStatusNotification();
+                            },
+                        .on_logout =
+                            [this](const std::string& region, const CloudUser& user) {
+                              agent.SyncConfig();
+                              if (link.IsCloudConnected()) agent.Announcer().Logout(user, region);
+                            }});
+  }
+
+  std::unique_ptr<DeviceApi> MakeApi(const CloudSetup& setup, int32_t timeout_s) {
+    return std::make_unique<DeviceApi>(
+        authentication, setup.disconnected_code, [this] { agent.OnServerDisconnected(); },
+        timeout_s);
+  }
+
+  AgentSetup AgentSetupOf(const CloudSetup& setup, const Flag& stopping) {
+    AgentSetup parts;
+    parts.data_root = setup.data_root;
+    parts.serial_number_file = setup.serial_number_file;
+    parts.serial_number = setup.serial_number;
+    parts.places = setup.places;
+    parts.settings = &settings;
+    parts.comms = &link;
+    parts.credentials = &authentication;
+    parts.users = &users;
+    parts.probe = TcpProbe([stopping] { return stopping->load(); });
+    parts.start_service = [this] { methods.Register(comms, shared_from_this()); };
+    parts.post_client_log = [this](const char* level, const std::string& message) {
+      log.PostClientLog(level, message);
+    };
+    parts.random = RandomNumbers();
+    parts.clock = setup.clock;
+    return parts;
+  }
+
+  comms::CommsManager& comms;
+  AgentSettings settings;
+  CloudMessageFilter filter;
+  DeviceAuthentication authentication;
+  const std::unique_ptr<DeviceApi> api;
+  CommsLink link;
+  UserManager users;
+  ClientLog log;
+  Agent agent;
+  AgentMethods methods;
+};
+
+CloudManager::CloudManager(CloudSetup setup)
+    : setup_(std::move(setup)),
+      access_([stopping = stopping_] { return stopping->load(); }, *setup_.clock) {}
+
+CloudManager::~CloudManager() {
+  if (side_) Stop();
+}
+
+void CloudManager::Start() {
+  if (side_) {
+    VLOG_WARN(kTag, "CloudManager already started, ignoring duplicate Start()");
+    return;
+  }
+  side_ = std::make_shared<Side>(setup_, stopping_);
+  access_.SetSource({{side_, &side_->agent}, {side_, &side_->authentication}});
+  finished_ = std::make_shared<std::atomic<bool>>(false);
+  thread_ = utils::SpawnGuarded("cloud-agent", kTag, [side = side_, finished = finished_] {
+    const std::shared_ptr<void> at_end(nullptr, [&](void*) { *finished = true; });
+    side->agent.PreConnectInit();
+    side->agent.Run();
+  });
+  VLOG_INFO(kTag, "CloudManager started: agent thread running");
+}
+
+void CloudManager::RequestStop() {
+  *stopping_ = true;
+  if (side_) side_->agent.Stop();
+}
+
+void CloudManager::Stop() {
+  if (!side_) return;
+  RequestStop();
+  const auto end = std::chrono::steady_clock::now() + kStopLimit;
+  while (!*finished_ && std::chrono::steady_clock::now() < end)
+    std::this_thread::sleep_for(kStopLook);
+  if (*finished_) {
+    thread_.join();
+  } else {
+    VLOG_WARN(kTag, "Agent thread did not exit within 2s, detaching");
+    thread_.detach();
+  }
+  side_->agent.ClearOnConnected();
+  access_.SetSource({});
+  side_.reset();
+  VLOG_INFO(kTag, "CloudManager stopped");
+}
+
+}  // namespace varnel::service

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <atomic>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "comms/comms_manager.h"
+#include "service/agent/auth/device_authentication.h"
+#include "service/cloud/cloud_access.h"
+#include "utils/clock.h"
+
+namespace varnel::service {
+
+/// What the cloud side of a board is made of.
+struct CloudSetup {
+  comms::CommsManager* comms = nullptr;  ///< outlives the manager
+  std::filesystem::path data_root = "/home/ruxo/printer_data";
+  std::filesystem::path serial_number_file = "/oem/printer_data/.ruxo.sn";
+  std::string serial_number{};
+  utils::SharedSecret private_key{};  ///< base64 of a DER private key
+  std::string firmware_version{};
+  CloudPlaces places{};
+  std::string country_code_path{};
+  std::string client_log_path{};  ///< empty: failures are only logged here
+  CredentialKey credential_key{};
+  int disconnected_code = 401;
+  utils::Clock* clock = &utils::SystemClock::Instance();
+};
+
+/// Owns the cloud agent and its thread. Start() and Stop() by one thread.
+class CloudManager {
+ public:
+  explicit CloudManager(CloudSetup setup);
+  /// Stops it.
+  ~CloudManager();
+  CloudManager(const CloudManager&) = delete;
+  CloudManager& operator=(const CloudManager&) = delete;
+
+  /// Once.
+  void Start();
+  /// Whatever talks to the cloud ends soon. Does not wait.
+  void RequestStop();
+  /// Waits for the agent, but not for long: one that hangs is left behind.
+  void Stop();
+
+  /// For the other services; null-safe at any time. Lives as long as the manager.
+  CloudAccess& Access() { return access_; }
+
+ private:
+  struct Side;
+
+  const CloudSetup setup_;
+  const std::shared_ptr<std::atomic<bool>> stopping_ = std::make_shared<std::atomic<bool>>(false);
+  CloudAccess access_;
+  std::shared_ptr<Side> side_;
+  std::shared_ptr<std::atomic<bool>> finished_;
+  std::jthread thread_;
+};
+
+}  // namespace varnel::service
