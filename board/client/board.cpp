@@ -35,6 +35,9 @@ std::vector<std::string> BootCommand(const BootOptions& options) {
   if (!options.start_daemon) words.emplace_back("--no-daemon");
   if (!options.start_broker) words.emplace_back("--no-broker");
   if (!options.npu) words.emplace_back("--no-npu");
+  if (options.clock) words.emplace_back("--clock");
+  if (options.device_key == KeyKind::kRsa) words.insert(words.end(), {"--device-key", "rsa"});
+  if (!options.cloud.empty()) words.insert(words.end(), {"--cloud", options.cloud.string()});
   for (const auto& [host, inside] : options.binds) {
     words.insert(words.end(), {"--bind", host, inside});
   }
@@ -67,7 +70,7 @@ std::unique_ptr<Board> Board::Attach(const fs::path& directory) {
 void Board::Launch(BootOptions options) {
   options.foreground = true;
   launcher_ = StartChild(BootCommand(options));
-  if (AwaitBoot(layout_, launcher_, options.start_broker)) return;
+  if (AwaitBoot(layout_, launcher_, options)) return;
   End();
   throw std::runtime_error("the board did not come up");
 }
@@ -175,6 +178,12 @@ void Board::ShowFrames(const std::vector<fs::path>& files) const {
   const fs::path frames = CameraFiles(layout_.Camera()).Frames();
   for (const auto& old : fs::directory_iterator(frames)) fs::remove(old);
   for (const fs::path& file : files) fs::copy_file(file, frames / file.filename());
+}
+
+void Board::SetClock(std::chrono::seconds ahead) const {
+  if (!ReplaceFile(layout_.ClockOffset(), std::to_string(ahead.count()) + "\n")) {
+    throw std::runtime_error("the clock cannot be set");
+  }
 }
 
 fs::path ChartFile(const std::string& name) {

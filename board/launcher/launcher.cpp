@@ -2,12 +2,15 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -80,15 +83,23 @@ void Boot(const BootOptions& options) {
   if (child < 0) throw std::runtime_error("no process for the board");
   const fs::path log = layout.Log() / "board.log";
   if (child == 0) BecomeInBackground(command, log);
-  if (!AwaitBoot(layout, child, options.start_broker)) {
+  if (!AwaitBoot(layout, child, options)) {
     throw std::runtime_error("the board did not come up, see " + log.string());
   }
 }
 
-bool AwaitBoot(const Layout& layout, pid_t launcher, bool with_broker) {
+void BecomeCloud(const fs::path& directory) {
+  ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+  ::setenv("PYTHONPATH", (ToolsDirectory() / "cloud").c_str(), 1);
+  Become({"/usr/bin/python3", "-B", "-m", "virtual_cloud", fs::absolute(directory)});
+}
+
+bool AwaitBoot(const Layout& layout, pid_t launcher, const BootOptions& options) {
   bool up = false;
   Await(kBootLimit, [&] {
-    up = ControlClient(layout).Call({"status"}) && (!with_broker || BrokerListens(layout));
+    up = ControlClient(layout).Call({"status"}) &&
+         (!options.start_broker || BrokerListens(layout)) &&
+         (options.cloud.empty() || fs::exists(layout.Joined()));
     return up || HasEnded(launcher);
   });
   return up;
