@@ -3,7 +3,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -19,12 +18,6 @@ using nlohmann::json;
 using namespace std::chrono_literals;
 
 namespace {
-
-fs::path TemporaryDirectory() {
-  std::string path = (fs::temp_directory_path() / "varnel-board-XXXXXX").string();
-  if (::mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary directory");
-  return path;
-}
 
 /// The command line that boots a board with these options.
 std::vector<std::string> BootCommand(const BootOptions& options) {
@@ -56,7 +49,7 @@ bool Ask(const Layout& layout, const std::vector<std::string>& request) {
 
 Board::Board(BootOptions options)
     : temporary_(options.directory.empty()),
-      layout_(temporary_ ? TemporaryDirectory() : options.directory) {
+      layout_(temporary_ ? NewTemporaryDirectory("varnel-board") : options.directory) {
   options.directory = layout_.Root();
   Launch(std::move(options));
 }

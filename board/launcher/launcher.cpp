@@ -6,7 +6,6 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,8 +13,8 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
-#include <thread>
 
+#include "virtual_board/common/await.h"
 #include "virtual_board/common/process.h"
 #include "virtual_board/launcher/prepare.h"
 #include "virtual_board/launcher/sandbox.h"
@@ -30,25 +29,8 @@ namespace {
 constexpr auto kBootLimit = 20s;
 constexpr int kStopLimitMs = 20'000;
 
-template <class Condition>
-bool Await(std::chrono::milliseconds limit, Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
-}
-
 bool BrokerListens(const Layout& layout) {
   return static_cast<bool>(ConnectUnix(layout.BrokerSocket(), SOCK_STREAM));
-}
-
-/// Leaves the child to be waited for.
-bool HasEnded(pid_t child) {
-  siginfo_t end{};
-  return ::waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG | WNOWAIT) != 0 ||
-         end.si_pid != 0;
 }
 
 [[noreturn]] void Become(const std::vector<std::string>& command) {
