@@ -3,12 +3,19 @@
 // takes them, connections are refused.
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
 #include <netinet/in.h>
+#include <netinet/ip.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -45,6 +52,39 @@ Fd Bound(int type, const char* address, uint16_t port) {
   return bound;
 }
 
+/// Sees every attempt to connect to the cloud, refused ones too: the IP packet that begins it,
+/// once.
+Fd AttemptsToConnect() {
+  constexpr uint32_t kCloudAddress = 0x7f000002;
+  constexpr uint32_t kPacketType = static_cast<uint32_t>(SKF_AD_OFF + SKF_AD_PKTTYPE);
+  constexpr uint32_t kSyn = 0x02;
+  constexpr uint32_t kSynAck = 0x12;
+  std::array<sock_filter, 11> program = {{
+      BPF_STMT(BPF_LD | BPF_B | BPF_ABS, kPacketType),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_HOST, 0, 8),
+      BPF_STMT(BPF_LD | BPF_B | BPF_ABS, offsetof(iphdr, protocol)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_TCP, 0, 6),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(iphdr, daddr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kCloudAddress, 0, 4),
+      BPF_STMT(BPF_LD | BPF_B | BPF_ABS, sizeof(iphdr) + offsetof(tcphdr, th_flags)),
+      BPF_STMT(BPF_ALU | BPF_AND | BPF_K, kSynAck),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kSyn, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, sizeof(iphdr) + sizeof(tcphdr)),
+      BPF_STMT(BPF_RET | BPF_K, 0),
+  }};
+  const sock_fprog filter{program.size(), program.data()};
+  Fd seen(::socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_ll place{};
+  place.sll_family = AF_PACKET;
+  place.sll_protocol = htons(ETH_P_IP);
+  place.sll_ifindex = static_cast<int>(::if_nametoindex("lo"));
+  if (::setsockopt(seen.Get(), SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) != 0 ||
+      ::bind(seen.Get(), reinterpret_cast<const sockaddr*>(&place), sizeof place) != 0) {
+    throw std::runtime_error(std::string("packets cannot be seen: ") + std::strerror(errno));
+  }
+  return seen;
+}
+
 constexpr size_t kListeners = 3;
 
 /// In the order in which the cloud expects them, those that listen first.
@@ -54,6 +94,7 @@ std::vector<Fd> WhatIsHanded() {
   handed.push_back(Bound(SOCK_STREAM, kCloud, 80));
   handed.push_back(Bound(SOCK_STREAM, kCloud, 8883));
   handed.push_back(Bound(SOCK_DGRAM, kNameServer, 53));
+  handed.push_back(AttemptsToConnect());
   handed.emplace_back(::open("/etc/hosts", O_RDWR | O_CLOEXEC));
   return handed;
 }

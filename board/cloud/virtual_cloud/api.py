@@ -2,7 +2,6 @@
 
 import base64
 import json
-import ssl
 import time
 from http.server import BaseHTTPRequestHandler
 from urllib.parse import parse_qsl, urlsplit
@@ -61,19 +60,28 @@ class Api:
         stream = connection.socket
         try:
             if contexts:
-                stream.settimeout(HANDSHAKE_LIMIT_S)
-                stream = contexts[certificate].wrap_socket(stream, server_side=True)
-                stream.settimeout(None)
-            connection.tls = bool(contexts)
-            _Handler(stream, connection, self)
-        except ssl.SSLError as error:
-            self.journal.write("handshake_failed", error=str(error), **connection.identity())
+                stream = self._with_tls(connection, contexts[certificate])
+            if stream:
+                _Handler(stream, connection, self)
         except OSError:
             pass  # the other side, or a fault, has ended it
         except Exception as error:  # whatever a device sends, the others are served
             self.journal.write("error", text=repr(error), **connection.identity())
         finally:
-            stream.close()
+            if stream:
+                stream.close()
+
+    def _with_tls(self, connection, context):
+        """Nothing when it failed; the socket is closed then."""
+        try:
+            connection.socket.settimeout(HANDSHAKE_LIMIT_S)
+            stream = context.wrap_socket(connection.socket, server_side=True)
+            stream.settimeout(None)
+            return stream
+        except OSError as error:
+            self.journal.write("handshake_failed", error=str(error), **connection.identity())
+            connection.socket.close()
+            return None
 
 
 class _Handler(BaseHTTPRequestHandler):

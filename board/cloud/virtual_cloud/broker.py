@@ -57,6 +57,8 @@ class Broker:
         self._lock = threading.Lock()  # of what follows
         self._refused = set()
         self._process = None
+        self._killed = None  # the process that was ended on purpose
+        self._hindrances = {"not started"}
         self._wanted = threading.Event()
         self._running = threading.Event()
         os.makedirs("broker/settings", mode=0o700, exist_ok=True)
@@ -65,7 +67,7 @@ class Broker:
 
     def start(self):
         """Returns when it takes connections."""
-        self._wanted.set()
+        self.want("not started", True)
         if not self._running.wait(START_LIMIT_S):
             raise RuntimeError("the broker does not start, see broker/log")
 
@@ -73,13 +75,34 @@ class Broker:
         """Returns when it has ended, unless it is only told to stand still or to go on."""
         ends = number not in (signal.SIGSTOP, signal.SIGCONT)
         if ends:
-            self._wanted.clear()
+            self._hinder("not started")
         process = self._process
+        if process and ends:
+            self._killed = process
         if process:
             process.send_signal(number)
         if process and ends:
             process.wait()
             self._running.clear()
+
+    def want(self, reason, there):
+        """It runs as long as no reason hinders it; one that comes up kills it."""
+        if there:
+            with self._lock:
+                self._hindrances.discard(reason)
+                if not self._hindrances:
+                    self._wanted.set()
+        elif self._hinder(reason) and self._process:
+            self._killed = self._process
+            self._process.kill()
+
+    def _hinder(self, reason):
+        """Whether it is new."""
+        with self._lock:
+            new = reason not in self._hindrances
+            self._hindrances.add(reason)
+            self._wanted.clear()
+        return new
 
     def running(self):
         return self._running.is_set()
@@ -139,7 +162,7 @@ class Broker:
                     self._record(line.decode(errors="replace").rstrip())
             process.wait()
         self._running.clear()
-        if self._wanted.is_set():
+        if self._killed is not process:
             self._journal.write("broker", text="it ended by itself")
             time.sleep(RESTART_PAUSE_S)
 

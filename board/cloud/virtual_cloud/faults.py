@@ -35,6 +35,7 @@ Others; WHERE is *:
 
     no-subscribe *             the broker refuses all subscriptions of the device
     no-names *                 no name server answers
+    no-broker *                the broker of all devices is killed, and started when the line has gone
 """
 
 import fnmatch

@@ -12,7 +12,8 @@ from . import faults, places, wire
 from .broker import socket_of
 
 LISTENERS = ("api", "local", "broker")
-HANDED = (*LISTENERS, "names", "hosts")  # in this order
+HANDED = (*LISTENERS, "names", "attempts", "hosts")  # in this order
+PORTS = {443: "api", 80: "local", 8883: "broker"}
 TICK_S = 0.05
 BACKLOG = 128
 NO_NAMES = b"127.0.0.1 localhost\n"
@@ -24,10 +25,14 @@ class Connection:
     board: str
     listener: str
     socket: socket.socket
-    tls: bool = False
 
     def identity(self):
-        return {"connection": self.number, "board": self.board, "listener": self.listener, "tls": self.tls}
+        return {
+            "connection": self.number,
+            "board": self.board,
+            "listener": self.listener,
+            "tls": self.listener != "local",
+        }
 
 
 @dataclass
@@ -97,6 +102,7 @@ class Gate:
         self._boards[board.name] = board
         self._watch(uplink, lambda: self._let_out(board))
         self._watch(board.sockets["names"], lambda: self._swallow(board))
+        self._watch(board.sockets["attempts"], lambda: self._see_attempt(board))
         self._follow_board(board)
         uplink.send(b"welcome")
         self._journal.write("joined", board=board.name)
@@ -107,13 +113,24 @@ class Gate:
             return
         for listener in list(board.listening):
             self._close(board, listener)
-        self._selector.unregister(board.sockets["names"])
+        for always in ("names", "attempts"):
+            self._selector.unregister(board.sockets[always])
         self._selector.unregister(board.uplink)
         self._set_names(board, True)
         for handed in (*board.sockets.values(), board.uplink):
             handed.close()
         os.close(board.hosts)
         del self._boards[board.name]
+
+    def _see_attempt(self, board):
+        """The first packet of a connection; one that nobody takes leaves no other trace."""
+        packet = board.sockets["attempts"].recv(128)
+        head = (packet[0] & 0x0F) * 4
+        listener = PORTS.get(int.from_bytes(packet[head + 2 : head + 4], "big"))
+        if listener and listener not in board.listening:
+            standing = self._faults.standing({"refuse", "no-broker"}, listener, board.name)
+            fault = standing[0].name if standing else None
+            self._journal.write("refused", board=board.name, listener=listener, fault=fault)
 
     def _swallow(self, board):
         """A question to the name server, which never answers."""
@@ -128,6 +145,7 @@ class Gate:
     def _follow(self):
         """Brings about what the faults and the broker ask for."""
         self._faults.look()
+        self._broker.want("no-broker", not self._faults.standing({"no-broker"}, "broker", ""))
         state = (self._faults.version, self._broker.running())
         if state == self._state:
             return
