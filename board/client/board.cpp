@@ -3,7 +3,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -20,12 +19,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-fs::path TemporaryDirectory() {
-  std::string path = (fs::temp_directory_path() / "varnel-board-XXXXXX").string();
-  if (::mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary directory");
-  return path;
-}
-
 /// The command line that boots a board with these options.
 std::vector<std::string> BootCommand(const BootOptions& options) {
   std::vector<std::string> words = {VARNEL_BOARD_PROGRAM, "boot", options.directory.string()};
@@ -35,6 +28,9 @@ std::vector<std::string> BootCommand(const BootOptions& options) {
   if (!options.start_daemon) words.emplace_back("--no-daemon");
   if (!options.start_broker) words.emplace_back("--no-broker");
   if (!options.npu) words.emplace_back("--no-npu");
+  if (options.clock) words.emplace_back("--clock");
+  if (options.device_key == KeyKind::kRsa) words.insert(words.end(), {"--device-key", "rsa"});
+  if (!options.cloud.empty()) words.insert(words.end(), {"--cloud", options.cloud.string()});
   for (const auto& [host, inside] : options.binds) {
     words.insert(words.end(), {"--bind", host, inside});
   }
@@ -53,7 +49,7 @@ bool Ask(const Layout& layout, const std::vector<std::string>& request) {
 
 Board::Board(BootOptions options)
     : temporary_(options.directory.empty()),
-      layout_(temporary_ ? TemporaryDirectory() : options.directory) {
+      layout_(temporary_ ? NewTemporaryDirectory("varnel-board") : options.directory) {
   options.directory = layout_.Root();
   Launch(std::move(options));
 }
@@ -67,7 +63,7 @@ std::unique_ptr<Board> Board::Attach(const fs::path& directory) {
 void Board::Launch(BootOptions options) {
   options.foreground = true;
   launcher_ = StartChild(BootCommand(options));
-  if (AwaitBoot(layout_, launcher_, options.start_broker)) return;
+  if (AwaitBoot(layout_, launcher_, options)) return;
   End();
   throw std::runtime_error("the board did not come up");
 }
@@ -175,6 +171,12 @@ void Board::ShowFrames(const std::vector<fs::path>& files) const {
   const fs::path frames = CameraFiles(layout_.Camera()).Frames();
   for (const auto& old : fs::directory_iterator(frames)) fs::remove(old);
   for (const fs::path& file : files) fs::copy_file(file, frames / file.filename());
+}
+
+void Board::SetClock(std::chrono::seconds ahead) const {
+  if (!ReplaceFile(layout_.ClockOffset(), std::to_string(ahead.count()) + "\n")) {
+    throw std::runtime_error("the clock cannot be set");
+  }
 }
 
 fs::path ChartFile(const std::string& name) {

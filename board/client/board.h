@@ -99,6 +99,9 @@ class Board {
   [[nodiscard]] std::string DaemonLog() const;
   [[nodiscard]] std::string SystemLog() const;
 
+  /// The daemon of a board booted with `clock` sees a wall clock that is ahead by so much.
+  void SetClock(std::chrono::seconds ahead) const;
+
   /// Faults of both cameras, in the language of camera/faults.h; empty: none.
   void SetCameraFaults(const std::string& text) const;
   /// The fault lines that are left.

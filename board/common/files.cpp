@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <sys/file.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <stdexcept>
 #include <system_error>
 
 #include "virtual_board/common/fd.h"
@@ -33,6 +35,12 @@ bool EditFile(const std::filesystem::path& path,
   const Fd lock(::open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!lock || ::flock(lock.Get(), LOCK_EX) != 0) return false;
   return ReplaceFile(path, edit(ReadFile(path)));
+}
+
+std::filesystem::path NewTemporaryDirectory(const std::string& name) {
+  std::string path = (std::filesystem::temp_directory_path() / (name + "-XXXXXX")).string();
+  if (::mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary directory");
+  return path;
 }
 
 }  // namespace varnel::board

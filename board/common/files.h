@@ -15,4 +15,7 @@ bool ReplaceFile(const std::filesystem::path& path, const std::string& content);
 bool EditFile(const std::filesystem::path& path,
               const std::function<std::string(const std::string&)>& edit);
 
+/// A new directory for temporary files, its name begins with this. Throws std::runtime_error.
+std::filesystem::path NewTemporaryDirectory(const std::string& name);
+
 }  // namespace varnel::board

@@ -96,6 +96,12 @@ pid_t StartChild(const std::vector<std::string>& command) {
   ::_exit(127);
 }
 
+bool HasEnded(pid_t child) {
+  siginfo_t end{};
+  return ::waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+         end.si_pid != 0;
+}
+
 int AwaitChild(pid_t child) {
   int status = 0;
   while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {

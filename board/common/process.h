@@ -24,6 +24,8 @@ ProgramResult RunProgram(const std::vector<std::string>& arguments,
 /// Starts a program found through PATH, which ends with the calling thread. Throws
 /// std::runtime_error when there is no process left.
 pid_t StartChild(const std::vector<std::string>& command);
+/// Whether it has; it is left to be waited for.
+bool HasEnded(pid_t child);
 /// Waits for its end; as ShellStatus() tells it.
 int AwaitChild(pid_t child);
 

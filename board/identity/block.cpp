@@ -73,6 +73,14 @@ std::string SealedIdentityBlock(const std::string& payload, const std::string& k
   return Block(1, nonce + Seal(text, key, nonce));
 }
 
+std::string ReadClearIdentityBlock(const std::filesystem::path& file) {
+  const Fd storage(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  std::string block(kBlock, '\0');
+  const ssize_t got = storage ? ::pread(storage.Get(), block.data(), kBlock, kIdentityOffset) : -1;
+  if (got != static_cast<ssize_t>(kBlock) || block.compare(0, kHead, Block(0, "")) != 0) return {};
+  return block.substr(kHead, block.find('\0', kHead) - kHead);
+}
+
 std::string ReadKeyFile(const std::filesystem::path& file) {
   std::string key = ReadFile(file);
   if (key.size() == kKey) return key;

@@ -16,6 +16,9 @@ std::string ClearIdentityBlock(const std::string& payload);
 /// Format 1: the payload under AES-256-GCM with a key of 32 bytes and a fresh nonce.
 std::string SealedIdentityBlock(const std::string& payload, const std::string& key);
 
+/// The payload of a block in clear; empty when there is none in the file.
+std::string ReadClearIdentityBlock(const std::filesystem::path& file);
+
 /// The 32 bytes of a key file, which holds them as they are or as 64 hexadecimal digits.
 std::string ReadKeyFile(const std::filesystem::path& file);
 

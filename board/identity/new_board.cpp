@@ -1,12 +1,7 @@
 #include "virtual_board/identity/new_board.h"
 
-#include <openssl/ec.h>
-#include <openssl/evp.h>
-#include <openssl/x509.h>
-
 #include <array>
 #include <cstdio>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <stdexcept>
@@ -19,8 +14,6 @@ namespace varnel::board {
 namespace fs = std::filesystem;
 
 namespace {
-
-using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 
 constexpr const char* kCpuInfo =
     "processor\t: 0\n"
@@ -40,19 +33,6 @@ void WriteOnce(const fs::path& file, const std::string& content) {
   if (!ReplaceFile(file, content)) throw std::runtime_error("cannot write " + file.string());
 }
 
-/// A fresh key of an elliptic curve, as the base64 text of its DER form.
-std::string NewPrivateKey() {
-  const Key key(EVP_EC_gen("P-256"), EVP_PKEY_free);
-  unsigned char* der = nullptr;
-  const int size = key ? i2d_PrivateKey(key.get(), &der) : -1;
-  if (size <= 0) throw std::runtime_error("no private key can be made");
-  std::string text(static_cast<size_t>(size + 2) / 3 * 4 + 1, '\0');
-  EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), der, size);
-  OPENSSL_clear_free(der, static_cast<size_t>(size));
-  text.pop_back();
-  return text;
-}
-
 unsigned RandomNumber(unsigned below) {
   std::random_device device;
   return std::uniform_int_distribution<unsigned>(0, below - 1)(device);
@@ -64,18 +44,18 @@ std::string Formatted(const char* format, unsigned number) {
   return text.data();
 }
 
-void MakeIdentityBlock(const fs::path& storage) {
+void MakeIdentityBlock(const fs::path& storage, KeyKind key) {
   if (fs::exists(storage)) return;
   const nlohmann::json identity = {{"SerialNumber", Formatted("VB%08u", RandomNumber(100'000'000))},
                                    {"ProductCode", "VBOARD"},
-                                   {"PrivateKey", NewPrivateKey()}};
+                                   {"PrivateKey", NewPrivateKey(key)}};
   WriteIdentityBlock(storage, kIdentityOffset, ClearIdentityBlock(identity.dump()));
 }
 
 }  // namespace
 
-void WriteIdentityFiles(const Layout& layout) {
-  MakeIdentityBlock(layout.Dev() / "mmcblk0");
+void WriteIdentityFiles(const Layout& layout, KeyKind key) {
+  MakeIdentityBlock(layout.Dev() / "mmcblk0", key);
   WriteOnce(layout.Etc() / "VERSION", "1.0.0\n");
   WriteOnce(layout.Etc() / "FULLVERSION", "1.0.0-virtual\n");
   WriteOnce(layout.Sys() / "bus/iio/devices/iio:device0/in_voltage2_raw", kHardwareVoltage);

@@ -28,6 +28,12 @@ CameraKind ParseCamera(const std::string& name) {
   throw std::invalid_argument("unknown camera " + name);
 }
 
+KeyKind ParseKeyKind(const std::string& name) {
+  if (name == "ec") return KeyKind::kEc;
+  if (name == "rsa") return KeyKind::kRsa;
+  throw std::invalid_argument("unknown kind of key " + name);
+}
+
 void TakeBind(BootOptions& options, Words& words) {
   const std::string host = std::filesystem::absolute(words.Take("--bind"));
   options.binds.emplace_back(host, words.Take("--bind"));
@@ -46,6 +52,10 @@ const std::map<std::string, Action>& Actions() {
       {"--no-daemon", [](auto& o, auto&) { o.start_daemon = false; }},
       {"--no-broker", [](auto& o, auto&) { o.start_broker = false; }},
       {"--no-npu", [](auto& o, auto&) { o.npu = false; }},
+      {"--clock", [](auto& o, auto&) { o.clock = true; }},
+      {"--device-key",
+       [](auto& o, auto& words) { o.device_key = ParseKeyKind(words.Take("--device-key")); }},
+      {"--cloud", [](auto& o, auto& words) { o.cloud = words.Take("--cloud"); }},
       {"--foreground", [](auto& o, auto&) { o.foreground = true; }},
       {"--bind", TakeBind},
       {"--setenv", TakeVariable},

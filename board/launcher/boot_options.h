@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "virtual_board/identity/device_key.h"
+
 namespace varnel::board {
 
 enum class CameraKind { kMipi, kUsb };
@@ -18,6 +20,9 @@ struct BootOptions {
   bool start_daemon = true;
   bool start_broker = true;
   bool npu = true;
+  bool clock = false;                 ///< the daemon's clock can be set, see Layout::ClockOffset()
+  KeyKind device_key = KeyKind::kEc;  ///< of an identity that is made at this boot
+  std::filesystem::path cloud;        ///< directory of a running cloud; empty: none is in reach
   bool foreground = false;  ///< the caller becomes the board, which ends with the caller's parent
   std::vector<std::pair<std::string, std::string>> binds;  ///< host path, path inside
   std::map<std::string, std::string> environment;          ///< added for all programs inside

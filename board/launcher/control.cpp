@@ -49,6 +49,9 @@ Fd ListenForControl() {
 ControlClient::ControlClient(const Layout& layout)
     : socket_(ConnectUnix(layout.Control() / "control", SOCK_SEQPACKET)) {}
 
+ControlClient::ControlClient(const CloudFiles& cloud)
+    : socket_(ConnectUnix(cloud.Control(), SOCK_SEQPACKET)) {}
+
 pid_t ControlClient::HostPid() const {
   ucred peer{};
   socklen_t size = sizeof peer;

@@ -8,13 +8,15 @@
 #include <string>
 #include <vector>
 
+#include "virtual_board/cloud/cloud_files.h"
 #include "virtual_board/common/fd.h"
 #include "virtual_board/launcher/layout.h"
 
 namespace varnel::board {
 
-/// A request to the first process of a running board: a JSON array of words, answered by one JSON
-/// object, each in a packet of its own.
+/// A request to a running board or cloud: a JSON array of words, answered by one JSON object, each
+/// in a packet of its own. That of a cloud are told in virtual_cloud/control.py; those to the first
+/// process of a board:
 ///
 ///     start NAME [ARGUMENT...]   starts a service, with other arguments when some are given
 ///     run NAME COMMAND...        starts another service, which from then on is one like the others
@@ -27,10 +29,11 @@ namespace varnel::board {
 class ControlClient {
  public:
   explicit ControlClient(const Layout& layout);
+  explicit ControlClient(const CloudFiles& cloud);
 
-  /// False when no board runs in that directory.
+  /// False when none runs in that directory.
   [[nodiscard]] bool Connected() const { return static_cast<bool>(socket_); }
-  /// The board's first process as the host sees it; 0 without a board.
+  /// The board's first process, or the cloud's, as the host sees it; 0 when there is none.
   [[nodiscard]] pid_t HostPid() const;
   /// Nothing when no answer came in time.
   std::optional<nlohmann::json> Call(const std::vector<std::string>& words,

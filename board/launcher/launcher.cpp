@@ -2,17 +2,19 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
-#include <thread>
 
+#include "virtual_board/common/await.h"
 #include "virtual_board/common/process.h"
 #include "virtual_board/launcher/prepare.h"
 #include "virtual_board/launcher/sandbox.h"
@@ -27,25 +29,8 @@ namespace {
 constexpr auto kBootLimit = 20s;
 constexpr int kStopLimitMs = 20'000;
 
-template <class Condition>
-bool Await(std::chrono::milliseconds limit, Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
-}
-
 bool BrokerListens(const Layout& layout) {
   return static_cast<bool>(ConnectUnix(layout.BrokerSocket(), SOCK_STREAM));
-}
-
-/// Leaves the child to be waited for.
-bool HasEnded(pid_t child) {
-  siginfo_t end{};
-  return ::waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG | WNOWAIT) != 0 ||
-         end.si_pid != 0;
 }
 
 [[noreturn]] void Become(const std::vector<std::string>& command) {
@@ -80,15 +65,23 @@ void Boot(const BootOptions& options) {
   if (child < 0) throw std::runtime_error("no process for the board");
   const fs::path log = layout.Log() / "board.log";
   if (child == 0) BecomeInBackground(command, log);
-  if (!AwaitBoot(layout, child, options.start_broker)) {
+  if (!AwaitBoot(layout, child, options)) {
     throw std::runtime_error("the board did not come up, see " + log.string());
   }
 }
 
-bool AwaitBoot(const Layout& layout, pid_t launcher, bool with_broker) {
+void BecomeCloud(const fs::path& directory) {
+  ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+  ::setenv("PYTHONPATH", (ToolsDirectory() / "cloud").c_str(), 1);
+  Become({"/usr/bin/python3", "-B", "-m", "virtual_cloud", fs::absolute(directory)});
+}
+
+bool AwaitBoot(const Layout& layout, pid_t launcher, const BootOptions& options) {
   bool up = false;
   Await(kBootLimit, [&] {
-    up = ControlClient(layout).Call({"status"}) && (!with_broker || BrokerListens(layout));
+    up = ControlClient(layout).Call({"status"}) &&
+         (!options.start_broker || BrokerListens(layout)) &&
+         (options.cloud.empty() || fs::exists(layout.Joined()));
     return up || HasEnded(launcher);
   });
   return up;

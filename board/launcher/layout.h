@@ -37,6 +37,13 @@ class Layout {
   [[nodiscard]] std::filesystem::path Networks() const {
     return EtcVarnel() / "camera_service/model";
   }
+  /// By how many seconds the clock of the daemon of a board booted for it is ahead; may change at
+  /// any time.
+  [[nodiscard]] std::filesystem::path ClockOffset() const { return Control() / "clock-offset"; }
+  /// There as long as the cloud has the board.
+  [[nodiscard]] std::filesystem::path Joined() const { return Control() / "joined"; }
+  /// The certificates that a board with a cloud trusts.
+  [[nodiscard]] std::filesystem::path TrustedCertificates() const { return Etc() / "ssl-certs"; }
   /// Answers of the i2cdetect stand-in.
   [[nodiscard]] std::filesystem::path I2c() const { return Control() / "i2c"; }
   [[nodiscard]] std::filesystem::path DaemonLog() const {
@@ -56,6 +63,10 @@ constexpr const char* kBrokerSocket = "/run/varnel-board/mosquitto.sock";
 constexpr const char* kLog = "/var/log";
 constexpr const char* kTools = "/opt/varnel/board";
 constexpr const char* kNpuLibraries = "/opt/varnel/board/npu";
+constexpr const char* kClock = "/opt/varnel/board/varnel-virtual-clock.so";
+constexpr const char* kUplink = "/opt/varnel/board/varnel-uplink";
+constexpr const char* kWire = "/opt/varnel/wire";
+constexpr const char* kJoined = "/run/varnel-board/joined";
 constexpr const char* kDaemon = "/opt/varnel/bin/varnel";
 constexpr const char* kBrokerConfig = "/etc/mosquitto.conf";
 }  // namespace inside

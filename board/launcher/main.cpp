@@ -26,6 +26,10 @@ using Words = std::vector<std::string>;
 constexpr const char* kUsage = R"(Usage:
   varnel-board boot DIR [--camera mipi|usb] [--daemon PROGRAM] [--no-daemon] [--no-broker] [--no-npu]
                         [--foreground] [--bind HOST INSIDE]... [--setenv NAME VALUE]...
+                        [--cloud DIR] [--device-key ec|rsa] [--clock]
+      --cloud        joins the cloud that runs in that directory
+      --device-key   the kind of key that a new board gets
+      --clock        the daemon's clock is ahead by the seconds in run/varnel-board/clock-offset
   varnel-board exec DIR COMMAND...           runs a command inside the board
   varnel-board net DIR COMMAND...            runs a command of the host on the board's network
   varnel-board start-daemon DIR [ARGUMENT...]
@@ -37,6 +41,11 @@ constexpr const char* kUsage = R"(Usage:
   varnel-board signal-service DIR NAME SIGNAL
   varnel-board status DIR
   varnel-board stop DIR
+  varnel-board cloud DIR                     a cloud for any number of boards; prints "ready", and runs until a
+                                             signal or its parent's end. DIR/faults, DIR/journal.jsonl
+  varnel-board tell-cloud DIR COMMAND...     status, device SN, bind SN USER NAME, unbind SN, lock SN REGION,
+                                             unlock SN, revoke SN, revoke-all SN, token-life S, certificate-life S,
+                                             kill-broker [SIGNAL], start-broker, restart-broker, take-over SN
 )";
 
 int Usage() {
@@ -147,6 +156,18 @@ int StopBoard(const Layout& layout, const Words&) {
   return Stop(layout) ? 0 : 1;
 }
 
+int TellCloud(const Layout& layout, const Words& words) {
+  if (words.empty()) return Usage();
+  const auto answer = ControlClient(CloudFiles(layout.Root())).Call(words, 30s);
+  if (!answer) throw std::runtime_error("no cloud runs in " + layout.Root().string());
+  std::cout << answer->dump(2) << "\n";
+  return answer->value("ok", false) ? 0 : 1;
+}
+
+int RunCloud(const Layout& layout, const Words&) {
+  BecomeCloud(layout.Root());
+}
+
 using Verb = std::function<int(const Layout&, const Words&)>;
 const std::map<std::string, Verb>& Verbs() {
   static const std::map<std::string, Verb> verbs = {
@@ -161,12 +182,18 @@ const std::map<std::string, Verb>& Verbs() {
       {"signal-service", SignalService},
       {"status", PrintStatus},
       {"stop", StopBoard},
+      {"cloud", RunCloud},
+      {"tell-cloud", TellCloud},
   };
   return verbs;
 }
 
 int Run(const Words& words) {
   if (words.size() == 1 && words[0] == "init") ::_exit(Supervisor().Run());
+  if (words.size() == 1 && words[0] == "--help") {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
   if (words.size() < 2) return Usage();
   if (words[0] == "boot") {
     Boot(ParseBootOptions({words.begin() + 1, words.end()}));

@@ -5,6 +5,7 @@
 
 #include "virtual_board/common/files.h"
 #include "virtual_board/identity/new_board.h"
+#include "virtual_board/launcher/join_cloud.h"
 
 namespace varnel::board {
 
@@ -93,8 +94,9 @@ void PlaceNpuDriver(const BootOptions& options, const Layout& layout) {
 
 void ForgetLastBoot(const Layout& layout) {
   for (const fs::path& file :
-       {layout.BrokerSocket(), layout.Control() / "control", layout.Camera() / "journal",
-        layout.Camera() / "faults", layout.Npu() / "faults", layout.Npu() / "state.json"}) {
+       {layout.BrokerSocket(), layout.Control() / "control", layout.Joined(), layout.ClockOffset(),
+        layout.Camera() / "journal", layout.Camera() / "faults", layout.Npu() / "faults",
+        layout.Npu() / "state.json"}) {
     fs::remove(file);
   }
 }
@@ -103,12 +105,28 @@ json Service(const char* name, const std::vector<std::string>& command, bool sta
   return {{"name", name}, {"command", command}, {"start", start}};
 }
 
-void WriteServices(const BootOptions& options, const Layout& layout) {
+/// Variables of the daemon alone.
+json DaemonEnvironment(const BootOptions& options) {
+  json environment = json::object();
+  if (!options.clock) return environment;
+  environment["LD_PRELOAD"] = inside::kClock;
+  // The clock comes before the sanitizer's library, which else refuses to run.
+  const auto settings = options.environment.find("ASAN_OPTIONS");
+  environment["ASAN_OPTIONS"] =
+      (settings == options.environment.end() ? "" : settings->second + ":") +
+      "verify_asan_link_order=0";
+  return environment;
+}
+
+/// @param device the board's name in the cloud; empty without one
+void WriteServices(const BootOptions& options, const Layout& layout, const std::string& device) {
   json services = json::array();
+  if (!device.empty()) services.push_back(Service("uplink", {inside::kUplink, device}, true));
   services.push_back(Service("broker", {"/usr/sbin/mosquitto", "-c", inside::kBrokerConfig},
                              options.start_broker));
   if (!options.daemon.empty()) {
     services.push_back(Service("daemon", {inside::kDaemon}, options.start_daemon));
+    services.back()["environment"] = DaemonEnvironment(options);
   }
   const json all = {{"environment", BoardEnvironment(options)}, {"services", services}};
   Write(layout.Services(), all.dump(2) + "\n");
@@ -133,12 +151,13 @@ void PrepareBoard(const BootOptions& options, const Layout& layout, const fs::pa
   MakeDirectories(layout);
   ForgetLastBoot(layout);
   WriteSystemFiles(layout);
-  WriteIdentityFiles(layout);
+  WriteIdentityFiles(layout, options.device_key);
   PlaceFrames(layout, tools);
   PlaceNetworks(layout, tools);
   PlaceNpuDriver(options, layout);
   WriteOnce(layout.I2c() / "answer", kFreeI2cAddress);
-  WriteServices(options, layout);
+  const std::string device = options.cloud.empty() ? "" : JoinCloud(options.cloud, layout);
+  WriteServices(options, layout, device);
 }
 
 }  // namespace varnel::board

@@ -1,5 +1,6 @@
 #include "virtual_board/launcher/sandbox.h"
 
+#include "virtual_board/cloud/cloud_files.h"
 #include "virtual_board/launcher/prepare.h"
 
 namespace varnel::board {
@@ -41,10 +42,22 @@ void AddSystem(Command& command) {
   command.Add({"--symlink", "usr/sbin", "/sbin", "--symlink", "usr/lib", "/lib"});
   command.Add({"--symlink", "usr/lib64", "/lib64", "--proc", "/proc", "--dev", "/dev"});
   command.Add({"--dir", "/root", "--dir", "/var/tmp", "--tmpfs", "/mnt"});
-  for (const char* shared :
-       {"/etc/alternatives", "/etc/ssl/certs", "/etc/ssl/openssl.cnf", "/etc/ld.so.cache"}) {
+  for (const char* shared : {"/etc/alternatives", "/etc/ssl/openssl.cnf", "/etc/ld.so.cache"}) {
     command.Add({"--ro-bind-try", shared, shared});
   }
+}
+
+/// The network of a board with a cloud: its own names and name server, and nobody else is trusted.
+void AddNetwork(Command& command, const BootOptions& options, const Layout& layout) {
+  if (options.cloud.empty()) {
+    command.Add({"--ro-bind-try", "/etc/ssl/certs", "/etc/ssl/certs"});
+    command.BindReadOnly(layout.Etc() / "hosts", "/etc/hosts");
+    return;
+  }
+  command.BindReadOnly(layout.TrustedCertificates(), "/etc/ssl/certs");
+  command.BindReadOnly(layout.Etc() / "resolv.conf", "/etc/resolv.conf");
+  command.Bind(layout.Etc() / "hosts", "/etc/hosts");
+  command.Bind(CloudFiles(options.cloud).Wire(), inside::kWire);
 }
 
 void AddDirectories(Command& command, const Layout& layout) {
@@ -60,7 +73,7 @@ void AddDirectories(Command& command, const Layout& layout) {
 }
 
 void AddFiles(Command& command, const Layout& layout) {
-  for (const char* name : {"passwd", "group", "hosts", "nsswitch.conf", "mosquitto.conf"}) {
+  for (const char* name : {"passwd", "group", "nsswitch.conf", "mosquitto.conf"}) {
     command.BindReadOnly(layout.Etc() / name, std::string("/etc/") + name);
   }
   for (const char* name : {"VERSION", "FULLVERSION"}) {
@@ -101,6 +114,7 @@ std::vector<std::string> SandboxCommand(const BootOptions& options, const Layout
   AddSystem(command);
   AddDirectories(command, layout);
   AddFiles(command, layout);
+  AddNetwork(command, options, layout);
   AddDevices(command, options, tools);
   AddPrograms(command, options, tools);
   command.Add({"--", std::string(inside::kTools) + "/varnel-board", "init"});

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 
 #include "virtual_board/common/fd.h"
@@ -15,8 +16,8 @@ namespace varnel::board {
 
 using nlohmann::json;
 
-Service::Service(std::string name, std::vector<std::string> command)
-    : name_(std::move(name)), command_(std::move(command)) {}
+Service::Service(std::string name, std::vector<std::string> command, Environment environment)
+    : name_(std::move(name)), command_(std::move(command)), environment_(std::move(environment)) {}
 
 bool Service::Start(const std::vector<std::string>& arguments) {
   if (Running()) return false;
@@ -42,6 +43,7 @@ void Service::Become(char* const* command, int log) const {
   ::dup2(::open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
   ::dup2(log, STDOUT_FILENO);
   ::dup2(log, STDERR_FILENO);
+  for (const auto& [name, value] : environment_) ::setenv(name.c_str(), value.c_str(), 1);
   ::execv(command[0], command);
   ::_exit(127);
 }

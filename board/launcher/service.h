@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <map>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
@@ -11,7 +12,10 @@ namespace varnel::board {
 /// A program that the board's first process runs and watches. Its output goes to /var/log/NAME.log.
 class Service {
  public:
-  Service(std::string name, std::vector<std::string> command);
+  using Environment = std::map<std::string, std::string>;
+
+  /// @param environment added to that of the board
+  Service(std::string name, std::vector<std::string> command, Environment environment = {});
 
   [[nodiscard]] const std::string& Name() const { return name_; }
   [[nodiscard]] pid_t Pid() const { return pid_; }
@@ -33,6 +37,7 @@ class Service {
 
   std::string name_;
   std::vector<std::string> command_;
+  Environment environment_;
   pid_t pid_ = 0;
   bool ended_ = false;
   int wait_status_ = 0;

@@ -78,7 +78,8 @@ bool Supervisor::SetUp() {
 void Supervisor::LoadServices() {
   const json settings = json::parse(ReadFile(inside::kServices));
   for (const json& entry : settings.at("services")) {
-    services_.emplace_back(entry.at("name"), entry.at("command"));
+    services_.emplace_back(entry.at("name"), entry.at("command"),
+                           entry.value("environment", Service::Environment()));
     if (entry.at("start")) services_.back().Start({});
   }
 }

@@ -1,0 +1,41 @@
+"""Files that others read while they change."""
+
+import contextlib
+import fcntl
+import json
+import os
+import threading
+
+
+def replace(path, content, mode=0o644):
+    """Readers see the old or the new content, never half of it."""
+    temporary = f"{path}.{threading.get_native_id()}.new"
+    data = content if isinstance(content, bytes) else content.encode()
+    descriptor = os.open(temporary, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, mode)
+    with open(descriptor, "wb") as out:
+        out.write(data)
+    os.rename(temporary, path)
+
+
+def replace_json(path, value):
+    replace(path, json.dumps(value, indent=1, ensure_ascii=True) + "\n")
+
+
+def read(path):
+    """The content, empty when there is none."""
+    try:
+        with open(path, "rb") as file:
+            return file.read()
+    except FileNotFoundError:
+        return b""
+
+
+@contextlib.contextmanager
+def directory_lock(path):
+    """Keeps other writers of the files in this directory away."""
+    descriptor = os.open(path, os.O_RDONLY | os.O_DIRECTORY)
+    try:
+        fcntl.flock(descriptor, fcntl.LOCK_EX)
+        yield
+    finally:
+        os.close(descriptor)

@@ -1,0 +1,71 @@
+"""Names, paths and files of the cloud; the launcher reads them from cloud.json."""
+
+REGIONS = ("int", "cn")
+ADDRESS = "127.0.0.2"  # where a board meets the cloud
+NAME_SERVER = "127.0.0.3"  # asked for names that /etc/hosts has not; never answers
+TOKEN = "/api/oauth2/token"
+COUNTRY = "/api/device/country"
+CLIENT_LOG = "/api/client/log"
+
+CONTROL = "control"  # Unix sockets
+UPLINK = "wire/uplink"
+BROKER_CLIENTS = "broker/clients.sock"
+CREDENTIAL_KEY = "credentials.key"
+ROOT_CA = "ca/root.crt"
+FAULTS = "faults"
+JOURNAL = "journal.jsonl"
+
+
+def api_host(region):
+    return f"api.{region}.example.test"
+
+
+def account_host(region):
+    return f"account.{region}.example.test"
+
+
+def broker_host(region):
+    return f"broker.{region}.example.test"
+
+
+def hosts():
+    """All names under which the cloud is known."""
+    return [
+        host
+        for region in REGIONS
+        for host in (
+            api_host(region),
+            "pre." + api_host(region),
+            account_host(region),
+            broker_host(region),
+        )
+    ]
+
+
+def region_of(host):
+    """The region whose API a Host header names; the server beside the boards is of the first."""
+    name = host.split(":")[0].removeprefix("pre.")
+    return next((region for region in REGIONS if name == api_host(region)), REGIONS[0])
+
+
+def description():
+    """What a board has to know to join."""
+    return {
+        "address": ADDRESS,
+        "name_server": NAME_SERVER,
+        "hosts": hosts(),
+        "root_ca": ROOT_CA,
+        "credential_key": CREDENTIAL_KEY,
+        "deployment": {
+            "regions": {
+                region: {"api_host": api_host(region), "account_host": account_host(region)}
+                for region in REGIONS
+            },
+            "local_server": ADDRESS,
+            "country_code_path": COUNTRY,
+            "client_log_path": CLIENT_LOG,
+            "credential_key_file": "/etc/varnel/cloud.key",
+            "allow_clear_credentials": False,
+            "disconnected_code": 401,
+        },
+    }
