@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <fstream>
 #include <stdexcept>
 
@@ -23,6 +24,18 @@ namespace {
 
 constexpr auto kStartLimit = 20s;
 constexpr auto kCommandLimit = 30s;
+
+/// Whole lines only; moves the place where the next look goes on.
+std::vector<json> EntriesFrom(const fs::path& journal, std::streamoff& from) {
+  std::ifstream file(journal);
+  file.seekg(from);
+  std::vector<json> entries;
+  for (std::string line; std::getline(file, line) && !file.eof();) {
+    entries.push_back(json::parse(line));
+    from += static_cast<std::streamoff>(line.size()) + 1;
+  }
+  return entries;
+}
 
 }  // namespace
 
@@ -61,6 +74,7 @@ void Cloud::SetFaults(const std::string& text) const {
   if (!EditFile(files_.Faults(), [&](const std::string&) { return text; })) {
     throw std::runtime_error("the cloud's fault file cannot be written");
   }
+  Tell({"settle"});
 }
 
 std::string Cloud::Faults() const {
@@ -68,12 +82,8 @@ std::string Cloud::Faults() const {
 }
 
 std::vector<json> Cloud::Journal() const {
-  std::ifstream file(files_.Journal());
-  std::vector<json> entries;
-  for (std::string line; std::getline(file, line) && !file.eof();) {
-    entries.push_back(json::parse(line));
-  }
-  return entries;
+  std::streamoff from = 0;
+  return EntriesFrom(files_.Journal(), from);
 }
 
 std::vector<json> Cloud::Requests(const std::string& path, const std::string& device) const {
@@ -88,12 +98,12 @@ std::vector<json> Cloud::Requests(const std::string& path, const std::string& de
 std::optional<json> Cloud::AwaitEntry(const std::function<bool(const json&)>& fits,
                                       std::chrono::milliseconds limit) const {
   std::optional<json> found;
+  std::streamoff from = 0;
   Await(limit, [&] {
-    for (json& entry : Journal()) {
-      if (fits(entry)) found = std::move(entry);
-      if (found) return true;
-    }
-    return false;
+    const auto entries = EntriesFrom(files_.Journal(), from);
+    const auto first = std::find_if(entries.begin(), entries.end(), fits);
+    if (first != entries.end()) found = *first;
+    return found.has_value();
   });
   return found;
 }

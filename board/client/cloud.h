@@ -36,9 +36,8 @@ class Cloud {
   /// The directory, as BootOptions::cloud wants it.
   [[nodiscard]] const std::filesystem::path& Directory() const { return files_.Root(); }
 
-  /// Replaces all faults, in the language of cloud/virtual_cloud/faults.py; empty: none. They are
-  /// in force within a tenth of a second; what is asked of the API, and every new connection, meets
-  /// them at once.
+  /// Replaces all faults, in the language of cloud/virtual_cloud/faults.py; empty: none. Returns
+  /// when they are in force; a broker that was killed takes a little longer to come back.
   void SetFaults(const std::string& text) const;
   /// The lines that are left.
   [[nodiscard]] std::string Faults() const;

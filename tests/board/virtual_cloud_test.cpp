@@ -5,7 +5,6 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
-#include "support/eventually.h"
 #include "virtual_board/client/board.h"
 #include "virtual_board/client/cloud.h"
 #include "virtual_board/common/files.h"
@@ -163,13 +162,13 @@ TEST(VirtualCloudFaultsTest, AreMetAndTold) {
   };
   for (const auto& [fault, text] : faults) {
     TheCloud().SetFaults(fault + "\n");
-    EXPECT_TRUE(test::Eventually([&, &wanted = text] { return says(wanted); })) << fault;
+    EXPECT_TRUE(says(text)) << fault;
     EXPECT_TRUE(TheCloud().AwaitEntry([&, &line = fault](const json& entry) {
       return entry.value("fault", "") == line && entry.at("board") == device.Serial();
     })) << fault;
   }
   TheCloud().SetFaults("status * times=1 device=" + device.Serial() + " 503\n");
-  EXPECT_TRUE(test::Eventually([&] { return says(R"("code": 503)"); }));
+  EXPECT_TRUE(says(R"("code": 503)"));
   EXPECT_TRUE(says("DE")) << "used up";
 }
 

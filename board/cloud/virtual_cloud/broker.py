@@ -42,6 +42,11 @@ def _client(device):
     return {"username": device, "roles": [{"rolename": device}]}
 
 
+def _refusal(device, refused):
+    verdict = {"command": "addRoleACL", "allow": False} if refused else {"command": "removeRoleACL"}
+    return {"rolename": device, **verdict, **NO_SUBSCRIPTION}
+
+
 def _everything():
     return [
         _allow(acl, topic)
@@ -118,13 +123,8 @@ class Broker:
         with self._lock:
             changed = self._refused ^ devices
             self._refused = set(devices)
-        for device in sorted(changed):
-            if device in devices:
-                self._command(
-                    {"command": "addRoleACL", "rolename": device, "allow": False, **NO_SUBSCRIPTION}
-                )
-            else:
-                self._command({"command": "removeRoleACL", "rolename": device, **NO_SUBSCRIPTION})
+        if changed:
+            self._command(*(_refusal(device, device in devices) for device in sorted(changed)))
 
     def take_over(self, client_id):
         """Another client comes with the id."""

@@ -14,6 +14,7 @@ class Control:
         self._cloud = cloud
         self._commands = {
             "status": self._status,
+            "settle": self._settle,
             "device": self._device,
             "bind": self._bind,
             "unbind": self._unbind,
@@ -60,6 +61,9 @@ class Control:
             "devices": self._cloud.devices.names(),
             "broker": self._cloud.broker.running(),
         }
+
+    def _settle(self):
+        self._cloud.gate.settle()
 
     def _device(self, device):
         return {"device": self._cloud.devices.state(device)}

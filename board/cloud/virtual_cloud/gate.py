@@ -59,6 +59,8 @@ class Gate:
         self._selector = selectors.DefaultSelector()
         self._boards = {}
         self._state = None
+        self._rounds = 0
+        self._round = threading.Condition()
         os.makedirs(os.path.dirname(places.UPLINK), mode=0o700, exist_ok=True)
         if os.path.exists(places.UPLINK):
             os.unlink(places.UPLINK)
@@ -71,6 +73,12 @@ class Gate:
     def boards(self):
         return sorted(self._boards)
 
+    def settle(self):
+        """Returns when what the fault file asks for now has been brought about."""
+        with self._round:
+            wanted = self._rounds + 2
+            self._round.wait_for(lambda: self._rounds >= wanted)
+
     def _watch(self, source, call):
         self._selector.register(source, selectors.EVENT_READ, call)
 
@@ -82,6 +90,9 @@ class Gate:
                 except OSError as error:
                     self._journal.write("error", text=str(error))
             self._follow()
+            with self._round:
+                self._rounds += 1
+                self._round.notify_all()
 
     def _let_in(self):
         uplink, _ = self._door.accept()
