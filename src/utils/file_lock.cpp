@@ -34,14 +34,10 @@ bool TryLock(int fd, int& error) {
 
 }  // namespace
 
-std::optional<FileLock> FileLock::Acquire(const std::filesystem::path& file,
-                                          std::chrono::milliseconds limit, Clock& clock,
-                                          std::string& problem) {
+Result<FileLock, std::string> FileLock::Acquire(const std::filesystem::path& file,
+                                                std::chrono::milliseconds limit, Clock& clock) {
   UniqueFd fd(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644));
-  if (!fd) {
-    problem = "Failed to open lock file";
-    return std::nullopt;
-  }
+  if (!fd) return std::string("Failed to open lock file");
   const auto start = clock.Now();
   int error = EWOULDBLOCK;
   // A program that knows no queue may hold the lock of the queue for ever.
@@ -51,8 +47,7 @@ std::optional<FileLock> FileLock::Acquire(const std::filesystem::path& file,
     const bool held = error == EWOULDBLOCK || error == EINTR;
     if (!held || clock.Now() - start >= limit) {
       LeaveQueue(fd.Get());
-      problem = "Failed to acquire file lock";
-      return std::nullopt;
+      return std::string("Failed to acquire file lock");
     }
   }
   LeaveQueue(fd.Get());

@@ -2,11 +2,11 @@
 
 #include <chrono>
 #include <filesystem>
-#include <optional>
 #include <string>
 
 #include "utils/clock.h"
 #include "utils/owned.h"
+#include "utils/result.h"
 
 namespace varnel::utils {
 
@@ -14,11 +14,10 @@ namespace varnel::utils {
 /// other threads of this process.
 class FileLock {
  public:
-  /// Makes the file when it is missing. Waits at most `limit` for another holder. Nothing on
-  /// failure, with the reason in `problem`.
-  [[nodiscard]] static std::optional<FileLock> Acquire(const std::filesystem::path& file,
-                                                       std::chrono::milliseconds limit,
-                                                       Clock& clock, std::string& problem);
+  /// Makes the file when it is missing. Waits at most `limit` for another holder. Without a lock
+  /// the result says why, for people.
+  static Result<FileLock, std::string> Acquire(const std::filesystem::path& file,
+                                               std::chrono::milliseconds limit, Clock& clock);
 
   FileLock(FileLock&& other) noexcept = default;
   FileLock& operator=(FileLock&& other) = delete;

@@ -133,14 +133,13 @@ json CameraService::ReqCallbackCameraServiceUploadTimelapseInstance(const json& 
   const std::string type = params["type"].get<std::string>();
   VLOG_INFO(kTag, "The index of the instance to be uploaded is {}, type is {}",
             utils::LogText(index), utils::LogText(type));
-  UploadedFilm film;
-  const HalStatus status = timelapses_.Upload(index, type, film);
-  json answer = AnswerOf(status);
-  if (status != HalStatus::kSuccess) return answer;
-  answer.update({{"url", film.url},
-                 {"pw", film.password},
-                 {"iterations", film.iterations},
-                 {"salt", film.salt_hex}});
+  const auto film = timelapses_.Upload(index, type);
+  if (!film) return AnswerOf(film.Why());
+  json answer = AnswerOf(HalStatus::kSuccess);
+  answer.update({{"url", film->url},
+                 {"pw", film->password},
+                 {"iterations", film->iterations},
+                 {"salt", film->salt_hex}});
   return answer;
 }
 

@@ -37,10 +37,9 @@ struct FilmStore::Opened {
 };
 
 std::optional<FilmStore::Opened> FilmStore::Open(std::chrono::seconds limit) const {
-  std::string problem;
-  auto lock = utils::FileLock::Acquire(paths_.Lock(), limit, clock_, problem);
+  auto lock = utils::FileLock::Acquire(paths_.Lock(), limit, clock_);
   if (lock) return Opened{std::move(*lock)};
-  VLOG_ERROR(kTag, "Failed to acquire file lock: {}", problem);
+  VLOG_ERROR(kTag, "Failed to acquire file lock: {}", lock.Why());
   return std::nullopt;
 }
 

@@ -188,9 +188,8 @@ hal_adapter::HalStatus TimelapseService::Delete(const std::string& index) {
   return status;
 }
 
-hal_adapter::HalStatus TimelapseService::Upload(const std::string& index, const std::string& type,
-                                                UploadedFilm& film) {
-  return UploadFilm(paths_, store_, *uploader_, index, type, film);
+UploadResult TimelapseService::Upload(const std::string& index, const std::string& type) {
+  return UploadFilm(paths_, store_, *uploader_, index, type);
 }
 
 }  // namespace varnel::service

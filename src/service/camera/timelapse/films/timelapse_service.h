@@ -55,8 +55,7 @@ class TimelapseService {
   const FilmStore& Store() const { return store_; }
   /// Removes a film; a status as of FilmStore::Delete().
   hal_adapter::HalStatus Delete(const std::string& index);
-  hal_adapter::HalStatus Upload(const std::string& index, const std::string& type,
-                                UploadedFilm& film);
+  UploadResult Upload(const std::string& index, const std::string& type);
 
  private:
   void ClearTemporaryNames() const;

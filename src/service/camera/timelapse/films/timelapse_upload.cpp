@@ -71,9 +71,9 @@ std::string Hex(const std::vector<uint8_t>& bytes) {
   return text;
 }
 
-HalStatus EncryptAndSend(const TimelapsePaths& paths, FileUploader& uploader,
-                         const std::string& index, const std::string& type, const fs::path& source,
-                         UploadedFilm& film) {
+UploadResult EncryptAndSend(const TimelapsePaths& paths, FileUploader& uploader,
+                            const std::string& index, const std::string& type,
+                            const fs::path& source) {
   const char* ending = type == "video" ? ".mp4.enc" : ".jpg.enc";
   // Two uploads of one film do not share a file.
   const TemporaryFile encrypted(
@@ -95,14 +95,14 @@ HalStatus EncryptAndSend(const TimelapsePaths& paths, FileUploader& uploader,
               sent, all);
   });
   if (!url) return HalStatus::kFailure;
-  film = {*url, std::string(crypto.Password()), crypto.Iterations(), Hex(crypto.Salt())};
-  return HalStatus::kSuccess;
+  return UploadedFilm{*url, std::string(crypto.Password()), crypto.Iterations(),
+                      Hex(crypto.Salt())};
 }
 
 }  // namespace
 
-HalStatus UploadFilm(const TimelapsePaths& paths, const FilmStore& store, FileUploader& uploader,
-                     const std::string& index, const std::string& type, UploadedFilm& film) {
+UploadResult UploadFilm(const TimelapsePaths& paths, const FilmStore& store, FileUploader& uploader,
+                        const std::string& index, const std::string& type) {
   if (type != "video" && type != "thumbnail") {
     VLOG_ERROR(kTag, "File type is not 'video' or 'thumbnail', do nothing.");
     return HalStatus::kFailure;
@@ -124,7 +124,7 @@ HalStatus UploadFilm(const TimelapsePaths& paths, const FilmStore& store, FileUp
     VLOG_ERROR(kTag, "Cloud access code is unavailable.");
     return HalStatus::kFailure;
   }
-  return EncryptAndSend(paths, uploader, index, type, source, film);
+  return EncryptAndSend(paths, uploader, index, type, source);
 }
 
 }  // namespace varnel::service

@@ -9,6 +9,7 @@
 #include "hal_interface/hal_status.h"
 #include "service/camera/timelapse/disk/film_store.h"
 #include "service/camera/timelapse/disk/timelapse_paths.h"
+#include "utils/result.h"
 
 namespace varnel::service {
 
@@ -42,10 +43,12 @@ struct UploadedFilm {
   std::string salt_hex;
 };
 
-/// Encrypts the "video" or the "thumbnail" of a finished film and uploads it. A status as of
-/// FilmStore::Delete(); -86 also for a file that is missing, -1 for all else.
-hal_adapter::HalStatus UploadFilm(const TimelapsePaths& paths, const FilmStore& store,
-                                  FileUploader& uploader, const std::string& index,
-                                  const std::string& type, UploadedFilm& film);
+/// A film that went out, or a status as of FilmStore::Delete(); -86 also for a file that is
+/// missing, -1 for all else.
+using UploadResult = utils::Result<UploadedFilm, hal_adapter::HalStatus>;
+
+/// Encrypts the "video" or the "thumbnail" of a finished film and uploads it.
+UploadResult UploadFilm(const TimelapsePaths& paths, const FilmStore& store, FileUploader& uploader,
+                        const std::string& index, const std::string& type);
 
 }  // namespace varnel::service
