@@ -1,11 +1,8 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
-#include <functional>
 #include <random>
-#include <semaphore>
 #include <thread>
 
 #include "comms/client_mqtt_async.h"
