@@ -56,21 +56,6 @@ TEST_F(PrinterAnalysisTest, PictureLimitsHold) {
   EXPECT_THAT(Files("org"), ElementsAre("printer_detect3.org.jpg", "printer_detect4.org.jpg"));
 }
 
-TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutResultDirectories) {
-  dir_.Write("results", "a file in their place");
-  Boot();
-  EXPECT_THAT(log_.Text(), testing::HasSubstr("Create detect result directory " +
-                                              (dir_ / "results/org").string() +
-                                              " failed, reason: Not a directory"));
-  NoodlesAre({{}});
-  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1);
-  fs::remove(dir_ / "results");
-  Boot();
-  fs::remove_all(dir_ / "results");
-  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1);
-  EXPECT_THAT(Files("det"), SizeIs(1)) << "made again";
-}
-
 TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutRoomForTheirPictures) {
   Boot();
   NoodlesAre({{}});
