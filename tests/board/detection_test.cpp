@@ -2,11 +2,6 @@
 // decisions, and come out as figures that can be worked out by hand.
 #include <gmock/gmock.h>
 
-#include <algorithm>
-#include <random>
-#include <regex>
-#include <span>
-
 #include "board/run_inside.h"
 #include "board/scenes.h"
 #include "board/served_board.h"
@@ -19,35 +14,7 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 using testing::HasSubstr;
 
-using Box = std::array<int, 4>;
 const json kBedLabels = {"item", "nozzle", "legend_text", "extrusion_line"};
-
-double Area(const Box& box) {
-  return std::max(0.0, double{1} * box[2] - box[0]) * std::max(0.0, double{1} * box[3] - box[1]);
-}
-
-double Iou(const Box& a, const Box& b) {
-  const double both = Area(
-      {std::max(a[0], b[0]), std::max(a[1], b[1]), std::min(a[2], b[2]), std::min(a[3], b[3])});
-  return both / (Area(a) + Area(b) - both);
-}
-
-/// Results as the daemon logs them.
-struct Logged {
-  std::string label;
-  Box box;
-  int flag;
-};
-
-std::vector<Logged> LoggedResults(const std::string& log) {
-  static const std::regex kLine(R"(\] (\w+) @ \((\d+) (\d+) (\d+) (\d+)\) flag: (\d+) )");
-  std::vector<Logged> results;
-  for (std::sregex_iterator hit(log.begin(), log.end(), kLine), end; hit != end; ++hit) {
-    const auto number = [&hit](size_t group) { return std::stoi((*hit)[group]); };
-    results.push_back({(*hit)[1], {number(2), number(3), number(4), number(5)}, number(6)});
-  }
-  return results;
-}
 
 BootOptions Npu(bool present) {
   BootOptions options = DaemonOptions();
@@ -87,51 +54,6 @@ class DetectionTest : public testing::Test {
 
 json Failure(int code, const char* message) {
   return {{"error", {{"code", -32000}, {"message", message}, {"data", {{"err_code", code}}}}}};
-}
-
-/// One object in each field of a grid, of any size that fits. The first is between the fields and
-/// as small as an object may be: the network, which sees a third of the picture's width and height,
-/// has to find 14x14 = 196 pixels of its own there, 42x42 of the picture's.
-std::vector<Box> RandomBoxes(std::mt19937& random) {
-  const auto shift = static_cast<int>(random() % 15);
-  std::vector<Box> boxes = {{592 + shift, 300 + 7 * shift, 634 + shift, 342 + 7 * shift}};
-  for (int left = 40; left < 1800; left += 620) {
-    for (int top = 160; top < 900; top += 450) {
-      const auto width = static_cast<int>(60 + random() % 480);
-      const auto height = static_cast<int>(60 + random() % 360);
-      boxes.push_back({left, top, left + width, top + height});
-    }
-  }
-  return boxes;
-}
-
-TEST_F(DetectionTest, ObjectsAreFoundWhereTheyAreAndCounted) {
-  std::mt19937 random(11);
-  std::vector<Logged> truth;
-  for (int round = 0; round < 3; ++round) {
-    const std::vector<Box> boxes = RandomBoxes(random);
-    for (const bool noodles : {true, false}) {
-      json objects = json::array();
-      for (size_t i = 0; i < boxes.size(); ++i) {
-        const std::string label = noodles ? "noodle" : kBedLabels[i % 4].get<std::string>();
-        objects.push_back({{"class", label}, {"box", boxes[i]}});
-        truth.push_back({label, boxes[i], label == "noodle" || label == "item" ? 0 : 0x10});
-      }
-      Show(objects);
-      EXPECT_EQ((noodles ? Noodles("first") : Items("first"))["obj_cnts"], noodles ? 7 : 2);
-    }
-  }
-  const std::vector<Logged> found = LoggedResults(served_.StopAndReadLog());
-  ASSERT_EQ(found.size(), truth.size());
-  for (size_t i = 0; i < truth.size(); ++i) {
-    const auto picture = std::span(found).subspan(i / 7 * 7, 7);
-    const auto is_it = [&](const Logged& result) {
-      return result.label == truth[i].label && Iou(result.box, truth[i].box) >= 0.8 &&
-             result.flag == truth[i].flag;
-    };
-    EXPECT_EQ(std::count_if(picture.begin(), picture.end(), is_it), 1)
-        << truth[i].label << " at " << truth[i].box[0] << " " << truth[i].box[1];
-  }
 }
 
 TEST_F(DetectionTest, APrintFromItsFirstPictureToItsLast) {

@@ -71,16 +71,6 @@ TEST_F(RpcEdgesTest, EveryRequestTopicAnswersOnItsOwn) {
   }
 }
 
-TEST_F(RpcEdgesTest, TopicsOfAnyLengthDoNoHarm) {
-  const std::string topic = "mqtt_agent/request/";
-  for (const size_t length : {65'534U, 65'535U}) {
-    rpc->Publish(topic + std::string(length - topic.size(), 'u'),
-                 StatusRequest("\"id\":" + std::to_string(length)));
-  }
-  EXPECT_TRUE(rpc->Await(65'534).contains("result")) << "its answer's topic is the longest of all";
-  EXPECT_TRUE(rpc->Await(65'535, std::chrono::milliseconds(200)).is_null());
-}
-
 /// Last, for it ends the daemon to have its whole log.
 TEST_F(RpcEdgesTest, AFloodIsAnsweredOrLoggedAndEveryLogLineIsShort) {
   constexpr size_t kRequests = 5'000;
