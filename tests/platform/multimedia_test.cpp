@@ -67,6 +67,9 @@ TEST_F(MultimediaTest, TheBusProbeSelectsTheCamera) {
 
 TEST_F(MultimediaTest, SlotsAnswerAndRefuseNull) {
   const auto& table = Start("echo UU");
+  uint32_t count = 0;
+  EXPECT_EQ(table.get_camera_count(&count), kOk);
+  EXPECT_EQ(count, 1u);
   const HalStatus refusals[] = {table.get_camera_count(nullptr), table.get_camera_info(3, nullptr),
                                 table.get_camera_state(4, nullptr), table.take_photo(0, nullptr)};
   EXPECT_THAT(refusals, testing::Each(HalStatus::kInvalidParameter));
