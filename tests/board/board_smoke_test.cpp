@@ -1,8 +1,6 @@
 // The virtual board itself, as far as the tests of the daemon would not notice.
 #include <gmock/gmock.h>
 
-#include <algorithm>
-
 #include "support/temp_dir.h"
 #include "virtual_board/client/board.h"
 #include "virtual_board/common/files.h"
@@ -13,46 +11,16 @@ namespace {
 namespace fs = std::filesystem;
 using testing::HasSubstr;
 
-BootOptions WithoutDaemon(CameraKind camera = CameraKind::kMipi) {
+BootOptions WithoutDaemon() {
   BootOptions options;
-  options.camera = camera;
   options.start_daemon = false;
   return options;
-}
-
-std::string RoundTrip(const Board& board, const std::string& text) {
-  return board.Shell("mosquitto_pub -r -t smoke -m " + text + "; mosquitto_sub -t smoke -C 1 -W 5")
-      .out;
-}
-
-TEST(BoardTest, OrphansAreBuried) {
-  const Board board(WithoutDaemon());
-  EXPECT_EQ(board.Shell("(sleep 0.05 &) ; true").status, 0);
-  EXPECT_EQ(board.Shell("sleep 0.2").status, 0);
-  const auto processes = board.Processes();
-  EXPECT_EQ(processes.size(), 2U) << "the first process and the broker";
-  const auto zombie = [](const ProcessInfo& process) { return process.state == 'Z'; };
-  EXPECT_TRUE(std::none_of(processes.begin(), processes.end(), zombie));
 }
 
 TEST(BoardTest, ABoardThatCannotComeUpSaysSoAtOnce) {
   BootOptions options = WithoutDaemon();
   options.daemon = "/nowhere/varnel";
   EXPECT_THROW(Board{options}, std::runtime_error);
-}
-
-TEST(BoardTest, StandSideBySideAndGoWithoutATrace) {
-  fs::path directory;
-  {
-    const Board mipi(WithoutDaemon());
-    const Board usb(WithoutDaemon(CameraKind::kUsb));
-    directory = usb.Paths().Root();
-    EXPECT_EQ(RoundTrip(mipi, "first"), "first\n");
-    EXPECT_EQ(usb.Shell("mosquitto_sub -t smoke -C 1 -W 1").out, "");
-    EXPECT_EQ(usb.Exec({"varnel-grab", "/dev/video18", "/tmp/frame"}).out, "");
-    EXPECT_TRUE(ReadFile(usb.HostPath("/tmp/frame")) == ReadFile(ChartFile("chart.yuyv")));
-  }
-  EXPECT_FALSE(fs::exists(directory));
 }
 
 TEST(BoardTest, ABoardKeepsWhoItIs) {

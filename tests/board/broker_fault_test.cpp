@@ -73,16 +73,5 @@ TEST_F(BrokerFaultTest, ShortDisturbancesLoseNothing) {
   EXPECT_EQ(console_.Count("connection lost"), 0U);
 }
 
-TEST_F(BrokerFaultTest, WhoTakesItsNameDoesNotKeepIt) {
-  StartDaemon();
-  console_.Mark();
-  MqttLink thief = LinkTo(board_, "varnel");
-  // The broker gives no reason.
-  EXPECT_TRUE(console_.AwaitText("connection lost, cause: ", 5s));
-  EXPECT_TRUE(console_.AwaitText("connected successfully", 8s)) << console_.Tail();
-  EXPECT_THROW((void)thief.Receive(1s), std::runtime_error);
-  EXPECT_TRUE(RpcCaller(board_).AwaitDaemon(10s));
-}
-
 }  // namespace
 }  // namespace varnel::board

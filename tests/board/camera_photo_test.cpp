@@ -1,13 +1,10 @@
 // Photos over the broker: what is in them, where they may go, and what becomes of the file that was
 // there.
 #include <gmock/gmock.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <atomic>
 #include <fstream>
 #include <random>
-#include <thread>
 
 #include "board/run_inside.h"
 #include "board/served_board.h"
@@ -156,23 +153,6 @@ TEST_F(CameraPhotoTest, AnyNameThatAFileCanHaveWillDo) {
   const std::string long_ending = "/userdata/a." + std::string(250, 'n');
   EXPECT_EQ(board.Photo(long_ending), Success());
   EXPECT_EQ(board.File(long_ending).size(), kNv12Bytes);
-}
-
-TEST_F(CameraPhotoTest, AFileIsReplacedInOneStep) {
-  ServedBoard& board = boards->mipi;
-  const fs::path file = board.board.HostPath("/userdata/again.jpg");
-  ASSERT_EQ(board.Photo("/userdata/again.jpg"), Success());
-  std::atomic<bool> done = false;
-  size_t broken = 0;
-  std::jthread reader([&] {
-    while (!done) broken += IsWholeJpeg(ReadFile(file)) ? 0U : 1U;
-  });
-  for (int i = 0; i < 20; ++i) EXPECT_EQ(board.Photo("/userdata/again.jpg"), Success());
-  done = true;
-  reader.join();
-  EXPECT_EQ(broken, 0U);
-  EXPECT_EQ(fs::status(file).permissions(), fs::perms(0644));
-  EXPECT_EQ(board.board.Shell("find /userdata -name '.varnel-*'").out, "");
 }
 
 /// Compresses badly: its picture is larger than a small disk.

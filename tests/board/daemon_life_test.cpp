@@ -7,7 +7,6 @@
 #include "board/run_inside.h"
 #include "support/temp_dir.h"
 #include "virtual_board/client/daemon_talk.h"
-#include "virtual_board/client/rpc_caller.h"
 
 namespace varnel::board {
 namespace {
@@ -97,21 +96,6 @@ TEST_F(DaemonLifeTest, ChildrenCountWhoeverStartsItAndATerminationSignalEndsTheW
   EXPECT_THAT(console.Text(), AllOf(HasSubstr("System program tar is located in /usr/bin/tar"),
                                     Not(HasSubstr("is not exists")), HasSubstr("Shutdown complete"),
                                     Not(HasSubstr(kUnreachable))));
-}
-
-TEST_F(DaemonLifeTest, ABrokerThatIsLateIsReportedOnceAndFound) {
-  const Board board(WithoutBroker());
-  DaemonConsole console(board);
-  ASSERT_NO_FATAL_FAILURE(Start(board, console));
-  EXPECT_FALSE(console.AwaitText(kUnreachable, 8s));
-  ASSERT_TRUE(console.AwaitText(kUnreachable, 5s));
-  ASSERT_TRUE(console.AwaitText("local MQTT disconnected, reconnecting...", 5s));
-  ASSERT_TRUE(board.StartBroker());
-  // Three seconds to the next attempt, up to one until the library looks at its socket.
-  EXPECT_TRUE(console.AwaitText("connected successfully", 6s)) << console.Tail();
-  EXPECT_TRUE(RpcCaller(board).AwaitDaemon(10s));
-  EXPECT_EQ(console.Count(kUnreachable), 1U);
-  ExpectCleanStop(board);
 }
 
 /// Dies by the signal, after telling the system log where.

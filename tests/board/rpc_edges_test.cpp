@@ -16,7 +16,6 @@ namespace {
 using nlohmann::json;
 using testing::IsEmpty;
 
-constexpr size_t kMaxPayload = size_t{1} << 20U;
 constexpr const char* kCamera = "camera/request";
 
 BootOptions WithoutBroker() {
@@ -51,15 +50,6 @@ class RpcEdgesTest : public testing::Test {
   static void Settle() {
     for (int round = 0; round < 3; ++round) EXPECT_FALSE(Status().is_null());
   }
-  /// How many answers these payloads get.
-  static size_t AnswersTo(const std::vector<std::string>& payloads) {
-    Settle();
-    const size_t before = rpc->Answers().size();
-    for (const std::string& payload : payloads) rpc->Publish(kCamera, payload);
-    Settle();
-    return rpc->Answers().size() - before - 3;
-  }
-
   static std::unique_ptr<Board> board;
   static std::unique_ptr<RpcCaller> rpc;
 };
@@ -68,30 +58,6 @@ std::unique_ptr<RpcCaller> RpcEdgesTest::rpc;
 
 std::string StatusRequest(const std::string& members) {
   return R"({"jsonrpc":"2.0","method":"camera.get_status",)" + members + "}";
-}
-
-std::string Nested(size_t levels) {
-  return std::string(levels, '[') + std::string(levels, ']');
-}
-
-/// A status request of exactly this many bytes.
-std::string RequestOfSize(size_t bytes, const std::string& id) {
-  const std::string head = R"({"method":"camera.get_status","id":")" + id + R"(","params":")";
-  return head + std::string(bytes - head.size() - 2, 'x') + "\"}";
-}
-
-TEST_F(RpcEdgesTest, WhatIsTooLargeOrTooDeepGetsNoAnswerAndTheRestIsServed) {
-  const std::string deep = Nested(100'000);
-  EXPECT_EQ(
-      AnswersTo({StatusRequest(R"("params":{})"),  // a notification
-                 std::string("\0{}", 3), "\xFF\xFE", StatusRequest("\"id\":\"\xED\xA0\x80\""),
-                 StatusRequest("\"id\":" + deep), StatusRequest("\"id\":1,\"params\":" + deep),
-                 deep, std::string(kMaxPayload, '['), StatusRequest("\"id\":" + Nested(64)),
-                 RequestOfSize(kMaxPayload + 1, "long"), std::string(3 * kMaxPayload, 'x'),
-                 // and one that is served
-                 RequestOfSize(kMaxPayload, "whole")}),
-      1U);
-  EXPECT_TRUE(rpc->Await("whole").contains("result"));
 }
 
 TEST_F(RpcEdgesTest, EveryRequestTopicAnswersOnItsOwn) {
@@ -103,29 +69,6 @@ TEST_F(RpcEdgesTest, EveryRequestTopicAnswersOnItsOwn) {
                                      "-m", StatusRequest(R"("id":"a")")});
     EXPECT_TRUE(json::parse(answer.out, nullptr, false).contains("result")) << request;
   }
-}
-
-TEST_F(RpcEdgesTest, TopicsOfAnyLengthDoNoHarm) {
-  const std::string topic = "mqtt_agent/request/";
-  for (const size_t length : {65'534U, 65'535U}) {
-    rpc->Publish(topic + std::string(length - topic.size(), 'u'),
-                 StatusRequest("\"id\":" + std::to_string(length)));
-  }
-  EXPECT_TRUE(rpc->Await(65'534).contains("result")) << "its answer's topic is the longest of all";
-  EXPECT_TRUE(rpc->Await(65'535, std::chrono::milliseconds(200)).is_null());
-}
-
-TEST_F(RpcEdgesTest, ARetainedRequestIsServedOnce) {
-  const auto retained = board->Shell(
-      R"(mosquitto_pub -t system/request -r -m '{"id":"retained","method":"camera.get_status"}')");
-  EXPECT_EQ(retained.status, 0) << retained.err;
-  EXPECT_TRUE(rpc->Await("retained").contains("result"));
-  EXPECT_EQ(board->Shell("mosquitto_pub -t system/request -r -n").status, 0);
-  Settle();
-  const auto answers = rpc->Answers();
-  EXPECT_EQ(std::count_if(answers.begin(), answers.end(),
-                          [](const json& one) { return one["id"] == "retained"; }),
-            1);
 }
 
 /// Last, for it ends the daemon to have its whole log.

@@ -122,12 +122,16 @@ TEST_F(CommsManagerTest, AFirstConnectThatFailsAsksForAReconnect) {
   EXPECT_EQ(lost, 2);
 }
 
-TEST_F(CommsManagerTest, WhatCannotBeServedOrSentForTheCloudIsDropped) {
+TEST_F(CommsManagerTest, WhatCannotBeServedOrSentForTheCloudIsRefusedOrDropped) {
   InitCloud();
+  (void)Register("mqtt_agent.inner", 0, [](const Json& params) { return params; });
+  EXPECT_EQ(AskFromCloud(R"({"id":3,"method":"mqtt_agent.inner"})")["error"]["data"],
+            "Method not found: mqtt_agent.inner");
   EXPECT_EQ(AskFromCloud(R"({"id":4})")["error"]["code"], RpcError::kInvalidRequest);
   Cloud().Arrive("SN1/request", R"({"id":5,"method":"system.open"})", true);
   EXPECT_EQ(AskFromCloud(R"({"id":"fence","method":"system.open"})")["id"], "fence")
       << "nothing else was answered";
+  EXPECT_TRUE(Local().sent.Items().empty()) << "requests and answers stay off the local broker";
   Cloud().sends = false;
   Local().Arrive("SN1/status", "x");
   EXPECT_TRUE(Logged("FWDP", "ForwarderPool: send failed, rc=-9"));

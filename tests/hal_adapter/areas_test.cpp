@@ -73,13 +73,6 @@ TEST_F(AreasTest, ACameraPassesFailuresUpAndSurvivesMissingSlotsAndTables) {
   EXPECT_THAT(CallAll(Camera(nullptr, 0)), testing::Each(HalStatus::kInvalidState));
 }
 
-TEST(HalErrorStringTest, KnowsItsCodesAndNoOther) {
-  EXPECT_EQ(std::size(kHalStatusTexts), 19u);
-  EXPECT_STREQ(hal_error_string(HalStatus::kFileNotFound), "file not found");
-  for (const int32_t status : {1, -11})
-    EXPECT_STREQ(hal_error_string(FromExitCode(status)), "unknown error");
-}
-
 TEST_F(AreasTest, StorageReadsEachPathThatDoesNotFail) {
   const StorageHalInterface table{test::FakePath};
   registry_.storage.Register(&table);

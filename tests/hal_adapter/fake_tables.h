@@ -21,7 +21,6 @@ struct FakePlatform {
   hal_adapter::DeviceInfo device{};
   std::vector<uint8_t> frame = std::vector<uint8_t>(16, 'x');
   uint32_t pixel_format = hal_adapter::CAMERA_PIXEL_FORMAT_NV12;
-  std::function<void()> on_photo;
   std::vector<std::string> calls;
 
   static FakePlatform& Instance() {
@@ -44,7 +43,6 @@ inline hal_adapter::HalStatus FakeCameraInfo(uint32_t id, hal_adapter::CameraInf
 }
 
 inline hal_adapter::HalStatus FakePhoto(uint32_t id, hal_adapter::CameraImage* image) {
-  if (Fake().on_photo) Fake().on_photo();
   const std::vector<uint8_t>& frame = Fake().frame;
   *image = {frame.data(), frame.size(), 1234, 1920, 1080, Fake().pixel_format, id};
   return Fake().status;

@@ -98,7 +98,6 @@ void FakeV4l2::Serve(unsigned long request, void* argument) {
           V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
       break;
     case VIDIOC_S_FMT:
-      format = *static_cast<v4l2_format*>(argument);
       if (granted) static_cast<v4l2_format*>(argument)->fmt.pix = *granted;
       break;
     case VIDIOC_REQBUFS:

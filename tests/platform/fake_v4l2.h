@@ -37,7 +37,6 @@ struct FakeV4l2 {
 
   // What happened.
   std::string opened_path;
-  v4l2_format format{};
   int open_descriptors = 0;
   int opens = 0;
   int mappings = 0;

@@ -44,13 +44,6 @@ class PlatformDataTest : public testing::Test {
   DataBoard board_;
 };
 
-TEST_F(PlatformDataTest, OneFailedArchiveDoesNotStopTheOthers) {
-  EXPECT_EQ(Collect(0, (dir_ / "out")), kOk);
-  EXPECT_TRUE(fs::exists(dir_ / "out/logs.tar.gz"));
-  EXPECT_TRUE(fs::exists(dir_ / "out/.settings"));
-  EXPECT_FALSE(fs::exists(dir_ / "out/file.tar.gz"));
-}
-
 TEST_F(PlatformDataTest, ProgramsGetTheirArgumentsAndFailuresAreNamed) {
   const fs::path calls = dir_ / "calls";
   board_.tar = dir_.WriteScript("tar", "echo tar $* >>" + calls.string() + "; exit 2");

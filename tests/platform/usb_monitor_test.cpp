@@ -145,12 +145,13 @@ class UsbMonitorTest : public testing::Test {
 
 TEST_F(UsbMonitorTest, DrivesThatAreThereAlreadyAreToldAsSuch) {
   devices_.AddUsb("sda");
-  devices_.AddUsb("sdb");
+  const std::string card_reader = devices_.AddUsb("sdb");
   devices_.AddInternal("nvme0n1");
   dir_.Write("mounts", "/dev/nvme0n1 / ext4\n/dev/sda1 /mnt/a vfat\n/dev/sdc /mnt/c vfat\n");
   Start(Board());
   USBMonitor::Start(Board());
   devices_.AddUsb("sdc1", "partition");
+  devices_.Tell(card_reader, "change");
   devices_.AddUsb("sdc");
   EXPECT_THAT(posted_.WaitFor(2), ElementsAre("present /mnt/a", "/mnt/c"));
   EXPECT_FALSE(log_.Has(kTag, "Device mounting timeout")) << "a card reader without a card";

@@ -55,9 +55,6 @@ VARNEL_EXPORTED int rknn_init(RknnHandle* handle, void* model, uint32_t size, ui
   script.loaded[*handle] = network->second;
   script.highest_loaded = std::max(script.highest_loaded, script.loaded.size());
   script.files[*handle] = path.filename();
-  std::set<std::string> company;
-  for (const auto& [other, file] : script.files) company.insert(file);
-  script.companies.insert(std::move(company));
   return kRknnSuccess;
 }
 

@@ -103,8 +103,7 @@ struct NpuScript {
   std::map<RknnHandle, ScriptedNetwork> loaded;
   std::set<RknnHandle> dead;  ///< serve nothing but their end
   size_t highest_loaded = 0;
-  std::map<RknnHandle, std::string> files;    ///< of `loaded`
-  std::set<std::set<std::string>> companies;  ///< every set of `files` that was loaded together
+  std::map<RknnHandle, std::string> files;  ///< of `loaded`
   int inits = 0;
   int runs = 0;
   std::set<void*> outputs;         ///< handed out and not given back

@@ -161,6 +161,11 @@ TEST_F(PrinterAnalysisTest, WhatTheVerifyingNetworkCannotTellCounts) {
         << name;
     EXPECT_THAT(TheNpuScript().outputs, IsEmpty()) << name;
   }
+  VerifierSays(1);
+  std::string other(kBuiltInModelConfig);
+  Boot(other.replace(other.find("\"cls_label_idx\": 1"), 18, "\"cls_label_idx\": 0"));
+  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 0) << "the first value counts like any other";
+  VerifierSays(0);
   Boot();
   NoodlesAre({{}, {.row = 60, .column = 10}});
   TheNpuScript().failures = {{"rknn_run", {.code = -2, .passing = 1, .failing = 1}}};
@@ -229,35 +234,6 @@ TEST_F(PrinterAnalysisTest, ItemsAreReportedOnce) {
   EXPECT_THAT(Flags(), ElementsAre(1, 0x10, 2));
   NoodlesAre({{}});
   EXPECT_EQ(DetectNoodles("", bed)["noodle"]["obj_cnts"], 1) << "an item is no noodle";
-}
-
-TEST_F(PrinterAnalysisTest, OneDetectionNetworkIsOnTheNpuAtATime) {
-  Boot();
-  TheNpuScript().networks["bed_check.fp.rknn"] = ScriptedNetwork::Detecting(64, 64, 4);
-  std::mt19937 random(5);
-  const std::string good = Save(Plain(128, 96, 128));
-  const std::string missing = dir_ / "missing.jpg";
-  const char* const statuses[] = {"first", "", "", "last"};
-  for (int i = 0; i < 1000; ++i) {
-    const bool noodle = random() % 2 == 0;
-    const bool wrap = random() % 10 == 0;
-    const std::string status = statuses[random() % 4];
-    VerifierSays(random() % 2 == 0 ? 1.0F : 0.0F);
-    ScriptedNetwork small = ScriptedNetwork::Detecting(64, 64, 1);
-    if (random() % 2 == 0) small.Place(0, 4, 4, 0, 0.9F, {2, 2, 2, 2});
-    TheNpuScript().networks["print_check.fp.rknn"] = std::move(small);
-    const size_t before = TheNpuScript().loaded.size();
-    const json labels = wrap ? json{"wraphead"} : noodle ? json{"noodle"} : kBedLabels;
-    Code(random() % 10 == 0 ? missing : good, {{"detect_status", status}, {"labels", labels}});
-    const bool leaves = status == "last" || (noodle && status == "first");
-    ASSERT_EQ(TheNpuScript().loaded.size(), wrap ? before : leaves ? 0U : 1U) << i;
-    ASSERT_THAT(TheNpuScript().outputs, IsEmpty());
-  }
-  EXPECT_THAT(TheNpuScript().companies,
-              ElementsAre(ElementsAre("bed_check.fp.rknn"),
-                          ElementsAre("noodle_verify.fp.rknn", "print_check.fp.rknn"),
-                          ElementsAre("print_check.fp.rknn")))
-      << "never both detection networks, and the verifying one only beside that of noodles";
 }
 
 }  // namespace

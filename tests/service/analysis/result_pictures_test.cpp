@@ -1,13 +1,10 @@
 #include "service/analysis/decision/result_pictures.h"
 
 #include "service/analysis/printer_analysis_fixture.h"
-#include "support/full_disk.h"
 
 namespace varnel::service {
 namespace {
 
-namespace fs = std::filesystem;
-using nlohmann::json;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -54,40 +51,6 @@ TEST_F(PrinterAnalysisTest, PictureLimitsHold) {
   EXPECT_THAT(Files("crop"), ElementsAre("printer_detect1.jpg", "printer_detect2.jpg"))
       << "crops stop instead";
   EXPECT_THAT(Files("org"), ElementsAre("printer_detect3.org.jpg", "printer_detect4.org.jpg"));
-}
-
-TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutResultDirectories) {
-  dir_.Write("results", "a file in their place");
-  Boot();
-  EXPECT_THAT(log_.Text(), testing::HasSubstr("Create detect result directory " +
-                                              (dir_ / "results/org").string() +
-                                              " failed, reason: Not a directory"));
-  NoodlesAre({{}});
-  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1);
-  fs::remove(dir_ / "results");
-  Boot();
-  fs::remove_all(dir_ / "results");
-  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 1);
-  EXPECT_THAT(Files("det"), SizeIs(1)) << "made again";
-}
-
-TEST_F(PrinterAnalysisTest, DetectionsGoOnWithoutRoomForTheirPictures) {
-  Boot();
-  NoodlesAre({{}});
-  const char* const directories[] = {"crop", "org", "det", "positive/org", "positive/det"};
-  const auto expect_pictures = [&](size_t count) {
-    for (const char* directory : directories) EXPECT_THAT(Files(directory), SizeIs(count));
-  };
-  const std::string picture = Save(Plain(640, 640, 128));
-  ASSERT_GT(fs::file_size(picture), 1000U);
-  {
-    const test::FullDisk full(100);
-    EXPECT_EQ(Code(picture, kNoodle), 0);
-  }
-  EXPECT_EQ(result_.data["noodle"]["obj_cnts"], 1);
-  expect_pictures(0);
-  EXPECT_EQ(DetectNoodles("")["noodle"]["obj_cnts"], 2);
-  expect_pictures(1);
 }
 
 }  // namespace

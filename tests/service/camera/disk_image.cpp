@@ -66,11 +66,12 @@ std::string DiskRecorder::Content(const Entry& entry) const {
   return 'f' + (found != contents_.end() ? found->second : "");
 }
 
-void DiskRecorder::AddLive(const fs::path& directory, const std::string& prefix,
+void DiskRecorder::AddLive(const fs::path& directory, const std::string& prefix, bool all_contents,
                            DiskImage& image) const {
   for (const auto& [name, entry] : NamesIn(directory)) {
-    image[prefix + name] = Content(entry);
-    if (entry.kind == 'd') AddLive(directory / name, prefix + name + '/', image);
+    const bool as_it_is = all_contents && entry.kind == 'f';
+    image[prefix + name] = as_it_is ? 'f' + test::ReadFile(directory / name) : Content(entry);
+    if (entry.kind == 'd') AddLive(directory / name, prefix + name + '/', all_contents, image);
   }
 }
 
@@ -84,9 +85,9 @@ void DiskRecorder::AddSynced(const Inode& directory, const std::string& prefix,
   }
 }
 
-DiskImage DiskRecorder::WithAllNames() const {
+DiskImage DiskRecorder::WithAllNames(bool all_contents) const {
   DiskImage image;
-  AddLive(root_, "", image);
+  AddLive(root_, "", all_contents, image);
   return image;
 }
 

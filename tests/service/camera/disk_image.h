@@ -10,7 +10,7 @@
 
 namespace varnel::service {
 
-/// What a disk holds after its power was cut: by relative path, "d" for a directory, "l" and the
+/// What a disk holds: by relative path, "d" for a directory, "l" and the
 /// target for a link, "f" and the content for a file.
 using DiskImage = std::map<std::string, std::string>;
 
@@ -26,8 +26,9 @@ class DiskRecorder {
   /// A thread of the stopped process has synced one of its descriptors.
   void Synced(pid_t thread, int descriptor);
 
-  /// All names are there, as journals write them out sooner or later, in their order.
-  [[nodiscard]] DiskImage WithAllNames() const;
+  /// All names are there, as journals write them out sooner or later, in their order; with all
+  /// contents too when only the process has ended.
+  [[nodiscard]] DiskImage WithAllNames(bool all_contents = false) const;
   /// A directory's names are those of its last fsync.
   [[nodiscard]] DiskImage WithSyncedNames() const;
 
@@ -44,7 +45,7 @@ class DiskRecorder {
   static Inode InodeOf(const std::filesystem::path& path);
   static Names NamesIn(const std::filesystem::path& directory);
   std::string Content(const Entry& entry) const;
-  void AddLive(const std::filesystem::path& directory, const std::string& prefix,
+  void AddLive(const std::filesystem::path& directory, const std::string& prefix, bool all_contents,
                DiskImage& image) const;
   void AddSynced(const Inode& directory, const std::string& prefix, DiskImage& image) const;
 

@@ -17,7 +17,7 @@ namespace {
 constexpr int kSystemCallStop = SIGTRAP | 0x80;
 
 /// The call that a stopped thread is about to make, or has made, if it matters.
-std::optional<DiskCall> CallOf(pid_t thread) {
+std::optional<DiskCall> CallOf(pid_t thread, bool made) {
   static const std::set<long> changes = {SYS_rename, SYS_renameat,  SYS_renameat2, SYS_unlink,
                                          SYS_rmdir,  SYS_unlinkat,  SYS_mkdir,     SYS_symlink,
                                          SYS_fsync,  SYS_fdatasync, SYS_ftruncate};
@@ -25,7 +25,8 @@ std::optional<DiskCall> CallOf(pid_t thread) {
       ::ptrace(PTRACE_PEEKUSER, thread, offsetof(user_regs_struct, orig_rax), nullptr);
   if (changes.count(number) == 0) return std::nullopt;
   const long first = ::ptrace(PTRACE_PEEKUSER, thread, offsetof(user_regs_struct, rdi), nullptr);
-  return DiskCall{thread, number == SYS_fsync || number == SYS_fdatasync, static_cast<int>(first)};
+  return DiskCall{thread, made, number == SYS_fsync || number == SYS_fdatasync,
+                  static_cast<int>(first)};
 }
 
 pid_t StartTraced(const std::function<void()>& work) {
@@ -46,8 +47,8 @@ pid_t StartTraced(const std::function<void()>& work) {
 
 }  // namespace
 
-bool TraceDisk(const std::function<void()>& work, const OnDiskCall& entering,
-               const OnDiskCall& left) {
+bool TraceDisk(const std::function<void()>& work,
+               const std::function<void(const DiskCall& call)>& on_call) {
   const pid_t child = StartTraced(work);
   std::set<pid_t> inside;  // threads between entry and return of a call
   for (;;) {
@@ -55,15 +56,14 @@ bool TraceDisk(const std::function<void()>& work, const OnDiskCall& entering,
     const pid_t thread = ::waitpid(-1, &status, __WALL);
     if (thread < 0) return false;
     if (WIFEXITED(status) || WIFSIGNALED(status)) {
-      if (thread == child) return WIFSIGNALED(status);
+      if (thread == child) return WIFEXITED(status);
       continue;
     }
-    long signal = WSTOPSIG(status);
+    const long signal = WSTOPSIG(status);
     if (signal == kSystemCallStop) {
-      const bool entry = inside.insert(thread).second;
-      if (!entry) inside.erase(thread);
-      const auto call = CallOf(thread);
-      if (call && !(entry ? entering : left)(*call)) ::kill(child, SIGKILL);
+      const bool made = !inside.insert(thread).second;
+      if (made) inside.erase(thread);
+      if (const auto call = CallOf(thread, made)) on_call(*call);
     }
     const bool own = signal == kSystemCallStop || signal == SIGTRAP || signal == SIGSTOP;
     ::ptrace(PTRACE_SYSCALL, thread, nullptr, own ? 0 : signal);
