@@ -369,12 +369,12 @@ TEST_F(TimelapseServiceTest, AnUploadedFilmIsDecryptedByWhatTheAnswerTells) {
   const std::string index = Record(*service, 2);
   EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
   ASSERT_NE(Film(*service, index), "");
-  UploadedFilm film;
-  ASSERT_EQ(service->Upload(index, "video", film), hal_adapter::HalStatus::kSuccess);
-  EXPECT_THAT(film.url, testing::HasSubstr("_timelapse_enc.mp4.enc"));
+  const auto film = service->Upload(index, "video");
+  ASSERT_TRUE(film);
+  EXPECT_THAT(film->url, testing::HasSubstr("_timelapse_enc.mp4.enc"));
   EXPECT_TRUE(fs::is_empty(paths_.upload));
   EXPECT_TRUE(log_.Has("TLP", "Upload timelapse progress: 50% (1/2)"));
-  EXPECT_EQ(log_.Text().find(film.password), std::string::npos);
+  EXPECT_EQ(log_.Text().find(film->password), std::string::npos);
   const auto plain = utils::SafeExec("/usr/bin/openssl")
                          .AddArg("enc")
                          .AddArg("-d")
@@ -383,9 +383,9 @@ TEST_F(TimelapseServiceTest, AnUploadedFilmIsDecryptedByWhatTheAnswerTells) {
                          .AddArg("-md")
                          .AddArg("sha256")
                          .AddArg("-iter")
-                         .AddArg(std::to_string(film.iterations))
+                         .AddArg(std::to_string(film->iterations))
                          .AddArg("-pass")
-                         .AddArg("pass:" + film.password)
+                         .AddArg("pass:" + film->password)
                          .AddArg("-in")
                          .AddArg(sent.string())
                          .Execute();
@@ -397,18 +397,17 @@ TEST_F(TimelapseServiceTest, UploadsNeedTheCloudAndOnlyFilmsAreSent) {
   const std::string index = Record(*service, 1);
   EXPECT_EQ(service->Stop(), TimelapseService::StopResult::kStopped);
   ASSERT_NE(Film(*service, index), "");
-  UploadedFilm film;
-  EXPECT_EQ(service->Upload(index, "audio", film), hal_adapter::HalStatus::kFailure);
-  EXPECT_EQ(service->Upload("20200101000000", "video", film),
+  EXPECT_EQ(service->Upload(index, "audio").Why(), hal_adapter::HalStatus::kFailure);
+  EXPECT_EQ(service->Upload("20200101000000", "video").Why(),
             hal_adapter::HalStatus::kInvalidParameter);
-  EXPECT_EQ(service->Upload(index, "video", film), hal_adapter::HalStatus::kFailure);
+  EXPECT_EQ(service->Upload(index, "video").Why(), hal_adapter::HalStatus::kFailure);
   EXPECT_TRUE(log_.Has("TLP", "Cloud access code is unavailable."));
   EXPECT_EQ(service->Store().Publish({{"date_index", index},
                                       {"timelapse_dir", (paths_.root / index).string()},
                                       {"video_path", "/etc/passwd"}}),
             "");
-  EXPECT_EQ(service->Upload(index, "video", film), hal_adapter::HalStatus::kFileNotFound);
-  EXPECT_EQ(service->Upload(index, "thumbnail", film), hal_adapter::HalStatus::kFailure);
+  EXPECT_EQ(service->Upload(index, "video").Why(), hal_adapter::HalStatus::kFileNotFound);
+  EXPECT_EQ(service->Upload(index, "thumbnail").Why(), hal_adapter::HalStatus::kFailure);
 }
 
 }  // namespace
