@@ -8,7 +8,6 @@
 namespace varnel::board {
 namespace {
 
-namespace fs = std::filesystem;
 using testing::HasSubstr;
 
 BootOptions WithoutDaemon() {
