@@ -85,7 +85,7 @@ TEST_F(RpcEdgesTest, AFloodIsAnsweredOrLoggedAndEveryLogLineIsShort) {
   ASSERT_EQ(board->AwaitDaemonEnd(), 0);
 
   size_t dropped = 0;
-  const std::regex form(R"(\[[-0-9]+ [0-9:.]+\] \[.*\] \[[A-Z0-9]+:[0-9]+\] .*)");
+  const std::regex form(R"(\[[-0-9]+ [0-9:.]+\] \[.*\] \[[A-Z0-9_]+:[0-9]+\] .*)");
   std::istringstream log(board->DaemonLog());
   for (std::string line; std::getline(log, line);) {
     EXPECT_LT(line.size(), 1024U) << line.substr(0, 300);
