@@ -11,8 +11,7 @@ from dataclasses import dataclass, field
 from . import faults, places, wire
 from .broker import socket_of
 
-LISTENERS = ("api", "local", "broker")
-HANDED = (*LISTENERS, "names", "attempts", "hosts")  # in this order
+HANDED = (*faults.LISTENERS, "names", "attempts", "hosts")  # in this order
 PORTS = {443: "api", 80: "local", 8883: "broker"}
 TICK_S = 0.05
 BACKLOG = 128
@@ -168,7 +167,7 @@ class Gate:
         )
 
     def _follow_board(self, board):
-        for listener in LISTENERS:
+        for listener in faults.LISTENERS:
             refused = self._faults.standing({"refuse"}, listener, board.name)
             there = listener != "broker" or self._broker.running()
             if there and not refused:
