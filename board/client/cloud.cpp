@@ -74,7 +74,10 @@ void Cloud::SetFaults(const std::string& text) const {
   if (!EditFile(files_.Faults(), [&](const std::string&) { return text; })) {
     throw std::runtime_error("the cloud's fault file cannot be written");
   }
-  Tell({"settle"});
+  const json answer = Tell({"settle"});
+  if (!answer.at("nonsense").empty()) {
+    throw std::runtime_error("no faults of the cloud: " + answer.at("nonsense").dump());
+  }
 }
 
 std::string Cloud::Faults() const {

@@ -47,6 +47,7 @@ bool CloudCaller::Publish(const std::string& topic, const std::string& payload) 
   // The first attempt may meet a link that a broker of before had.
   for (int attempt = 0; attempt < 2; ++attempt) {
     try {
+      // NOLINTNEXTLINE(modernize-make-unique): a link cannot be moved
       if (!sender_) sender_.reset(new MqttLink(cloud_.Link(name_)));
       sender_->Publish(topic, payload, 1);
       return true;

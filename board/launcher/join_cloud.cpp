@@ -28,7 +28,7 @@ json ReadJson(const fs::path& file) {
 std::string Register(const CloudFiles& cloud, const Layout& layout) {
   const json identity =
       json::parse(ReadClearIdentityBlock(layout.Dev() / "mmcblk0"), nullptr, false);
-  const std::string name = identity.is_object() ? identity.value("SerialNumber", "") : "";
+  std::string name = identity.is_object() ? identity.value("SerialNumber", "") : "";
   if (name.empty()) return layout.Root().filename();
   if (identity.contains("PrivateKey")) {
     Write(cloud.DeviceKey(name), PublicKeyPem(identity.at("PrivateKey")));
@@ -37,11 +37,7 @@ std::string Register(const CloudFiles& cloud, const Layout& layout) {
 }
 
 void WriteNames(const json& description, const Layout& layout) {
-  std::string hosts = "127.0.0.1 localhost\n";
-  for (const std::string host : description.at("hosts")) {
-    hosts += description.at("address").get<std::string>() + " " + host + "\n";
-  }
-  Write(layout.Etc() / "hosts", hosts);
+  Write(layout.Etc() / "hosts", description.at("hosts_file"));
   Write(layout.Etc() / "resolv.conf", "nameserver " + description.value("name_server", "") + "\n");
 }
 

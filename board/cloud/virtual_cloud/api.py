@@ -100,11 +100,11 @@ class _Handler(BaseHTTPRequestHandler):
 
     def _serve(self):
         arrived = time.time()
-        size = int(self.headers.get("Content-Length") or 0)
-        if size > MAX_BODY or "Transfer-Encoding" in self.headers:
-            self.close_connection = True
-            size = 0
-        request = self._request(self.rfile.read(size))
+        size = self.headers.get("Content-Length", "0")
+        if not size.isdecimal() or int(size) > MAX_BODY or "Transfer-Encoding" in self.headers:
+            self.send_error(400)
+            return
+        request = self._request(self.rfile.read(int(size)))
         met = self._api.faults.take(faults.ANSWER, request.path, request.device or self._wire.board)
         replied = self._answer(request, {fault.kind: fault for fault in met})
         self._record(request, replied, met, arrived)

@@ -7,11 +7,11 @@ import tempfile
 import threading
 import time
 
-from . import files, openssl, places
+from . import faults, files, openssl, places
 
 NEW_KEY = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-sha256")
 DAY = 86400
-SERVER_KINDS = ("right", "expired", "not-yet", "other-name", "foreign")
+SERVER_KINDS = ("right", *faults.CERTIFICATES)
 
 
 def _date(seconds):

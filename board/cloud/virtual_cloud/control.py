@@ -64,6 +64,7 @@ class Control:
 
     def _settle(self):
         self._cloud.gate.settle()
+        return {"nonsense": self._cloud.faults.nonsense()}
 
     def _device(self, device):
         return {"device": self._cloud.devices.state(device)}

@@ -39,6 +39,7 @@ Others; WHERE is *:
 """
 
 import fnmatch
+import json
 import os
 import re
 import threading
@@ -46,10 +47,45 @@ from dataclasses import dataclass
 
 from . import files, places
 
-TEXT = {"body", "patch"}
-ANSWER = {"status", "code", "body", "file", "patch", "delay", "cut", "endless-body", "endless-headers", "revoke"}
-CONNECT = {"silence", "certificate"}
-WIRE = {"reset", "stall", "rate"}
+LISTENERS = ("api", "local", "broker")
+CERTIFICATES = ("expired", "not-yet", "other-name", "foreign")
+
+
+def _count(text):
+    if int(text) < 0:
+        raise ValueError("less than nothing")
+
+
+def _certificate(text):
+    if text not in CERTIFICATES:
+        raise ValueError("no such certificate")
+
+
+def _nothing(text):
+    if text:
+        raise ValueError("takes no argument")
+
+
+# What reads the argument; it raises ValueError for what makes no sense.
+ANSWER = {
+    "status": _count,
+    "code": int,
+    "body": str,
+    "file": str,
+    "patch": json.loads,
+    "delay": float,
+    "cut": _count,
+    "endless-body": _nothing,
+    "endless-headers": _nothing,
+    "revoke": _nothing,
+}
+CONNECT = {"silence": _nothing, "certificate": _certificate}
+WIRE = {"reset": _count, "stall": _count, "rate": _count}
+REFUSE = {"refuse": _nothing}
+GENERAL = {"no-subscribe": _nothing, "no-names": _nothing, "no-broker": _nothing}
+_KINDS = ANSWER | CONNECT | WIRE | REFUSE | GENERAL
+_TEXT = {"body", "patch"}
+_STATES = REFUSE | GENERAL  # hold as long as the line stands, and cannot be counted
 _OPTION = re.compile(r"(device|skip|times)=(\S+)")
 
 
@@ -83,21 +119,31 @@ class Fault:
 
 
 def parse(line):
-    """Nothing for a line that makes no sense."""
-    head = line.split(None, 2)
-    if len(head) < 2 or head[0].startswith("#"):
+    """Nothing for a line that makes no sense, or has no fault."""
+    words = line.split(None, 2)
+    if len(words) < 2 or words[0] not in _KINDS:
         return None
-    fault = Fault(head[0], head[1], "")
-    rest = head[2].strip() if len(head) > 2 else ""
+    kind = words[0]
+    fault = Fault(kind, words[1], "")
+    text = words[2].strip() if len(words) > 2 else ""
     try:
-        while option := _OPTION.match(rest):
+        while option := _OPTION.match(text):
             name, value = option.groups()
             setattr(fault, name, value if name == "device" else int(value))
-            rest = rest[option.end() :].lstrip()
+            text = text[option.end() :].lstrip()
+        fault.argument = text if kind in _TEXT else text.split("#")[0].strip()
+        _KINDS[kind](fault.argument)
     except ValueError:
         return None
-    fault.argument = rest if fault.kind in TEXT else rest.split("#")[0].strip()
-    return fault
+    return fault if _has_a_place(fault) else None
+
+
+def _has_a_place(fault):
+    if fault.kind in _STATES and fault.counted:
+        return False
+    if fault.kind in ANSWER:
+        return fault.where[0] in "/*"
+    return fault.where == "*" or (fault.kind not in GENERAL and fault.where in LISTENERS)
 
 
 def meet(lines, kinds, where, device):
@@ -145,6 +191,11 @@ class Faults:
                 self._seen = seen
                 self.version += 1
             return list(self._lines)
+
+    def nonsense(self):
+        """Lines that ask for something and are not understood."""
+        asking = [line for line in self.look() if line.split("#")[0].strip()]
+        return [line for line in asking if not parse(line)]
 
     def take(self, kinds, where, device):
         """What something meets now; counted lines are counted down."""

@@ -11,12 +11,10 @@ from dataclasses import dataclass, field
 from . import faults, places, wire
 from .broker import socket_of
 
-LISTENERS = ("api", "local", "broker")
-HANDED = (*LISTENERS, "names", "attempts", "hosts")  # in this order
+HANDED = (*faults.LISTENERS, "names", "attempts", "hosts")  # in this order
 PORTS = {443: "api", 80: "local", 8883: "broker"}
 TICK_S = 0.05
 BACKLOG = 128
-NO_NAMES = b"127.0.0.1 localhost\n"
 
 
 @dataclass
@@ -41,9 +39,8 @@ class Board:
     uplink: socket.socket
     sockets: dict
     hosts: int  # descriptor of /etc/hosts
-    names: bytes = b""
     listening: set = field(default_factory=set)
-    named: bool = True
+    named: bool | None = None
 
 
 class Gate:
@@ -85,14 +82,17 @@ class Gate:
     def _run(self):
         while True:
             for key, _ in self._selector.select(TICK_S):
-                try:
-                    key.data()
-                except OSError as error:
-                    self._journal.write("error", text=str(error))
-            self._follow()
+                self._try(key.data)
+            self._try(self._follow)
             with self._round:
                 self._rounds += 1
                 self._round.notify_all()
+
+    def _try(self, call):
+        try:
+            call()
+        except Exception as error:  # a board that breaks off leaves the others alone
+            self._journal.write("error", text=repr(error))
 
     def _let_in(self):
         uplink, _ = self._door.accept()
@@ -101,13 +101,12 @@ class Gate:
             uplink.close()
             return
         handed = dict(zip(HANDED, descriptors))
-        hosts = handed.pop("hosts")
+        hosts = handed.pop("hosts")  # no socket
         board = Board(
             json.loads(packet)["board"],
             uplink,
             {name: socket.socket(fileno=descriptor) for name, descriptor in handed.items()},
             hosts,
-            os.pread(hosts, 65536, 0),
         )
         self._let_out(self._boards.get(board.name))
         self._boards[board.name] = board
@@ -168,7 +167,7 @@ class Gate:
         )
 
     def _follow_board(self, board):
-        for listener in LISTENERS:
+        for listener in faults.LISTENERS:
             refused = self._faults.standing({"refuse"}, listener, board.name)
             there = listener != "broker" or self._broker.running()
             if there and not refused:
@@ -197,7 +196,7 @@ class Gate:
         if named == board.named:
             return
         board.named = named
-        text = board.names if named else NO_NAMES
+        text = places.hosts_file(named).encode()
         os.pwrite(board.hosts, text, 0)
         os.ftruncate(board.hosts, len(text))
 

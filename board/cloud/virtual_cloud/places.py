@@ -42,6 +42,12 @@ def hosts():
     ]
 
 
+def hosts_file(named=True):
+    """A board's /etc/hosts."""
+    names = [f"{ADDRESS} {host}\n" for host in hosts()] if named else []
+    return "".join(["127.0.0.1 localhost\n", *names])
+
+
 def region_of(host):
     """The region whose API a Host header names; the server beside the boards is of the first."""
     name = host.split(":")[0].removeprefix("pre.")
@@ -51,9 +57,8 @@ def region_of(host):
 def description():
     """What a board has to know to join."""
     return {
-        "address": ADDRESS,
         "name_server": NAME_SERVER,
-        "hosts": hosts(),
+        "hosts_file": hosts_file(),
         "root_ca": ROOT_CA,
         "credential_key": CREDENTIAL_KEY,
         "deployment": {
