@@ -7,11 +7,8 @@
 #include <filesystem>
 #include <regex>
 
-#include "board/run_inside.h"
-#include "board/served_board.h"
+#include "board/cloud_board.h"
 #include "support/eventually.h"
-#include "virtual_board/client/cloud.h"
-#include "virtual_board/client/cloud_caller.h"
 #include "virtual_board/common/files.h"
 #include "virtual_board/identity/block.h"
 
@@ -26,77 +23,14 @@ using testing::IsEmpty;
 using testing::IsSupersetOf;
 using testing::Not;
 
-constexpr const char* kAgent = "mqtt_agent/request";
 constexpr const char* kCertificates = "/api/device/getMqttCert";
 
-Cloud& TheCloud() {
-  static Cloud cloud;
-  return cloud;
-}
-
-/// A board of the cloud, and a client in the cloud that calls it.
-class CloudBoard : public ServedBoard {
- public:
-  /// Without a camera the start is quick.
-  explicit CloudBoard(const BootOptions& more = {}, bool camera = false)
-      : ServedBoard(Options(more),
-                    [&](const Board& one) {
-                      if (!camera) one.SetCameraFaults("unplug");
-                    }),
-        serial(json::parse(ReadClearIdentityBlock(board.Paths().Dev() / "mmcblk0"))
-                   .at("SerialNumber")),
-        client(TheCloud(), serial) {
-    EXPECT_TRUE(rpc.AwaitDaemon());
-  }
-  ~CloudBoard() {
-    for (const std::string& problem : client.Record().Problems()) ADD_FAILURE() << problem;
-    TheCloud().SetFaults("");
-  }
-
-  json Ask(const std::string& method, const json& params = nullptr) {
-    return rpc.Call("mqtt_agent." + method, params, kAgent);
-  }
-  std::string Status() { return Ask("sync_config").at("result").at("status"); }
-  bool Await(const std::string& status) {
-    return test::Eventually([&] { return Status() == status; }, std::chrono::seconds(60));
-  }
-  void Join(const std::string& region = "int") {
-    EXPECT_EQ(Ask("set_region", {{"region", region}}), Success());
-    EXPECT_TRUE(Await("connected"));
-  }
-  /// The states that local clients were told of, without repetitions.
-  std::vector<std::string> States() const {
-    std::vector<std::string> states;
-    for (const auto& told : rpc.Notifications("notify_mqtt_agent_status"))
-      states.push_back(told.params.at("state"));
-    states.erase(std::unique(states.begin(), states.end()), states.end());
-    return states;
-  }
-  size_t Requests(const std::string& path) const {
-    return TheCloud().Requests(path, serial).size();
-  }
-  std::string Log() const { return board.DaemonLog(); }
-  /// @param from how much of the log is old
-  bool AwaitLog(const std::string& text, size_t from = 0) const {
-    return test::Eventually([&] { return Log().find(text, from) != std::string::npos; },
-                            std::chrono::seconds(60));
-  }
-
-  const std::string serial;
-  CloudCaller client;
-
- private:
-  static BootOptions Options(const BootOptions& more) {
-    BootOptions options = DaemonOptions();
-    options.cloud = TheCloud().Directory();
-    options.clock = more.clock;
-    options.device_key = more.device_key;
-    options.environment.insert(more.environment.begin(), more.environment.end());
-    return options;
-  }
+class CloudAgentTest : public testing::Test {
+ protected:
+  ~CloudAgentTest() override { TheCloud().SetFaults(""); }
 };
 
-TEST(CloudAgentTest, AFreshBoardJoinsAndComesBackAfterAKill) {
+TEST_F(CloudAgentTest, AFreshBoardJoinsAndComesBackAfterAKill) {
   BootOptions options;
   options.device_key = KeyKind::kRsa;
   CloudBoard board(options, true);
@@ -124,9 +58,7 @@ TEST(CloudAgentTest, AFreshBoardJoinsAndComesBackAfterAKill) {
 
   const size_t fetched = board.Requests(kCertificates);
   EXPECT_EQ(fetched, 1U);
-  ASSERT_TRUE(board.board.SignalDaemon(SIGKILL));
-  ASSERT_TRUE(board.board.AwaitDaemonEnd().has_value());
-  ASSERT_TRUE(board.board.StartDaemon());
+  board.KillAndStart();
   ASSERT_TRUE(board.rpc.AwaitDaemon());
   EXPECT_TRUE(board.Await("connected"));
   EXPECT_EQ(board.Requests(kCertificates), fetched) << "what is on the disk is still good";
@@ -157,7 +89,7 @@ void ExpectRefusals(CloudBoard& board, const json& otherwise) {
   EXPECT_EQ(board.Ask("pull_print_task", {{"job_id", "j"}}), otherwise);
 }
 
-TEST(CloudAgentTest, WhatIsAskedOfTheCloudAndWhatStaysSecret) {
+TEST_F(CloudAgentTest, WhatIsAskedOfTheCloudAndWhatStaysSecret) {
   CloudBoard board;
   TheCloud().Bind(board.serial, "u1", "Ada");
   ExpectRefusals(board, Error(-32000, "Cloud not connected"));
@@ -208,7 +140,7 @@ TEST(CloudAgentTest, WhatIsAskedOfTheCloudAndWhatStaysSecret) {
       "700\n700\n600\n600\n600\n600\n600\n");
 }
 
-TEST(CloudAgentTest, HostileRequestsOfTheCloudAreAnsweredOrDroppedWithALine) {
+TEST_F(CloudAgentTest, HostileRequestsOfTheCloudAreAnsweredOrDroppedWithALine) {
   CloudBoard board;
   board.Join();
   const std::string topic = board.serial + "/request";
@@ -219,7 +151,7 @@ TEST(CloudAgentTest, HostileRequestsOfTheCloudAreAnsweredOrDroppedWithALine) {
        {std::string("{"), std::string("\xff\xfe"), deep + "}", std::string((1U << 20U) + 1, ' ')})
     board.client.Publish(topic, bad);
   const auto dropped = [&] {
-    const std::string log = board.Log();
+    const std::string log = board.board.DaemonLog();
     const std::regex line("drop|overflow|Server busy|dispatch failed");
     return static_cast<size_t>(
         std::distance(std::sregex_iterator(log.begin(), log.end(), line), {}));
@@ -235,7 +167,7 @@ TEST(CloudAgentTest, HostileRequestsOfTheCloudAreAnsweredOrDroppedWithALine) {
   EXPECT_EQ(board.Status(), "connected");
 }
 
-TEST(CloudAgentTest, NoWrongCertificateOpensALinkAndAClockThatIsNotSetCostsNothing) {
+TEST_F(CloudAgentTest, NoWrongCertificateOpensALinkAndAClockThatIsNotSetCostsNothing) {
   BootOptions options;
   options.clock = true;
   CloudBoard api(options);
@@ -248,11 +180,7 @@ TEST(CloudAgentTest, NoWrongCertificateOpensALinkAndAClockThatIsNotSetCostsNothi
                          "\ncertificate broker device=" + broker.serial + " " + kind + "\n");
   };
   fault("expired");
-  for (CloudBoard* board : {&api, &broker}) {
-    ASSERT_TRUE(board->board.SignalDaemon(SIGKILL));
-    ASSERT_TRUE(board->board.AwaitDaemonEnd().has_value());
-    ASSERT_TRUE(board->board.StartDaemon());
-  }
+  for (CloudBoard* board : {&api, &broker}) board->KillAndStart();
   for (const char* kind : {"expired", "not-yet", "other-name", "foreign"}) {
     fault(kind);
     for (CloudBoard* board : {&api, &broker}) {
@@ -281,7 +209,7 @@ TEST(CloudAgentTest, NoWrongCertificateOpensALinkAndAClockThatIsNotSetCostsNothi
   EXPECT_EQ(api.Requests(kCertificates), fetched) << "nothing was removed";
 }
 
-TEST(CloudAgentTest, EndsInTimeWhereverItIsStuck) {
+TEST_F(CloudAgentTest, EndsInTimeWhereverItIsStuck) {
   const std::vector<std::pair<const char*, const char*>> stuck{
       {"no-names *", "NETWORK_DETECTION"},
       {"silence api", "GET_ACCESS_TOKEN"},
