@@ -1,11 +1,15 @@
 // The least that a logging process on the broker takes: the MQTT library, connected and subscribed,
-// and a rotating log that is flushed every ten seconds. Runs until it is killed; with "--once yes"
-// it ends when connected.
+// a rotating log that is flushed every ten seconds, the library for HTTP, and a look at the state
+// of things once a second ("--looks N": N times). Runs until it is killed; with "--once yes" it
+// ends when connected.
+#include <curl/curl.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/spdlog.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
+#include <thread>
 
 #include "support/paho_link.h"
 #include "support/report.h"
@@ -16,6 +20,7 @@ int Idle(const varnel::bench::Options& options) {
   const std::string log = options.Text("log", "/tmp/idle_reference.log");
   spdlog::set_default_logger(spdlog::rotating_logger_mt("reference", log, 10u << 20, 5));
   spdlog::flush_every(std::chrono::seconds(10));
+  curl_global_init(CURL_GLOBAL_DEFAULT);
   varnel::bench::PahoLink link(options.Text("host", "127.0.0.1"), options.Number("port", 1883),
                                "idle-reference-" + std::to_string(getpid()), {});
   spdlog::info("connected");
@@ -25,8 +30,8 @@ int Idle(const varnel::bench::Options& options) {
   link.Subscribe("bench/idle");
   std::puts("ready");
   std::fflush(stdout);
-  pause();
-  return 0;
+  const std::chrono::milliseconds pause(1000 / options.Number("looks", 1));
+  for (;;) std::this_thread::sleep_for(pause);
 }
 
 }  // namespace

@@ -26,30 +26,38 @@ ClientLog::ClientLog(DeviceAuthentication& authentication, std::string path,
     : authentication_(authentication),
       path_(std::move(path)),
       region_(std::move(region)),
-      http_({.post_once = true}, authentication.Setup().stop, *authentication.Setup().clock) {
-  if (path_.empty()) return;
-  task_.emplace("client-log", kTag, *authentication.Setup().clock,
-                [this](const auto& pause) { Run(pause); });
-}
+      http_({.post_once = true}, authentication.Setup().stop, *authentication.Setup().clock) {}
 
 void ClientLog::PostClientLog(const char* level, const std::string& message) {
   VLOG_INFO(kTag, "client log: {} {}", level, utils::LogText(message));
   if (path_.empty()) return;
+  utils::Clock& clock = *authentication_.Setup().clock;
+  const utils::MutexLock starting(starting_);
+  if (Keep({level, message, MillisecondsOf(clock.WallNow())})) return;
+  task_.emplace("client-log", kTag, clock, [this](const auto& pause) { Run(pause); });
+}
+
+/// Whether there is a thread for it.
+bool ClientLog::Keep(Report report) {
   const utils::MutexLock lock(mutex_);
   if (kept_.size() == kMaxKept) kept_.pop_front();
-  kept_.push_back({level, message, MillisecondsOf(authentication_.Setup().clock->WallNow())});
+  kept_.push_back(std::move(report));
+  return std::exchange(running_, true);
 }
 
 void ClientLog::Run(const utils::PausingThread::Pause& pause) {
   while (pause(kPause)) {
     const auto report = Oldest();
-    if (report && Send(*report)) Forget(*report);
+    if (!report) return;
+    if (Send(*report)) Forget(*report);
   }
 }
 
-std::optional<ClientLog::Report> ClientLog::Oldest() const {
+/// Without one the thread ends.
+std::optional<ClientLog::Report> ClientLog::Oldest() {
   const utils::MutexLock lock(mutex_);
-  return kept_.empty() ? std::nullopt : std::optional(kept_.front());
+  running_ = !kept_.empty();
+  return running_ ? std::optional(kept_.front()) : std::nullopt;
 }
 
 void ClientLog::Forget(const Report& sent) {

@@ -13,8 +13,8 @@
 
 namespace varnel::service {
 
-/// Sends reports about this device to the cloud's log, on a thread of its own: one a second, once
-/// the device may. The newest are kept until then. Thread-safe.
+/// Sends reports about this device to the cloud's log, on a thread that there is as long as there
+/// are any: one a second, once the device may. The newest are kept until then. Thread-safe.
 class ClientLog {
  public:
   static constexpr size_t kMaxKept = 32;
@@ -35,8 +35,9 @@ class ClientLog {
     int64_t time_ms;  ///< since the epoch
   };
 
+  [[nodiscard]] bool Keep(Report report);
   void Run(const utils::PausingThread::Pause& pause);
-  [[nodiscard]] std::optional<Report> Oldest() const;
+  [[nodiscard]] std::optional<Report> Oldest();
   void Forget(const Report& sent);
   [[nodiscard]] bool Send(const Report& report);
 
@@ -46,7 +47,9 @@ class ClientLog {
   HttpClient http_;
   mutable utils::Mutex mutex_;
   std::deque<Report> kept_ GUARDED_BY(mutex_);
-  std::optional<utils::PausingThread> task_;  // last: it uses the rest
+  bool running_ GUARDED_BY(mutex_) = false;
+  utils::Mutex starting_;  // held while the thread of before is awaited, before mutex_
+  std::optional<utils::PausingThread> task_ GUARDED_BY(starting_);  // last: it uses the rest
 };
 
 }  // namespace varnel::service
