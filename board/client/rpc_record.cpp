@@ -23,6 +23,17 @@ json Outcome(const json& answer) {
   return nullptr;
 }
 
+/// Whether a method is the board's own, and its caller in the cloud.
+bool IsForbidden(const std::string& topic, const std::string& method) {
+  return topic.starts_with("<serial>/") && method.starts_with("mqtt_agent.");
+}
+
+std::optional<std::string> CheckForbidden(const json& answer) {
+  const json code = answer.value(json::json_pointer("/error/code"), json());
+  if (code == -32601) return std::nullopt;
+  return "a method of the board's own answers the cloud: " + answer.dump();
+}
+
 }  // namespace
 
 json RpcRequest(const json& id, const std::string& method, const json& params) {
@@ -99,7 +110,10 @@ void RpcRecord::OnAnswer(const std::string& topic, const json& answer) {
     Judge(topic, "answers no request: " + answer.dump().substr(0, 200));
     return;
   }
-  Judge(topic, DaemonContract().CheckAnswer(request->second.at("method"), request->second, answer));
+  const std::string method = request->second.at("method");
+  Judge(topic, IsForbidden(topic, method)
+                   ? CheckForbidden(answer)
+                   : DaemonContract().CheckAnswer(method, request->second, answer));
   open_.erase(request);
 }
 
