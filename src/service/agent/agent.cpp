@@ -107,6 +107,11 @@ void Agent::CheckRecordsNow() {
   EndWait();
 }
 
+void Agent::TellStatusNow() {
+  tell_status_ = true;
+  EndWait();
+}
+
 void Agent::OnServerDisconnected() {
   VLOG_WARN(kTag, "Device disconnected error received from auth server, forcing logout");
   server_disconnected_ = true;

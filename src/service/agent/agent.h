@@ -67,6 +67,8 @@ class Agent {
   void FactoryReset();
   /// Who is bound is looked up at the next pass instead of within half a minute.
   void CheckRecordsNow();
+  /// The cloud learns the device's name and status at the next pass.
+  void TellStatusNow();
   /// The authentication server takes the device for disconnected.
   void OnServerDisconnected();
   void OnCloudConnected() { cloud_connected_ = true; }
@@ -145,6 +147,7 @@ class Agent {
   std::atomic<bool> taken_over_ = false;  ///< the link, by another one of the same name
   std::atomic<bool> reset_ = false;
   std::atomic<bool> check_records_ = false;
+  std::atomic<bool> tell_status_ = false;
   std::atomic<CloudFailure> reported_ = CloudFailure::kNone;  ///< in this cycle
   std::atomic<CloudFailure> last_failure_ = CloudFailure::kNone;
   std::atomic<int> online_status_ = 1;

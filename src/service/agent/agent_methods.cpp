@@ -109,6 +109,7 @@ json AgentMethods::SyncConfig(const json& params) {
     const auto name = TextIn(params, "name", kMaxNameBytes);
     if (!name) return InvalidParams();
     settings_.Change([&](AgentConfig& config) { config.name = *name; });
+    agent_.TellStatusNow();
   }
   agent_.SyncConfig();
   const AgentConfig config = settings_.Get();

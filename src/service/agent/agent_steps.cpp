@@ -226,7 +226,9 @@ void Agent::OnConnected() {
     Announce();
     (void)users_.CheckUserRecordsHTTP(cloud_region_, false);
   }
-  if (clock_.Now() >= refresh_at_) RefreshToken();
+  if (tell_status_.exchange(false) && !users_.UpdateDeviceStatus(cloud_region_, online_status_))
+    VLOG_ERROR(kTag, "Failed to update device status");
+  if (clock_.Now() >= refresh_at_ || Credentials().IsTokenRefused()) RefreshToken();
   WaitExactly(kTick);
 }
 

@@ -270,6 +270,11 @@ TEST(AgentStepsTest, AConnectedDeviceSyncsAndRefreshesItsToken) {
   world.PassTimes(2);
   EXPECT_EQ(world.Calls(), "refresh wait(100) wait(100)");
   EXPECT_EQ(told, 2);
+  world.token_refused = true;
+  world.agent().TellStatusNow();
+  world.PassTimes(1);
+  EXPECT_EQ(world.Calls(), "online(int,1) refresh wait(100)");
+  world.token_refused = false;
   world.clock().Advance(std::chrono::hours(24));
   world.refresh_works = false;
   world.PassTimes(4);

@@ -33,6 +33,7 @@ class AgentWorld : private AgentComms, private AgentUsers, private LinkCredentia
   bool region_locked = false;
   bool info_works = true;
   bool refresh_works = true;
+  bool token_refused = false;
   bool throws = false;
   std::string probe_error;
 
@@ -74,6 +75,7 @@ class AgentWorld : private AgentComms, private AgentUsers, private LinkCredentia
   bool GetAccessToken(int64_t lifetime_h) override;
   bool IsRegionLocked() const override { return region_locked; }
   bool RefreshToken(const utils::SharedSecret&) override;
+  bool IsTokenRefused() const override { return token_refused; }
   void ForgetTokens() override { Note("tokens-"); }
   bool GetAuthInfo() override;
   std::optional<nlohmann::json> AuthInfo() const override;

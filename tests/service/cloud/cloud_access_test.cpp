@@ -15,6 +15,7 @@ using test::ScriptedServer;
 using testing::HasSubstr;
 
 constexpr const char* kPath = "/api/upload/create";
+constexpr const char* kPost = "POST /api/upload/create";
 
 class CloudAccessTest : public testing::Test {
  protected:
@@ -34,9 +35,8 @@ class CloudAccessTest : public testing::Test {
   }
   size_t Posts() const {
     const auto all = server_.requests.Items();
-    return static_cast<size_t>(std::count_if(all.begin(), all.end(), [](const auto& request) {
-      return request.starts_with(std::string("POST ") + kPath);
-    }));
+    return static_cast<size_t>(std::count_if(
+        all.begin(), all.end(), [](const auto& request) { return request.starts_with(kPost); }));
   }
   bool Logged(const std::string& text) const { return agent_.log.Has("CLDI", text); }
 

@@ -19,6 +19,7 @@ using nlohmann::json;
 constexpr const char* kTag = "MA_AUTH";
 constexpr int kSuccess = 200;
 constexpr long kClientError = 400;
+constexpr long kUnauthorized = 401;
 constexpr long kServerError = 500;
 constexpr size_t kLoggedText = 160;
 constexpr size_t kMaxReplyBytes = size_t{1} << 20U;
@@ -129,16 +130,22 @@ DeviceApi::DeviceApi(DeviceAuthentication& authentication, int disconnected_code
 
 std::optional<std::string> DeviceApi::DeviceApiPost(const Access& access, const Request& request) {
   const std::string url = access.base_url + request.endpoint.path;
-  return Sorted("DeviceApiPost", url,
+  return Judged(access, "DeviceApiPost", url,
                 http_.Post(url, request.content, authentication_.DeviceHeaders(access.base_url),
                            access.token));
 }
 
 std::optional<std::string> DeviceApi::DeviceApiGet(const Access& access, const Request& request) {
   const std::string url = access.base_url + request.endpoint.path;
-  return Sorted("DeviceApiGet", url,
+  return Judged(access, "DeviceApiGet", url,
                 http_.Get(url, request.content, authentication_.DeviceHeaders(access.base_url),
                           access.token));
+}
+
+std::optional<std::string> DeviceApi::Judged(const Access& access, const char* name,
+                                             const std::string& url, HttpResponse response) {
+  if (response.status == kUnauthorized) authentication_.OnRefused(access.token);
+  return Sorted(name, url, std::move(response));
 }
 
 std::optional<json> DeviceApi::Call(const Request& request) {
@@ -153,14 +160,15 @@ std::optional<json> DeviceApi::CallWith(const Access& access, const Request& req
   try {
     const auto body =
         request.is_post ? DeviceApiPost(access, request) : DeviceApiGet(access, request);
-    return body ? ReadReply(request.endpoint, *body) : std::nullopt;
+    return body ? ReadReply(access, request.endpoint, *body) : std::nullopt;
   } catch (const std::exception& error) {
     Say(request.endpoint.error, utils::LogText(error.what()), "none");
     return std::nullopt;
   }
 }
 
-bool DeviceApi::IsCodeGood(const Endpoint& endpoint, const json& reply, size_t body_size) {
+bool DeviceApi::IsCodeGood(const Access& access, const Endpoint& endpoint, const json& reply,
+                           size_t body_size) {
   const auto code = reply.find("code");
   if (code == reply.end() || !code->is_number()) {
     const std::string found = code == reply.end() ? "none" : code->type_name();
@@ -171,19 +179,23 @@ bool DeviceApi::IsCodeGood(const Endpoint& endpoint, const json& reply, size_t b
     }
     return false;
   }
-  if (*code == disconnected_code_ && on_disconnected_) on_disconnected_();
+  if (*code == disconnected_code_) {
+    authentication_.OnRefused(access.token);
+    if (on_disconnected_) on_disconnected_();
+  }
   if (!endpoint.needs_code_200 || *code == kSuccess) return true;
   Say(endpoint.unexpected_code, code->dump());
   return false;
 }
 
-std::optional<json> DeviceApi::ReadReply(const Endpoint& endpoint, const std::string& body) {
+std::optional<json> DeviceApi::ReadReply(const Access& access, const Endpoint& endpoint,
+                                         const std::string& body) {
   auto reply = ParseReply(body);
   if (!reply || !reply->is_object()) {
     Say(endpoint.error, "the reply is no JSON object", fmt::format("{} bytes", body.size()));
     return std::nullopt;
   }
-  if (!IsCodeGood(endpoint, *reply, body.size())) return std::nullopt;
+  if (!IsCodeGood(access, endpoint, *reply, body.size())) return std::nullopt;
   const auto data = reply->find("data");
   if (!endpoint.needs_data || (data != reply->end() && !data->is_null())) return reply;
   Say(endpoint.invalid_data, data == reply->end() ? "none" : data->type_name());

@@ -59,10 +59,13 @@ class DeviceApi {
   [[nodiscard]] std::optional<nlohmann::json> Call(const Request& request);
   [[nodiscard]] std::optional<nlohmann::json> CallWith(const Access& access,
                                                        const Request& request);
-  [[nodiscard]] std::optional<nlohmann::json> ReadReply(const Endpoint& endpoint,
+  [[nodiscard]] std::optional<std::string> Judged(const Access& access, const char* name,
+                                                  const std::string& url, HttpResponse response);
+  [[nodiscard]] std::optional<nlohmann::json> ReadReply(const Access& access,
+                                                        const Endpoint& endpoint,
                                                         const std::string& body);
-  [[nodiscard]] bool IsCodeGood(const Endpoint& endpoint, const nlohmann::json& reply,
-                                size_t body_size);
+  [[nodiscard]] bool IsCodeGood(const Access& access, const Endpoint& endpoint,
+                                const nlohmann::json& reply, size_t body_size);
 
   DeviceAuthentication& authentication_;
   HttpClient http_;

@@ -192,7 +192,18 @@ bool DeviceAuthentication::Adopt(TokenPair tokens, const Target& target) {
   }
   tokens_ = std::move(tokens);
   issuer_ = target.base_url;
+  refused_ = false;
   return true;
+}
+
+void DeviceAuthentication::OnRefused(const utils::SharedSecret& token) {
+  const utils::MutexLock lock(mutex_);
+  if (token && token == tokens_.access) refused_ = true;
+}
+
+bool DeviceAuthentication::IsTokenRefused() const {
+  const utils::MutexLock lock(mutex_);
+  return refused_ && tokens_.access;
 }
 
 TokenPair DeviceAuthentication::TokensOf(const std::string& base_url) const {

@@ -54,6 +54,9 @@ class DeviceAuthentication : public LinkCredentials {
   [[nodiscard]] bool RefreshToken(const utils::SharedSecret& refused) override;
   /// Nothing for a region that is not in the table. The token is null while there is none.
   [[nodiscard]] std::optional<Access> AccessTo(const std::string& region) const;
+  /// A server did not take this one.
+  void OnRefused(const utils::SharedSecret& token);
+  [[nodiscard]] bool IsTokenRefused() const override;
   void ForgetTokens() override;
 
   [[nodiscard]] bool GetAuthInfo() override;
@@ -109,7 +112,8 @@ class DeviceAuthentication : public LinkCredentials {
   std::string region_ GUARDED_BY(mutex_);
   uint64_t time_ GUARDED_BY(mutex_) = 0;  ///< another one begins when the tokens are forgotten
   TokenPair tokens_ GUARDED_BY(mutex_);
-  std::string issuer_ GUARDED_BY(mutex_);  ///< the base URL that they came from
+  std::string issuer_ GUARDED_BY(mutex_);    ///< the base URL that they came from
+  bool refused_ GUARDED_BY(mutex_) = false;  ///< the access token
   std::optional<nlohmann::json> auth_info_ GUARDED_BY(mutex_);
   CountryCode country_code_;  // last: its thread uses the rest
 };

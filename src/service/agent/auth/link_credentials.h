@@ -26,6 +26,8 @@ class LinkCredentials {
   /// @param refused what the server would not take any more: true at once if it has been replaced
   ///   meanwhile; null: whatever there is
   [[nodiscard]] virtual bool RefreshToken(const utils::SharedSecret& refused) = 0;
+  /// A server would not take the access token that there is.
+  [[nodiscard]] virtual bool IsTokenRefused() const = 0;
   virtual void ForgetTokens() = 0;
 
   /// Fills the authentication info, from the disk if possible. The agent's.
