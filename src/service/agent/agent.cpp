@@ -157,8 +157,9 @@ void Agent::Announce() {
 }
 
 void Agent::ReportCloudFailure(CloudFailure reason) {
-  if (reason == CloudFailure::kNone || reported_.exchange(reason) == reason) return;
+  if (reason == CloudFailure::kNone) return;
   last_failure_ = reason;
+  if (reported_.exchange(reason) == reason) return;
   try {
     setup_.post_client_log("ERROR", NameOf(reason));
   } catch (const std::exception& error) {

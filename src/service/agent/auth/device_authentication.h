@@ -65,7 +65,9 @@ class DeviceAuthentication : public LinkCredentials {
   void RemoveClientCertificates() override;
   [[nodiscard]] bool CheckCertExpired() const { return store_.CheckCertExpired(); }
 
-  void StartFetchCountryCode() override { country_code_.StartFetchCountryCode(); }
+  void StartFetchCountryCode() override {
+    if (!setup_.country_code_path.empty()) country_code_.StartFetchCountryCode();
+  }
   /// The signature over the serial number, the operation and the nonce. Throws std::runtime_error.
   [[nodiscard]] std::string SignFor(const std::string& operate, const std::string& nonce) const;
 
