@@ -58,6 +58,7 @@ void Agent::Run() {
 }
 
 void Agent::Pass() {
+  HandleDroppedRequest();
   HandleReset();
   HandleServerDisconnected();
   HandleRegionChanged();
@@ -88,8 +89,10 @@ void Agent::SetRegion(const std::string& region) {
   if (old == region) return;
   if (!old.empty()) users_.NotifyLogout(old);
   VLOG_INFO(kTag, "Region updated to: {}", utils::LogText(region));
-  if (!old.empty() || state_ != AgentState::IDLE) region_changed_ = true;
+  const bool is_change = !old.empty() || state_ != AgentState::IDLE;
+  // Stored first: who sees the flag has to find the new region.
   settings_.Change([&](AgentConfig& changed) { changed.region = region; });
+  if (is_change) region_changed_ = true;
   EndWait();
 }
 
@@ -104,12 +107,10 @@ void Agent::FactoryReset() {
 
 void Agent::CheckRecordsNow() {
   check_records_ = true;
-  EndWait();
 }
 
 void Agent::TellStatusNow() {
   tell_status_ = true;
-  EndWait();
 }
 
 void Agent::OnServerDisconnected() {

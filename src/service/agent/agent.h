@@ -34,6 +34,8 @@ struct AgentSetup {
   LinkCredentials* credentials = nullptr;  ///< null: the device cannot prove who it is
   AgentUsers* users = nullptr;
   Probe probe{};
+  /// Whether a cloud request has been dropped since this was asked last.
+  std::function<bool()> take_dropped{};
   /// Registers the methods by which local programs reach the agent.
   std::function<void()> start_service{};
   /// Sends a failure to the cloud's log; does not block.
@@ -100,6 +102,7 @@ class Agent {
   [[nodiscard]] LinkCredentials& Credentials() const;
 
   // What happened, in the order of a pass.
+  void HandleDroppedRequest();
   void HandleReset();
   void HandleServerDisconnected();
   void HandleRegionChanged();
@@ -110,6 +113,9 @@ class Agent {
   std::string LeaveCloud(const char* offline_failure);
   void GoOffline(const std::string& region, const char* failure);
   void DropLink();
+  void TellLogout();
+  /// So long, or longer when another device has taken the link.
+  void HoldBack(void (ConnectPacing::*pause)());
   void OnConnectFailed();
   void OnConnectionLost();
 
@@ -127,6 +133,7 @@ class Agent {
   [[nodiscard]] bool IsInternetReachable();
   [[nodiscard]] bool TryGetAccessToken();
   [[nodiscard]] bool TryFetchAuthInfo();
+  [[nodiscard]] bool IsRefreshDue() const;
   void RefreshToken();
   void FallBack(const char* text, CloudFailure reason);
   [[nodiscard]] std::string BrokerProblem() const;
@@ -166,7 +173,10 @@ class Agent {
   bool tell_region_lock_ = false;
   AgentState announced_ = AgentState::INIT;
   utils::Clock::TimePoint refresh_at_{};
-  std::string cloud_region_{};  ///< whose tokens and broker these are
+  bool token_is_new_ = false;
+  utils::Clock::TimePoint refused_again_at_{};  ///< not before then for a token that is refused
+  int unreachable_brokers_ = 0;                 ///< rounds one after another that ended there
+  std::string cloud_region_{};                  ///< whose tokens and broker these are
   ConnectPacing pacing_;
   RepeatedLine idle_line_;
   RepeatedLine probe_line_;

@@ -17,6 +17,18 @@ bool IsBetween(AgentState state, AgentState first, AgentState last) {
 
 }  // namespace
 
+void Agent::HandleDroppedRequest() {
+  if (setup_.take_dropped()) TellLogout();
+}
+
+void Agent::TellLogout() {
+  if (!comms_.IsCloudConnected()) return;
+  const auto user = users_.TakeLogoutToTell(cloud_region_);
+  if (!user) return;
+  SyncConfig();
+  announcer_.Logout(*user, cloud_region_);
+}
+
 void Agent::HandleReset() {
   if (!reset_.exchange(false)) return;
   if (state_ > AgentState::IDLE) {
@@ -44,6 +56,7 @@ void Agent::HandleServerDisconnected() {
   ReportCloudFailure(CloudFailure::kServerDisconnected);
   GoOffline(cloud_region_, "Failed to update device status to offline");
   DropLink();
+  pacing_.OnLost();
   TransitionTo(AgentState::FETCHING_AUTH_INFO);
 }
 
@@ -53,7 +66,8 @@ void Agent::HandleRegionChanged() {
   if (state == AgentState::IDLE) {
     VLOG_INFO(kTag, "Region changed in IDLE state, removing client certificates");
     if (setup_.credentials != nullptr) setup_.credentials->RemoveClientCertificates();
-  } else if (IsBetween(state, AgentState::GET_ACCESS_TOKEN, AgentState::REGION_LOCKED)) {
+  } else if (IsBetween(state, AgentState::GET_ACCESS_TOKEN, AgentState::REGION_LOCKED) &&
+             cloud_region_ != settings_.Get().region) {
     const std::string region =
         LeaveCloud("Failed to update device status to offline (region change)");
     VLOG_INFO(kTag, "Region changed at state {}, logout user at previous region: {}", NameOf(state),
@@ -110,7 +124,7 @@ void Agent::HandleCloudDisconnected() {
 void Agent::OnConnectFailed() {
   connecting_ = false;
   VLOG_WARN(kTag, "Failed to connect to cloud broker, retrying...");
-  pacing_.OnConnectFailed();
+  HoldBack(&ConnectPacing::OnConnectFailed);
   if (--budget_ >= 1) return;
   VLOG_ERROR(kTag, "Exceeded maximum retries for connecting to broker, returning to IDLE state");
   DropLink();
@@ -125,21 +139,22 @@ void Agent::OnConnectFailed() {
 
 void Agent::OnConnectionLost() {
   ReportCloudFailure(CloudFailure::kConnectionLost);
-  if (taken_over_.exchange(false)) {
-    pacing_.OnTakenOver();
-  } else {
-    pacing_.OnLost();
-  }
+  HoldBack(&ConnectPacing::OnLost);
   TransitionTo(AgentState::CONNECTING_BROKER);
   Announce();
   comms_.DisconnectCloud();
   GoOffline(cloud_region_, "Failed to update device status to offline (connection lost)");
 }
 
+void Agent::HoldBack(void (ConnectPacing::*pause)()) {
+  (pacing_.*(taken_over_.exchange(false) ? &ConnectPacing::OnTakenOver : pause))();
+}
+
 std::string Agent::LeaveCloud(const char* offline_failure) {
   const std::string region = cloud_region_;
   TransitionTo(AgentState::IDLE);
   Announce();
+  TellLogout();
   DropLink();
   GoOffline(region, offline_failure);
   return region;

@@ -24,6 +24,7 @@ constexpr size_t kMaxNameBytes = 128;
 constexpr size_t kMaxIdBytes = 256;
 constexpr size_t kMaxUrlBytes = 4096;
 constexpr int64_t kMaxStatus = 255;
+constexpr int kGoodCode = 200;
 
 json InvalidParams() {
   return MakeError(RpcError::kInvalidParams, "Invalid params");
@@ -108,8 +109,9 @@ json AgentMethods::SyncConfig(const json& params) {
   if (!IsEmpty(params)) {
     const auto name = TextIn(params, "name", kMaxNameBytes);
     if (!name) return InvalidParams();
+    const bool is_new = settings_.Get().name != *name;
     settings_.Change([&](AgentConfig& config) { config.name = *name; });
-    agent_.TellStatusNow();
+    if (is_new) agent_.TellStatusNow();
   }
   agent_.SyncConfig();
   const AgentConfig config = settings_.Get();
@@ -160,7 +162,8 @@ json AgentMethods::RefreshAuthCode(const json& params) {
 json AgentMethods::PushPrintTask(const json& params) {
   if (!params.is_object() || params.empty()) return InvalidParams();
   return WithCloud([&](DeviceApi& api, const std::string& region) {
-    return api.ApiDevicePrint(region, params) ? Success() : json();
+    const auto reply = api.ApiDevicePrint(region, params);
+    return reply && reply->at("code") == kGoodCode ? Success() : json();
   });
 }
 

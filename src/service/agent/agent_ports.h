@@ -2,8 +2,10 @@
 
 #include <functional>
 #include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <string>
 
+#include "service/agent/agent_settings.h"
 #include "service/agent/agent_state.h"
 
 namespace varnel::service {
@@ -37,8 +39,11 @@ class AgentUsers {
   virtual ~AgentUsers() = default;
   /// Reads what was saved.
   virtual void LoadConfig() = 0;
-  /// Marks the bound user of a region for logout; it is told to the cloud as soon as that can be.
+  /// Marks the bound user of a region for logout, whoever that is; it is told to the cloud as soon
+  /// as that can be.
   virtual void NotifyLogout(const std::string& region) = 0;
+  /// Who is being logged out of a region, once for each logout. Nothing for nobody.
+  [[nodiscard]] virtual std::optional<CloudUser> TakeLogoutToTell(const std::string& region) = 0;
   /// Takes over who is bound, as the cloud has it; ends the binding if that is asked for, or is
   /// still to be told. False: the cloud does not know of it yet.
   virtual bool CheckUserRecordsHTTP(const std::string& region, bool forced_logout) = 0;

@@ -101,13 +101,17 @@ void AgentSettings::Load() {
 
 void AgentSettings::LoadOnce() {
   if (loaded_) return;
-  loaded_ = true;
   std::error_code error;
-  if (!fs::exists(file_, error)) return;
   const auto text = utils::ReadSmallFile(file_, kMaxFileBytes);
-  const json document = json::parse(text.value_or(""), nullptr, false);
+  // One that cannot be read for a moment is not to be replaced by defaults.
+  loaded_ = text || !fs::exists(file_, error);
+  if (!text) {
+    if (!loaded_) VLOG_ERROR(kTag, "{} cannot be read", file_.string());
+    return;
+  }
+  const json document = json::parse(*text, nullptr, false);
   if (!document.is_object()) {
-    VLOG_WARN(kTag, "agent configuration: {} cannot be read, defaults are used", file_.string());
+    VLOG_WARN(kTag, "agent configuration: {} is no JSON object, defaults are used", file_.string());
     return;
   }
   const utils::MutexLock lock(mutex_);
@@ -129,7 +133,7 @@ void AgentSettings::Change(const std::function<void(AgentConfig& config)>& chang
     const utils::MutexLock lock(mutex_);
     config_ = changed;
   }
-  unsaved_ = !Save(changed);
+  unsaved_ = !loaded_ || !Save(changed);
 }
 
 bool AgentSettings::Save(const AgentConfig& config) const {

@@ -19,6 +19,8 @@ constexpr uint32_t kTicksBetweenSyncs = 299;
 constexpr auto kTick = 100ms;
 constexpr auto kTokenLifetime = 90'000s;  // past its refresh, which may take a few attempts
 constexpr auto kRefreshAfter = 86'400s;
+constexpr auto kRefusedPause = 30s;
+constexpr int kRoundsPerBroker = 3;
 
 /// As the cloud wants it: rounded.
 constexpr int64_t LifetimeInHours(std::chrono::seconds lifetime) {
@@ -131,6 +133,7 @@ bool Agent::TryGetAccessToken() {
     credentials.StartFetchCountryCode();
     if (credentials.GetAccessToken(LifetimeInHours(kTokenLifetime))) {
       VLOG_INFO(kTag, "Fetched access code");
+      token_is_new_ = true;
       TransitionTo(AgentState::FETCHING_AUTH_INFO);
       return true;
     }
@@ -164,7 +167,7 @@ bool Agent::TryFetchAuthInfo() {
       if (const auto info = credentials.AuthInfo()) {
         cloud_region_ = info->at("region").get<std::string>();
         VLOG_INFO(kTag, "Obtained authentication info successfully");
-        refresh_at_ = clock_.Now() + kRefreshAfter;
+        if (std::exchange(token_is_new_, false)) refresh_at_ = clock_.Now() + kRefreshAfter;
         TransitionTo(AgentState::BROKER_DETECTION);
         return true;
       }
@@ -181,10 +184,13 @@ void Agent::OnBrokerDetection() {
   const std::string problem = BrokerProblem();
   if (problem.empty()) {
     VLOG_INFO(kTag, "Broker is reachable");
+    unreachable_brokers_ = 0;
     return TransitionTo(AgentState::CONNECTING_BROKER);
   }
   VLOG_WARN(kTag, "Broker unreachable: {}", utils::LogText(problem));
   if (--budget_ > 0) return Wait(1s);
+  if (++unreachable_brokers_ % kRoundsPerBroker == 0 && setup_.credentials != nullptr)
+    setup_.credentials->DistrustCache();
   FallBack("Broker detection retries exhausted, returning to IDLE",
            CloudFailure::kBrokerUnreachable);
 }
@@ -220,6 +226,7 @@ void Agent::OnConnectingBroker() {
 }
 
 void Agent::OnConnected() {
+  if (check_records_) TellLogout();
   if (check_records_.exchange(false) || ++ticks_ > kTicksBetweenSyncs) {
     ticks_ = 0;
     SyncConfig();
@@ -228,12 +235,18 @@ void Agent::OnConnected() {
   }
   if (tell_status_.exchange(false) && !users_.UpdateDeviceStatus(cloud_region_, online_status_))
     VLOG_ERROR(kTag, "Failed to update device status");
-  if (clock_.Now() >= refresh_at_ || Credentials().IsTokenRefused()) RefreshToken();
+  if (IsRefreshDue()) RefreshToken();
   WaitExactly(kTick);
+}
+
+bool Agent::IsRefreshDue() const {
+  const auto now = clock_.Now();
+  return now >= refresh_at_ || (Credentials().IsTokenRefused() && now >= refused_again_at_);
 }
 
 void Agent::RefreshToken() {
   VLOG_INFO(kTag, "Refreshing authentication token...");
+  refused_again_at_ = clock_.Now() + kRefusedPause;
   if (Credentials().RefreshToken(nullptr)) {
     VLOG_INFO(kTag, "Successfully refreshed authentication token");
     refresh_at_ = clock_.Now() + kRefreshAfter;

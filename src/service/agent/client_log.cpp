@@ -13,7 +13,9 @@ namespace {
 
 constexpr const char* kTag = "MA_AGENT";
 constexpr std::chrono::seconds kPause{1};
-constexpr long kClientError = 400;
+constexpr std::chrono::seconds kLongestPause{32};
+constexpr long kUnauthorized = 401;
+constexpr long kServerError = 500;
 
 int64_t MillisecondsOf(utils::Clock::WallTime time) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
@@ -22,10 +24,10 @@ int64_t MillisecondsOf(utils::Clock::WallTime time) {
 }  // namespace
 
 ClientLog::ClientLog(DeviceAuthentication& authentication, std::string path,
-                     std::function<std::string()> region)
+                     std::function<bool()> may_send)
     : authentication_(authentication),
       path_(std::move(path)),
-      region_(std::move(region)),
+      may_send_(std::move(may_send)),
       http_({.post_once = true}, authentication.Setup().stop, *authentication.Setup().clock) {}
 
 void ClientLog::PostClientLog(const char* level, const std::string& message) {
@@ -33,8 +35,14 @@ void ClientLog::PostClientLog(const char* level, const std::string& message) {
   if (path_.empty()) return;
   utils::Clock& clock = *authentication_.Setup().clock;
   const utils::MutexLock starting(starting_);
-  if (Keep({level, message, MillisecondsOf(clock.WallNow())})) return;
-  task_.emplace("client-log", kTag, clock, [this](const auto& pause) { Run(pause); });
+  if (Keep({level, message, MillisecondsOf(clock.WallNow()), authentication_.Region()})) return;
+  try {
+    task_.emplace("client-log", kTag, clock, [this](const auto& pause) { Run(pause); });
+  } catch (...) {  // no thread left: the next report tries again
+    const utils::MutexLock lock(mutex_);
+    running_ = false;
+    throw;
+  }
 }
 
 /// Whether there is a thread for it.
@@ -46,10 +54,12 @@ bool ClientLog::Keep(Report report) {
 }
 
 void ClientLog::Run(const utils::PausingThread::Pause& pause) {
-  while (pause(kPause)) {
+  for (auto time = kPause; pause(time);) {
     const auto report = Oldest();
     if (!report) return;
-    if (Send(*report)) Forget(*report);
+    const bool sent = may_send_() && Send(*report);
+    if (sent) Forget(*report);
+    time = sent ? kPause : std::min(time * 2, kLongestPause);
   }
 }
 
@@ -69,7 +79,7 @@ void ClientLog::Forget(const Report& sent) {
 }
 
 bool ClientLog::Send(const Report& report) {
-  const auto access = authentication_.AccessTo(region_());
+  const auto access = authentication_.AccessTo(report.region);
   if (!access || !access->token) return false;
   const HttpResponse response =
       http_.Post(access->base_url + path_,
@@ -78,7 +88,8 @@ bool ClientLog::Send(const Report& report) {
                   {"time", report.time_ms},
                   {"sn", authentication_.SerialNumber()}},
                  authentication_.DeviceHeaders(access->base_url), access->token);
-  return response.status != 0 && response.status < kClientError;
+  if (response.status == kUnauthorized) authentication_.OnRefused(access->token);
+  return response.status != 0 && response.status != kUnauthorized && response.status < kServerError;
 }
 
 }  // namespace varnel::service

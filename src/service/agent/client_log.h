@@ -14,15 +14,15 @@
 namespace varnel::service {
 
 /// Sends reports about this device to the cloud's log, on a thread that there is as long as there
-/// are any: one a second, once the device may. The newest are kept until then. Thread-safe.
+/// are any: one a second, once the device may, and less often while that fails. The newest are kept
+/// until then; what the cloud refuses is forgotten. Thread-safe.
 class ClientLog {
  public:
   static constexpr size_t kMaxKept = 32;
 
   /// @param path of the API; empty: reports only go to our own log
-  /// @param region whose cloud it is
-  ClientLog(DeviceAuthentication& authentication, std::string path,
-            std::function<std::string()> region);
+  /// @param may_send now
+  ClientLog(DeviceAuthentication& authentication, std::string path, std::function<bool()> may_send);
   ClientLog(const ClientLog&) = delete;
   ClientLog& operator=(const ClientLog&) = delete;
 
@@ -33,6 +33,7 @@ class ClientLog {
     std::string level;
     std::string message;
     int64_t time_ms;  ///< since the epoch
+    std::string region;
   };
 
   [[nodiscard]] bool Keep(Report report);
@@ -43,7 +44,7 @@ class ClientLog {
 
   DeviceAuthentication& authentication_;
   const std::string path_;
-  const std::function<std::string()> region_;
+  const std::function<bool()> may_send_;
   HttpClient http_;
   mutable utils::Mutex mutex_;
   std::deque<Report> kept_ GUARDED_BY(mutex_);

@@ -6,32 +6,28 @@
 
 namespace varnel::service {
 
-/// Decides which cloud requests run: none while a user is being logged out. Thread-safe.
+/// Decides which cloud requests run: none while a user is being logged out of the cloud that they
+/// come from. Thread-safe.
 class CloudMessageFilter {
  public:
-  /// Called by the thread of the first request that a logout costs.
-  void SetOnFirstDrop(std::function<void()> callback) { on_first_drop_ = std::move(callback); }
+  /// Whether that is so. Any thread; must not block.
+  using LogoutCheck = std::function<bool()>;
 
-  void BeginLogout() {
-    told_ = false;
-    logging_out_ = true;
-  }
-  void EndLogout() { logging_out_ = false; }
-  [[nodiscard]] bool IsLoggingOut() const { return logging_out_; }
+  explicit CloudMessageFilter(LogoutCheck is_logging_out)
+      : is_logging_out_(std::move(is_logging_out)) {}
 
   /// Whether a request is dropped.
   [[nodiscard]] bool Drops() {
-    if (!logging_out_) return false;
-    if (!told_.exchange(true) && on_first_drop_) on_first_drop_();
+    if (!is_logging_out_()) return false;
+    dropped_ = true;
     return true;
   }
-  /// Whether nothing has been dropped since the logout began; from now on it counts as told.
-  [[nodiscard]] bool TakeUntold() { return !told_.exchange(true); }
+  /// Whether any has been dropped since this was asked last.
+  [[nodiscard]] bool TakeDropped() { return dropped_.exchange(false); }
 
  private:
-  std::function<void()> on_first_drop_;  // set before requests come
-  std::atomic<bool> logging_out_ = false;
-  std::atomic<bool> told_ = false;
+  const LogoutCheck is_logging_out_;
+  std::atomic<bool> dropped_ = false;
 };
 
 }  // namespace varnel::service

@@ -14,7 +14,8 @@ using nlohmann::json;
 
 constexpr const char* kTag = "MA_USER";
 constexpr int kStatusTries = 3;
-constexpr std::chrono::seconds kStatusPause{1};
+constexpr std::chrono::milliseconds kStatusPause{1000};
+constexpr std::chrono::milliseconds kStopLook{100};
 constexpr std::chrono::seconds kStatusLimit{10};
 constexpr size_t kMaxNameBytes = 256;
 
@@ -39,45 +40,44 @@ std::optional<CloudUser> UserIn(const json& reply) {
 
 }  // namespace
 
-UserManager::UserManager(AgentSettings& settings, DeviceAuthentication& authentication,
-                         DeviceApi& api, CloudMessageFilter& filter)
-    : settings_(settings), authentication_(authentication), api_(api), filter_(filter) {
-  filter_.SetOnFirstDrop([this] { TellLogout(); });
-}
-
-void UserManager::SetListeners(Listeners listeners) {
-  listeners_ = std::move(listeners);
-}
-
-void UserManager::LoadConfig() {
-  settings_.Load();
-  if (!PendingIn(settings_.Get().region).id.empty()) filter_.BeginLogout();
-}
-
 void UserManager::NotifyLogout(const std::string& region) {
+  if (region.empty()) return;
   bool marked = false;
   settings_.Change([&](AgentConfig& config) {
-    if (config.user.id.empty()) return;
     marked = config.logouts.insert_or_assign(region, config.user).second;
   });
   if (!marked) return;
   VLOG_INFO(kTag, "the user of region {} is being logged out", utils::LogText(region));
-  filter_.BeginLogout();
+  const utils::MutexLock lock(telling_);
+  told_.erase(region);
+}
+
+std::optional<CloudUser> UserManager::TakeLogoutToTell(const std::string& region) {
+  auto mark = MarkOf(region);
+  if (!mark || mark->id.empty()) return std::nullopt;
+  const utils::MutexLock lock(telling_);
+  return told_.insert(region).second ? mark : std::nullopt;
+}
+
+bool UserManager::HasToken(const std::string& region) const {
+  const auto access = authentication_.AccessTo(region);
+  return access && access->token;
 }
 
 bool UserManager::CheckUserRecordsHTTP(const std::string& region, bool forced_logout) {
   const utils::MutexLock lock(checking_);
-  const CloudUser pending = PendingIn(region);
-  // What is left of another region's does not concern this one's requests.
-  if (!forced_logout && pending.id.empty()) filter_.EndLogout();
+  if (!HasToken(region)) return false;
   const auto bound = BoundUser(region);
   if (!bound) return false;
+  // A logout may have been asked for while the cloud was.
+  const auto mark = MarkOf(region);
+  const bool unbinds = forced_logout || (mark && (mark->id.empty() || mark->id == bound->id));
   CloudUser user = *bound;
-  if (!user.id.empty() && (forced_logout || user.id == pending.id)) {
+  if (!user.id.empty() && unbinds) {
     if (!Unbind(region, user)) return false;
     user = {};
   }
-  TakeOver(region, user);
+  TakeOver(region, user, mark);
   return true;
 }
 
@@ -89,14 +89,13 @@ std::optional<CloudUser> UserManager::BoundUser(const std::string& region) {
   return user;
 }
 
-CloudUser UserManager::PendingIn(const std::string& region) const {
+std::optional<CloudUser> UserManager::MarkOf(const std::string& region) const {
   const auto logouts = settings_.Get().logouts;
   const auto found = logouts.find(region);
-  return found == logouts.end() ? CloudUser{} : found->second;
+  return found == logouts.end() ? std::nullopt : std::optional(found->second);
 }
 
 bool UserManager::Unbind(const std::string& region, const CloudUser& user) {
-  if (filter_.TakeUntold() && listeners_.on_logout) listeners_.on_logout(region, user);
   if (!api_.DeviceConnectAuth(region, "unbind", user.id))
     VLOG_WARN(kTag, "the cloud does not take the proof for a logout");
   if (!api_.ApiDeviceConnectUnbind(region, user.id)) return false;
@@ -104,39 +103,41 @@ bool UserManager::Unbind(const std::string& region, const CloudUser& user) {
   return true;
 }
 
-void UserManager::TakeOver(const std::string& region, const CloudUser& user) {
+/// @param done the logout that is over with this; one that came meanwhile stays
+void UserManager::TakeOver(const std::string& region, const CloudUser& user,
+                           const std::optional<CloudUser>& done) {
   bool changed = false;
-  bool told = false;
   settings_.Change([&](AgentConfig& config) {
-    told = config.logouts.erase(region) > 0;
+    const auto mark = config.logouts.find(region);
+    if (done && mark != config.logouts.end() && mark->second == *done) config.logouts.erase(mark);
+    if (config.reset) return;  // nobody uses it any more
     changed = config.user != user;
     config.user = user;
   });
-  if (told) filter_.EndLogout();
-  if (changed && listeners_.on_user) listeners_.on_user();
+  if (changed && on_user_) on_user_();
 }
 
-void UserManager::TellLogout() {
-  const AgentConfig config = settings_.Get();
-  if (!config.logouts.empty() && listeners_.on_logout)
-    listeners_.on_logout(config.logouts.begin()->first, config.logouts.begin()->second);
+bool UserManager::Pause() const {
+  utils::Clock& clock = *authentication_.Setup().clock;
+  const TransferStop& stop = authentication_.Setup().stop;
+  for (auto left = kStatusPause; left.count() > 0; left -= kStopLook) {
+    if (stop && stop()) return false;
+    clock.SleepFor(kStopLook);
+  }
+  return true;
 }
 
 bool UserManager::UpdateDeviceStatus(const std::string& region, int status) {
-  utils::Clock& clock = *authentication_.Setup().clock;
-  const TransferStop& stop = authentication_.Setup().stop;
-  const auto access = authentication_.AccessTo(region);
-  if (!access || !access->token) return false;
+  if (!HasToken(region)) return false;
+  const utils::Clock& clock = *authentication_.Setup().clock;
   const std::string name = settings_.Get().name;
   const json params = {{"name", name.empty() ? authentication_.SerialNumber() : name},
                        {"online", status}};
   const auto end = clock.Now() + kStatusLimit;
-  for (int i = 0; i < kStatusTries; ++i) {
-    if (i > 0) clock.SleepFor(kStatusPause);
-    if ((stop && stop()) || clock.Now() >= end) return false;
+  for (int i = 1;; ++i) {
     if (api_.ApiDeviceUpdate(region, params)) return true;
+    if (i == kStatusTries || clock.Now() + kStatusPause >= end || !Pause()) return false;
   }
-  return false;
 }
 
 }  // namespace varnel::service

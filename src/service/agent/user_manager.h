@@ -1,15 +1,14 @@
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "service/agent/agent_ports.h"
 #include "service/agent/agent_settings.h"
 #include "service/agent/auth/device_api.h"
-#include "service/agent/cloud_message_filter.h"
-#include "utils/clock.h"
 #include "utils/mutex.h"
 
 namespace varnel::service {
@@ -18,42 +17,38 @@ namespace varnel::service {
 /// cloud is remembered until it can. Thread-safe.
 class UserManager : public AgentUsers {
  public:
-  /// What others do when something here has changed.
-  struct Listeners {
-    /// Who uses the device has changed.
-    std::function<void()> on_user{};
-    /// The cloud is to be told that this user is on his way out of a region.
-    std::function<void(const std::string& region, const CloudUser& user)> on_logout{};
-  };
-
   /// All of it outlives the manager.
-  UserManager(AgentSettings& settings, DeviceAuthentication& authentication, DeviceApi& api,
-              CloudMessageFilter& filter);
+  UserManager(AgentSettings& settings, DeviceAuthentication& authentication, DeviceApi& api)
+      : settings_(settings), authentication_(authentication), api_(api) {}
   UserManager(const UserManager&) = delete;
   UserManager& operator=(const UserManager&) = delete;
 
-  /// Before anything else is called.
-  void SetListeners(Listeners listeners);
+  /// Called by the thread of a check when who uses the device has changed. Before any check.
+  void SetOnUser(std::function<void()> callback) { on_user_ = std::move(callback); }
 
-  void LoadConfig() override;
+  void LoadConfig() override { settings_.Load(); }
   void NotifyLogout(const std::string& region) override;
+  std::optional<CloudUser> TakeLogoutToTell(const std::string& region) override;
   bool CheckUserRecordsHTTP(const std::string& region, bool forced_logout) override;
   bool UpdateDeviceStatus(const std::string& region, int status) override;
 
  private:
+  [[nodiscard]] bool HasToken(const std::string& region) const;
   [[nodiscard]] std::optional<CloudUser> BoundUser(const std::string& region);
   [[nodiscard]] bool Unbind(const std::string& region, const CloudUser& user);
-  /// Who is still to be logged out there; an empty id: nobody.
-  [[nodiscard]] CloudUser PendingIn(const std::string& region) const;
-  void TakeOver(const std::string& region, const CloudUser& user);
-  void TellLogout();
+  /// Who is still to be logged out there; an empty id: whoever is bound.
+  [[nodiscard]] std::optional<CloudUser> MarkOf(const std::string& region) const;
+  void TakeOver(const std::string& region, const CloudUser& user,
+                const std::optional<CloudUser>& done);
+  [[nodiscard]] bool Pause() const;
 
   AgentSettings& settings_;
   DeviceAuthentication& authentication_;
   DeviceApi& api_;
-  CloudMessageFilter& filter_;
-  Listeners listeners_;
+  std::function<void()> on_user_;
   utils::Mutex checking_;  // one check at a time; held while it talks
+  utils::Mutex telling_;
+  std::set<std::string> told_ GUARDED_BY(telling_);  ///< regions whose logout was told
 };
 
 }  // namespace varnel::service

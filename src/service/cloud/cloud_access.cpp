@@ -54,9 +54,10 @@ CloudAccess::Source CloudAccess::CurrentSource() const {
 int CloudAccess::GetAccess() {
   try {
     auto access = FindAccess(CurrentSource());
+    const bool found = access.has_value();
     const utils::MutexLock lock(mutex_);
     access_ = std::move(access);
-    return access_ ? 0 : -1;
+    return found ? 0 : -1;
   } catch (const std::exception& error) {
     VLOG_ERROR(kTag, "Get access: exception {}", error.what());
     return -1;
@@ -80,25 +81,30 @@ std::optional<CloudAccess::Access> CloudAccess::FindAccess(const Source& source)
   return access;
 }
 
+bool CloudAccess::Holds(const Access& access, const Source& source) {
+  if (!source.agent || source.agent->State() != AgentState::CONNECTED) return false;
+  const auto now = source.authentication
+                       ? source.authentication->AccessTo(source.authentication->Region())
+                       : std::nullopt;
+  return now && now->base_url == access.base_url && now->token == access.token;
+}
+
 std::optional<CloudAccess::Access> CloudAccess::CurrentAccess() {
   const Source source = CurrentSource();
-  const bool connected = source.agent && source.agent->State() == AgentState::CONNECTED;
+  std::optional<Access> access;
   {
     const utils::MutexLock lock(mutex_);
-    if (connected && access_) return access_;
-    access_.reset();
+    access = access_;
   }
-  if (GetAccess() != 0) return std::nullopt;
+  if (access && Holds(*access, source)) return access;
+  access = FindAccess(source);
   const utils::MutexLock lock(mutex_);
-  return access_;
+  return access_ = access;
 }
 
 std::optional<CloudAccess::Access> CloudAccess::RenewedAccess(const Access& refused) {
-  {
-    const utils::MutexLock lock(mutex_);
-    if (access_ && access_->token == refused.token) access_.reset();
-  }
   const Source source = CurrentSource();
+  if (!source.agent || source.agent->State() != AgentState::CONNECTED) return std::nullopt;
   if (!source.authentication || !source.authentication->RefreshToken(refused.token))
     return std::nullopt;
   return CurrentAccess();

@@ -39,7 +39,9 @@ class CloudAccess {
   using Access = DeviceAuthentication::Access;
 
   [[nodiscard]] Source CurrentSource() const;
+  [[nodiscard]] static bool Holds(const Access& access, const Source& source);
   [[nodiscard]] std::optional<Access> FindAccess(const Source& source) const;
+  /// What was found last, if it still holds, or what there is now.
   [[nodiscard]] std::optional<Access> CurrentAccess();
   [[nodiscard]] std::optional<Access> RenewedAccess(const Access& refused);
   [[nodiscard]] HttpResponse Send(const Access& access, const std::string& url,

@@ -21,6 +21,7 @@ namespace {
 constexpr const char* kTag = "CLOUDSRV";
 constexpr std::chrono::seconds kStopLimit{2};
 constexpr std::chrono::milliseconds kStopLook{20};
+constexpr std::chrono::seconds kPrepareAgain{1};
 /// The agent's own requests hold up its loop.
 constexpr int32_t kAgentTimeoutS = 5;
 
@@ -47,6 +48,18 @@ std::function<double()> RandomNumbers() {
   };
 }
 
+/// A board that has just started may be short of threads for a moment.
+void Prepare(Agent& agent, utils::Clock& clock) {
+  while (!agent.IsStopping()) {
+    try {
+      return agent.PreConnectInit();
+    } catch (const std::exception& error) {
+      VLOG_ERROR(kTag, "The agent cannot be prepared: {}", error.what());
+      clock.SleepFor(kPrepareAgain);
+    }
+  }
+}
+
 }  // namespace
 
 /// The agent and all that it works with. The agent's thread and the methods' registrations share
@@ -54,26 +67,25 @@ std::function<double()> RandomNumbers() {
 struct CloudManager::Side : std::enable_shared_from_this<CloudManager::Side> {
   Side(const CloudSetup& setup, const Flag& stopping)
       : comms(*setup.comms),
+        clock(setup.clock),
         settings(setup.data_root / "mqtt/agent_config.json"),
+        filter([this] { return settings.Get().logouts.contains(authentication.Region()); }),
         authentication(IdentityOf(setup, stopping)),
         api(MakeApi(setup, kAgentTimeoutS)),
         link(comms, filter),
-        users(settings, authentication, *api, filter),
-        log(authentication, setup.client_log_path, [this] { return authentication.Region(); }),
+        users(settings, authentication, *api),
+        log(authentication, setup.client_log_path, [this] { return MayReport(); }),
         agent(AgentSetupOf(setup, stopping)),
         methods(agent, settings, users, authentication,
                 [this, &setup] { return MakeApi(setup, HttpSettings().timeout_s); }) {
-    users.SetListeners({.on_user =
-                            [this] {
-                              agent.SyncConfig();
-                              agent.SendStatusNotification();
-                            },
-                        .on_logout =
-                            [this](const std::string& region, const CloudUser& user) {
-                              agent.SyncConfig();
-                              if (link.IsCloudConnected()) agent.Announcer().Logout(user, region);
-                            }});
+    settings.Load();  // before a method can change it
+    users.SetOnUser([this] {
+      agent.SyncConfig();
+      agent.SendStatusNotification();
+    });
   }
+
+  bool MayReport() const { return settings.Get().link_mode == "wan"; }
 
   std::unique_ptr<DeviceApi> MakeApi(const CloudSetup& setup, int32_t timeout_s) {
     return std::make_unique<DeviceApi>(
@@ -92,6 +104,7 @@ struct CloudManager::Side : std::enable_shared_from_this<CloudManager::Side> {
     parts.credentials = &authentication;
     parts.users = &users;
     parts.probe = TcpProbe([stopping] { return stopping->load(); });
+    parts.take_dropped = [this] { return filter.TakeDropped(); };
     parts.start_service = [this] { methods.Register(comms, shared_from_this()); };
     parts.post_client_log = [this](const char* level, const std::string& message) {
       log.PostClientLog(level, message);
@@ -102,6 +115,7 @@ struct CloudManager::Side : std::enable_shared_from_this<CloudManager::Side> {
   }
 
   comms::CommsManager& comms;
+  utils::Clock* const clock;
   AgentSettings settings;
   CloudMessageFilter filter;
   DeviceAuthentication authentication;
@@ -131,7 +145,7 @@ void CloudManager::Start() {
   finished_ = std::make_shared<std::atomic<bool>>(false);
   thread_ = utils::SpawnGuarded("cloud-agent", kTag, [side = side_, finished = finished_] {
     const std::shared_ptr<void> at_end(nullptr, [&](void*) { *finished = true; });
-    side->agent.PreConnectInit();
+    Prepare(side->agent, *side->clock);
     side->agent.Run();
   });
   VLOG_INFO(kTag, "CloudManager started: agent thread running");

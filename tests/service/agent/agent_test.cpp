@@ -246,14 +246,24 @@ TEST(AgentStepsTest, ABrokerThatRefusesIsTriedFiveTimesAndThenAllIsFetchedAnew) 
   world.PassTimes(1);
   EXPECT_EQ(world.Calls(), "disconnected wait(2200)") << "the pause grows with each cycle";
 
-  world.Walk(CONNECTED);
-  world.cloud_up = false;
+  for (const bool distrusted : {false, false, true}) {
+    world.probe_error.clear();
+    world.Walk(BROKER_DETECTION);
+    Unreachable(world);
+    world.PassTimes(3);
+    EXPECT_EQ(world.Calls().find("cache-") != std::string::npos, distrusted);
+  }
+  world.probe_error.clear();
+  world.Walk(CONNECTING_BROKER);
   world.agent().OnCloudDisconnected(true);
   world.PassTimes(1);
-  EXPECT_THAT(world.Calls(), testing::EndsWith("wait(33000)")) << "taken over";
-  world.agent().OnCloudConnected();
-  world.PassTimes(2);
-  EXPECT_THAT(world.Calls(), HasSubstr("connected")) << "no budget was lost";
+  EXPECT_EQ(world.Calls(), "wait(33000)") << "taken over while it subscribed";
+
+  world.Walk(CONNECTED);
+  world.cloud_up = false;
+  world.agent().OnCloudDisconnected();
+  world.PassTimes(1);
+  EXPECT_THAT(world.Calls(), testing::EndsWith("wait(2500)")) << "an ordinary loss";
 }
 
 TEST(AgentStepsTest, AConnectedDeviceSyncsAndRefreshesItsToken) {
@@ -271,10 +281,16 @@ TEST(AgentStepsTest, AConnectedDeviceSyncsAndRefreshesItsToken) {
   EXPECT_EQ(world.Calls(), "refresh wait(100) wait(100)");
   EXPECT_EQ(told, 2);
   world.token_refused = true;
+  world.clock().Advance(std::chrono::seconds(30));
   world.agent().TellStatusNow();
   world.PassTimes(1);
   EXPECT_EQ(world.Calls(), "online(int,1) refresh wait(100)");
+  world.PassTimes(1);
+  EXPECT_EQ(world.Calls(), "wait(100)") << "a refused token is replaced every half minute at most";
   world.token_refused = false;
+  world.dropped = world.logs_out = true;
+  world.PassTimes(2);
+  EXPECT_EQ(world.Calls(), "config(connected) notify_logout\"int\" wait(100) wait(100)");
   world.clock().Advance(std::chrono::hours(24));
   world.refresh_works = false;
   world.PassTimes(4);

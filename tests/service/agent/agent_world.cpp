@@ -37,6 +37,7 @@ AgentSetup AgentWorld::Setup() {
     Note(fmt::format("probe({}:{})", host, port));
     return ProbeResult{probe_error, {}};
   };
+  setup.take_dropped = [this] { return std::exchange(dropped, false); };
   setup.start_service = [this] { Note("service"); };
   setup.post_client_log = [this](const char* level, const std::string& message) {
     EXPECT_STREQ(level, "ERROR");
@@ -112,6 +113,11 @@ void AgentWorld::PublishCloud(const std::string& topic, const json& message) {
 void AgentWorld::SetupForwarders(const std::string& serial_number, LinkCallback callback) {
   Note("forward(" + serial_number + ")");
   callback(CloudLinkEvent::kDisconnected);
+}
+
+std::optional<CloudUser> AgentWorld::TakeLogoutToTell(const std::string& region) {
+  EXPECT_EQ(region, "int");
+  return std::exchange(logs_out, false) ? std::optional(CloudUser{"u", "Ada"}) : std::nullopt;
 }
 
 bool AgentWorld::CheckUserRecordsHTTP(const std::string& region, bool forced) {

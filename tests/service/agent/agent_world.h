@@ -34,6 +34,8 @@ class AgentWorld : private AgentComms, private AgentUsers, private LinkCredentia
   bool info_works = true;
   bool refresh_works = true;
   bool token_refused = false;
+  bool dropped = false;
+  bool logs_out = false;
   bool throws = false;
   std::string probe_error;
 
@@ -68,6 +70,7 @@ class AgentWorld : private AgentComms, private AgentUsers, private LinkCredentia
 
   void LoadConfig() override { Note("load"); }
   void NotifyLogout(const std::string& region) override { Note("logout(" + region + ")"); }
+  std::optional<CloudUser> TakeLogoutToTell(const std::string& region) override;
   bool CheckUserRecordsHTTP(const std::string& region, bool forced) override;
   bool UpdateDeviceStatus(const std::string& region, int status) override;
 
@@ -79,6 +82,7 @@ class AgentWorld : private AgentComms, private AgentUsers, private LinkCredentia
   void ForgetTokens() override { Note("tokens-"); }
   bool GetAuthInfo() override;
   std::optional<nlohmann::json> AuthInfo() const override;
+  void DistrustCache() override { Note("cache-"); }
   void ClearAuthInfo() override { Note("info-"); }
   void RemoveClientCertificates() override { Note("certs-"); }
   void StartFetchCountryCode() override {}

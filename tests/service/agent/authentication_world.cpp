@@ -35,6 +35,7 @@ Identity MakeIdentity(const test::TempDir& dir, const std::string& algorithm,
 
 AuthenticationWorld::AuthenticationWorld()
     : server_([this](const std::string& request, const test::ScriptedServer::Peer& peer) {
+        if (on_request_) on_request_(request);
         for (const auto& answers = answers_.Items();
              const auto& [path, body] : std::vector(answers.rbegin(), answers.rend())) {
           if (request.find(" " + path) != std::string::npos) return peer.Answer(body);

@@ -40,6 +40,8 @@ class AuthenticationWorld {
   /// The last request with its headers and body.
   [[nodiscard]] std::string LastRequest() const { return server_.requests.Items().back(); }
 
+  /// Called by the server before it answers.
+  std::function<void(const std::string& request)> on_request_;
   test::LogCapture log_;
   test::TempDir dir_;
   mutable test::FakeClock clock_;

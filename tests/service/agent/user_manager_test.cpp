@@ -28,34 +28,41 @@ class UserManagerTest : public testing::Test, protected AuthenticationWorld {
   const std::unique_ptr<DeviceAuthentication> device_ = Device();
   DeviceApi api_{*device_, 401, [] {}};
   AgentSettings settings_{file_};
-  CloudMessageFilter filter_;
-  UserManager users_{settings_, *device_, api_, filter_};
+  UserManager users_{settings_, *device_, api_};
 };
 
-TEST_F(UserManagerTest, ALogoutThatCannotBeToldOutlivesTheDaemonAndKeepsRequestsOut) {
-  int told = 0;
-  users_.SetListeners({.on_user = {}, .on_logout = [&](const auto& region, const CloudUser& user) {
-                         EXPECT_EQ(region + user.id, "cnu1");
-                         ++told;
-                       }});
+TEST_F(UserManagerTest, ALogoutThatCannotBeToldOutlivesTheDaemon) {
   Bind({{"userId", "u1"}, {"userName", "Ada"}});
   users_.NotifyLogout("cn");
   EXPECT_FALSE(users_.CheckUserRecordsHTTP("cn", false)) << "the cloud does not take the unbinding";
-  EXPECT_TRUE(filter_.Drops());
-  EXPECT_TRUE(filter_.Drops());
-  EXPECT_EQ(told, 1) << "once a logout";
+  EXPECT_FALSE(users_.TakeLogoutToTell("int"));
+  EXPECT_EQ(users_.TakeLogoutToTell("cn"), (CloudUser{"u1", "Ada"}));
+  EXPECT_FALSE(users_.TakeLogoutToTell("cn")) << "once a logout";
 
   AgentSettings settings(file_);
-  CloudMessageFilter filter;
-  UserManager users(settings, *device_, api_, filter);
+  UserManager users(settings, *device_, api_);
   users.LoadConfig();
-  EXPECT_TRUE(filter.Drops());
+  EXPECT_TRUE(settings.Get().logouts.contains("cn"));
   Answer("/api/device/connect/unbind", Good(true));
   EXPECT_TRUE(users.CheckUserRecordsHTTP("cn", false));
   EXPECT_THAT(LastRequest(), HasSubstr(R"({"userId":"u1"})"));
-  EXPECT_FALSE(filter.Drops());
-  EXPECT_EQ(settings.Get().user, CloudUser());
-  EXPECT_TRUE(settings.Get().logouts.empty());
+  EXPECT_EQ(settings.Get(), AgentConfig{.region = "cn"});
+}
+
+TEST_F(UserManagerTest, ALogoutDuringACheckIsNotLost) {
+  Bind({{"userId", "u1"}, {"userName", "Ada"}});
+  Answer("/api/device/connect/unbind", Good(true));
+  on_request_ = [&](const std::string& request) {
+    if (request.find("/relation") != std::string::npos) users_.NotifyLogout("cn");
+  };
+  EXPECT_TRUE(users_.CheckUserRecordsHTTP("cn", false));
+  EXPECT_THAT(LastRequest(), HasSubstr("/unbind"));
+  on_request_ = [&](const std::string& request) {
+    if (request.find("/unbind") != std::string::npos) users_.NotifyLogout("cn");
+  };
+  users_.NotifyLogout("cn");
+  EXPECT_TRUE(users_.CheckUserRecordsHTTP("cn", false)) << "nobody known, so whoever is bound";
+  EXPECT_THAT(LastRequest(), HasSubstr("/unbind"));
 }
 
 TEST_F(UserManagerTest, WhoIsBoundIsTakenOverAndNobodyElseIsLoggedOut) {
@@ -63,7 +70,7 @@ TEST_F(UserManagerTest, WhoIsBoundIsTakenOverAndNobodyElseIsLoggedOut) {
   Bind({{"userId", "u2"}, {"userName", nullptr}});
   EXPECT_TRUE(users_.CheckUserRecordsHTTP("cn", false)) << "another one has bound it meanwhile";
   EXPECT_EQ(settings_.Get().user, (CloudUser{"u2", ""}));
-  EXPECT_FALSE(filter_.Drops());
+  EXPECT_TRUE(settings_.Get().logouts.empty());
   for (const json& broken :
        {json("u3"), json{{"userId", 3}}, json{{"userId", std::string(300, 'u')}}}) {
     Bind(broken);

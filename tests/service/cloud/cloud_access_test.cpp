@@ -82,6 +82,16 @@ TEST_F(CloudAccessTest, ManyThatAreRefusedMakeOneNewTokenAndEachIsAnswered) {
   EXPECT_THAT(server_.requests.Items().back(), HasSubstr("X-Custom-CS: prod-other"));
 }
 
+TEST_F(CloudAccessTest, AnotherRegionsAccessIsNotUsedForThisOne) {
+  agent_.Walk(AgentState::CONNECTED);
+  good_ = "t1";
+  ASSERT_TRUE(authentication_->GetAccessToken(25));
+  EXPECT_EQ(access_.Post(kPath, {}), "taken");
+  authentication_->SetRegion("int");
+  EXPECT_EQ(access_.Post(kPath, {}), "") << "there is no token for it yet";
+  EXPECT_EQ(Posts(), 1U);
+}
+
 TEST_F(CloudAccessTest, ASecondRefusalIsTheAnswer) {
   agent_.Walk(AgentState::CONNECTED);
   ASSERT_TRUE(authentication_->GetAccessToken(25));

@@ -20,6 +20,7 @@ constexpr const char* kTag = "MA_AUTH";
 constexpr int kSuccess = 200;
 constexpr long kClientError = 400;
 constexpr long kUnauthorized = 401;
+constexpr long kForbidden = 403;
 constexpr long kServerError = 500;
 constexpr size_t kLoggedText = 160;
 constexpr size_t kMaxReplyBytes = size_t{1} << 20U;
@@ -144,7 +145,8 @@ std::optional<std::string> DeviceApi::DeviceApiGet(const Access& access, const R
 
 std::optional<std::string> DeviceApi::Judged(const Access& access, const char* name,
                                              const std::string& url, HttpResponse response) {
-  if (response.status == kUnauthorized) authentication_.OnRefused(access.token);
+  if (response.status == kUnauthorized || response.status == kForbidden)
+    authentication_.OnRefused(access.token);
   return Sorted(name, url, std::move(response));
 }
 

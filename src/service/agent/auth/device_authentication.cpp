@@ -190,6 +190,7 @@ bool DeviceAuthentication::Adopt(TokenPair tokens, const Target& target) {
     VLOG_WARN(kTag, "The tokens of {} came too late", utils::LogText(target.region));
     return false;
   }
+  if (tokens.access && tokens.access->Text().empty()) tokens.access = nullptr;
   tokens_ = std::move(tokens);
   issuer_ = target.base_url;
   refused_ = false;
@@ -255,7 +256,7 @@ bool DeviceAuthentication::GetAuthInfo() {
   try {
     auto info = store_.LoadAuthInfoFromCache(target->region);
     const bool expired = CheckCertExpired();
-    if (info && !expired) {
+    if (info && !expired && !cache_distrusted_.exchange(false)) {
       VLOG_INFO(kTag, "Using cached auth info, skipping GetMqttCerts");
     } else {
       info = FetchAuthInfo(*target, expired);

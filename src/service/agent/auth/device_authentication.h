@@ -60,6 +60,7 @@ class DeviceAuthentication : public LinkCredentials {
   void ForgetTokens() override;
 
   [[nodiscard]] bool GetAuthInfo() override;
+  void DistrustCache() override { cache_distrusted_ = true; }
   [[nodiscard]] std::optional<nlohmann::json> AuthInfo() const override;
   void ClearAuthInfo() override;
   void RemoveClientCertificates() override;
@@ -107,6 +108,7 @@ class DeviceAuthentication : public LinkCredentials {
   HttpClient certs_http_;
 
   std::atomic<bool> region_locked_ = false;
+  std::atomic<bool> cache_distrusted_ = false;
   std::atomic<uint64_t> refreshes_ = 0;  ///< how many have ended
   utils::Mutex refresh_mutex_;           ///< one at a time; held while it talks, before mutex_
   bool refreshed_ GUARDED_BY(refresh_mutex_) = false;  ///< how the last one ended

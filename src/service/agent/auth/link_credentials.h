@@ -32,6 +32,8 @@ class LinkCredentials {
 
   /// Fills the authentication info, from the disk if possible. The agent's.
   [[nodiscard]] virtual bool GetAuthInfo() = 0;
+  /// The next GetAuthInfo() asks the cloud, whatever is on the disk: the broker may have moved.
+  virtual void DistrustCache() = 0;
   /// "endpoint", "port", "clientid", paths in "client_cert", "client_key", "root_ca", and "region".
   /// Nothing before GetAuthInfo() succeeded.
   [[nodiscard]] virtual std::optional<nlohmann::json> AuthInfo() const = 0;
