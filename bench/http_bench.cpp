@@ -87,13 +87,18 @@ class BodyServer {
     std::string head = "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: " +
                        std::to_string(block.size() * static_cast<size_t>(megabytes_)) + "\r\n\r\n";
     (void)::send(peer.Get(), head.data(), head.size(), MSG_NOSIGNAL);
-    for (int i = 0; i < megabytes_; ++i)
-      for (size_t sent = 0; sent < block.size();) {
-        const ssize_t now =
-            ::send(peer.Get(), block.data() + sent, block.size() - sent, MSG_NOSIGNAL);
-        if (now <= 0) return;
-        sent += static_cast<size_t>(now);
-      }
+    for (int i = 0; i < megabytes_ && SendAll(peer, block); ++i) {
+    }
+  }
+  static bool SendAll(const utils::UniqueFd& peer, const std::string& block) {
+    size_t sent = 0;
+    while (sent < block.size()) {
+      const ssize_t now =
+          ::send(peer.Get(), block.data() + sent, block.size() - sent, MSG_NOSIGNAL);
+      if (now <= 0) return false;
+      sent += static_cast<size_t>(now);
+    }
+    return true;
   }
 
   const int megabytes_;

@@ -151,7 +151,7 @@ void Agent::HoldBack(void (ConnectPacing::*pause)()) {
 }
 
 std::string Agent::LeaveCloud(const char* offline_failure) {
-  const std::string region = cloud_region_;
+  std::string region = cloud_region_;
   TransitionTo(AgentState::IDLE);
   Announce();
   TellLogout();

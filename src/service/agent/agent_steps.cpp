@@ -120,7 +120,7 @@ bool Agent::IsInternetReachable() {
 void Agent::OnGetAccessToken() {
   Announce();
   if (TryGetAccessToken()) return;
-  if (--budget_ > 0) return Wait(3s);
+  if (--budget_ > 0) return Wait(pacing_.TokenPause());
   FallBack("Exceeded maximum retries for fetching access token, returning to IDLE state",
            CloudFailure::kAccessTokenFailed);
 }

@@ -42,9 +42,9 @@ void CommsLink::ConnectCloud(const nlohmann::json& auth_info) {
                                                          .client_key = text("client_key"),
                                                          .root_ca = text("root_ca"),
                                                          .connect_timeout_s = kConnectTimeoutS});
-  if (status != comms::CommsStatus::kOk)
-    throw std::runtime_error("the client refuses to connect, status " +
-                             std::to_string(comms::Code(status)));
+  if (status == comms::CommsStatus::kOk) return;
+  throw std::runtime_error("the client refuses to connect, status " +
+                           std::to_string(comms::Code(status)));
 }
 
 void CommsLink::PublishLocal(const std::string& topic, const nlohmann::json& message) {

@@ -38,6 +38,11 @@ class ConnectPacing {
     cycle_ = connect_ = Milliseconds(0);
   }
 
+  /// Between two requests for a token; more after a few rounds, so that a server that has just come
+  /// back is not asked more than ten times a minute by each device.
+  [[nodiscard]] Milliseconds TokenPause() const {
+    return std::chrono::seconds(failed_cycles_ < 3 ? 3 : 6);
+  }
   /// Before the next attempt at the broker, once.
   [[nodiscard]] Milliseconds TakeConnectPause() { return std::exchange(connect_, Milliseconds(0)); }
   /// Before the next cycle, once.

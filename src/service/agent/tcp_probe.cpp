@@ -59,11 +59,9 @@ class Attempts {
     utils::UniqueFd fd(::socket(address.ai_family,
                                 address.ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK,
                                 address.ai_protocol));
-    if (!fd) {
-      problem_ = "TCP connection failed: " + WordsOf(errno);
-    } else if (::connect(fd.Get(), address.ai_addr, address.ai_addrlen) == 0) {
+    if (fd && ::connect(fd.Get(), address.ai_addr, address.ai_addrlen) == 0) {
       stands_ = true;
-    } else if (errno == EINPROGRESS) {
+    } else if (fd && errno == EINPROGRESS) {
       fds_.push_back(std::move(fd));
     } else {
       problem_ = "TCP connection failed: " + WordsOf(errno);
