@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <exception>
 #include <stdexcept>
+#include <thread>
 
 #include "support/cloud_side.h"
 #include "virtual_board/common/await.h"
@@ -85,6 +86,7 @@ class HangBench {
   /// Ends before the daemon gives up an attempt, which takes 5 s.
   void Block(std::vector<double>& samples) {
     const auto start = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(kSettle);
     for (int i = 0; i < kWarmUp; ++i) RoundTrip(link_, target_, ++id_);
     for (int i = 0; i < block_size_ && Since(start) < 4000; ++i)
       samples.push_back(RoundTrip(link_, target_, ++id_));
@@ -99,7 +101,8 @@ class HangBench {
     report_.AtMost(name + ", ratio", ours / reference, limit);
   }
 
-  static constexpr int kWarmUp = 500;  // what a switch set off is over
+  static constexpr auto kSettle = 1s;  // what a switch of the link set off is over
+  static constexpr int kWarmUp = 200;
 
   const int block_size_;
   const int rounds_;
