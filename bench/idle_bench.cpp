@@ -1,4 +1,5 @@
-// Memory and wake-ups of the idle daemon against those of idle_reference.
+// Memory and wake-ups of the idle daemon against those of idle_reference. Options: --daemon-pid,
+// --reference-pid, --seconds; --when, which the rows begin with.
 #include <chrono>
 #include <thread>
 
@@ -24,13 +25,14 @@ int Measure(const Options& options) {
   const auto daemon_memory = static_cast<double>(SizeOf(daemon).resident_kib);
   const auto reference_memory = static_cast<double>(SizeOf(reference).resident_kib);
 
+  const std::string when = options.Text("when", "idle");
   Report report;
-  report.Figure("idle resident memory, daemon", daemon_memory / 1024, "MiB");
-  report.Figure("idle resident memory, reference", reference_memory / 1024, "MiB");
-  report.AtMost("idle resident memory, ratio", daemon_memory / reference_memory, 3);
-  report.Figure("idle wake-ups per second, daemon", daemon_rate, "1/s");
-  report.Figure("idle wake-ups per second, reference", reference_rate, "1/s");
-  report.AtMost("idle wake-ups per second, ratio", daemon_rate / reference_rate, 2);
+  report.Figure(when + " resident memory, daemon", daemon_memory / 1024, "MiB");
+  report.Figure(when + " resident memory, reference", reference_memory / 1024, "MiB");
+  report.AtMost(when + " resident memory, ratio", daemon_memory / reference_memory, 3);
+  report.Figure(when + " wake-ups per second, daemon", daemon_rate, "1/s");
+  report.Figure(when + " wake-ups per second, reference", reference_rate, "1/s");
+  report.AtMost(when + " wake-ups per second, ratio", daemon_rate / reference_rate, 2);
   return report.ExitStatus();
 }
 

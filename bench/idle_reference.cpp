@@ -21,13 +21,12 @@ int Idle(const varnel::bench::Options& options) {
   spdlog::set_default_logger(spdlog::rotating_logger_mt("reference", log, 10u << 20, 5));
   spdlog::flush_every(std::chrono::seconds(10));
   curl_global_init(CURL_GLOBAL_DEFAULT);
-  varnel::bench::PahoLink link(options.Text("host", "127.0.0.1"), options.Number("port", 1883),
-                               "idle-reference-" + std::to_string(getpid()), {});
+  varnel::bench::PahoLink link(varnel::bench::SettingsOf(options, "idle-reference"), {});
   spdlog::info("connected");
   if (options.Text("once", "no") == "yes") {
     _exit(0);
   }
-  link.Subscribe("bench/idle");
+  link.Subscribe(options.Text("topic", "bench/idle"));
   std::puts("ready");
   std::fflush(stdout);
   const std::chrono::milliseconds pause(1000 / options.Number("looks", 1));

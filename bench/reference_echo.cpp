@@ -57,8 +57,7 @@ std::string Answer(const std::string& payload) {
 
 int Echo(const Options& options) {
   Inbox inbox;
-  PahoLink link(options.Text("host", "127.0.0.1"), options.Number("port", 1883),
-                "reference-echo-" + std::to_string(getpid()),
+  PahoLink link(varnel::bench::SettingsOf(options, "reference-echo"),
                 [&](std::string payload) { inbox.Put(std::move(payload)); });
   const std::string answers = options.Text("response-topic", varnel::bench::kEchoResponseTopic);
   link.Subscribe(options.Text("request-topic", varnel::bench::kEchoRequestTopic));

@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -68,22 +69,29 @@ void SetNoDelay(int port) {
 
 }  // namespace
 
-PahoLink::PahoLink(const std::string& host, int port, const std::string& client_id,
-                   Listener listener)
-    : listener_(std::move(listener)) {
-  Create("tcp://" + host + ":" + std::to_string(port), client_id);
+PahoSettings SettingsOf(const Options& options, const std::string& name) {
+  return {options.Text("host", "127.0.0.1"), options.Number("port", 1883),
+          name + "-" + std::to_string(getpid()), options.Number("qos", 0),
+          options.Text("certificates", "")};
+}
+
+PahoLink::PahoLink(const PahoSettings& settings, Listener listener)
+    : settings_(settings), listener_(std::move(listener)) {
+  Create();
   Connect();
-  SetNoDelay(port);
+  SetNoDelay(settings_.port);
 }
 
 PahoLink::~PahoLink() {
   MQTTAsync_destroy(&client_);
 }
 
-void PahoLink::Create(const std::string& uri, const std::string& client_id) {
+void PahoLink::Create() {
+  const std::string uri = (settings_.certificates.empty() ? "tcp://" : "ssl://") + settings_.host +
+                          ":" + std::to_string(settings_.port);
   MQTTAsync_setTraceLevel(MQTTASYNC_TRACE_ERROR);  // by default it notes every call
   MQTTAsync_createOptions options = MQTTAsync_createOptions_initializer5;
-  Need(MQTTAsync_createWithOptions(&client_, uri.c_str(), client_id.c_str(),
+  Need(MQTTAsync_createWithOptions(&client_, uri.c_str(), settings_.client_id.c_str(),
                                    MQTTCLIENT_PERSISTENCE_NONE, nullptr, &options),
        "create");
   Need(MQTTAsync_setCallbacks(client_, &listener_, nullptr, Arrived, nullptr), "set callbacks");
@@ -92,6 +100,16 @@ void PahoLink::Create(const std::string& uri, const std::string& client_id) {
 void PahoLink::Connect() {
   MQTTAsync_connectOptions options = MQTTAsync_connectOptions_initializer5;
   options.cleanstart = 1;
+  const std::string& directory = settings_.certificates;
+  const std::string root = directory + "/ca.crt";
+  const std::string certificate = directory + "/client.crt";
+  const std::string key = directory + "/client.key";
+  MQTTAsync_SSLOptions tls = MQTTAsync_SSLOptions_initializer;
+  tls.trustStore = root.c_str();
+  tls.keyStore = certificate.c_str();
+  tls.privateKey = key.c_str();
+  tls.verify = 1;
+  if (!directory.empty()) options.ssl = &tls;
   options.onSuccess5 = Succeeded;
   options.onFailure5 = Failed;
   Await("connect", [&](void* context) {
@@ -106,7 +124,7 @@ void PahoLink::Subscribe(const std::string& topic) {
   options.onFailure5 = Failed;
   Await("subscribe", [&](void* context) {
     options.context = context;
-    return MQTTAsync_subscribe(client_, topic.c_str(), 0, &options);
+    return MQTTAsync_subscribe(client_, topic.c_str(), settings_.qos, &options);
   });
 }
 
@@ -115,7 +133,7 @@ void PahoLink::Publish(const std::string& topic, const std::string& payload) {
   int code = MQTTASYNC_MAX_BUFFERED_MESSAGES;
   while (code == MQTTASYNC_MAX_BUFFERED_MESSAGES) {
     code = MQTTAsync_send(client_, topic.c_str(), static_cast<int>(payload.size()), payload.data(),
-                          0, 0, nullptr);
+                          settings_.qos, 0, nullptr);
     if (code == MQTTASYNC_MAX_BUFFERED_MESSAGES) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }

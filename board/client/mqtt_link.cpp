@@ -104,12 +104,16 @@ void MqttLink::Subscribe(const std::string& topic, int qos) {
 }
 
 void MqttLink::Publish(const std::string& topic, const std::string& payload, int qos) {
-  const std::string id = qos > 0 ? Number16(++packet_id_ == 0 ? ++packet_id_ : packet_id_) : "";
-  Send(MakePacket(static_cast<uint8_t>(0x30 | qos << 1), Text(topic) + id + payload));
+  Send(PublishPacket(topic, payload, qos));
 }
 
-void MqttLink::Queue(const std::string& topic, const std::string& payload) {
-  output_ += MakePacket(0x30, Text(topic) + payload);
+void MqttLink::Queue(const std::string& topic, const std::string& payload, int qos) {
+  output_ += PublishPacket(topic, payload, qos);
+}
+
+std::string MqttLink::PublishPacket(const std::string& topic, const std::string& payload, int qos) {
+  const std::string id = qos > 0 ? Number16(++packet_id_ == 0 ? ++packet_id_ : packet_id_) : "";
+  return MakePacket(static_cast<uint8_t>(0x30 | qos << 1), Text(topic) + id + payload);
 }
 
 void MqttLink::Flush() {

@@ -27,8 +27,8 @@ class MqttLink {
   /// Returns when the broker has acknowledged.
   void Subscribe(const std::string& topic, int qos);
   void Publish(const std::string& topic, const std::string& payload, int qos = 0);
-  /// Like Publish at QoS 0, but keeps the packet until Flush: a burst goes out in one write.
-  void Queue(const std::string& topic, const std::string& payload);
+  /// Like Publish, but keeps the packet until Flush: a burst goes out in one write.
+  void Queue(const std::string& topic, const std::string& payload, int qos = 0);
   void Flush();
   /// The next message, or nothing when none came in time. Acknowledges QoS 1 deliveries.
   std::optional<Message> Receive(std::chrono::milliseconds timeout);
@@ -40,6 +40,7 @@ class MqttLink {
   };
 
   void Greet(const std::string& client_id);
+  std::string PublishPacket(const std::string& topic, const std::string& payload, int qos);
   void Send(const std::string& bytes);
   std::optional<Packet> NextPacket(std::chrono::milliseconds timeout);
   std::optional<Packet> TakeBuffered();
