@@ -4,7 +4,6 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <regex>
 
 #include "board/cloud_board.h"
@@ -15,13 +14,9 @@
 namespace varnel::board {
 namespace {
 
-namespace fs = std::filesystem;
 using nlohmann::json;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::IsSupersetOf;
-using testing::Not;
 
 constexpr const char* kCertificates = "/api/device/getMqttCert";
 
@@ -84,8 +79,9 @@ void ExpectRefusals(CloudBoard& board, const json& otherwise) {
       {"pull_print_task", {{{"job_id", 7}}, {{"job_id", "a\r\nb"}}}},
       {"authorize_file_url", {{{"url", ""}}, {{"url", std::string(5000, 'u')}}}},
   };
-  for (const auto& [method, params] : wrong)
+  for (const auto& [method, params] : wrong) {
     for (const json& one : params) EXPECT_EQ(board.Ask(method, one), invalid) << method << one;
+  }
   EXPECT_EQ(board.Ask("pull_print_task", {{"job_id", "j"}}), otherwise);
 }
 
@@ -118,10 +114,12 @@ TEST_F(CloudAgentTest, WhatIsAskedOfTheCloudAndWhatStaysSecret) {
 
   // Planted: the search finds what is there.
   std::vector<std::string> secrets{code, url, "planted-secret"};
-  for (const json& request : TheCloud().Requests("/api/device/connect/relation", board.serial))
-    for (const json& header : request.at("headers"))
+  for (const json& request : TheCloud().Requests("/api/device/connect/relation", board.serial)) {
+    for (const json& header : request.at("headers")) {
       if (header.at(0) == "Authorization")
         secrets.push_back(header.at(1).get<std::string>().substr(7));
+    }
+  }
   secrets.push_back(
       json::parse(ReadClearIdentityBlock(board.board.Paths().Dev() / "mmcblk0")).at("PrivateKey"));
   const std::string places =
