@@ -16,7 +16,6 @@ namespace {
 
 using nlohmann::json;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 constexpr const char* kCertificates = "/api/device/getMqttCert";
 
@@ -32,7 +31,11 @@ TEST_F(CloudAgentTest, AFreshBoardJoinsAndComesBackAfterAKill) {
   json config = board.Ask("sync_config").at("result");
   EXPECT_EQ(config.at("region"), "");
   EXPECT_EQ(config.at("link_mode"), "wan");
-  EXPECT_THAT(TheCloud().Requests("*", board.serial), IsEmpty());
+  EXPECT_FALSE(TheCloud().AwaitEntry(
+      [&](const json& entry) {
+        return entry.at("event") != "joined" && entry.value("board", "") == board.serial;
+      },
+      std::chrono::milliseconds(1)));
 
   TheCloud().Bind(board.serial, "u1", "Ada");
   board.Join();
@@ -62,6 +65,14 @@ TEST_F(CloudAgentTest, AFreshBoardJoinsAndComesBackAfterAKill) {
   EXPECT_EQ(board.Requests("/api/device/connect/unbind"), 1U) << "of the user at the old region";
   EXPECT_EQ(board.Requests("/api/device/connect/auth"), 1U);
   EXPECT_EQ(board.Ask("sync_config").at("result").at("username"), "");
+
+  for (const auto& [marker, host] : {std::pair("/oem/.preview_server", "pre.api.cn.example.test"),
+                                     std::pair("/oem/.local_server", "127.0.0.2")}) {
+    ASSERT_EQ(board.board.Shell(std::string("touch ") + marker).status, 0);
+    board.Restart();
+    EXPECT_TRUE(board.Await("connected"));
+    EXPECT_EQ(TheCloud().Requests("/api/device/update", board.serial).back().at("host"), host);
+  }
 }
 
 /// What a board is asked for without a cloud, or in a wrong way.
