@@ -1,5 +1,8 @@
 #include "service/agent/authentication_world.h"
 
+#include <array>
+#include <thread>
+
 #include "service/agent/auth/aes.h"
 #include "utils/base64.h"
 #include "utils/safe_exec.h"
@@ -31,6 +34,11 @@ Identity MakeIdentity(const test::TempDir& dir, const std::string& algorithm,
       dir, "req -x509 -new -key key.pem -subj /CN=device -days " + days + " -out certificate.pem");
   return {test::ReadFile(dir / "key.pem"), test::ReadFile(dir / "certificate.pem"),
           OpenSsl(dir, "pkey -in key.pem -outform DER | openssl base64 -A")};
+}
+
+void OnEightThreads(const std::function<void()>& run) {
+  std::array<std::jthread, 8> threads;
+  for (auto& thread : threads) thread = std::jthread(run);
 }
 
 AuthenticationWorld::AuthenticationWorld()

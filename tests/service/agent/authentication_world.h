@@ -23,6 +23,9 @@ struct Identity {
 Identity MakeIdentity(const test::TempDir& dir, const std::string& algorithm,
                       const std::string& days = "1");
 
+/// Returns when all have ended.
+void OnEightThreads(const std::function<void()>& run);
+
 /// A device and a server beside it that answers by path with what a test has put there.
 class AuthenticationWorld {
  public:

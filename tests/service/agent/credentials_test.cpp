@@ -62,9 +62,9 @@ TEST(AesTest, OpensslReadsWhatIsWrittenAndTheOtherWayRound) {
     dir.Write("ours", std::string(ours.begin() + 16, ours.end()));
     std::string iv;
     for (size_t i = 0; i < 16; ++i) iv += fmt::format("{:02x}", ours[i]);
-    EXPECT_EQ(OpenSsl(dir, "enc -d -in ours " + options + " -iv " + iv), plain);
+    EXPECT_EQ(OpenSsl(dir, fmt::format("enc -d -in ours {} -iv {}", options, iv)), plain);
     dir.Write("plain", plain);
-    (void)OpenSsl(dir, "enc -in plain -out theirs " + options + " -iv " + iv);
+    (void)OpenSsl(dir, fmt::format("enc -in plain -out theirs {} -iv {}", options, iv));
     const std::string theirs =
         std::string(ours.begin(), ours.begin() + 16) + test::ReadFile(dir / "theirs");
     EXPECT_EQ(AesDecrypt(key, BytesOf(theirs)).value().Text(), plain);

@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <thread>
-
 #include "service/agent/auth/device_api.h"
 #include "service/agent/auth/signature.h"
 #include "service/agent/authentication_world.h"
@@ -47,7 +45,7 @@ TEST_F(DeviceAuthenticationTest, ADeviceGrantIsSentAsTheServerExpectsIt) {
   const auto take = [&request](const std::string& name) {
     const size_t start = request.find("name=\"" + name + "\"\r\n\r\n") + name.size() + 11;
     const size_t end = request.find("\r\n", start);
-    const std::string value = request.substr(start, end - start);
+    std::string value = request.substr(start, end - start);
     request.replace(start, end - start, "?");
     return value;
   };
@@ -132,22 +130,14 @@ TEST_F(DeviceAuthenticationTest, ARefreshHappensOnceForAllWhoMetTheSameRefusal) 
   const auto refused = device->AccessTo("cn")->token;
   Answer(kToken, TokenReply("access-2", "refresh-2"));
   const size_t before = server_.requests.Items().size();
-  {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 8; ++i)
-      threads.emplace_back([&] { EXPECT_TRUE(device->RefreshToken(refused)); });
-  }
+  OnEightThreads([&] { EXPECT_TRUE(device->RefreshToken(refused)); });
   EXPECT_EQ(server_.requests.Items().size(), before + 1);
   EXPECT_THAT(LastRequest(), HasSubstr("name=\"refresh_token\"\r\n\r\nrefresh-1\r\n"));
   EXPECT_EQ(Token(*device), "access-2");
   // One that fails is one for all who waited for it.
   const auto newer = device->AccessTo("cn")->token;
   Answer(kToken, json::array());
-  {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 8; ++i)
-      threads.emplace_back([&] { EXPECT_FALSE(device->RefreshToken(newer)); });
-  }
+  OnEightThreads([&] { EXPECT_FALSE(device->RefreshToken(newer)); });
   EXPECT_LT(server_.requests.Items().size(), before + 9);
   device->ForgetTokens();
   const size_t last = server_.requests.Items().size();

@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <thread>
-
 #include "service/agent/agent_world.h"
 #include "service/agent/authentication_world.h"
 
@@ -73,11 +71,7 @@ TEST_F(CloudAccessTest, NothingIsSentWithoutTheRightToIt) {
 TEST_F(CloudAccessTest, ManyThatAreRefusedMakeOneNewTokenAndEachIsAnswered) {
   agent_.Walk(AgentState::CONNECTED);
   ASSERT_TRUE(authentication_->GetAccessToken(25));
-  {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 8; ++i)
-      threads.emplace_back([&] { EXPECT_EQ(access_.Post(kPath, {{"n", 1}}), "taken"); });
-  }
+  OnEightThreads([&] { EXPECT_EQ(access_.Post(kPath, {{"n", 1}}), "taken"); });
   EXPECT_EQ(issued_, 2) << "the first one and one for all";
   EXPECT_THAT(server_.requests.Items().back(), HasSubstr("X-Custom-CS: prod-other"));
 }
