@@ -23,7 +23,7 @@ class LargeRequests {
   /// What is larger, waiting or built, is large.
   static constexpr size_t kBytes = size_t{256} << 10;
 
-  LargeRequests() : pool_("rpc-large", 1, size_t{8} << 20U) {}
+  LargeRequests() : pool_("rpc-large", 1, size_t{4} << 20U) {}
   void Open() { pool_.Open(); }
   static bool Includes(RequestSize size) {
     return size.bytes > kBytes || size.built_bytes > kBytes;
