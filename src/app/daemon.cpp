@@ -223,7 +223,7 @@ class Services {
 /// The process leaves soon afterwards: a library that hangs, in a name server's silence for
 /// example, is left behind.
 void StopWithin(std::chrono::milliseconds limit, comms::CommsManager& comms,
-                service::CloudManager& cloud) {
+                service::CloudManager& cloud) try {
   cloud.RequestStop();  // its end need not wait for that of the brokers
   auto done = std::make_shared<std::promise<void>>();
   const std::future<void> stopped = done->get_future();
@@ -234,6 +234,8 @@ void StopWithin(std::chrono::milliseconds limit, comms::CommsManager& comms,
   }).detach();
   if (stopped.wait_for(limit) != std::future_status::ready)
     VLOG_WARN(kTag, "the links do not end, leaving without them");
+} catch (const std::exception& error) {
+  VLOG_ERROR(kTag, "the links cannot be ended: {}", error.what());
 }
 
 void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& broker) {

@@ -224,8 +224,9 @@ CommsStatus CommsManager::SendNotification(const std::string& topic, const std::
 
 CommsStatus CommsManager::PublishLocal(const std::string& topic, const Json& message) {
   const auto local = Server() ? LocalClient() : nullptr;
-  return local ? local->Send(topic, Qos::kAtMostOnce, false, Serialize(message))
-               : CommsStatus::kNotInitialized;
+  if (!local) return CommsStatus::kNotInitialized;
+  if (!local->IsConnected()) return CommsStatus::kNotConnected;
+  return local->Send(topic, Qos::kAtMostOnce, false, Serialize(message));
 }
 
 JsonRpcClient::CallResult CommsManager::CallLocal(const std::string& request_topic,

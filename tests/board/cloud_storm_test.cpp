@@ -1,11 +1,16 @@
 // Boards whose cloud fails them again and again, in any order: afterwards each of them is back.
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <fstream>
 #include <map>
 #include <mutex>
 #include <random>
+#include <set>
+#include <sstream>
+#include <thread>
 
 #include "board/cloud_board.h"
 #include "support/eventually.h"
@@ -39,6 +44,48 @@ class Faults {
  private:
   std::mutex mutex_;
   std::map<std::string, std::string> lines_;  // mutex_
+};
+
+/// Looks all the time how many connections to the cloud's broker a board has at once.
+class LinkWatch {
+ public:
+  explicit LinkWatch(const Board& board)
+      : table_("/proc/" + std::to_string(board.Processes().front().pid) + "/net/tcp"),
+        thread_([this](const std::stop_token& stop) { Watch(stop); }) {}
+  [[nodiscard]] size_t Most() const { return most_; }
+
+ private:
+  using Ends = std::set<std::string>;
+
+  void Watch(const std::stop_token& stop) {
+    Ends before;
+    for (; !stop.stop_requested(); std::this_thread::sleep_for(kPause)) {  // sleeps: a watch
+      const Ends now = OurEnds();
+      // The kernel's table is no snapshot: what is read once may be gone at the end of the reading.
+      const auto stay = static_cast<size_t>(std::count_if(
+          now.begin(), now.end(), [&](const std::string& end) { return before.contains(end); }));
+      most_ = std::max<size_t>(most_, stay);
+      before = now;
+    }
+  }
+  [[nodiscard]] Ends OurEnds() const {
+    std::ifstream table(table_);
+    Ends ends;
+    for (std::string line; std::getline(table, line);) {
+      std::string number;
+      std::string local;
+      std::string remote;
+      std::string state;
+      std::istringstream(line) >> number >> local >> remote >> state;
+      if (remote.ends_with(":22B3") && state == "01") ends.insert(local);  // 8883, established
+    }
+    return ends;
+  }
+
+  static constexpr std::chrono::milliseconds kPause{5};
+  const std::string table_;
+  std::atomic<size_t> most_ = 0;
+  std::jthread thread_;  // last: it uses the rest
 };
 
 /// KIND WHERE, the device's name, and an argument.
@@ -118,26 +165,54 @@ class CloudStormTest : public testing::Test {
     EXPECT_TRUE(board.Await("connected"));
   }
 
+  static std::string Descriptors(const CloudBoard& board) {
+    return board.board.Shell("ls -l /proc/$(pidof varnel)/fd").out;
+  }
+
+  /// All sequences that this board gets to.
+  void Weather(CloudBoard& board, std::atomic<unsigned>& next, unsigned first) {
+    board.Join();
+    const LinkWatch links(board.board);
+    // The first storm makes what is made once.
+    RunSequence(board, first + next++);
+    const ProcessCounters before = board.board.DaemonCounters();
+    const std::string open = Descriptors(board);
+    const std::string open = Descriptors(board);
+    while (next < Storms()) RunSequence(board, first + next++);
+    const ProcessCounters after = board.board.DaemonCounters();
+    EXPECT_LE(after.threads, before.threads + 8) << board.serial;
+    EXPECT_LE(after.descriptors, before.descriptors + 8) << board.serial << '\n'
+                                                         << open << Descriptors(board);
+    EXPECT_LE(after.resident_kb, before.resident_kb + 65'536) << board.serial;
+    EXPECT_EQ(links.Most(), 1U) << board.serial;
+  }
+
+  using Boards = std::vector<std::unique_ptr<CloudBoard>>;
+
+  /// All boards come back from it with the certificates that they have.
+  static void LoseTheBroker(const Boards& boards) {
+    constexpr std::chrono::seconds kAway{10};
+    const size_t fetched = TheCloud().Requests("/api/device/getMqttCert").size();
+    TheCloud().KillBroker();
+    std::this_thread::sleep_for(kAway);  // sleeps: so long nobody is there
+    TheCloud().StartBroker();
+    for (const auto& board : boards) {
+      EXPECT_FALSE(
+          board->client.CallUntilAnswered("camera.get_status", nullptr, kComesBack).is_null());
+    }
+    EXPECT_EQ(TheCloud().Requests("/api/device/getMqttCert").size(), fetched);
+  }
+
   Faults faults_;
 };
 
 TEST_F(CloudStormTest, EachBoardComesBackAndHoldsNoMoreThanBefore) {
-  std::vector<std::unique_ptr<CloudBoard>> boards;
+  Boards boards;
   for (size_t i = 0; i < kBoards; ++i) boards.push_back(std::make_unique<CloudBoard>());
   std::atomic<unsigned> next = 0;
   const unsigned first = std::random_device()();
-  OnThreads(kBoards, [&](size_t i) {
-    CloudBoard& board = *boards[i];
-    board.Join();
-    // The first storm makes what is made once.
-    RunSequence(board, first + next++);
-    const ProcessCounters before = board.board.DaemonCounters();
-    while (next < Storms()) RunSequence(board, first + next++);
-    const ProcessCounters after = board.board.DaemonCounters();
-    EXPECT_LE(after.threads, before.threads + 8) << board.serial;
-    EXPECT_LE(after.descriptors, before.descriptors + 8) << board.serial;
-    EXPECT_LE(after.resident_kb, before.resident_kb + 65'536) << board.serial;
-  });
+  OnThreads(kBoards, [&](size_t i) { Weather(*boards[i], next, first); });
+  LoseTheBroker(boards);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@ namespace {
 
 constexpr const char* kTag = "MA_AGENT";
 constexpr std::chrono::seconds kAfterException{1};
+constexpr uint32_t kPassesBetweenSaves = 300;
 
 }  // namespace
 
@@ -58,6 +59,7 @@ void Agent::Run() {
 }
 
 void Agent::Pass() {
+  if (++passes_ % kPassesBetweenSaves == 0) settings_.SaveAgain();
   HandleDroppedRequest();
   HandleReset();
   HandleServerDisconnected();
@@ -91,7 +93,10 @@ void Agent::SetRegion(const std::string& region) {
   VLOG_INFO(kTag, "Region updated to: {}", utils::LogText(region));
   const bool is_change = !old.empty() || state_ != AgentState::IDLE;
   // Stored first: who sees the flag has to find the new region.
-  settings_.Change([&](AgentConfig& changed) { changed.region = region; });
+  settings_.Change([&](AgentConfig& changed) {
+    changed.region = region;
+    changed.user = {};  // of the old one, which knows by its mark whom it is to log out
+  });
   if (is_change) region_changed_ = true;
   EndWait();
 }
@@ -135,7 +140,13 @@ void Agent::ClearOnConnected() {
 
 void Agent::RunOnConnected() {
   const utils::MutexLock lock(callbacks_mutex_);
-  for (const auto& callback : on_connected_) callback();
+  for (const auto& callback : on_connected_) {
+    try {
+      callback();
+    } catch (const std::exception& error) {
+      VLOG_ERROR(kTag, "an on-connected callback failed: {}", error.what());
+    }
+  }
 }
 
 void Agent::TransitionTo(AgentState state) {

@@ -82,7 +82,8 @@ class Agent {
   [[nodiscard]] int OnlineStatus() const { return online_status_; }
   /// What the cloud is told of the device from now on.
   void SetOnlineStatus(int status) { online_status_ = status; }
-  /// Called on the agent's thread at each entry into CONNECTED and after each new token.
+  /// Called on the agent's thread at each entry into CONNECTED and after each new token; must not
+  /// block.
   void AddOnConnected(std::function<void()> callback);
   void ClearOnConnected();
 
@@ -92,6 +93,8 @@ class Agent {
   void SyncConfig() const { announcer_.Config(state_); }
 
  private:
+  static constexpr int kJustConnected = 1;
+
   void TransitionTo(AgentState state);
   void Announce();
   void RunOnConnected();
@@ -112,6 +115,7 @@ class Agent {
   /// To IDLE, with the link down and the cloud told; whose region it was.
   std::string LeaveCloud(const char* offline_failure);
   void GoOffline(const std::string& region, const char* failure);
+  void TellStatus();
   void DropLink();
   void TellLogout();
   /// So long, or longer when another device has taken the link.
@@ -130,6 +134,7 @@ class Agent {
   void OnConnectingBroker();
   void OnConnected();
   void OnRegionLocked();
+  [[nodiscard]] bool LeavesForLackOfHost();
   [[nodiscard]] bool IsInternetReachable();
   [[nodiscard]] bool TryGetAccessToken();
   [[nodiscard]] bool TryFetchAuthInfo();
@@ -157,7 +162,7 @@ class Agent {
   std::atomic<bool> tell_status_ = false;
   std::atomic<CloudFailure> reported_ = CloudFailure::kNone;  ///< in this cycle
   std::atomic<CloudFailure> last_failure_ = CloudFailure::kNone;
-  std::atomic<int> online_status_ = 1;
+  std::atomic<int> online_status_ = kJustConnected;
 
   utils::Mutex setting_;  // one setter at a time
   utils::Mutex callbacks_mutex_;
@@ -171,6 +176,8 @@ class Agent {
   bool connecting_ = false;
   uint32_t ticks_ = 0;
   bool tell_region_lock_ = false;
+  bool status_untold_ = false;  ///< since it was tried last
+  uint32_t passes_ = 0;
   AgentState announced_ = AgentState::INIT;
   utils::Clock::TimePoint refresh_at_{};
   bool token_is_new_ = false;

@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "service/agent/agent.h"
+#include "service/agent/auth/credential_store.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 
@@ -31,7 +32,8 @@ void Agent::TellLogout() {
 
 void Agent::HandleReset() {
   if (!reset_.exchange(false)) return;
-  if (state_ > AgentState::IDLE) {
+  const bool leaves = state_ > AgentState::IDLE;
+  if (leaves) {
     const std::string region = LeaveCloud("Failed to update device status to offline (reset)");
     (void)users_.CheckUserRecordsHTTP(region, true);
   }
@@ -41,8 +43,10 @@ void Agent::HandleReset() {
     setup_.credentials->ForgetTokens();
   }
   cloud_region_.clear();
+  online_status_ = kJustConnected;
   settings_.Change([](AgentConfig& config) { config.reset = false; });
   SyncConfig();
+  if (!leaves) Announce();
 }
 
 void Agent::HandleServerDisconnected() {
@@ -100,9 +104,9 @@ void Agent::HandleCloudConnected() {
   VLOG_INFO(kTag, "Connected to cloud broker");
   const std::string region = cloud_region_;
   const int status = online_status_;
+  TellLogout();
   (void)users_.CheckUserRecordsHTTP(region, false);
-  if (!users_.UpdateDeviceStatus(region, status))
-    VLOG_ERROR(kTag, "Failed to update device status");
+  TellStatus();
   announcer_.BoundUser(region, status);
   TransitionTo(AgentState::CONNECTED);
   server_disconnected_ = false;
@@ -129,7 +133,8 @@ void Agent::OnConnectFailed() {
   VLOG_ERROR(kTag, "Exceeded maximum retries for connecting to broker, returning to IDLE state");
   DropLink();
   if (setup_.credentials != nullptr) {
-    setup_.credentials->RemoveClientCertificates();
+    // A clock that is not set yet refuses every broker: that is no fault of the certificates.
+    if (IsClockSet(clock_)) setup_.credentials->RemoveClientCertificates();
     setup_.credentials->ClearAuthInfo();
   }
   ReportCloudFailure(CloudFailure::kBrokerConnectFailed);
@@ -142,6 +147,7 @@ void Agent::OnConnectionLost() {
   HoldBack(&ConnectPacing::OnLost);
   TransitionTo(AgentState::CONNECTING_BROKER);
   Announce();
+  SyncConfig();
   comms_.DisconnectCloud();
   GoOffline(cloud_region_, "Failed to update device status to offline (connection lost)");
 }
@@ -154,6 +160,7 @@ std::string Agent::LeaveCloud(const char* offline_failure) {
   std::string region = cloud_region_;
   TransitionTo(AgentState::IDLE);
   Announce();
+  SyncConfig();
   TellLogout();
   DropLink();
   GoOffline(region, offline_failure);
@@ -162,6 +169,11 @@ std::string Agent::LeaveCloud(const char* offline_failure) {
 
 void Agent::GoOffline(const std::string& region, const char* failure) {
   if (!users_.UpdateDeviceStatus(region, kOffline)) VLOG_ERROR(kTag, "{}", failure);
+}
+
+void Agent::TellStatus() {
+  status_untold_ = !users_.UpdateDeviceStatus(cloud_region_, online_status_);
+  if (status_untold_) VLOG_ERROR(kTag, "Failed to update device status");
 }
 
 void Agent::DropLink() {

@@ -18,7 +18,7 @@ using comms::MethodKind;
 using comms::RpcError;
 using nlohmann::json;
 
-constexpr const char* kTag = "MA_RPC";
+constexpr const char* kTag = "MA_ISVC";
 constexpr uint32_t kLocalOnly = 0;
 constexpr size_t kMaxNameBytes = 128;
 constexpr size_t kMaxIdBytes = 256;

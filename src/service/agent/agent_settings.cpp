@@ -6,6 +6,7 @@
 #include "utils/atomic_file.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
+#include "utils/temporary_name.h"
 
 namespace varnel::service {
 namespace {
@@ -96,6 +97,7 @@ AgentConfig FromJson(const json& document) {
 
 void AgentSettings::Load() {
   const utils::MutexLock saving(saving_);
+  utils::RemoveLeftovers(file_.parent_path());
   LoadOnce();
 }
 
@@ -129,11 +131,25 @@ void AgentSettings::Change(const std::function<void(AgentConfig& config)>& chang
   AgentConfig changed = Get();
   change(changed);
   if (changed == Get() && !unsaved_) return;
+  if (!loaded_) PutAside();
   {
     const utils::MutexLock lock(mutex_);
     config_ = changed;
   }
-  unsaved_ = !loaded_ || !Save(changed);
+  unsaved_ = !Save(changed);
+}
+
+void AgentSettings::SaveAgain() {
+  const utils::MutexLock saving(saving_);
+  if (unsaved_) unsaved_ = !Save(Get());
+}
+
+/// Somebody wants a change: it is to last, whatever became of the file.
+void AgentSettings::PutAside() {
+  std::error_code error;
+  fs::rename(file_, file_.string() + ".bad", error);
+  if (error) VLOG_ERROR(kTag, "{} cannot be put aside: {}", file_.string(), error.message());
+  loaded_ = true;
 }
 
 bool AgentSettings::Save(const AgentConfig& config) const {

@@ -40,11 +40,15 @@ class AgentSettings {
   /// default, which is logged.
   void Load();
   [[nodiscard]] AgentConfig Get() const;
-  /// What cannot be written is logged, and goes out with the next change.
+  /// What cannot be written is logged, and goes out with the next change or SaveAgain(). A file
+  /// that could not be read is put aside as "*.bad".
   void Change(const std::function<void(AgentConfig& config)>& change);
+  /// Writes what could not be written.
+  void SaveAgain();
 
  private:
   void LoadOnce() REQUIRES(saving_);
+  void PutAside() REQUIRES(saving_);
   [[nodiscard]] bool Save(const AgentConfig& config) const;
 
   const std::filesystem::path file_;

@@ -86,7 +86,15 @@ void Agent::OnIdle() {
   Wait(1s);
 }
 
+/// Another region may have been chosen since IDLE looked.
+bool Agent::LeavesForLackOfHost() {
+  if (IsRegion(setup_.places, settings_.Get().region)) return false;
+  TransitionTo(AgentState::IDLE);
+  return true;
+}
+
 void Agent::OnNetworkDetection() {
+  if (LeavesForLackOfHost()) return;
   Announce();
   SyncConfig();
   if (IsInternetReachable()) return TransitionTo(AgentState::GET_ACCESS_TOKEN);
@@ -118,6 +126,7 @@ bool Agent::IsInternetReachable() {
 }
 
 void Agent::OnGetAccessToken() {
+  if (LeavesForLackOfHost()) return;
   Announce();
   if (TryGetAccessToken()) return;
   if (--budget_ > 0) return Wait(pacing_.TokenPause());
@@ -217,8 +226,7 @@ void Agent::OnConnectingBroker() {
     comms_.ConnectCloud(*info);
   } catch (const std::exception& error) {
     VLOG_ERROR(kTag, "Exception during cloud client connect: {}", error.what());
-    connecting_ = false;
-    comms_.DisconnectCloud();
+    DropLink();
     ReportCloudFailure(CloudFailure::kBrokerConnectFailed);
     pacing_.OnCycleFailed();
     TransitionTo(AgentState::IDLE);
@@ -226,15 +234,15 @@ void Agent::OnConnectingBroker() {
 }
 
 void Agent::OnConnected() {
-  if (check_records_) TellLogout();
   if (check_records_.exchange(false) || ++ticks_ > kTicksBetweenSyncs) {
     ticks_ = 0;
+    TellLogout();
     SyncConfig();
     Announce();
     (void)users_.CheckUserRecordsHTTP(cloud_region_, false);
+    if (status_untold_) tell_status_ = true;
   }
-  if (tell_status_.exchange(false) && !users_.UpdateDeviceStatus(cloud_region_, online_status_))
-    VLOG_ERROR(kTag, "Failed to update device status");
+  if (tell_status_.exchange(false)) TellStatus();
   if (IsRefreshDue()) RefreshToken();
   WaitExactly(kTick);
 }
@@ -258,7 +266,7 @@ void Agent::RefreshToken() {
   VLOG_ERROR(kTag, "Exceeded maximum retries for refreshing access token, returning to IDLE state");
   ReportCloudFailure(CloudFailure::kTokenRefreshFailed);
   GoOffline(cloud_region_, "Failed to update device status to offline");
-  comms_.DisconnectCloud();
+  DropLink();
   pacing_.OnCycleFailed();
   TransitionTo(AgentState::IDLE);
 }

@@ -11,7 +11,7 @@
 namespace varnel::service {
 namespace {
 
-constexpr const char* kTag = "MA_AGENT";
+constexpr const char* kTag = "LOGU";
 constexpr std::chrono::seconds kPause{1};
 constexpr std::chrono::seconds kLongestPause{32};
 constexpr long kUnauthorized = 401;
@@ -35,7 +35,7 @@ void ClientLog::PostClientLog(const char* level, const std::string& message) {
   if (path_.empty()) return;
   utils::Clock& clock = *authentication_.Setup().clock;
   const utils::MutexLock starting(starting_);
-  if (Keep({level, message, MillisecondsOf(clock.WallNow()), authentication_.Region()})) return;
+  if (Keep({level, message, MillisecondsOf(clock.WallNow())})) return;
   try {
     task_.emplace("client-log", kTag, clock, [this](const auto& pause) { Run(pause); });
   } catch (...) {  // no thread left: the next report tries again
@@ -54,6 +54,16 @@ bool ClientLog::Keep(Report report) {
 }
 
 void ClientLog::Run(const utils::PausingThread::Pause& pause) {
+  try {
+    SendAll(pause);
+  } catch (...) {  // the next report starts another one
+    const utils::MutexLock lock(mutex_);
+    running_ = false;
+    throw;
+  }
+}
+
+void ClientLog::SendAll(const utils::PausingThread::Pause& pause) {
   for (auto time = kPause; pause(time);) {
     const auto report = Oldest();
     if (!report) return;
@@ -79,7 +89,7 @@ void ClientLog::Forget(const Report& sent) {
 }
 
 bool ClientLog::Send(const Report& report) {
-  const auto access = authentication_.AccessTo(report.region);
+  const auto access = authentication_.AccessTo(authentication_.Region());
   if (!access || !access->token) return false;
   const HttpResponse response =
       http_.Post(access->base_url + path_,

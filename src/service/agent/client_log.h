@@ -33,11 +33,11 @@ class ClientLog {
     std::string level;
     std::string message;
     int64_t time_ms;  ///< since the epoch
-    std::string region;
   };
 
   [[nodiscard]] bool Keep(Report report);
   void Run(const utils::PausingThread::Pause& pause);
+  void SendAll(const utils::PausingThread::Pause& pause);
   [[nodiscard]] std::optional<Report> Oldest();
   void Forget(const Report& sent);
   [[nodiscard]] bool Send(const Report& report);

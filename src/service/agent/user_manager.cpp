@@ -12,11 +12,12 @@ namespace {
 
 using nlohmann::json;
 
-constexpr const char* kTag = "MA_USER";
+constexpr const char* kTag = "MA_USRMGR";
 constexpr int kStatusTries = 3;
 constexpr std::chrono::milliseconds kStatusPause{1000};
 constexpr std::chrono::milliseconds kStopLook{100};
 constexpr std::chrono::seconds kStatusLimit{10};
+constexpr std::chrono::seconds kOneTry{5};  // of a server that does not answer
 constexpr size_t kMaxNameBytes = 256;
 
 /// A text of a reply, or nothing when it is no name. Null is an empty one.
@@ -136,7 +137,7 @@ bool UserManager::UpdateDeviceStatus(const std::string& region, int status) {
   const auto end = clock.Now() + kStatusLimit;
   for (int i = 1;; ++i) {
     if (api_.ApiDeviceUpdate(region, params)) return true;
-    if (i == kStatusTries || clock.Now() + kStatusPause >= end || !Pause()) return false;
+    if (i == kStatusTries || clock.Now() + kStatusPause + kOneTry > end || !Pause()) return false;
   }
 }
 

@@ -111,6 +111,15 @@ std::optional<CloudAccess::Access> CloudAccess::RenewedAccess(const Access& refu
 }
 
 std::string CloudAccess::Post(const std::string& where, const nlohmann::json& document) {
+  try {
+    return PostOrThrow(where, document);
+  } catch (const std::exception& error) {
+    VLOG_ERROR(kTag, "POST exception {}", utils::LogText(error.what()));
+    return {};
+  }
+}
+
+std::string CloudAccess::PostOrThrow(const std::string& where, const nlohmann::json& document) {
   const auto access = CurrentAccess();
   const std::string url = access ? UrlOf(where, access->base_url) : std::string();
   if (url.empty()) {
@@ -125,7 +134,7 @@ std::string CloudAccess::Post(const std::string& where, const nlohmann::json& do
   }
   if (response.status == kUnauthorized || response.status == kForbidden) {
     VLOG_WARN(kTag, "POST [{}] got HTTP {}, refreshing token and retrying", tag, response.status);
-    response = SendAgain(*access, where, document);
+    response = SendAgain(*access, where, tag, document);
     if (response.status == 0) return {};
   }
   TellOutcome(tag, response);
@@ -133,11 +142,11 @@ std::string CloudAccess::Post(const std::string& where, const nlohmann::json& do
 }
 
 HttpResponse CloudAccess::SendAgain(const Access& refused, const std::string& where,
-                                    const nlohmann::json& document) {
+                                    const std::string& tag, const nlohmann::json& document) {
   const auto access = RenewedAccess(refused);
   const std::string url = access ? UrlOf(where, access->base_url) : std::string();
   if (url.empty()) {
-    VLOG_ERROR(kTag, "POST [{}] token refresh failed", UrlTag(refused.base_url + where));
+    VLOG_ERROR(kTag, "POST [{}] token refresh failed", tag);
     return {};
   }
   HttpResponse response = Send(*access, url, document);

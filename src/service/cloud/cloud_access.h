@@ -47,7 +47,8 @@ class CloudAccess {
   [[nodiscard]] HttpResponse Send(const Access& access, const std::string& url,
                                   const nlohmann::json& document);
   [[nodiscard]] HttpResponse SendAgain(const Access& refused, const std::string& where,
-                                       const nlohmann::json& document);
+                                       const std::string& tag, const nlohmann::json& document);
+  [[nodiscard]] std::string PostOrThrow(const std::string& where, const nlohmann::json& document);
 
   HttpClient http_;
   mutable utils::Mutex mutex_;

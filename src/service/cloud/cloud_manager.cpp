@@ -162,7 +162,9 @@ void CloudManager::Stop() {
   const auto end = std::chrono::steady_clock::now() + kStopLimit;
   while (!*finished_ && std::chrono::steady_clock::now() < end)
     std::this_thread::sleep_for(kStopLook);
-  if (*finished_) {
+  if (!thread_.joinable()) {
+    VLOG_WARN(kTag, "There is no agent thread");
+  } else if (*finished_) {
     thread_.join();
   } else {
     VLOG_WARN(kTag, "Agent thread did not exit within 2s, detaching");

@@ -38,7 +38,8 @@ struct EventRow {
   const char* text;
 };
 
-constexpr const char* kLeave = "disconnected disconnect online(int,0) unbind(int)";
+constexpr const char* kLeave =
+    "disconnected config(disconnected) disconnect online(int,0) unbind(int)";
 constexpr std::array kEventRows{
     EventRow{kServer, CONNECTED, CONNECTED, "report(SERVER_DISCONNECTED) online(int,0) disconnect",
              FETCHING_AUTH_INFO, "HTTP server disconnected, updating device status to offline"},
@@ -53,9 +54,10 @@ constexpr std::array kEventRows{
              CONNECTED, "Connected to cloud broker"},
     EventRow{kDown, CONNECTING_BROKER, CONNECTING_BROKER, "", CONNECTING_BROKER,
              "Failed to connect to cloud broker, retrying..."},
-    EventRow{kDown, CONNECTED, CONNECTED,
-             "report(CONNECTION_LOST) connecting_broker disconnect online(int,0)",
-             CONNECTING_BROKER, "State transition: {} -> CONNECTING_BROKER"},
+    EventRow{
+        kDown, CONNECTED, CONNECTED,
+        "report(CONNECTION_LOST) connecting_broker config(disconnected) disconnect online(int,0)",
+        CONNECTING_BROKER, "State transition: {} -> CONNECTING_BROKER"},
 };
 constexpr std::array kIgnored{
     "HTTP server disconnected in LAN mode or region changed, no action taken",
@@ -258,6 +260,12 @@ TEST(AgentStepsTest, ABrokerThatRefusesIsTriedFiveTimesAndThenAllIsFetchedAnew) 
   world.agent().OnCloudDisconnected(true);
   world.PassTimes(1);
   EXPECT_EQ(world.Calls(), "wait(33000)") << "taken over while it subscribed";
+  world.clock().SetWallTime({});
+  for (int i = 0; i < 5; ++i) {
+    world.agent().OnCloudDisconnected();
+    world.PassTimes(1);
+  }
+  EXPECT_THAT(world.Calls(), testing::Not(HasSubstr("certs-"))) << "the clock is at fault";
 
   world.Walk(CONNECTED);
   world.cloud_up = false;
@@ -281,16 +289,20 @@ TEST(AgentStepsTest, AConnectedDeviceSyncsAndRefreshesItsToken) {
   EXPECT_EQ(world.Calls(), "refresh wait(100) wait(100)");
   EXPECT_EQ(told, 2);
   world.token_refused = true;
+  world.users_work = false;
   world.clock().Advance(std::chrono::seconds(30));
   world.agent().TellStatusNow();
   world.PassTimes(1);
   EXPECT_EQ(world.Calls(), "online(int,1) refresh wait(100)");
+  world.users_work = true;
   world.PassTimes(1);
   EXPECT_EQ(world.Calls(), "wait(100)") << "a refused token is replaced every half minute at most";
   world.token_refused = false;
   world.dropped = world.logs_out = true;
   world.PassTimes(2);
   EXPECT_EQ(world.Calls(), "config(connected) notify_logout\"int\" wait(100) wait(100)");
+  world.PassTimes(295);
+  EXPECT_THAT(world.Calls(), HasSubstr("check(int) online(int,1) wait(100)")) << "told at last";
   world.clock().Advance(std::chrono::hours(24));
   world.refresh_works = false;
   world.PassTimes(4);
@@ -311,9 +323,10 @@ TEST(AgentTest, StartsWithItsFilesAndForgetsAllOnAReset) {
   world.agent().FactoryReset();
   EXPECT_EQ(world.Calls(), "logout(int)");
   world.PassTimes(1);
-  EXPECT_EQ(world.Calls(),
-            "disconnected disconnect online(int,0) unbind(int) certs- info- tokens- "
-            "config(disconnected) wait(1100)");
+  EXPECT_EQ(
+      world.Calls(),
+      "disconnected config(disconnected) disconnect online(int,0) unbind(int) certs- info- tokens- "
+      "config(disconnected) wait(1100)");
   EXPECT_EQ(world.settings.Get(), AgentConfig());
 
   AgentSetup poor = world.Setup();

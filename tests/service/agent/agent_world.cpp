@@ -19,6 +19,7 @@ bool AgentWorld::NotingClock::WaitUntil(utils::MutexLock& lock, utils::Condition
 }
 
 AgentWorld::AgentWorld() {
+  clock_.SetWallTime(std::chrono::sys_days(std::chrono::year(2100) / 1 / 1));
   Restart(Setup());
   Calls();
 }

@@ -108,7 +108,7 @@ TEST(RegionTest, TheTableTheMarkersAndTheSiteDecideWhereRequestsGo) {
   EXPECT_EQ(BaseUrl(places, "eu"), "http://10.0.0.1:80");
   places.local_server = "";
   EXPECT_EQ(BaseUrl(places, "int"), std::nullopt);
-  EXPECT_TRUE(IsRegion(places, "int")) << "a region stays one";
+  EXPECT_FALSE(IsRegion(places, "int")) << "the server beside the board has no address";
 }
 
 class CredentialStoreTest : public testing::Test, public AuthenticationWorld {
@@ -121,8 +121,9 @@ class CredentialStoreTest : public testing::Test, public AuthenticationWorld {
   void SaveAll(const Identity& identity) const {
     const auto info = store_.Save(Access(identity));
     ASSERT_TRUE(info);
-    store_.SaveAuthInfoToCache(*info, "cn");
+    store_.SaveAuthInfoToCache(*info, kSource);
   }
+  const CredentialSource kSource{"cn", "https://api"};
   const fs::path directory_ = dir_ / "data/certs";
   const CredentialStore store_{directory_, clock_};
 };
@@ -138,14 +139,15 @@ TEST_F(CredentialStoreTest, FilesAreTheOwnersAndCountOnlyTogether) {
     const std::string content = test::ReadFile(file);
     for (const std::string& broken : {std::string(), content.substr(0, content.size() / 2)}) {
       dir_.Write("data/certs/" + std::string(name), broken);
-      EXPECT_FALSE(store_.LoadAuthInfoFromCache("cn")) << name;
+      EXPECT_FALSE(store_.LoadAuthInfoFromCache(kSource)) << name;
     }
     dir_.Write("data/certs/" + std::string(name), content);
   }
-  EXPECT_FALSE(store_.LoadAuthInfoFromCache("int"));
+  EXPECT_FALSE(store_.LoadAuthInfoFromCache({"cn", "https://pre.api"})) << "another broker";
+  EXPECT_FALSE(store_.LoadAuthInfoFromCache({"int", "https://api"}));
   EXPECT_TRUE(log_.Has(
       "MA_AUTH", "Cached auth info region mismatch (cached=cn, current=int), ignoring cache"));
-  const json info = store_.LoadAuthInfoFromCache("cn").value();
+  const json info = store_.LoadAuthInfoFromCache(kSource).value();
   EXPECT_EQ(info["client_key"], (directory_ / "client.key").string());
   EXPECT_EQ(info["port"], "8883");
   // A new pair that is cut short leaves none that seems whole.

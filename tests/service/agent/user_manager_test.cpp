@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "service/agent/authentication_world.h"
+#include "service/agent/client_log.h"
 #include "service/agent/tcp_probe.h"
 
 namespace varnel::service {
@@ -91,6 +92,19 @@ TEST_F(UserManagerTest, TheStatusIsToldThreeTimesAtMostAndNeverWithoutAToken) {
   EXPECT_EQ(server_.requests.Items().size(), before + 3);
 }
 
+TEST_F(UserManagerTest, AReportThatIsOlderThanAllTokensIsSentWhenThereIsOne) {
+  device_->ForgetTokens();
+  std::atomic<bool> may_send = false;
+  ClientLog log(*device_, "/log", [&] { return may_send.load(); });
+  log.PostClientLog("ERROR", "NETWORK_UNREACHABLE");
+  Answer("/log", Good(nullptr));
+  may_send = device_->GetAccessToken(25);
+  EXPECT_TRUE(test::Eventually([&] {
+    clock_.Advance(std::chrono::seconds(1));
+    return LastRequest().find(R"("message":"NETWORK_UNREACHABLE")") != std::string::npos;
+  }));
+}
+
 TEST(AgentSettingsTest, EachBrokenValueHasItsDefault) {
   const test::LogCapture log;
   const test::TempDir dir;
@@ -108,6 +122,14 @@ TEST(AgentSettingsTest, EachBrokenValueHasItsDefault) {
     again.Load();
     EXPECT_EQ(again.Get(), AgentConfig{.name = "kept"}) << broken;
   }
+  const std::string huge(100'000, ' ');
+  AgentSettings refused(dir.Write("e.json", huge));
+  refused.Load();
+  refused.Change([](AgentConfig& config) { config.name = "kept"; });
+  EXPECT_EQ(test::ReadFile(dir / "e.json.bad"), huge);
+  AgentSettings again(dir / "e.json");
+  again.Load();
+  EXPECT_EQ(again.Get(), AgentConfig{.name = "kept"});
 }
 
 TEST(TcpProbeTest, TellsWhyNothingAnswers) {

@@ -5,9 +5,9 @@
 #include <fstream>
 #include <set>
 
-#include "service/camera/disk_image.h"
-#include "service/camera/disk_trace.h"
 #include "service/camera/timelapse_world.h"
+#include "support/disk_image.h"
+#include "support/disk_trace.h"
 #include "support/log_capture.h"
 
 namespace varnel::service {
@@ -81,11 +81,11 @@ class TimelapseKillTest : public testing::Test {
 
 TEST_F(TimelapseKillTest, NothingIsLostAtAnyStep) {
   TimelapseWorld world;
-  DiskRecorder recorder(world.dir_.Path());
-  std::set<DiskImage> images;
-  const auto record = [&](const DiskCall& call) {
+  test::DiskRecorder recorder(world.dir_.Path());
+  std::set<test::DiskImage> images;
+  const auto record = [&](const test::DiskCall& call) {
     if (call.sync && call.made) recorder.Synced(call.thread, call.descriptor);
-    for (DiskImage image :
+    for (test::DiskImage image :
          {recorder.WithAllNames(true), recorder.WithAllNames(), recorder.WithSyncedNames()}) {
       // What a client was told, and the programs of this world, are no matter of its disk.
       for (const auto& [name, value] : recorder.WithAllNames())
@@ -93,10 +93,10 @@ TEST_F(TimelapseKillTest, NothingIsLostAtAnyStep) {
       images.insert(std::move(image));
     }
   };
-  EXPECT_TRUE(TraceDisk([&world] { Print(world); }, record));
+  EXPECT_TRUE(test::TraceDisk([&world] { Print(world); }, record));
   EXPECT_GT(images.size(), 60U);
-  for (const DiskImage& image : images) {
-    RestoreDisk(world.dir_.Path(), image);
+  for (const test::DiskImage& image : images) {
+    test::RestoreDisk(world.dir_.Path(), image);
     world.WritePrograms();
     std::string names;
     for (const auto& [name, value] : image) names += fmt::format("{} {}\n", name, value.size());

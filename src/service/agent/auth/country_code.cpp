@@ -27,11 +27,13 @@ bool IsCountryCode(const std::string& text) {
 
 /// It may stand at the top of the reply or in its data.
 std::string CodeIn(const nlohmann::json& reply) {
-  const nlohmann::json* holder = &reply;
-  if (const auto data = reply.find("data"); data != reply.end() && data->is_object())
-    holder = &*data;
-  const auto code = holder->find("countryCode");
-  return code != holder->end() && code->is_string() ? code->get<std::string>() : "";
+  const auto in = [](const nlohmann::json& holder) {
+    const auto code = holder.find("countryCode");
+    return code != holder.end() && code->is_string() ? code->get<std::string>() : "";
+  };
+  const auto data = reply.find("data");
+  std::string code = data != reply.end() && data->is_object() ? in(*data) : "";
+  return code.empty() ? in(reply) : code;
 }
 
 }  // namespace

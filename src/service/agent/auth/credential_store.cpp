@@ -18,7 +18,6 @@ using nlohmann::json;
 constexpr const char* kTag = "MA_AUTH";
 constexpr size_t kMaxFileBytes = size_t{1} << 20U;
 constexpr mode_t kFileMode = 0600;
-/// This program did not run before: a clock that says so was not set yet.
 constexpr std::chrono::sys_days kBuildDay{std::chrono::days(VARNEL_BUILD_DAY)};
 
 std::string ContentOf(const fs::path& file) {
@@ -34,6 +33,10 @@ bool RemoveFile(const fs::path& file, std::error_code& failure) {
 }
 
 }  // namespace
+
+bool IsClockSet(const utils::Clock& clock) {
+  return clock.WallNow() >= kBuildDay;
+}
 
 CredentialStore::CredentialStore(fs::path directory, utils::Clock& clock)
     : directory_(std::move(directory)), clock_(clock) {
@@ -82,9 +85,10 @@ std::optional<json> CredentialStore::Save(const BrokerAccess& access) const {
                     {"clientid", access.client_id}});
 }
 
-void CredentialStore::SaveAuthInfoToCache(const json& info, const std::string& region) const {
+void CredentialStore::SaveAuthInfoToCache(const json& info, const CredentialSource& source) const {
   json cached = info;
-  cached["_region"] = region;
+  cached["_region"] = source.region;
+  cached["_server"] = source.server;
   const std::error_code error =
       utils::WriteFileAtomically(Cache(), cached.dump() + '\n', kFileMode);
   if (!error) {
@@ -96,7 +100,7 @@ void CredentialStore::SaveAuthInfoToCache(const json& info, const std::string& r
   }
 }
 
-std::optional<json> CredentialStore::LoadAuthInfoFromCache(const std::string& region) const {
+std::optional<json> CredentialStore::LoadAuthInfoFromCache(const CredentialSource& source) const {
   std::error_code error;
   if (!fs::exists(Cache(), error)) {
     VLOG_INFO(kTag, "No cached auth info at {}", Cache().string());
@@ -111,9 +115,11 @@ std::optional<json> CredentialStore::LoadAuthInfoFromCache(const std::string& re
     VLOG_ERROR(kTag, "LoadAuthInfoFromCache error: {}", "it is no JSON object");
     return std::nullopt;
   }
-  if (text("_region") != region) {
+  for (const auto& [name, now] :
+       {std::pair("_region", &source.region), {"_server", &source.server}}) {
+    if (text(name) == *now) continue;
     VLOG_WARN(kTag, "Cached auth info region mismatch (cached={}, current={}), ignoring cache",
-              utils::LogText(text("_region")), utils::LogText(region));
+              utils::LogText(text(name)), utils::LogText(*now));
     return std::nullopt;
   }
   json info = WithPaths(
@@ -171,7 +177,7 @@ bool CredentialStore::CheckCertExpired() const {
     VLOG_ERROR(kTag, "CheckCertExpired: no NotAfter in certificate");
     return true;
   }
-  if (now < kBuildDay) {
+  if (!IsClockSet(clock_)) {
     if (!unset_clock_told_.exchange(true))
       VLOG_WARN(kTag, "The clock is not set yet: the client certificate's end is not judged");
     return false;

@@ -11,6 +11,16 @@
 
 namespace varnel::service {
 
+/// Before the day of this build no clock can have been set: a board without a battery for it starts
+/// in 1970.
+[[nodiscard]] bool IsClockSet(const utils::Clock& clock);
+
+/// Who gives credentials: a region has several servers, whose brokers are not the same.
+struct CredentialSource {
+  std::string region;
+  std::string server;  ///< its base URL
+};
+
 /// The files that the cloud link is made with, in a directory that only their owner may enter.
 /// "auth_info.json" goes first and comes last: where it is, the others belong to it. One thread.
 class CredentialStore {
@@ -23,10 +33,10 @@ class CredentialStore {
   /// written, which is logged; then there are none.
   [[nodiscard]] std::optional<nlohmann::json> Save(const BrokerAccess& access) const;
   /// Writes it for the next start.
-  void SaveAuthInfoToCache(const nlohmann::json& info, const std::string& region) const;
-  /// What was written for this region, if all files are there and belong together.
+  void SaveAuthInfoToCache(const nlohmann::json& info, const CredentialSource& source) const;
+  /// What was written for this source, if all files are there and belong together.
   [[nodiscard]] std::optional<nlohmann::json> LoadAuthInfoFromCache(
-      const std::string& region) const;
+      const CredentialSource& source) const;
 
   /// Removes all files.
   void Remove() const;

@@ -181,7 +181,7 @@ bool DeviceApi::IsCodeGood(const Access& access, const Endpoint& endpoint, const
     }
     return false;
   }
-  if (*code == disconnected_code_) {
+  if (*code == disconnected_code_ && *code != kSuccess) {
     authentication_.OnRefused(access.token);
     if (on_disconnected_) on_disconnected_();
   }

@@ -203,8 +203,10 @@ void DeviceAuthentication::OnRefused(const utils::SharedSecret& token) {
 }
 
 bool DeviceAuthentication::IsTokenRefused() const {
+  const auto access = AccessTo(Region());
+  if (access && !access->token) return true;  // the server has changed
   const utils::MutexLock lock(mutex_);
-  return refused_ && tokens_.access;
+  return refused_;
 }
 
 TokenPair DeviceAuthentication::TokensOf(const std::string& base_url) const {
@@ -238,6 +240,7 @@ void DeviceAuthentication::ClearAuthInfo() {
 
 void DeviceAuthentication::RemoveClientCertificates() {
   ClearAuthInfo();
+  unsaved_.reset();
   store_.Remove();
 }
 
@@ -254,12 +257,13 @@ bool DeviceAuthentication::GetAuthInfo() {
     return false;
   }
   try {
-    auto info = store_.LoadAuthInfoFromCache(target->region);
+    auto info = store_.LoadAuthInfoFromCache({target->region, target->base_url});
     const bool expired = CheckCertExpired();
-    if (info && !expired && !cache_distrusted_.exchange(false)) {
+    if (info && !expired && !cache_distrusted_) {
       VLOG_INFO(kTag, "Using cached auth info, skipping GetMqttCerts");
     } else {
       info = FetchAuthInfo(*target, expired);
+      if (info) cache_distrusted_ = false;
     }
     if (!info) return false;
     Keep(std::move(*info), *target);
@@ -271,6 +275,17 @@ bool DeviceAuthentication::GetAuthInfo() {
 }
 
 std::optional<json> DeviceAuthentication::FetchAuthInfo(const Target& target, bool expired) {
+  if (!unsaved_ || unsaved_->target != target) unsaved_ = FetchBrokerAccess(target, expired);
+  if (!unsaved_) return std::nullopt;
+  auto info = store_.Save(unsaved_->access);
+  if (!info) return std::nullopt;
+  store_.SaveAuthInfoToCache(*info, {target.region, target.base_url});
+  unsaved_.reset();
+  return info;
+}
+
+std::optional<DeviceAuthentication::Fetched> DeviceAuthentication::FetchBrokerAccess(
+    const Target& target, bool expired) {
   if (expired) {
     VLOG_WARN(kTag, "Client certificate expired, refresh CA!");
     VLOG_INFO(kTag, "Refresh CA!");
@@ -282,18 +297,14 @@ std::optional<json> DeviceAuthentication::FetchAuthInfo(const Target& target, bo
     VLOG_ERROR(kTag, "Failed to get MQTT certs");
     return std::nullopt;
   }
-  const auto access = ReadBrokerAccess(*reply, setup_.credential_key);
-  if (!access) {
-    VLOG_ERROR(kTag, "Failed to parse MQTT certs");
-    return std::nullopt;
-  }
-  auto info = store_.Save(*access);
-  if (info) store_.SaveAuthInfoToCache(*info, target.region);
-  return info;
+  auto access = ReadBrokerAccess(*reply, setup_.credential_key);
+  if (access) return Fetched{target, *std::move(access)};
+  VLOG_ERROR(kTag, "Failed to parse MQTT certs");
+  return std::nullopt;
 }
 
 std::optional<json> DeviceAuthentication::GetMqttCerts(bool refresh, const Target& target) {
-  const HttpResponse response = certs_http_.Get(
+  HttpResponse response = certs_http_.Get(
       target.base_url + kCertificatePath + (refresh ? "?refresh=true" : "?refresh=false"),
       json::object(), DeviceHeaders(target.base_url), TokensOf(target.base_url).access);
   if (response.status == 0) {
@@ -301,6 +312,7 @@ std::optional<json> DeviceAuthentication::GetMqttCerts(bool refresh, const Targe
     return std::nullopt;
   }
   auto reply = ParseReply(response.body);
+  utils::Wipe(response.body);  // there may be a key in it
   if (!reply || !reply->is_object()) {
     VLOG_ERROR(kTag, "GetMqttCerts: invalid response: {} bytes, HTTP {}", response.body.size(),
                response.status);

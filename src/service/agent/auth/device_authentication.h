@@ -85,6 +85,11 @@ class DeviceAuthentication : public LinkCredentials {
     std::string region;
     std::string base_url;
     uint64_t time = 0;
+    bool operator==(const Target&) const = default;
+  };
+  struct Fetched {
+    Target target;
+    BrokerAccess access;
   };
 
   [[nodiscard]] std::optional<Target> TargetNow() const;
@@ -99,6 +104,7 @@ class DeviceAuthentication : public LinkCredentials {
   bool Refresh() REQUIRES(refresh_mutex_);
   [[nodiscard]] std::optional<nlohmann::json> GetMqttCerts(bool refresh, const Target& target);
   [[nodiscard]] std::optional<nlohmann::json> FetchAuthInfo(const Target& target, bool expired);
+  [[nodiscard]] std::optional<Fetched> FetchBrokerAccess(const Target& target, bool expired);
   void Keep(nlohmann::json info, const Target& target);
 
   const AuthenticationSetup setup_;
@@ -108,7 +114,8 @@ class DeviceAuthentication : public LinkCredentials {
   HttpClient certs_http_;
 
   std::atomic<bool> region_locked_ = false;
-  std::atomic<bool> cache_distrusted_ = false;
+  bool cache_distrusted_ = false;        ///< the agent's
+  std::optional<Fetched> unsaved_;       ///< waits for room on the disk; the agent's
   std::atomic<uint64_t> refreshes_ = 0;  ///< how many have ended
   utils::Mutex refresh_mutex_;           ///< one at a time; held while it talks, before mutex_
   bool refreshed_ GUARDED_BY(refresh_mutex_) = false;  ///< how the last one ended

@@ -23,8 +23,7 @@ bool IsLocalMode(const CloudPlaces& places) {
 }
 
 bool IsRegion(const CloudPlaces& places, const std::string& region) {
-  const auto found = places.regions.find(region);
-  return found != places.regions.end() && (IsLocalMode(places) || !found->second.api.empty());
+  return BaseUrl(places, region).has_value();
 }
 
 std::optional<std::string> BaseUrl(const CloudPlaces& places, const std::string& region) {

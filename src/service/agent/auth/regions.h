@@ -26,7 +26,7 @@ struct CloudPlaces {
 /// Whether the board talks to a server beside it instead of the maker's.
 [[nodiscard]] bool IsLocalMode(const CloudPlaces& places);
 
-/// Whether a region is in the table: it has a host, or the board talks to a server beside it.
+/// Whether a region is in the table: it has a host, or the board talks to one beside it.
 [[nodiscard]] bool IsRegion(const CloudPlaces& places, const std::string& region);
 
 /// Scheme and host of a region's API. Nothing for a region without one: it is not in the table.

@@ -51,6 +51,7 @@ ConnectionShare::ConnectionShare() : share_(curl_share_init()) {
 Transfer::Transfer(const ConnectionShare& share, const char* protocols, TransferHooks& hooks)
     : hooks_(hooks), handle_(NewHandle()) {
   Set(CURLOPT_SHARE, share.Handle());
+  Set(CURLOPT_MAXCONNECTS, 1L);  // kept by the share when it is not used
   Set(CURLOPT_NOSIGNAL, 1L);
   Set(CURLOPT_PROXY, "");
   Set(CURLOPT_PROTOCOLS_STR, protocols);

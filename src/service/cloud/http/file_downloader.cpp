@@ -108,6 +108,7 @@ bool FileDownloader::IsAcceptedUrl(const std::string& url) {
 int FileDownloader::Download(const std::string& url, const std::filesystem::path& destination,
                              const Progress& progress, double stall_limit_s) {
   const utils::MutexLock turn(connections_.Turn());
+  if (stop_ && stop_()) return CURLE_ABORTED_BY_CALLBACK;
   File file = OpenForWriting(destination);
   if (!file) return kNotBegun;
   Hooks hooks(*this, destination, file.get(), progress, stall_limit_s);

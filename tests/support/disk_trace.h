@@ -4,7 +4,7 @@
 
 #include <functional>
 
-namespace varnel::service {
+namespace varnel::test {
 
 /// A system call of a traced thread that changes what is on disk, or makes it last.
 struct DiskCall {
@@ -20,4 +20,4 @@ struct DiskCall {
 bool TraceDisk(const std::function<void()>& work,
                const std::function<void(const DiskCall& call)>& on_call);
 
-}  // namespace varnel::service
+}  // namespace varnel::test

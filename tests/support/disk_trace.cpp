@@ -1,4 +1,4 @@
-#include "service/camera/disk_trace.h"
+#include "support/disk_trace.h"
 
 #include <signal.h>
 #include <sys/ptrace.h>
@@ -11,16 +11,16 @@
 #include <optional>
 #include <set>
 
-namespace varnel::service {
+namespace varnel::test {
 namespace {
 
 constexpr int kSystemCallStop = SIGTRAP | 0x80;
 
 /// The call that a stopped thread is about to make, or has made, if it matters.
 std::optional<DiskCall> CallOf(pid_t thread, bool made) {
-  static const std::set<long> changes = {SYS_rename, SYS_renameat,  SYS_renameat2, SYS_unlink,
-                                         SYS_rmdir,  SYS_unlinkat,  SYS_mkdir,     SYS_symlink,
-                                         SYS_fsync,  SYS_fdatasync, SYS_ftruncate};
+  static const std::set<long> changes = {SYS_rename,  SYS_renameat, SYS_renameat2, SYS_unlink,
+                                         SYS_rmdir,   SYS_linkat,   SYS_unlinkat,  SYS_mkdir,
+                                         SYS_symlink, SYS_fsync,    SYS_fdatasync, SYS_ftruncate};
   const long number =
       ::ptrace(PTRACE_PEEKUSER, thread, offsetof(user_regs_struct, orig_rax), nullptr);
   if (changes.count(number) == 0) return std::nullopt;
@@ -70,4 +70,4 @@ bool TraceDisk(const std::function<void()>& work,
   }
 }
 
-}  // namespace varnel::service
+}  // namespace varnel::test

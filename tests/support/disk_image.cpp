@@ -1,4 +1,4 @@
-#include "service/camera/disk_image.h"
+#include "support/disk_image.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -6,7 +6,7 @@
 
 #include "support/temp_dir.h"
 
-namespace varnel::service {
+namespace varnel::test {
 
 namespace fs = std::filesystem;
 
@@ -56,7 +56,7 @@ void DiskRecorder::Synced(pid_t thread, int descriptor) {
   if (fs::is_directory(file)) {
     names_[InodeOf(file)] = NamesIn(file);
   } else {
-    contents_[InodeOf(file)] = test::ReadFile(path);
+    contents_[InodeOf(file)] = ReadFile(path);
   }
 }
 
@@ -70,7 +70,7 @@ void DiskRecorder::AddLive(const fs::path& directory, const std::string& prefix,
                            DiskImage& image) const {
   for (const auto& [name, entry] : NamesIn(directory)) {
     const bool as_it_is = all_contents && entry.kind == 'f';
-    image[prefix + name] = as_it_is ? 'f' + test::ReadFile(directory / name) : Content(entry);
+    image[prefix + name] = as_it_is ? 'f' + ReadFile(directory / name) : Content(entry);
     if (entry.kind == 'd') AddLive(directory / name, prefix + name + '/', all_contents, image);
   }
 }
@@ -97,4 +97,4 @@ DiskImage DiskRecorder::WithSyncedNames() const {
   return image;
 }
 
-}  // namespace varnel::service
+}  // namespace varnel::test

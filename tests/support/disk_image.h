@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-namespace varnel::service {
+namespace varnel::test {
 
 /// What a disk holds: by relative path, "d" for a directory, "l" and the
 /// target for a link, "f" and the content for a file.
@@ -54,4 +54,4 @@ class DiskRecorder {
   std::map<Inode, Names> names_;
 };
 
-}  // namespace varnel::service
+}  // namespace varnel::test
