@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <regex>
+#include <tuple>
 
 #include "board/cloud_board.h"
 #include "support/eventually.h"
@@ -75,8 +76,8 @@ TEST_F(CloudAgentTest, AFreshBoardJoinsAndComesBackAfterAKill) {
   }
 }
 
-/// What a board is asked for without a cloud, or in a wrong way.
-void ExpectRefusals(CloudBoard& board, const json& otherwise) {
+/// What a board is asked for in a wrong way, whatever its state.
+void ExpectRefusals(CloudBoard& board) {
   const json invalid = Error(-32602, "Invalid params");
   const std::vector<std::pair<std::string, std::vector<json>>> wrong{
       {"set_region", {nullptr, {{"region", "mars"}}, {{"region", 1}}, {{"region", ""}}}},
@@ -93,13 +94,38 @@ void ExpectRefusals(CloudBoard& board, const json& otherwise) {
   for (const auto& [method, params] : wrong) {
     for (const json& one : params) EXPECT_EQ(board.Ask(method, one), invalid) << method << one;
   }
-  EXPECT_EQ(board.Ask("pull_print_task", {{"job_id", "j"}}), otherwise);
 }
+
+/// All that is published in a board, as one text.
+class LocalTopics {
+ public:
+  explicit LocalTopics(CloudBoard& board) : board_(board) {
+    EXPECT_TRUE(board.board.RunService(
+        "listener", {"/bin/sh", "-c", std::string("exec mosquitto_sub -t '#' -v > ") + kFile}));
+    EXPECT_TRUE(test::Eventually([&] {
+      (void)board.board.Shell("mosquitto_pub -t planted -m planted-secret");
+      return Mentions("planted-secret") > 0;
+    }));
+  }
+  [[nodiscard]] size_t Mentions(const std::string& secret) const {
+    const std::string all = board_.File(kFile);
+    size_t count = 0;
+    for (size_t at = all.find(secret); at != all.npos; at = all.find(secret, at + 1)) ++count;
+    return count;
+  }
+
+ private:
+  static constexpr const char* kFile = "/etc/varnel/topics";
+  CloudBoard& board_;
+};
 
 TEST_F(CloudAgentTest, WhatIsAskedOfTheCloudAndWhatStaysSecret) {
   CloudBoard board;
   TheCloud().Bind(board.serial, "u1", "Ada");
-  ExpectRefusals(board, Error(-32000, "Cloud not connected"));
+  ExpectRefusals(board);
+  const json task = {{"job_id", "j"}};
+  EXPECT_EQ(board.Ask("pull_print_task", task), Error(-32000, "Cloud not connected"));
+  const LocalTopics topics(board);
   board.Join();
   const json code = board.Ask("refresh_auth_code").at("result").at("code");
   EXPECT_THAT(TheCloud().Device(board.serial).at("pairing_codes"), testing::Contains(code));
@@ -110,7 +136,8 @@ TEST_F(CloudAgentTest, WhatIsAskedOfTheCloudAndWhatStaysSecret) {
   EXPECT_EQ(board.Ask("update_device_status", {{"status", 2}}), Success());
   EXPECT_EQ(TheCloud().Device(board.serial).at("online"), 2);
   TheCloud().SetFaults("status /api/device/print device=" + board.serial + " 500\n");
-  ExpectRefusals(board, Error(-32000, "Cloud request failed"));
+  ExpectRefusals(board);
+  EXPECT_EQ(board.Ask("pull_print_task", task), Error(-32000, "Cloud request failed"));
 
   // A logout that the cloud takes its time for: no request runs meanwhile.
   TheCloud().SetFaults("delay /api/device/connect/unbind device=" + board.serial + " 2\n");
@@ -143,6 +170,9 @@ TEST_F(CloudAgentTest, WhatIsAskedOfTheCloudAndWhatStaysSecret) {
                                          places + " 2>/dev/null")
                                   .out;
     EXPECT_EQ(found, secret == "planted-secret" ? "/tmp/planted\n" : "");
+    if (secret == "planted-secret") continue;
+    EXPECT_EQ(topics.Mentions(secret), secret == code || secret == url ? 1U : 0U)
+        << "but in the answer that gives it";
   }
   EXPECT_EQ(
       board.board.Shell("cd /home/ruxo/printer_data; stat -c %a certs mqtt certs/* mqtt/*").out,
@@ -218,13 +248,52 @@ TEST_F(CloudAgentTest, NoWrongCertificateOpensALinkAndAClockThatIsNotSetCostsNot
   EXPECT_EQ(api.Requests(kCertificates), fetched) << "nothing was removed";
 }
 
-TEST_F(CloudAgentTest, EndsInTimeWhereverItIsStuck) {
+TEST_F(CloudAgentTest, WhatTheApiSaysIsNoHeaderTopicPathOrLine) {
+  const std::tuple<const char*, const char*, const char*> values[] = {
+      {"oauth2/token", R"({"access_token":"a\r\nX-Evil: 1"})", "invalid access_token!"},
+      {"oauth2/token", R"({"access_token":"a","refresh_token":"r\u0000"})",
+       "invalid refresh_token!"},
+      {"oauth2/token", R"({"access_token":[1]})", "invalid access_token!"},
+      {"device/getMqttCert", R"({"endpoint":"a\r\nX-Evil: 1"})", "invalid endpoint!"},
+      {"device/getMqttCert", R"({"clientId":"a\u0000"})", "invalid clientid!"},
+      {"device/getMqttCert", R"({"port":"-1"})", "invalid port!"},
+      {"device/getMqttCert", R"({"port":99999})", "invalid port!"},
+      {"device/getMqttCert", R"({"secretKey":"../../x"})", "invalid client key"},
+  };
+  CloudBoard board;
+  EXPECT_EQ(board.Ask("set_region", {{"region", "int"}}), Success());
+  size_t seen = 0;
+  for (const auto& [path, value, text] : values) {
+    SCOPED_TRACE(value);
+    TheCloud().SetFaults(std::string("patch /api/") + path + " device=" + board.serial +
+                         R"( {"data":)" + value + "}\n");
+    // Once more from the beginning, and without a wait.
+    EXPECT_EQ(board.Ask("set_link_mode", {{"link_mode", "lan"}}), Success());
+    EXPECT_TRUE(board.Await("disconnected"));
+    EXPECT_EQ(board.Ask("set_link_mode", {{"link_mode", "wan"}}), Success());
+    EXPECT_TRUE(board.AwaitLog(text, seen));
+    EXPECT_EQ(board.rpc.Call("camera.get_status", nullptr).at("result").at("state"), "success");
+    seen = board.board.DaemonLog().size();
+  }
+  TheCloud().SetFaults("");
+  EXPECT_TRUE(board.Await("connected"));
+  const std::string log = board.StopAndReadLog();
+  EXPECT_EQ(log.find('\r'), log.npos);
+  EXPECT_EQ(log.find('\0'), log.npos);
+  EXPECT_EQ(log.find("\nX-Evil"), log.npos);
+  for (const json& request : TheCloud().Requests("/api/device/getMqttCert", board.serial))
+    EXPECT_EQ(request.at("headers").dump().find("X-Evil"), std::string::npos);
+}
+
+TEST_F(CloudAgentTest, WhereverItIsStuckLocalCallsAreAnsweredAndItEndsInTime) {
   const std::vector<std::pair<const char*, const char*>> stuck{
       {"no-names *", "NETWORK_DETECTION"},
       {"silence api", "GET_ACCESS_TOKEN"},
       {"delay /api/device/getMqttCert 60", "FETCHING_AUTH_INFO"},
       {"stall broker 700", "CONNECTING_BROKER"},
       {"refuse api", "NETWORK_DETECTION"},
+      {"refuse broker", "BROKER_DETECTION"},
+      {"code /api/oauth2/token 602013", "REGION_LOCKED"},
   };
   std::vector<std::unique_ptr<CloudBoard>> boards;
   std::string faults;
@@ -238,9 +307,11 @@ TEST_F(CloudAgentTest, EndsInTimeWhereverItIsStuck) {
   TheCloud().SetFaults(faults);
   for (const auto& board : boards)
     EXPECT_EQ(board->Ask("set_region", {{"region", "int"}}), Success());
-  for (size_t i = 0; i < boards.size(); ++i)
-    EXPECT_TRUE(boards[i]->AwaitLog(std::string("-> ") + stuck[i].second)) << stuck[i].first;
   OnThreads(boards.size(), [&](size_t i) {
+    EXPECT_TRUE(boards[i]->AwaitLog(std::string("-> ") + stuck[i].second)) << stuck[i].first;
+    ExpectRefusals(*boards[i]);
+    EXPECT_EQ(boards[i]->rpc.Call("camera.get_status", nullptr).at("result").at("state"),
+              "success");
     EXPECT_TRUE(boards[i]->board.SignalDaemon(SIGTERM));
     EXPECT_EQ(boards[i]->board.AwaitDaemonEnd(std::chrono::seconds(4)), 0) << stuck[i].first;
   });

@@ -177,7 +177,6 @@ class CloudStormTest : public testing::Test {
     RunSequence(board, first + next++);
     const ProcessCounters before = board.board.DaemonCounters();
     const std::string open = Descriptors(board);
-    const std::string open = Descriptors(board);
     while (next < Storms()) RunSequence(board, first + next++);
     const ProcessCounters after = board.board.DaemonCounters();
     EXPECT_LE(after.threads, before.threads + 8) << board.serial;

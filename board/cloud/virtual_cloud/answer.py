@@ -7,6 +7,7 @@ from dataclasses import dataclass, field
 @dataclass
 class Request:
     device: str  # whose token it carries; empty: none that is good
+    host: str
     region: str
     method: str
     path: str

@@ -115,10 +115,12 @@ class _Handler(BaseHTTPRequestHandler):
     def _request(self, body):
         url = urlsplit(self.path)
         bearer = self.headers.get("Authorization", "")
-        device = self._api.tokens.device_of(bearer.removeprefix("Bearer ")) if bearer else None
+        host = self.headers.get("Host", "").split(":")[0]
+        device = self._api.tokens.device_of(bearer.removeprefix("Bearer "), host) if bearer else None
         return answer.Request(
             device=device or "",
-            region=places.region_of(self.headers.get("Host", "")),
+            host=host,
+            region=places.region_of(host),
             method=self.command,
             path=url.path,
             query=dict(parse_qsl(url.query, keep_blank_values=True)),

@@ -41,10 +41,14 @@ class DeviceApi:
         return answer.success({"code": code})
 
     def _unbind(self, request):
+        proof = {"operate": "unbind", "userId": request.document().get("userId")}
         with self._devices.change(request.device) as state:
             user = state["user"]
-            if not user or user["userId"] != request.document().get("userId"):
+            if not user or user["userId"] != proof["userId"]:
                 return answer.failure(404, "not bound to this user")
+            if proof not in state["authorized"]:
+                return answer.failure(403, "the device has not proven who it is")
+            state["authorized"].remove(proof)
             state["user"] = None
         return answer.success({})
 
@@ -82,6 +86,8 @@ class DeviceApi:
 
     def _new_print_task(self, request):
         task = request.document()
+        if not task:
+            return answer.failure(400, "no task")
         job = str(task.get("job_id") or secrets.token_hex(8))
         with self._devices.change(request.device) as state:
             state["print_tasks"][job] = task
@@ -92,5 +98,9 @@ class DeviceApi:
         return answer.success({"countryCode": "DE"})
 
     @staticmethod
-    def _log(_request):
+    def _log(request):
+        report = request.document()
+        texts = all(isinstance(report.get(name), str) for name in ("level", "message", "sn"))
+        if not texts or not isinstance(report.get("time"), int):
+            return answer.failure(400, "no report", 400)
         return answer.success({})

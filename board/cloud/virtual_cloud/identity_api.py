@@ -36,7 +36,7 @@ class IdentityApi:
         return self._grant(fields, request)
 
     def _refresh(self, fields, request):
-        device = self._tokens.use_refresh(fields.get("refresh_token", ""))
+        device = self._tokens.use_refresh(fields.get("refresh_token", ""), request.host)
         if list(fields) != ["grant_type", "refresh_token"] or not device:
             return answer.failure(401, "no such refresh token", 401)
         return self._tokens_for(device, request, 25)
@@ -66,7 +66,7 @@ class IdentityApi:
         if lock not in (None, request.region):
             return answer.failure(REGION_LOCKED, "another region's device")
         life = self.token_life_s if self.token_life_s is not None else hours * HOUR
-        return answer.success(self._tokens.issue(device, life))
+        return answer.success(self._tokens.issue(device, request.host, life))
 
     def _certificate(self, request):
         refresh = request.query.get("refresh")

@@ -50,7 +50,7 @@ def hosts_file(named=True):
 
 def region_of(host):
     """The region whose API a Host header names; the server beside the boards is of the first."""
-    name = host.split(":")[0].removeprefix("pre.")
+    name = host.removeprefix("pre.")
     return next((region for region in REGIONS if name == api_host(region)), REGIONS[0])
 
 

@@ -13,6 +13,7 @@ class Token:
     device: str
     ends: float
     kind: str  # "access_token" or "refresh_token"
+    host: str  # good there only
 
 
 class Tokens:
@@ -32,29 +33,37 @@ class Tokens:
             self._nonces[use] = now + NONCE_MEMORY_S
             return True
 
-    def issue(self, device, life_s):
-        """What the reply's "data" holds."""
+    def issue(self, device, host, life_s):
+        """What the reply's "data" holds; the access tokens of before are good no more."""
         now = time.monotonic()
         ends = {"access_token": now + life_s, "refresh_token": now + 2 * life_s}
         made = {kind: secrets.token_urlsafe(32) for kind in ends}
         with self._lock:
-            self._tokens = {text: token for text, token in self._tokens.items() if token.ends > now}
+            self._tokens = {
+                text: token
+                for text, token in self._tokens.items()
+                if token.ends > now
+                and (token.device, token.host, token.kind) != (device, host, "access_token")
+            }
             for kind, text in made.items():
-                self._tokens[text] = Token(device, ends[kind], kind)
+                self._tokens[text] = Token(device, ends[kind], kind, host)
         return made
 
-    def device_of(self, text):
+    def device_of(self, text, host):
         """Whose access token this is; nothing when it is none, or no more."""
         with self._lock:
             token = self._tokens.get(text)
-        good = token and token.kind == "access_token" and token.ends > time.monotonic()
-        return token.device if good else None
+        return token.device if self._is_good(token, "access_token", host) else None
 
-    def use_refresh(self, text):
+    @staticmethod
+    def _is_good(token, kind, host):
+        return token and (token.kind, token.host) == (kind, host) and token.ends > time.monotonic()
+
+    def use_refresh(self, text, host):
         """Whose refresh token this was; it is used up."""
         with self._lock:
             token = self._tokens.get(text)
-            if not token or token.kind != "refresh_token" or token.ends <= time.monotonic():
+            if not self._is_good(token, "refresh_token", host):
                 return None
             del self._tokens[text]
             return token.device

@@ -45,7 +45,7 @@ class AuthenticationWorld {
 
   /// Called by the server before it answers.
   std::function<void(const std::string& request)> on_request_;
-  test::LogCapture log_;
+  test::LogCapture log_{spdlog::level::trace};
   test::TempDir dir_;
   mutable test::FakeClock clock_;
   const Identity identity_ = MakeIdentity(dir_, "EC");

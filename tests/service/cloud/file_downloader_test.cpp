@@ -37,31 +37,47 @@ class FileDownloaderTest : public testing::Test {
 
 TEST_F(FileDownloaderTest, ProgressIsToldOnceASecondWhileTheSizeIsKnown) {
   const std::string content(400'000, 'x');
-  std::vector<std::pair<int64_t, double>> told;
+  test::Mailbox<int64_t> told;
   ScriptedServer server([&](const std::string& request, const ScriptedServer::Peer& peer) {
     if (request.starts_with("GET /known")) return peer.Answer(content);
-    (void)peer.Send("HTTP/1.1 200 OK\r\n\r\n" + content);
+    const bool halves = request.starts_with("GET /halves");
+    (void)peer.Send("HTTP/1.1 200 OK\r\n" +
+                    std::string(halves ? "Content-Length: 400000\r\n" : "") + "\r\n" +
+                    content.substr(0, 200'000));
+    if (halves) {
+      (void)told.WaitFor(2);
+      clock_.Advance(std::chrono::seconds(1));
+    }
+    (void)peer.Send(content.substr(200'000));
     return false;
   });
   const auto note = [&](double percent, int64_t received, int64_t expected) {
     EXPECT_EQ(expected, 400'000);
     EXPECT_DOUBLE_EQ(percent, static_cast<double>(received) / 4000);
-    told.emplace_back(received, percent);
+    told.Put(received);
   };
   EXPECT_EQ(Fetch(server.Url("/known"), note), 0);
-  EXPECT_EQ(told.size(), 1U) << "no second has passed";
+  EXPECT_EQ(told.Items().size(), 1U) << "no second has passed";
   EXPECT_EQ(test::ReadFile(file_), content);
   EXPECT_EQ(Fetch(server.Url("/unknown"), note), 0);
-  EXPECT_EQ(told.size(), 1U);
+  EXPECT_EQ(told.Items().size(), 1U);
   EXPECT_EQ(test::ReadFile(file_), content);
+  EXPECT_EQ(Fetch(server.Url("/halves"), note), 0);
+  EXPECT_EQ(told.Items().size(), 3U) << "once for each second";
+  EXPECT_LT(told.Items()[1], told.Items()[2]);
 }
 
 TEST_F(FileDownloaderTest, AStallEndsItWithoutAnErrorLine) {
-  ScriptedServer server([&](const std::string&, const ScriptedServer::Peer& peer) {
-    (void)peer.Send("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhalf");
+  ScriptedServer server([&](const std::string& request, const ScriptedServer::Peer& peer) {
+    if (request.starts_with("GET /silent")) {
+      clock_.Advance(std::chrono::seconds(61));
+    } else {
+      (void)peer.Send("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhalf");
+    }
     peer.AwaitEnd();
     return false;
   });
+  EXPECT_EQ(Fetch(server.Url("/silent")), CURLE_ABORTED_BY_CALLBACK) << "before the first byte";
   EXPECT_EQ(Fetch(server.Url(),
                   [&](double, int64_t, int64_t) { clock_.Advance(std::chrono::seconds(61)); }),
             CURLE_ABORTED_BY_CALLBACK);
