@@ -13,7 +13,7 @@ namespace {
 
 constexpr const char* kTag = "MA_AGENT";
 constexpr std::chrono::seconds kAfterException{1};
-constexpr uint32_t kPassesBetweenSaves = 300;
+constexpr std::chrono::minutes kSavePause{5};
 
 }  // namespace
 
@@ -56,10 +56,14 @@ void Agent::Run() {
       Wait(kAfterException);
     }
   }
+  settings_.SaveAgain();
 }
 
 void Agent::Pass() {
-  if (++passes_ % kPassesBetweenSaves == 0) settings_.SaveAgain();
+  if (clock_.Now() >= save_again_at_) {
+    settings_.SaveAgain();
+    save_again_at_ = clock_.Now() + kSavePause;
+  }
   HandleDroppedRequest();
   HandleReset();
   HandleServerDisconnected();

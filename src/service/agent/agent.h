@@ -134,7 +134,6 @@ class Agent {
   void OnConnectingBroker();
   void OnConnected();
   void OnRegionLocked();
-  [[nodiscard]] bool LeavesForLackOfHost();
   [[nodiscard]] bool IsInternetReachable();
   [[nodiscard]] bool TryGetAccessToken();
   [[nodiscard]] bool TryFetchAuthInfo();
@@ -176,8 +175,10 @@ class Agent {
   bool connecting_ = false;
   uint32_t ticks_ = 0;
   bool tell_region_lock_ = false;
-  bool status_untold_ = false;  ///< since it was tried last
-  uint32_t passes_ = 0;
+  uint32_t untold_syncs_ = 0;    ///< until a status that could not be told is told again
+  uint32_t untold_pause_ = 1;    ///< syncs, after the next failure
+  bool server_changed_ = false;  ///< so that there is no token for it
+  utils::Clock::TimePoint save_again_at_{};
   AgentState announced_ = AgentState::INIT;
   utils::Clock::TimePoint refresh_at_{};
   bool token_is_new_ = false;

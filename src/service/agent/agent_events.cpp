@@ -1,4 +1,5 @@
 // What happened since the last pass, in the order in which a pass looks at it.
+#include <algorithm>
 #include <utility>
 
 #include "service/agent/agent.h"
@@ -11,6 +12,7 @@ namespace {
 
 constexpr const char* kTag = "MA_AGENT";
 constexpr int kOffline = 0;
+constexpr uint32_t kMostUntoldSyncs = 64;
 
 bool IsBetween(AgentState state, AgentState first, AgentState last) {
   return state >= first && state <= last;
@@ -62,6 +64,7 @@ void Agent::HandleServerDisconnected() {
   DropLink();
   pacing_.OnLost();
   TransitionTo(AgentState::FETCHING_AUTH_INFO);
+  SyncConfig();
 }
 
 void Agent::HandleRegionChanged() {
@@ -106,6 +109,9 @@ void Agent::HandleCloudConnected() {
   const int status = online_status_;
   TellLogout();
   (void)users_.CheckUserRecordsHTTP(region, false);
+  untold_pause_ = 1;
+  untold_syncs_ = 0;
+  server_changed_ = false;
   TellStatus();
   announcer_.BoundUser(region, status);
   TransitionTo(AgentState::CONNECTED);
@@ -171,9 +177,17 @@ void Agent::GoOffline(const std::string& region, const char* failure) {
   if (!users_.UpdateDeviceStatus(region, kOffline)) VLOG_ERROR(kTag, "{}", failure);
 }
 
+/// One that could not be told is told again, after pauses that double.
 void Agent::TellStatus() {
-  status_untold_ = !users_.UpdateDeviceStatus(cloud_region_, online_status_);
-  if (status_untold_) VLOG_ERROR(kTag, "Failed to update device status");
+  const int status = online_status_;
+  if (users_.UpdateDeviceStatus(cloud_region_, status)) {
+    untold_pause_ = 1;
+    if (online_status_ != status) tell_status_ = true;
+    return;
+  }
+  VLOG_ERROR(kTag, "Failed to update device status");
+  untold_syncs_ = untold_pause_;
+  untold_pause_ = std::min(untold_pause_ * 2, kMostUntoldSyncs);
 }
 
 void Agent::DropLink() {

@@ -114,6 +114,7 @@ void AgentSettings::LoadOnce() {
   const json document = json::parse(*text, nullptr, false);
   if (!document.is_object()) {
     VLOG_WARN(kTag, "agent configuration: {} is no JSON object, defaults are used", file_.string());
+    PutAside();
     return;
   }
   const utils::MutexLock lock(mutex_);
@@ -137,6 +138,8 @@ void AgentSettings::Change(const std::function<void(AgentConfig& config)>& chang
     config_ = changed;
   }
   unsaved_ = !Save(changed);
+  std::error_code error;
+  if (changed.reset) fs::remove(BadFile(), error);  // it may name who used it
 }
 
 void AgentSettings::SaveAgain() {
@@ -147,7 +150,7 @@ void AgentSettings::SaveAgain() {
 /// Somebody wants a change: it is to last, whatever became of the file.
 void AgentSettings::PutAside() {
   std::error_code error;
-  fs::rename(file_, file_.string() + ".bad", error);
+  fs::rename(file_, BadFile(), error);
   if (error) VLOG_ERROR(kTag, "{} cannot be put aside: {}", file_.string(), error.message());
   loaded_ = true;
 }

@@ -49,6 +49,7 @@ class AgentSettings {
  private:
   void LoadOnce() REQUIRES(saving_);
   void PutAside() REQUIRES(saving_);
+  [[nodiscard]] std::filesystem::path BadFile() const { return file_.string() + ".bad"; }
   [[nodiscard]] bool Save(const AgentConfig& config) const;
 
   const std::filesystem::path file_;

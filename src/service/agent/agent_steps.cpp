@@ -67,7 +67,10 @@ void Agent::OnInit() {
 
 void Agent::OnIdle() {
   if (!comms_.IsLocalConnected()) return Wait(1s);
-  if (announced_ != AgentState::IDLE) Announce();
+  if (announced_ != AgentState::IDLE) {
+    Announce();
+    SyncConfig();
+  }
   if (const auto pause = pacing_.TakeCyclePause(); pause > 0ms) return WaitExactly(pause);
   const AgentConfig config = settings_.Get();
   const bool wanted = !config.region.empty() && config.link_mode == "wan" &&
@@ -86,15 +89,9 @@ void Agent::OnIdle() {
   Wait(1s);
 }
 
-/// Another region may have been chosen since IDLE looked.
-bool Agent::LeavesForLackOfHost() {
-  if (IsRegion(setup_.places, settings_.Get().region)) return false;
-  TransitionTo(AgentState::IDLE);
-  return true;
-}
-
 void Agent::OnNetworkDetection() {
-  if (LeavesForLackOfHost()) return;
+  // Another region may have been chosen since IDLE looked.
+  if (!IsRegion(setup_.places, settings_.Get().region)) return TransitionTo(AgentState::IDLE);
   Announce();
   SyncConfig();
   if (IsInternetReachable()) return TransitionTo(AgentState::GET_ACCESS_TOKEN);
@@ -126,7 +123,6 @@ bool Agent::IsInternetReachable() {
 }
 
 void Agent::OnGetAccessToken() {
-  if (LeavesForLackOfHost()) return;
   Announce();
   if (TryGetAccessToken()) return;
   if (--budget_ > 0) return Wait(pacing_.TokenPause());
@@ -137,8 +133,13 @@ void Agent::OnGetAccessToken() {
 bool Agent::TryGetAccessToken() {
   try {
     LinkCredentials& credentials = Credentials();
-    cloud_region_ = settings_.Get().region;
-    credentials.SetRegion(cloud_region_);
+    const std::string region = settings_.Get().region;
+    if (!IsRegion(setup_.places, region)) {
+      TransitionTo(AgentState::IDLE);
+      return true;
+    }
+    cloud_region_ = region;
+    credentials.SetRegion(region);
     credentials.StartFetchCountryCode();
     if (credentials.GetAccessToken(LifetimeInHours(kTokenLifetime))) {
       VLOG_INFO(kTag, "Fetched access code");
@@ -240,7 +241,8 @@ void Agent::OnConnected() {
     SyncConfig();
     Announce();
     (void)users_.CheckUserRecordsHTTP(cloud_region_, false);
-    if (status_untold_) tell_status_ = true;
+    if (untold_syncs_ > 0 && --untold_syncs_ == 0) tell_status_ = true;
+    server_changed_ = !Credentials().HasToken();
   }
   if (tell_status_.exchange(false)) TellStatus();
   if (IsRefreshDue()) RefreshToken();
@@ -249,7 +251,8 @@ void Agent::OnConnected() {
 
 bool Agent::IsRefreshDue() const {
   const auto now = clock_.Now();
-  return now >= refresh_at_ || (Credentials().IsTokenRefused() && now >= refused_again_at_);
+  const bool refused = server_changed_ || Credentials().IsTokenRefused();
+  return now >= refresh_at_ || (refused && now >= refused_again_at_);
 }
 
 void Agent::RefreshToken() {

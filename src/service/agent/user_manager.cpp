@@ -17,7 +17,7 @@ constexpr int kStatusTries = 3;
 constexpr std::chrono::milliseconds kStatusPause{1000};
 constexpr std::chrono::milliseconds kStopLook{100};
 constexpr std::chrono::seconds kStatusLimit{10};
-constexpr std::chrono::seconds kOneTry{5};  // of a server that does not answer
+constexpr std::chrono::seconds kOneTry{4};  // of a server that does not answer
 constexpr size_t kMaxNameBytes = 256;
 
 /// A text of a reply, or nothing when it is no name. Null is an empty one.
@@ -45,7 +45,9 @@ void UserManager::NotifyLogout(const std::string& region) {
   if (region.empty()) return;
   bool marked = false;
   settings_.Change([&](AgentConfig& config) {
-    marked = config.logouts.insert_or_assign(region, config.user).second;
+    marked = !config.logouts.contains(region);
+    // A mark that knows whom it means is not forgotten for one that does not.
+    if (marked || !config.user.id.empty()) config.logouts.insert_or_assign(region, config.user);
   });
   if (!marked) return;
   VLOG_INFO(kTag, "the user of region {} is being logged out", utils::LogText(region));
@@ -111,7 +113,8 @@ void UserManager::TakeOver(const std::string& region, const CloudUser& user,
   settings_.Change([&](AgentConfig& config) {
     const auto mark = config.logouts.find(region);
     if (done && mark != config.logouts.end() && mark->second == *done) config.logouts.erase(mark);
-    if (config.reset) return;  // nobody uses it any more
+    // Nobody uses it any more, or not there.
+    if (config.reset || config.region != region) return;
     changed = config.user != user;
     config.user = user;
   });

@@ -41,7 +41,8 @@ struct EventRow {
 constexpr const char* kLeave =
     "disconnected config(disconnected) disconnect online(int,0) unbind(int)";
 constexpr std::array kEventRows{
-    EventRow{kServer, CONNECTED, CONNECTED, "report(SERVER_DISCONNECTED) online(int,0) disconnect",
+    EventRow{kServer, CONNECTED, CONNECTED,
+             "report(SERVER_DISCONNECTED) online(int,0) disconnect config(disconnected)",
              FETCHING_AUTH_INFO, "HTTP server disconnected, updating device status to offline"},
     EventRow{kRegion, IDLE, IDLE, "certs-", IDLE,
              "Region changed in IDLE state, removing client certificates"},
@@ -126,7 +127,8 @@ void CheckPass(AgentState from, const std::vector<Event>& events) {
     lost = state == CONNECTED && row.to == CONNECTING_BROKER;
     if (!(event == kServer && changes)) state = row.to;
   }
-  if (from == IDLE) calls.emplace_back("disconnected");  // nobody has told it yet
+  if (from == IDLE)
+    calls.emplace_back("disconnected config(disconnected)");  // nobody has told it yet
   calls.push_back(lost ? "wait(2500)" : StepOf(state, world));
   world.agent().Pass();
   if (calls.back().empty()) calls.pop_back();
@@ -239,14 +241,16 @@ TEST(AgentStepsTest, ABrokerThatRefusesIsTriedFiveTimesAndThenAllIsFetchedAnew) 
   world.agent().OnCloudDisconnected();
   world.PassTimes(2);
   EXPECT_EQ(world.Calls(),
-            "disconnect certs- info- report(BROKER_CONNECT_FAILED) disconnected wait(1100)");
+            "disconnect certs- info- report(BROKER_CONNECT_FAILED) disconnected "
+            "config(disconnected) wait(1100)");
   world.Walk(BROKER_DETECTION);
   world.throws = true;
   world.PassTimes(2);
   EXPECT_THAT(world.Calls(), HasSubstr("connect(broker) disconnect report(BROKER_CONNECT_FAILED)"));
   world.throws = false;
   world.PassTimes(1);
-  EXPECT_EQ(world.Calls(), "disconnected wait(2200)") << "the pause grows with each cycle";
+  EXPECT_EQ(world.Calls(), "disconnected config(disconnected) wait(2200)")
+      << "the pause grows with each cycle";
 
   for (const bool distrusted : {false, false, true}) {
     world.probe_error.clear();

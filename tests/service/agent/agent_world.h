@@ -79,6 +79,7 @@ class AgentWorld : private AgentComms, private AgentUsers, private LinkCredentia
   bool IsRegionLocked() const override { return region_locked; }
   bool RefreshToken(const utils::SharedSecret&) override;
   bool IsTokenRefused() const override { return token_refused; }
+  bool HasToken() const override { return true; }
   void ForgetTokens() override { Note("tokens-"); }
   bool GetAuthInfo() override;
   std::optional<nlohmann::json> AuthInfo() const override;

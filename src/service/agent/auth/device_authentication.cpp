@@ -203,10 +203,13 @@ void DeviceAuthentication::OnRefused(const utils::SharedSecret& token) {
 }
 
 bool DeviceAuthentication::IsTokenRefused() const {
-  const auto access = AccessTo(Region());
-  if (access && !access->token) return true;  // the server has changed
   const utils::MutexLock lock(mutex_);
   return refused_;
+}
+
+bool DeviceAuthentication::HasToken() const {
+  const auto access = AccessTo(Region());
+  return access && access->token;
 }
 
 TokenPair DeviceAuthentication::TokensOf(const std::string& base_url) const {
@@ -262,8 +265,10 @@ bool DeviceAuthentication::GetAuthInfo() {
     if (info && !expired && !cache_distrusted_) {
       VLOG_INFO(kTag, "Using cached auth info, skipping GetMqttCerts");
     } else {
-      info = FetchAuthInfo(*target, expired);
-      if (info) cache_distrusted_ = false;
+      auto fresh = FetchAuthInfo(*target, expired);
+      cache_distrusted_ &= !fresh;
+      // Without an answer what is on the disk is all that there is.
+      if (fresh || expired || unsaved_) info = std::move(fresh);
     }
     if (!info) return false;
     Keep(std::move(*info), *target);

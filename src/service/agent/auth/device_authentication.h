@@ -57,6 +57,7 @@ class DeviceAuthentication : public LinkCredentials {
   /// A server did not take this one.
   void OnRefused(const utils::SharedSecret& token);
   [[nodiscard]] bool IsTokenRefused() const override;
+  [[nodiscard]] bool HasToken() const override;
   void ForgetTokens() override;
 
   [[nodiscard]] bool GetAuthInfo() override;

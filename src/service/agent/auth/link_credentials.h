@@ -28,6 +28,8 @@ class LinkCredentials {
   [[nodiscard]] virtual bool RefreshToken(const utils::SharedSecret& refused) = 0;
   /// A server would not take the access token that there is.
   [[nodiscard]] virtual bool IsTokenRefused() const = 0;
+  /// For the server that is talked to at this moment, which a file on the disk may decide.
+  [[nodiscard]] virtual bool HasToken() const = 0;
   virtual void ForgetTokens() = 0;
 
   /// Fills the authentication info, from the disk if possible. The agent's.
