@@ -5,6 +5,7 @@
 #include <exception>
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "utils/mutex.h"
 #include "utils/owned.h"
@@ -54,6 +55,8 @@ class TransferHooks {
   virtual bool GoOn(curl_off_t expected, curl_off_t received) = 0;
   /// False ends the transfer.
   virtual bool Take(const char* data, size_t size) = 0;
+  /// Each header line as it came, of each answer.
+  virtual void Header(std::string_view) {}
 
  private:
   friend class Transfer;
