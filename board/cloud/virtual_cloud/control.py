@@ -28,6 +28,8 @@ class Control:
             "kill-broker": self._kill_broker,
             "restart-broker": self._restart_broker,
             "take-over": self._take_over,
+            "publish": cloud.packages.publish,
+            "unpublish": cloud.packages.unpublish,
         }
         if os.path.exists(places.CONTROL):
             os.unlink(places.CONTROL)
