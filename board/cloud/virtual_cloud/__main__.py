@@ -17,7 +17,9 @@ from .gate import Gate
 from .identity_api import IdentityApi
 from .journal import Journal
 from .packages import Packages
+from .store import Store
 from .tokens import Tokens
+from .uploads_api import UploadsApi
 
 
 class Cloud:
@@ -36,6 +38,10 @@ class Cloud:
         self.packages = Packages()
         api.add_routes(DeviceApi(self.devices, self.tokens, self.packages).routes())
         api.add_prefix(packages.PREFIX, self.packages.serve)
+        self.store = Store()
+        api.add_routes(UploadsApi(self.store).routes())
+        for region in places.REGIONS:
+            api.add_host(places.store_host(region), self.store.serve)
         self.broker.start()
         self.gate = Gate(api, authority.server_contexts(), self.broker, self.faults, journal)
         files.replace_json("cloud.json", places.description())
