@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 #include "virtual_board/common/await.h"
@@ -92,7 +93,7 @@ std::vector<json> Cloud::Journal() const {
 std::vector<json> Cloud::Requests(const std::string& path, const std::string& device) const {
   std::vector<json> entries = Journal();
   std::erase_if(entries, [&](const json& entry) {
-    return entry.value("path", "") != path ||
+    return entry.at("event") != "request" || entry.at("path") != path ||
            (!device.empty() && entry.value("device", entry.value("board", "")) != device);
   });
   return entries;
@@ -129,6 +130,19 @@ json Cloud::Device(const std::string& device) const {
 
 void Cloud::SetCertificateLife(std::chrono::seconds life) const {
   Tell({"certificate-life", std::to_string(life.count())});
+}
+
+json Cloud::Publish(const fs::path& firmware, const json& description) const {
+  return Tell({"publish", fs::absolute(firmware), description.dump()});
+}
+
+void Cloud::SetUrlLife(std::chrono::seconds life) const {
+  Tell({"url-life", std::to_string(life.count())});
+}
+
+std::vector<std::string> Cloud::Secrets() const {
+  std::ifstream file(files_.Secrets());
+  return {std::istream_iterator<std::string>(file), {}};
 }
 
 MqttLink Cloud::Link(const std::string& client_id) const {

@@ -53,6 +53,27 @@ class Device {
   json Get(const std::string& path, const std::string& token) {
     return Curl("-H 'Authorization: Bearer " + token + "' '" + kInt + path + "'");
   }
+  /// A token that is good at the cloud's first region.
+  std::string Token() {
+    const json reply = Grant(serial_ + "&nonce=200001", "200001");
+    return reply.at("data").at("access_token");
+  }
+  json Post(const std::string& path, const std::string& token, const json& body) {
+    return Curl("-H 'Authorization: Bearer " + token + "' -d '" + body.dump() + "' '" + kInt +
+                path + "'");
+  }
+  /// SHA-256 of a file inside, in base64.
+  std::string Checksum(const std::string& file) {
+    return Output("openssl dgst -sha256 -binary " + file + " | openssl enc -A -base64");
+  }
+  /// HTTP status of what curl is told to do; 100 when it was told to go on, and nothing more.
+  int Status(const std::string& arguments) {
+    return std::stoi(
+        Run("curl -s -m 10 -o /tmp/answer -D /tmp/headers -w '%{http_code}' " + arguments).out);
+  }
+  std::string Answer(const std::string& file = "/tmp/answer") const {
+    return ReadFile(board_.HostPath(file));
+  }
   /// What the cloud encrypted with the board's key, as a file inside.
   void Decrypt(const std::string& base64, const std::string& file) {
     std::ofstream(board_.HostPath("/tmp/cipher")) << base64;
@@ -170,6 +191,134 @@ TEST(VirtualCloudFaultsTest, AreMetAndTold) {
   TheCloud().SetFaults("status * times=1 device=" + device.Serial() + " 503\n");
   EXPECT_TRUE(says(R"("code": 503)"));
   EXPECT_TRUE(says("DE")) << "used up";
+}
+
+TEST(VirtualCloudStoreTest, SignsAsPublished) {
+  const ProgramResult checked =
+      RunProgram({"env", std::string("PYTHONPATH=") + VARNEL_CLOUD_PROGRAMS, "python3", "-B", "-m",
+                  "virtual_cloud.signature_v4"});
+  EXPECT_EQ(checked.out, "as published\n") << checked.err;
+}
+
+TEST(VirtualCloudStoreTest, TakesWhatWasSignedAndNothingElse) {
+  Device device(TheCloud(), KeyKind::kEc);
+  const std::string token = device.Token();
+  device.Run("echo film > /tmp/film; echo other > /tmp/other");
+  const std::string sum = device.Checksum("/tmp/film");
+  const json create = {{"fileName", "a film/1.mp4"}, {"checkSum", sum}};
+  const json completed = {{"fileName", "a film/1.mp4"}};
+  const auto address = [&] {
+    return device.Post("/api/device/upload/create", token, create).at("data").at("url");
+  };
+  const std::string url = address();
+  const auto changed = [&](const std::string& from, const std::string& to) {
+    return std::string(url).replace(url.find(from), from.size(), to);
+  };
+  const std::string header = " -H 'x-amz-checksum-sha256: " + sum + "' ";
+  const std::string put = "-H 'Content-Type: application/octet-stream' -T /tmp/film" + header;
+  const std::pair<std::string, int> refused[] = {
+      {put + "-X POST '" + url + "'", 403},
+      {put + "'" + changed("store.int", "store.cn") + "'", 403},
+      {put + "'" + changed("1.mp4", "2.mp4") + "'", 403},
+      {put + "'" + url + "&x=1'", 403},
+      {put + "'" + changed("Expires=3600", "Expires=3601") + "'", 403},
+      {"-T /tmp/film -H 'x-amz-checksum-sha256: " + device.Checksum("/tmp/other") + "' '" + url +
+           "'",
+       403},
+      {put + "-H 'x-amz-acl: public-read' '" + url + "'", 403},
+      {put + "-H 'Authorization: Bearer " + token + "' '" + url + "'", 400},
+      {put + "-H 'Transfer-Encoding: chunked' '" + url + "'", 501},
+      {"-T /tmp/other" + header + "'" + url + "'", 400},
+  };
+  for (const auto& [arguments, status] : refused) {
+    EXPECT_EQ(device.Status(arguments), status) << arguments;
+    EXPECT_THAT(device.Answer(), HasSubstr("<Error><Code>"));
+  }
+  EXPECT_EQ(device.Post("/api/device/upload/completed", token, completed).at("code"), 400);
+  TheCloud().SetUrlLife(std::chrono::seconds(0));
+  EXPECT_EQ(device.Status(put + "-H 'Expect: 100-continue' '" + address().get<std::string>() + "'"),
+            403);
+  TheCloud().SetUrlLife(std::chrono::hours(1));
+  EXPECT_EQ(TheCloud().Requests("/objects/a%20film/1.mp4").back().at("body_bytes"), 0);
+
+  ASSERT_EQ(device.Status(put + "'" + address().get<std::string>() + "'"), 200);
+  const json done = device.Post("/api/device/upload/completed", token, completed);
+  EXPECT_EQ(device.Status("'" + done.at("data").at("url").get<std::string>() + "'"), 200);
+  EXPECT_EQ(device.Answer(), "film\n");
+}
+
+TEST(VirtualCloudStoreTest, PutsTogetherWhatWasAgreed) {
+  Device device(TheCloud(), KeyKind::kEc);
+  const std::string token = device.Token();
+  device.Run("head -c 5242881 /dev/urandom > /tmp/all; cd /tmp; split -b 5242880 all part");
+  json sums;
+  for (const char* file : {"/tmp/partaa", "/tmp/partab"}) {
+    sums.push_back({{"partNumber", sums.size() + 1}, {"checkSum", device.Checksum(file)}});
+  }
+  const json created =
+      device.Post("/api/device/upload/create", token, {{"fileName", "all"}, {"uploadParts", sums}})
+          .at("data");
+  const auto put = [&](size_t part) {
+    return device.Status(
+        "-T /tmp/parta" + std::string(1, static_cast<char>('a' + part)) +
+        " -H 'x-amz-checksum-sha256: " + sums[part].at("checkSum").get<std::string>() + "' '" +
+        created.at("uploadParts")[part].at("url").get<std::string>() + "'");
+  };
+  TheCloud().SetFaults(
+      "reset /objects/all part=1 times=1 1000\n"
+      "lost * part=2 skip=1 times=1\n"
+      "status * part=2 times=1 400\nbody * part=2 times=1 <Code>ExpiredToken</Code>\n");
+  EXPECT_EQ(put(0), 100) << "reset";
+  EXPECT_EQ(TheCloud().Requests("/objects/all").back().at("body_bytes"), 1000);
+  EXPECT_EQ(put(0), 200);
+  EXPECT_EQ(put(1), 400);
+  EXPECT_EQ(device.Answer(), "<Code>ExpiredToken</Code>");
+  EXPECT_EQ(put(1), 100) << "no answer";
+  EXPECT_EQ(put(1), 200);
+
+  const auto tag = [&](const std::string& file) {
+    return "\"" + device.Run("md5sum < " + file).out.substr(0, 32) + "\"";
+  };
+  const json first = {{"partNumber", 1}, {"etag", tag("/tmp/partaa")}};
+  const json second = {{"partNumber", 2}, {"etag", tag("/tmp/partab")}};
+  const auto complete = [&](const json& parts) {
+    return device.Post(
+        "/api/device/upload/completed", token,
+        {{"fileName", "all"}, {"uploadId", created.at("uploadId")}, {"uploadParts", parts}});
+  };
+  for (const json& wrong : {json{second, first}, json{first, {{"partNumber", 2}, {"etag", "x"}}}}) {
+    EXPECT_EQ(complete(wrong).at("code"), 400) << wrong;
+  }
+  EXPECT_FALSE(std::filesystem::exists(TheCloud().ObjectFile("all")));
+  EXPECT_EQ(complete({first, second}).at("code"), 200);
+  EXPECT_EQ(ReadFile(TheCloud().ObjectFile("all")), device.Answer("/tmp/all"));
+}
+
+TEST(VirtualCloudPackagesTest, AreGivenInPartsToWhoeverHasTheAddress) {
+  Device device(TheCloud(), KeyKind::kEc);
+  const std::filesystem::path firmware = device.There().HostPath("/tmp/firmware");
+  std::ofstream(firmware) << "0123456789";
+  TheCloud().Publish(firmware, {{"size", nullptr}});
+  const json record = device.Get("/api/device/firmware/latest", device.Token()).at("data");
+  const std::string url = record.at("url");
+  EXPECT_EQ(device.Status("'" + record.at("note").get<std::string>() + "'"), 200);
+  const json described = json::parse(device.Answer());
+  EXPECT_EQ(described.at("md5"), "781e5e245d69b566979b86e28d23f2c7");
+  EXPECT_FALSE(described.contains("size"));
+  const std::pair<std::string, std::string> asked[] = {
+      {"-r 3-5", "206 345"},
+      {"-r 3- -H 'If-Range: \"781e5e245d69b566979b86e28d23f2c7\"'", "206 3456789"},
+      {"-r 3- -H 'If-Range: \"other\"'", "200 0123456789"},
+      {"-r 10-", "416 "},
+      {"-I", "200 "}};
+  for (const auto& [arguments, answer] : asked) {
+    const std::string status = std::to_string(device.Status(arguments + " '" + url + "'"));
+    EXPECT_EQ(status + " " + (arguments == "-I" ? "" : device.Answer()), answer) << arguments;
+  }
+  TheCloud().SetFaults("ignore-range /packages/* times=1\ncut /packages/* times=1 4\n");
+  EXPECT_EQ(device.Status("-r 3-5 '" + url + "'"), 200);
+  EXPECT_EQ(device.Answer(), "0123");
+  EXPECT_EQ(device.Status("'" + url + "x'"), 403);
 }
 
 TEST(VirtualClockTest, IsAheadByWhatTheFileSays) {

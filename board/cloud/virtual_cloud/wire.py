@@ -1,5 +1,6 @@
 """What carries the bytes of one connection, and what goes wrong with them on the way."""
 
+import contextlib
 import select
 import socket
 import struct
@@ -89,9 +90,7 @@ class _Way:
             self.waiting = self.source.recv(CHUNK, socket.MSG_DONTWAIT)
         except BlockingIOError:
             return
-        if not self.waiting:
-            self.ended = True
-            self.target.shutdown(socket.SHUT_WR)
+        self.ended = not self.waiting
 
     def write(self, room):
         try:
@@ -102,20 +101,24 @@ class _Way:
         return sent
 
 
-def pump(outer, inner, shape):
-    """Carries bytes between the board's connection and the server's until both have ended; closes both."""
+def pump(outer, inner, shape, to_be_reset=lambda: False):
+    """Carries bytes between the board's connection and the server's until both have ended; closes both. The server
+    may end its side for a reset."""
+    reset = False
     try:
-        _carry((_Way(outer, inner), _Way(inner, outer)), outer, shape)
+        _carry((_Way(outer, inner), _Way(inner, outer)), outer, shape, to_be_reset)
     except Reset:
-        outer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        reset = True
     except OSError:
-        pass  # one side is gone
+        reset = to_be_reset()  # one side is gone
     finally:
+        if reset:
+            outer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         outer.close()
         inner.close()
 
 
-def _carry(ways, outer, shape):
+def _carry(ways, outer, shape, to_be_reset):
     while not all(way.done() for way in ways):
         room = shape.room()
         if room == 0:
@@ -129,6 +132,14 @@ def _carry(ways, outer, shape):
                 room = shape.room()
             elif not way.waiting and way.source.fileno() in ready:
                 way.read()
+                if way.ended:
+                    _end(way, to_be_reset)
+
+
+def _end(way, to_be_reset):
+    if to_be_reset():
+        raise Reset
+    way.target.shutdown(socket.SHUT_WR)
 
 
 def _await(ways):
@@ -143,6 +154,13 @@ def _await(ways):
     for descriptor, events in interest.items():
         poll.register(descriptor, events)
     return {descriptor for descriptor, _ in poll.poll()}
+
+
+def await_end(outer):
+    """Returns when the board has given up."""
+    with contextlib.suppress(ValueError):  # closed meanwhile
+        while not _gone(outer):
+            pass
 
 
 def _gone(outer):
