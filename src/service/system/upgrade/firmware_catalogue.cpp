@@ -132,6 +132,8 @@ void FirmwareCatalogue::Compare(FirmwareOffer& offer) const {
   std::error_code error;
   offer.has_downloaded = std::filesystem::exists(std::filesystem::symlink_status(file, error)) &&
                          setup_.check->CheckFirmwareFile(file, offer.description);
+  if (offer.has_downloaded)
+    setup_.store->RemovePart(remote);  // of a run that ended before it could
   setup_.store->RemoveOthers(remote, setup_.in_use);
 }
 

@@ -40,7 +40,7 @@ const char* ReasonOf(DownloadOutcome outcome) {
 FirmwareDownload::FirmwareDownload(DownloadSetup setup, const FirmwareDescription& description)
     : setup_(std::move(setup)),
       description_(description),
-      part_(*setup_.store, description, setup_.min_free_bytes,
+      part_(*setup_.store, description, {setup_.min_free_bytes, setup_.sync_bytes},
             [this](int64_t position) { return Tell(position); }),
       furthest_(part_.Position()) {}
 

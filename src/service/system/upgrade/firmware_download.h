@@ -23,6 +23,7 @@ struct DownloadSetup {
   const FirmwareStore* store = nullptr;
   FirmwareCheck* check = nullptr;
   uint64_t min_free_bytes = 0;
+  int64_t sync_bytes = FirmwarePart::kSyncBytes;
   /// From 0 to 100; never falls.
   std::function<void(int percent, int64_t received, int64_t size)> progress{};
   /// Another address, when the one that there is is refused; nothing: there is none.

@@ -22,10 +22,10 @@ constexpr mode_t kMode = 0600;
 }  // namespace
 
 FirmwarePart::FirmwarePart(const FirmwareStore& store, const FirmwareDescription& description,
-                           uint64_t min_free_bytes, Progress progress)
+                           Limits limits, Progress progress)
     : store_(store),
       description_(description),
-      min_free_bytes_(min_free_bytes),
+      limits_(limits),
       progress_(std::move(progress)),
       file_(::open(store.Part(description.fullversion).c_str(),
                    O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kMode)) {
@@ -65,7 +65,7 @@ bool FirmwarePart::Fail(Problem problem) {
 
 bool FirmwarePart::HasRoom() const {
   const uint64_t missing = description_.size - static_cast<uint64_t>(position_);
-  return utils::EnoughFreeSpace(store_.Directory(), missing + min_free_bytes_);
+  return utils::EnoughFreeSpace(store_.Directory(), missing + limits_.min_free_bytes);
 }
 
 bool FirmwarePart::WriteRecord() const {
@@ -102,7 +102,7 @@ bool FirmwarePart::Take(const char* data, size_t size) {
   if (::lseek(file_.Get(), position_, SEEK_SET) < 0 || utils::WriteAll(file_.Get(), {data, size}))
     return Fail(Problem::kNotWritten);
   position_ += static_cast<int64_t>(size);
-  return position_ - synced_ < kSyncBytes || Sync();
+  return position_ - synced_ < limits_.sync_bytes || Sync();
 }
 
 bool FirmwarePart::GoOn(int64_t position) {

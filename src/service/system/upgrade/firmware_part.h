@@ -23,10 +23,14 @@ class FirmwarePart : public RangeSink {
   /// Called about once a second, with what is there. False ends the download.
   using Progress = std::function<bool(int64_t position)>;
 
+  struct Limits {
+    uint64_t min_free_bytes = 0;  ///< stay free beside what is still to come
+    int64_t sync_bytes = kSyncBytes;
+  };
+
   /// Goes on with what is there of this firmware. The store outlives it.
-  /// @param min_free_bytes stay free beside what is still to come
-  FirmwarePart(const FirmwareStore& store, const FirmwareDescription& description,
-               uint64_t min_free_bytes, Progress progress);
+  FirmwarePart(const FirmwareStore& store, const FirmwareDescription& description, Limits limits,
+               Progress progress);
 
   [[nodiscard]] bool IsOpen() const { return static_cast<bool>(file_); }
   [[nodiscard]] bool HasRoom() const;
@@ -51,7 +55,7 @@ class FirmwarePart : public RangeSink {
 
   const FirmwareStore& store_;
   const FirmwareDescription& description_;
-  const uint64_t min_free_bytes_;
+  const Limits limits_;
   const Progress progress_;
   utils::UniqueFd file_;
   int64_t position_ = 0;
