@@ -9,6 +9,7 @@
 #include <iterator>
 #include <stdexcept>
 
+#include "virtual_board/client/json_lines.h"
 #include "virtual_board/common/await.h"
 #include "virtual_board/common/fd.h"
 #include "virtual_board/common/files.h"
@@ -25,18 +26,6 @@ namespace {
 
 constexpr auto kStartLimit = 20s;
 constexpr auto kCommandLimit = 30s;
-
-/// Whole lines only; moves the place where the next look goes on.
-std::vector<json> EntriesFrom(const fs::path& journal, std::streamoff& from) {
-  std::ifstream file(journal);
-  file.seekg(from);
-  std::vector<json> entries;
-  for (std::string line; std::getline(file, line) && !file.eof();) {
-    entries.push_back(json::parse(line));
-    from += static_cast<std::streamoff>(line.size()) + 1;
-  }
-  return entries;
-}
 
 }  // namespace
 
@@ -87,7 +76,7 @@ std::string Cloud::Faults() const {
 
 std::vector<json> Cloud::Journal() const {
   std::streamoff from = 0;
-  return EntriesFrom(files_.Journal(), from);
+  return JsonLines(files_.Journal(), from);
 }
 
 std::vector<json> Cloud::Requests(const std::string& path, const std::string& device) const {
@@ -104,7 +93,7 @@ std::optional<json> Cloud::AwaitEntry(const std::function<bool(const json&)>& fi
   std::optional<json> found;
   std::streamoff from = 0;
   Await(limit, [&] {
-    const auto entries = EntriesFrom(files_.Journal(), from);
+    const auto entries = JsonLines(files_.Journal(), from);
     const auto first = std::find_if(entries.begin(), entries.end(), fits);
     if (first != entries.end()) found = *first;
     return found.has_value();

@@ -12,9 +12,11 @@ class Lost(ConnectionError):
 
 
 class Pace:
-    """How much of a body may move: `reset`, `stall` and `rate` of one request."""
+    """How much of a body may move: `reset`, `stall` and `rate` of one request. A stall is told as it begins, for it
+    may take long."""
 
-    def __init__(self, met, connection):
+    def __init__(self, met, connection, tell):
+        self._tell = tell
         self._limits = {kind: int(met[kind]) for kind in ("reset", "stall", "rate") if met.get(kind)}
         self._connection = connection
         self.total = 0
@@ -37,6 +39,7 @@ class Pace:
         if self._limits.get("reset", self.total + 1) <= self.total:
             self._connection.to_be_reset = True
         else:
+            self._tell()
             wire.await_end(self._connection.outer)
         raise Lost
 

@@ -21,6 +21,7 @@ Requests; WHERE is a path, with "*" for any text, and part=N the part of an uplo
     revoke PATH                the device's access token is revoked as it comes
     lost PATH                  what is asked for is done, then the connection ends without an answer
     redirect PATH URL          status 302, or that of another line
+    echo PATH STATUS           this HTTP status, with an XML error that quotes the request, secrets and all
     parts PATH N,N...          the reply lists these parts of the upload, in this order
 
 The file that is sent, or else given:
@@ -95,6 +96,7 @@ ANSWER = {
     "revoke": _nothing,
     "lost": _nothing,
     "redirect": str,
+    "echo": _count,
     "parts": _parts,
     "reset": _count,
     "stall": _count,

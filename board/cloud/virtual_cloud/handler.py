@@ -5,6 +5,7 @@ import json
 import time
 from http.server import BaseHTTPRequestHandler
 from urllib.parse import parse_qsl, urlencode, urlsplit
+from xml.sax.saxutils import escape
 
 from . import answer, body, faults, files, places
 
@@ -78,14 +79,14 @@ class Handler(BaseHTTPRequestHandler):
             told = {"body_base64": base64.b64encode(request.body).decode()}
         headers = [list(item) for item in self.headers.items()]
         self._record(request, replied.status, arrived, query=request.query_text, headers=headers, **told)
-        self._send(request, replied, body.Pace(request.faults, self._wire))
+        self._send(request, replied, self._pace(request, request.faults))
 
     def _exchange(self, request, size, serve, arrived):
         """A file, taken or given: its bytes and the secrets of its address are not journaled."""
         self._meet(request)
-        upload = body.Upload(self.rfile, size, body.Pace(request.faults, self._wire), self._go_on)
+        upload = body.Upload(self.rfile, size, self._pace(request, request.faults), self._go_on)
         request.stream = upload
-        sent = body.Pace({} if size else request.faults, self._wire)
+        sent = self._pace(request, {} if size else request.faults)
         ignored, status = 0, None
         try:
             replied = self._answer(request, serve)
@@ -129,12 +130,18 @@ class Handler(BaseHTTPRequestHandler):
         )
         request.faults = {fault.kind: fault.argument for fault in self._met}
 
+    def _pace(self, request, met):
+        return body.Pace(met, self._wire, lambda: self._journal("fault", request, fault=self._fault()))
+
+    def _fault(self):
+        return " & ".join(fault.name for fault in self._met) or None
+
     def _answer(self, request, handler):
         met = request.faults
         if "revoke" in met:
             self._api.tokens.revoke(request.device, ("access_token",))
             request.device = ""
-        replied = _instead(met) or handler(request)
+        replied = _instead(request) or handler(request)
         if "patch" in met:
             changed = _merge(json.loads(b"".join(replied.pieces())), json.loads(met["patch"]))
             replied.body = json.dumps(changed).encode()
@@ -153,9 +160,17 @@ class Handler(BaseHTTPRequestHandler):
         }
 
     def _record(self, request, status, arrived, **members):
-        fault = " & ".join(fault.name for fault in self._met) or None
-        told = {"host": self.headers.get("Host"), "method": request.method, "status": status, "fault": fault}
-        self._journal("request", request, arrived=arrived, device=request.device or None, **told, **members)
+        self._journal(
+            "request",
+            request,
+            arrived=arrived,
+            device=request.device or None,
+            host=self.headers.get("Host"),
+            method=request.method,
+            status=status,
+            fault=self._fault(),
+            **members,
+        )
 
     def _journal(self, event, request, **members):
         self._api.journal.write(event, path=request.path, **members, **self._wire.identity())
@@ -203,11 +218,14 @@ class Handler(BaseHTTPRequestHandler):
             self.wfile.write(chunk)
 
 
-def _instead(met):
+def _instead(request):
     """What a fault answers; nothing without such a one."""
+    met = request.faults
     status = int(met.get("status", 302 if "redirect" in met else 200))
     if "redirect" in met:
         return answer.Answer(status, headers={"Location": met["redirect"]})
+    if "echo" in met:
+        return _echo(request, int(met["echo"]))
     if "code" in met:
         return answer.failure(int(met["code"]), "fault", status)
     if "body" in met:
@@ -215,3 +233,12 @@ def _instead(met):
     if "file" in met:
         return answer.Answer(status, files.read(met["file"]))
     return answer.failure(status, "fault", status) if "status" in met else None
+
+
+def _echo(request, status):
+    """An error that quotes what came, secrets and all."""
+    lines = [f"{request.method} {request.path}?{request.query_text}"]
+    lines += [f"{name}: {value}" for name, value in request.headers.items()]
+    quoted = escape("\n".join(lines))
+    text = f"<Error><Code>AccessDenied</Code><Message>{quoted}</Message><Request>{quoted}</Request></Error>"
+    return answer.Answer(status, text.encode(), "application/xml")
