@@ -288,5 +288,18 @@ TEST_F(UpgradeTest, AKilledDownloadGoesOnWhereItWas) {
   EXPECT_GT(first, 0U) << "it did go on";
 }
 
+TEST_F(UpgradeTest, ASilentCloudHoldsUpNobodyElse) {
+  Publish(1000, "9.3.0");
+  board_.Join();
+  TheCloud().SetFaults("silence api device=" + board_.serial + "\n");
+  for (int i = 0; i < 20; ++i) {
+    (void)board_.rpc.Post("system.upgrade_check_remote", nullptr, kTopic);
+    (void)board_.rpc.Post("mqtt_agent.pull_print_task", {{"job_id", "j"}}, "mqtt_agent/request");
+  }
+  const auto asked = std::chrono::steady_clock::now();
+  EXPECT_EQ(Call("get_device_info").at("result").at("state"), "success");
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, 200ms);
+}
+
 }  // namespace
 }  // namespace varnel::board

@@ -171,20 +171,20 @@ class Agent {
   bool end_wait_ GUARDED_BY(wait_mutex_) = false;
 
   // The agent's thread only.
+  utils::Clock::TimePoint save_again_at_{};
+  utils::Clock::TimePoint refresh_at_{};
+  utils::Clock::TimePoint refused_again_at_{};  ///< not before then for a token that is refused
+  AgentState announced_ = AgentState::INIT;
   int32_t budget_ = 0;
-  bool connecting_ = false;
   uint32_t ticks_ = 0;
-  bool tell_region_lock_ = false;
   uint32_t untold_syncs_ = 0;    ///< until a status that could not be told is told again
   uint32_t untold_pause_ = 1;    ///< syncs, after the next failure
+  int unreachable_brokers_ = 0;  ///< rounds one after another that ended there
+  bool connecting_ = false;
+  bool tell_region_lock_ = false;
   bool server_changed_ = false;  ///< so that there is no token for it
-  utils::Clock::TimePoint save_again_at_{};
-  AgentState announced_ = AgentState::INIT;
-  utils::Clock::TimePoint refresh_at_{};
   bool token_is_new_ = false;
-  utils::Clock::TimePoint refused_again_at_{};  ///< not before then for a token that is refused
-  int unreachable_brokers_ = 0;                 ///< rounds one after another that ended there
-  std::string cloud_region_{};                  ///< whose tokens and broker these are
+  std::string cloud_region_{};  ///< whose tokens and broker these are
   ConnectPacing pacing_;
   RepeatedLine idle_line_;
   RepeatedLine probe_line_;
