@@ -30,6 +30,15 @@ class Request:
         return value if isinstance(value, dict) else {}
 
 
+def pieces(file, begin, end):
+    """Bytes of an open file, and zeros beyond its end."""
+    while begin < end:
+        size = min(CHUNK, end - begin)
+        piece = os.pread(file.fileno(), size, begin) or bytes(size)
+        yield piece
+        begin += len(piece)
+
+
 @dataclass
 class FilePart:
     """Bytes of an open file, and zeros beyond its end."""
@@ -43,12 +52,7 @@ class FilePart:
 
     def pieces(self):
         with self.file:
-            at = self.begin
-            while at < self.end:
-                size = min(CHUNK, self.end - at)
-                piece = os.pread(self.file.fileno(), size, at)
-                yield piece or bytes(size)
-                at += len(piece) or size
+            yield from pieces(self.file, self.begin, self.end)
 
 
 @dataclass

@@ -26,16 +26,41 @@ class Refused(Exception):
 
 @dataclass
 class Part:
-    file: str
+    begin: int  # in the upload's file
     size: int
     etag: str  # as it was answered
 
 
 @dataclass
 class Upload:
+    """In parts; they lie in one file, in the order in which they came."""
+
     name: str
     device: str
+    file: str
     parts: dict = field(default_factory=dict)
+    lock: threading.Lock = field(default_factory=threading.Lock)  # of the parts and the file
+
+    def keep(self, number, file, size, etag):
+        """One of the same size as before takes its place."""
+        with self.lock, open(file, "rb") as piece, open(self.file, "r+b") as out:
+            before = self.parts.get(number)
+            begin = before.begin if before and before.size == size else out.seek(0, os.SEEK_END)
+            out.seek(begin)
+            shutil.copyfileobj(piece, out, answer.CHUNK)
+            self.parts[number] = Part(begin, size, etag)
+
+    def whole(self, parts):
+        """A file with these parts alone: mostly the one that there is."""
+        ends = [0, *(part.begin + part.size for part in parts)]
+        if [part.begin for part in parts] == ends[:-1] and os.path.getsize(self.file) == ends[-1]:
+            return self.file
+        with open(self.file, "rb") as source, open(self.file + ".whole", "wb") as out:
+            for part in parts:
+                for piece in answer.pieces(source, part.begin, part.begin + part.size):
+                    out.write(piece)
+        os.unlink(self.file)
+        return self.file + ".whole"
 
 
 class Store:
@@ -65,9 +90,10 @@ class Store:
     def begin(self, name, device):
         """The id of a new upload in parts."""
         upload_id = secrets.token_hex(16)
-        os.mkdir(f"{_MAKING}/{upload_id}")
+        upload = Upload(name, device, f"{_MAKING}/{upload_id}")
+        open(upload.file, "xb").close()
         with self._lock:
-            self._uploads[upload_id] = Upload(name, device)
+            self._uploads[upload_id] = upload
         return upload_id
 
     def upload(self, upload_id, device):
@@ -79,23 +105,22 @@ class Store:
     def complete(self, upload_id, told):
         """Puts an upload's parts together, as pairs of number and ETag tell. Throws Refused."""
         with self._lock:
-            upload = self._uploads[upload_id]
+            upload = self._uploads.get(upload_id)
+        if not upload:
+            raise Refused("NoSuchUpload")
+        with upload.lock:
             parts = _agreed(upload.parts, told)
-            del self._uploads[upload_id]
-        whole = parts[0].file
-        with open(whole, "ab") as out:
-            for part in parts[1:]:
-                with open(part.file, "rb") as piece:
-                    shutil.copyfileobj(piece, out, answer.CHUNK)
-                os.unlink(part.file)
-        sums = b"".join(bytes.fromhex(part.etag.strip('"')) for part in parts)
-        self._place(whole, upload.name, f'"{hashlib.md5(sums).hexdigest()}-{len(parts)}"')
-        shutil.rmtree(f"{_MAKING}/{upload_id}")
+            with self._lock:
+                if not self._uploads.pop(upload_id, None):
+                    raise Refused("NoSuchUpload")
+            sums = b"".join(bytes.fromhex(part.etag.strip('"')) for part in parts)
+            self._place(upload.whole(parts), upload.name, f'"{hashlib.md5(sums).hexdigest()}-{len(parts)}"')
 
     def cancel(self, upload_id):
         with self._lock:
-            del self._uploads[upload_id]
-        shutil.rmtree(f"{_MAKING}/{upload_id}")
+            upload = self._uploads.pop(upload_id, None)
+        if upload:
+            os.unlink(upload.file)
 
     def etag(self, name):
         """Nothing for an object that nobody has put since the cloud was started."""
@@ -141,27 +166,28 @@ class Store:
         if request.headers.get(CHECKSUM) != sha256:
             os.unlink(file)
             return _error(400, "BadDigest", "The SHA256 you specified did not match the calculated checksum.")
-        if upload:
-            self._keep(file, upload_id, int(request.query["partNumber"]), Part("", request.stream.size, etag))
-        else:
+        if not upload:
             self._place(file, name, etag)
+        elif not _kept(upload, int(request.query["partNumber"]), file, request.stream.size, etag):
+            return _error(404, "NoSuchUpload", "The upload has ended meanwhile.")
         return answer.Answer(headers={"ETag": etag, CHECKSUM: sha256})
-
-    def _keep(self, file, upload_id, number, part):
-        with self._lock:
-            upload = self._uploads.get(upload_id)
-            if not upload:  # ended meanwhile
-                os.unlink(file)
-                return
-            part.file = f"{_MAKING}/{upload_id}/{number}"
-            os.replace(file, part.file)
-            upload.parts[number] = part
 
     def _place(self, file, name, etag):
         os.makedirs(os.path.dirname(f"objects/{name}"), exist_ok=True)
         with self._lock:
             os.replace(file, f"objects/{name}")
             self._etags[name] = etag
+
+
+def _kept(upload, number, file, size, etag):
+    """Whether there still is an upload that could keep the part."""
+    try:
+        upload.keep(number, file, size, etag)
+        return True
+    except FileNotFoundError:
+        return False
+    finally:
+        os.unlink(file)
 
 
 def _agreed(parts, told):

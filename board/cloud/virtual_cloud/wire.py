@@ -1,15 +1,19 @@
 """What carries the bytes of one connection, and what goes wrong with them on the way."""
 
 import contextlib
+import fcntl
 import select
 import socket
 import struct
+import termios
 import time
 
 from . import faults
 
 CHUNK = 256 * 1024
 STALL_LOOK_MS = 100
+DELIVERY_LOOK_S = 0.002
+DELIVERY_LIMIT_S = 1
 
 
 class Reset(Exception):
@@ -138,8 +142,16 @@ def _carry(ways, outer, shape, to_be_reset):
 
 def _end(way, to_be_reset):
     if to_be_reset():
+        _await_delivery(way.target)
         raise Reset
     way.target.shutdown(socket.SHUT_WR)
+
+
+def _await_delivery(target):
+    """A reset throws away what the other side has not taken."""
+    end = time.monotonic() + DELIVERY_LIMIT_S
+    while time.monotonic() < end and any(fcntl.ioctl(target, termios.TIOCOUTQ, bytes(4))):
+        time.sleep(DELIVERY_LOOK_S)
 
 
 def _await(ways):
