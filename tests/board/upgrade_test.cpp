@@ -17,7 +17,6 @@ namespace varnel::board {
 namespace {
 
 using nlohmann::json;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using namespace std::chrono_literals;
 
@@ -225,13 +224,11 @@ TEST_F(UpgradeTest, OnlyWhatWasCheckedIsFlashed) {
   (void)board_.board.Shell("rm /userdata/.tmp_upgrade");
   EXPECT_EQ(Check().at("has_new"), true);
   EXPECT_EQ(Download("9.1.0").at("state"), "success");
-  const std::string file = std::string(kStore) + "9.1.0.bin";
-  for (const std::string& change :
-       {"cp -p " + file +
-            " /userdata/x; printf X | dd of=/userdata/x conv=notrunc 2>/dev/null; "
-            "touch -r " +
-            file + " /userdata/x; mv /userdata/x " + file,
-        "mv " + file + " /userdata/y; ln -s /userdata/y " + file}) {
+  for (const char* change :
+       {"cd /userdata/.tmp_upgrade && cp -p 9.1.0.bin ../x && "
+        "printf X | dd of=../x conv=notrunc 2>/dev/null && touch -r 9.1.0.bin ../x && "
+        "mv ../x 9.1.0.bin",
+        "cd /userdata/.tmp_upgrade && mv 9.1.0.bin ../y && ln -s ../y 9.1.0.bin"}) {
     ASSERT_EQ(board_.board.Shell(change).status, 0);
     const size_t before = Outcomes().size();
     EXPECT_EQ(Upgrade(), Success());
