@@ -155,9 +155,7 @@ service::UpgradeSetup UpgradeSetupOf(comms::CommsManager& comms, Hardware& hardw
     setup.storage = storage;
   setup.key_file = deployment.firmware_key_file;
   setup.min_free_bytes = uint64_t{deployment.min_free_space_mib} << 20U;
-  setup.local_fullversion = [&hardware] {
-    return hardware.system.Identity()->full_firmware_version;
-  };
+  setup.local_fullversion = [&hardware] { return hardware.system.FullFirmwareVersionNow(); };
   setup.is_connected = [&cloud] { return cloud.IsConnected(); };
   setup.ask_record = [&cloud] { return cloud.FirmwareRecord(); };
   setup.take_turn = [&cloud] { return cloud.TakeTurn(); };

@@ -147,6 +147,11 @@ std::string SystemAdapter::Uuid() {
   return uuid_;
 }
 
+std::string SystemAdapter::FullFirmwareVersionNow() const {
+  const auto now = table_ != nullptr ? ReadIdentity() : nullptr;
+  return now ? now->full_firmware_version : std::string();
+}
+
 std::shared_ptr<const DeviceIdentity> SystemAdapter::ReadIdentity() const {
   DeviceInfo info{};
   const utils::WipeAtEnd wipe(info);

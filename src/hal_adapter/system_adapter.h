@@ -51,6 +51,9 @@ class SystemAdapter {
   /// Never null; does not change.
   std::shared_ptr<const DeviceIdentity> Identity();
   std::string Uuid();
+  /// What the platform says at this moment, after an upgrade for example; empty when it cannot be
+  /// asked.
+  [[nodiscard]] std::string FullFirmwareVersionNow() const;
 
   /// Runs until the upgrade ended. The platform's status, or -7 without the slot.
   HalStatus UpgradeFirmware(uint32_t target, const std::string& package) const;

@@ -11,6 +11,7 @@ inline void SetDownloadOptions(Transfer& transfer) {
   constexpr long kConnectTimeoutS = 60;
   constexpr long kLowSpeedBytes = 1;
   constexpr long kLowSpeedS = 30;
+  transfer.Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   transfer.Set(CURLOPT_FAILONERROR, 1L);
   transfer.Set(CURLOPT_FOLLOWLOCATION, 1L);
   transfer.Set(CURLOPT_MAXREDIRS, kMaxRedirects);

@@ -128,10 +128,9 @@ class RangedDownloader::Hooks : public TransferHooks {
   bool Begun() {
     if (begun_) return true;
     const bool whole = answer_.status == kOk;
+    wrong_range_ = answer_.status == kPartial && !IsAskedFor();
+    if (wrong_range_ || (!whole && answer_.status != kPartial)) return false;
     const auto& range = answer_.range;
-    wrong_range_ = !whole && !(answer_.status == kPartial && range && request_.offset > 0 &&
-                               range->first == request_.offset);
-    if (wrong_range_) return false;
     position_ = whole ? 0 : range->first;
     begun_ = sink_.Begin({position_, whole ? answer_.length : range->size, answer_.Validator()});
     return begun_;
@@ -140,6 +139,15 @@ class RangedDownloader::Hooks : public TransferHooks {
   [[nodiscard]] bool WrongRange() const { return wrong_range_; }
 
  private:
+  /// The next bytes of the same file.
+  [[nodiscard]] bool IsAskedFor() const {
+    const auto& range = answer_.range;
+    const std::string validator = answer_.Validator();
+    return range && request_.offset > 0 && range->first == request_.offset &&
+           range->size.value_or(request_.max_bytes) == request_.max_bytes &&
+           (validator.empty() || validator == request_.validator);
+  }
+
   const RangedDownloader& owner_;
   const RangeRequest& request_;
   RangeSink& sink_;

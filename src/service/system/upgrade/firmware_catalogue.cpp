@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "service/cloud/http/http_request.h"
+#include "service/system/upgrade/upgrade_record.h"
 #include "utils/atomic_file.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
@@ -121,7 +122,7 @@ void FirmwareCatalogue::Compare(FirmwareOffer& offer) const {
   const std::string local = setup_.local_fullversion();
   VLOG_INFO(kTag, "Check new version: remote fullversion is {}, local fullversion is {}", remote,
             utils::LogText(local));
-  offer.has_new = remote != local;
+  offer.has_new = !IsThisVersion(local, remote);
   if (offer.has_new) {
     VLOG_INFO(kTag, "There is a new version of the firmware.");
   } else {
@@ -130,8 +131,10 @@ void FirmwareCatalogue::Compare(FirmwareOffer& offer) const {
   VLOG_INFO(kTag, "System uptime is {}", Uptime());
   const auto file = setup_.store->Firmware(remote);
   std::error_code error;
-  offer.has_downloaded = std::filesystem::exists(std::filesystem::symlink_status(file, error)) &&
-                         setup_.check->CheckFirmwareFile(file, offer.description);
+  if (std::filesystem::exists(std::filesystem::symlink_status(file, error))) {
+    offer.has_downloaded = setup_.check->CheckFirmwareFile(file, offer.description);
+    if (!offer.has_downloaded && !setup_.in_use(remote)) std::filesystem::remove(file, error);
+  }
   if (offer.has_downloaded)
     setup_.store->RemovePart(remote);  // of a run that ended before it could
   setup_.store->RemoveOthers(remote, setup_.in_use);

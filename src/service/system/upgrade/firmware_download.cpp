@@ -15,7 +15,9 @@ using namespace std::chrono_literals;
 constexpr const char* kTag = "UPGM";
 constexpr double kStallS = 15;
 constexpr int kIdleAttempts = 3;
-constexpr int kMostRestarts = 3;
+constexpr int kMostWrongRanges = 3;
+constexpr int kMostBeginnings = 10;
+constexpr long kPartial = 206;
 constexpr long kForbidden = 403;
 constexpr long kRangeNotSatisfiable = 416;
 
@@ -58,7 +60,8 @@ DownloadOutcome FirmwareDownload::Run(std::string url) {
       VLOG_ERROR(kTag, "There is no room for {} bytes of firmware", size - part_.Position());
       return Failed(CURLE_WRITE_ERROR);
     }
-    const bool resumes = part_.Position() > 0 && !part_.Validator().empty();
+    const bool resumes =
+        part_.Position() > 0 && !part_.Validator().empty() && !std::exchange(whole_, false);
     const RangeResult result = setup_.http->Download(
         {url, resumes ? part_.Position() : 0, part_.Validator(), size, kStallS}, part_);
     if (const auto outcome = Judge(result, url)) return *outcome;
@@ -71,22 +74,32 @@ std::optional<DownloadOutcome> FirmwareDownload::Judge(const RangeResult& result
   using Problem = FirmwarePart::Problem;
   if (part_.Why() == Problem::kWrongSize || result.too_long) return Refuse();
   if (part_.Why() != Problem::kNone) return Failed(result.code);
-  if (result.code == CURLE_OK) return Finish();
-  if (result.status == kForbidden && !std::exchange(fresh_, true)) {
+  if (result.code == CURLE_OK) return AfterAll(result);
+  if (result.status == kForbidden &&
+      part_.Position() > std::exchange(fresh_at_, part_.Position())) {
     auto other = setup_.fresh_url();
     if (!other) return Failed(result.code);
     url = *std::move(other);
     return std::nullopt;
   }
   if (result.wrong_range || result.status == kRangeNotSatisfiable) {
-    if (++restarts_ > kMostRestarts || !part_.Restart()) return Failed(result.code);
+    if (++wrong_ranges_ > kMostWrongRanges) return Failed(result.code);
+    whole_ = true;
     return std::nullopt;
   }
   return result.IsNetwork() ? AfterNetwork() : Failed(result.code);
 }
 
+/// A range may be shorter than what was asked for.
+std::optional<DownloadOutcome> FirmwareDownload::AfterAll(const RangeResult& result) {
+  const bool is_part =
+      result.status == kPartial && part_.Position() < static_cast<int64_t>(description_.size);
+  return is_part ? AfterNetwork() : Finish();
+}
+
 std::optional<DownloadOutcome> FirmwareDownload::AfterNetwork() {
-  idle_ = part_.Position() > furthest_ ? 0 : idle_ + 1;
+  if (part_.Beginnings() != std::exchange(beginnings_, part_.Beginnings())) furthest_ = 0;
+  idle_ = part_.Position() > furthest_ && beginnings_ <= kMostBeginnings ? 0 : idle_ + 1;
   furthest_ = std::max(furthest_, part_.Position());
   if (!part_.Sync()) return Failed(CURLE_WRITE_ERROR);
   if (idle_ < kIdleAttempts && setup_.pause(idle_ < 2 ? 1s : 2s)) return std::nullopt;

@@ -43,6 +43,7 @@ class FirmwareDownload {
  private:
   /// Nothing: once more.
   [[nodiscard]] std::optional<DownloadOutcome> Judge(const RangeResult& result, std::string& url);
+  [[nodiscard]] std::optional<DownloadOutcome> AfterAll(const RangeResult& result);
   [[nodiscard]] std::optional<DownloadOutcome> AfterNetwork();
   [[nodiscard]] DownloadOutcome Failed(int code) const;
   [[nodiscard]] DownloadOutcome Finish();
@@ -54,9 +55,11 @@ class FirmwareDownload {
   FirmwarePart part_;
   int percent_ = 0;
   int64_t furthest_ = 0;
-  int idle_ = 0;      ///< attempts one after another without a new byte
-  int restarts_ = 0;  ///< because of ranges that the server does not serve
-  bool fresh_ = false;
+  int idle_ = 0;           ///< attempts one after another without a new byte
+  int beginnings_ = 0;     ///< of the part, when an attempt ended
+  int wrong_ranges_ = 0;   ///< answers that were not what was asked for
+  bool whole_ = false;     ///< the next attempt asks for all of it
+  int64_t fresh_at_ = -1;  ///< where an address was refused last
 };
 
 }  // namespace varnel::service

@@ -82,6 +82,7 @@ bool FirmwarePart::WriteRecord() const {
 bool FirmwarePart::StartOver(const std::string& validator) {
   position_ = synced_ = 0;
   validator_ = validator;
+  ++beginnings_;
   return (WriteRecord() && ::ftruncate(file_.Get(), 0) == 0) || Fail(Problem::kNotWritten);
 }
 

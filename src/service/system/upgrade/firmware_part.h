@@ -38,8 +38,8 @@ class FirmwarePart : public RangeSink {
   [[nodiscard]] int64_t Position() const { return position_; }
   [[nodiscard]] const std::string& Validator() const { return validator_; }
   [[nodiscard]] Problem Why() const { return problem_; }
-  /// Forgets what is there.
-  [[nodiscard]] bool Restart() { return StartOver({}); }
+  /// How often it has begun anew.
+  [[nodiscard]] int Beginnings() const { return beginnings_; }
   /// Makes it last; false when that fails.
   [[nodiscard]] bool Sync();
 
@@ -61,6 +61,7 @@ class FirmwarePart : public RangeSink {
   int64_t position_ = 0;
   int64_t synced_ = 0;
   std::string validator_;
+  int beginnings_ = 0;
   Problem problem_ = Problem::kNone;
 };
 

@@ -33,7 +33,8 @@ std::optional<std::string> VersionOf(const std::string& name) {
 }
 
 std::error_code MakeOurs(const fs::path& directory) {
-  if (::mkdir(directory.c_str(), kMode) != 0 && errno != EEXIST) return utils::LastError();
+  if (::mkdir(directory.c_str(), kMode) == 0) return utils::SyncDirectory(directory.parent_path());
+  if (errno != EEXIST) return utils::LastError();
   struct stat info {};
   if (::lstat(directory.c_str(), &info) != 0) return utils::LastError();
   if (!S_ISDIR(info.st_mode)) return std::make_error_code(std::errc::not_a_directory);
@@ -83,11 +84,13 @@ void FirmwareStore::RemoveOthers(
     const std::string& fullversion,
     const std::function<bool(const std::string& fullversion)>& in_use) const {
   std::error_code error;
-  for (const auto& entry : fs::directory_iterator(directory_, error)) {
-    const auto version = VersionOf(entry.path().filename().string());
+  fs::directory_iterator entry(directory_, error);
+  for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+    const auto version = VersionOf(entry->path().filename().string());
     if (!version || *version == fullversion || in_use(*version)) continue;
-    VLOG_INFO(kTag, "Remove old firmware file {}", utils::LogText(entry.path().string()));
-    fs::remove(entry.path(), error);
+    VLOG_INFO(kTag, "Remove old firmware file {}", utils::LogText(entry->path().string()));
+    std::error_code failure;
+    fs::remove(entry->path(), failure);
   }
 }
 

@@ -8,6 +8,7 @@
 #include "comms/json_rpc_message.h"
 #include "comms/log_payload.h"
 #include "service/system/upgrade/printer_state.h"
+#include "utils/atomic_file.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 #include "utils/thread.h"
@@ -94,15 +95,8 @@ comms::CommsStatus UpgradeManager::Start() {
     if (status != comms::CommsStatus::kOk) return status;
   }
   VLOG_INFO(kTag, "Upgrade management initialized via CommsManager.");
-  if (!store_.Prepare()) return comms::CommsStatus::kOk;
-  if (const auto record = UpgradeRecord::Load(store_.UpgradeRecord())) {
-    const utils::MutexLock threads(threads_mutex_);
-    if (BeginUpgrade() && !StartThread(upgrade_thread_, "upgrade-outcome",
-                                       [this, record = *record] { TellEarlierUpgrade(record); })) {
-      const utils::MutexLock lock(mutex_);
-      upgrading_ = false;
-    }
-  }
+  (void)store_.Prepare();
+  StartTellingEarlierUpgrade();
   VLOG_INFO(kTag, "UpgradeManager initialization completed.");
   return comms::CommsStatus::kOk;
 }
@@ -219,7 +213,9 @@ json UpgradeManager::ReqCallbackDownloadFirmware(const json& params) {
   const utils::MutexLock lock(threads_mutex_);
   if (StartThread(download_thread_, "firmware", [this, fullversion] { Download(fullversion); }))
     return Success();
-  SetState(FirmwareState::kFailed);
+  const utils::MutexLock state(mutex_);
+  state_ = FirmwareState::kFailed;
+  fetched_.clear();
   return Failed(ReasonOf(DownloadOutcome::kFailed));
 }
 
@@ -248,8 +244,9 @@ const char* UpgradeManager::BeginDownload(const std::string& fullversion) {
 
 void UpgradeManager::Download(const std::string& fullversion) {
   DownloadOutcome outcome = DownloadOutcome::kFailed;
+  FirmwareDescription wanted{.fullversion = fullversion};
   try {
-    outcome = Fetch(fullversion);
+    outcome = Fetch(wanted);
   } catch (const std::exception& error) {
     VLOG_ERROR(kTag, "The download ends: {}", utils::LogText(error.what()));
   }
@@ -257,26 +254,31 @@ void UpgradeManager::Download(const std::string& fullversion) {
   {
     const utils::MutexLock lock(mutex_);
     // Another one may be offered by now.
-    const bool offered = offer_.description.fullversion == fullversion;
-    state_ = !offered ? FirmwareState::kNew
-             : good   ? FirmwareState::kDownloaded
-                      : FirmwareState::kFailed;
-    if (offered) offer_.has_downloaded = good;
+    const bool offered = offer_.description.IsSameFirmware(wanted);
+    state_ = !good     ? FirmwareState::kFailed
+             : offered ? FirmwareState::kDownloaded
+                       : FirmwareState::kNew;
+    offer_.has_downloaded = good && offered;
     fetched_.clear();
   }
   (void)notifier_.Outcome(good ? "success" : "failed", ReasonOf(outcome));
 }
 
-DownloadOutcome UpgradeManager::Fetch(const std::string& fullversion) {
+DownloadOutcome UpgradeManager::Fetch(FirmwareDescription& wanted) {
   const auto look = [this] {
     const utils::MutexLock one(check_mutex_);
     return CheckNow();
   };
   // The addresses may be signed, and old.
   const FirmwareOffer offer = look();
-  if (!offer.good || offer.description.fullversion != fullversion)
+  if (!offer.good || offer.description.fullversion != wanted.fullversion)
     return DownloadOutcome::kOtherVersion;
-  if (offer.has_downloaded) return DownloadOutcome::kSuccess;
+  wanted = offer.description;
+  if (offer.has_downloaded) {
+    notifier_.Progress("downloading", 100);
+    VLOG_INFO(kTag, "Download completed successfully!");
+    return DownloadOutcome::kSuccess;
+  }
   int told = -1;
   FirmwareDownload download(
       {.http = &firmware_,
@@ -312,109 +314,137 @@ json UpgradeManager::ReqCallbackUpgrade(const json& params) {
   if (params["type"] == "local" && !params.contains("filepath"))
     return InvalidParam("Missing required param: filepath");
   if (params["type"] == "local" && !params["filepath"].is_string()) return invalid();
-  if (IsUpgrading()) return Failed("upgrade is running");
   const char* refusal = nullptr;
-  const auto package = PackageOf(params, refusal);
+  const auto package = BeginUpgrade(params, refusal);
   if (!package) return Failed(refusal);
-  if (IsPrinting(*setup_.comms)) return Failed("printer is printing");
-  if (!BeginUpgrade()) return Failed("upgrade is running");
+  if (IsPrinting(*setup_.comms)) {
+    EndUpgrade();
+    return Failed("printer is printing");
+  }
   const utils::MutexLock lock(threads_mutex_);
   if (StartThread(upgrade_thread_, "upgrade", [this, package] { Upgrade(*package); }))
     return Success();
-  const utils::MutexLock state(mutex_);
-  upgrading_ = false;
+  EndUpgrade();
   return Failed("system upgrade failed");
 }
 
-std::optional<UpgradeManager::Package> UpgradeManager::PackageOf(const json& params,
-                                                                 const char*& refusal) {
-  if (params["type"] == "local") {
-    auto file = setup_.resolve(params["filepath"].get<std::string>());
-    std::error_code error;
-    refusal = "file not found";
-    if (!file || !std::filesystem::is_regular_file(*file, error) ||
-        std::filesystem::file_size(*file, error) == 0 || error)
-      return std::nullopt;
-    return Package{*std::move(file), std::nullopt};
-  }
-  const utils::MutexLock lock(mutex_);
-  refusal = !offer_.good ? "check new version failed" : "firmware has not been downloaded";
-  if (!offer_.good || state_ != FirmwareState::kDownloaded) return std::nullopt;
-  return Package{store_.Firmware(offer_.description.fullversion), offer_.description};
+std::optional<std::filesystem::path> UpgradeManager::LocalPackage(const json& params) const {
+  const auto file = setup_.resolve(params["filepath"].get<std::string>());
+  std::error_code error;
+  const bool good = file && std::filesystem::is_regular_file(*file, error) &&
+                    std::filesystem::file_size(*file, error) > 0 && !error;
+  return good ? file : std::nullopt;
 }
 
-bool UpgradeManager::IsUpgrading() const {
+std::optional<UpgradeManager::Package> UpgradeManager::BeginUpgrade(const json& params,
+                                                                    const char*& refusal) {
+  const bool is_local = params["type"] == "local";
+  const auto local = is_local ? LocalPackage(params) : std::nullopt;
   const utils::MutexLock lock(mutex_);
-  return upgrading_;
+  refusal = upgrading_                             ? "upgrade is running"
+            : is_local && !local                   ? "file not found"
+            : is_local                             ? nullptr
+            : !offer_.good                         ? "check new version failed"
+            : state_ != FirmwareState::kDownloaded ? "firmware has not been downloaded"
+                                                   : nullptr;
+  if (refusal != nullptr) return std::nullopt;
+  Package package =
+      is_local ? Package{*local, std::nullopt}
+               : Package{store_.Firmware(offer_.description.fullversion), offer_.description};
+  upgrading_ = true;
+  flashed_ = package.file;
+  return package;
 }
 
-bool UpgradeManager::BeginUpgrade() {
+void UpgradeManager::EndUpgrade() {
   const utils::MutexLock lock(mutex_);
-  return !std::exchange(upgrading_, true);
+  flashed_.clear();
+  upgrading_ = false;
 }
 
 void UpgradeManager::Upgrade(const Package& package) {
-  {
-    const utils::MutexLock lock(mutex_);
-    flashed_ = package.file;
-  }
+  const std::shared_ptr<void> at_end(nullptr, [this](void*) { EndUpgrade(); });
   try {
     Flash(package);
   } catch (const std::exception& error) {
     VLOG_ERROR(kTag, "System upgrade failed: {}", utils::LogText(error.what()));
     (void)notifier_.Outcome("failed", "upgrade", "system upgrade failed");
   }
-  const utils::MutexLock lock(mutex_);
-  flashed_.clear();
-  upgrading_ = false;
 }
 
 void UpgradeManager::Flash(const Package& package) {
   notifier_.Progress("upgrading", 0);
+  const bool prepared = store_.Prepare();
   if (package.description &&
-      !(store_.Prepare() && check_.CheckFirmwareFile(package.file, *package.description,
-                                                     FirmwareCheck::Reading::kAlways))) {
+      !(prepared && check_.CheckFirmwareFile(package.file, *package.description,
+                                             FirmwareCheck::Reading::kAlways))) {
     VLOG_ERROR(kTag, "Downloaded firmware check failed.");
     SetState(FirmwareState::kFailed);
     (void)notifier_.Outcome("failed", ReasonOf(DownloadOutcome::kCheckFailed));
     return;
   }
-  const UpgradeRecord record{package.file.string(), setup_.local_fullversion(),
-                             package.description ? package.description->fullversion : ""};
-  if (!record.Save(store_.UpgradeRecord()))
-    VLOG_WARN(kTag, "The outcome of this upgrade cannot be told after a restart");
-  const auto status = setup_.upgrade(package.file.string());
-  if (stopping_) return;
-  bool told = false;
-  if (status == hal_adapter::HalStatus::kSuccess) {
-    told = notifier_.Outcome("success", "upgrade");
-    VLOG_INFO(kTag, "Send notify_system_upgrade done, upgrade filepath = {}",
-              utils::LogText(package.file.string()));
+  UpgradeRecord record{package.file.string(), setup_.local_fullversion(),
+                       package.description ? package.description->fullversion : "", ""};
+  auto status = hal_adapter::HalStatus::kFailure;
+  // Without it the next start would not know that the script runs.
+  if (prepared && record.Save(store_.UpgradeRecord())) {
+    status = setup_.upgrade(package.file.string());
   } else {
-    VLOG_ERROR(kTag, "System upgrade failed: {}", hal_adapter::hal_error_string(status));
-    told = notifier_.Outcome("failed", "upgrade", "system upgrade failed");
+    VLOG_ERROR(kTag, "{} cannot be written", store_.UpgradeRecord().string());
   }
-  std::error_code error;
-  if (told || status != hal_adapter::HalStatus::kSuccess)
-    std::filesystem::remove(store_.UpgradeRecord(), error);
+  if (stopping_) return;
+  const bool good = status == hal_adapter::HalStatus::kSuccess;
+  if (!good) VLOG_ERROR(kTag, "System upgrade failed: {}", hal_adapter::hal_error_string(status));
+  record.outcome = good ? "success" : "failed";
+  (void)record.Save(store_.UpgradeRecord());
+  TellOutcome(record);
 }
 
-void UpgradeManager::TellEarlierUpgrade(const UpgradeRecord& record) {
-  {
-    const utils::MutexLock lock(mutex_);
-    flashed_ = record.package;
-  }
-  while (setup_.is_running(record.package) || !setup_.comms->IsLocalConnected()) {
+void UpgradeManager::TellOutcome(const UpgradeRecord& record) {
+  const auto tell = [&] {
+    if (!setup_.comms->IsLocalConnected()) return false;
+    if (record.outcome == "success") return notifier_.Outcome("success", "upgrade");
+    if (record.outcome == "failed")
+      return notifier_.Outcome("failed", "upgrade", "system upgrade failed");
+    return notifier_.Outcome("warning", "upgrade", "upgrade result is unknown");
+  };
+  while (!tell()) {
     if (!Pause(kLook)) return;
   }
-  const bool good = record.HasSucceeded(setup_.local_fullversion());
-  const bool told = good ? notifier_.Outcome("success", "upgrade")
-                         : notifier_.Outcome("warning", "upgrade", "upgrade result is unknown");
+  if (record.outcome == "success") {
+    VLOG_INFO(kTag, "Send notify_system_upgrade done, upgrade filepath = {}",
+              utils::LogText(record.package));
+  }
   std::error_code error;
-  if (told) std::filesystem::remove(store_.UpgradeRecord(), error);
-  const utils::MutexLock lock(mutex_);
-  flashed_.clear();
-  upgrading_ = false;
+  std::filesystem::remove(store_.UpgradeRecord(), error);
+  if (!error) error = utils::SyncDirectory(store_.Directory());
+  if (error) VLOG_WARN(kTag, "This outcome may be told again: {}", error.message());
+}
+
+/// There may be a script that runs, with a record or without one.
+void UpgradeManager::StartTellingEarlierUpgrade() {
+  const auto record = UpgradeRecord::Load(store_.UpgradeRecord());
+  if (!record && !setup_.is_running("")) return;
+  {
+    const utils::MutexLock lock(mutex_);
+    upgrading_ = true;
+    if (record) flashed_ = record->package;
+  }
+  const utils::MutexLock threads(threads_mutex_);
+  if (!StartThread(upgrade_thread_, "upgrade-outcome",
+                   [this, told = record.value_or(UpgradeRecord())] { TellEarlierUpgrade(told); }))
+    EndUpgrade();
+}
+
+void UpgradeManager::TellEarlierUpgrade(UpgradeRecord record) {
+  const std::shared_ptr<void> at_end(nullptr, [this](void*) { EndUpgrade(); });
+  while (setup_.is_running(record.package)) {
+    if (!Pause(kLook)) return;
+  }
+  if (record.package.empty()) return;
+  if (record.outcome.empty() && record.HasSucceeded(setup_.local_fullversion()))
+    record.outcome = "success";
+  TellOutcome(record);
 }
 
 }  // namespace varnel::service

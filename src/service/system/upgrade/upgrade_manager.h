@@ -82,14 +82,18 @@ class UpgradeManager {
 
   [[nodiscard]] const char* BeginDownload(const std::string& fullversion);
   void Download(const std::string& fullversion);
-  [[nodiscard]] DownloadOutcome Fetch(const std::string& fullversion);
+  [[nodiscard]] DownloadOutcome Fetch(FirmwareDescription& wanted);
 
-  [[nodiscard]] std::optional<Package> PackageOf(const Json& params, const char*& refusal);
-  [[nodiscard]] bool BeginUpgrade();
-  [[nodiscard]] bool IsUpgrading() const;
+  /// The package, which is in use from then on; nothing: refused.
+  [[nodiscard]] std::optional<Package> BeginUpgrade(const Json& params, const char*& refusal);
+  [[nodiscard]] std::optional<std::filesystem::path> LocalPackage(const Json& params) const;
+  void EndUpgrade();
   void Upgrade(const Package& package);
   void Flash(const Package& package);
-  void TellEarlierUpgrade(const UpgradeRecord& record);
+  /// As soon as somebody can hear it.
+  void TellOutcome(const UpgradeRecord& record);
+  void StartTellingEarlierUpgrade();
+  void TellEarlierUpgrade(UpgradeRecord record);
 
   [[nodiscard]] bool Pause(std::chrono::milliseconds time);
   void SetState(FirmwareState state);

@@ -23,7 +23,10 @@ bool IsProcess(const fs::path& entry) {
 }  // namespace
 
 bool UpgradeRecord::Save(const fs::path& file) const {
-  const json record = {{"package", package}, {"fullversion", fullversion}, {"expected", expected}};
+  const json record = {{"package", package},
+                       {"fullversion", fullversion},
+                       {"expected", expected},
+                       {"outcome", outcome}};
   const std::string text = record.dump(-1, ' ', false, json::error_handler_t::replace);
   return !utils::WriteFileAtomically(file, text + '\n', 0600);
 }
@@ -33,20 +36,33 @@ std::optional<UpgradeRecord> UpgradeRecord::Load(const fs::path& file) {
   const json record = text ? json::parse(*text, nullptr, false) : json();
   if (!record.is_object()) return std::nullopt;
   try {
-    return UpgradeRecord{record.at("package"), record.at("fullversion"), record.at("expected")};
+    return UpgradeRecord{record.at("package"), record.at("fullversion"), record.at("expected"),
+                         record.at("outcome")};
   } catch (const json::exception&) {
     return std::nullopt;
   }
 }
 
+bool IsThisVersion(const std::string& local, const std::string& remote) {
+  constexpr size_t kCut = 31;
+  return !local.empty() && (local == remote || (local.size() >= kCut && remote.starts_with(local)));
+}
+
+bool UpgradeRecord::HasSucceeded(const std::string& now) const {
+  return expected.empty() ? !now.empty() && now != fullversion : IsThisVersion(now, expected);
+}
+
 bool IsUpgradeRunning(const std::string& package, const fs::path& proc) {
   using namespace std::string_literals;
-  const std::string arguments = "\0upgrade\0all\0"s + package + '\0';
+  const std::string beginning = "systemUpgrade.sh\0upgrade\0all\0"s;
+  const std::string end = package.empty() ? "" : '\0' + package + '\0';
   std::error_code error;
-  for (const auto& entry : fs::directory_iterator(proc, error)) {
-    if (!IsProcess(entry.path())) continue;
-    const auto command = utils::ReadSmallFile(entry.path() / "cmdline", kMaxBytes);
-    if (command && command->ends_with(arguments)) return true;
+  fs::directory_iterator entry(proc, error);
+  for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+    if (!IsProcess(entry->path())) continue;
+    const auto command = utils::ReadSmallFile(entry->path() / "cmdline", kMaxBytes);
+    if (command && command->find(beginning) != std::string::npos && command->ends_with(end))
+      return true;
   }
   return false;
 }

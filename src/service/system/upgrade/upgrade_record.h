@@ -11,18 +11,21 @@ struct UpgradeRecord {
   std::string package{};      ///< the file
   std::string fullversion{};  ///< that the board had before
   std::string expected{};     ///< that it will have; empty: not known
+  std::string outcome{};      ///< "success" or "failed"; empty: not known yet
 
   /// False when it cannot be written.
   [[nodiscard]] bool Save(const std::filesystem::path& file) const;
   /// Nothing without one that makes sense.
   [[nodiscard]] static std::optional<UpgradeRecord> Load(const std::filesystem::path& file);
   /// Whether a board of this version has been upgraded.
-  [[nodiscard]] bool HasSucceeded(const std::string& now) const {
-    return expected.empty() ? now != fullversion : now == expected;
-  }
+  [[nodiscard]] bool HasSucceeded(const std::string& now) const;
 };
 
-/// Whether an upgrade of this package goes on, whoever began it.
+/// Whether a board that says `local` has the firmware `remote`: boards say 32 bytes at most, and
+/// one that cannot say it has none.
+[[nodiscard]] bool IsThisVersion(const std::string& local, const std::string& remote);
+
+/// Whether an upgrade of this package goes on, whoever began it; an empty one: of any.
 /// @param proc where the processes are
 [[nodiscard]] bool IsUpgradeRunning(const std::string& package,
                                     const std::filesystem::path& proc = "/proc");

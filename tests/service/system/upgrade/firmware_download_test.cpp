@@ -27,21 +27,20 @@ class FirmwareDownloadTest : public testing::Test, protected FirmwareWorld {
 
 TEST_F(FirmwareDownloadTest, WhatIsOnTheDiskIsNotFetchedAgain) {
   std::mt19937 random(7);
-  std::vector<Fault> cuts;
-  for (int i = 0; i < 50; ++i)
-    cuts.emplace_back(
-        [bytes = 1 + random() % 1800](PackageAnswer& answer) { answer.sends = bytes; });
+  std::vector<Fault> cuts(50);
+  for (Fault& cut : cuts) {
+    cut = [bytes = 1 + random() % 1800](PackageAnswer& answer) { answer.sends = bytes; };
+  }
   Spoil(cuts);
   ExpectPublishedBytes();
   EXPECT_EQ(sent, package.size());
   EXPECT_THAT(pauses, testing::Each(1s));
   std::filesystem::remove(store.Firmware("2.0.0"));
-  cuts.clear();
-  for (int i = 0; i < 50; ++i) {
-    cuts.emplace_back([bytes = random() % 4000](PackageAnswer& answer) {
+  for (Fault& cut : cuts) {
+    cut = [bytes = random() % 4000](PackageAnswer& answer) {
       answer.sends = bytes;
       answer.resets = true;
-    });
+    };
   }
   percents.clear();
   Spoil(cuts);
@@ -67,6 +66,12 @@ TEST_F(FirmwareDownloadTest, WhateverAServerDoesWithRangesThePublishedBytesCome)
       },
       [](PackageAnswer& answer) { answer.range = "bytes 5-99999/100000"; },
       [](PackageAnswer& answer) { answer.range = "nonsense"; },
+      [](PackageAnswer& answer) { answer.range = "bytes 40000-99999/200000"; },
+      [](PackageAnswer& answer) {  // less than was asked for
+        answer.range = "bytes 40000-49999/100000";
+        answer.body.resize(10'000);
+      },
+      [](PackageAnswer& answer) { answer.etag = "\"of another\""; },
       [](PackageAnswer& answer) {
         answer = {.status = "416 Range Not Satisfiable", .body = "<html>"};
       },
