@@ -47,6 +47,10 @@ class CloudManager {
 
   /// For the other services; null-safe at any time. Lives as long as the manager.
   CloudAccess& Access() { return access_; }
+  /// Says when transfers for the other services are to end; may outlive the manager.
+  [[nodiscard]] TransferStop StopOfTransfers() const {
+    return [stopping = stopping_] { return stopping->load(); };
+  }
 
  private:
   struct Side;
