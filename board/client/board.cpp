@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "virtual_board/client/json_lines.h"
 #include "virtual_board/common/files.h"
 #include "virtual_board/common/process.h"
 #include "virtual_board/launcher/enter.h"
@@ -151,6 +152,17 @@ std::string Board::DaemonLog() const {
 
 std::string Board::SystemLog() const {
   return ReadFile(layout_.Log() / "syslog");
+}
+
+void Board::OrderUpgrade(const std::string& text) const {
+  if (!ReplaceFile(layout_.Upgrade() / "orders", text)) {
+    throw std::runtime_error("the upgrade's orders cannot be written");
+  }
+}
+
+std::vector<nlohmann::json> Board::UpgradeJournal() const {
+  std::streamoff from = 0;
+  return JsonLines(layout_.Upgrade() / "journal", from);
 }
 
 void Board::SetCameraFaults(const std::string& text) const {

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -101,6 +102,11 @@ class Board {
 
   /// The daemon of a board booted with `clock` sees a wall clock that is ahead by so much.
   void SetClock(std::chrono::seconds ahead) const;
+
+  /// Orders for the upgrade script, in the language of upgrade/systemUpgrade.sh; empty: none.
+  void OrderUpgrade(const std::string& text) const;
+  /// What the upgrade script did so far: objects with an "event", "start", "read" or "end".
+  [[nodiscard]] std::vector<nlohmann::json> UpgradeJournal() const;
 
   /// Faults of both cameras, in the language of camera/faults.h; empty: none.
   void SetCameraFaults(const std::string& text) const;

@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 
+#include "virtual_board/client/json_lines.h"
 #include "virtual_board/common/await.h"
 #include "virtual_board/common/fd.h"
 #include "virtual_board/common/files.h"
@@ -24,18 +26,6 @@ namespace {
 
 constexpr auto kStartLimit = 20s;
 constexpr auto kCommandLimit = 30s;
-
-/// Whole lines only; moves the place where the next look goes on.
-std::vector<json> EntriesFrom(const fs::path& journal, std::streamoff& from) {
-  std::ifstream file(journal);
-  file.seekg(from);
-  std::vector<json> entries;
-  for (std::string line; std::getline(file, line) && !file.eof();) {
-    entries.push_back(json::parse(line));
-    from += static_cast<std::streamoff>(line.size()) + 1;
-  }
-  return entries;
-}
 
 }  // namespace
 
@@ -86,13 +76,13 @@ std::string Cloud::Faults() const {
 
 std::vector<json> Cloud::Journal() const {
   std::streamoff from = 0;
-  return EntriesFrom(files_.Journal(), from);
+  return JsonLines(files_.Journal(), from);
 }
 
 std::vector<json> Cloud::Requests(const std::string& path, const std::string& device) const {
   std::vector<json> entries = Journal();
   std::erase_if(entries, [&](const json& entry) {
-    return entry.value("path", "") != path ||
+    return entry.at("event") != "request" || entry.at("path") != path ||
            (!device.empty() && entry.value("device", entry.value("board", "")) != device);
   });
   return entries;
@@ -103,7 +93,7 @@ std::optional<json> Cloud::AwaitEntry(const std::function<bool(const json&)>& fi
   std::optional<json> found;
   std::streamoff from = 0;
   Await(limit, [&] {
-    const auto entries = EntriesFrom(files_.Journal(), from);
+    const auto entries = JsonLines(files_.Journal(), from);
     const auto first = std::find_if(entries.begin(), entries.end(), fits);
     if (first != entries.end()) found = *first;
     return found.has_value();
@@ -129,6 +119,19 @@ json Cloud::Device(const std::string& device) const {
 
 void Cloud::SetCertificateLife(std::chrono::seconds life) const {
   Tell({"certificate-life", std::to_string(life.count())});
+}
+
+json Cloud::Publish(const fs::path& firmware, const json& description) const {
+  return Tell({"publish", fs::absolute(firmware), description.dump()});
+}
+
+void Cloud::SetUrlLife(std::chrono::seconds life) const {
+  Tell({"url-life", std::to_string(life.count())});
+}
+
+std::vector<std::string> Cloud::Secrets() const {
+  std::ifstream file(files_.Secrets());
+  return {std::istream_iterator<std::string>(file), {}};
 }
 
 MqttLink Cloud::Link(const std::string& client_id) const {

@@ -64,6 +64,20 @@ class Cloud {
   /// Of the devices' certificates that are issued from now on.
   void SetCertificateLife(std::chrono::seconds life) const;
 
+  /// Makes these bytes the newest firmware, with the usual description but for these members; null
+  /// drops one. The answer's "url", "note" and "description".
+  json Publish(const std::filesystem::path& firmware,
+               const json& description = json::object()) const;
+  void Unpublish() const { Tell({"unpublish"}); }
+  /// An object of the store as it lies on the host, whole if it is there.
+  [[nodiscard]] std::filesystem::path ObjectFile(const std::string& name) const {
+    return files_.Objects() / name;
+  }
+  /// Of addresses that are signed from now on; 0: they have expired already.
+  void SetUrlLife(std::chrono::seconds life) const;
+  /// Every secret that stood in an address or was a token so far.
+  [[nodiscard]] std::vector<std::string> Secrets() const;
+
   /// A client of the broker that may do everything.
   [[nodiscard]] MqttLink Link(const std::string& client_id) const;
 

@@ -80,6 +80,7 @@ std::vector<std::string> RpcRecord::Problems() const {
 void RpcRecord::OnMessage(const std::string& topic, const std::string& payload) {
   const json message = json::parse(payload, DropTheDeep, false);
   const std::lock_guard lock(mutex_);
+  if (topic == "moonraker/response") return;  // what another program answers is no part of ours
   if (topic.find("/response") != std::string::npos) {
     OnAnswer(topic, message);
   } else if (topic.ends_with("/notification")) {

@@ -24,6 +24,12 @@ class CloudFiles {
   [[nodiscard]] std::filesystem::path Journal() const { return root_ / "journal.jsonl"; }
   /// In the language of virtual_cloud/faults.py.
   [[nodiscard]] std::filesystem::path Faults() const { return root_ / "faults"; }
+  /// What the store holds.
+  [[nodiscard]] std::filesystem::path Objects() const { return root_ / "objects"; }
+  /// One a line.
+  [[nodiscard]] std::filesystem::path Secrets() const { return root_ / "secrets"; }
+  /// The public key for signatures of firmware.
+  [[nodiscard]] std::filesystem::path PackageKey() const { return root_ / "package.pem"; }
   /// A registered device's public key; its owner writes it.
   [[nodiscard]] std::filesystem::path DeviceKey(const std::string& serial_number) const {
     return root_ / "devices" / (serial_number + ".pem");

@@ -37,6 +37,8 @@ class Layout {
   [[nodiscard]] std::filesystem::path Networks() const {
     return EtcVarnel() / "camera_service/model";
   }
+  /// Orders for the upgrade script, and what it did.
+  [[nodiscard]] std::filesystem::path Upgrade() const { return Control() / "upgrade"; }
   /// By how many seconds the clock of the daemon of a board booted for it is ahead; may change at
   /// any time.
   [[nodiscard]] std::filesystem::path ClockOffset() const { return Control() / "clock-offset"; }
@@ -68,6 +70,7 @@ constexpr const char* kUplink = "/opt/varnel/board/varnel-uplink";
 constexpr const char* kWire = "/opt/varnel/wire";
 constexpr const char* kJoined = "/run/varnel-board/joined";
 constexpr const char* kDaemon = "/opt/varnel/bin/varnel";
+constexpr const char* kUpgradeScript = "/opt/varnel/board/upgrade/systemUpgrade.sh";
 constexpr const char* kBrokerConfig = "/etc/mosquitto.conf";
 }  // namespace inside
 

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -45,7 +46,8 @@ constexpr const char* kUsage = R"(Usage:
                                              signal or its parent's end. DIR/faults, DIR/journal.jsonl
   varnel-board tell-cloud DIR COMMAND...     status, device SN, bind SN USER NAME, unbind SN, lock SN REGION,
                                              unlock SN, revoke SN, revoke-all SN, token-life S, certificate-life S,
-                                             kill-broker [SIGNAL], start-broker, restart-broker, take-over SN
+                                             kill-broker [SIGNAL], start-broker, restart-broker, take-over SN,
+                                             publish FILE [JSON], unpublish, url-life S
 )";
 
 int Usage() {
@@ -156,8 +158,10 @@ int StopBoard(const Layout& layout, const Words&) {
   return Stop(layout) ? 0 : 1;
 }
 
-int TellCloud(const Layout& layout, const Words& words) {
+int TellCloud(const Layout& layout, Words words) {
   if (words.empty()) return Usage();
+  // The cloud looks for files from where it runs.
+  if (words[0] == "publish" && words.size() > 1) words[1] = std::filesystem::absolute(words[1]);
   const auto answer = ControlClient(CloudFiles(layout.Root())).Call(words, 30s);
   if (!answer) throw std::runtime_error("no cloud runs in " + layout.Root().string());
   std::cout << answer->dump(2) << "\n";

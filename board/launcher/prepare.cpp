@@ -47,7 +47,8 @@ void MakeDirectories(const Layout& layout) {
        {layout.Userdata(), layout.DaemonLog().parent_path(), layout.Oem() / "printer_data",
         layout.EtcVarnel(), layout.Tmp(), layout.Run() / "udev", layout.Sys(),
         layout.Etc() / "mosquitto.d", layout.Proc(), layout.Dev(), layout.Log(), layout.I2c(),
-        layout.Camera() / "frames", layout.Npu(), layout.Networks()}) {
+        layout.Camera() / "frames", layout.Npu(), layout.Networks(), layout.Upgrade(),
+        layout.Home() / "bin"}) {
     fs::create_directories(directory);
   }
 }
@@ -81,6 +82,12 @@ void PlaceNetworks(const Layout& layout, const fs::path& tools) {
       fs::copy_file(network, layout.Networks() / name, fs::copy_options::skip_existing);
     }
   }
+}
+
+/// A script that somebody put there stays.
+void PlaceUpgradeScript(const Layout& layout) {
+  const fs::path script = layout.Home() / "bin/systemUpgrade.sh";
+  if (!fs::exists(fs::symlink_status(script))) fs::create_symlink(inside::kUpgradeScript, script);
 }
 
 /// By its driver the daemon knows that there is an NPU.
@@ -155,6 +162,7 @@ void PrepareBoard(const BootOptions& options, const Layout& layout, const fs::pa
   PlaceFrames(layout, tools);
   PlaceNetworks(layout, tools);
   PlaceNpuDriver(options, layout);
+  PlaceUpgradeScript(layout);
   WriteOnce(layout.I2c() / "answer", kFreeI2cAddress);
   const std::string device = options.cloud.empty() ? "" : JoinCloud(options.cloud, layout);
   WriteServices(options, layout, device);

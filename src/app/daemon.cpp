@@ -23,6 +23,7 @@
 #include "service/cloud/http/curl_transfer.h"
 #include "service/system/date_record.h"
 #include "service/system/device_info_service.h"
+#include "service/system/upgrade/upgrade_manager.h"
 #include "utils/child_registry.h"
 #include "utils/client_path.h"
 #include "utils/deployment.h"
@@ -136,12 +137,39 @@ std::vector<std::filesystem::path> OwnPlaces(const DaemonPaths& paths, const Har
   return places;
 }
 
-utils::ClientPathRules PathRulesOf(const utils::Deployment& deployment, const DaemonPaths& paths,
-                                   const Hardware& hardware) {
+utils::ClientPathRules PathRulesOf(std::vector<std::filesystem::path> allowed,
+                                   const DaemonPaths& paths, const Hardware& hardware) {
   utils::ClientPathRules rules;
   rules.own_places = OwnPlaces(paths, hardware);
-  rules.allowed = deployment.client_write_directories;
+  rules.allowed = std::move(allowed);
   return rules;
+}
+
+service::UpgradeSetup UpgradeSetupOf(comms::CommsManager& comms, Hardware& hardware,
+                                     service::CloudManager& cloud,
+                                     const utils::ClientPathPolicy& packages,
+                                     const utils::Deployment& deployment) {
+  service::UpgradeSetup setup;
+  setup.comms = &comms;
+  if (const auto& storage = hardware.storage.Paths().user_data; !storage.empty())
+    setup.storage = storage;
+  setup.key_file = deployment.firmware_key_file;
+  setup.min_free_bytes = uint64_t{deployment.min_free_space_mib} << 20U;
+  setup.local_fullversion = [&hardware] {
+    return hardware.system.Identity()->full_firmware_version;
+  };
+  setup.is_connected = [&cloud] { return cloud.IsConnected(); };
+  setup.ask_record = [&cloud] { return cloud.FirmwareRecord(); };
+  setup.take_turn = [&cloud] { return cloud.TakeTurn(); };
+  setup.upgrade = [&hardware](const std::string& package) {
+    constexpr uint32_t kMainTarget = 0;
+    return hardware.system.UpgradeFirmware(kMainTarget, package);
+  };
+  setup.resolve = [&packages](const std::string& path) {
+    const auto place = packages.Resolve(path);
+    return place ? std::optional(place->Path()) : std::nullopt;
+  };
+  return setup;
 }
 
 /// What an earlier run that was ended half-way left beside files of clients and of ours.
@@ -192,10 +220,12 @@ service::TimelapsePaths PathsOf(const utils::Deployment& deployment) {
 class Services {
  public:
   Services(comms::CommsManager& comms, Hardware& hardware,
-           const utils::ClientPathPolicy& client_paths, const utils::Deployment& deployment)
+           const utils::ClientPathPolicy& client_paths, const utils::ClientPathPolicy& packages,
+           const utils::Deployment& deployment)
       : cloud_(MakeCloudManager(comms, hardware.system.Identity(), deployment.cloud)),
         date_record_(hardware.storage.Paths().config_save),
         device_info_(comms, [&hardware] { return hardware.system.Identity(); }),
+        upgrade_(UpgradeSetupOf(comms, hardware, *cloud_, packages, deployment)),
         analysis_(hardware.ai.DetectResultDir(), SpaceCheckOf(deployment)),
         camera_(comms, {.camera = &hardware.multimedia,
                         .paths = &client_paths,
@@ -208,6 +238,9 @@ class Services {
     date_record_.Start();
     if (device_info_.Start() != comms::CommsStatus::kOk)
       VLOG_ERROR(kTag, "The device information service did not start");
+    if (upgrade_.Start() != comms::CommsStatus::kOk)
+      VLOG_ERROR(kTag, "The upgrade manager did not start");
+    upgrade_.StartCheckRemoteFirmware();
     if (camera_.Start() != comms::CommsStatus::kOk)
       VLOG_ERROR(kTag, "The camera service did not start");
   }
@@ -217,6 +250,7 @@ class Services {
   const std::unique_ptr<service::CloudManager> cloud_;
   service::DateRecord date_record_;
   service::DeviceInfoService device_info_;
+  service::UpgradeManager upgrade_;
   PrintAnalysis analysis_;
   service::CameraService camera_;
 };
@@ -256,14 +290,16 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
   gate->Start();
   auto* hardware = new Hardware(deployment);
   hardware->Start();
-  auto* client_paths =
-      new utils::ClientPathPolicy(PathRulesOf(deployment, paths, *hardware), drives);
+  auto* client_paths = new utils::ClientPathPolicy(
+      PathRulesOf(deployment.client_write_directories, paths, *hardware), drives);
+  // A firmware package may lie wherever nothing of ours and of the system's does.
+  auto* packages = new utils::ClientPathPolicy(PathRulesOf({"/"}, paths, *hardware), drives);
   RemoveOldLeftovers(deployment, *hardware);
   comms::CommsManager& comms = comms::CommsManager::Instance();
   comms.SetSerialNumberProvider([hardware] { return hardware->system.Identity()->serial_number; });
   if (comms.InitLocal() != comms::CommsStatus::kOk)
     throw std::runtime_error("the communication manager did not start");
-  auto* services = new Services(comms, *hardware, *client_paths, deployment);
+  auto* services = new Services(comms, *hardware, *client_paths, *packages, deployment);
   services->Start();
 
   Supervisor supervisor(comms, [] { return shutdown_requested != 0; });

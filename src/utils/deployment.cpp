@@ -136,6 +136,7 @@ constexpr std::array kKeys = {
     Key{"identity.device", ReadPath<&Deployment::identity_device, false>, "an absolute path"},
     Key{"identity.offset", ReadNumber<&Deployment::identity_offset, 0, 1'099'511'627'776>, "a whole number from 0 to 1099511627776"},
     Key{"identity.key_file", ReadPath<&Deployment::identity_key_file, true>, "an absolute path or empty"},
+    Key{"firmware.key_file", ReadPath<&Deployment::firmware_key_file, true>, "an absolute path or empty"},
     Key{"cloud.regions.int.api_host", ReadHost<&CloudDeployment::int_api_host>, "a host name or empty"},
     Key{"cloud.regions.int.account_host", ReadHost<&CloudDeployment::int_account_host>, "a host name or empty"},
     Key{"cloud.regions.cn.api_host", ReadHost<&CloudDeployment::cn_api_host>, "a host name or empty"},

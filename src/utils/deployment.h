@@ -33,6 +33,8 @@ struct Deployment {
   uint64_t identity_offset = 26'624;
   /// The key of an encrypted identity block; empty: there is none.
   std::string identity_key_file;
+  /// Public key (Ed25519, PEM) of whoever signs firmware; empty: it is not signed.
+  std::string firmware_key_file;
   CloudDeployment cloud;
 };
 

@@ -46,5 +46,25 @@ TEST(BoardTest, ABoardKeepsWhoItIs) {
   EXPECT_EQ(ReadFile(board.Paths().Dev() / "mmcblk0")[26'628], 1) << "changed in place";
 }
 
+TEST(BoardTest, AnUpgradeRestartsTheDaemonOrKillsIt) {
+  BootOptions options = WithoutDaemon();
+  options.daemon = "/usr/bin/sleep";
+  const Board board(options);
+  ASSERT_TRUE(board.StartDaemon({"1000"}));
+  const pid_t before = board.DaemonPid();
+  const std::string upgrade =
+      "printf 123 >/tmp/p; /home/ruxo/bin/systemUpgrade.sh upgrade all /tmp/p";
+  board.OrderUpgrade("install 2.0.0-next\n");
+  EXPECT_EQ(board.Shell(upgrade + "; cat /etc/FULLVERSION").out,
+            "reading the package\ninstalling\n2.0.0-next\n");
+  EXPECT_TRUE(board.DaemonRunning());
+  EXPECT_NE(board.DaemonPid(), before);
+  board.OrderUpgrade("rate 10\nkill 1\nexit 3\n");
+  EXPECT_EQ(board.Shell(upgrade).status, 3);
+  EXPECT_EQ(board.AwaitDaemonEnd(), 128 + 9);
+  EXPECT_EQ(board.UpgradeJournal().at(4).at("sha256"),
+            "a665a45920422f9d417e4867efdc4fb8a04a1f3fff1fa07e998e86f7f7a27ae3");
+}
+
 }  // namespace
 }  // namespace varnel::board

@@ -53,6 +53,27 @@ class Device {
   json Get(const std::string& path, const std::string& token) {
     return Curl("-H 'Authorization: Bearer " + token + "' '" + kInt + path + "'");
   }
+  /// A token that is good at the cloud's first region.
+  std::string Token() {
+    const json reply = Grant(serial_ + "&nonce=200001", "200001");
+    return reply.at("data").at("access_token");
+  }
+  json Post(const std::string& path, const std::string& token, const json& body) {
+    return Curl("-H 'Authorization: Bearer " + token + "' -d '" + body.dump() + "' '" + kInt +
+                path + "'");
+  }
+  /// SHA-256 of a file inside, in base64.
+  std::string Checksum(const std::string& file) {
+    return Output("openssl dgst -sha256 -binary " + file + " | openssl enc -A -base64");
+  }
+  /// HTTP status of what curl is told to do; 100 when it was told to go on, and nothing more.
+  int Status(const std::string& arguments, const std::string& url) {
+    const std::string line = "curl -s -m 10 -o /tmp/answer -w '%{http_code}' " + arguments;
+    return std::stoi(Run(line + " '" + url + "'").out);
+  }
+  std::string Answer(const std::string& file = "/tmp/answer") const {
+    return ReadFile(board_.HostPath(file));
+  }
   /// What the cloud encrypted with the board's key, as a file inside.
   void Decrypt(const std::string& base64, const std::string& file) {
     std::ofstream(board_.HostPath("/tmp/cipher")) << base64;
@@ -170,6 +191,118 @@ TEST(VirtualCloudFaultsTest, AreMetAndTold) {
   TheCloud().SetFaults("status * times=1 device=" + device.Serial() + " 503\n");
   EXPECT_TRUE(says(R"("code": 503)"));
   EXPECT_TRUE(says("DE")) << "used up";
+}
+
+TEST(VirtualCloudStoreTest, SignsAsPublished) {
+  const ProgramResult checked =
+      RunProgram({"env", std::string("PYTHONPATH=") + VARNEL_CLOUD_PROGRAMS, "python3", "-B", "-m",
+                  "virtual_cloud.signature_v4"});
+  EXPECT_EQ(checked.out, "as published\n") << checked.err;
+}
+
+TEST(VirtualCloudStoreTest, TakesWhatWasSignedAndNothingElse) {
+  Device device(TheCloud(), KeyKind::kEc);
+  const std::string token = device.Token();
+  device.Run("echo film > /tmp/film; echo other > /tmp/other");
+  const std::string sum = device.Checksum("/tmp/film");
+  const json create = {{"fileName", "a film/1.mp4"}, {"checkSum", sum}};
+  const auto address = [&](const std::string& call, const json& body) -> std::string {
+    return device.Post("/api/device/upload/" + call, token, body).at("data").at("url");
+  };
+  const std::string url = address("create", create);
+  const auto changed = [&](const std::string& from, const std::string& to) {
+    return std::string(url).replace(url.find(from), from.size(), to);
+  };
+  const std::string header = "-H 'x-amz-checksum-sha256: " + sum + "' ";
+  const std::string put = "-T /tmp/film " + header;
+  const std::tuple<std::string, std::string, int> refused[] = {
+      {put + "-X POST", url, 403},
+      {put, changed("store.int", "store.cn"), 403},
+      {put, changed("1.mp4", "2.mp4"), 403},
+      {put, url + "&x=1", 403},
+      {put, changed("Expires=3600", "Expires=3601"), 403},
+      {put + "-H 'x-amz-checksum-sha256: x'", url, 403},
+      {put + "-H 'x-amz-acl: public-read'", url, 403},
+      {put + "-H 'Authorization: Bearer " + token + "'", url, 400},
+      {put + "-H 'Transfer-Encoding: chunked'", url, 501},
+      {"-T /tmp/other " + header, url, 400},
+  };
+  for (const auto& [arguments, where, status] : refused) {
+    EXPECT_EQ(device.Status(arguments, where), status) << arguments << where;
+    EXPECT_THAT(device.Answer(), HasSubstr("<Error><Code>"));
+  }
+  EXPECT_EQ(device.Post("/api/device/upload/completed", token, create).at("code"), 400);
+  TheCloud().SetUrlLife(std::chrono::seconds(0));
+  EXPECT_EQ(device.Status(put + "-H 'Expect: 100-continue'", address("create", create)), 403);
+  TheCloud().SetUrlLife(std::chrono::hours(1));
+  EXPECT_EQ(TheCloud().Requests("/objects/a%20film/1.mp4").back().at("body_bytes"), 0);
+
+  ASSERT_EQ(device.Status(put, address("create", create)), 200);
+  EXPECT_EQ(device.Status("", address("completed", create)), 200);
+  EXPECT_EQ(device.Answer(), "film\n");
+}
+
+TEST(VirtualCloudStoreTest, PutsTogetherWhatWasAgreed) {
+  Device device(TheCloud(), KeyKind::kEc);
+  const std::string token = device.Token();
+  device.Run("head -c 5242881 /dev/urandom > /tmp/all; cd /tmp; split -b 5242880 all part");
+  json sums;
+  for (const char* file : {"/tmp/partaa", "/tmp/partab"}) {
+    sums.push_back({{"partNumber", sums.size() + 1}, {"checkSum", device.Checksum(file)}});
+  }
+  const json created =
+      device.Post("/api/device/upload/create", token, {{"fileName", "all"}, {"uploadParts", sums}})
+          .at("data");
+  const auto put = [&](size_t part) {
+    return device.Status(
+        std::string("-T /tmp/parta") + "ab"[part] +
+            " -H 'x-amz-checksum-sha256: " + sums[part].at("checkSum").get<std::string>() + "'",
+        created.at("uploadParts")[part].at("url"));
+  };
+  TheCloud().SetFaults("reset /objects/all part=2 times=1 0\n");
+  EXPECT_EQ(put(1), 100) << "reset";
+  EXPECT_EQ(TheCloud().Requests("/objects/all").back().at("body_bytes"), 0);
+  EXPECT_EQ(put(1), 200);
+  EXPECT_EQ(put(0), 200);
+  const auto tag = [&](const std::string& file) {
+    return "\"" + device.Run("md5sum < " + file).out.substr(0, 32) + "\"";
+  };
+  const json first = {{"partNumber", 1}, {"etag", tag("/tmp/partaa")}};
+  const json second = {{"partNumber", 2}, {"etag", tag("/tmp/partab")}};
+  const auto complete = [&](const json& parts) {
+    return device.Post(
+        "/api/device/upload/completed", token,
+        {{"fileName", "all"}, {"uploadId", created.at("uploadId")}, {"uploadParts", parts}});
+  };
+  for (const json& wrong : {json{second, first}, json{first, {{"partNumber", 2}, {"etag", "x"}}}}) {
+    EXPECT_EQ(complete(wrong).at("code"), 400) << wrong;
+  }
+  EXPECT_FALSE(std::filesystem::exists(TheCloud().ObjectFile("all")));
+  EXPECT_EQ(complete({first, second}).at("code"), 200);
+  EXPECT_EQ(ReadFile(TheCloud().ObjectFile("all")), device.Answer("/tmp/all"));
+}
+
+TEST(VirtualCloudPackagesTest, AreGivenInPartsToWhoeverHasTheAddress) {
+  Device device(TheCloud(), KeyKind::kEc);
+  const std::filesystem::path firmware = device.There().HostPath("/tmp/firmware");
+  std::ofstream(firmware) << "0123456789";
+  TheCloud().Publish(firmware, {{"size", nullptr}});
+  const json record = device.Get("/api/device/firmware/latest", device.Token()).at("data");
+  const std::string url = record.at("url");
+  EXPECT_EQ(device.Status("", record.at("note")), 200);
+  const json described = json::parse(device.Answer());
+  EXPECT_EQ(described.at("md5"), "781e5e245d69b566979b86e28d23f2c7");
+  EXPECT_FALSE(described.contains("size"));
+  const std::tuple<std::string, int, std::string> asked[] = {
+      {"-r 3-5", 206, "345"},
+      {"-r 3- -H 'If-Range: \"781e5e245d69b566979b86e28d23f2c7\"'", 206, "3456789"},
+      {"-r 3- -H 'If-Range: \"other\"'", 200, "0123456789"},
+      {"-r 10-", 416, ""}};
+  for (const auto& [arguments, status, answer] : asked) {
+    EXPECT_EQ(device.Status(arguments, url), status) << arguments;
+    EXPECT_EQ(device.Answer(), answer) << arguments;
+  }
+  EXPECT_EQ(device.Status("", url + "x"), 403);
 }
 
 TEST(VirtualClockTest, IsAheadByWhatTheFileSays) {

@@ -6,17 +6,20 @@ import resource
 import signal
 import sys
 
-from . import authority, files, places
+from . import authority, files, packages, places
 from .api import Api
 from .broker import Broker
 from .control import Control
 from .device_api import DeviceApi
 from .devices import Devices
-from .faults import Faults
+from .fault_file import Faults
 from .gate import Gate
 from .identity_api import IdentityApi
 from .journal import Journal
+from .packages import Packages
+from .store import Store
 from .tokens import Tokens
+from .uploads_api import UploadsApi
 
 
 class Cloud:
@@ -32,7 +35,13 @@ class Cloud:
         self.identity = IdentityApi(self.devices, self.tokens, self._root, self.broker)
         api = Api(self.devices, self.tokens, journal, self.faults)
         api.add_routes(self.identity.routes())
-        api.add_routes(DeviceApi(self.devices, self.tokens).routes())
+        self.packages = Packages()
+        api.add_routes(DeviceApi(self.devices, self.tokens, self.packages).routes())
+        api.add_prefix(packages.PREFIX, self.packages.serve)
+        self.store = Store()
+        api.add_routes(UploadsApi(self.store).routes())
+        for region in places.REGIONS:
+            api.add_host(places.store_host(region), self.store.serve)
         self.broker.start()
         self.gate = Gate(api, authority.server_contexts(), self.broker, self.faults, journal)
         files.replace_json("cloud.json", places.description())

@@ -28,6 +28,9 @@ class Control:
             "kill-broker": self._kill_broker,
             "restart-broker": self._restart_broker,
             "take-over": self._take_over,
+            "url-life": self._url_life,
+            "publish": cloud.packages.publish,
+            "unpublish": cloud.packages.unpublish,
         }
         if os.path.exists(places.CONTROL):
             os.unlink(places.CONTROL)
@@ -95,6 +98,9 @@ class Control:
 
     def _certificate_life(self, seconds):
         self._cloud.identity.certificate_life_s = float(seconds)
+
+    def _url_life(self, seconds):
+        self._cloud.store.url_life_s = int(seconds)
 
     def _start_broker(self):
         self._cloud.broker.start()

@@ -7,9 +7,10 @@ from . import answer, files, openssl, places
 
 
 class DeviceApi:
-    def __init__(self, devices, tokens):
+    def __init__(self, devices, tokens, packages):
         self._devices = devices
         self._tokens = tokens
+        self._packages = packages
 
     def routes(self):
         return {
@@ -67,10 +68,10 @@ class DeviceApi:
             state["authorized"].append({"operate": operate, "userId": asked.get("userId")})
         return answer.success({})
 
-    @staticmethod
-    def _firmware(_request):
-        """The content of firmware.json."""
-        return answer.success(json.loads(files.read("firmware.json") or b"{}"))
+    def _firmware(self, request):
+        """The content of firmware.json, if there is one."""
+        told = files.read("firmware.json")
+        return answer.success(json.loads(told) if told else self._packages.addresses(request.region))
 
     @staticmethod
     def _download(request):

@@ -2,14 +2,14 @@
 
 One a line, "#" starts a comment:
 
-    KIND WHERE [device=SN] [skip=N] [times=N] [ARGUMENT]
+    KIND WHERE [device=SN] [part=N] [skip=N] [times=N] [ARGUMENT]
 
 The first N requests (or connections) that it fits pass because of skip, the next ones fail: as many as times says,
 then the line goes; without times for ever. An ARGUMENT that is a text goes to the end of the line.
 
-Answers of the API; WHERE is a path, with "*" for any text:
+Requests; WHERE is a path, with "*" for any text, and part=N the part of an upload:
 
-    status PATH STATUS         this HTTP status
+    status PATH STATUS         this HTTP status, with the body that another line asks for
     code PATH CODE             a reply with this "code"
     body PATH TEXT             this body
     file PATH FILE             the content of a file of DIR as the body
@@ -19,6 +19,21 @@ Answers of the API; WHERE is a path, with "*" for any text:
     endless-body PATH
     endless-headers PATH
     revoke PATH                the device's access token is revoked as it comes
+    lost PATH                  what is asked for is done, then the connection ends without an answer
+    redirect PATH URL          status 302, or that of another line
+    echo PATH STATUS           this HTTP status, with an XML error that quotes the request, secrets and all
+    parts PATH N,N...          the reply lists these parts of the upload, in this order
+
+The file that is sent, or else given:
+
+    reset PATH BYTES           the connection is reset after so many bytes of it
+    stall PATH BYTES           nothing moves any more after so many bytes of it
+    rate PATH BYTES            at most so many bytes a second
+    ignore-range PATH          all of it, whatever is asked for
+    content-range PATH TEXT    this Content-Range
+    etag PATH TEXT             it is another one: this ETag
+    length PATH BYTES          it is so long: cut off, or with zeros at its end
+    chunked PATH               chunks without an end, in its place
 
 Connections; WHERE is api, local (the server without TLS), broker or *:
 
@@ -29,7 +44,7 @@ Connections; WHERE is api, local (the server without TLS), broker or *:
     stall WHERE BYTES          nothing moves any more after so many bytes
     rate WHERE BYTES           at most so many bytes a second
 
-The last three reach connections that are there already, too.
+The last three reach connections that are there already, too. With a path for WHERE they are of requests.
 
 Others; WHERE is *:
 
@@ -40,12 +55,8 @@ Others; WHERE is *:
 
 import fnmatch
 import json
-import os
 import re
-import threading
 from dataclasses import dataclass
-
-from . import files, places
 
 LISTENERS = ("api", "local", "broker")
 CERTIFICATES = ("expired", "not-yet", "other-name", "foreign")
@@ -59,6 +70,11 @@ def _count(text):
 def _certificate(text):
     if text not in CERTIFICATES:
         raise ValueError("no such certificate")
+
+
+def _parts(text):
+    for number in filter(None, text.split(",")):
+        _count(number)
 
 
 def _nothing(text):
@@ -78,15 +94,29 @@ ANSWER = {
     "endless-body": _nothing,
     "endless-headers": _nothing,
     "revoke": _nothing,
+    "lost": _nothing,
+    "redirect": str,
+    "echo": _count,
+    "parts": _parts,
+    "reset": _count,
+    "stall": _count,
+    "rate": _count,
+    "ignore-range": _nothing,
+    "content-range": str,
+    "etag": str,
+    "length": _count,
+    "chunked": _nothing,
 }
 CONNECT = {"silence": _nothing, "certificate": _certificate}
 WIRE = {"reset": _count, "stall": _count, "rate": _count}
 REFUSE = {"refuse": _nothing}
 GENERAL = {"no-subscribe": _nothing, "no-names": _nothing, "no-broker": _nothing}
 _KINDS = ANSWER | CONNECT | WIRE | REFUSE | GENERAL
-_TEXT = {"body", "patch"}
+_TEXT = {"body", "patch", "redirect", "content-range", "etag"}
+_OF_CONNECTIONS = CONNECT | WIRE | REFUSE
 _STATES = REFUSE | GENERAL  # hold as long as the line stands, and cannot be counted
-_OPTION = re.compile(r"(device|skip|times)=(\S+)")
+_OPTIONS = ("device", "part", "skip", "times")
+_OPTION = re.compile(rf"({'|'.join(_OPTIONS)})=(\S+)")
 
 
 @dataclass
@@ -95,6 +125,7 @@ class Fault:
     where: str
     argument: str
     device: str = ""
+    part: int = 0  # 0: any, and what is no part
     skip: int = 0
     times: int = 0  # 0: for ever
 
@@ -106,15 +137,18 @@ class Fault:
     def counted(self):
         return self.skip > 0 or self.times > 0
 
-    def fits(self, kinds, where, device):
+    def fits(self, kinds, where, device, part=None):
+        if self.kind in WIRE and self.where.startswith("/") != where.startswith("/"):
+            return False
         return (
             self.kind in kinds
             and fnmatch.fnmatchcase(where, self.where)
             and self.device in ("", device)
+            and str(self.part) in ("0", part)
         )
 
     def line(self):
-        options = [f"{name}={getattr(self, name)}" for name in ("device", "skip", "times") if getattr(self, name)]
+        options = [f"{name}={getattr(self, name)}" for name in _OPTIONS if getattr(self, name)]
         return " ".join(filter(None, (self.kind, self.where, *options, self.argument)))
 
 
@@ -141,17 +175,19 @@ def parse(line):
 def _has_a_place(fault):
     if fault.kind in _STATES and fault.counted:
         return False
-    if fault.kind in ANSWER:
-        return fault.where[0] in "/*"
-    return fault.where == "*" or (fault.kind not in GENERAL and fault.where in LISTENERS)
+    if fault.where.startswith("/"):
+        return fault.kind in ANSWER
+    if fault.kind in _OF_CONNECTIONS:
+        return fault.where in ("*", *LISTENERS)
+    return fault.where == "*" or (fault.kind in ANSWER and fault.where.startswith("*"))
 
 
-def meet(lines, kinds, where, device):
+def meet(lines, kinds, where, device, part=None):
     """The faults that something meets, and the lines that are left after it."""
     met, left = [], []
     for line in lines:
         fault = parse(line)
-        if not fault or not fault.fits(kinds, where, device):
+        if not fault or not fault.fits(kinds, where, device, part):
             left.append(line)
         elif fault.skip > 0:
             fault.skip -= 1
@@ -167,52 +203,3 @@ def _one_less(line):
     fault = parse(line)
     fault.times -= 1
     return fault.line()
-
-
-class Faults:
-    """The fault file; a program that changes it locks DIR meanwhile."""
-
-    def __init__(self):
-        self._lock = threading.Lock()
-        self._seen = None
-        self._lines = []
-        self.version = 0
-
-    def look(self):
-        """Reads the file when it has changed; the version tells whether it did."""
-        with self._lock:
-            try:
-                status = os.stat(places.FAULTS)
-                seen = (status.st_mtime_ns, status.st_ino, status.st_size)
-            except FileNotFoundError:
-                seen = None
-            if seen != self._seen:
-                self._lines = _lines()
-                self._seen = seen
-                self.version += 1
-            return list(self._lines)
-
-    def nonsense(self):
-        """Lines that ask for something and are not understood."""
-        asking = [line for line in self.look() if line.split("#")[0].strip()]
-        return [line for line in asking if not parse(line)]
-
-    def take(self, kinds, where, device):
-        """What something meets now; counted lines are counted down."""
-        lines = self.look()
-        met, left = meet(lines, kinds, where, device)
-        if left == lines:
-            return met
-        with files.directory_lock("."):
-            met, left = meet(_lines(), kinds, where, device)
-            files.replace(places.FAULTS, "".join(line + "\n" for line in left))
-        return met
-
-    def standing(self, kinds, where, device):
-        """What stands in the file, without counting."""
-        found = [fault for fault in map(parse, self.look()) if fault and fault.fits(kinds, where, device)]
-        return [fault for fault in found if fault.skip == 0]
-
-
-def _lines():
-    return files.read(places.FAULTS).decode(errors="replace").splitlines()

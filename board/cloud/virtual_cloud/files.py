@@ -4,7 +4,10 @@ import contextlib
 import fcntl
 import json
 import os
+import secrets
 import threading
+
+from . import places
 
 
 def replace(path, content, mode=0o644):
@@ -28,6 +31,20 @@ def read(path):
             return file.read()
     except FileNotFoundError:
         return b""
+
+
+def new_secret():
+    """A random text that is found in DIR/secrets later."""
+    text = secrets.token_urlsafe(24)
+    tell_secret(text)
+    return text
+
+
+def tell_secret(text):
+    """No log, file or argument list of a board should ever hold it."""
+    descriptor = os.open(places.SECRETS, os.O_WRONLY | os.O_CREAT | os.O_APPEND, 0o600)
+    with open(descriptor, "w", encoding="ascii") as file:
+        file.write(text + "\n")
 
 
 @contextlib.contextmanager

@@ -22,7 +22,9 @@ class Connection:
     number: int
     board: str
     listener: str
-    socket: socket.socket
+    socket: socket.socket  # the server's end
+    outer: socket.socket  # the board's
+    to_be_reset: bool = False  # when the server ends it
 
     def identity(self):
         return {
@@ -202,11 +204,11 @@ class Gate:
 
     def _accept(self, board, listener):
         accepted, _ = board.sockets[listener].accept()
-        connection = Connection(next(self._numbers), board.name, listener, accepted)
+        connection = Connection(next(self._numbers), board.name, listener, accepted, accepted)
         threading.Thread(target=self._carry, args=(connection,), daemon=True).start()
 
     def _carry(self, connection):
-        outer, listener, board = connection.socket, connection.listener, connection.board
+        outer, listener, board = connection.outer, connection.listener, connection.board
         outer.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         met = {fault.kind: fault for fault in self._faults.take(faults.CONNECT, listener, board)}
         for fault in met.values():
@@ -220,7 +222,7 @@ class Gate:
                     pass
             return
         certificate = met["certificate"].argument if "certificate" in met else "right"
-        wire.pump(outer, self._server_end(connection, certificate), shape)
+        wire.pump(outer, self._server_end(connection, certificate), shape, lambda: connection.to_be_reset)
 
     def _record(self, connection, fault):
         self._journal.write("fault", fault=fault.name, **connection.identity())

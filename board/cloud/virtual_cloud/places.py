@@ -7,11 +7,15 @@ TOKEN = "/api/oauth2/token"
 COUNTRY = "/api/device/country"
 CLIENT_LOG = "/api/client/log"
 
+SECRET_PARAMETERS = ("X-Amz-Signature", "X-Amz-Credential", "signature")
+
 CONTROL = "control"  # Unix sockets
 UPLINK = "wire/uplink"
 BROKER_CLIENTS = "broker/clients.sock"
 CREDENTIAL_KEY = "credentials.key"
 ROOT_CA = "ca/root.crt"
+PACKAGE_KEY = "package.pem"  # public; descriptions of packages are signed with its other half
+SECRETS = "secrets"
 FAULTS = "faults"
 JOURNAL = "journal.jsonl"
 
@@ -28,6 +32,10 @@ def broker_host(region):
     return f"broker.{region}.example.test"
 
 
+def store_host(region):
+    return f"store.{region}.example.test"
+
+
 def hosts():
     """All names under which the cloud is known."""
     return [
@@ -38,6 +46,7 @@ def hosts():
             "pre." + api_host(region),
             account_host(region),
             broker_host(region),
+            store_host(region),
         )
     ]
 

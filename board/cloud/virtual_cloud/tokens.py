@@ -1,9 +1,10 @@
 """Access and refresh tokens. They live as long as the cloud runs."""
 
 import dataclasses
-import secrets
 import threading
 import time
+
+from . import files
 
 NONCE_MEMORY_S = 300
 
@@ -37,7 +38,7 @@ class Tokens:
         """What the reply's "data" holds; the access tokens of before are good no more."""
         now = time.monotonic()
         ends = {"access_token": now + life_s, "refresh_token": now + 2 * life_s}
-        made = {kind: secrets.token_urlsafe(32) for kind in ends}
+        made = {kind: files.new_secret() for kind in ends}
         with self._lock:
             self._tokens = {
                 text: token

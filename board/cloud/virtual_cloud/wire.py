@@ -1,14 +1,19 @@
 """What carries the bytes of one connection, and what goes wrong with them on the way."""
 
+import contextlib
+import fcntl
 import select
 import socket
 import struct
+import termios
 import time
 
 from . import faults
 
 CHUNK = 256 * 1024
 STALL_LOOK_MS = 100
+DELIVERY_LOOK_S = 0.002
+DELIVERY_LIMIT_S = 1
 
 
 class Reset(Exception):
@@ -89,9 +94,7 @@ class _Way:
             self.waiting = self.source.recv(CHUNK, socket.MSG_DONTWAIT)
         except BlockingIOError:
             return
-        if not self.waiting:
-            self.ended = True
-            self.target.shutdown(socket.SHUT_WR)
+        self.ended = not self.waiting
 
     def write(self, room):
         try:
@@ -102,20 +105,24 @@ class _Way:
         return sent
 
 
-def pump(outer, inner, shape):
-    """Carries bytes between the board's connection and the server's until both have ended; closes both."""
+def pump(outer, inner, shape, to_be_reset=lambda: False):
+    """Carries bytes between the board's connection and the server's until both have ended; closes both. The server
+    may end its side for a reset."""
+    reset = False
     try:
-        _carry((_Way(outer, inner), _Way(inner, outer)), outer, shape)
+        _carry((_Way(outer, inner), _Way(inner, outer)), outer, shape, to_be_reset)
     except Reset:
-        outer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        reset = True
     except OSError:
-        pass  # one side is gone
+        reset = to_be_reset()  # one side is gone
     finally:
+        if reset:
+            outer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         outer.close()
         inner.close()
 
 
-def _carry(ways, outer, shape):
+def _carry(ways, outer, shape, to_be_reset):
     while not all(way.done() for way in ways):
         room = shape.room()
         if room == 0:
@@ -129,6 +136,22 @@ def _carry(ways, outer, shape):
                 room = shape.room()
             elif not way.waiting and way.source.fileno() in ready:
                 way.read()
+                if way.ended:
+                    _end(way, to_be_reset)
+
+
+def _end(way, to_be_reset):
+    if to_be_reset():
+        _await_delivery(way.target)
+        raise Reset
+    way.target.shutdown(socket.SHUT_WR)
+
+
+def _await_delivery(target):
+    """A reset throws away what the other side has not taken."""
+    end = time.monotonic() + DELIVERY_LIMIT_S
+    while time.monotonic() < end and any(fcntl.ioctl(target, termios.TIOCOUTQ, bytes(4))):
+        time.sleep(DELIVERY_LOOK_S)
 
 
 def _await(ways):
@@ -143,6 +166,13 @@ def _await(ways):
     for descriptor, events in interest.items():
         poll.register(descriptor, events)
     return {descriptor for descriptor, _ in poll.poll()}
+
+
+def await_end(outer):
+    """Returns when the board has given up."""
+    with contextlib.suppress(ValueError):  # closed meanwhile
+        while not _gone(outer):
+            pass
 
 
 def _gone(outer):

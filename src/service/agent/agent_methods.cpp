@@ -57,8 +57,13 @@ bool IsEmpty(const json& params) {
 }  // namespace
 
 AgentMethods::AgentMethods(Agent& agent, AgentSettings& settings, AgentUsers& users,
-                           DeviceAuthentication& authentication, const MakeApi& make_api)
-    : agent_(agent), settings_(settings), users_(users), authentication_(authentication) {
+                           DeviceAuthentication& authentication, utils::Permits& turns,
+                           const MakeApi& make_api)
+    : agent_(agent),
+      settings_(settings),
+      users_(users),
+      authentication_(authentication),
+      turns_(turns) {
   for (Slot& slot : slots_) slot.api = make_api();
 }
 
@@ -187,6 +192,8 @@ json AgentMethods::AuthorizeFileUrl(const json& params) {
 
 json AgentMethods::WithCloud(const Ask& ask) {
   if (agent_.State() != AgentState::CONNECTED) return Failed("Cloud not connected");
+  const auto turn = turns_.TryTake();
+  if (!turn) return Failed("Server busy");
   for (Slot& slot : slots_) {
     if (!slot.busy.TryLock()) continue;
     const utils::MutexLock lock(slot.busy, std::adopt_lock);

@@ -11,6 +11,7 @@
 #include "service/agent/agent_settings.h"
 #include "service/agent/auth/device_api.h"
 #include "utils/mutex.h"
+#include "utils/permits.h"
 
 namespace varnel::service {
 
@@ -19,11 +20,15 @@ namespace varnel::service {
 /// refused.
 class AgentMethods {
  public:
+  /// How many may talk to the cloud at a time.
+  static constexpr int kTurns = 2;
   using MakeApi = std::function<std::unique_ptr<DeviceApi>()>;
 
   /// All of it outlives the methods.
+  /// @param turns at the cloud, which others take as well
   AgentMethods(Agent& agent, AgentSettings& settings, AgentUsers& users,
-               DeviceAuthentication& authentication, const MakeApi& make_api);
+               DeviceAuthentication& authentication, utils::Permits& turns,
+               const MakeApi& make_api);
   AgentMethods(const AgentMethods&) = delete;
   AgentMethods& operator=(const AgentMethods&) = delete;
 
@@ -58,7 +63,8 @@ class AgentMethods {
   AgentSettings& settings_;
   AgentUsers& users_;
   DeviceAuthentication& authentication_;
-  std::array<Slot, 2> slots_;
+  utils::Permits& turns_;
+  std::array<Slot, kTurns> slots_;
 };
 
 }  // namespace varnel::service

@@ -23,7 +23,7 @@ constexpr std::chrono::seconds kStopLimit{2};
 constexpr std::chrono::milliseconds kStopLook{20};
 constexpr std::chrono::seconds kPrepareAgain{1};
 /// The agent's own requests hold up its loop.
-constexpr int32_t kAgentTimeoutS = 5;
+constexpr int32_t kAgentTimeoutS = 4;
 
 using Flag = std::shared_ptr<std::atomic<bool>>;
 
@@ -65,8 +65,9 @@ void Prepare(Agent& agent, utils::Clock& clock) {
 /// The agent and all that it works with. The agent's thread and the methods' registrations share
 /// it: one that is stuck in a call finds everything in its place.
 struct CloudManager::Side : std::enable_shared_from_this<CloudManager::Side> {
-  Side(const CloudSetup& setup, const Flag& stopping)
+  Side(const CloudSetup& setup, const Flag& stopping, std::shared_ptr<utils::Permits> cloud_turns)
       : comms(*setup.comms),
+        turns(std::move(cloud_turns)),
         clock(setup.clock),
         settings(setup.data_root / "mqtt/agent_config.json"),
         filter([this] { return settings.Get().logouts.contains(authentication.Region()); }),
@@ -76,7 +77,8 @@ struct CloudManager::Side : std::enable_shared_from_this<CloudManager::Side> {
         users(settings, authentication, *api),
         log(authentication, setup.client_log_path, [this] { return MayReport(); }),
         agent(AgentSetupOf(setup, stopping)),
-        methods(agent, settings, users, authentication,
+        firmware_api(MakeApi(setup, HttpSettings().timeout_s)),
+        methods(agent, settings, users, authentication, *turns,
                 [this, &setup] { return MakeApi(setup, HttpSettings().timeout_s); }) {
     settings.Load();  // before a method can change it
     users.SetOnUser([this] {
@@ -115,6 +117,7 @@ struct CloudManager::Side : std::enable_shared_from_this<CloudManager::Side> {
   }
 
   comms::CommsManager& comms;
+  const std::shared_ptr<utils::Permits> turns;
   utils::Clock* const clock;
   AgentSettings settings;
   CloudMessageFilter filter;
@@ -124,26 +127,49 @@ struct CloudManager::Side : std::enable_shared_from_this<CloudManager::Side> {
   UserManager users;
   ClientLog log;
   Agent agent;
+  const std::unique_ptr<DeviceApi> firmware_api;
   AgentMethods methods;
 };
 
 CloudManager::CloudManager(CloudSetup setup)
     : setup_(std::move(setup)),
+      turns_(std::make_shared<utils::Permits>(AgentMethods::kTurns)),
       access_([stopping = stopping_] { return stopping->load(); }, *setup_.clock) {}
 
 CloudManager::~CloudManager() {
-  if (side_) Stop();
+  Stop();
+}
+
+std::shared_ptr<CloudManager::Side> CloudManager::CurrentSide() const {
+  const utils::MutexLock lock(side_mutex_);
+  return side_;
+}
+
+bool CloudManager::IsConnected() const {
+  const auto side = CurrentSide();
+  return side && side->agent.State() == AgentState::CONNECTED;
+}
+
+std::optional<nlohmann::json> CloudManager::FirmwareRecord() const {
+  const auto side = CurrentSide();
+  if (!side) return std::nullopt;
+  return side->firmware_api->ApiDeviceFirmwareLatest(side->authentication.Region(),
+                                                     nlohmann::json::object());
 }
 
 void CloudManager::Start() {
-  if (side_) {
+  if (CurrentSide()) {
     VLOG_WARN(kTag, "CloudManager already started, ignoring duplicate Start()");
     return;
   }
-  side_ = std::make_shared<Side>(setup_, stopping_);
-  access_.SetSource({{side_, &side_->agent}, {side_, &side_->authentication}});
+  const auto new_side = std::make_shared<Side>(setup_, stopping_, turns_);
+  {
+    const utils::MutexLock lock(side_mutex_);
+    side_ = new_side;
+  }
+  access_.SetSource({{new_side, &new_side->agent}, {new_side, &new_side->authentication}});
   finished_ = std::make_shared<std::atomic<bool>>(false);
-  thread_ = utils::SpawnGuarded("cloud-agent", kTag, [side = side_, finished = finished_] {
+  thread_ = utils::SpawnGuarded("cloud-agent", kTag, [side = new_side, finished = finished_] {
     const std::shared_ptr<void> at_end(nullptr, [&](void*) { *finished = true; });
     Prepare(side->agent, *side->clock);
     side->agent.Run();
@@ -153,11 +179,12 @@ void CloudManager::Start() {
 
 void CloudManager::RequestStop() {
   *stopping_ = true;
-  if (side_) side_->agent.Stop();
+  if (const auto side = CurrentSide()) side->agent.Stop();
 }
 
 void CloudManager::Stop() {
-  if (!side_) return;
+  const auto side = CurrentSide();
+  if (!side) return;
   RequestStop();
   const auto end = std::chrono::steady_clock::now() + kStopLimit;
   while (!*finished_ && std::chrono::steady_clock::now() < end)
@@ -170,9 +197,12 @@ void CloudManager::Stop() {
     VLOG_WARN(kTag, "Agent thread did not exit within 2s, detaching");
     thread_.detach();
   }
-  side_->agent.ClearOnConnected();
+  side->agent.ClearOnConnected();
   access_.SetSource({});
-  side_.reset();
+  {
+    const utils::MutexLock lock(side_mutex_);
+    side_.reset();
+  }
   VLOG_INFO(kTag, "CloudManager stopped");
 }
 

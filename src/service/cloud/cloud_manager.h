@@ -10,6 +10,8 @@
 #include "service/agent/auth/device_authentication.h"
 #include "service/cloud/cloud_access.h"
 #include "utils/clock.h"
+#include "utils/mutex.h"
+#include "utils/permits.h"
 
 namespace varnel::service {
 
@@ -51,14 +53,24 @@ class CloudManager {
   [[nodiscard]] TransferStop StopOfTransfers() const {
     return [stopping = stopping_] { return stopping->load(); };
   }
+  /// Null while all turns of those who wait for the cloud's answer on a worker are taken.
+  [[nodiscard]] std::shared_ptr<void> TakeTurn() { return turns_->TryTake(); }
+  /// Any thread.
+  [[nodiscard]] bool IsConnected() const;
+  /// What the cloud has of the newest firmware; nothing when it does not answer. Any thread.
+  [[nodiscard]] std::optional<nlohmann::json> FirmwareRecord() const;
 
  private:
   struct Side;
 
+  [[nodiscard]] std::shared_ptr<Side> CurrentSide() const;
+
   const CloudSetup setup_;
   const std::shared_ptr<std::atomic<bool>> stopping_ = std::make_shared<std::atomic<bool>>(false);
+  const std::shared_ptr<utils::Permits> turns_;
   CloudAccess access_;
-  std::shared_ptr<Side> side_;
+  mutable utils::Mutex side_mutex_;
+  std::shared_ptr<Side> side_ GUARDED_BY(side_mutex_);
   std::shared_ptr<std::atomic<bool>> finished_;
   std::jthread thread_;
 };

@@ -115,7 +115,11 @@ size_t Transfer::OnHeader(char* text, size_t, size_t size, void* self) {
   // A trailer of a chunked body comes after their end.
   if (line.starts_with("HTTP/")) transfer.headers_end_ = false;
   if (line == "\r\n" || line == "\n") transfer.headers_end_ = true;
-  return transfer.header_bytes_ > kMaxHeaderBytes ? CURL_WRITEFUNC_ERROR : size;
+  const bool taken = transfer.Guarded([&] {
+    transfer.hooks_.Header(line);
+    return transfer.header_bytes_ <= kMaxHeaderBytes;
+  });
+  return taken ? size : CURL_WRITEFUNC_ERROR;
 }
 
 int Transfer::OnProgress(void* self, curl_off_t expected, curl_off_t received, curl_off_t,

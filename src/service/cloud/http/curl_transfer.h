@@ -6,6 +6,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "utils/mutex.h"
 #include "utils/owned.h"
@@ -60,6 +61,8 @@ class TransferHooks {
   virtual bool Take(const char* data, size_t size) = 0;
   /// The next bytes of the body that is sent: how many were put there. Nothing ends the transfer.
   virtual std::optional<size_t> Give(char*, size_t) { return std::nullopt; }
+  /// Each header line as it came, of each answer.
+  virtual void Header(std::string_view) {}
 
  private:
   friend class Transfer;

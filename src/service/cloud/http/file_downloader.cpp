@@ -9,6 +9,8 @@
 #include <string_view>
 #include <utility>
 
+#include "service/cloud/http/download_options.h"
+#include "service/cloud/http/stall_guard.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 
@@ -16,17 +18,9 @@ namespace varnel::service {
 namespace {
 
 constexpr const char* kTag = "DOWN";
-constexpr long kConnectTimeoutS = 60;
-constexpr long kLowSpeedBytes = 1;
-constexpr long kLowSpeedS = 30;
-constexpr long kMaxRedirects = 10;
 constexpr int kNotBegun = 1;
 
 using File = utils::Owned<std::FILE, std::fclose>;
-
-int64_t SecondOf(utils::Clock::TimePoint time) {
-  return std::chrono::floor<std::chrono::seconds>(time.time_since_epoch()).count();
-}
 
 /// Null when it cannot be, or is no regular file: a pipe would be waited for.
 File OpenForWriting(const std::filesystem::path& file) {
@@ -50,29 +44,25 @@ class FileDownloader::Hooks : public TransferHooks {
         target_(target),
         file_(file),
         progress_(progress),
-        stall_limit_(stall_limit_s),
-        changed_(owner.clock_.Now()) {}
+        guard_(owner.clock_, stall_limit_s) {}
 
   bool GoOn(curl_off_t expected, curl_off_t received) override {
     if (owner_.stop_ && owner_.stop_()) return false;
-    const auto now = owner_.clock_.Now();
-    if (received == received_) return now - changed_ <= stall_limit_;
-    received_ = received;
-    changed_ = now;
-    return SecondOf(now) == reported_second_ || Report(expected, SecondOf(now));
+    if (!guard_.GoesOn(received)) return false;
+    return !guard_.IsNewSecond() || Report(expected);
   }
   bool Take(const char* data, size_t size) override {
     return std::fwrite(data, 1, size, file_) == size;
   }
 
  private:
-  bool Report(curl_off_t expected, int64_t second) {
-    reported_second_ = second;
+  bool Report(curl_off_t expected) {
     if (!utils::HasRoom(owner_.has_space_, target_)) return false;
     if (!progress_ || expected <= 0) return true;
     // More than was announced is no more than all of it.
-    const double percent = 100.0 * static_cast<double>(received_) / static_cast<double>(expected);
-    progress_(std::min(percent, 100.0), received_, expected);
+    const double percent =
+        100.0 * static_cast<double>(guard_.Received()) / static_cast<double>(expected);
+    progress_(std::min(percent, 100.0), guard_.Received(), expected);
     return true;
   }
 
@@ -80,10 +70,7 @@ class FileDownloader::Hooks : public TransferHooks {
   const std::filesystem::path& target_;
   std::FILE* const file_;
   const Progress& progress_;
-  const std::chrono::duration<double> stall_limit_;
-  utils::Clock::TimePoint changed_;
-  curl_off_t received_ = 0;
-  int64_t reported_second_ = -1;
+  StallGuard guard_;
 };
 
 FileDownloader::FileDownloader(std::string name, TransferStop stop, utils::SpaceCheck has_space,
@@ -115,13 +102,7 @@ int FileDownloader::Download(const std::string& url, const std::filesystem::path
   TransferResult result;
   {
     Transfer transfer(connections_, "http,https,ftp,file", hooks);
-    transfer.Set(CURLOPT_FAILONERROR, 1L);
-    transfer.Set(CURLOPT_FOLLOWLOCATION, 1L);
-    transfer.Set(CURLOPT_MAXREDIRS, kMaxRedirects);
-    transfer.Set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-    transfer.Set(CURLOPT_CONNECTTIMEOUT, kConnectTimeoutS);
-    transfer.Set(CURLOPT_LOW_SPEED_LIMIT, kLowSpeedBytes);
-    transfer.Set(CURLOPT_LOW_SPEED_TIME, kLowSpeedS);
+    SetDownloadOptions(transfer);
     result = transfer.Perform(url);
   }
   // The last bytes may meet a full disk only now.

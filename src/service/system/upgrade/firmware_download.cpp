@@ -1,0 +1,125 @@
+#include "service/system/upgrade/firmware_download.h"
+
+#include <algorithm>
+#include <system_error>
+#include <utility>
+
+#include "utils/atomic_file.h"
+#include "utils/log.h"
+
+namespace varnel::service {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* kTag = "UPGM";
+constexpr double kStallS = 15;
+constexpr int kIdleAttempts = 3;
+constexpr int kMostRestarts = 3;
+constexpr long kForbidden = 403;
+constexpr long kRangeNotSatisfiable = 416;
+
+}  // namespace
+
+const char* ReasonOf(DownloadOutcome outcome) {
+  switch (outcome) {
+    case DownloadOutcome::kSuccess:
+      return "success";
+    case DownloadOutcome::kNetworkAbort:
+      return "network abort";
+    case DownloadOutcome::kFailed:
+      return "download firmware failed";
+    case DownloadOutcome::kCheckFailed:
+      return "firmware check failed";
+    case DownloadOutcome::kOtherVersion:
+      return "check remote version number failed";
+  }
+  return "";
+}
+
+FirmwareDownload::FirmwareDownload(DownloadSetup setup, const FirmwareDescription& description)
+    : setup_(std::move(setup)),
+      description_(description),
+      part_(*setup_.store, description, {setup_.min_free_bytes, setup_.sync_bytes},
+            [this](int64_t position) { return Tell(position); }),
+      furthest_(part_.Position()) {}
+
+bool FirmwareDownload::Tell(int64_t position) {
+  const auto size = static_cast<int64_t>(description_.size);
+  percent_ = std::max(percent_, static_cast<int>(position * 100 / size));
+  setup_.progress(percent_, position, size);
+  return true;
+}
+
+DownloadOutcome FirmwareDownload::Run(std::string url) {
+  const auto size = static_cast<int64_t>(description_.size);
+  while (part_.Why() == FirmwarePart::Problem::kNone && part_.Position() < size) {
+    if (!part_.HasRoom()) {
+      VLOG_ERROR(kTag, "There is no room for {} bytes of firmware", size - part_.Position());
+      return Failed(CURLE_WRITE_ERROR);
+    }
+    const bool resumes = part_.Position() > 0 && !part_.Validator().empty();
+    const RangeResult result = setup_.http->Download(
+        {url, resumes ? part_.Position() : 0, part_.Validator(), size, kStallS}, part_);
+    if (const auto outcome = Judge(result, url)) return *outcome;
+  }
+  return part_.Why() == FirmwarePart::Problem::kNone ? Finish() : Failed(CURLE_WRITE_ERROR);
+}
+
+std::optional<DownloadOutcome> FirmwareDownload::Judge(const RangeResult& result,
+                                                       std::string& url) {
+  using Problem = FirmwarePart::Problem;
+  if (part_.Why() == Problem::kWrongSize || result.too_long) return Refuse();
+  if (part_.Why() != Problem::kNone) return Failed(result.code);
+  if (result.code == CURLE_OK) return Finish();
+  if (result.status == kForbidden && !std::exchange(fresh_, true)) {
+    auto other = setup_.fresh_url();
+    if (!other) return Failed(result.code);
+    url = *std::move(other);
+    return std::nullopt;
+  }
+  if (result.wrong_range || result.status == kRangeNotSatisfiable) {
+    if (++restarts_ > kMostRestarts || !part_.Restart()) return Failed(result.code);
+    return std::nullopt;
+  }
+  return result.IsNetwork() ? AfterNetwork() : Failed(result.code);
+}
+
+std::optional<DownloadOutcome> FirmwareDownload::AfterNetwork() {
+  idle_ = part_.Position() > furthest_ ? 0 : idle_ + 1;
+  furthest_ = std::max(furthest_, part_.Position());
+  if (!part_.Sync()) return Failed(CURLE_WRITE_ERROR);
+  if (idle_ < kIdleAttempts && setup_.pause(idle_ < 2 ? 1s : 2s)) return std::nullopt;
+  VLOG_ERROR(kTag, "Download failed! ret= {}", static_cast<int>(CURLE_ABORTED_BY_CALLBACK));
+  return DownloadOutcome::kNetworkAbort;
+}
+
+DownloadOutcome FirmwareDownload::Failed(int code) const {
+  VLOG_ERROR(kTag, "Download failed! ret= {}", code);
+  return DownloadOutcome::kFailed;
+}
+
+DownloadOutcome FirmwareDownload::Refuse() const {
+  VLOG_ERROR(kTag, "Downloaded firmware check failed.");
+  setup_.store->RemovePart(description_.fullversion);
+  return DownloadOutcome::kCheckFailed;
+}
+
+DownloadOutcome FirmwareDownload::Finish() {
+  if (!part_.Sync()) return Failed(CURLE_WRITE_ERROR);
+  const FirmwareStore& store = *setup_.store;
+  const auto part = store.Part(description_.fullversion);
+  if (!setup_.check->CheckFirmwareFile(part, description_, FirmwareCheck::Reading::kAlways))
+    return Refuse();
+  std::error_code error;
+  std::filesystem::rename(part, store.Firmware(description_.fullversion), error);
+  if (!error) error = utils::SyncDirectory(store.Directory());
+  if (error) return Failed(CURLE_WRITE_ERROR);
+  setup_.check->Follow(store.Firmware(description_.fullversion));
+  store.RemovePart(description_.fullversion);  // its record
+  (void)Tell(static_cast<int64_t>(description_.size));
+  VLOG_INFO(kTag, "Download completed successfully!");
+  return DownloadOutcome::kSuccess;
+}
+
+}  // namespace varnel::service

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "service/cloud/http/ranged_download.h"
+#include "service/system/upgrade/firmware_description.h"
+#include "service/system/upgrade/firmware_store.h"
+#include "utils/owned.h"
+
+namespace varnel::service {
+
+/// A firmware on its way to the disk. What was synced survives a power cut, with the server's word
+/// for which file it is the beginning of. One thread.
+class FirmwarePart : public RangeSink {
+ public:
+  /// What is fetched again after a cut is less than twice this.
+  static constexpr int64_t kSyncBytes = int64_t{8} << 20U;
+
+  /// Why it does not go on.
+  enum class Problem { kNone, kNoFile, kNoRoom, kNotWritten, kWrongSize };
+  /// Called about once a second, with what is there. False ends the download.
+  using Progress = std::function<bool(int64_t position)>;
+
+  struct Limits {
+    uint64_t min_free_bytes = 0;  ///< stay free beside what is still to come
+    int64_t sync_bytes = kSyncBytes;
+  };
+
+  /// Goes on with what is there of this firmware. The store outlives it.
+  FirmwarePart(const FirmwareStore& store, const FirmwareDescription& description, Limits limits,
+               Progress progress);
+
+  [[nodiscard]] bool IsOpen() const { return static_cast<bool>(file_); }
+  [[nodiscard]] bool HasRoom() const;
+  /// Where the next bytes go.
+  [[nodiscard]] int64_t Position() const { return position_; }
+  [[nodiscard]] const std::string& Validator() const { return validator_; }
+  [[nodiscard]] Problem Why() const { return problem_; }
+  /// Forgets what is there.
+  [[nodiscard]] bool Restart() { return StartOver({}); }
+  /// Makes it last; false when that fails.
+  [[nodiscard]] bool Sync();
+
+  bool Begin(const RangeStart& start) override;
+  bool Take(const char* data, size_t size) override;
+  bool GoOn(int64_t position) override;
+
+ private:
+  void Continue();
+  [[nodiscard]] bool StartOver(const std::string& validator);
+  [[nodiscard]] bool WriteRecord() const;
+  bool Fail(Problem problem);
+
+  const FirmwareStore& store_;
+  const FirmwareDescription& description_;
+  const Limits limits_;
+  const Progress progress_;
+  utils::UniqueFd file_;
+  int64_t position_ = 0;
+  int64_t synced_ = 0;
+  std::string validator_;
+  Problem problem_ = Problem::kNone;
+};
+
+}  // namespace varnel::service

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <memory>
+
+#include "utils/mutex.h"
+
+namespace varnel::utils {
+
+/// So many may do something at a time. Thread-safe; outlives what it gives.
+class Permits {
+ public:
+  explicit Permits(int count) : free_(count) {}
+  Permits(const Permits&) = delete;
+  Permits& operator=(const Permits&) = delete;
+
+  /// One permit, given back with the last copy; null when none is free.
+  [[nodiscard]] std::shared_ptr<void> TryTake() {
+    const MutexLock lock(mutex_);
+    if (free_ == 0) return nullptr;
+    --free_;
+    return {this, [](Permits* permits) {
+              const MutexLock back(permits->mutex_);
+              ++permits->free_;
+            }};
+  }
+
+ private:
+  Mutex mutex_;
+  int free_ GUARDED_BY(mutex_);
+};
+
+}  // namespace varnel::utils
