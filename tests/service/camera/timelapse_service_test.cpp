@@ -356,11 +356,8 @@ class CopyingUploader : public FileUploader {
     EXPECT_EQ(fs::status(request.file.parent_path()).permissions(), fs::perms::owner_all);
     fs::copy_file(request.file, target_, fs::copy_options::overwrite_existing);
     EXPECT_TRUE(request.progress(1, 2));
-    meanwhile_();
     return "https://cloud.example/" + request.name;
   }
-  std::function<void()> meanwhile_ = [] {};
-
  private:
   const fs::path target_;
 };

@@ -24,15 +24,26 @@ std::string_view Element(std::string_view xml, const std::string& name) {
   return xml.substr(begin + open.size(), end - begin - open.size());
 }
 
-std::string Unescaped(const std::string& url) {
+std::string Unescaped(const std::string& value) {
   int size = 0;
   const utils::Owned<char, curl_free> text(
-      curl_easy_unescape(nullptr, url.c_str(), static_cast<int>(url.size()), &size));
+      curl_easy_unescape(nullptr, value.c_str(), static_cast<int>(value.size()), &size));
   return text ? std::string(text.get(), static_cast<size_t>(size)) : std::string();
 }
 
+/// The values in the query, each also as it is meant.
+std::string SecretsOf(const std::string& url) {
+  std::string secrets;
+  for (size_t at = url.find_first_of("?&"); at != url.npos; at = url.find('&', at + 1)) {
+    const size_t value = std::min(url.find('=', at), url.size());
+    const std::string text = url.substr(value, url.find('&', value) - value);
+    secrets += text + '\n' + Unescaped(text) + '\n';
+  }
+  return secrets;
+}
+
 std::string WithoutQuotes(std::string text, const std::string& url) {
-  const std::string secrets = url + '\n' + Unescaped(url);
+  const std::string secrets = SecretsOf(url);
   std::string masked = text;
   for (size_t at = 0; at + kQuoted <= text.size(); ++at) {
     if (secrets.find(std::string_view(text).substr(at, kQuoted)) != secrets.npos)
