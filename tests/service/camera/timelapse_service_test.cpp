@@ -358,6 +358,7 @@ class CopyingUploader : public FileUploader {
     EXPECT_TRUE(request.progress(1, 2));
     return "https://cloud.example/" + request.name;
   }
+
  private:
   const fs::path target_;
 };
