@@ -1,6 +1,9 @@
 #include "app/cloud_side.h"
 
+#include <nlohmann/json.hpp>
+
 #include "service/agent/auth/aes.h"
+#include "service/cloud/upload/cloud_upload.h"
 
 namespace varnel::app {
 namespace {
@@ -32,6 +35,16 @@ std::unique_ptr<service::CloudManager> MakeCloudManager(
                           deployment.allow_clear_credentials};
   setup.disconnected_code = static_cast<int>(deployment.disconnected_code);
   return std::make_unique<service::CloudManager>(std::move(setup));
+}
+
+std::unique_ptr<service::FileUploader> MakeUploader(service::CloudManager& cloud) {
+  service::CloudAccess& access = cloud.Access();
+  service::UploadApi api;
+  api.has_access = [&access] { return access.GetAccess() == 0; };
+  api.post = [&access](const std::string& path, const nlohmann::json& document) {
+    return access.Post(path, document);
+  };
+  return std::make_unique<service::CloudUpload>(std::move(api), cloud.StopOfTransfers());
 }
 
 }  // namespace varnel::app

@@ -5,6 +5,7 @@
 #include "comms/comms_manager.h"
 #include "hal_adapter/system_adapter.h"
 #include "service/cloud/cloud_manager.h"
+#include "service/cloud/upload/file_uploader.h"
 #include "utils/deployment.h"
 
 namespace varnel::app {
@@ -14,5 +15,8 @@ namespace varnel::app {
 [[nodiscard]] std::unique_ptr<service::CloudManager> MakeCloudManager(
     comms::CommsManager& comms, const std::shared_ptr<const hal_adapter::DeviceIdentity>& identity,
     const utils::CloudDeployment& deployment);
+
+/// The way of other services' files to the cloud. The manager outlives it.
+[[nodiscard]] std::unique_ptr<service::FileUploader> MakeUploader(service::CloudManager& cloud);
 
 }  // namespace varnel::app

@@ -228,7 +228,8 @@ class Services {
         camera_(comms, {.camera = &hardware.multimedia,
                         .paths = &client_paths,
                         .timelapse_paths = PathsOf(deployment),
-                        .analyser = &analysis_}) {}
+                        .analyser = &analysis_,
+                        .uploader = MakeUploader(*cloud_)}) {}
 
   void Start() {
     cloud_->Start();

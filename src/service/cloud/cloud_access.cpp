@@ -16,6 +16,8 @@ constexpr long kUnauthorized = 401;
 constexpr long kForbidden = 403;
 constexpr long kClientError = 400;
 constexpr long kServerError = 500;
+/// An answer names an address for each part of a file.
+constexpr size_t kMaxReplyBytes = size_t{16} << 20U;
 
 /// Empty for a URL of another server: the token is not for it.
 std::string UrlOf(const std::string& where, const std::string& base_url) {
@@ -36,7 +38,7 @@ void TellOutcome(const std::string& tag, const HttpResponse& response) {
 }  // namespace
 
 CloudAccess::CloudAccess(TransferStop stop, utils::Clock& clock)
-    : http_({.post_once = true}, std::move(stop), clock) {
+    : http_({.max_body_bytes = kMaxReplyBytes, .post_once = true}, std::move(stop), clock) {
   VLOG_INFO(kTag, "CURL initialization.");
 }
 

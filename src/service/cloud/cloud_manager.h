@@ -49,6 +49,10 @@ class CloudManager {
 
   /// For the other services; null-safe at any time. Lives as long as the manager.
   CloudAccess& Access() { return access_; }
+  /// Says when transfers for the other services are to end; may outlive the manager.
+  [[nodiscard]] TransferStop StopOfTransfers() const {
+    return [stopping = stopping_] { return stopping->load(); };
+  }
   /// Null while all turns of those who wait for the cloud's answer on a worker are taken.
   [[nodiscard]] std::shared_ptr<void> TakeTurn() { return turns_->TryTake(); }
   /// Any thread.

@@ -352,11 +352,11 @@ class CopyingUploader : public FileUploader {
  public:
   explicit CopyingUploader(fs::path target) : target_(std::move(target)) {}
   bool HasAccess() override { return true; }
-  std::optional<std::string> Upload(const fs::path& file, const Progress& progress) override {
-    EXPECT_EQ(fs::status(file.parent_path()).permissions(), fs::perms::owner_all);
-    fs::copy_file(file, target_, fs::copy_options::overwrite_existing);
-    progress(1, 2);
-    return "https://cloud.example/" + file.filename().string();
+  std::optional<std::string> Upload(const UploadRequest& request) override {
+    EXPECT_EQ(fs::status(request.file.parent_path()).permissions(), fs::perms::owner_all);
+    fs::copy_file(request.file, target_, fs::copy_options::overwrite_existing);
+    EXPECT_TRUE(request.progress(1, 2));
+    return "https://cloud.example/" + request.name;
   }
 
  private:

@@ -35,8 +35,13 @@ size_t LengthOf(const std::string& request, size_t header_end) {
 std::string ReadRequest(int fd) {
   std::string request;
   std::array<char, 4096> piece{};
-  for (;;) {
+  for (bool invited = false;;) {
     const size_t header_end = request.find("\r\n\r\n");
+    if (header_end != std::string::npos && !invited) {
+      invited = true;
+      if (request.find("\r\nExpect: 100-continue") < header_end)
+        (void)ScriptedServer::Peer(fd).Send("HTTP/1.1 100 Continue\r\n\r\n");
+    }
     if (header_end != std::string::npos && request.size() >= LengthOf(request, header_end))
       return request;
     const ssize_t got = ::recv(fd, piece.data(), piece.size(), 0);

@@ -43,6 +43,14 @@ void InitCurl() {
   if (IsBroken()) VLOG_ERROR(kTag, "curl cannot be initialised: {}", curl_easy_strerror(code));
 }
 
+bool AppendHeader(CurlHeaders& lines, const char* line) {
+  curl_slist* longer = curl_slist_append(lines.get(), line);
+  if (longer == nullptr) return false;
+  (void)lines.release();
+  lines.reset(longer);
+  return true;
+}
+
 ConnectionShare::ConnectionShare() : share_(curl_share_init()) {
   for (const int kind : {CURL_LOCK_DATA_CONNECT, CURL_LOCK_DATA_SSL_SESSION, CURL_LOCK_DATA_DNS})
     curl_share_setopt(share_.get(), CURLSHOPT_SHARE, kind);
@@ -69,6 +77,13 @@ void Transfer::SetSeconds(CURLoption option, int64_t seconds) {
   Set(option, static_cast<long>(std::min(seconds, kMostSeconds)));
 }
 
+void Transfer::SendBody(int64_t bytes) {
+  Set(CURLOPT_UPLOAD, 1L);
+  Set(CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(bytes));
+  Set(CURLOPT_READFUNCTION, OnSend);
+  Set(CURLOPT_READDATA, this);
+}
+
 template <class Call>
 bool Transfer::Guarded(Call call) {
   try {
@@ -83,6 +98,14 @@ size_t Transfer::OnBody(char* data, size_t, size_t size, void* self) {
   auto& transfer = *static_cast<Transfer*>(self);
   const bool taken = transfer.Guarded([&] { return transfer.hooks_.Take(data, size); });
   return taken ? size : CURL_WRITEFUNC_ERROR;
+}
+
+size_t Transfer::OnSend(char* buffer, size_t, size_t room, void* self) {
+  auto& transfer = *static_cast<Transfer*>(self);
+  std::optional<size_t> given;
+  const bool goes_on =
+      transfer.Guarded([&] { return (given = transfer.hooks_.Give(buffer, room)).has_value(); });
+  return goes_on ? *given : CURL_READFUNC_ABORT;
 }
 
 size_t Transfer::OnHeader(char* text, size_t, size_t size, void* self) {
@@ -129,6 +152,13 @@ long Transfer::Status() const {
   long status = 0;
   if (handle_) curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &status);
   return status;
+}
+
+std::string Transfer::Header(const char* name) const {
+  curl_header* header = nullptr;
+  const bool found =
+      handle_ && curl_easy_header(handle_.get(), name, 0, CURLH_HEADER, -1, &header) == CURLHE_OK;
+  return found ? header->value : "";
 }
 
 }  // namespace varnel::service

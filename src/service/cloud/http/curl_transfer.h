@@ -4,6 +4,7 @@
 
 #include <exception>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -22,6 +23,9 @@ void InitCurl();
 
 using CurlHandle = utils::Owned<CURL, curl_easy_cleanup>;
 using CurlHeaders = utils::Owned<curl_slist, curl_slist_free_all>;
+
+/// False when there is no memory; the list is as it was.
+[[nodiscard]] bool AppendHeader(CurlHeaders& lines, const char* line);
 
 /// Connections that outlive the handles that opened them: a new one costs a handshake. The library
 /// does not let two threads use them at once, so there is one transfer at a time.
@@ -55,6 +59,8 @@ class TransferHooks {
   virtual bool GoOn(curl_off_t expected, curl_off_t received) = 0;
   /// False ends the transfer.
   virtual bool Take(const char* data, size_t size) = 0;
+  /// The next bytes of the body that is sent: how many were put there. Nothing ends the transfer.
+  virtual std::optional<size_t> Give(char*, size_t) { return std::nullopt; }
   /// Each header line as it came, of each answer.
   virtual void Header(std::string_view) {}
 
@@ -80,6 +86,9 @@ class Transfer {
   }
   /// Seconds; more than the library can count are the most that it can.
   void SetSeconds(CURLoption option, int64_t seconds);
+  /// A PUT of that many bytes, which the hooks give. They are never given again: a transfer that
+  /// would need that fails.
+  void SendBody(int64_t bytes);
 
   /// A URL that the library would read otherwise than it is written (it ends at a zero byte) is
   /// refused. So are headers without end, and an answer that ends within them, which the library
@@ -87,9 +96,12 @@ class Transfer {
   [[nodiscard]] TransferResult Perform(const std::string& url);
   /// Of the answer; 0 without one.
   [[nodiscard]] long Status() const;
+  /// A header of the last answer; empty without it.
+  [[nodiscard]] std::string Header(const char* name) const;
 
  private:
   static size_t OnBody(char* data, size_t, size_t size, void* self);
+  static size_t OnSend(char* buffer, size_t, size_t room, void* self);
   static size_t OnHeader(char* line, size_t, size_t size, void* self);
   static int OnProgress(void* self, curl_off_t expected, curl_off_t received, curl_off_t,
                         curl_off_t);

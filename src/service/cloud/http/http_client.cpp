@@ -18,14 +18,6 @@ constexpr const char* kTag = "HTTP";
 constexpr int32_t kDefaultConnectTimeoutS = 10;
 const std::string kNoQuery;
 
-bool Append(CurlHeaders& lines, const char* line) {
-  curl_slist* longer = curl_slist_append(lines.get(), line);
-  if (longer == nullptr) return false;
-  (void)lines.release();
-  lines.reset(longer);
-  return true;
-}
-
 /// The library sends a header without a value only if a semicolon stands in the place of its colon.
 std::string AsTheLibraryWants(std::string header) {
   const size_t value = header.find_first_not_of(" \t", header.find(':') + 1);
@@ -133,17 +125,17 @@ TransferResult HttpClient::Exchange(const Request& request, HttpResponse& respon
 
 bool HttpClient::SetHeaders(Transfer& transfer, const Request& request, CurlHeaders& lines) const {
   // Without it the library waits for a second before it sends a large body.
-  bool all = Append(lines, "Expect:");
+  bool all = AppendHeader(lines, "Expect:");
   const auto& secret = request.bearer_token ? request.bearer_token : settings_.bearer_token;
   if (const std::string_view token = secret ? secret->Text() : ""; !token.empty()) {
     constexpr std::string_view kName = "Authorization: Bearer ";
     utils::SecretString line(kName.size() + token.size() + 1);
     std::copy(token.begin(), token.end(), std::copy(kName.begin(), kName.end(), line.Data()));
-    all = all && IsHeaderLine(token) && Append(lines, line.Data());
+    all = all && IsHeaderLine(token) && AppendHeader(lines, line.Data());
   }
   for (const HttpHeaders* headers : {&settings_.headers, &request.headers}) {
     for (const std::string& header : *headers)
-      all = all && IsHeaderLine(header) && Append(lines, AsTheLibraryWants(header).c_str());
+      all = all && IsHeaderLine(header) && AppendHeader(lines, AsTheLibraryWants(header).c_str());
   }
   transfer.Set(CURLOPT_HTTPHEADER, lines.get());
   return all;

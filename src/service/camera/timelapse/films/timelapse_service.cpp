@@ -35,6 +35,7 @@ TimelapseService::TimelapseService(TimelapseSetup setup)
       uploader_(std::move(setup.uploader)),
       ffmpeg_(std::move(setup.programs), paths_.min_free_bytes),
       store_(paths_, *setup.clock),
+      uploads_(paths_, store_, *uploader_),
       directories_(paths_, *setup.clock),
       maker_(ffmpeg_, store_, std::move(setup.notify), *setup.clock),
       worker_(paths_, directories_, store_, ffmpeg_, maker_, std::move(setup.broker_answers),
@@ -189,7 +190,7 @@ hal_adapter::HalStatus TimelapseService::Delete(const std::string& index) {
 }
 
 UploadResult TimelapseService::Upload(const std::string& index, const std::string& type) {
-  return UploadFilm(paths_, store_, *uploader_, index, type);
+  return uploads_.Upload(index, type);
 }
 
 }  // namespace varnel::service

@@ -71,6 +71,7 @@ class TimelapseService {
   const std::unique_ptr<FileUploader> uploader_;
   const Ffmpeg ffmpeg_;
   const FilmStore store_;
+  FilmUploads uploads_;
   WorkDirectories directories_;
   const FilmMaker maker_;
 

@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "service/camera/timelapse/disk/work_directory.h"
+#include "utils/free_space.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
 #include "utils/openssl_crypto.h"
@@ -20,6 +21,7 @@ using hal_adapter::HalStatus;
 constexpr const char* kTag = "TLP";
 constexpr size_t kPasswordBytes = 16;
 constexpr uint32_t kIterations = 10'000;
+constexpr int kMaxUploads = 2;
 
 /// The encrypted file on its way; gone at the end of the upload.
 class TemporaryFile {
@@ -71,43 +73,80 @@ std::string Hex(const std::vector<uint8_t>& bytes) {
   return text;
 }
 
-UploadResult EncryptAndSend(const TimelapsePaths& paths, FileUploader& uploader,
-                            const std::string& index, const std::string& type,
-                            const fs::path& source) {
-  const char* ending = type == "video" ? ".mp4.enc" : ".jpg.enc";
+bool LogProgress(uint64_t sent, uint64_t all) {
+  VLOG_INFO(kTag, "Upload timelapse progress: {}% ({}/{})", all == 0 ? 100 : sent * 100 / all, sent,
+            all);
+  return true;
+}
+
+}  // namespace
+
+/// One of those that run, unless there are enough of them.
+class FilmUploads::Slot {
+ public:
+  explicit Slot(std::atomic<int>& running) : running_(running), free_(++running_ <= kMaxUploads) {}
+  ~Slot() { --running_; }
+  Slot(const Slot&) = delete;
+  Slot& operator=(const Slot&) = delete;
+
+  bool IsFree() const { return free_; }
+
+ private:
+  std::atomic<int>& running_;
+  const bool free_;
+};
+
+UploadResult FilmUploads::Upload(const std::string& index, const std::string& type) {
+  const Slot slot(running_);
+  if (slot.IsFree()) return Send(index, type);
+  VLOG_ERROR(kTag, "{} films are being uploaded already, do nothing.", kMaxUploads);
+  return HalStatus::kFailure;
+}
+
+/// Throws std::runtime_error with a text for the log.
+void FilmUploads::Encrypt(const Film& film, utils::OpenSSLCrypto& crypto, const fs::path& target) {
+  const utils::MutexLock lock(copy_mutex_);
+  if (!MakePrivateDirectory(paths_.upload))
+    throw std::runtime_error("Create file " + target.string() + " failed");
+  std::error_code error;
+  const uint64_t size = fs::file_size(film.source, error);
+  // The copy is as large as the film, but for what rounds it up.
+  if (error || !utils::EnoughFreeSpace(paths_.upload, paths_.min_free_bytes + size))
+    throw std::runtime_error("No room in " + paths_.upload.string());
+  crypto.EncryptFile(film.source, target);
+}
+
+UploadResult FilmUploads::EncryptAndSend(const Film& film) {
+  const std::string ending = film.type == "video" ? ".mp4.enc" : ".jpg.enc";
   // Two uploads of one film do not share a file.
   const TemporaryFile encrypted(
-      paths.upload / (index + '_' + utils::RandomPassword("hex", 4) + "_timelapse_enc" + ending));
-  utils::OpenSSLCrypto crypto(index + "_timelapse_enc",
+      paths_.upload /
+      (film.index + '_' + utils::RandomPassword("hex", 4) + "_timelapse_enc" + ending));
+  utils::OpenSSLCrypto crypto(film.index + "_timelapse_enc",
                               utils::RandomPassword("hex", kPasswordBytes), kIterations,
                               utils::SaltMode::kRandomPerFile, {});
   try {
-    if (!MakePrivateDirectory(paths.upload))
-      throw std::runtime_error("Create file " + encrypted.Path().string() + " failed");
-    crypto.EncryptFile(source, encrypted.Path());
+    Encrypt(film, crypto, encrypted.Path());
   } catch (const std::runtime_error& error) {
-    VLOG_ERROR(kTag, "Encrypt {} failed: {}", source.string(), error.what());
+    VLOG_ERROR(kTag, "Encrypt {} failed: {}", film.source, error.what());
     return HalStatus::kFailure;
   }
-  VLOG_INFO(kTag, "Push {} {} to cloud server.", type, source.string());
-  const auto url = uploader.Upload(encrypted.Path(), [](uint64_t sent, uint64_t all) {
-    VLOG_INFO(kTag, "Upload timelapse progress: {}% ({}/{})", all == 0 ? 100 : sent * 100 / all,
-              sent, all);
-  });
+  VLOG_INFO(kTag, "Push {} {} to cloud server.", film.type, film.source);
+  const auto url = uploader_.Upload({.file = encrypted.Path(),
+                                     .name = encrypted.Path().filename().string(),
+                                     .log = true,
+                                     .progress = LogProgress});
   if (!url) return HalStatus::kFailure;
   return UploadedFilm{*url, std::string(crypto.Password()), crypto.Iterations(),
                       Hex(crypto.Salt())};
 }
 
-}  // namespace
-
-UploadResult UploadFilm(const TimelapsePaths& paths, const FilmStore& store, FileUploader& uploader,
-                        const std::string& index, const std::string& type) {
+UploadResult FilmUploads::Send(const std::string& index, const std::string& type) {
   if (type != "video" && type != "thumbnail") {
     VLOG_ERROR(kTag, "File type is not 'video' or 'thumbnail', do nothing.");
     return HalStatus::kFailure;
   }
-  const auto record = store.Find(index);
+  const auto record = store_.Find(index);
   if (!record) return record.Why();
   const std::string source = SourceIn(*record, type);
   // It becomes part of a file's name.
@@ -116,15 +155,15 @@ UploadResult UploadFilm(const TimelapsePaths& paths, const FilmStore& store, Fil
     VLOG_ERROR(kTag, "Source path for {} is empty, cannot upload.", type);
     return HalStatus::kFailure;
   }
-  if (!IsOfTheStore(paths, source)) {
+  if (!IsOfTheStore(paths_, source)) {
     VLOG_ERROR(kTag, "File {} is not ready.", utils::LogText(source));
     return HalStatus::kFileNotFound;
   }
-  if (!uploader.HasAccess()) {
+  if (!uploader_.HasAccess()) {
     VLOG_ERROR(kTag, "Cloud access code is unavailable.");
     return HalStatus::kFailure;
   }
-  return EncryptAndSend(paths, uploader, index, type, source);
+  return EncryptAndSend({index, type, source});
 }
 
 }  // namespace varnel::service

@@ -1,43 +1,23 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
-#include <optional>
 #include <string>
 
 #include "hal_interface/hal_status.h"
 #include "service/camera/timelapse/disk/film_store.h"
 #include "service/camera/timelapse/disk/timelapse_paths.h"
+#include "service/cloud/upload/file_uploader.h"
+#include "utils/mutex.h"
+#include "utils/openssl_crypto.h"
 #include "utils/result.h"
 
 namespace varnel::service {
 
-/// The way to the maker's cloud, as far as time-lapses need it.
-class FileUploader {
- public:
-  using Progress = std::function<void(uint64_t sent_bytes, uint64_t all_bytes)>;
-
-  virtual ~FileUploader() = default;
-  /// Whether there is an access code at this moment.
-  [[nodiscard]] virtual bool HasAccess() = 0;
-  /// The address of the uploaded file; nothing when it failed.
-  [[nodiscard]] virtual std::optional<std::string> Upload(const std::filesystem::path& file,
-                                                          const Progress& progress) = 0;
-};
-
-/// A board without a cloud.
-class NoUploader : public FileUploader {
- public:
-  bool HasAccess() override { return false; }
-  std::optional<std::string> Upload(const std::filesystem::path&, const Progress&) override {
-    return std::nullopt;
-  }
-};
-
 /// What whoever decrypts an uploaded film needs. The password is a secret.
 struct UploadedFilm {
-  std::string url;
+  std::string url;  ///< empty when the cloud names none
   std::string password;
   uint32_t iterations = 0;
   std::string salt_hex;
@@ -47,8 +27,33 @@ struct UploadedFilm {
 /// missing, -1 for all else.
 using UploadResult = utils::Result<UploadedFilm, hal_adapter::HalStatus>;
 
-/// Encrypts the "video" or the "thumbnail" of a finished film and uploads it.
-UploadResult UploadFilm(const TimelapsePaths& paths, const FilmStore& store, FileUploader& uploader,
-                        const std::string& index, const std::string& type);
+/// Encrypts the "video" or the "thumbnail" of finished films and uploads them. Thread-safe.
+class FilmUploads {
+ public:
+  /// All outlives it.
+  FilmUploads(const TimelapsePaths& paths, const FilmStore& store, FileUploader& uploader)
+      : paths_(paths), store_(store), uploader_(uploader) {}
+
+  /// Returns when the film is there. Of more than two at a time the others fail at once.
+  UploadResult Upload(const std::string& index, const std::string& type);
+
+ private:
+  class Slot;
+  struct Film {
+    const std::string& index;
+    const std::string& type;
+    std::string source;
+  };
+
+  UploadResult Send(const std::string& index, const std::string& type);
+  UploadResult EncryptAndSend(const Film& film);
+  void Encrypt(const Film& film, utils::OpenSSLCrypto& crypto, const std::filesystem::path& target);
+
+  const TimelapsePaths& paths_;
+  const FilmStore& store_;
+  FileUploader& uploader_;
+  std::atomic<int> running_ = 0;
+  utils::Mutex copy_mutex_;  // the room for one copy is not counted for another one too
+};
 
 }  // namespace varnel::service
