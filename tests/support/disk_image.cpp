@@ -53,8 +53,9 @@ DiskRecorder::Names DiskRecorder::NamesIn(const fs::path& directory) {
 void DiskRecorder::Synced(pid_t thread, int descriptor) {
   const fs::path path = fmt::format("/proc/{}/fd/{}", thread, descriptor);
   const fs::path file = fs::read_symlink(path);
-  if (fs::is_directory(file)) {
-    names_[InodeOf(file)] = NamesIn(file);
+  if (fs::is_directory(path)) {
+    std::error_code error;  // another thread may have removed it by now
+    if (fs::is_directory(file, error)) names_[InodeOf(file)] = NamesIn(file);
   } else {
     contents_[InodeOf(file)] = ReadFile(path);
   }

@@ -42,7 +42,7 @@ std::string SecretsOf(const std::string& url) {
   return secrets;
 }
 
-std::string WithoutQuotes(std::string text, const std::string& url) {
+std::string WithoutQuotes(const std::string& text, const std::string& url) {
   const std::string secrets = SecretsOf(url);
   std::string masked = text;
   for (size_t at = 0; at + kQuoted <= text.size(); ++at) {
@@ -60,7 +60,7 @@ std::string StoreErrorText(std::string_view body, const std::string& url) {
     text = std::string(code) + ": " + std::string(Element(body, "Message"));
   // Cut only afterwards: the begin of a secret at the end would be too short to be found.
   text.resize(std::min(text.size(), kMaxText + kQuoted));
-  return utils::LogText(WithoutQuotes(std::move(text), url), kMaxText);
+  return utils::LogText(WithoutQuotes(text, url), kMaxText);
 }
 
 }  // namespace varnel::service
