@@ -38,9 +38,10 @@ class CloudUploadTest : public testing::Test {
     if (const auto found = replies_.find(call); found != replies_.end()) return found->second;
     json data{{"url", call == "create" ? PartUrl(0) : "https://stored.test/x"}};
     if (call != "completed") data["uploadId"] = "u1";
-    for (const json& part : asked.value("uploadParts", json::array()))
+    for (const json& part : asked.value("uploadParts", json::array())) {
       data["uploadParts"].push_back(
           {{"partNumber", part["partNumber"]}, {"url", PartUrl(part["partNumber"].get<int>())}});
+    }
     return json{{"code", 200}, {"data", data}}.dump();
   }
   std::string PartUrl(int number) {

@@ -97,9 +97,10 @@ TEST_F(HttpClientTest, AnswersAreTakenAsTheyAreAndRedirectsNotFollowed) {
   ScriptedServer server([](const std::string& request, const ScriptedServer::Peer& peer) {
     if (request.starts_with("GET /away"))
       return peer.Send("HTTP/1.1 302 Found\r\nLocation: /\r\nContent-Length: 2\r\n\r\nno");
-    if (request.starts_with("GET /trailer"))
+    if (request.starts_with("GET /trailer")) {
       return peer.Send(
           "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nab\r\n0\r\nX: 1\r\n\r\n");
+    }
     return peer.Answer("down", "503 Busy");
   });
   HttpClient client;
@@ -187,11 +188,12 @@ TEST_F(HttpClientTest, ManyThreadsShareTheConnections) {
   once.post_once = true;
   HttpClient careful(std::move(once));
   {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 8; ++i)
-      threads.emplace_back([&] {
+    std::vector<std::jthread> threads(8);
+    for (std::jthread& thread : threads) {
+      thread = std::jthread([&] {
         for (int n = 0; n < 20; ++n) EXPECT_EQ(client.Post(server.Url(), {{"n", n}}).status, 200);
       });
+    }
   }
   EXPECT_EQ(server.connections.Items().size(), 1U);
   for (int n = 0; n < 3; ++n) EXPECT_EQ(careful.Post(server.Url(), {}).status, 200);
