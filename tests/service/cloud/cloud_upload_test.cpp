@@ -7,6 +7,8 @@
 #include <atomic>
 #include <deque>
 #include <fstream>
+#include <map>
+#include <mutex>
 
 #include "service/cloud/http/http_request.h"
 #include "service/cloud/scripted_server.h"
@@ -51,12 +53,8 @@ class CloudUploadTest : public testing::Test {
   bool Store(const std::string& request, const ScriptedServer::Peer& peer) {
     const std::string call = "PUT " + request.substr(7, 1);
     calls_.Put(call);
-    meanwhile_();
-    std::string fault;
-    if (!faults_.empty()) {
-      fault = faults_.front();
-      faults_.pop_front();
-    }
+    const auto [fault, body, meanwhile] = NextMeeting();
+    meanwhile();
     if (fault == "reset") peer.ResetAtEnd();
     if (fault == "reset" || fault == "lost") return false;
     if (fault == "stall") {
@@ -65,9 +63,33 @@ class CloudUploadTest : public testing::Test {
       return false;
     }
     if (fault == "no etag") return peer.Answer("");
-    if (!fault.empty()) return peer.Answer(body_, fault);
+    if (!fault.empty()) return peer.Answer(body, fault);
     return peer.Send("HTTP/1.1 200 OK\r\nETag: \"e" + call.substr(4) +
                      "\"\r\nContent-Length: 0\r\n\r\n");
+  }
+  struct Meeting {
+    std::string fault;
+    std::string body;
+    std::function<void()> meanwhile;
+  };
+  Meeting NextMeeting() {
+    const std::lock_guard lock(script_mutex_);
+    Meeting next{"", body_, meanwhile_};
+    if (faults_.empty()) return next;
+    next.fault = faults_.front();
+    faults_.pop_front();
+    return next;
+  }
+  /// What the next PUTs meet; those that follow are taken.
+  void Meet(std::deque<std::string> faults, const std::string& body = "") {
+    const std::lock_guard lock(script_mutex_);
+    faults_ = std::move(faults);
+    body_ = body;
+  }
+  /// What happens while a PUT is served.
+  void Meanwhile(std::function<void()> change) {
+    const std::lock_guard lock(script_mutex_);
+    meanwhile_ = std::move(change);
   }
   std::optional<std::string> Upload(size_t bytes = kTwoParts) {
     file_ = dir_.Write("file", std::string(bytes, 'x'));
@@ -85,9 +107,10 @@ class CloudUploadTest : public testing::Test {
   test::FakeClock clock_;
   test::Mailbox<std::string> calls_;
   std::map<std::string, std::string> replies_;
-  std::deque<std::string> faults_;
-  std::string body_;
-  std::function<void()> meanwhile_ = [] {};
+  std::mutex script_mutex_;
+  std::deque<std::string> faults_;           // script_mutex_
+  std::string body_;                         // script_mutex_
+  std::function<void()> meanwhile_ = [] {};  // script_mutex_
   std::vector<uint64_t> told_;
   std::atomic<bool> goes_on_ = true;
   fs::path file_;
@@ -139,8 +162,7 @@ TEST_F(CloudUploadTest, APartIsSentAgainAsOftenAsItMay) {
   for (const Case& one : cases) {
     const size_t old = calls_.Items().size();
     const auto begin = clock_.Elapsed();
-    faults_ = one.faults;
-    body_ = one.body;
+    Meet(one.faults, one.body);
     EXPECT_EQ(Upload().has_value(), one.calls.back() == "completed") << one.faults.front();
     auto calls = calls_.Items();
     calls.erase(calls.begin(), calls.begin() + static_cast<std::ptrdiff_t>(old));
@@ -212,7 +234,7 @@ TEST_F(CloudUploadTest, WhatTheApiMayAnswer) {
   for (const auto& [call, reply, text] : cases) {
     const size_t old = calls_.Items().size();
     replies_ = {{call, reply}};
-    faults_.assign(call == "re-sign 1" ? 1 : 0, "403 No");
+    Meet(std::deque<std::string>(call == "re-sign 1" ? 1 : 0, "403 No"));
     EXPECT_FALSE(Upload()) << text;
     EXPECT_TRUE(Logged(text)) << text;
     const auto calls = calls_.Items();
@@ -244,7 +266,7 @@ TEST_F(CloudUploadTest, AFileThatChangesMeanwhileIsNotStored) {
       },
   };
   for (const auto& change : changes) {
-    meanwhile_ = change;
+    Meanwhile(change);
     EXPECT_FALSE(Upload());
     EXPECT_FALSE(Upload(10)) << "the change is of a small file";
   }
@@ -255,15 +277,14 @@ TEST_F(CloudUploadTest, AFileThatChangesMeanwhileIsNotStored) {
 }
 
 TEST_F(CloudUploadTest, ASmallFileIsSentOnceAndSecretsStaySecret) {
-  body_ = "<Error><Code>SignatureDoesNotMatch</Code><Message>Got " + std::string(kSecret) +
-          "</Message><StringToSign>" + kSecret + "</StringToSign></Error>";
-  faults_ = {"403 No", "500 No", "lost"};
+  Meet({"403 No"}, "<Error><Code>SignatureDoesNotMatch</Code><Message>Got " + std::string(kSecret) +
+                       "</Message><StringToSign>" + kSecret + "</StringToSign></Error>");
   EXPECT_FALSE(Upload(10));
   EXPECT_TRUE(Logged("PUT " + UrlTag(PartUrl(0)) +
                          " failed: HTTP 403, response: SignatureDoesNotMatch: Got " +
                          std::string(std::string(kSecret).size(), '*'),
                      "UPLD"));
-  body_ = std::string(140, '-') + kSecret;  // cut within the secret
+  Meet({"500 No", "lost"}, std::string(140, '-') + kSecret);  // cut within the secret
   EXPECT_FALSE(Upload(10));
   EXPECT_FALSE(Upload(10));
   EXPECT_THAT(log_.Text(), Not(HasSubstr(std::string(kSecret).substr(0, 8))));
@@ -282,8 +303,8 @@ TEST_F(CloudUploadTest, ASmallFileIsSentOnceAndSecretsStaySecret) {
 }
 
 TEST_F(CloudUploadTest, ProgressIsOfTheWholeFileAndMayCancel) {
-  meanwhile_ = [this] { clock_.Advance(std::chrono::seconds(2)); };
-  faults_ = {"", "reset"};
+  Meanwhile([this] { clock_.Advance(std::chrono::seconds(2)); });
+  Meet({"", "reset"});
   ASSERT_TRUE(Upload());
   EXPECT_TRUE(std::is_sorted(told_.begin(), told_.end()));
   EXPECT_EQ(told_.back(), kTwoParts);
