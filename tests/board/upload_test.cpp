@@ -138,6 +138,9 @@ TEST_F(UploadTest, AFilmIsFetchedDecryptedAndPlays) {
     EXPECT_THAT(puts[i].at("headers").dump(),
                 testing::AllOf(Not(HasSubstr("uthorization")), Not(HasSubstr("ustom"))));
   }
+  TheCloud().SetUrlLife(std::chrono::hours(1));
+  TheCloud().SetFaults(std::string("echo ") + kStored + " 500\n");
+  EXPECT_EQ(Upload().value("message", ""), "internal error");
   board_.ExpectNoSecretLeft();
   const std::string log = board_.StopAndReadLog();
   EXPECT_THAT(log, Not(HasSubstr(answer.at("pw").get<std::string>())));
@@ -158,6 +161,15 @@ TEST_F(UploadTest, TwoAtATimeBesidePhotosAndAKillLeavesNoCopy) {
   EXPECT_THAT(Copies(), HasSubstr("_timelapse_enc"));
   board_.KillAndStart();
   ASSERT_TRUE(board_.rpc.AwaitDaemon());
+  EXPECT_THAT(Copies(), IsEmpty());
+
+  EXPECT_TRUE(board_.Await("connected"));
+  const size_t old = board_.board.DaemonLog().size();
+  board_.rpc.Post("camera.upload_timelapse_instance", params);
+  EXPECT_TRUE(board_.AwaitLog("Upload timelapse progress: ", old));
+  EXPECT_EQ(board_.Requests("/api/device/upload/cancel"), 0U);
+  (void)board_.StopAndReadLog();
+  EXPECT_EQ(board_.Requests("/api/device/upload/cancel"), 1U) << "told before the end";
   EXPECT_THAT(Copies(), IsEmpty());
 }
 
