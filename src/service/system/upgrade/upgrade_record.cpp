@@ -44,12 +44,13 @@ std::optional<UpgradeRecord> UpgradeRecord::Load(const fs::path& file) {
 }
 
 bool IsThisVersion(const std::string& local, const std::string& remote) {
-  constexpr size_t kCut = 31;
+  constexpr size_t kCut = 32;
   return !local.empty() && (local == remote || (local.size() >= kCut && remote.starts_with(local)));
 }
 
 bool UpgradeRecord::HasSucceeded(const std::string& now) const {
-  return expected.empty() ? !now.empty() && now != fullversion : IsThisVersion(now, expected);
+  if (!expected.empty()) return IsThisVersion(now, expected);
+  return !fullversion.empty() && !now.empty() && now != fullversion;
 }
 
 bool IsUpgradeRunning(const std::string& package, const fs::path& proc) {
