@@ -48,9 +48,10 @@ bool IsThisVersion(const std::string& local, const std::string& remote) {
   return !local.empty() && (local == remote || (local.size() >= kCut && remote.starts_with(local)));
 }
 
-bool UpgradeRecord::HasSucceeded(const std::string& now) const {
-  if (!expected.empty()) return IsThisVersion(now, expected);
-  return !fullversion.empty() && !now.empty() && now != fullversion;
+std::string UpgradeRecord::OutcomeAt(const std::string& now) const {
+  if (!outcome.empty() && (outcome != "success" || expected.empty())) return outcome;
+  const bool is_another = !fullversion.empty() && !now.empty() && now != fullversion;
+  return (expected.empty() ? is_another : IsThisVersion(now, expected)) ? "success" : "";
 }
 
 bool IsUpgradeRunning(const std::string& package, const fs::path& proc) {

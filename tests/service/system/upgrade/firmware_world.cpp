@@ -66,6 +66,11 @@ void FirmwareWorld::Spoil(std::vector<Fault> faults) {
   faults_.assign(faults.begin(), faults.end());
 }
 
+void FirmwareWorld::Describe(test::ScriptedServer::Script script) {
+  const std::lock_guard lock(mutex_);
+  describe_ = std::move(script);
+}
+
 std::string FirmwareWorld::Stored() const {
   return test::ReadFile(store.Firmware(description.fullversion));
 }
@@ -92,8 +97,13 @@ PackageAnswer FirmwareWorld::AnswerTo(const std::string& request) const {
 }
 
 bool FirmwareWorld::Serve(const std::string& request, const test::ScriptedServer::Peer& peer) {
+  std::unique_lock lock(mutex_);
+  if (request.starts_with("GET /description")) {
+    const auto describe = describe_;
+    lock.unlock();
+    return describe(request, peer);
+  }
   PackageAnswer answer = AnswerTo(request);
-  const std::lock_guard lock(mutex_);
   if (!faults_.empty()) {
     faults_.front()(answer);
     faults_.pop_front();
