@@ -46,7 +46,7 @@ DownloadOutcome FirmwareWorld::Download() {
        .store = &store,
        .check = &check,
        .min_free_bytes = min_free_bytes,
-       .sync_bytes = 16'384,
+       .sync_bytes = kSyncBytes,
        .progress = [this](int percent, int64_t, int64_t) { percents.push_back(percent); },
        .fresh_url = [this]() -> std::optional<std::string> {
          ++fresh_urls;

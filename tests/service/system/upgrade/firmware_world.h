@@ -33,6 +33,8 @@ class FirmwareWorld {
  public:
   using Fault = std::function<void(PackageAnswer& answer)>;
 
+  static constexpr size_t kSyncBytes = 16'384;
+
   explicit FirmwareWorld(size_t size = 100'000);
 
   DownloadOutcome Download();
