@@ -45,14 +45,10 @@ Monitor::Monitor(MonitorSetup setup)
   files_.Clear();
 }
 
-void Monitor::LogState(const char* which) const {
-  const MonitorDomains on = Domains();
-  VLOG_INFO(kTag, "{} monitor state: lan is {}, wan is {}", which, on.lan, on.wan);
-}
-
 std::optional<MonitorAccess> Monitor::Start(const std::string& domain,
                                             std::chrono::milliseconds interval) {
-  LogState("Current");
+  const MonitorDomains before = Domains();
+  VLOG_INFO(kTag, "Current monitor state: lan is {}, wan is {}", before.lan, before.wan);
   const auto known = DomainOf(domain);
   if (!known) return std::nullopt;
   // A cloud that does not answer holds up one worker, and not all of them.
@@ -63,7 +59,9 @@ std::optional<MonitorAccess> Monitor::Start(const std::string& domain,
     return std::nullopt;
   }
   auto access = StartDomain(*known, interval);
-  if (access) LogState("New");
+  if (!access) return std::nullopt;
+  const MonitorDomains now = Domains();
+  VLOG_INFO(kTag, "New monitor state: lan is {}, wan is {}", now.lan, now.wan);
   return access;
 }
 

@@ -68,7 +68,6 @@ class Monitor {
                                            std::chrono::milliseconds interval);
   std::optional<std::string> Rehearse(const MonitorSwitches::Attempt& attempt,
                                       const Crypto& crypto);
-  void LogState(const char* which) const;
 
   const std::string ffmpeg_;
   const std::shared_ptr<FileUploader> uploader_;
