@@ -1,0 +1,252 @@
+// People watch a print, over the cloud and in the local network.
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <cstdlib>
+#include <thread>
+
+#include "board/cloud_board.h"
+#include "board/scenes.h"
+#include "support/eventually.h"
+#include "support/temp_dir.h"
+#include "virtual_board/client/daemon_talk.h"
+
+namespace varnel::board {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+using test::Eventually;
+using testing::IsEmpty;
+
+constexpr const char* kLink = "/home/ruxo/printer_data/camera/monitor.jpg";
+constexpr const char* kStored = "/objects/*";
+
+class MonitorTest : public testing::Test {
+ protected:
+  ~MonitorTest() override { TheCloud().SetFaults(""); }
+
+  /// One board for all tests, with the first camera, or one of its own.
+  explicit MonitorTest(CameraKind camera = CameraKind::kMipi) {
+    BootOptions options;
+    options.camera = camera;
+    if (camera == CameraKind::kUsb || !shared_) {
+      served_ = std::make_shared<CloudBoard>(options, true);
+      served_->Join();
+    }
+    if (camera == CameraKind::kMipi) served_ = shared_ = served_ ? served_ : shared_;
+  }
+  static void TearDownTestSuite() { shared_.reset(); }
+
+  json Start(const std::string& domain, int interval = 1) {
+    return served_->rpc.Call(
+        "camera.start_monitor",
+        {{"domain", domain}, {"interval", interval}, {"expect_pw", domain == "wan"}});
+  }
+  json Stop(const std::string& domain) {
+    return served_->rpc.Call("camera.stop_monitor", {{"domain", domain}});
+  }
+  json Print() { return served_->rpc.Call("camera.take_a_photo", {{"reason", "printing"}}); }
+  /// "wan", "lan" or nothing.
+  std::string Watched() {
+    return served_->rpc.Call("camera.get_status", nullptr)["result"].value("monitor_domain", "");
+  }
+  /// What clients were told of monitoring.
+  std::vector<RpcCaller::Notification> Told() const {
+    auto told = served_->rpc.Notifications("notify_camera_status_change");
+    std::erase_if(told, [](const auto& one) { return !one.params.contains("monitoring"); });
+    return told;
+  }
+  bool AwaitEnd() const {
+    return Eventually(
+        [&] { return !Told().empty() && Told().back().params["monitoring"] == false; });
+  }
+  /// Which number the local viewer's picture shows; everybody may look at it.
+  unsigned ShownLocally() const {
+    const auto mode = served_->board.Shell(std::string("stat -L -c %a ") + kLink).out;
+    const auto numbers =
+        mode == "644\n" ? NumbersIn(served_->board, kLink) : std::vector<unsigned>();
+    return numbers.empty() ? 0 : numbers.front();
+  }
+  [[nodiscard]] fs::path Object() const {
+    return TheCloud().ObjectFile(served_->serial + "_monitor.enc");
+  }
+  /// Which number an encrypted picture shows, opened as the answer tells.
+  unsigned Opened(const std::string& bytes, const json& answer) const {
+    const json& access = answer.at("result");
+    std::ofstream(served_->board.HostPath("/tmp/got.enc")) << bytes;
+    const auto opened = served_->board.Shell(
+        "openssl enc -d -aes-256-cbc -pbkdf2 -md sha256 -iter " + access.at("iterations").dump() +
+        " -pass pass:" + access.at("pw").get<std::string>() +
+        " -in /tmp/got.enc -out /tmp/got.jpg");
+    const auto numbers = NumbersIn(served_->board, "/tmp/got.jpg");
+    EXPECT_EQ(std::make_pair(opened.status, numbers.size()), std::make_pair(0, size_t{1}));
+    return numbers.empty() ? 0 : numbers.front();
+  }
+  static json WithoutSignature(json access) {
+    const std::string url = access.at("url");
+    access["url"] = url.substr(0, url.find('?'));
+    return access;
+  }
+  [[nodiscard]] static size_t Puts() {
+    const auto journal = TheCloud().Journal();
+    return static_cast<size_t>(std::count_if(journal.begin(), journal.end(), [](const json& entry) {
+      return entry.value("method", "") == "PUT" && entry.value("status", 0) == 200;
+    }));
+  }
+  /// Uploads that hung so far.
+  [[nodiscard]] static size_t Stalled() {
+    const auto journal = TheCloud().Journal();
+    return static_cast<size_t>(std::count_if(journal.begin(), journal.end(), [](const json& entry) {
+      return entry.at("event") == "fault" && entry.value("path", "").starts_with("/objects/");
+    }));
+  }
+  [[nodiscard]] std::string Files() const {
+    return served_->board.Shell(std::string("ls -d /tmp/.monitor.* /tmp/.varnel-* ") + kLink).out;
+  }
+
+  void ExpectNow();
+
+  static inline std::shared_ptr<CloudBoard> shared_;
+  std::shared_ptr<CloudBoard> served_;
+};
+
+class UsbMonitorTest : public MonitorTest {
+ protected:
+  UsbMonitorTest() : MonitorTest(CameraKind::kUsb) {}
+};
+
+/// Both viewers see the print of now, beside its time-lapse.
+void MonitorTest::ExpectNow() {
+  const CodedScene scene(served_->board);
+  const size_t puts = Puts();
+  EXPECT_EQ(served_->rpc.Call("camera.start_timelapse", {{"mode", "classic"}, {"frame_rate", 24}}),
+            Success());
+  scene.Show(1);
+  std::vector<std::string> objects;
+  fs::file_time_type seen;
+  const auto collect = [&] {
+    std::error_code error;
+    const auto time = fs::last_write_time(Object(), error);
+    if (!error && std::exchange(seen, time) != time) objects.push_back(test::ReadFile(Object()));
+  };
+  (void)fs::remove(Object());
+  std::jthread collector([&](const std::stop_token& stop) {
+    while (!stop.stop_requested()) collect();
+    collect();
+  });
+  const json access = Start("wan");
+  EXPECT_EQ(Start("lan"), Success());
+  for (unsigned number = 2; number < 5; ++number) {
+    scene.Show(number);
+    EXPECT_EQ(Print(), Success());
+    EXPECT_TRUE(Eventually([&] { return ShownLocally() == number; })) << number;
+    EXPECT_TRUE(Eventually([&] { return Opened(test::ReadFile(Object()), access) == number; }));
+  }
+  EXPECT_EQ(Stop("wan"), Success());
+  EXPECT_EQ(Watched(), "lan");
+  EXPECT_EQ(Stop("lan"), Success());
+  EXPECT_TRUE(AwaitEnd());
+  EXPECT_THAT(Files(), IsEmpty());
+  collector.request_stop();
+  collector.join();
+  EXPECT_EQ(objects.size(), Puts() - puts) << "each object was seen";
+  unsigned last = 0;
+  for (const std::string& object : objects) {
+    const unsigned number = Opened(object, access);
+    EXPECT_GE(number, last) << "black at first, then as it happened";
+    last = number;
+  }
+  EXPECT_EQ(served_->board.DaemonLog().find(access["result"]["pw"].get<std::string>()),
+            std::string::npos);
+}
+
+TEST_F(MonitorTest, BothViewersSeeThePrintOfNow) {
+  ExpectNow();
+}
+
+TEST_F(UsbMonitorTest, BothViewersSeeThePrintOfNow) {
+  ExpectNow();
+}
+
+TEST_F(MonitorTest, DomainsComeAndGoInEveryOrder) {
+  const size_t old = Told().size();
+  std::string password;
+  for (const std::string first : {"wan", "lan"}) {
+    for (const std::string last : {"wan", "lan"}) {
+      const std::string second = first == "wan" ? "lan" : "wan";
+      const json one = Start(first);
+      EXPECT_EQ(Watched(), first);
+      const json two = Start(second);
+      EXPECT_EQ(Watched(), "wan");
+      const json access = (first == "wan" ? one : two)["result"];
+      const json again = Start("wan")["result"];
+      EXPECT_EQ(WithoutSignature(again), WithoutSignature(access));
+      EXPECT_NE(access.value("pw", password), password) << "until all have gone";
+      password = access["pw"];
+      EXPECT_EQ(Stop(last == "wan" ? "lan" : "wan"), Success());
+      EXPECT_EQ(Watched(), last);
+      EXPECT_EQ(Stop(last), Success());
+      EXPECT_TRUE(AwaitEnd());
+      EXPECT_EQ(Told().back().params["monitor_domain"], last);
+    }
+  }
+  bool on = false;
+  for (const auto& told : Told()) EXPECT_EQ(told.params["monitoring"], on = !on);
+  EXPECT_EQ(Told().size(), old + 8);
+}
+
+TEST_F(MonitorTest, ACloudThatFailsHoldsUpNobodyElse) {
+  const CodedScene scene(served_->board);
+  EXPECT_EQ(served_->rpc.Call("camera.start_timelapse", {{"mode", "classic"}, {"frame_rate", 24}}),
+            Success());
+  scene.Show(1);
+  const json access = Start("wan");
+  EXPECT_EQ(Start("lan"), Success());
+  TheCloud().SetFaults("silence *\nstall * 0\n");
+  const char* longer = std::getenv("VARNEL_CLOUD_CUT_S");
+  const auto end = steady_clock::now() + seconds(longer != nullptr ? std::atoi(longer) : 12);
+  for (unsigned number = 2; steady_clock::now() < end; ++number) {
+    scene.Show(number % 256);
+    EXPECT_TRUE(Eventually([&] { return ShownLocally() == number % 256; }, seconds(12))) << number;
+  }
+  TheCloud().SetFaults("");
+  scene.Show(99);
+  EXPECT_TRUE(
+      Eventually([&] { return Opened(test::ReadFile(Object()), access) == 99; }, seconds(90)));
+
+  TheCloud().SetFaults(std::string("stall ") + kStored + " 1000\n");
+  EXPECT_TRUE(Eventually([] { return Stalled() == 1; }));
+  auto begin = steady_clock::now();
+  EXPECT_EQ(Print(), Success());
+  EXPECT_LT(steady_clock::now() - begin, seconds(3));
+  EXPECT_EQ(Stop("lan"), Success());
+  begin = steady_clock::now();
+  EXPECT_EQ(Stop("wan"), Success());
+  EXPECT_TRUE(AwaitEnd());
+  EXPECT_LT(Told().back().time - begin, seconds(1));
+
+  const json start =
+      served_->rpc.Post("camera.start_monitor", {{"domain", "wan"}, {"interval", 1}});
+  EXPECT_TRUE(Eventually([] { return Stalled() == 2; }));
+  EXPECT_EQ(Start("lan"), Success()) << "one that hangs takes one worker";
+  EXPECT_EQ(Stop("wan"), Success());
+  EXPECT_EQ(served_->rpc.Await(start, seconds(2)), Error(-32000, "Start monitor failed"));
+}
+
+TEST_F(MonitorTest, NothingIsLeftOfARunThatEnded) {
+  EXPECT_EQ(Start("lan", 0), Success());
+  EXPECT_TRUE(Eventually([&] { return served_->board.Exec({"test", "-s", kLink}).status == 0; }));
+  served_->KillAndStart();
+  ASSERT_TRUE(served_->rpc.AwaitDaemon());
+  EXPECT_THAT(Files(), IsEmpty());
+  EXPECT_EQ(Start("lan", 0), Success());
+  EXPECT_TRUE(Eventually([&] { return served_->board.Exec({"test", "-s", kLink}).status == 0; }));
+  (void)served_->StopAndReadLog();
+  EXPECT_THAT(Files(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace varnel::board
