@@ -236,6 +236,20 @@ TEST_F(MonitorTest, ACloudThatFailsHoldsUpNobodyElse) {
   EXPECT_EQ(served_->rpc.Await(start, seconds(2)), Error(-32000, "Start monitor failed"));
 }
 
+// For scripts/monitor-period.
+TEST_F(MonitorTest, DISABLED_AWholePeriodEndsByItself) {
+  EXPECT_EQ(Start("lan", 5), Success());
+  const auto begin = steady_clock::now();
+  EXPECT_TRUE(
+      Eventually([&] { return Told().back().params["monitoring"] == false; }, seconds(400)));
+  EXPECT_EQ(Told().back().params["reason"], "expired");
+  EXPECT_NEAR(std::chrono::duration<double>(Told().back().time - begin).count(), 362, 1.5);
+  const auto warnings = served_->rpc.Notifications("notify_camera_monitoring_to_stop");
+  ASSERT_NEAR(static_cast<double>(warnings.size()), 10, 1);
+  EXPECT_GE(warnings.front().params["remain"], 45);
+  EXPECT_LE(warnings.back().params["remain"], 4);
+}
+
 TEST_F(MonitorTest, NothingIsLeftOfARunThatEnded) {
   EXPECT_EQ(Start("lan", 0), Success());
   EXPECT_TRUE(Eventually([&] { return served_->board.Exec({"test", "-s", kLink}).status == 0; }));
