@@ -43,6 +43,7 @@ void MonitorTask::Run() {
       Watch();
     } catch (const std::exception& error) {
       VLOG_ERROR(kTag, "Capture task failed: {}", error.what());
+      tools_.switches.Pause(tools_.clock.Now() + kFailurePause);
     }
   }
 }
