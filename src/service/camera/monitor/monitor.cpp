@@ -114,6 +114,8 @@ bool Monitor::Stop(const std::string& domain) {
   const auto known = DomainOf(domain);
   if (!known) return false;
   switches_.TurnOff(*known);
+  // The other domain may not have a round for an hour.
+  if (known == MonitorDomain::kLan) files_.Withdraw();
   VLOG_INFO(kTag, "Stop monitor.");
   return true;
 }

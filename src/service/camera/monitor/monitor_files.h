@@ -12,15 +12,15 @@ struct MonitorPaths {
   std::filesystem::path web_link = "/home/ruxo/printer_data/camera/monitor.jpg";
 };
 
-/// The current picture on disk, and the link by which local clients see it. By one thread.
+/// The current picture on disk, and the link by which local clients see it.
 class MonitorFiles {
  public:
   explicit MonitorFiles(MonitorPaths paths) : paths_(std::move(paths)) {}
 
   [[nodiscard]] const MonitorPaths& Paths() const { return paths_; }
-  /// Has the link lead to the snapshot.
+  /// Has the link lead to the snapshot. By one thread.
   void Publish();
-  /// Removes the link.
+  /// Removes the link. Any thread.
   void Withdraw() const;
   /// Removes all: no picture of the past looks like one of now. Any thread.
   void Clear() const;

@@ -100,7 +100,8 @@ bool MonitorTask::TakePicture(const Round& round) {
 
 void MonitorTask::Deliver(const Round& round) {
   const bool encrypted = Encrypt(round);
-  if (round.on.lan) {
+  // As it is by now: whoever stopped has had the link removed.
+  if (tools_.switches.Domains().lan) {
     tools_.files.Publish();
   } else {
     tools_.files.Withdraw();
