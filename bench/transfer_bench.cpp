@@ -117,7 +117,7 @@ void SecondCheck(Report& report, const Options& options) {
 service::UploadApi ApiOf(const std::string& url) {
   return {
       [] { return true; },
-      [url](const std::string& path, const json& document) {
+      [url](const std::string& path, const json& document, const service::RequestOptions&) {
         if (path != service::kUploadCreate)
           return json{{"code", 200}, {"data", {{"url", url}}}}.dump();
         json parts = json::array();

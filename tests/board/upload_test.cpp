@@ -16,6 +16,8 @@ using testing::IsEmpty;
 using testing::Not;
 
 constexpr const char* kStored = "/objects/*";
+/// For a film that fills a disk.
+constexpr std::chrono::minutes kCopyLimit{5};
 constexpr uint64_t kPartBytes = 5'242'880;
 
 /// Of the film that goes in parts; VARNEL_FILM_BYTES.
@@ -75,18 +77,18 @@ class UploadTest : public testing::Test {
   }
   /// The film is replaced by so many bytes of which no two parts are alike.
   void MakeLarge(uint64_t bytes) {
-    EXPECT_EQ(
-        board_.board.Shell("head -c " + std::to_string(bytes) + " /dev/urandom > " + video_).status,
-        0);
+    const std::string line = "head -c " + std::to_string(bytes) + " /dev/urandom > " + video_;
+    EXPECT_EQ(board_.board.Shell(line, kCopyLimit).status, 0);
   }
   /// Fetches what the answer tells of, and decrypts it as it says.
   void ExpectStored(const json& answer) {
     ASSERT_EQ(answer.value("state", ""), "success") << answer;
     const auto got = board_.board.Shell(
         "curl -sS --fail '" + answer.at("url").get<std::string>() +
-        "' | openssl enc -d -aes-256-cbc -pbkdf2 -md sha256 -iter " +
-        answer.at("iterations").dump() + " -pass pass:" + answer.at("pw").get<std::string>() +
-        " > /tmp/got && cmp /tmp/got " + video_);
+            "' | openssl enc -d -aes-256-cbc -pbkdf2 -md sha256 -iter " +
+            answer.at("iterations").dump() + " -pass pass:" + answer.at("pw").get<std::string>() +
+            " > /tmp/got && cmp /tmp/got " + video_,
+        kCopyLimit);
     EXPECT_EQ(got.status, 0) << got.out << got.err;
   }
   /// The PUTs so far.
