@@ -47,8 +47,12 @@ steady_clock::time_point NextRound() {
   struct stat before {};
   (void)::stat(MonitorPaths().encrypted.c_str(), &before);
   struct stat now {};
-  while (::stat(MonitorPaths().encrypted.c_str(), &now) != 0 || now.st_ino == before.st_ino ||
-         now.st_size == 0) {
+  // It is begun anew each time; a number of an inode may come again.
+  const auto is_new = [&] {
+    return now.st_size > 0 && (now.st_mtim.tv_sec != before.st_mtim.tv_sec ||
+                               now.st_mtim.tv_nsec != before.st_mtim.tv_nsec);
+  };
+  while (::stat(MonitorPaths().encrypted.c_str(), &now) != 0 || !is_new()) {
     if (steady_clock::now() > end) throw std::runtime_error("no round ends");
     std::this_thread::sleep_for(std::chrono::microseconds(500));
   }
