@@ -30,6 +30,11 @@ Value& At(Deployment& deployment, Value CloudDeployment::*member) {
   return deployment.cloud.*member;
 }
 
+template <class Value>
+Value& At(Deployment& deployment, Value MonitorDeployment::*member) {
+  return deployment.monitor.*member;
+}
+
 template <auto Member, uint64_t Min, uint64_t Max>
 bool ReadNumber(const json& value, Deployment& deployment) {
   if (!value.is_number_unsigned()) {
@@ -148,6 +153,8 @@ constexpr std::array kKeys = {
     Key{"cloud.credential_key_file", ReadPath<&CloudDeployment::credential_key_file, true>, "an absolute path or empty"},
     Key{"cloud.allow_clear_credentials", ReadSwitch<&CloudDeployment::allow_clear_credentials>, "true or false"},
     Key{"cloud.disconnected_code", ReadNumber<&CloudDeployment::disconnected_code, 0, 999'999>, "a whole number from 0 to 999999"},
+    Key{"monitor.fixed_password", ReadSwitch<&MonitorDeployment::fixed_password>, "true or false"},
+    Key{"monitor.iterations", ReadNumber<&MonitorDeployment::iterations, 1'000, 10'000'000>, "a whole number from 1000 to 10000000"},
 };
 // clang-format on
 
