@@ -41,8 +41,9 @@ std::unique_ptr<service::FileUploader> MakeUploader(service::CloudManager& cloud
   service::CloudAccess& access = cloud.Access();
   service::UploadApi api;
   api.has_access = [&access] { return access.GetAccess() == 0; };
-  api.post = [&access](const std::string& path, const nlohmann::json& document) {
-    return access.Post(path, document);
+  api.post = [&access](const std::string& path, const nlohmann::json& document,
+                       const service::RequestOptions& options) {
+    return access.Post(path, document, options);
   };
   return std::make_unique<service::CloudUpload>(std::move(api), cloud.StopOfTransfers());
 }

@@ -11,5 +11,9 @@
 #define VLOG_ERROR(tag, text, ...) VLOG_LINE_(error, tag, text __VA_OPT__(, ) __VA_ARGS__)
 #define VLOG_CRITICAL(tag, text, ...) VLOG_LINE_(critical, tag, text __VA_OPT__(, ) __VA_ARGS__)
 
+/// At a level that is chosen at run time.
+#define VLOG_AT(level, tag, text, ...) \
+  ::spdlog::log(level, "[{}:{}] " text, tag, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+
 #define VLOG_LINE_(level, tag, text, ...) \
   ::spdlog::level("[{}:{}] " text, tag, __LINE__ __VA_OPT__(, ) __VA_ARGS__)

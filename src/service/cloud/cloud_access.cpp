@@ -18,6 +18,7 @@ constexpr long kClientError = 400;
 constexpr long kServerError = 500;
 /// An answer names an address for each part of a file.
 constexpr size_t kMaxReplyBytes = size_t{16} << 20U;
+constexpr size_t kKeptClients = 2;
 
 /// Empty for a URL of another server: the token is not for it.
 std::string UrlOf(const std::string& where, const std::string& base_url) {
@@ -38,7 +39,7 @@ void TellOutcome(const std::string& tag, const HttpResponse& response) {
 }  // namespace
 
 CloudAccess::CloudAccess(TransferStop stop, utils::Clock& clock)
-    : http_({.max_body_bytes = kMaxReplyBytes, .post_once = true}, std::move(stop), clock) {
+    : stop_(std::move(stop)), clock_(clock) {
   VLOG_INFO(kTag, "CURL initialization.");
 }
 
@@ -112,56 +113,79 @@ std::optional<CloudAccess::Access> CloudAccess::RenewedAccess(const Access& refu
   return CurrentAccess();
 }
 
-std::string CloudAccess::Post(const std::string& where, const nlohmann::json& document) {
+std::string CloudAccess::Post(const std::string& where, const nlohmann::json& document,
+                              const RequestOptions& options) {
   try {
-    return PostOrThrow(where, document);
+    return PostOrThrow({where, document, options});
   } catch (const std::exception& error) {
     VLOG_ERROR(kTag, "POST exception {}", utils::LogText(error.what()));
     return {};
   }
 }
 
-std::string CloudAccess::PostOrThrow(const std::string& where, const nlohmann::json& document) {
+std::string CloudAccess::PostOrThrow(const Question& question) {
   const auto access = CurrentAccess();
-  const std::string url = access ? UrlOf(where, access->base_url) : std::string();
+  const std::string url = access ? UrlOf(question.where, access->base_url) : std::string();
   if (url.empty()) {
     VLOG_ERROR(kTag, "API is unavailable.");
     return {};
   }
   const std::string tag = UrlTag(url);
-  HttpResponse response = Send(*access, url, document);
+  HttpResponse response = Send(*access, url, question);
   if (response.status == 0) {
     VLOG_ERROR(kTag, "POST [{}] network error, no HTTP response", tag);
     return {};
   }
   if (response.status == kUnauthorized || response.status == kForbidden) {
     VLOG_WARN(kTag, "POST [{}] got HTTP {}, refreshing token and retrying", tag, response.status);
-    response = SendAgain(*access, where, tag, document);
+    response = SendAgain(*access, tag, question);
     if (response.status == 0) return {};
   }
   TellOutcome(tag, response);
   return std::move(response.body);
 }
 
-HttpResponse CloudAccess::SendAgain(const Access& refused, const std::string& where,
-                                    const std::string& tag, const nlohmann::json& document) {
+HttpResponse CloudAccess::SendAgain(const Access& refused, const std::string& tag,
+                                    const Question& question) {
   const auto access = RenewedAccess(refused);
-  const std::string url = access ? UrlOf(where, access->base_url) : std::string();
+  const std::string url = access ? UrlOf(question.where, access->base_url) : std::string();
   if (url.empty()) {
     VLOG_ERROR(kTag, "POST [{}] token refresh failed", tag);
     return {};
   }
-  HttpResponse response = Send(*access, url, document);
+  HttpResponse response = Send(*access, url, question);
   if (response.status == 0) VLOG_ERROR(kTag, "POST [{}] network error on retry", UrlTag(url));
   return response;
 }
 
 HttpResponse CloudAccess::Send(const Access& access, const std::string& url,
-                               const nlohmann::json& document) {
+                               const Question& question) {
   const Source source = CurrentSource();
   if (!source.authentication) return {};
-  return http_.Post(url, document, source.authentication->DeviceHeaders(access.base_url),
-                    access.token);
+  auto client = TakeClient();
+  HttpResponse response =
+      client->Post(url, question.document, source.authentication->DeviceHeaders(access.base_url),
+                   access.token, question.options);
+  GiveBack(std::move(client));
+  return response;
+}
+
+std::unique_ptr<HttpClient> CloudAccess::TakeClient() {
+  {
+    const utils::MutexLock lock(mutex_);
+    if (!idle_.empty()) {
+      auto client = std::move(idle_.back());
+      idle_.pop_back();
+      return client;
+    }
+  }
+  return std::make_unique<HttpClient>(
+      HttpSettings{.max_body_bytes = kMaxReplyBytes, .post_once = true}, stop_, clock_);
+}
+
+void CloudAccess::GiveBack(std::unique_ptr<HttpClient> client) {
+  const utils::MutexLock lock(mutex_);
+  if (idle_.size() < kKeptClients) idle_.push_back(std::move(client));
 }
 
 }  // namespace varnel::service

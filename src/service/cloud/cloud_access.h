@@ -4,6 +4,7 @@
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "service/agent/agent.h"
 #include "service/agent/auth/device_authentication.h"
@@ -33,7 +34,8 @@ class CloudAccess {
   /// The body of the answer, whatever its status; empty without one. A token that is refused is
   /// replaced, and the request sent once more.
   /// @param where a path of the API, or a URL of its server
-  [[nodiscard]] std::string Post(const std::string& where, const nlohmann::json& document);
+  [[nodiscard]] std::string Post(const std::string& where, const nlohmann::json& document,
+                                 const RequestOptions& options = {});
 
  private:
   using Access = DeviceAuthentication::Access;
@@ -44,14 +46,25 @@ class CloudAccess {
   /// What was found last, if it still holds, or what there is now.
   [[nodiscard]] std::optional<Access> CurrentAccess();
   [[nodiscard]] std::optional<Access> RenewedAccess(const Access& refused);
+  /// What is asked, and where.
+  struct Question {
+    const std::string& where;
+    const nlohmann::json& document;
+    const RequestOptions& options;
+  };
   [[nodiscard]] HttpResponse Send(const Access& access, const std::string& url,
-                                  const nlohmann::json& document);
-  [[nodiscard]] HttpResponse SendAgain(const Access& refused, const std::string& where,
-                                       const std::string& tag, const nlohmann::json& document);
-  [[nodiscard]] std::string PostOrThrow(const std::string& where, const nlohmann::json& document);
+                                  const Question& question);
+  [[nodiscard]] HttpResponse SendAgain(const Access& refused, const std::string& tag,
+                                       const Question& question);
+  [[nodiscard]] std::string PostOrThrow(const Question& question);
+  [[nodiscard]] std::unique_ptr<HttpClient> TakeClient();
+  void GiveBack(std::unique_ptr<HttpClient> client);
 
-  HttpClient http_;
+  const TransferStop stop_;
+  utils::Clock& clock_;
   mutable utils::Mutex mutex_;
+  /// That nobody uses: a request that hangs must not hold up those of others.
+  std::vector<std::unique_ptr<HttpClient>> idle_ GUARDED_BY(mutex_);
   Source source_ GUARDED_BY(mutex_);
   std::optional<Access> access_ GUARDED_BY(mutex_);
 };

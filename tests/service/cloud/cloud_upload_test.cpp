@@ -32,8 +32,9 @@ constexpr const char* kSecret = "planted-in-an-address-for-tests";
 /// An API that signs, and a store that takes, until a test has it do otherwise.
 class CloudUploadTest : public testing::Test {
  protected:
-  std::string Api(const std::string& path, const json& asked) {
+  std::string Api(const std::string& path, const json& asked, const RequestOptions& options) {
     std::string call = path.substr(path.rfind('/') + 1);
+    if (call == "cancel") cancels_ended_.push_back(options.stop());
     if (call == "create" && asked.contains("uploadId"))
       call = "re-sign " + asked["uploadParts"][0]["partNumber"].dump();
     calls_.Put(call);
@@ -62,6 +63,7 @@ class CloudUploadTest : public testing::Test {
       peer.AwaitEnd();
       return false;
     }
+    if (fault == "hang") return (peer.AwaitEnd(), false);
     if (fault == "no etag") return peer.Answer("");
     if (!fault.empty()) return peer.Answer(body, fault);
     return peer.Send("HTTP/1.1 200 OK\r\nETag: \"e" + call.substr(4) +
@@ -93,10 +95,14 @@ class CloudUploadTest : public testing::Test {
   }
   std::optional<std::string> Upload(size_t bytes = kTwoParts) {
     file_ = dir_.Write("file", std::string(bytes, 'x'));
-    return upload_.Upload({.file = file_, .name = "f", .progress = [this](uint64_t sent, uint64_t) {
-                             told_.push_back(sent);
-                             return goes_on_.load();
-                           }});
+    return upload_.Upload({.file = file_,
+                           .name = "f",
+                           .progress =
+                               [this](uint64_t sent, uint64_t) {
+                                 told_.push_back(sent);
+                                 return goes_on_.load();
+                               },
+                           .stop = [this] { return stopped_.load(); }});
   }
   bool Logged(const std::string& text, const char* tag = "CLDI") { return log_.Has(tag, text); }
 
@@ -113,11 +119,15 @@ class CloudUploadTest : public testing::Test {
   std::function<void()> meanwhile_ = [] {};  // script_mutex_
   std::vector<uint64_t> told_;
   std::atomic<bool> goes_on_ = true;
+  std::atomic<bool> stopped_ = false;
+  std::vector<bool> cancels_ended_;
   fs::path file_;
   ScriptedServer store_{
       [this](const auto& request, const auto& peer) { return Store(request, peer); }};
   CloudUpload upload_{{[] { return true; },
-                       [this](const auto& path, const json& asked) { return Api(path, asked); }},
+                       [this](const auto& path, const json& asked, const RequestOptions& options) {
+                         return Api(path, asked, options);
+                       }},
                       nullptr,
                       clock_};
 };
@@ -311,6 +321,11 @@ TEST_F(CloudUploadTest, ProgressIsOfTheWholeFileAndMayCancel) {
   EXPECT_THAT(told_, testing::Contains(testing::AllOf(testing::Gt(0U), testing::Lt(kTwoParts))));
   goes_on_ = false;
   EXPECT_FALSE(Upload());
+  goes_on_ = true;
+  Meanwhile([this] { stopped_ = true; });
+  Meet({"hang"});
+  EXPECT_FALSE(Upload()) << "it hangs, and is stopped";
+  EXPECT_EQ(cancels_ended_, (std::vector{false, false})) << "there is time to tell the server";
   const auto calls = calls_.Items();
   EXPECT_EQ(calls.back(), "cancel");
   EXPECT_EQ(std::count(calls.begin(), calls.end(), "completed"), 1);

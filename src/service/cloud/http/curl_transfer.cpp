@@ -16,6 +16,8 @@ constexpr const char* kTag = "HTTP";
 constexpr size_t kMaxHeaderBytes = size_t{64} << 10U;
 /// The library counts milliseconds in an int.
 constexpr int64_t kMostSeconds = std::numeric_limits<int>::max() / 1000;
+/// How soon a transfer in which nothing moves asks whether it is to end.
+constexpr int kLookMs = 200;
 
 std::atomic<bool>& IsBroken() {
   static std::atomic<bool> broken = false;
@@ -134,10 +136,32 @@ TransferResult Transfer::Perform(const std::string& url) {
   std::array<char, CURL_ERROR_SIZE> words{};
   curl_easy_setopt(handle_.get(), CURLOPT_ERRORBUFFER, words.data());
   curl_easy_setopt(handle_.get(), CURLOPT_URL, url.c_str());
-  const CURLcode code = curl_easy_perform(handle_.get());
+  const CurlMulti multi(curl_multi_init());
+  const CURLcode code = multi ? Run(multi.get()) : CURLE_OUT_OF_MEMORY;
   curl_easy_setopt(handle_.get(), CURLOPT_ERRORBUFFER, nullptr);
   if (hooks_.thrown_) std::rethrow_exception(std::exchange(hooks_.thrown_, nullptr));
   return Judge(code, words[0] != '\0' ? words.data() : nullptr);
+}
+
+/// By itself the library would look once a second only.
+CURLcode Transfer::Run(CURLM* multi) {
+  curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, 1L);
+  CURLMcode state = curl_multi_add_handle(multi, handle_.get());
+  if (state != CURLM_OK) return CURLE_FAILED_INIT;
+  int running = 1;
+  while (state == CURLM_OK && running > 0) {
+    state = curl_multi_perform(multi, &running);
+    if (state == CURLM_OK && running > 0)
+      state = curl_multi_poll(multi, nullptr, 0, kLookMs, nullptr);
+  }
+  CURLcode code = CURLE_OUT_OF_MEMORY;
+  int waiting = 0;
+  if (const CURLMsg* end = curl_multi_info_read(multi, &waiting);
+      end != nullptr && end->msg == CURLMSG_DONE) {
+    code = end->data.result;
+  }
+  curl_multi_remove_handle(multi, handle_.get());
+  return code;
 }
 
 TransferResult Transfer::Judge(CURLcode code, const char* words) const {

@@ -13,7 +13,7 @@
 
 namespace varnel::service {
 
-/// Asked about once a second while a transfer runs, by the thread that runs it, and before it
+/// Asked several times a second while a transfer runs, by the thread that runs it, and before it
 /// begins: true ends it.
 using TransferStop = std::function<bool()>;
 
@@ -22,6 +22,7 @@ using TransferStop = std::function<bool()>;
 void InitCurl();
 
 using CurlHandle = utils::Owned<CURL, curl_easy_cleanup>;
+using CurlMulti = utils::Owned<CURLM, curl_multi_cleanup>;
 using CurlHeaders = utils::Owned<curl_slist, curl_slist_free_all>;
 
 /// False when there is no memory; the list is as it was.
@@ -107,6 +108,7 @@ class Transfer {
                         curl_off_t);
   template <class Call>
   bool Guarded(Call call);
+  CURLcode Run(CURLM* multi);
   TransferResult Judge(CURLcode code, const char* words) const;
 
   TransferHooks& hooks_;

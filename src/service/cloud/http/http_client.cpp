@@ -31,10 +31,12 @@ std::string AsTheLibraryWants(std::string header) {
 /// Takes a body, up to a limit.
 class HttpClient::Receiver : public TransferHooks {
  public:
-  Receiver(std::string& body, size_t max_bytes, const TransferStop& stop)
-      : body_(body), max_bytes_(max_bytes), stop_(stop) {}
+  Receiver(std::string& body, size_t max_bytes, const TransferStop& stop, const TransferStop& own)
+      : body_(body), max_bytes_(max_bytes), stop_(stop), own_stop_(own) {}
 
-  bool GoOn(curl_off_t, curl_off_t) override { return !stop_ || !stop_(); }
+  bool GoOn(curl_off_t, curl_off_t) override {
+    return !(stop_ && stop_()) && !(own_stop_ && own_stop_());
+  }
   bool Take(const char* data, size_t size) override {
     too_long_ = size > max_bytes_ - body_.size();
     if (!too_long_) body_.append(data, size);
@@ -46,6 +48,7 @@ class HttpClient::Receiver : public TransferHooks {
   std::string& body_;
   const size_t max_bytes_;
   const TransferStop& stop_;
+  const TransferStop& own_stop_;
   bool too_long_ = false;
 };
 
@@ -53,9 +56,10 @@ HttpClient::HttpClient(HttpSettings settings, TransferStop stop, utils::Clock& c
     : settings_(std::move(settings)), stop_(std::move(stop)), clock_(clock) {}
 
 HttpResponse HttpClient::Post(const std::string& url, const nlohmann::json& document,
-                              const HttpHeaders& headers, const utils::SharedSecret& bearer_token) {
+                              const HttpHeaders& headers, const utils::SharedSecret& bearer_token,
+                              const RequestOptions& options) {
   const std::string body = BodyOf(document);
-  Request request{"POST", url, kNoQuery, &body, headers, bearer_token};
+  Request request{"POST", url, kNoQuery, &body, headers, bearer_token, options};
   request.headers.emplace_back("Content-Type: application/json");
   return Send(request);
 }
@@ -97,14 +101,15 @@ HttpResponse HttpClient::Send(const Request& request) {
                response.elapsed_ms, utils::LogText(result.problem));
     return {.elapsed_ms = response.elapsed_ms};
   }
-  VLOG_INFO(kTag, "{} [{}] -> HTTP {}, body_len={}, {}ms", request.name, tag, response.status,
-            response.body.size(), response.elapsed_ms);
+  VLOG_AT(request.options.log ? spdlog::level::info : spdlog::level::debug, kTag,
+          "{} [{}] -> HTTP {}, body_len={}, {}ms", request.name, tag, response.status,
+          response.body.size(), response.elapsed_ms);
   return response;
 }
 
 TransferResult HttpClient::Exchange(const Request& request, HttpResponse& response) {
   CurlHeaders lines;
-  Receiver receiver(response.body, settings_.max_body_bytes, stop_);
+  Receiver receiver(response.body, settings_.max_body_bytes, stop_, request.options.stop);
   if (!receiver.GoOn(0, 0))
     return {CURLE_ABORTED_BY_CALLBACK, curl_easy_strerror(CURLE_ABORTED_BY_CALLBACK)};
   Transfer transfer(connections_, "http,https", receiver);

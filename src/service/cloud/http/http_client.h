@@ -29,6 +29,12 @@ struct HttpSettings {
   bool post_once = false;
 };
 
+/// What holds for one request of many.
+struct RequestOptions {
+  TransferStop stop{};  ///< ends it, besides that of the client
+  bool log = true;      ///< whether its success is worth a line of the log
+};
+
 struct HttpResponse {
   long status = 0;  ///< 0: there was none
   std::string body{};
@@ -48,7 +54,8 @@ class HttpClient {
   /// @param bearer_token instead of that of the settings, for all three
   [[nodiscard]] HttpResponse Post(const std::string& url, const nlohmann::json& document,
                                   const HttpHeaders& headers = {},
-                                  const utils::SharedSecret& bearer_token = nullptr);
+                                  const utils::SharedSecret& bearer_token = nullptr,
+                                  const RequestOptions& options = {});
   [[nodiscard]] HttpResponse PostRaw(const std::string& url, const std::string& body,
                                      const std::string& content_type,
                                      const HttpHeaders& headers = {},
@@ -66,6 +73,7 @@ class HttpClient {
     const std::string* body;  ///< null: a GET
     HttpHeaders headers;
     const utils::SharedSecret& bearer_token;
+    RequestOptions options{};
   };
   class Receiver;
 

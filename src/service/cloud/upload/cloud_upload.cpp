@@ -44,23 +44,25 @@ std::optional<std::string> CloudUpload::UploadOrThrow(const UploadRequest& reque
     VLOG_INFO(kTag, "Upload {} ({} bytes), multipart={}", utils::LogText(request.name),
               source->Size(), multipart);
   }
-  Uploader uploader(stop_, clock_);
+  const TransferStop stop = [&] { return (stop_ && stop_()) || (request.stop && request.stop()); };
+  const RequestOptions options{stop, request.log};
+  Uploader uploader(stop, clock_);
   WholeProgress progress(request.progress, source->Size(), clock_);
-  const UploadTools tools{api_, uploader, *source, request.name, progress, stop_, clock_};
+  const UploadTools tools{api_, uploader, *source, request.name, progress, options, clock_};
   auto url = multipart ? MultipartUpload(tools).Run() : UploadWhole(tools);
   if (url) progress.Finish();
   return url;
 }
 
 std::optional<std::string> CloudUpload::UploadWhole(const UploadTools& tools) {
-  const auto checksum = tools.source.Checksum(0, tools.source.Size(), tools.stop);
+  const auto checksum = tools.source.Checksum(0, tools.source.Size(), tools.options.stop);
   if (!checksum) {
     VLOG_ERROR(kTag, "Failed to compute checksum for {}",
                utils::LogText(tools.source.Path().string()));
     return std::nullopt;
   }
   const auto data =
-      AskUploadApi(tools.api, {"upload/create", "upload/create", kUploadCreate},
+      AskUploadApi(tools.api, tools.options, {"upload/create", "upload/create", kUploadCreate},
                    {{"fileName", tools.name}, {"checkSum", *checksum}},
                    [](const json& given) { return !TextMember(given, "url").empty(); });
   if (!data) return std::nullopt;
@@ -74,7 +76,7 @@ std::optional<std::string> CloudUpload::UploadWhole(const UploadTools& tools) {
   json completion{{"fileName", tools.name}};
   if (const std::string id = TextMember(*data, "uploadId"); !id.empty())
     completion["uploadId"] = id;
-  return CompleteUpload(tools.api, "upload/completed", completion);
+  return CompleteUpload(tools.api, tools.options, "upload/completed", completion);
 }
 
 }  // namespace varnel::service

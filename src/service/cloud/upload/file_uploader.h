@@ -12,12 +12,17 @@ namespace varnel::service {
 /// at the end, by the thread that uploads. False ends the upload.
 using UploadProgress = std::function<bool(uint64_t sent_bytes, uint64_t all_bytes)>;
 
+/// Asked several times a second by the thread that uploads, also while nothing moves: true ends the
+/// upload, half a second later at most when the cloud is to be told of it.
+using UploadStop = std::function<bool()>;
+
 /// A file for the cloud.
 struct UploadRequest {
   std::filesystem::path file;
   std::string name;              ///< under which it is stored
-  bool log = false;              ///< whether its begin is worth a line of the log
+  bool log = false;              ///< whether it is worth lines of the log when all goes well
   UploadProgress progress = {};  ///< may be empty
+  UploadStop stop = {};          ///< may be empty
 };
 
 /// The way of files to the maker's cloud. Thread-safe.

@@ -19,6 +19,8 @@ constexpr int kRepeats = 3;
 constexpr int kSignatures = 3;
 constexpr milliseconds kFirstPause{1000};
 constexpr milliseconds kStopLook{250};
+/// What an upload that is ended has left for telling the server.
+constexpr milliseconds kCancelTime{500};
 
 /// The parts that an answer lists; null without any.
 const json* ListIn(const json& data) {
@@ -66,7 +68,7 @@ std::optional<std::string> MultipartUpload::Run() {
 bool MultipartUpload::ComputeChecksums() {
   for (uint64_t offset = 0; offset < tools_.source.Size(); offset += kPartBytes) {
     const uint64_t length = std::min(kPartBytes, tools_.source.Size() - offset);
-    auto checksum = tools_.source.Checksum(offset, length, tools_.stop);
+    auto checksum = tools_.source.Checksum(offset, length, tools_.options.stop);
     if (!checksum || !tools_.progress.Tell(0)) return false;
     parts_.push_back({{offset, length, std::move(*checksum)}});
   }
@@ -81,10 +83,11 @@ bool MultipartUpload::Create() {
   json descriptions = json::array();
   for (size_t number = 1; number <= parts_.size(); ++number)
     descriptions.push_back(DescriptionOf(number));
-  const auto data = AskUploadApi(
-      tools_.api, {"multipart upload/create", "multipart upload/create", kUploadCreate},
-      {{"fileName", tools_.name}, {"uploadParts", std::move(descriptions)}},
-      [](const json& given) { return !TextMember(given, "uploadId").empty(); });
+  const auto data =
+      AskUploadApi(tools_.api, tools_.options,
+                   {"multipart upload/create", "multipart upload/create", kUploadCreate},
+                   {{"fileName", tools_.name}, {"uploadParts", std::move(descriptions)}},
+                   [](const json& given) { return !TextMember(given, "uploadId").empty(); });
   if (!data) return false;
   upload_id_ = TextMember(*data, "uploadId");
   ForEachAddress(*data, [this](uint64_t number, const std::string& url) {
@@ -102,7 +105,7 @@ std::optional<std::string> MultipartUpload::SendAndComplete() {
     }
     if (!SendPart(number)) return std::nullopt;
   }
-  return CompleteUpload(tools_.api, "multipart upload/completed", Completion());
+  return CompleteUpload(tools_.api, tools_.options, "multipart upload/completed", Completion());
 }
 
 json MultipartUpload::Completion() const {
@@ -149,14 +152,15 @@ bool MultipartUpload::SignAgain(size_t number) {
   const auto take = [&](uint64_t given, const std::string& url) {
     if (given == number && fresh.empty()) fresh = url;
   };
-  const auto data = AskUploadApi(tools_.api, {"re-sign", "re-sign request", kUploadCreate},
-                                 {{"fileName", tools_.name},
-                                  {"uploadId", upload_id_},
-                                  {"uploadParts", json::array({DescriptionOf(number)})}},
-                                 [&](const json& given) {
-                                   ForEachAddress(given, take);
-                                   return !fresh.empty();
-                                 });
+  const auto data =
+      AskUploadApi(tools_.api, tools_.options, {"re-sign", "re-sign request", kUploadCreate},
+                   {{"fileName", tools_.name},
+                    {"uploadId", upload_id_},
+                    {"uploadParts", json::array({DescriptionOf(number)})}},
+                   [&](const json& given) {
+                     ForEachAddress(given, take);
+                     return !fresh.empty();
+                   });
   if (data) PartOf(number).url = fresh;
   return data.has_value();
 }
@@ -164,14 +168,21 @@ bool MultipartUpload::SignAgain(size_t number) {
 /// False when the upload is to end meanwhile.
 bool MultipartUpload::Pause(milliseconds time, uint64_t sent_bytes) {
   for (milliseconds left = time; left.count() > 0; left -= kStopLook) {
-    if ((tools_.stop && tools_.stop()) || !tools_.progress.Tell(sent_bytes)) return false;
+    if ((tools_.options.stop && tools_.options.stop()) || !tools_.progress.Tell(sent_bytes))
+      return false;
     tools_.clock.SleepFor(std::min(left, kStopLook));
   }
   return true;
 }
 
 void MultipartUpload::Cancel() {
-  (void)AskUploadApi(tools_.api, {"upload/cancel", "upload/cancel", kUploadCancel},
+  const TransferStop& stop = tools_.options.stop;
+  RequestOptions options = tools_.options;
+  if (stop && stop())
+    options.stop = [this, end = tools_.clock.Now() + kCancelTime] {
+      return tools_.clock.Now() >= end;
+    };
+  (void)AskUploadApi(tools_.api, options, {"upload/cancel", "upload/cancel", kUploadCancel},
                      {{"uploadId", upload_id_}}, [](const json&) { return true; });
 }
 

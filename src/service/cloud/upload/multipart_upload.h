@@ -19,7 +19,7 @@ struct UploadTools {
   const UploadSource& source;
   const std::string& name;
   WholeProgress& progress;
-  const TransferStop& stop;
+  const RequestOptions& options;
   utils::Clock& clock;
 };
 

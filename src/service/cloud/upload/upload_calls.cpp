@@ -25,9 +25,10 @@ std::string TextMember(const json& object, const char* name) {
   return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
 }
 
-std::optional<json> AskUploadApi(const UploadApi& api, const UploadCall& call, const json& document,
+std::optional<json> AskUploadApi(const UploadApi& api, const RequestOptions& options,
+                                 const UploadCall& call, const json& document,
                                  const std::function<bool(const json& data)>& fits) {
-  const std::string answer = api.post(call.path, document);
+  const std::string answer = api.post(call.path, document, options);
   if (answer.empty()) {
     VLOG_ERROR(kTag, "{} failed", call.failed_name);
     return std::nullopt;
@@ -44,9 +45,9 @@ std::optional<json> AskUploadApi(const UploadApi& api, const UploadCall& call, c
   return std::nullopt;
 }
 
-std::optional<std::string> CompleteUpload(const UploadApi& api, const std::string& call_name,
-                                          const json& document) {
-  const auto data = AskUploadApi(api, {call_name, call_name, kUploadCompleted}, document,
+std::optional<std::string> CompleteUpload(const UploadApi& api, const RequestOptions& options,
+                                          const std::string& call_name, const json& document) {
+  const auto data = AskUploadApi(api, options, {call_name, call_name, kUploadCompleted}, document,
                                  [](const json&) { return true; });
   if (!data) return std::nullopt;
   return TextMember(*data, "url");

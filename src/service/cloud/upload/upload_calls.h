@@ -5,13 +5,17 @@
 #include <optional>
 #include <string>
 
+#include "service/cloud/http/http_client.h"
+
 namespace varnel::service {
 
 /// The cloud's API, as far as uploads need it. Functions of whoever owns the access; thread-safe.
 struct UploadApi {
   std::function<bool()> has_access;
   /// The body of the answer; empty without one.
-  std::function<std::string(const std::string& path, const nlohmann::json& document)> post;
+  std::function<std::string(const std::string& path, const nlohmann::json& document,
+                            const RequestOptions& options)>
+      post;
 };
 
 /// One question to the API, and what is logged of its failure.
@@ -28,11 +32,12 @@ inline constexpr const char* kUploadCancel = "/api/device/upload/cancel";
 /// "data" of the answer: an object, or null where the caller takes none.
 /// @param fits whether it has what the caller needs
 [[nodiscard]] std::optional<nlohmann::json> AskUploadApi(
-    const UploadApi& api, const UploadCall& call, const nlohmann::json& document,
-    const std::function<bool(const nlohmann::json& data)>& fits);
+    const UploadApi& api, const RequestOptions& options, const UploadCall& call,
+    const nlohmann::json& document, const std::function<bool(const nlohmann::json& data)>& fits);
 
 /// Tells the API that all has been sent: the address of the stored file, empty without one.
 [[nodiscard]] std::optional<std::string> CompleteUpload(const UploadApi& api,
+                                                        const RequestOptions& options,
                                                         const std::string& call_name,
                                                         const nlohmann::json& document);
 
