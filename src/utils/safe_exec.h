@@ -62,8 +62,8 @@ class SafeExec {
   SafeExec& SetIdlePriority();
   /// Bytes kept of each output; the rest is read and dropped.
   SafeExec& SetOutputLimit(size_t bytes);
-  /// Takes both outputs as they come, instead of their being kept, up to the limit of both together.
-  /// Called by the thread that runs the command; must not throw.
+  /// Takes both outputs as they come, instead of their being kept, up to the limit of both
+  /// together. Called by the thread that runs the command; must not throw.
   SafeExec& SetOutputSink(OutputSink sink);
   /// Asked a few times a second; true ends the child as its time limit does.
   SafeExec& SetStop(std::function<bool()> stop);

@@ -24,10 +24,9 @@ struct Word {
   uint32_t letters;  ///< without all of them a name cannot contain the word
 };
 
-constexpr std::array kContained{
-    Word("token"), Word("pass"), Word("secret"),    Word("private"), Word("credential"),
-    Word("auth"),  Word("pwd"),  Word("psk"),       Word("signature"), Word("cookie"),
-    Word("salt")};
+constexpr std::array kContained{Word("token"),      Word("pass"),   Word("secret"), Word("private"),
+                                Word("credential"), Word("auth"),   Word("pwd"),    Word("psk"),
+                                Word("signature"),  Word("cookie"), Word("salt")};
 constexpr std::array kWhole{Word("pw"), Word("code"), Word("sign"), Word("pin")};
 /// "key" itself, "accesskey", "apikey"; with something behind it only these two.
 constexpr Word kKey("key");

@@ -33,7 +33,7 @@ std::string_view Piece(std::string_view text, size_t begin, size_t end) {
 }
 
 bool SaysNothing(std::string_view value) {
-  constexpr std::array<std::string_view, 9> kWords{"true", "false", "null",  "none", "None",
+  constexpr std::array<std::string_view, 9> kWords{"true", "false", "null",   "none", "None",
                                                    "True", "False", "(null)", "***"};
   return std::find(kWords.begin(), kWords.end(), value) != kWords.end();
 }
@@ -118,8 +118,8 @@ Found ValueOf(std::string_view text, size_t begin, const Name& name) {
                     : Span(text, begin, EndOfValue(text, begin, name));
   if (!found) return found;
   const std::string_view value = Piece(text, found->begin, found->end);
-  const bool harmless = SaysNothing(value) || utils::IsErrorCode(name.text, value) ||
-                        IsHardwarePin(name.text, value);
+  const bool harmless =
+      SaysNothing(value) || utils::IsErrorCode(name.text, value) || IsHardwarePin(name.text, value);
   return harmless ? std::nullopt : found;
 }
 
@@ -165,8 +165,9 @@ Found PrivateKey(std::string_view text, size_t at) {
   constexpr std::string_view kBegin = "-----BEGIN ";
   constexpr std::string_view kKey = "PRIVATE KEY-----";
   const std::string_view head = text.substr(at, kBegin.size() + 32);
+  if (!head.starts_with(kBegin)) return std::nullopt;
   const size_t key = head.find(kKey);
-  if (!head.starts_with(kBegin) || key == head.npos) return std::nullopt;
+  if (key == head.npos) return std::nullopt;
   return Span(text, at + key + kKey.size(), ValueEnd::OfPem());
 }
 
@@ -198,9 +199,8 @@ Found Bearer(std::string_view text, size_t at) {
   constexpr size_t kShortest = 6;
   const std::string_view word = text.substr(at, kBearer.size());
   if (word.size() < kBearer.size() || !IsAloneBefore(text, at)) return std::nullopt;
-  const bool same = std::equal(word.begin(), word.end(), kBearer.begin(), [](char a, char b) {
-    return a == b || (a | 0x20) == b;
-  });
+  const bool same = std::equal(word.begin(), word.end(), kBearer.begin(),
+                               [](char a, char b) { return a == b || (a | 0x20) == b; });
   return same ? LongWord(text, at + kBearer.size(), kShortest) : std::nullopt;
 }
 

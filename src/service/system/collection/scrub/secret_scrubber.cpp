@@ -46,7 +46,7 @@ size_t SecretScrubber::Limit(bool last) const {
 void SecretScrubber::Work(bool last) {
   masked_ += held_.MaskIn({buffer_.data() + given_, buffer_.size() - given_});
   const size_t limit = Limit(last);
-  size_t at = open_ ? EndOpenValue(given_) : given_;
+  size_t at = masking_ == Masking::kHeldOnly ? limit : open_ ? EndOpenValue(given_) : given_;
   while ((at = NextMark(buffer_, at, limit)) < limit) {
     const auto secret = SecretAt(buffer_, at);
     if (!secret) {

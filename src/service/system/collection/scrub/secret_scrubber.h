@@ -14,6 +14,7 @@ namespace varnel::service {
 enum class Masking {
   kShort,       ///< "***" in the place of each value
   kSameLength,  ///< one "*" for each byte, so that what counts bytes stays whole: core dumps
+  kHeldOnly,    ///< the same, but nothing is looked for except the values that are held: pictures
 };
 
 /// Takes secrets out of bytes that pass through it, in pieces of any size. Its memory does not grow
@@ -45,8 +46,8 @@ class SecretScrubber {
   const HeldValues& held_;
   const Masking masking_;
   const Output output_;
-  std::string buffer_;  ///< what came out last, then what has to be looked at
-  size_t given_ = 0;    ///< so much of it is out
+  std::string buffer_;            ///< what came out last, then what has to be looked at
+  size_t given_ = 0;              ///< so much of it is out
   std::optional<ValueEnd> open_;  ///< of a value that goes on in the next bytes
   uint64_t masked_ = 0;
 };

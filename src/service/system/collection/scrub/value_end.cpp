@@ -16,8 +16,7 @@ bool IsAssignment(std::string_view text) {
   size_t end = 1;
   while (end < text.size() && IsNameCharacter(text[end])) ++end;
   if (end == text.size()) return false;
-  return text[end] == '=' ||
-         (text[end] == ':' && end + 1 < text.size() && IsBlank(text[end + 1]));
+  return text[end] == '=' || (text[end] == ':' && end + 1 < text.size() && IsBlank(text[end + 1]));
 }
 
 bool IsOption(std::string_view text) {
@@ -58,7 +57,7 @@ bool ValueEnd::EndsAt(std::string_view text, size_t at) {
     case Kind::kBrackets:
       return bytes_ >= kMostBytes || BracketsEndAt(c);
     case Kind::kPem:
-      return bytes_ >= kMostBytes || (c == '-' && text.substr(at).starts_with(kPemEnd));
+      return bytes_ >= kMostBytes || PemEndsAt(c);
   }
   return true;
 }
@@ -80,8 +79,17 @@ bool ValueEnd::StringEndsAt(std::string_view text, size_t at) {
   return false;
 }
 
+/// Letter by letter: the text may end between any two.
+bool ValueEnd::PemEndsAt(char c) {
+  constexpr size_t kDashes = 5;
+  if (depth_ == kPemEnd.size()) return true;
+  const bool more_dashes = depth_ == kDashes && c == '-';
+  if (!more_dashes) depth_ = kPemEnd[depth_] == c ? depth_ + 1 : (c == '-' ? 1 : 0);
+  return false;
+}
+
 bool ValueEnd::BracketsEndAt(char c) {
-  if (depth_ < 0) return true;
+  if (closed_) return true;
   if (in_string_) {
     if (skip_) {
       skip_ = false;
@@ -96,8 +104,8 @@ bool ValueEnd::BracketsEndAt(char c) {
     quote_ = c;
   } else if (c == '{' || c == '[') {
     ++depth_;
-  } else if ((c == '}' || c == ']') && --depth_ == 0) {
-    depth_ = -1;  // ends behind it
+  } else if ((c == '}' || c == ']') && depth_ > 0) {
+    closed_ = --depth_ == 0;  // ends behind it
   }
   return false;
 }

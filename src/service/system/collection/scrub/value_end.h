@@ -43,6 +43,7 @@ class ValueEnd {
   [[nodiscard]] bool EndsAt(std::string_view text, size_t at);
   [[nodiscard]] bool StringEndsAt(std::string_view text, size_t at);
   [[nodiscard]] bool BracketsEndAt(char c);
+  [[nodiscard]] bool PemEndsAt(char c);
   [[nodiscard]] bool WordsEndAt(std::string_view text, size_t at) const;
 
   Kind kind_;
@@ -50,7 +51,8 @@ class ValueEnd {
   bool escaped_;
   bool skip_ = false;  ///< the character behind a backslash
   bool in_string_ = false;
-  int depth_ = 0;
+  bool closed_ = false;
+  size_t depth_ = 0;  ///< of brackets, or how much of the last line has come
   size_t bytes_ = 0;  ///< so far
 };
 
