@@ -38,9 +38,19 @@ bool SaysNothing(std::string_view value) {
   return std::find(kWords.begin(), kWords.end(), value) != kWords.end();
 }
 
-/// A pin of a processor, and not a number that somebody knows.
+bool EqualsIgnoringCase(std::string_view text, std::string_view low) {
+  return std::equal(text.begin(), text.end(), low.begin(), low.end(),
+                    [](char a, char b) { return (a | 0x20) == b; });
+}
+
+/// A pin of a processor, or a line of counters, and not a number that somebody knows.
 bool IsHardwarePin(std::string_view name, std::string_view value) {
-  return name == "pin" && !std::all_of(value.begin(), value.end(), IsDigit);
+  return EqualsIgnoringCase(name, "pin") && !std::all_of(value.begin(), value.end(), IsDigit);
+}
+
+/// What shells call the directory that they are in.
+bool IsDirectory(std::string_view name, std::string_view value) {
+  return (name == "PWD" || name == "OLDPWD") && value.starts_with('/');
 }
 
 size_t LineBegin(std::string_view text, size_t at) {
@@ -118,8 +128,8 @@ Found ValueOf(std::string_view text, size_t begin, const Name& name) {
                     : Span(text, begin, EndOfValue(text, begin, name));
   if (!found) return found;
   const std::string_view value = Piece(text, found->begin, found->end);
-  const bool harmless =
-      SaysNothing(value) || utils::IsErrorCode(name.text, value) || IsHardwarePin(name.text, value);
+  const bool harmless = SaysNothing(value) || utils::IsErrorCode(name.text, value) ||
+                        IsHardwarePin(name.text, value) || IsDirectory(name.text, value);
   return harmless ? std::nullopt : found;
 }
 
@@ -199,9 +209,8 @@ Found Bearer(std::string_view text, size_t at) {
   constexpr size_t kShortest = 6;
   const std::string_view word = text.substr(at, kBearer.size());
   if (word.size() < kBearer.size() || !IsAloneBefore(text, at)) return std::nullopt;
-  const bool same = std::equal(word.begin(), word.end(), kBearer.begin(),
-                               [](char a, char b) { return a == b || (a | 0x20) == b; });
-  return same ? LongWord(text, at + kBearer.size(), kShortest) : std::nullopt;
+  return EqualsIgnoringCase(word, kBearer) ? LongWord(text, at + kBearer.size(), kShortest)
+                                           : std::nullopt;
 }
 
 /// A signed token in three parts: "eyJ...".
