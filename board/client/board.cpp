@@ -105,8 +105,8 @@ ProgramResult Board::Exec(const std::vector<std::string>& command,
   return RunProgram(EnterCommand(layout_, HostPid(), command), limit);
 }
 
-ProgramResult Board::Shell(const std::string& line) const {
-  return Exec({"/bin/sh", "-c", line});
+ProgramResult Board::Shell(const std::string& line, std::chrono::milliseconds limit) const {
+  return Exec({"/bin/sh", "-c", line}, limit);
 }
 
 std::vector<std::string> Board::OnNetwork(const std::vector<std::string>& command) const {

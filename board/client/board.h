@@ -67,7 +67,8 @@ class Board {
       const std::vector<std::string>& command,
       std::chrono::milliseconds limit = std::chrono::seconds(30)) const;
   /// Runs a shell command line inside.
-  [[nodiscard]] ProgramResult Shell(const std::string& line) const;
+  [[nodiscard]] ProgramResult Shell(
+      const std::string& line, std::chrono::milliseconds limit = std::chrono::seconds(30)) const;
   /// The command for a program of the host that is to run on the board's network.
   [[nodiscard]] std::vector<std::string> OnNetwork(const std::vector<std::string>& command) const;
 

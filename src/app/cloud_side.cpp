@@ -41,6 +41,8 @@ std::unique_ptr<service::FileUploader> MakeUploader(service::CloudManager& cloud
   service::CloudAccess& access = cloud.Access();
   service::UploadApi api;
   api.has_access = [&access] { return access.GetAccess() == 0; };
+  api.server = [&access] { return access.Server(); };
+  api.hold = [&cloud] { return cloud.HoldTransfer(); };
   api.post = [&access](const std::string& path, const nlohmann::json& document,
                        const service::RequestOptions& options) {
     return access.Post(path, document, options);

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "support/eventually.h"
+#include "virtual_board/common/files.h"
 #include "virtual_board/identity/block.h"
 
 namespace varnel::board {
@@ -84,6 +85,18 @@ size_t CloudBoard::Requests(const std::string& path) const {
 bool CloudBoard::AwaitLog(const std::string& text, size_t from) const {
   return test::Eventually([&] { return board.DaemonLog().find(text, from) != std::string::npos; },
                           kLimit);
+}
+
+void CloudBoard::ExpectNoSecretLeft() const {
+  std::string secrets;
+  for (const std::string& secret : TheCloud().Secrets()) secrets.append(secret) += '\n';
+  EXPECT_NE(secrets, "");
+  ReplaceFile(board.HostPath("/etc/varnel/secrets"), secrets);
+  EXPECT_EQ(board
+                .Shell("grep -rlaF -f /etc/varnel/secrets /userdata /home/ruxo/printer_data /tmp "
+                       "/run /var/log /proc/[0-9]*/cmdline 2>/dev/null")
+                .out,
+            "");
 }
 
 }  // namespace varnel::board

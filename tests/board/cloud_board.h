@@ -37,6 +37,9 @@ class CloudBoard : public ServedBoard {
   /// @param from how much of the log is old
   [[nodiscard]] bool AwaitLog(const std::string& text, size_t from = 0) const;
 
+  /// Of all that stood in an address or was a token: in the log, files and command lines.
+  void ExpectNoSecretLeft() const;
+
   const std::string serial;
   CloudCaller client;
 };

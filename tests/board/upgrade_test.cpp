@@ -141,15 +141,49 @@ TEST_F(UpgradeTest, FromTheCloudToTheScript) {
   EXPECT_EQ(same.at("has_new"), false) << same;
   EXPECT_EQ(Outcomes().size(), 2U) << "told once";
 
-  for (const std::string& secret : TheCloud().Secrets()) {
-    EXPECT_EQ(board_.board.DaemonLog().find(secret), std::string::npos);
-    ReplaceFile(board_.board.HostPath("/etc/varnel/secret"), secret);
-    EXPECT_EQ(board_.board
-                  .Shell("grep -rlaF -f /etc/varnel/secret /userdata /tmp /run /var/log "
-                         "/proc/[0-9]*/cmdline 2>/dev/null")
-                  .out,
-              "");
+  board_.ExpectNoSecretLeft();
+}
+
+TEST_F(UpgradeTest, WhatTheServersSayHarmsNothing) {
+  Publish(300'000, "9.4.0");
+  board_.Join();
+  EXPECT_TRUE(test::Eventually([&] { return Check().at("has_new") == true; }, 20s));
+  EXPECT_EQ(Download("9.4.0").at("state"), "success");
+  const std::string kept = Names();
+  const auto fault = [&](const std::string& text) { TheCloud().SetFaults(text + '\n'); };
+  for (const char* told :
+       {R"({"md5": null})", R"({"fullversion": "../../x"})", R"({"size": 9223372036854775808})"}) {
+    (void)TheCloud().Publish(files_ / "package", json::parse(told));
+    EXPECT_EQ(Check().at("state"), "failed") << told;
+    EXPECT_EQ(Names(), kept) << told;
   }
+  Publish(300'000, "9.4.0");
+  for (const auto& text : {std::string(10'000'000, ' ') + "{}", std::string(500'000, '['),
+                           R"({"release_notes": ")" + std::string(10'000'000, 'x') + R"("})"}) {
+    std::ofstream(TheCloud().Directory() / "told") << text;
+    fault("file /packages/description.json told");
+    EXPECT_EQ(Check().at("state"), "failed") << text.substr(0, 50);
+    EXPECT_EQ(Names(), kept);
+  }
+  fault("");
+  EXPECT_EQ(Check().at("has_downloaded"), true);
+
+  Publish(400'000, "9.4.1");
+  const std::string firmware = kFirmware;
+  for (const auto& [line, reason] : std::vector<std::pair<std::string, const char*>>{
+           {"chunked " + firmware, "firmware check failed"},
+           {"body " + firmware + " <html>sign in</html>", "firmware check failed"},
+           {"echo " + firmware + " 500", "download firmware failed"},
+           {"redirect " + firmware + " file:///etc/passwd", "download firmware failed"}}) {
+    fault(line);
+    EXPECT_EQ(Check().at("has_downloaded"), false);
+    const json outcome = Download("9.4.1");
+    EXPECT_EQ(outcome.at("reason"), reason) << line;
+    EXPECT_EQ(Names().find("9.4.1.bin\n"), std::string::npos) << line;
+  }
+  fault("");
+  EXPECT_EQ(Download("9.4.1").at("state"), "success");
+  board_.ExpectNoSecretLeft();
 }
 
 TEST_F(UpgradeTest, FromAFileAndOnceForEachRequest) {
@@ -211,6 +245,15 @@ TEST_F(UpgradeTest, FromAFileAndOnceForEachRequest) {
       (json{{"state", "failed"}, {"reason", "upgrade"}, {"message", "system upgrade failed"}}));
   board_.Restart();
   EXPECT_EQ(Outcomes().size(), before + 2) << "each is told once";
+
+  board_.board.OrderUpgrade("");
+  const char* plug =
+      "mkdir -p '/run/a drive' && varnel-usb plug --mount '/run/a drive' --size 10 && "
+      "cp /userdata/p.bin '/run/a drive/p.bin'";
+  EXPECT_EQ(board_.board.Shell(plug).status, 0);
+  EXPECT_TRUE(test::Eventually([&] { return local("/run/a drive/p.bin") == Success(); }));
+  EXPECT_EQ(AwaitOutcome(before + 2).at("state"), "success");
+  EXPECT_EQ(Events("read").back().at("sha256"), Sha256Of(board_.File("/userdata/p.bin")));
 }
 
 TEST_F(UpgradeTest, OnlyWhatWasCheckedIsFlashed) {

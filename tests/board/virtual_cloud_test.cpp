@@ -1,5 +1,5 @@
-// The virtual cloud by itself: what it takes for a proof of identity, what it keeps boards from,
-// and that faults are met and told. Programs that are not ours play the device.
+// The virtual cloud by itself: what it takes for a proof of identity and of an upload, and what it
+// keeps boards from. Programs that are not ours play the device.
 #include <gmock/gmock.h>
 
 #include <fstream>
@@ -29,7 +29,6 @@ class Device {
   }
 
   const std::string& Serial() const { return serial_; }
-  const Board& There() const { return board_; }
 
   /// A signature of this text, in a request for a token.
   json Grant(const std::string& signed_text, const std::string& nonce, const char* server = kInt) {
@@ -164,35 +163,6 @@ TEST_P(VirtualCloudTest, OnlyARealProofOpensItAndOnlyForItsOwner) {
 
 INSTANTIATE_TEST_SUITE_P(Keys, VirtualCloudTest, testing::Values(KeyKind::kEc, KeyKind::kRsa));
 
-TEST(VirtualCloudFaultsTest, AreMetAndTold) {
-  Device device(TheCloud(), KeyKind::kEc);
-  const auto says = [&](const std::string& text) {
-    const ProgramResult result =
-        device.Run(std::string("curl -sS -m 2 ") + kInt + "/api/device/country");
-    return (result.out + result.err).find(text) != std::string::npos;
-  };
-  const std::pair<std::string, std::string> faults[] = {
-      {"code /api/device/country 7", R"("code": 7)"},
-      {"cut /api/*/country 5", "bytes remaining"},
-      {"certificate api expired", "certificate has expired"},
-      {"certificate api foreign", "local issuer"},
-      {"refuse api", "Failed to connect"},
-      {"reset api 700", "reset by peer"},
-      {"stall api 700", "timed out"},
-      {"no-names *", "Resolving timed out"},
-  };
-  for (const auto& [fault, text] : faults) {
-    TheCloud().SetFaults(fault + "\n");
-    EXPECT_TRUE(says(text)) << fault;
-    EXPECT_TRUE(TheCloud().AwaitEntry([&, &line = fault](const json& entry) {
-      return entry.value("fault", "") == line && entry.at("board") == device.Serial();
-    })) << fault;
-  }
-  TheCloud().SetFaults("status * times=1 device=" + device.Serial() + " 503\n");
-  EXPECT_TRUE(says(R"("code": 503)"));
-  EXPECT_TRUE(says("DE")) << "used up";
-}
-
 TEST(VirtualCloudStoreTest, SignsAsPublished) {
   const ProgramResult checked =
       RunProgram({"env", std::string("PYTHONPATH=") + VARNEL_CLOUD_PROGRAMS, "python3", "-B", "-m",
@@ -280,42 +250,6 @@ TEST(VirtualCloudStoreTest, PutsTogetherWhatWasAgreed) {
   EXPECT_FALSE(std::filesystem::exists(TheCloud().ObjectFile("all")));
   EXPECT_EQ(complete({first, second}).at("code"), 200);
   EXPECT_EQ(ReadFile(TheCloud().ObjectFile("all")), device.Answer("/tmp/all"));
-}
-
-TEST(VirtualCloudPackagesTest, AreGivenInPartsToWhoeverHasTheAddress) {
-  Device device(TheCloud(), KeyKind::kEc);
-  const std::filesystem::path firmware = device.There().HostPath("/tmp/firmware");
-  std::ofstream(firmware) << "0123456789";
-  TheCloud().Publish(firmware, {{"size", nullptr}});
-  const json record = device.Get("/api/device/firmware/latest", device.Token()).at("data");
-  const std::string url = record.at("url");
-  EXPECT_EQ(device.Status("", record.at("note")), 200);
-  const json described = json::parse(device.Answer());
-  EXPECT_EQ(described.at("md5"), "781e5e245d69b566979b86e28d23f2c7");
-  EXPECT_FALSE(described.contains("size"));
-  const std::tuple<std::string, int, std::string> asked[] = {
-      {"-r 3-5", 206, "345"},
-      {"-r 3- -H 'If-Range: \"781e5e245d69b566979b86e28d23f2c7\"'", 206, "3456789"},
-      {"-r 3- -H 'If-Range: \"other\"'", 200, "0123456789"},
-      {"-r 10-", 416, ""}};
-  for (const auto& [arguments, status, answer] : asked) {
-    EXPECT_EQ(device.Status(arguments, url), status) << arguments;
-    EXPECT_EQ(device.Answer(), answer) << arguments;
-  }
-  EXPECT_EQ(device.Status("", url + "x"), 403);
-}
-
-TEST(VirtualClockTest, IsAheadByWhatTheFileSays) {
-  Device device(TheCloud(), KeyKind::kEc);
-  const auto year = [&] {
-    return device.Run("LD_PRELOAD=/opt/varnel/board/varnel-virtual-clock.so date +%Y").out;
-  };
-  device.There().SetClock(
-      std::chrono::sys_days(std::chrono::year(1970) / 6 / 1) -
-      std::chrono::time_point_cast<std::chrono::seconds>(std::chrono::system_clock::now()));
-  EXPECT_EQ(year(), "1970\n");
-  device.There().SetClock(std::chrono::seconds(0));
-  EXPECT_GT(year(), "2020");
 }
 
 }  // namespace

@@ -113,6 +113,11 @@ std::optional<CloudAccess::Access> CloudAccess::RenewedAccess(const Access& refu
   return CurrentAccess();
 }
 
+std::string CloudAccess::Server() {
+  const auto access = CurrentAccess();
+  return access ? access->base_url : std::string();
+}
+
 std::string CloudAccess::Post(const std::string& where, const nlohmann::json& document,
                               const RequestOptions& options) {
   try {

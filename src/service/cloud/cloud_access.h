@@ -31,6 +31,8 @@ class CloudAccess {
 
   /// 0, or -1 with the reason in the log: then nothing has been sent.
   [[nodiscard]] int GetAccess();
+  /// Where requests go now; empty without access.
+  [[nodiscard]] std::string Server();
   /// The body of the answer, whatever its status; empty without one. A token that is refused is
   /// replaced, and the request sent once more.
   /// @param where a path of the API, or a URL of its server

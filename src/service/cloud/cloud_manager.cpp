@@ -191,7 +191,7 @@ void CloudManager::Stop() {
   if (!side) return;
   RequestStop();
   const auto end = std::chrono::steady_clock::now() + kStopLimit;
-  while (!*finished_ && std::chrono::steady_clock::now() < end)
+  while ((!*finished_ || *transfers_ > 0) && std::chrono::steady_clock::now() < end)
     std::this_thread::sleep_for(kStopLook);
   if (!thread_.joinable()) {
     VLOG_WARN(kTag, "There is no agent thread");

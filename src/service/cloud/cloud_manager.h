@@ -46,7 +46,7 @@ class CloudManager {
   void Start();
   /// Whatever talks to the cloud ends soon. Does not wait.
   void RequestStop();
-  /// Waits for the agent, but not for long: one that hangs is left behind.
+  /// Waits for the agent and for transfers, but not for long: what hangs is left behind.
   void Stop();
 
   /// For the other services; null-safe at any time. Lives as long as the manager.
@@ -54,6 +54,11 @@ class CloudManager {
   /// Says when transfers for the other services are to end; may outlive the manager.
   [[nodiscard]] TransferStop StopOfTransfers() const {
     return [stopping = stopping_] { return stopping->load(); };
+  }
+  /// Stop() waits a little for whatever holds this. May outlive the manager.
+  [[nodiscard]] std::shared_ptr<void> HoldTransfer() const {
+    ++*transfers_;
+    return {transfers_.get(), [transfers = transfers_](void*) { --*transfers; }};
   }
   /// Null while all turns of those who wait for the cloud's answer on a worker are taken.
   [[nodiscard]] std::shared_ptr<void> TakeTurn() { return turns_->TryTake(); }
@@ -71,6 +76,7 @@ class CloudManager {
 
   const CloudSetup setup_;
   const std::shared_ptr<std::atomic<bool>> stopping_ = std::make_shared<std::atomic<bool>>(false);
+  const std::shared_ptr<std::atomic<int>> transfers_ = std::make_shared<std::atomic<int>>(0);
   const std::shared_ptr<utils::Permits> turns_;
   CloudAccess access_;
   mutable utils::Mutex side_mutex_;

@@ -65,6 +65,12 @@ class CloudUploadTest : public testing::Test {
     }
     if (fault == "hang") return (peer.AwaitEnd(), false);
     if (fault == "no etag") return peer.Answer("");
+    if (fault == "no http" || fault == "099" || fault == "403 and an end") {
+      peer.ResetAtEnd();
+      (void)peer.Send(fault == "no http" ? "<html>sign in</html>"
+                                         : "HTTP/1.1 " + fault + "\r\nContent-Length: 9\r\n\r\n<E");
+      return false;
+    }
     if (!fault.empty()) return peer.Answer(body, fault);
     return peer.Send("HTTP/1.1 200 OK\r\nETag: \"e" + call.substr(4) +
                      "\"\r\nContent-Length: 0\r\n\r\n");
@@ -146,6 +152,11 @@ TEST_F(CloudUploadTest, APartIsSentAgainAsOftenAsItMay) {
   const std::vector<Case> cases{
       {{"reset"}, "", {"create", "PUT 1", "PUT 1", "PUT 2", "completed"}, again},
       {{"stall"}, "", {"create", "PUT 1", "PUT 1", "PUT 2", "completed"}, again},
+      {{"no http", "099"}, "", {"create", "PUT 1", "PUT 1", "PUT 1", "PUT 2", "completed"}, again},
+      {{"403 and an end"},
+       "",
+       {"create", "PUT 1", "re-sign 1", "PUT 1", "PUT 2", "completed"},
+       signing},
       {{"", "lost"},
        "",
        {"create", "PUT 1", "PUT 2", "PUT 2", "completed"},
@@ -165,7 +176,10 @@ TEST_F(CloudUploadTest, APartIsSentAgainAsOftenAsItMay) {
         "cancel"},
        "PUT part 1 failed (HTTP 403), aborting"},
       {{"400 No"}, "", given_up, "PUT part 1 failed (HTTP 400), aborting"},
-      {{"503 No"}, expired, given_up, "PUT part 1 failed (HTTP 503), aborting"},
+      {{"503 No"},
+       expired + std::string(100'000, ' '),
+       given_up,
+       "PUT part 1 failed (HTTP 503), aborting"},
       {{"301 No"}, "", given_up, "PUT part 1 failed (HTTP 301), aborting"},
       {{"no etag"}, "", given_up, "PUT part 1 failed (HTTP 200), aborting"},
   };
@@ -238,7 +252,12 @@ TEST_F(CloudUploadTest, WhatTheApiMayAnswer) {
       {"create", of(part + ',' + part), missing},
       {"completed", "", "multipart upload/completed failed"},
       {"completed", R"({"code": 409, "msg": "order"})", "multipart upload/completed error: order"},
+      {"completed", "<html>",
+       "multipart upload/completed parse error: the answer is no JSON object"},
       {"re-sign 1", "", "re-sign request failed"},
+      {"re-sign 1", "{", "re-sign parse error: the answer is no JSON object"},
+      {"re-sign 1", R"({"code": 403, "msg": "Bearer )" + std::string(40, 'T') + R"( no"})",
+       "re-sign error: Bearer " + std::string(40, '*') + " no"},
       {"re-sign 1", of(""), "Re-sign for part 1 failed, aborting"},
   };
   for (const auto& [call, reply, text] : cases) {
@@ -251,6 +270,17 @@ TEST_F(CloudUploadTest, WhatTheApiMayAnswer) {
     const auto cancels =
         std::count(calls.begin() + static_cast<std::ptrdiff_t>(old), calls.end(), "cancel");
     EXPECT_EQ(cancels, text.starts_with("multipart upload/create") ? 0 : 1) << text;
+  }
+  for (const auto& [call, reply, text] :
+       std::vector<std::tuple<const char*, const char*, const char*>>{
+           {"create", "", "upload/create failed"},
+           {"create", "[]", "upload/create parse error: the answer is no JSON object"},
+           {"create", R"({"code": 200, "msg": "none"})", "upload/create error: none"},
+           {"completed", "", "upload/completed failed"},
+           {"completed", R"({"code": 1, "msg": "no"})", "upload/completed error: no"}}) {
+    replies_ = {{call, reply}};
+    EXPECT_FALSE(Upload(10)) << text;
+    EXPECT_EQ(log_.Count("CLDI", text), 1U) << text;
   }
   replies_ = {{"create", of(R"({"partNumber": 2, "url": ")" + PartUrl(2) + R"("},)" + part)},
               {"completed", R"({"code": 200})"}};

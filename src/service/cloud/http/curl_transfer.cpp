@@ -125,9 +125,9 @@ size_t Transfer::OnHeader(char* text, size_t, size_t size, void* self) {
 }
 
 int Transfer::OnProgress(void* self, curl_off_t expected, curl_off_t received, curl_off_t,
-                         curl_off_t) {
+                         curl_off_t sent) {
   auto& transfer = *static_cast<Transfer*>(self);
-  return transfer.Guarded([&] { return transfer.hooks_.GoOn(expected, received); }) ? 0 : 1;
+  return transfer.Guarded([&] { return transfer.hooks_.GoOn({expected, received, sent}); }) ? 0 : 1;
 }
 
 TransferResult Transfer::Perform(const std::string& url) {

@@ -51,13 +51,20 @@ struct TransferResult {
   std::string problem{};
 };
 
+/// How far a transfer is, in bytes of the bodies.
+struct TransferCount {
+  curl_off_t expected = 0;  ///< of the answer; 0: not known
+  curl_off_t received = 0;
+  curl_off_t sent = 0;  ///< that the system has taken
+};
+
 /// What the library calls while it transfers. An exception must not cross the library: it is kept,
 /// and the transfer ends.
 class TransferHooks {
  public:
   virtual ~TransferHooks() = default;
   /// False ends the transfer.
-  virtual bool GoOn(curl_off_t expected, curl_off_t received) = 0;
+  virtual bool GoOn(const TransferCount& count) = 0;
   /// False ends the transfer.
   virtual bool Take(const char* data, size_t size) = 0;
   /// The next bytes of the body that is sent: how many were put there. Nothing ends the transfer.
@@ -105,7 +112,7 @@ class Transfer {
   static size_t OnSend(char* buffer, size_t, size_t room, void* self);
   static size_t OnHeader(char* line, size_t, size_t size, void* self);
   static int OnProgress(void* self, curl_off_t expected, curl_off_t received, curl_off_t,
-                        curl_off_t);
+                        curl_off_t sent);
   template <class Call>
   bool Guarded(Call call);
   CURLcode Run(CURLM* multi);

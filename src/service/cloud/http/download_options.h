@@ -11,6 +11,7 @@ inline void SetDownloadOptions(Transfer& transfer) {
   constexpr long kConnectTimeoutS = 60;
   constexpr long kLowSpeedBytes = 1;
   constexpr long kLowSpeedS = 30;
+  constexpr long kReceiveBytes = 256L << 10;
   transfer.Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   transfer.Set(CURLOPT_FAILONERROR, 1L);
   transfer.Set(CURLOPT_FOLLOWLOCATION, 1L);
@@ -19,6 +20,7 @@ inline void SetDownloadOptions(Transfer& transfer) {
   transfer.Set(CURLOPT_CONNECTTIMEOUT, kConnectTimeoutS);
   transfer.Set(CURLOPT_LOW_SPEED_LIMIT, kLowSpeedBytes);
   transfer.Set(CURLOPT_LOW_SPEED_TIME, kLowSpeedS);
+  transfer.Set(CURLOPT_BUFFERSIZE, kReceiveBytes);
 }
 
 }  // namespace varnel::service

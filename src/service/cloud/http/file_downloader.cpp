@@ -46,10 +46,10 @@ class FileDownloader::Hooks : public TransferHooks {
         progress_(progress),
         guard_(owner.clock_, stall_limit_s) {}
 
-  bool GoOn(curl_off_t expected, curl_off_t received) override {
+  bool GoOn(const TransferCount& count) override {
     if (owner_.stop_ && owner_.stop_()) return false;
-    if (!guard_.GoesOn(received)) return false;
-    return !guard_.IsNewSecond() || Report(expected);
+    if (!guard_.GoesOn(count.received)) return false;
+    return !guard_.IsNewSecond() || Report(count.expected);
   }
   bool Take(const char* data, size_t size) override {
     return std::fwrite(data, 1, size, file_) == size;

@@ -31,11 +31,12 @@ std::string AsTheLibraryWants(std::string header) {
 /// Takes a body, up to a limit.
 class HttpClient::Receiver : public TransferHooks {
  public:
-  Receiver(std::string& body, size_t max_bytes, const TransferStop& stop, const TransferStop& own)
-      : body_(body), max_bytes_(max_bytes), stop_(stop), own_stop_(own) {}
+  Receiver(std::string& body, size_t max_bytes, const TransferStop& stop,
+           const RequestOptions& options)
+      : body_(body), max_bytes_(max_bytes), stop_(stop), options_(options) {}
 
-  bool GoOn(curl_off_t, curl_off_t) override {
-    return !(stop_ && stop_()) && !(own_stop_ && own_stop_());
+  bool GoOn(const TransferCount&) override {
+    return (options_.is_last || !stop_ || !stop_()) && !(options_.stop && options_.stop());
   }
   bool Take(const char* data, size_t size) override {
     too_long_ = size > max_bytes_ - body_.size();
@@ -48,7 +49,7 @@ class HttpClient::Receiver : public TransferHooks {
   std::string& body_;
   const size_t max_bytes_;
   const TransferStop& stop_;
-  const TransferStop& own_stop_;
+  const RequestOptions& options_;
   bool too_long_ = false;
 };
 
@@ -109,11 +110,13 @@ HttpResponse HttpClient::Send(const Request& request) {
 
 TransferResult HttpClient::Exchange(const Request& request, HttpResponse& response) {
   CurlHeaders lines;
-  Receiver receiver(response.body, settings_.max_body_bytes, stop_, request.options.stop);
-  if (!receiver.GoOn(0, 0))
+  Receiver receiver(response.body, settings_.max_body_bytes, stop_, request.options);
+  if (!receiver.GoOn({}))
     return {CURLE_ABORTED_BY_CALLBACK, curl_easy_strerror(CURLE_ABORTED_BY_CALLBACK)};
   Transfer transfer(connections_, "http,https", receiver);
   Apply(transfer);
+  if (request.options.timeout_s > 0)
+    transfer.SetSeconds(CURLOPT_TIMEOUT, request.options.timeout_s);
   if (!SetHeaders(transfer, request, lines))
     return {CURLE_BAD_FUNCTION_ARGUMENT, "a header cannot be sent"};
   if (request.body != nullptr) {

@@ -31,8 +31,10 @@ struct HttpSettings {
 
 /// What holds for one request of many.
 struct RequestOptions {
-  TransferStop stop{};  ///< ends it, besides that of the client
-  bool log = true;      ///< whether its success is worth a line of the log
+  TransferStop stop{};    ///< ends it, besides that of the client
+  bool log = true;        ///< whether its success is worth a line of the log
+  int32_t timeout_s = 0;  ///< above 0: instead of that of the settings
+  bool is_last = false;   ///< goes out though the client is stopped; its own stop ends it
 };
 
 struct HttpResponse {

@@ -112,9 +112,9 @@ class RangedDownloader::Hooks : public TransferHooks {
         guard_(owner.clock_, request.stall_limit_s) {}
 
   void Header(std::string_view line) override { answer_.Read(line); }
-  bool GoOn(curl_off_t, curl_off_t received) override {
+  bool GoOn(const TransferCount& count) override {
     if (owner_.stop_ && owner_.stop_()) return false;
-    if (!guard_.GoesOn(received)) return false;
+    if (!guard_.GoesOn(count.received)) return false;
     return !guard_.IsNewSecond() || sink_.GoOn(position_);
   }
   bool Take(const char* data, size_t size) override {

@@ -46,12 +46,25 @@ std::optional<std::string> CloudUpload::UploadOrThrow(const UploadRequest& reque
   }
   const TransferStop stop = [&] { return (stop_ && stop_()) || (request.stop && request.stop()); };
   const RequestOptions options{stop, request.log};
+  const auto held = api_.hold ? api_.hold() : nullptr;
+  const UploadApi api = OneServer();
   Uploader uploader(stop, clock_);
   WholeProgress progress(request.progress, source->Size(), clock_);
-  const UploadTools tools{api_, uploader, *source, request.name, progress, options, clock_};
+  const UploadTools tools{api, uploader, *source, request.name, progress, options, clock_};
   auto url = multipart ? MultipartUpload(tools).Run() : UploadWhole(tools);
   if (url) progress.Finish();
   return url;
+}
+
+/// What one server began another one cannot end: the region may change meanwhile.
+UploadApi CloudUpload::OneServer() const {
+  UploadApi api = api_;
+  const std::string server = api_.server ? api_.server() : std::string();
+  api.post = [this, server](const std::string& path, const json& document,
+                            const RequestOptions& options) {
+    return api_.post(server + path, document, options);
+  };
+  return api;
 }
 
 std::optional<std::string> CloudUpload::UploadWhole(const UploadTools& tools) {

@@ -23,6 +23,7 @@ class CloudUpload : public FileUploader {
 
  private:
   std::optional<std::string> UploadOrThrow(const UploadRequest& request);
+  [[nodiscard]] UploadApi OneServer() const;
   static std::optional<std::string> UploadWhole(const UploadTools& tools);
 
   const UploadApi api_;

@@ -13,7 +13,7 @@ namespace varnel::service {
 using UploadProgress = std::function<bool(uint64_t sent_bytes, uint64_t all_bytes)>;
 
 /// Asked several times a second by the thread that uploads, also while nothing moves: true ends the
-/// upload, half a second later at most when the cloud is to be told of it.
+/// upload, a second and a half later at most when the cloud is to be told of it.
 using UploadStop = std::function<bool()>;
 
 /// A file for the cloud.

@@ -19,14 +19,16 @@ constexpr int kRepeats = 3;
 constexpr int kSignatures = 3;
 constexpr milliseconds kFirstPause{1000};
 constexpr milliseconds kStopLook{250};
-/// What an upload that is ended has left for telling the server.
-constexpr milliseconds kCancelTime{500};
+/// For telling the server of the end, and what is left of it when nobody wants to wait.
+constexpr milliseconds kCancelTime{15'000};
+constexpr milliseconds kLastTime{1500};
 
 /// The parts that an answer lists; null without any.
 const json* ListIn(const json& data) {
   for (const char* name : {"uploadParts", "parts"}) {
     const auto found = data.is_object() ? data.find(name) : data.end();
-    if (data.is_object() && found != data.end() && found->is_array()) return &*found;
+    if (data.is_object() && found != data.end() && found->is_array() && !found->empty())
+      return &*found;
   }
   return nullptr;
 }
@@ -54,13 +56,13 @@ std::optional<std::string> MultipartUpload::Run() {
                utils::LogText(tools_.source.Path().string()));
     return std::nullopt;
   }
-  if (!Create()) return std::nullopt;
   try {
+    if (!Create()) return std::nullopt;
     auto url = SendAndComplete();
     if (!url) Cancel();
     return url;
   } catch (...) {
-    Cancel();
+    if (!upload_id_.empty()) Cancel();
     throw;
   }
 }
@@ -176,12 +178,15 @@ bool MultipartUpload::Pause(milliseconds time, uint64_t sent_bytes) {
 }
 
 void MultipartUpload::Cancel() {
-  const TransferStop& stop = tools_.options.stop;
   RequestOptions options = tools_.options;
-  if (stop && stop())
-    options.stop = [this, end = tools_.clock.Now() + kCancelTime] {
-      return tools_.clock.Now() >= end;
-    };
+  options.is_last = true;
+  options.stop = [this, begin = tools_.clock.Now(),
+                  stopped = utils::Clock::TimePoint::max()]() mutable {
+    const auto now = tools_.clock.Now();
+    const TransferStop& stop = tools_.options.stop;
+    if (stop && stop()) stopped = std::min(stopped, now);
+    return now - begin > kCancelTime || (now > stopped && now - stopped > kLastTime);
+  };
   (void)AskUploadApi(tools_.api, options, {"upload/cancel", "upload/cancel", kUploadCancel},
                      {{"uploadId", upload_id_}}, [](const json&) { return true; });
 }

@@ -1,5 +1,8 @@
 #include "service/cloud/upload/upload_calls.h"
 
+#include <algorithm>
+#include <string_view>
+
 #include "service/cloud/http/reply_json.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
@@ -11,6 +14,24 @@ using nlohmann::json;
 
 constexpr const char* kTag = "CLDI";
 constexpr int kGood = 200;
+
+/// Creating lists an address for each part, and completing puts them together.
+constexpr int32_t kTimeoutS = 60;
+constexpr int32_t kCompletionTimeoutS = 120;
+/// No word is so long; a token is, and so is what an address is signed with.
+constexpr size_t kLongestWord = 24;
+
+/// What the server quotes may be secret.
+std::string WithoutTokens(std::string text) {
+  constexpr std::string_view kInTokens =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+/=_-.%";
+  for (size_t begin = 0; begin < text.size();) {
+    const size_t end = std::min(text.find_first_not_of(kInTokens, begin), text.size());
+    if (end - begin > kLongestWord) text.replace(begin, end - begin, end - begin, '*');
+    begin = end + 1;
+  }
+  return text;
+}
 
 bool IsGood(const json& reply) {
   const auto code = reply.find("code");
@@ -28,7 +49,10 @@ std::string TextMember(const json& object, const char* name) {
 std::optional<json> AskUploadApi(const UploadApi& api, const RequestOptions& options,
                                  const UploadCall& call, const json& document,
                                  const std::function<bool(const json& data)>& fits) {
-  const std::string answer = api.post(call.path, document, options);
+  RequestOptions limited = options;
+  const bool completes = std::string_view(call.path) == kUploadCompleted;
+  limited.timeout_s = completes ? kCompletionTimeoutS : kTimeoutS;
+  const std::string answer = api.post(call.path, document, limited);
   if (answer.empty()) {
     VLOG_ERROR(kTag, "{} failed", call.failed_name);
     return std::nullopt;
@@ -41,7 +65,8 @@ std::optional<json> AskUploadApi(const UploadApi& api, const RequestOptions& opt
   const auto found = reply->find("data");
   json data = found != reply->end() ? std::move(*found) : json();
   if (IsGood(*reply) && fits(data)) return data;
-  VLOG_ERROR(kTag, "{} error: {}", call.name, utils::LogText(TextMember(*reply, "msg")));
+  VLOG_ERROR(kTag, "{} error: {}", call.name,
+             utils::LogText(WithoutTokens(TextMember(*reply, "msg"))));
   return std::nullopt;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -15,7 +16,11 @@ struct UploadApi {
   /// The body of the answer; empty without one.
   std::function<std::string(const std::string& path, const nlohmann::json& document,
                             const RequestOptions& options)>
-      post;
+      post{};
+  /// Whom an upload is told to from its begin to its end; paths are put behind it. May be empty.
+  std::function<std::string()> server{};
+  /// Held while an upload runs, for whoever must not end before; may be empty.
+  std::function<std::shared_ptr<void>()> hold{};
 };
 
 /// One question to the API, and what is logged of its failure.

@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <strings.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -18,23 +19,37 @@ namespace {
 
 constexpr const char* kTag = "UPLD";
 constexpr std::chrono::seconds kStallLimit{30};
+/// From the last byte that was sent to that of the answer, once it has begun.
+constexpr std::chrono::seconds kAnswerLimit{60};
+/// A store that is far away judges an address before the piece is on its way.
+constexpr long kJudgeLimitMs = 5000;
 constexpr int64_t kConnectTimeoutS = 10;
-constexpr long kSendBytes = 256L << 10;
+constexpr long kSendBytes = 64L << 10;
 constexpr size_t kMaxAnswerBytes = size_t{64} << 10U;
 constexpr long kBadRequest = 400;
 constexpr long kForbidden = 403;
+constexpr long kAnswered = 200;
+constexpr size_t kMaxEtag = 1024;
 
 /// What waits in the system for a slow line looks like a stall when it is more than this.
 int LimitUnsentBytes(void*, curl_socket_t socket, curlsocktype) {
-  constexpr int kMost = 128 << 10;
+  constexpr int kMost = 32 << 10;
   (void)::setsockopt(socket, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &kMost, sizeof(kMost));
   return CURL_SOCKOPT_OK;
 }
 
 /// Another attempt would fail for the same reason.
 bool IsOfTheAddress(CURLcode code) {
-  return code == CURLE_UNSUPPORTED_PROTOCOL || code == CURLE_URL_MALFORMAT ||
-         code == CURLE_LOGIN_DENIED;
+  return code == CURLE_URL_MALFORMAT || code == CURLE_LOGIN_DENIED;
+}
+
+/// Judged by us: the library has one code for other protocols and for answers that are none.
+bool IsOfTheWeb(const std::string& url) {
+  const auto begins = [&](std::string_view scheme) {
+    return url.size() > scheme.size() &&
+           ::strncasecmp(url.data(), scheme.data(), scheme.size()) == 0;
+  };
+  return begins("http://") || begins("https://");
 }
 
 bool HasExpired(long status, const std::string& body) {
@@ -54,14 +69,9 @@ class Uploader::Hooks : public TransferHooks {
   Hooks(const Uploader& owner, const Put& put, std::string& answer)
       : owner_(owner), put_(put), answer_(answer), moved_(owner.clock_.Now()) {}
 
-  bool GoOn(curl_off_t, curl_off_t received) override {
+  bool GoOn(const TransferCount& count) override {
     if (!MayGoOn()) return !(given_up_ = true);
-    const auto now = owner_.clock_.Now();
-    if (const uint64_t total = sent_ + static_cast<uint64_t>(received); total != total_) {
-      total_ = total;
-      moved_ = now;
-    }
-    if (now - moved_ <= kStallLimit) return true;
+    if (!IsStalled(count)) return true;
     VLOG_ERROR(kTag, "upload stalled, aborting");
     return false;
   }
@@ -75,13 +85,19 @@ class Uploader::Hooks : public TransferHooks {
     return size;
   }
   bool Take(const char* data, size_t size) override {
-    if (size > kMaxAnswerBytes - answer_.size()) return false;
-    answer_.append(data, size);
+    // What is longer does not make another answer of it.
+    answer_.append(data, std::min(size, kMaxAnswerBytes - answer_.size()));
     return true;
   }
   bool GivenUp() const { return given_up_; }
 
  private:
+  /// A store may take its time for an answer, but not by one byte after the other.
+  bool IsStalled(const TransferCount& count) {
+    const auto now = owner_.clock_.Now();
+    if (std::exchange(moved_bytes_, count.sent) != count.sent) moved_ = now;
+    return now - moved_ > (count.received > 0 ? kAnswerLimit : kStallLimit);
+  }
   bool MayGoOn() const {
     return !(owner_.stop_ && owner_.stop_()) && (!put_.progress || put_.progress(sent_));
   }
@@ -91,7 +107,7 @@ class Uploader::Hooks : public TransferHooks {
   std::string& answer_;
   utils::Clock::TimePoint moved_;
   uint64_t sent_ = 0;
-  uint64_t total_ = 0;
+  curl_off_t moved_bytes_ = 0;
   bool given_up_ = false;
 };
 
@@ -148,25 +164,25 @@ PutResult Uploader::PutFilePart(const std::string& url, const UploadSource& sour
 Uploader::Answer Uploader::Send(const Put& put) {
   Answer answer;
   if (!CheckUnchanged(put, answer)) return answer;
+  if (!IsOfTheWeb(put.url)) {
+    answer.problem = "no address of the web";
+    return answer;
+  }
   const utils::MutexLock turn(connections_.Turn());
   Hooks hooks(*this, put, answer.body);
   Transfer transfer(connections_, "http,https", hooks);
   const TransferResult result = Perform(transfer, put);
   using End = PutResult::End;
-  if (result.code != CURLE_OK) {
-    answer.problem = utils::LogText(result.problem);
+  // A status counts, whatever becomes of the rest of the answer.
+  if (hooks.GivenUp() || transfer.Status() < kAnswered) {
+    answer.problem = result.code == CURLE_OK ? "no status" : utils::LogText(result.problem);
     answer.result.end =
         hooks.GivenUp() || IsOfTheAddress(result.code) ? End::kGivenUp : End::kNoAnswer;
     return answer;
   }
-  // What is no status is no answer.
-  if (transfer.Status() < 100) {
-    answer.problem = "no status";
-    answer.result.end = End::kNoAnswer;
-    return answer;
-  }
   answer.result = {End::kAnswered, transfer.Status(), transfer.Header("etag"),
                    HasExpired(transfer.Status(), answer.body)};
+  if (answer.result.etag.size() > kMaxEtag) answer.result.etag.clear();
   if (answer.result.IsStored()) (void)CheckUnchanged(put, answer);
   return answer;
 }
@@ -185,6 +201,7 @@ TransferResult Uploader::Perform(Transfer& transfer, const Put& put) const {
   transfer.Set(CURLOPT_DISALLOW_USERNAME_IN_URL, 1L);  // it would become an authorization
   transfer.Set(CURLOPT_UPLOAD_BUFFERSIZE, kSendBytes);
   transfer.Set(CURLOPT_SOCKOPTFUNCTION, LimitUnsentBytes);
+  transfer.Set(CURLOPT_EXPECT_100_TIMEOUT_MS, kJudgeLimitMs);
   transfer.SetSeconds(CURLOPT_CONNECTTIMEOUT, kConnectTimeoutS);
   return transfer.Perform(put.url);
 }

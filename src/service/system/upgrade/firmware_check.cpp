@@ -1,7 +1,6 @@
 #include "service/system/upgrade/firmware_check.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <unistd.h>
@@ -22,36 +21,8 @@ namespace {
 constexpr const char* kTag = "UPGM";
 constexpr size_t kBlockBytes = size_t{1} << 20U;
 
-using Context = utils::Owned<EVP_MD_CTX, EVP_MD_CTX_free>;
+using VerifyContext = utils::Owned<EVP_MD_CTX, EVP_MD_CTX_free>;
 using Key = utils::Owned<EVP_PKEY, EVP_PKEY_free>;
-
-/// A running digest. Null when the crypto library has none, which is logged.
-Context Begin(const EVP_MD* kind) {
-  Context context(EVP_MD_CTX_new());
-  if (!context) {
-    VLOG_ERROR(kTag, "CheckFirmwareFile: failed to create EVP_MD_CTX");
-  } else if (EVP_DigestInit_ex(context.get(), kind, nullptr) != 1) {
-    VLOG_ERROR(kTag, "CheckFirmwareFile: EVP_DigestInit_ex failed");
-    context.reset();
-  }
-  return context;
-}
-
-std::string End(const Context& context) {
-  std::string digest(EVP_MAX_MD_SIZE, '\0');
-  unsigned size = 0;
-  if (EVP_DigestFinal_ex(context.get(), reinterpret_cast<unsigned char*>(digest.data()), &size) !=
-      1)
-    size = 0;
-  digest.resize(size);
-  return digest;
-}
-
-std::string Hex(const std::string& bytes) {
-  std::string text;
-  for (const char byte : bytes) text += fmt::format("{:02x}", static_cast<unsigned char>(byte));
-  return text;
-}
 
 Key ReadKey(const std::filesystem::path& file) {
   const utils::Owned<std::FILE, std::fclose> opened(std::fopen(file.c_str(), "re"));
@@ -74,28 +45,53 @@ FirmwareCheck::FirmwareCheck(std::filesystem::path key_file, std::function<bool(
 
 bool FirmwareCheck::CheckFirmwareFile(const std::filesystem::path& file,
                                       const FirmwareDescription& description, Reading reading) {
+  const auto opened = Open(file, description);
+  if (!opened) return false;
+  if (reading == Reading::kOnceAFile && IsKnown(opened->info, description)) return true;
+  const auto digests = Read(opened->fd.Get());
+  return digests && Judge(*opened, description, *digests);
+}
+
+bool FirmwareCheck::CheckWrittenFile(const std::filesystem::path& file,
+                                     const FirmwareDescription& description,
+                                     const FirmwareDigests& digests) {
+  const auto opened = Open(file, description);
+  return opened && Judge(*opened, description, digests);
+}
+
+std::optional<FirmwareCheck::Opened> FirmwareCheck::Open(const std::filesystem::path& file,
+                                                         const FirmwareDescription& description) {
   const std::string name = utils::LogText(file.string());
   struct stat info {};
   if (::lstat(file.c_str(), &info) != 0) {
     VLOG_WARN(kTag, "File {} not found, reason is {}", name, utils::LastError().message());
-    return false;
+    return std::nullopt;
   }
-  const utils::UniqueFd fd(::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  utils::UniqueFd fd(::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!fd || ::fstat(fd.Get(), &info) != 0 || !S_ISREG(info.st_mode)) {
     VLOG_ERROR(kTag, "CheckFirmwareFile: cannot open file {}", name);
-    return false;
+    return std::nullopt;
   }
   if (static_cast<uint64_t>(info.st_size) != description.size) {
     VLOG_ERROR(kTag, "The file sizes are not equal, expect: {}, actual: {}", description.size,
                info.st_size);
+    return std::nullopt;
+  }
+  return Opened{std::move(fd), info};
+}
+
+bool FirmwareCheck::Judge(const Opened& opened, const FirmwareDescription& description,
+                          const FirmwareDigests& digests) {
+  if (digests.md5 != description.md5) {
+    VLOG_ERROR(kTag, "The file MD5 are not equal, expect: {}, actual: {}", description.md5,
+               digests.md5);
     return false;
   }
-  if (reading == Reading::kOnceAFile && IsKnown(info, description)) return true;
-  if (!HasRightBytes(fd.Get(), description)) return false;
+  if (WantsSha256() && !IsSigned(digests.sha256, description.signature)) return false;
   struct stat after {};
-  if (::fstat(fd.Get(), &after) != 0 || !IsSameFile(info, after)) return false;
+  if (::fstat(opened.fd.Get(), &after) != 0 || !IsSameFile(opened.info, after)) return false;
   const utils::MutexLock lock(mutex_);
-  known_ = Known{info, description};
+  known_ = Known{opened.info, description};
   return true;
 }
 
@@ -115,29 +111,22 @@ bool FirmwareCheck::IsKnown(const struct stat& info, const FirmwareDescription& 
          known_->description.IsSameFirmware(description);
 }
 
-bool FirmwareCheck::HasRightBytes(int fd, const FirmwareDescription& description) const {
-  const Context md5 = Begin(EVP_md5());
-  const Context sha256 = key_file_.empty() ? nullptr : Begin(EVP_sha256());
-  if (!md5 || (!sha256 && !key_file_.empty())) return false;
+std::optional<FirmwareDigests> FirmwareCheck::Read(int fd) const {
+  FirmwareDigest digest(WantsSha256());
+  if (!digest.Begin()) return std::nullopt;
   std::vector<char> block(kBlockBytes);
   for (ssize_t size = 0; (size = ::read(fd, block.data(), block.size())) != 0;) {
     if (size < 0 && errno == EINTR) continue;
-    if (size < 0 || (stop_ && stop_())) return false;
-    for (const Context* context : {&md5, &sha256})
-      if (*context) EVP_DigestUpdate(context->get(), block.data(), static_cast<size_t>(size));
+    if (size < 0 || (stop_ && stop_())) return std::nullopt;
+    digest.Add(block.data(), static_cast<size_t>(size));
   }
-  const std::string found = Hex(End(md5));
-  if (found != description.md5) {
-    VLOG_ERROR(kTag, "The file MD5 are not equal, expect: {}, actual: {}", description.md5, found);
-    return false;
-  }
-  return key_file_.empty() || IsSigned(End(sha256), description.signature);
+  return digest.End();
 }
 
 bool FirmwareCheck::IsSigned(const std::string& sha256, const std::string& signature) const {
   const auto bytes = utils::DecodeBase64(signature);
   const Key key = ReadKey(key_file_);
-  const Context context(EVP_MD_CTX_new());
+  const VerifyContext context(EVP_MD_CTX_new());
   const bool good =
       key && bytes && context &&
       EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key.get()) == 1 &&

@@ -8,7 +8,9 @@
 #include <string>
 
 #include "service/system/upgrade/firmware_description.h"
+#include "service/system/upgrade/firmware_digest.h"
 #include "utils/mutex.h"
+#include "utils/owned.h"
 
 namespace varnel::service {
 
@@ -29,6 +31,13 @@ class FirmwareCheck {
                                        const FirmwareDescription& description,
                                        Reading reading = Reading::kOnceAFile);
 
+  /// The same of a file whose bytes have been read already.
+  [[nodiscard]] bool CheckWrittenFile(const std::filesystem::path& file,
+                                      const FirmwareDescription& description,
+                                      const FirmwareDigests& digests);
+  /// Whether digests of a firmware need SHA-256 too.
+  [[nodiscard]] bool WantsSha256() const { return !key_file_.empty(); }
+
   /// We have renamed the file that was found good last to this.
   void Follow(const std::filesystem::path& file);
 
@@ -39,8 +48,17 @@ class FirmwareCheck {
     FirmwareDescription description;
   };
 
+  struct Opened {
+    utils::UniqueFd fd;
+    struct stat info {};
+  };
+
+  [[nodiscard]] static std::optional<Opened> Open(const std::filesystem::path& file,
+                                                  const FirmwareDescription& description);
+  [[nodiscard]] bool Judge(const Opened& opened, const FirmwareDescription& description,
+                           const FirmwareDigests& digests);
   [[nodiscard]] bool IsKnown(const struct stat& info, const FirmwareDescription& description) const;
-  [[nodiscard]] bool HasRightBytes(int fd, const FirmwareDescription& description) const;
+  [[nodiscard]] std::optional<FirmwareDigests> Read(int fd) const;
   [[nodiscard]] bool IsSigned(const std::string& sha256, const std::string& signature) const;
 
   const std::filesystem::path key_file_;

@@ -43,6 +43,7 @@ FirmwareDownload::FirmwareDownload(DownloadSetup setup, const FirmwareDescriptio
     : setup_(std::move(setup)),
       description_(description),
       part_(*setup_.store, description, {setup_.min_free_bytes, setup_.sync_bytes},
+            {setup_.check->WantsSha256(), setup_.stop},
             [this](int64_t position) { return Tell(position); }),
       furthest_(part_.Position()) {}
 
@@ -122,8 +123,9 @@ DownloadOutcome FirmwareDownload::Finish() {
   if (!part_.Sync()) return Failed(CURLE_WRITE_ERROR);
   const FirmwareStore& store = *setup_.store;
   const auto part = store.Part(description_.fullversion);
-  if (!setup_.check->CheckFirmwareFile(part, description_, FirmwareCheck::Reading::kAlways))
-    return Refuse();
+  const auto digests = part_.Digests();
+  if (!digests && setup_.stop && setup_.stop()) return Failed(CURLE_ABORTED_BY_CALLBACK);
+  if (!digests || !setup_.check->CheckWrittenFile(part, description_, *digests)) return Refuse();
   std::error_code error;
   std::filesystem::rename(part, store.Firmware(description_.fullversion), error);
   if (!error) error = utils::SyncDirectory(store.Directory());

@@ -28,6 +28,8 @@ struct DownloadSetup {
   std::function<void(int percent, int64_t received, int64_t size)> progress{};
   /// Another address, when the one that there is is refused; nothing: there is none.
   std::function<std::optional<std::string>()> fresh_url{};
+  /// Whether it is to end; may be empty.
+  std::function<bool()> stop{};
   /// Waits; false: it is to end.
   std::function<bool(std::chrono::milliseconds time)> pause{};
 };

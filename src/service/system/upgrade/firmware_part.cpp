@@ -22,10 +22,11 @@ constexpr mode_t kMode = 0600;
 }  // namespace
 
 FirmwarePart::FirmwarePart(const FirmwareStore& store, const FirmwareDescription& description,
-                           Limits limits, Progress progress)
+                           Limits limits, Digesting digesting, Progress progress)
     : store_(store),
       description_(description),
       limits_(limits),
+      digesting_(std::move(digesting)),
       progress_(std::move(progress)),
       file_(::open(store.Part(description.fullversion).c_str(),
                    O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kMode)) {
@@ -36,6 +37,7 @@ FirmwarePart::FirmwarePart(const FirmwareStore& store, const FirmwareDescription
     return;
   }
   Continue();
+  BeginDigest();
 }
 
 void FirmwarePart::Continue() {
@@ -83,7 +85,14 @@ bool FirmwarePart::StartOver(const std::string& validator) {
   position_ = synced_ = 0;
   validator_ = validator;
   ++beginnings_;
-  return (WriteRecord() && ::ftruncate(file_.Get(), 0) == 0) || Fail(Problem::kNotWritten);
+  digest_.reset();
+  if (!WriteRecord() || ::ftruncate(file_.Get(), 0) != 0) return Fail(Problem::kNotWritten);
+  BeginDigest();
+  return true;
+}
+
+void FirmwarePart::BeginDigest() {
+  digest_.emplace(file_.Get(), digesting_.with_sha256, position_, digesting_.stop);
 }
 
 bool FirmwarePart::Sync() {
@@ -103,6 +112,7 @@ bool FirmwarePart::Take(const char* data, size_t size) {
   if (::lseek(file_.Get(), position_, SEEK_SET) < 0 || utils::WriteAll(file_.Get(), {data, size}))
     return Fail(Problem::kNotWritten);
   position_ += static_cast<int64_t>(size);
+  digest_->Add({data, size});
   return position_ - synced_ < limits_.sync_bytes || Sync();
 }
 

@@ -2,11 +2,13 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "service/cloud/http/ranged_download.h"
 #include "service/system/upgrade/firmware_description.h"
 #include "service/system/upgrade/firmware_store.h"
+#include "service/system/upgrade/following_digest.h"
 #include "utils/owned.h"
 
 namespace varnel::service {
@@ -27,10 +29,15 @@ class FirmwarePart : public RangeSink {
     uint64_t min_free_bytes = 0;  ///< stay free beside what is still to come
     int64_t sync_bytes = kSyncBytes;
   };
+  /// What is computed of the bytes while they come.
+  struct Digesting {
+    bool with_sha256 = false;
+    std::function<bool()> stop{};  ///< ends the wait for the last of it
+  };
 
   /// Goes on with what is there of this firmware. The store outlives it.
   FirmwarePart(const FirmwareStore& store, const FirmwareDescription& description, Limits limits,
-               Progress progress);
+               Digesting digesting, Progress progress);
 
   [[nodiscard]] bool IsOpen() const { return static_cast<bool>(file_); }
   [[nodiscard]] bool HasRoom() const;
@@ -42,6 +49,10 @@ class FirmwarePart : public RangeSink {
   [[nodiscard]] int Beginnings() const { return beginnings_; }
   /// Makes it last; false when that fails.
   [[nodiscard]] bool Sync();
+  /// Of all that is there, once; nothing when it could not be read, or at the stop.
+  [[nodiscard]] std::optional<FirmwareDigests> Digests() {
+    return digest_ ? digest_->End() : std::nullopt;
+  }
 
   bool Begin(const RangeStart& start) override;
   bool Take(const char* data, size_t size) override;
@@ -49,6 +60,7 @@ class FirmwarePart : public RangeSink {
 
  private:
   void Continue();
+  void BeginDigest();
   [[nodiscard]] bool StartOver(const std::string& validator);
   [[nodiscard]] bool WriteRecord() const;
   bool Fail(Problem problem);
@@ -56,6 +68,7 @@ class FirmwarePart : public RangeSink {
   const FirmwareStore& store_;
   const FirmwareDescription& description_;
   const Limits limits_;
+  const Digesting digesting_;
   const Progress progress_;
   utils::UniqueFd file_;
   int64_t position_ = 0;
@@ -63,6 +76,7 @@ class FirmwarePart : public RangeSink {
   std::string validator_;
   int beginnings_ = 0;
   Problem problem_ = Problem::kNone;
+  std::optional<FollowingDigest> digest_;  // reads the file
 };
 
 }  // namespace varnel::service

@@ -74,8 +74,7 @@ fs::path FirmwareStore::PartRecord(const std::string& fullversion) const {
 
 std::error_code FirmwareStore::KeepDescription(std::string_view text) const {
   const fs::path fetched = directory_ / "_remote_firmware_desc.json";
-  std::error_code error =
-      utils::WriteFileAtomically(fetched, text, 0600, utils::Durability::kCrash);
+  std::error_code error = utils::WriteFileAtomically(fetched, text, 0600);
   if (!error) fs::rename(fetched, directory_ / "remote_firmware_desc.json", error);
   return error;
 }

@@ -296,6 +296,7 @@ DownloadOutcome UpgradeManager::Fetch(FirmwareDescription& wanted) {
          const bool same = again.good && again.description.IsSameFirmware(offer.description);
          return same ? std::optional(again.url) : std::nullopt;
        },
+       .stop = [this] { return stopping_.load(); },
        .pause = [this](std::chrono::milliseconds time) { return Pause(time); }},
       offer.description);
   return download.Run(offer.url);

@@ -1,11 +1,14 @@
 #include "service/camera/timelapse/films/timelapse_upload.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <system_error>
 
 #include "service/camera/timelapse/disk/work_directory.h"
+#include "utils/descriptor_path.h"
 #include "utils/free_space.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
@@ -21,7 +24,6 @@ using hal_adapter::HalStatus;
 constexpr const char* kTag = "TLP";
 constexpr size_t kPasswordBytes = 16;
 constexpr uint32_t kIterations = 10'000;
-constexpr int kMaxUploads = 2;
 
 /// The encrypted file on its way; gone at the end of the upload.
 class TemporaryFile {
@@ -50,21 +52,27 @@ std::string SourceIn(const nlohmann::json& record, const std::string& type) {
   return value != record.end() && value->is_string() ? value->get<std::string>() : std::string();
 }
 
-/// The description file can be changed by others: nothing else of the board is sent away.
-bool IsOfTheStore(const TimelapsePaths& paths, const fs::path& source) {
+/// The description file can be changed by others: nothing else of the board is sent away, whatever
+/// its names lead to a moment later.
+utils::UniqueFd OpenOfTheStore(const TimelapsePaths& paths, const fs::path& source) {
   std::error_code error;
   const fs::path root = fs::canonical(paths.root, error);
-  if (error) return false;
-  const fs::path real = fs::canonical(source, error);
-  return !error && fs::is_regular_file(real, error) &&
-         real.string().starts_with(root.string() + '/');
+  if (error) return {};
+  utils::UniqueFd file(::open(source.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  struct stat info {};
+  if (!file || ::fstat(file.Get(), &info) != 0 || !S_ISREG(info.st_mode)) return {};
+  const fs::path real = fs::read_symlink(utils::DescriptorPath(file.Get()), error);
+  return !error && real.string().starts_with(root.string() + '/') ? std::move(file)
+                                                                  : utils::UniqueFd();
 }
 
 bool MakePrivateDirectory(const fs::path& directory) {
   std::error_code error;
   fs::create_directories(directory.parent_path(), error);
-  if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) return false;
-  return ::chmod(directory.c_str(), 0700) == 0;
+  if (::mkdir(directory.c_str(), 0700) == 0) return true;
+  struct stat info {};
+  return errno == EEXIST && ::lstat(directory.c_str(), &info) == 0 && S_ISDIR(info.st_mode) &&
+         info.st_uid == ::geteuid() && ::chmod(directory.c_str(), 0700) == 0;
 }
 
 std::string Hex(const std::vector<uint8_t>& bytes) {
@@ -81,39 +89,22 @@ bool LogProgress(uint64_t sent, uint64_t all) {
 
 }  // namespace
 
-/// One of those that run, unless there are enough of them.
-class FilmUploads::Slot {
- public:
-  explicit Slot(std::atomic<int>& running) : running_(running), free_(++running_ <= kMaxUploads) {}
-  ~Slot() { --running_; }
-  Slot(const Slot&) = delete;
-  Slot& operator=(const Slot&) = delete;
-
-  bool IsFree() const { return free_; }
-
- private:
-  std::atomic<int>& running_;
-  const bool free_;
-};
-
-UploadResult FilmUploads::Upload(const std::string& index, const std::string& type) {
-  const Slot slot(running_);
-  if (slot.IsFree()) return Send(index, type);
-  VLOG_ERROR(kTag, "{} films are being uploaded already, do nothing.", kMaxUploads);
-  return HalStatus::kFailure;
-}
-
 /// Throws std::runtime_error with a text for the log.
 void FilmUploads::Encrypt(const Film& film, utils::OpenSSLCrypto& crypto, const fs::path& target) {
   const utils::MutexLock lock(copy_mutex_);
   if (!MakePrivateDirectory(paths_.upload))
     throw std::runtime_error("Create file " + target.string() + " failed");
   std::error_code error;
-  const uint64_t size = fs::file_size(film.source, error);
+  const fs::path source = utils::DescriptorPath(film.file.Get());
+  const uint64_t size = fs::file_size(source, error);
   // The copy is as large as the film, but for what rounds it up.
-  if (error || !utils::EnoughFreeSpace(paths_.upload, paths_.min_free_bytes + size))
-    throw std::runtime_error("No room in " + paths_.upload.string());
-  crypto.EncryptFile(film.source, target);
+  const auto has_room = [&](uint64_t bytes) {
+    return utils::EnoughFreeSpace(paths_.upload, paths_.min_free_bytes + bytes);
+  };
+  if (error || !has_room(size)) throw std::runtime_error("No room in " + paths_.upload.string());
+  crypto.EncryptFile(source, target);
+  // Others may have written meanwhile.
+  if (!has_room(0)) throw std::runtime_error("No room left in " + paths_.upload.string());
 }
 
 UploadResult FilmUploads::EncryptAndSend(const Film& film) {
@@ -141,7 +132,7 @@ UploadResult FilmUploads::EncryptAndSend(const Film& film) {
                       Hex(crypto.Salt())};
 }
 
-UploadResult FilmUploads::Send(const std::string& index, const std::string& type) {
+UploadResult FilmUploads::Upload(const std::string& index, const std::string& type) {
   if (type != "video" && type != "thumbnail") {
     VLOG_ERROR(kTag, "File type is not 'video' or 'thumbnail', do nothing.");
     return HalStatus::kFailure;
@@ -155,7 +146,8 @@ UploadResult FilmUploads::Send(const std::string& index, const std::string& type
     VLOG_ERROR(kTag, "Source path for {} is empty, cannot upload.", type);
     return HalStatus::kFailure;
   }
-  if (!IsOfTheStore(paths_, source)) {
+  auto file = OpenOfTheStore(paths_, source);
+  if (!file) {
     VLOG_ERROR(kTag, "File {} is not ready.", utils::LogText(source));
     return HalStatus::kFileNotFound;
   }
@@ -163,7 +155,12 @@ UploadResult FilmUploads::Send(const std::string& index, const std::string& type
     VLOG_ERROR(kTag, "Cloud access code is unavailable.");
     return HalStatus::kFailure;
   }
-  return EncryptAndSend({index, type, source});
+  const auto permit = permits_.TryTake();
+  if (!permit) {
+    VLOG_ERROR(kTag, "{} films are being uploaded already, do nothing.", kMaxUploads);
+    return HalStatus::kFailure;
+  }
+  return EncryptAndSend({index, type, source, std::move(file)});
 }
 
 }  // namespace varnel::service

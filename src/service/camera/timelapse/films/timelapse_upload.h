@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -11,6 +10,8 @@
 #include "service/cloud/upload/file_uploader.h"
 #include "utils/mutex.h"
 #include "utils/openssl_crypto.h"
+#include "utils/owned.h"
+#include "utils/permits.h"
 #include "utils/result.h"
 
 namespace varnel::service {
@@ -38,21 +39,21 @@ class FilmUploads {
   UploadResult Upload(const std::string& index, const std::string& type);
 
  private:
-  class Slot;
+  static constexpr int kMaxUploads = 2;
   struct Film {
     const std::string& index;
     const std::string& type;
     std::string source;
+    utils::UniqueFd file;  ///< what was judged
   };
 
-  UploadResult Send(const std::string& index, const std::string& type);
   UploadResult EncryptAndSend(const Film& film);
   void Encrypt(const Film& film, utils::OpenSSLCrypto& crypto, const std::filesystem::path& target);
 
   const TimelapsePaths& paths_;
   const FilmStore& store_;
   FileUploader& uploader_;
-  std::atomic<int> running_ = 0;
+  utils::Permits permits_{kMaxUploads};
   utils::Mutex copy_mutex_;  // the room for one copy is not counted for another one too
 };
 
