@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "app/cloud_side.h"
+#include "app/collection_side.h"
 #include "app/environment_check.h"
 #include "app/print_analysis.h"
 #include "app/signal_handling.h"
@@ -73,12 +74,15 @@ utils::SpaceCheck SpaceCheckOf(const utils::Deployment& deployment) {
   };
 }
 
-hal_adapter::AreaInit SystemInitOf(const utils::Deployment& deployment) {
+hal_adapter::AreaInit SystemInitOf(const utils::Deployment& deployment, service::SourceDesk& desk) {
   platform::SystemSettings settings;
   settings.identity_device = deployment.identity_device;
   settings.identity_offset = deployment.identity_offset;
   settings.identity_key_file = deployment.identity_key_file;
   settings.has_space = SpaceCheckOf(deployment);
+  settings.copy_source = [&desk](const std::string& source, const std::string& name) {
+    return desk.CopyOf(source, name);
+  };
   return [settings] { return platform::platform_system_init(settings); };
 }
 
@@ -86,7 +90,7 @@ hal_adapter::AreaInit SystemInitOf(const utils::Deployment& deployment) {
 /// camera or identity is logged and does not keep the services from starting.
 struct Hardware {
   explicit Hardware(const utils::Deployment& deployment)
-      : system(SystemInitOf(deployment)),
+      : system(SystemInitOf(deployment, source_desk)),
         multimedia(
             {.init = platform::platform_multimedia_init, .has_space = SpaceCheckOf(deployment)}),
         storage(platform::platform_storage_init),
@@ -101,6 +105,7 @@ struct Hardware {
     (void)ai.Start();
   }
 
+  service::SourceDesk source_desk;  ///< the system area asks it for what it archives
   hal_adapter::SystemAdapter system;
   hal_adapter::MultimediaAdapter multimedia;
   hal_adapter::StorageAdapter storage;
@@ -111,6 +116,7 @@ struct Hardware {
 std::vector<std::filesystem::path> OwnPlaces(const DaemonPaths& paths, const Hardware& hardware) {
   const hal_adapter::IdentityFiles identity;
   const service::TimelapsePaths timelapse;
+  const service::MonitorPaths monitor;
   std::vector<std::filesystem::path> places = {
       paths.log_directory,
       identity.serial_number,
@@ -125,11 +131,12 @@ std::vector<std::filesystem::path> OwnPlaces(const DaemonPaths& paths, const Har
       timelapse.root,
       timelapse.web,
       timelapse.upload,
-      // What the cloud gave and knows, packages on their way, snapshots of the monitor, diagnosis.
+      // What the cloud gave and knows, packages on their way, diagnosis.
       "/home/ruxo/printer_data/certs",
       "/home/ruxo/printer_data/mqtt",
       "/userdata/.tmp_*",
-      "/tmp/.monitor.*",
+      monitor.snapshot,
+      monitor.encrypted,
       "/tmp/aes_key.txt",
   };
   for (std::filesystem::path& place : platform::platform_places())
@@ -213,6 +220,13 @@ service::TimelapsePaths PathsOf(const utils::Deployment& deployment) {
   return paths;
 }
 
+service::MonitorEncryptionSettings EncryptionOf(const utils::MonitorDeployment& deployment) {
+  service::MonitorEncryptionSettings settings;
+  settings.fixed_password = deployment.fixed_password;
+  settings.iterations = static_cast<uint32_t>(deployment.iterations);
+  return settings;
+}
+
 /// The services, in their start order. The object lives until the process ends: their threads are
 /// not joined.
 class Services {
@@ -223,19 +237,28 @@ class Services {
       : cloud_(MakeCloudManager(comms, hardware.system.Identity(), deployment.cloud)),
         date_record_(hardware.storage.Paths().config_save),
         device_info_(comms, [&hardware] { return hardware.system.Identity(); }),
+        collection_(CollectionSetupOf(
+            {comms, hardware.system, *cloud_, client_paths, hardware.source_desk}, deployment,
+            hardware.storage.Paths().user_data, hardware.ai.DetectResultDir())),
         upgrade_(UpgradeSetupOf(comms, hardware, *cloud_, packages, deployment)),
         analysis_(hardware.ai.DetectResultDir(), SpaceCheckOf(deployment)),
         camera_(comms, {.camera = &hardware.multimedia,
                         .paths = &client_paths,
                         .timelapse_paths = PathsOf(deployment),
                         .analyser = &analysis_,
-                        .uploader = MakeUploader(*cloud_)}) {}
+                        .monitor_encryption = EncryptionOf(deployment.monitor),
+                        .uploader = MakeUploader(*cloud_),
+                        .serial_number = [&hardware] {
+                          return hardware.system.Identity()->serial_number;
+                        }}) {}
 
   void Start() {
     cloud_->Start();
     date_record_.Start();
     if (device_info_.Start() != comms::CommsStatus::kOk)
       VLOG_ERROR(kTag, "The device information service did not start");
+    if (collection_.Start() != comms::CommsStatus::kOk)
+      VLOG_ERROR(kTag, "The log collection manager did not start");
     if (upgrade_.Start() != comms::CommsStatus::kOk)
       VLOG_ERROR(kTag, "The upgrade manager did not start");
     upgrade_.StartCheckRemoteFirmware();
@@ -243,11 +266,15 @@ class Services {
       VLOG_ERROR(kTag, "The camera service did not start");
   }
   service::CloudManager& Cloud() { return *cloud_; }
+  service::CameraService& Camera() { return camera_; }
+  /// When no child runs any more.
+  void Abandon() { collection_.Abandon(); }
 
  private:
   const std::unique_ptr<service::CloudManager> cloud_;
   service::DateRecord date_record_;
   service::DeviceInfoService device_info_;
+  service::LogCollectionManager collection_;
   service::UpgradeManager upgrade_;
   PrintAnalysis analysis_;
   service::CameraService camera_;
@@ -305,8 +332,11 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
   supervisor.Run();
 
   VLOG_INFO(kTag, "Shutdown requested, stopping services...");
+  services->Camera().RequestEnd();
   StopWithin(kStopLimit, comms, services->Cloud());
   utils::EndChildren();
+  services->Camera().ClearPictures();
+  services->Abandon();
   utils::RemoveLeftovers(hal_adapter::PhotoPaths().workshop, utils::Leftovers::kAll);
   VLOG_INFO(kTag, "Shutdown complete");
   spdlog::default_logger()->flush();
