@@ -317,11 +317,25 @@ json UpgradeManager::ReqCallbackUpgrade(const json& params) {
   auto claim = Claim();
   refusal = PrinterRefusal();
   if (refusal != nullptr) return Failed(refusal);
+  auto record = Record(*package);
+  if (!record) return Failed(kUpgradeFailed);
   const utils::MutexLock lock(threads_mutex_);
-  const bool begun = StartThread(
-      upgrade_thread_, "upgrade",
-      [this, package = *std::move(package), claim = std::move(claim)] { Upgrade(package); });
-  return begun ? Success() : Failed(kUpgradeFailed);
+  if (StartThread(upgrade_thread_, "upgrade",
+                  [this, package = *std::move(package), record = *std::move(record),
+                   claim = std::move(claim)] { Upgrade(package, record); }))
+    return Success();
+  ForgetOutcome();
+  return Failed(kUpgradeFailed);
+}
+
+/// Before anybody is told that it begins: whatever ends us from then on, the next start tells the
+/// outcome.
+std::optional<UpgradeRecord> UpgradeManager::Record(const Package& package) const {
+  UpgradeRecord record{package.file.string(), setup_.local_fullversion(),
+                       package.description ? package.description->fullversion : "", ""};
+  if (store_.Prepare() && record.Save(store_.UpgradeRecord())) return record;
+  VLOG_ERROR(kTag, "{} cannot be written", store_.UpgradeRecord().string());
+  return std::nullopt;
 }
 
 /// Of the upgrade that has begun: ends it.
@@ -366,25 +380,18 @@ std::optional<UpgradeManager::Package> UpgradeManager::BeginUpgrade(const json& 
   return package;
 }
 
-void UpgradeManager::Upgrade(const Package& package) {
-  UpgradeRecord record;
-  bool recorded = false;
+void UpgradeManager::Upgrade(const Package& package, UpgradeRecord record) {
   try {
-    record = {package.file.string(), setup_.local_fullversion(),
-              package.description ? package.description->fullversion : "", ""};
     notifier_.Progress("upgrading", 0);
-    // From now on the next start tells the outcome if this one cannot.
-    recorded = store_.Prepare() && record.Save(store_.UpgradeRecord());
-    if (!recorded) VLOG_ERROR(kTag, "{} cannot be written", store_.UpgradeRecord().string());
-    std::string outcome = recorded ? Flash(package) : kUpgradeFailed;
+    std::string outcome = Flash(package);
     if (stopping_) return;
     record.outcome = std::move(outcome);
   } catch (const std::exception& error) {
     VLOG_ERROR(kTag, "System upgrade failed: {}", utils::LogText(error.what()));
     record.outcome = kUpgradeFailed;
   }
-  if (recorded) (void)record.Save(store_.UpgradeRecord());
-  if (TellOutcome(record) && recorded) ForgetOutcome();
+  (void)record.Save(store_.UpgradeRecord());
+  if (TellOutcome(record)) ForgetOutcome();
 }
 
 std::string UpgradeManager::Flash(const Package& package) {

@@ -99,7 +99,8 @@ class UpgradeManager {
   [[nodiscard]] std::optional<std::filesystem::path> LocalPackage(const Json& params) const;
   [[nodiscard]] std::shared_ptr<void> Claim();
   [[nodiscard]] const char* PrinterRefusal();
-  void Upgrade(const Package& package);
+  [[nodiscard]] std::optional<UpgradeRecord> Record(const Package& package) const;
+  void Upgrade(const Package& package, UpgradeRecord record);
   /// The outcome.
   [[nodiscard]] std::string Flash(const Package& package);
   [[nodiscard]] bool IsStillGood(const Package& package);
