@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,14 @@ struct MonitorDeployment {
   uint64_t iterations = 10'000;  ///< of PBKDF2, for passwords that are not fixed
 };
 
+/// What is collected for diagnosis besides what every board has. Hosts that are empty are not
+/// tried.
+struct DiagnosticsDeployment {
+  std::string dns_server;
+  std::vector<std::string> store_hosts;
+  nlohmann::json items = nlohmann::json::array();  ///< objects; judged when they are collected
+};
+
 /// What the maker chooses at deployment. Every value has a working default.
 struct Deployment {
   /// Frames, archives and downloads fail below this much free space; 0 switches the check off.
@@ -43,6 +52,7 @@ struct Deployment {
   std::string firmware_key_file;
   CloudDeployment cloud;
   MonitorDeployment monitor;
+  DiagnosticsDeployment diagnostics;
 };
 
 /// Reads the file once at start. A missing file means defaults; a broken one or one over 1 MiB the
