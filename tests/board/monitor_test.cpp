@@ -40,7 +40,7 @@ class MonitorTest : public testing::Test {
   static void TearDownTestSuite() { served_.reset(); }
 
   json Start(const std::string& domain, int interval = 1) {
-    const json answer = served_->rpc.Call(
+    json answer = served_->rpc.Call(
         "camera.start_monitor",
         {{"domain", domain}, {"interval", interval}, {"expect_pw", domain == "wan"}});
     EXPECT_TRUE(!answer.contains("result") || AwaitTold(true));
