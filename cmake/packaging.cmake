@@ -19,8 +19,9 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${VARNEL_MAINTAINER})
 set(CPACK_DEBIAN_PACKAGE_SECTION misc)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "ffmpeg, tar, openssl, ca-certificates, debianutils, i2c-tools")
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "mosquitto")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "ffmpeg, tar, gzip, openssl, ca-certificates, debianutils, i2c-tools")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS
+  "mosquitto, procps, util-linux, kmod, lsof, sysstat, usbutils, net-tools, iputils-ping, bind9-dnsutils, iw, wpasupplicant")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
   ${PROJECT_SOURCE_DIR}/packaging/postinst
   ${PROJECT_SOURCE_DIR}/packaging/prerm

@@ -20,6 +20,9 @@ class Layout {
   [[nodiscard]] std::filesystem::path Run() const { return root_ / "run"; }
   [[nodiscard]] std::filesystem::path Sys() const { return root_ / "sys"; }
   [[nodiscard]] std::filesystem::path Etc() const { return root_ / "etc"; }
+  /// The public key for archives of diagnosis, and the private one, which is not on the board.
+  [[nodiscard]] std::filesystem::path Collection() const { return Etc() / "collection"; }
+  [[nodiscard]] std::filesystem::path CollectionKey() const { return root_ / "collection_key.pem"; }
   [[nodiscard]] std::filesystem::path Proc() const { return root_ / "proc"; }
   [[nodiscard]] std::filesystem::path Dev() const { return root_ / "dev"; }
 
@@ -71,6 +74,7 @@ constexpr const char* kWire = "/opt/varnel/wire";
 constexpr const char* kJoined = "/run/varnel-board/joined";
 constexpr const char* kDaemon = "/opt/varnel/bin/varnel";
 constexpr const char* kUpgradeScript = "/opt/varnel/board/upgrade/systemUpgrade.sh";
+constexpr const char* kStandIns = "/opt/varnel/board/wifi";
 constexpr const char* kBrokerConfig = "/etc/mosquitto.conf";
 }  // namespace inside
 

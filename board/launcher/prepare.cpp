@@ -48,7 +48,7 @@ void MakeDirectories(const Layout& layout) {
         layout.EtcVarnel(), layout.Tmp(), layout.Run() / "udev", layout.Sys(),
         layout.Etc() / "mosquitto.d", layout.Proc(), layout.Dev(), layout.Log(), layout.I2c(),
         layout.Camera() / "frames", layout.Npu(), layout.Networks(), layout.Upgrade(),
-        layout.Home() / "bin"}) {
+        layout.Collection(), layout.Home() / "bin"}) {
     fs::create_directories(directory);
   }
 }
@@ -82,6 +82,14 @@ void PlaceNetworks(const Layout& layout, const fs::path& tools) {
       fs::copy_file(network, layout.Networks() / name, fs::copy_options::skip_existing);
     }
   }
+}
+
+/// With the private key, which is on no board, archives of this one are opened.
+void PlaceCollectionKeys(const Layout& layout, const fs::path& tools) {
+  const auto options = fs::copy_options::overwrite_existing;
+  fs::copy_file(tools / "collection/public_key.pem", layout.Collection() / "public_key.pem",
+                options);
+  fs::copy_file(tools / "collection/private_key.pem", layout.CollectionKey(), options);
 }
 
 /// A script that somebody put there stays.
@@ -163,6 +171,7 @@ void PrepareBoard(const BootOptions& options, const Layout& layout, const fs::pa
   PlaceNetworks(layout, tools);
   PlaceNpuDriver(options, layout);
   PlaceUpgradeScript(layout);
+  PlaceCollectionKeys(layout, tools);
   WriteOnce(layout.I2c() / "answer", kFreeI2cAddress);
   const std::string device = options.cloud.empty() ? "" : JoinCloud(options.cloud, layout);
   WriteServices(options, layout, device);

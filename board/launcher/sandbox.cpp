@@ -69,6 +69,7 @@ void AddDirectories(Command& command, const Layout& layout) {
       .Bind(layout.Run(), "/run")
       .Bind(layout.Sys(), "/sys")
       .Bind(layout.Log(), inside::kLog)
+      .Bind(layout.Collection(), "/etc/collection")
       .Bind(layout.Etc() / "mosquitto.d", "/etc/mosquitto.d");
 }
 

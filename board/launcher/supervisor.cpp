@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -17,6 +18,7 @@
 
 #include "virtual_board/common/files.h"
 #include "virtual_board/launcher/control.h"
+#include "virtual_board/launcher/layout.h"
 
 namespace varnel::board {
 
@@ -55,9 +57,18 @@ std::vector<std::string> ParseWords(const std::string& packet) {
   return valid ? words.get<std::vector<std::string>>() : std::vector<std::string>();
 }
 
+/// Programs that no machine of ours has, before those of /usr/bin. A kernel that refuses leaves the
+/// board without them.
+void MountStandIns() {
+  const std::string layers = std::string("lowerdir=") + inside::kStandIns + ":/usr/bin";
+  if (::mount("overlay", "/usr/bin", "overlay", MS_RDONLY, layers.c_str()) != 0)
+    std::perror("varnel-board: no stand-ins");
+}
+
 }  // namespace
 
 int Supervisor::Run() {
+  MountStandIns();
   if (!SetUp()) {
     std::perror("varnel-board: the board's sockets");
     return 1;

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "app/cloud_side.h"
+#include "app/collection_side.h"
 #include "app/environment_check.h"
 #include "app/print_analysis.h"
 #include "app/signal_handling.h"
@@ -73,12 +74,15 @@ utils::SpaceCheck SpaceCheckOf(const utils::Deployment& deployment) {
   };
 }
 
-hal_adapter::AreaInit SystemInitOf(const utils::Deployment& deployment) {
+hal_adapter::AreaInit SystemInitOf(const utils::Deployment& deployment, service::SourceDesk& desk) {
   platform::SystemSettings settings;
   settings.identity_device = deployment.identity_device;
   settings.identity_offset = deployment.identity_offset;
   settings.identity_key_file = deployment.identity_key_file;
   settings.has_space = SpaceCheckOf(deployment);
+  settings.copy_source = [&desk](const std::string& source, const std::string& name) {
+    return desk.CopyOf(source, name);
+  };
   return [settings] { return platform::platform_system_init(settings); };
 }
 
@@ -86,7 +90,7 @@ hal_adapter::AreaInit SystemInitOf(const utils::Deployment& deployment) {
 /// camera or identity is logged and does not keep the services from starting.
 struct Hardware {
   explicit Hardware(const utils::Deployment& deployment)
-      : system(SystemInitOf(deployment)),
+      : system(SystemInitOf(deployment, source_desk)),
         multimedia(
             {.init = platform::platform_multimedia_init, .has_space = SpaceCheckOf(deployment)}),
         storage(platform::platform_storage_init),
@@ -101,6 +105,7 @@ struct Hardware {
     (void)ai.Start();
   }
 
+  service::SourceDesk source_desk;  ///< the system area asks it for what it archives
   hal_adapter::SystemAdapter system;
   hal_adapter::MultimediaAdapter multimedia;
   hal_adapter::StorageAdapter storage;
@@ -223,6 +228,9 @@ class Services {
       : cloud_(MakeCloudManager(comms, hardware.system.Identity(), deployment.cloud)),
         date_record_(hardware.storage.Paths().config_save),
         device_info_(comms, [&hardware] { return hardware.system.Identity(); }),
+        collection_(CollectionSetupOf(
+            {comms, hardware.system, *cloud_, client_paths, hardware.source_desk}, deployment,
+            hardware.storage.Paths().user_data, hardware.ai.DetectResultDir())),
         upgrade_(UpgradeSetupOf(comms, hardware, *cloud_, packages, deployment)),
         analysis_(hardware.ai.DetectResultDir(), SpaceCheckOf(deployment)),
         camera_(comms, {.camera = &hardware.multimedia,
@@ -236,6 +244,8 @@ class Services {
     date_record_.Start();
     if (device_info_.Start() != comms::CommsStatus::kOk)
       VLOG_ERROR(kTag, "The device information service did not start");
+    if (collection_.Start() != comms::CommsStatus::kOk)
+      VLOG_ERROR(kTag, "The log collection manager did not start");
     if (upgrade_.Start() != comms::CommsStatus::kOk)
       VLOG_ERROR(kTag, "The upgrade manager did not start");
     upgrade_.StartCheckRemoteFirmware();
@@ -248,6 +258,7 @@ class Services {
   const std::unique_ptr<service::CloudManager> cloud_;
   service::DateRecord date_record_;
   service::DeviceInfoService device_info_;
+  service::LogCollectionManager collection_;
   service::UpgradeManager upgrade_;
   PrintAnalysis analysis_;
   service::CameraService camera_;

@@ -1,30 +1,14 @@
 #include "comms/log_payload.h"
 
 #include <algorithm>
-#include <array>
-#include <cctype>
 
 #include "utils/log_text.h"
+#include "utils/secret_names.h"
 
 namespace varnel::comms {
 namespace {
 
 constexpr const char* kSpace = " \t\r\n";
-
-bool NamesSecret(std::string_view quoted) {
-  std::string name;
-  for (const char c : quoted) {
-    if (std::isalnum(static_cast<unsigned char>(c)) != 0)
-      name += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  }
-  constexpr std::array kWords{"token",     "pass", "secret", "private",   "credential",
-                              "auth",      "pwd",  "psk",    "signature", "cookie",
-                              "accesskey", "salt", "apikey"};
-  constexpr std::array kNames{"pw", "key", "code", "sign", "pin"};
-  const auto contains = [&](const char* word) { return name.find(word) != std::string::npos; };
-  return std::any_of(kWords.begin(), kWords.end(), contains) || name.ends_with("key") ||
-         std::find(kNames.begin(), kNames.end(), name) != kNames.end();
-}
 
 /// The string that the text begins with, its quotes included; all of it when it does not end.
 std::string_view TakeString(std::string_view& text) {
@@ -65,8 +49,11 @@ std::string_view TakeColon(std::string_view& text) {
   return taken;
 }
 
-bool IsErrorCode(std::string_view name, std::string_view value) {
-  return name == "\"code\"" && value.find_first_not_of("-0123456789. \t\r\n") == value.npos;
+/// Of what TakeString() took.
+std::string_view Unquoted(std::string_view string) {
+  string.remove_prefix(1);
+  if (string.ends_with('"')) string.remove_suffix(1);
+  return string;
 }
 
 std::string_view Trimmed(std::string_view text) {
@@ -76,7 +63,7 @@ std::string_view Trimmed(std::string_view text) {
 
 void AppendMasked(std::string& line, std::string_view name, std::string_view& text) {
   const std::string_view value = Trimmed(TakeValue(text));
-  if (IsErrorCode(name, value)) {
+  if (utils::IsErrorCode(Unquoted(name), value)) {
     line += value;
   } else {
     line.append("\"").append(utils::MaskSecret(value == "\"\"" ? "" : value)).append("\"");
@@ -104,7 +91,7 @@ std::string WithoutSecrets(std::string_view text) {
     const std::string_view colon = TakeColon(text);
     line += colon.empty() ? WithoutQuery(string) : std::string(string);
     line += colon;
-    if (!colon.empty() && NamesSecret(string)) AppendMasked(line, string, text);
+    if (!colon.empty() && utils::NamesSecret(string)) AppendMasked(line, string, text);
   }
   return line;
 }

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,10 @@ struct SystemSettings {
   std::string identity_key_file;
   /// Whether there is room for an archive; says so in the log when there is none.
   std::function<bool(const std::filesystem::path& file)> has_space = {};
+  /// What is archived instead of a source; see DataBoard.
+  std::function<std::shared_ptr<const std::filesystem::path>(const std::string& source,
+                                                             const std::string& name)>
+      copy_source = {};
 };
 
 hal_adapter::HalStatus platform_ai_init();

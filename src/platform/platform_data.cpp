@@ -12,9 +12,13 @@ namespace {
 using hal_adapter::HalStatus;
 namespace fs = std::filesystem;
 
+using DataCopy = std::shared_ptr<const fs::path>;
+
 constexpr const char* kTag = "IMSYS";
 constexpr size_t kPathLimit = 511;
-constexpr uint32_t kCommandLimitMs = 10 * 60'000;
+/// An archive of any size may take its time, as long as it grows.
+constexpr uint32_t kStillMs = 120'000;
+constexpr uint64_t kProcessorMs = 3'600'000;
 /// Of what tar says; its list of members is of no use.
 constexpr size_t kOutputLimit = 512;
 
@@ -23,8 +27,10 @@ bool WasKilled(int32_t exit_code) {
   return exit_code < 0 || exit_code > 128;
 }
 
-int32_t Run(utils::SafeExec& command) {
-  const CommandOutput output = run_command(command.SetTimeout(kCommandLimitMs), kOutputLimit);
+int32_t Run(utils::SafeExec& command, const std::string& target) {
+  command.SetIdlePriority().SetWorkLimits(
+      {.still_ms = kStillMs, .processor_ms = kProcessorMs, .progress = target});
+  const CommandOutput output = run_command(command, kOutputLimit);
   if (output.exit_code != 0 && !output.problem.empty()) {
     PLOG_WARN(kTag, "%s", utils::LogText(output.problem, kOutputLimit).c_str());
   }
@@ -45,30 +51,38 @@ bool IsArchivable(const std::string& source) {
   return true;
 }
 
+DataCopy CopyOf(const DataBoard& board, const std::string& source, const std::string& name) {
+  return board.copy_source ? board.copy_source(source, name)
+                           : std::make_shared<const fs::path>(source);
+}
+
 void Archive(const DataBoard& board, const DataArchive& archive, const std::string& out_dir) {
   const std::string target = out_dir + "/" + archive.name;
   if (target.size() > kPathLimit) {
     PLOG_ERROR(kTag, "The target output path too long");
     return;
   }
+  const DataCopy copy = CopyOf(board, archive.source, archive.name);
   if (!IsArchivable(archive.source)) return;
   int32_t exit_code = -1;
-  if (utils::HasRoom(board.has_space, target)) {
+  if (copy && utils::HasRoom(board.has_space, target)) {
     utils::SafeExec command(board.tar);
-    command.AddArg("zhcvf").AddArg(target).AddArg("-C").AddArg(archive.source).AddArg(".");
-    exit_code = Run(command);
+    command.AddArg("zhcvf").AddArg(target).AddArg("-C").AddArg(*copy).AddArg(".");
+    exit_code = Run(command, target);
     std::error_code ignored;
     if (WasKilled(exit_code)) fs::remove(target, ignored);
   }
   if (exit_code != 0) PLOG_ERROR(kTag, "Collect platform data (%s) failed", archive.name.c_str());
 }
 
-void CopyFile(const std::string& cp, const DataType& data, const std::string& out_dir) {
+void CopyFile(const DataBoard& board, const DataType& data, const std::string& out_dir) {
   std::error_code error;
   if (data.file.empty() || !fs::is_regular_file(data.file, error)) return;
-  utils::SafeExec command(cp);
-  command.AddArg("-f").AddArg(data.file).AddArg(out_dir + "/" + data.file_name);
-  if (Run(command) != 0) {
+  const std::string target = out_dir + "/" + data.file_name;
+  const DataCopy copy = CopyOf(board, data.file, data.file_name);
+  utils::SafeExec command(board.cp);
+  command.AddArg("-f").AddArg(copy ? copy->string() : "").AddArg(target);
+  if (!copy || Run(command, target) != 0) {
     PLOG_ERROR(kTag, "Collect platform data (%s) failed", data.file_name.c_str());
   }
 }
@@ -111,7 +125,7 @@ HalStatus collect_platform_data(const DataBoard& board, uint32_t type, const cha
   const DataType& data = (*board.types)[type];
   PLOG_INFO(kTag, "%s", data.announcement);
   for (const DataArchive& archive : data.archives) Archive(board, archive, out_dir);
-  CopyFile(board.cp, data, out_dir);
+  CopyFile(board, data, out_dir);
   return HalStatus::kSuccess;
 }
 

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,12 @@ struct DataBoard {
   const std::vector<DataType>* types = &board_data_types();
   /// Whether there is room for a file; says so in the log when there is none.
   utils::SpaceCheck has_space = {};
+  /// The copy of a directory or file that may leave the board, which goes with the pointer; null:
+  /// there is none. Empty: the source itself leaves it.
+  /// @param name of the archive or file that it becomes
+  std::function<std::shared_ptr<const std::filesystem::path>(const std::string& source,
+                                                             const std::string& name)>
+      copy_source = {};
 };
 
 /// Archives the data of one type into `out_dir`. 0 even when archives failed; -3 for an unknown

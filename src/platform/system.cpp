@@ -70,6 +70,7 @@ void StartUnlessItThrows(const char* what, const std::function<void()>& start) {
 
 HalStatus platform_system_init(const SystemSettings& settings) {
   TheSystem().data.has_space = settings.has_space;
+  TheSystem().data.copy_source = settings.copy_source;
   TheSystem().info.identity = {settings.identity_device, settings.identity_offset,
                                settings.identity_key_file};
   hal_adapter::register_system_hal(&kTable);

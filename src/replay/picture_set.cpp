@@ -6,8 +6,8 @@
 #include <nlohmann/json.hpp>
 #include <string_view>
 
-#include "replay/file_digest.h"
 #include "utils/directory_entries.h"
+#include "utils/file_digest.h"
 
 namespace varnel::replay {
 
@@ -61,7 +61,7 @@ class Lister {
     std::sort(pictures_.begin(), pictures_.end(), by_name);
     std::sort(skipped_.begin(), skipped_.end(), by_name);
     PictureList list;
-    Sha256 sum;
+    utils::Sha256 sum;
     for (const Picture& picture : pictures_) {
       sum.Add(std::to_string(picture.bytes) + " " + picture.name + "\n");
       list.bytes += picture.bytes;

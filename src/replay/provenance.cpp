@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <array>
 
-#include "replay/file_digest.h"
 #include "replay/report_json.h"
 #include "utils/clock.h"
+#include "utils/file_digest.h"
 
 namespace varnel::replay {
 
@@ -21,12 +21,12 @@ std::string Text(const Letters& answer) {
 namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
 
-Json DigestJson(const std::string& name, const FileDigest& digest) {
+Json DigestJson(const std::string& name, const utils::FileDigest& digest) {
   return {{"file", name}, {"bytes", digest.bytes}, {"sha256", digest.sha256}};
 }
 
 Json FileJson(const fs::path& file, const std::string& name) {
-  return DigestJson(name, DigestOf(file));
+  return DigestJson(name, utils::DigestOf(file));
 }
 
 Json LabelsJson(const Options& options, const Input& input) {

@@ -34,7 +34,7 @@ const service::RknnLibrary& Runtime(const fs::path& file) {
 /// In one go: labels may come through a pipe.
 void ReadLabelsFile(const fs::path& file, Input& input, std::string& error) {
   std::string text;
-  input.labels_digest = DigestOf(file, [&text](std::string_view piece) { text += piece; });
+  input.labels_digest = utils::DigestOf(file, [&text](std::string_view piece) { text += piece; });
   std::istringstream lines(std::move(text));
   input.labels = ReadLabels(lines, error);
   if (!input.labels) error = file.string() + ": " + error;

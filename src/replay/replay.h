@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "replay/command_line.h"
-#include "replay/file_digest.h"
 #include "replay/picture_set.h"
+#include "utils/file_digest.h"
 
 namespace varnel::replay {
 
@@ -14,7 +14,7 @@ namespace varnel::replay {
 struct Input {
   PictureList list;         ///< the whole folder
   std::vector<Turn> turns;  ///< what is judged of it
-  FileDigest labels_digest;
+  utils::FileDigest labels_digest;
   std::optional<Labels> labels;  ///< without those of other shards; nothing when not asked for
 };
 

@@ -11,6 +11,7 @@
 #include <csignal>
 
 #include "utils/child_registry.h"
+#include "utils/idle_priority.h"
 
 // What runs between the start and exec shares our memory, with the calling thread stopped: system
 // calls only, and nothing that a sanitizer would keep books about.
@@ -118,17 +119,6 @@ pid_t Launch(const ChildSetup& setup) {
   return ::__clone(RunChild, stack + sizeof stack, CLONE_VM | CLONE_VFORK | SIGCHLD, &block);
 }
 
-/// Lowest priority for the processor and the disk. Not set by the child itself: until exec we wait
-/// for it, and it could hold up both while others need the processor. It has barely begun; its
-/// threads inherit it.
-void LowerPriority(pid_t pid) {
-  constexpr int kOneThread = 1;
-  constexpr int kIdleClass = 3 << 13;
-  const sched_param parameters{};
-  ::sched_setscheduler(pid, SCHED_IDLE, &parameters);
-  ::syscall(SYS_ioprio_set, kOneThread, pid, kIdleClass);
-}
-
 }  // namespace
 
 int SpawnChild(const ChildSetup& setup, pid_t& pid) {
@@ -140,8 +130,10 @@ int SpawnChild(const ChildSetup& setup, pid_t& pid) {
   if (pid < 0) {
     return errno;
   }
+  // Not by the child itself: until exec we wait for it, and it could hold up both while others need
+  // the processor. It has barely begun.
   if (setup.idle_priority) {
-    LowerPriority(pid);
+    MakeIdle(pid);
   }
   if (!setup.outlives_us) {
     RegisterChild(pid);

@@ -30,6 +30,11 @@ Value& At(Deployment& deployment, Value CloudDeployment::*member) {
   return deployment.cloud.*member;
 }
 
+template <class Value>
+Value& At(Deployment& deployment, Value DiagnosticsDeployment::*member) {
+  return deployment.diagnostics.*member;
+}
+
 template <auto Member, uint64_t Min, uint64_t Max>
 bool ReadNumber(const json& value, Deployment& deployment) {
   if (!value.is_number_unsigned()) {
@@ -70,10 +75,36 @@ bool HasOnly(const json& value, std::string_view characters) {
 constexpr std::string_view kHostCharacters =
     "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-";
 
+/// No program takes it for an option.
+bool IsHost(const json& value) {
+  return HasOnly(value, kHostCharacters) && !value.get_ref<const std::string&>().starts_with('-');
+}
+
 template <auto Member>
 bool ReadHost(const json& value, Deployment& deployment) {
-  if (!HasOnly(value, kHostCharacters)) return false;
+  if (!IsHost(value)) return false;
   At(deployment, Member) = value.get_ref<const std::string&>();
+  return true;
+}
+
+template <auto Member>
+bool ReadHosts(const json& value, Deployment& deployment) {
+  if (!value.is_array()) return false;
+  std::vector<std::string> hosts;
+  for (const json& host : value) {
+    if (!IsHost(host)) return false;
+    hosts.push_back(host.get<std::string>());
+  }
+  At(deployment, Member) = std::move(hosts);
+  return true;
+}
+
+template <auto Member>
+bool ReadObjects(const json& value, Deployment& deployment) {
+  if (!value.is_array()) return false;
+  for (const json& object : value)
+    if (!object.is_object()) return false;
+  At(deployment, Member) = value;
   return true;
 }
 
@@ -148,6 +179,9 @@ constexpr std::array kKeys = {
     Key{"cloud.credential_key_file", ReadPath<&CloudDeployment::credential_key_file, true>, "an absolute path or empty"},
     Key{"cloud.allow_clear_credentials", ReadSwitch<&CloudDeployment::allow_clear_credentials>, "true or false"},
     Key{"cloud.disconnected_code", ReadNumber<&CloudDeployment::disconnected_code, 0, 999'999>, "a whole number from 0 to 999999"},
+    Key{"diagnostics.dns_server", ReadHost<&DiagnosticsDeployment::dns_server>, "a host name, an address or empty"},
+    Key{"diagnostics.store_hosts", ReadHosts<&DiagnosticsDeployment::store_hosts>, "a list of host names"},
+    Key{"diagnostics.items", ReadObjects<&DiagnosticsDeployment::items>, "a list of objects"},
 };
 // clang-format on
 

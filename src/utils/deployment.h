@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,14 @@ struct CloudDeployment {
   uint64_t disconnected_code = 401;  ///< of a reply: the server takes the device for disconnected
 };
 
+/// What is collected for diagnosis besides what every board has. Hosts that are empty are not
+/// tried.
+struct DiagnosticsDeployment {
+  std::string dns_server;
+  std::vector<std::string> store_hosts;
+  nlohmann::json items = nlohmann::json::array();  ///< objects; judged when they are collected
+};
+
 /// What the maker chooses at deployment. Every value has a working default.
 struct Deployment {
   /// Frames, archives and downloads fail below this much free space; 0 switches the check off.
@@ -36,6 +45,7 @@ struct Deployment {
   /// Public key (Ed25519, PEM) of whoever signs firmware; empty: it is not signed.
   std::string firmware_key_file;
   CloudDeployment cloud;
+  DiagnosticsDeployment diagnostics;
 };
 
 /// Reads the file once at start. A missing file means defaults; a broken one or one over 1 MiB the

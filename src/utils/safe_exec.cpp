@@ -24,16 +24,39 @@ using Deadline = std::optional<SteadyTime>;
 constexpr int32_t kSignalBase = 128;
 /// How often the child is asked for where the kernel cannot tell its end (before Linux 5.3).
 constexpr int kFallbackPollMs = 5;
+/// How often somebody is asked whether it is to be stopped.
+constexpr int kStopPollMs = 200;
 
-/// One output of the child: at most `limit` bytes are kept, the rest is read and dropped, or the
-/// child would block.
+/// Takes at most so many bytes, of one output or of both.
+class Kept {
+ public:
+  Kept(size_t limit, const SafeExec::OutputSink& sink) : left_(limit), sink_(sink) {}
+
+  bool Cut() const { return cut_; }
+  void Take(std::string_view bytes, std::string& text) {
+    const size_t kept = std::min(bytes.size(), left_);
+    cut_ = cut_ || kept < bytes.size();
+    left_ -= kept;
+    if (sink_) {
+      sink_(bytes.substr(0, kept));
+    } else {
+      text.append(bytes.substr(0, kept));
+    }
+  }
+
+ private:
+  size_t left_;
+  const SafeExec::OutputSink& sink_;
+  bool cut_ = false;
+};
+
+/// One output of the child. What is not kept is read all the same, or the child would block.
 class CapturedStream {
  public:
-  CapturedStream(UniqueFd pipe, size_t limit) : pipe_(std::move(pipe)), limit_(limit) {}
+  CapturedStream(UniqueFd pipe, Kept& kept) : pipe_(std::move(pipe)), kept_(kept) {}
 
   /// -1 once the child's side is closed; poll() passes over it.
   int Fd() const { return pipe_.Get(); }
-  bool Cut() const { return cut_; }
   std::string TakeText() { return std::move(text_); }
 
   /// One read of what is there; returns the bytes read. A single one, or an endless writer would
@@ -42,7 +65,7 @@ class CapturedStream {
     std::array<char, 16384> buffer;
     const ssize_t got = ::read(pipe_.Get(), buffer.data(), std::min(max_bytes, buffer.size()));
     if (got > 0) {
-      Keep({buffer.data(), static_cast<size_t>(got)});
+      kept_.Take({buffer.data(), static_cast<size_t>(got)}, text_);
       return static_cast<size_t>(got);
     }
     if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
@@ -65,16 +88,9 @@ class CapturedStream {
   }
 
  private:
-  void Keep(std::string_view bytes) {
-    const size_t kept = std::min(bytes.size(), limit_ - text_.size());
-    cut_ = cut_ || kept < bytes.size();
-    text_.append(bytes.substr(0, kept));
-  }
-
   UniqueFd pipe_;
-  size_t limit_;
+  Kept& kept_;
   std::string text_;
-  bool cut_ = false;
 };
 
 bool Passed(const Deadline& deadline) {
@@ -96,8 +112,9 @@ int MillisecondsLeft(const Deadline& deadline) {
 struct Patience {
   Deadline deadline;
   std::optional<Standstill> work;
+  const std::function<bool()>& stop;
 
-  bool Ended() { return Passed(deadline) || (work && work->Passed()); }
+  bool Ended() { return Passed(deadline) || (work && work->Passed()) || (stop && stop()); }
 };
 
 /// -1: for ever.
@@ -111,7 +128,10 @@ int MillisecondsToNextLook(const Patience& patience) {
 }
 
 int WaitTime(const ChildProcess& child, const Patience& patience) {
-  const int left = MillisecondsToNextLook(patience);
+  int left = MillisecondsToNextLook(patience);
+  if (patience.stop && (left < 0 || left > kStopPollMs)) {
+    left = kStopPollMs;
+  }
   if (child.EndedFd() >= 0) {
     return left;
   }
@@ -217,6 +237,16 @@ SafeExec& SafeExec::SetOutputLimit(size_t bytes) {
   return *this;
 }
 
+SafeExec& SafeExec::SetOutputSink(OutputSink sink) {
+  output_sink_ = std::move(sink);
+  return *this;
+}
+
+SafeExec& SafeExec::SetStop(std::function<bool()> stop) {
+  stop_ = std::move(stop);
+  return *this;
+}
+
 SafeExec& SafeExec::SetOutputFile(std::string path) {
   output_file_ = std::move(path);
   return *this;
@@ -273,7 +303,7 @@ int SafeExec::Start(const Outputs& outputs, int& pid) {
 }
 
 SafeExec::Result SafeExec::Supervise(int pid, Outputs outputs) const {
-  Patience patience;
+  Patience patience{.deadline = {}, .work = {}, .stop = stop_};
   if (timeout_ms_) {
     patience.deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(*timeout_ms_);
   }
@@ -281,8 +311,11 @@ SafeExec::Result SafeExec::Supervise(int pid, Outputs outputs) const {
     patience.work.emplace(pid, *work_limits_);
   }
   ChildProcess child(pid);
-  CapturedStream out(std::move(outputs.out), output_limit_);
-  CapturedStream err(std::move(outputs.err), output_limit_);
+  Kept kept_out(output_limit_, output_sink_);
+  Kept kept_err(output_limit_, output_sink_);
+  CapturedStream out(std::move(outputs.out), kept_out);
+  // With a sink both share one limit.
+  CapturedStream err(std::move(outputs.err), output_sink_ ? kept_out : kept_err);
   const bool ended = CaptureUntilEnd(child, out, err, patience);
   if (!ended) {
     child.KillGroup();
@@ -292,7 +325,7 @@ SafeExec::Result SafeExec::Supervise(int pid, Outputs outputs) const {
   err.ReadPending();
   Result result;
   SetStatus(result, ended ? status : std::nullopt);
-  result.output_cut = out.Cut() || err.Cut();
+  result.output_cut = kept_out.Cut() || kept_err.Cut();
   result.standard_output = out.TakeText();
   result.standard_error = err.TakeText();
   return result;

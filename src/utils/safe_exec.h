@@ -2,10 +2,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <future>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "utils/owned.h"
@@ -35,6 +37,8 @@ class SafeExec {
     bool output_cut = false;  ///< an output passed the limit; what came after it is lost
   };
 
+  using OutputSink = std::function<void(std::string_view bytes)>;
+
   /// Throws SafeExecException on an empty path.
   explicit SafeExec(std::string program_path);
 
@@ -58,6 +62,11 @@ class SafeExec {
   SafeExec& SetIdlePriority();
   /// Bytes kept of each output; the rest is read and dropped.
   SafeExec& SetOutputLimit(size_t bytes);
+  /// Takes both outputs as they come, instead of their being kept, up to the limit of both
+  /// together. Called by the thread that runs the command; must not throw.
+  SafeExec& SetOutputSink(OutputSink sink);
+  /// Asked a few times a second; true ends the child as its time limit does.
+  SafeExec& SetStop(std::function<bool()> stop);
 
   /// Runs the command and waits for its end. Throws SafeExecException when no process could be
   /// started.
@@ -92,6 +101,8 @@ class SafeExec {
   std::optional<uint32_t> timeout_ms_;
   std::optional<WorkLimits> work_limits_;
   size_t output_limit_ = kDefaultOutputLimit;
+  OutputSink output_sink_;
+  std::function<bool()> stop_;
   bool outlives_us_ = false;
   bool idle_priority_ = false;
 };

@@ -150,6 +150,10 @@ bool CloudManager::IsConnected() const {
   return side && side->agent.State() == AgentState::CONNECTED;
 }
 
+void CloudManager::ForEachSecret(const std::function<void(std::string_view secret)>& visit) const {
+  if (const auto side = CurrentSide()) side->authentication.ForEachSecret(visit);
+}
+
 std::optional<nlohmann::json> CloudManager::FirmwareRecord() const {
   const auto side = CurrentSide();
   if (!side) return std::nullopt;

@@ -2,8 +2,10 @@
 
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "comms/comms_manager.h"
@@ -64,6 +66,8 @@ class CloudManager {
   [[nodiscard]] bool IsConnected() const;
   /// What the cloud has of the newest firmware; nothing when it does not answer. Any thread.
   [[nodiscard]] std::optional<nlohmann::json> FirmwareRecord() const;
+  /// What the cloud side holds and nobody else is to see. Any thread.
+  void ForEachSecret(const std::function<void(std::string_view secret)>& visit) const;
 
  private:
   struct Side;

@@ -212,6 +212,16 @@ bool DeviceAuthentication::HasToken() const {
   return access && access->token;
 }
 
+void DeviceAuthentication::ForEachSecret(
+    const std::function<void(std::string_view secret)>& visit) const {
+  const TokenPair tokens = [this] {
+    const utils::MutexLock lock(mutex_);
+    return tokens_;
+  }();
+  for (const utils::SharedSecret& secret : {setup_.private_key, tokens.access, tokens.refresh})
+    if (secret) visit(secret->Text());
+}
+
 TokenPair DeviceAuthentication::TokensOf(const std::string& base_url) const {
   const utils::MutexLock lock(mutex_);
   return issuer_ == base_url ? tokens_ : TokenPair{};

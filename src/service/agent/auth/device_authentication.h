@@ -3,9 +3,11 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "service/agent/auth/broker_access.h"
 #include "service/agent/auth/country_code.h"
@@ -72,6 +74,9 @@ class DeviceAuthentication : public LinkCredentials {
   }
   /// The signature over the serial number, the operation and the nonce. Throws std::runtime_error.
   [[nodiscard]] std::string SignFor(const std::string& operate, const std::string& nonce) const;
+
+  /// What must not leave the board: the device's key, and the tokens of this moment.
+  void ForEachSecret(const std::function<void(std::string_view secret)>& visit) const;
 
   const std::string& SerialNumber() const { return setup_.serial_number; }
   const CloudPlaces& Places() const { return setup_.places; }

@@ -1,4 +1,4 @@
-#include "replay/file_digest.h"
+#include "utils/file_digest.h"
 #include "utils/last_error.h"
 
 #include <fmt/format.h>
@@ -10,7 +10,7 @@
 #include <system_error>
 #include <vector>
 
-namespace varnel::replay {
+namespace varnel::utils {
 namespace {
 
 constexpr size_t kPiece = size_t{256} * 1024;
@@ -22,7 +22,7 @@ void Require(int succeeded) {
 }  // namespace
 
 Sha256::Sha256() : context_(EVP_MD_CTX_new()) {
-  const utils::Owned<EVP_MD, EVP_MD_free> kind(EVP_MD_fetch(nullptr, "SHA256", nullptr));
+  const Owned<EVP_MD, EVP_MD_free> kind(EVP_MD_fetch(nullptr, "SHA256", nullptr));
   Require(context_ && kind ? EVP_DigestInit_ex(context_.get(), kind.get(), nullptr) : 0);
 }
 
@@ -50,9 +50,9 @@ FileDigest DigestOf(const std::filesystem::path& file,
     piece(read);
     digest.bytes += read.size();
   }
-  if (in.bad() || !in.eof()) throw std::system_error(utils::LastError(), file.string());
+  if (in.bad() || !in.eof()) throw std::system_error(LastError(), file.string());
   digest.sha256 = sum.Hex();
   return digest;
 }
 
-}  // namespace varnel::replay
+}  // namespace varnel::utils

@@ -10,7 +10,7 @@
 
 #include "utils/owned.h"
 
-namespace varnel::replay {
+namespace varnel::utils {
 
 /// A running SHA-256. Throws std::runtime_error when the crypto library fails.
 class Sha256 {
@@ -21,7 +21,7 @@ class Sha256 {
   [[nodiscard]] std::string Hex();
 
  private:
-  const utils::Owned<EVP_MD_CTX, EVP_MD_CTX_free> context_;
+  const Owned<EVP_MD_CTX, EVP_MD_CTX_free> context_;
 };
 
 /// Which file it was, whatever its name and place.
@@ -36,4 +36,4 @@ struct FileDigest {
     const std::filesystem::path& file,
     const std::function<void(std::string_view)>& piece = [](std::string_view) {});
 
-}  // namespace varnel::replay
+}  // namespace varnel::utils
