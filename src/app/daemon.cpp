@@ -253,6 +253,8 @@ class Services {
       VLOG_ERROR(kTag, "The camera service did not start");
   }
   service::CloudManager& Cloud() { return *cloud_; }
+  /// When no child runs any more.
+  void Abandon() { collection_.Abandon(); }
 
  private:
   const std::unique_ptr<service::CloudManager> cloud_;
@@ -318,6 +320,7 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
   VLOG_INFO(kTag, "Shutdown requested, stopping services...");
   StopWithin(kStopLimit, comms, services->Cloud());
   utils::EndChildren();
+  services->Abandon();
   utils::RemoveLeftovers(hal_adapter::PhotoPaths().workshop, utils::Leftovers::kAll);
   VLOG_INFO(kTag, "Shutdown complete");
   spdlog::default_logger()->flush();

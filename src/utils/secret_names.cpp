@@ -61,6 +61,8 @@ bool NamesSecret(std::string_view name) {
     const char low = c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
     if ((low >= 'a' && low <= 'z') || (low >= '0' && low <= '9')) plain += low;
   }
+  // One of several: "wep_key0".
+  plain.erase(plain.find_last_not_of("0123456789") + 1);
   return IsNameOfSecret(plain);
 }
 

@@ -64,6 +64,11 @@ comms::CommsStatus LogCollectionManager::Start() {
   return status;
 }
 
+void LogCollectionManager::Abandon() {
+  stopping_ = true;
+  RemoveLeftovers();
+}
+
 void LogCollectionManager::RemoveLeftovers() const {
   RemoveOldWorkingDirectories(setup_.collector.storage);
   ::unlink(setup_.collector.password_file.c_str());

@@ -42,6 +42,10 @@ class LogCollectionManager {
   /// methods keeps a reference to this object from then on.
   comms::CommsStatus Start();
 
+  /// At the end of the process, which waits for no thread: what a collection that runs has made
+  /// goes, and no other one begins.
+  void Abandon();
+
   nlohmann::json ReqCallbackCollectSysinfo(const nlohmann::json& params);
 
   /// For whoever collects for another purpose: one collection at a time, whoever asks. Null while
