@@ -117,6 +117,7 @@ struct Hardware {
 std::vector<std::filesystem::path> OwnPlaces(const DaemonPaths& paths, const Hardware& hardware) {
   const hal_adapter::IdentityFiles identity;
   const service::TimelapsePaths timelapse;
+  const service::MonitorPaths monitor;
   std::vector<std::filesystem::path> places = {
       paths.log_directory,
       identity.serial_number,
@@ -131,11 +132,12 @@ std::vector<std::filesystem::path> OwnPlaces(const DaemonPaths& paths, const Har
       timelapse.root,
       timelapse.web,
       timelapse.upload,
-      // What the cloud gave and knows, packages on their way, snapshots of the monitor, diagnosis.
+      // What the cloud gave and knows, packages on their way, diagnosis.
       "/home/ruxo/printer_data/certs",
       "/home/ruxo/printer_data/mqtt",
       "/userdata/.tmp_*",
-      "/tmp/.monitor.*",
+      monitor.snapshot,
+      monitor.encrypted,
       "/tmp/aes_key.txt",
   };
   for (std::filesystem::path& place : platform::platform_places())
@@ -236,6 +238,13 @@ service::LogExportSetup ExportSetupOf(comms::CommsManager& comms,
   return setup;
 }
 
+service::MonitorEncryptionSettings EncryptionOf(const utils::MonitorDeployment& deployment) {
+  service::MonitorEncryptionSettings settings;
+  settings.fixed_password = deployment.fixed_password;
+  settings.iterations = static_cast<uint32_t>(deployment.iterations);
+  return settings;
+}
+
 /// The services, in their start order. The object lives until the process ends: their threads are
 /// not joined.
 class Services {
@@ -256,7 +265,11 @@ class Services {
                         .paths = &client_paths,
                         .timelapse_paths = PathsOf(deployment),
                         .analyser = &analysis_,
-                        .uploader = MakeUploader(*cloud_)}) {}
+                        .monitor_encryption = EncryptionOf(deployment.monitor),
+                        .uploader = MakeUploader(*cloud_),
+                        .serial_number = [&hardware] {
+                          return hardware.system.Identity()->serial_number;
+                        }}) {}
 
   void Start() {
     cloud_->Start();
@@ -273,6 +286,7 @@ class Services {
       VLOG_ERROR(kTag, "The camera service did not start");
   }
   service::CloudManager& Cloud() { return *cloud_; }
+  service::CameraService& Camera() { return camera_; }
   /// When no child runs any more.
   void Abandon() { collection_.Abandon(); }
 
@@ -339,8 +353,10 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
   supervisor.Run();
 
   VLOG_INFO(kTag, "Shutdown requested, stopping services...");
+  services->Camera().RequestEnd();
   StopWithin(kStopLimit, comms, services->Cloud());
   utils::EndChildren();
+  services->Camera().ClearPictures();
   services->Abandon();
   utils::RemoveLeftovers(hal_adapter::PhotoPaths().workshop, utils::Leftovers::kAll);
   VLOG_INFO(kTag, "Shutdown complete");

@@ -44,8 +44,9 @@ class WorkerLane {
 
   static constexpr size_t WorkersFor(MethodKind kind) {
     if (kind == MethodKind::kCommand) return 1;
+    // Two films and one picture for who watches may be on their way, and the next one is told so.
+    if (kind == MethodKind::kNetwork) return 4;
     // The camera serves one after another: one runs, and those behind it begin to count their wait.
-    // Of those that talk to the cloud two may, and the next one is told so.
     return kind == MethodKind::kQuick || kind == MethodKind::kListing ? 2 : 3;
   }
 

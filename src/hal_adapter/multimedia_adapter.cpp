@@ -91,11 +91,12 @@ PhotoStatus MultimediaAdapter::TakeTurn(
   }
   CameraImage image{};
   if (!Capture(image)) return PhotoStatus::kCaptureFailed;
-  VLOG_INFO(kTag,
-            "Photo: size is {}, timestamp is {}ms, width and height is {}x{}, format is {}, camera "
-            "id is {}",
-            image.size, image.timestamp_ms, image.width, image.height, image.pixel_format,
-            image.camera_id);
+  VLOG_DEBUG(
+      kTag,
+      "Photo: size is {}, timestamp is {}ms, width and height is {}x{}, format is {}, camera "
+      "id is {}",
+      image.size, image.timestamp_ms, image.width, image.height, image.pixel_format,
+      image.camera_id);
   if (develop) return develop(image);
   VLOG_INFO(kTag, "filepath is empty, do not save to any file");
   return PhotoStatus::kSuccess;

@@ -113,7 +113,8 @@ PhotoStatus PhotoWriter::Store(const utils::UniqueFd& picture, utils::NewFile& f
 bool PhotoWriter::Convert(const CameraImage& image, const std::string& picture,
                           int directory) const {
   if (!WriteRawFrame(image)) return false;
-  VLOG_INFO(kTag, "Convert to JPEG or PNG format.");
+  // Of who watches the print there are several a second.
+  VLOG_DEBUG(kTag, "Convert to JPEG or PNG format.");
   const char* pixel_format = ConverterFormat(image.pixel_format);
   if (pixel_format == nullptr) VLOG_ERROR(kTag, "Unsupported image type");
   return pixel_format != nullptr && RunConverter(pixel_format, picture, directory);

@@ -31,6 +31,11 @@ Value& At(Deployment& deployment, Value CloudDeployment::*member) {
 }
 
 template <class Value>
+Value& At(Deployment& deployment, Value MonitorDeployment::*member) {
+  return deployment.monitor.*member;
+}
+
+template <class Value>
 Value& At(Deployment& deployment, Value DiagnosticsDeployment::*member) {
   return deployment.diagnostics.*member;
 }
@@ -179,6 +184,8 @@ constexpr std::array kKeys = {
     Key{"cloud.credential_key_file", ReadPath<&CloudDeployment::credential_key_file, true>, "an absolute path or empty"},
     Key{"cloud.allow_clear_credentials", ReadSwitch<&CloudDeployment::allow_clear_credentials>, "true or false"},
     Key{"cloud.disconnected_code", ReadNumber<&CloudDeployment::disconnected_code, 0, 999'999>, "a whole number from 0 to 999999"},
+    Key{"monitor.fixed_password", ReadSwitch<&MonitorDeployment::fixed_password>, "true or false"},
+    Key{"monitor.iterations", ReadNumber<&MonitorDeployment::iterations, 1'000, 10'000'000>, "a whole number from 1000 to 10000000"},
     Key{"diagnostics.dns_server", ReadHost<&DiagnosticsDeployment::dns_server>, "a host name, an address or empty"},
     Key{"diagnostics.store_hosts", ReadHosts<&DiagnosticsDeployment::store_hosts>, "a list of host names"},
     Key{"diagnostics.items", ReadObjects<&DiagnosticsDeployment::items>, "a list of objects"},

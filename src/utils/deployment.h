@@ -23,6 +23,12 @@ struct CloudDeployment {
   uint64_t disconnected_code = 401;  ///< of a reply: the server takes the device for disconnected
 };
 
+/// How pictures of who watches the print are encrypted.
+struct MonitorDeployment {
+  bool fixed_password = false;   ///< one for ever, made by the device itself
+  uint64_t iterations = 10'000;  ///< of PBKDF2, for passwords that are not fixed
+};
+
 /// What is collected for diagnosis besides what every board has. Hosts that are empty are not
 /// tried.
 struct DiagnosticsDeployment {
@@ -46,6 +52,7 @@ struct Deployment {
   /// Public key (Ed25519, PEM) of whoever signs firmware; empty: it is not signed.
   std::string firmware_key_file;
   CloudDeployment cloud;
+  MonitorDeployment monitor;
   DiagnosticsDeployment diagnostics;
 };
 

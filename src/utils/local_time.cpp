@@ -43,4 +43,9 @@ std::optional<std::string> LocalTimeText(int64_t seconds) {
                      local->tm_mday, local->tm_hour, local->tm_min, local->tm_sec);
 }
 
+std::string LocalTimeText(std::chrono::system_clock::time_point time) {
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(time.time_since_epoch());
+  return LocalTimeText(seconds.count()).value_or("");
+}
+
 }  // namespace varnel::utils

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -13,5 +14,7 @@ namespace varnel::utils {
 [[nodiscard]] std::optional<std::string> LocalDate(int64_t seconds);
 /// "2025-01-31 23:59:59"; otherwise the same.
 [[nodiscard]] std::optional<std::string> LocalTimeText(int64_t seconds);
+/// The same of a time, for people; empty outside those years.
+[[nodiscard]] std::string LocalTimeText(std::chrono::system_clock::time_point time);
 
 }  // namespace varnel::utils

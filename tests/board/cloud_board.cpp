@@ -20,6 +20,7 @@ constexpr std::chrono::seconds kLimit{60};
 BootOptions WithCloud(const BootOptions& more) {
   BootOptions options = DaemonOptions();
   options.cloud = TheCloud().Directory();
+  options.camera = more.camera;
   options.clock = more.clock;
   options.device_key = more.device_key;
   return options;

@@ -20,8 +20,6 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
 using namespace std::chrono_literals;
 
 constexpr const char* kTopic = "system/request";
@@ -362,9 +360,10 @@ TEST(CollectionTest, EverythingIsThereAndNoSecret) {
   for (const char* item : {"missing.txt", "outside.txt"})
     EXPECT_EQ(ItemOf(opened, item).value("status", ""), "missing") << item;
   UnpackNested(opened);
-  for (const Packed& archive : kArchives)
+  for (const Packed& archive : kArchives) {
     EXPECT_EQ(ReadFile(opened / (std::string(archive.file) + ".d") / "seen"), "seen")
         << archive.file;
+  }
   for (const char* file : {"config/.fluidd", "own.tar.gz.d/seen", "own.txt"})
     EXPECT_EQ(ReadFile(opened / file), "seen") << file;
   EXPECT_EQ(ReadFile(opened / "own_value.txt"), "seen\n");
@@ -384,11 +383,12 @@ TEST(CollectionTest, EverythingIsThereAndNoSecret) {
       "");
   EXPECT_EQ(fs::file_size(opened / "coredump/coredump.tar.gz.d/core"),
             fs::file_size(board.board.HostPath("/userdata/.coredump/core")));
-  for (int line = 1; line <= hidden.lines; ++line)
+  for (int line = 1; line <= hidden.lines; ++line) {
     EXPECT_NE(Host("grep -rlxE 'before" + std::to_string(line) + "' '" + opened.string() +
                    "' | xargs grep -lx after" + std::to_string(line)),
               "")
         << line;
+  }
   const std::string left_out = ReadFile(opened / "manifest.json");
   EXPECT_THAT(left_out, HasSubstr("moonraker.secrets"));
   EXPECT_THAT(left_out, HasSubstr("client.pem"));
@@ -411,7 +411,7 @@ TEST(CollectionTest, OnlyTheTrueContentIsOpened) {
     const fs::path bad = files / "bad";
     const auto open_bad = [&](const std::string& content) {
       std::ofstream(bad, std::ios::binary) << content;
-      const std::string why = board.Open(bad, files / "bad.d");
+      std::string why = board.Open(bad, files / "bad.d");
       // What no check can tell, the time in a header for example, makes no difference.
       if (why.empty()) Host("diff -r '" + good.string() + "' '" + (files / "bad.d").string() + "'");
       fs::remove_all(files / "bad.d");

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "board/run_inside.h"
+#include "board/scenes.h"
 #include "board/served_board.h"
 #include "support/eventually.h"
 #include "support/temp_dir.h"
@@ -25,49 +26,6 @@ using nlohmann::json;
 using testing::IsEmpty;
 
 constexpr int kPhotos = 120;
-constexpr int kBands = 8;
-
-/// A frame of both cameras that shows a number: bit by bit, from the left, in bright and dark
-/// bands.
-struct CodedScene {
-  explicit CodedScene(const Board& board) : board_(board) {}
-
-  void Show(unsigned number) const {
-    constexpr size_t kWidth = 1920;
-    constexpr size_t kPixels = kWidth * 1080;
-    std::string luma(kPixels, '\0');
-    for (size_t i = 0; i < kPixels; ++i) {
-      const size_t band = i % kWidth / (kWidth / kBands);
-      luma[i] = static_cast<char>((number >> band & 1U) != 0 ? 200 : 40);
-    }
-    std::string interleaved(2 * kPixels, '\x80');
-    for (size_t i = 0; i < kPixels; ++i) interleaved[2 * i] = luma[i];
-    std::ofstream(files_ / "scene.nv12") << luma << std::string(kPixels / 2, '\x80');
-    std::ofstream(files_ / "scene.yuyv") << interleaved;
-    board_.ShowFrames({files_ / "scene.nv12", files_ / "scene.yuyv"});
-  }
-
-  /// The numbers that the frames of a film show.
-  [[nodiscard]] std::vector<unsigned> NumbersIn(const ServedBoard& served,
-                                                const std::string& film) const {
-    const std::string grey =
-        served.board
-            .Shell("ffmpeg -nostdin -v error -i " + film + " -vf scale=" + std::to_string(kBands) +
-                   ":1:flags=area,format=gray -f rawvideo - | od -An -v -tu1 -w" +
-                   std::to_string(kBands))
-            .out;
-    std::istringstream values(grey);
-    std::vector<unsigned> numbers;
-    for (int value = 0, i = 0; values >> value; ++i) {
-      if (i % kBands == 0) numbers.push_back(0);
-      if (value > 120) numbers.back() |= 1U << static_cast<unsigned>(i % kBands);
-    }
-    return numbers;
-  }
-
-  const Board& board_;
-  const test::TempDir files_;
-};
 
 class TimelapseTest : public testing::Test {
  public:
@@ -207,7 +165,7 @@ TEST_F(TimelapseTest, APrintBecomesAFilmThatPlaysAndLeavesNoTraceWhenDeleted) {
     ASSERT_FALSE(film.is_null());
     const std::string video = WebFile(film, "video_url");
     ExpectFilm(Probe(*served, video), kPhotos + 1, frame_rate);
-    EXPECT_EQ(scene.NumbersIn(*served, video), expected);
+    EXPECT_EQ(NumbersIn(served->board, video), expected);
     if (slow_join) ExpectProgress(*served);
     EXPECT_TRUE(AwaitCompleted(*served, 1, "success"));
     const auto changes = served->rpc.Notifications("notify_camera_status_change");

@@ -56,9 +56,17 @@ CameraService::CameraService(comms::CommsManager& comms, Setup setup)
            .notify = [this](const std::string& method,
                             json params) { return comms::Code(Notify(method, std::move(params))); },
            .broker_answers = [this] { return comms_.IsLocalConnected(); },
-           .uploader = std::move(setup.uploader),
+           .uploader = setup.uploader,
            .clock = setup.clock}),
-      detection_(camera_, setup.analyser, std::move(setup.detection_picture), *setup.clock) {}
+      detection_(camera_, setup.analyser, std::move(setup.detection_picture), *setup.clock),
+      monitor_({.paths = std::move(setup.monitor_paths),
+                .encryption = std::move(setup.monitor_encryption),
+                .camera = &camera_,
+                .uploader = std::move(setup.uploader),
+                .serial_number = std::move(setup.serial_number),
+                .notify = [this](const std::string& method,
+                                 json params) { NotifyOfMonitor(method, std::move(params)); },
+                .clock = setup.clock}) {}
 
 comms::CommsStatus CameraService::Notify(const std::string& method, json params) {
   return comms_.SendNotification(kNotificationTopic, method, std::move(params));
@@ -150,10 +158,13 @@ json CameraService::TakeDebugPhoto(const json& params) {
 
 json CameraService::ReqCallbackCameraServiceGetStatus(const json&) {
   // The interface type is the product's, whichever camera is fitted.
-  return json{{"state", "success"},
+  const MonitorDomains watched = monitor_.Domains();
+  json status{{"state", "success"},
               {"interface_type", "MIPI"},
-              {"monitoring", false},
+              {"monitoring", watched.Any()},
               {"timelapse", timelapses_.IsRunning()}};
+  if (watched.Any()) status["monitor_domain"] = NameOf(watched.First());
+  return status;
 }
 
 json CameraService::ReqCallbackCameraServiceDetectCapture(const json& params) {

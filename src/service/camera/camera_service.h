@@ -1,12 +1,14 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "comms/comms_manager.h"
 #include "hal_adapter/photo_taker.h"
 #include "service/camera/capture_detection.h"
+#include "service/camera/monitor/monitor.h"
 #include "service/camera/timelapse/films/timelapse_service.h"
 #include "utils/client_path.h"
 
@@ -24,7 +26,10 @@ class CameraService {
     EncoderPrograms encoder_programs = {};
     PrintAnalyser* analyser = nullptr;  ///< none: detections fail; must outlive the service
     std::string detection_picture = "/tmp/printer_detection.jpg";
-    std::unique_ptr<FileUploader> uploader = std::make_unique<NoUploader>();
+    MonitorPaths monitor_paths = {};
+    MonitorEncryptionSettings monitor_encryption = {};
+    std::shared_ptr<FileUploader> uploader = std::make_shared<NoUploader>();
+    std::function<std::string()> serial_number = [] { return std::string("--"); };
     utils::Clock* clock = &utils::SystemClock::Instance();
   };
 
@@ -34,6 +39,10 @@ class CameraService {
   /// Handles what an earlier run left, then registers the methods; the manager keeps references to
   /// this object from then on.
   comms::CommsStatus Start();
+
+  /// For the process's end: monitoring ends, and has its pictures removed afterwards.
+  void RequestEnd() { monitor_.RequestEnd(); }
+  void ClearPictures() const { monitor_.ClearFiles(); }
 
   nlohmann::json ReqCallbackCameraServiceTakePhoto(const nlohmann::json& params);
   nlohmann::json ReqCallbackCameraServiceGetStatus(const nlohmann::json& params);
@@ -52,6 +61,7 @@ class CameraService {
   bool StartTimelapse(const std::string& type, const TimelapseSettings& settings);
   comms::CommsStatus Notify(const std::string& method, nlohmann::json params);
   void NotifyStatusChange(bool timelapse);
+  void NotifyOfMonitor(const std::string& method, nlohmann::json params);
 
   comms::CommsManager& comms_;
   hal_adapter::PhotoTaker& camera_;
@@ -59,6 +69,7 @@ class CameraService {
   utils::Clock& clock_;
   TimelapseService timelapses_;
   CaptureDetection detection_;
+  Monitor monitor_;
 };
 
 }  // namespace varnel::service

@@ -1,10 +1,14 @@
 // The methods of the camera service that start and stop monitoring.
+#include <chrono>
+#include <cmath>
+#include <optional>
 #include <string>
 
 #include "comms/json_rpc_message.h"
 #include "service/camera/camera_answers.h"
 #include "service/camera/camera_service.h"
 #include "utils/log.h"
+#include "utils/log_text.h"
 
 namespace varnel::service {
 namespace {
@@ -15,18 +19,47 @@ using nlohmann::json;
 constexpr const char* kTag = kCameraTag;
 constexpr const char* kStart = "camera.start_monitor";
 constexpr const char* kStop = "camera.stop_monitor";
+constexpr double kMaxIntervalS = 3600;
 
-bool IsDomain(const json& value) {
-  return value == "wan" || value == "lan";
+struct StartRequest {
+  std::string domain;
+  std::chrono::milliseconds interval;
+  bool expect_password;
+};
+
+std::optional<StartRequest> ParseStart(const json& params) {
+  const json& domain = params["domain"];
+  const json& interval = params["interval"];
+  const auto expect_pw = params.find("expect_pw");
+  if (!domain.is_string() || !interval.is_number()) return std::nullopt;
+  if (expect_pw != params.end() && !expect_pw->is_boolean()) return std::nullopt;
+  const double seconds = interval.get<double>();
+  if (!(seconds >= 0 && seconds <= kMaxIntervalS)) return std::nullopt;
+  return StartRequest{domain.get<std::string>(),
+                      std::chrono::milliseconds(std::lround(seconds * 1000)),
+                      params.value("expect_pw", false)};
 }
 
-bool AreStartParams(const json& params) {
-  const auto expect_pw = params.find("expect_pw");
-  return IsDomain(params["domain"]) && params["interval"].is_number() &&
-         (expect_pw == params.end() || expect_pw->is_boolean());
+json AnswerOf(const StartRequest& request, const MonitorAccess& access) {
+  json answer = CameraSuccess();
+  if (request.domain == NameOf(MonitorDomain::kWan)) {
+    VLOG_INFO(kTag, "URL for monitor file is {}", utils::LogText(utils::MaskUrl(access.url)));
+    answer["url"] = access.url;
+  }
+  if (request.expect_password) {
+    answer.update(
+        {{"pw", access.password}, {"iterations", access.iterations}, {"salt", access.salt_hex}});
+  }
+  return answer;
 }
 
 }  // namespace
+
+void CameraService::NotifyOfMonitor(const std::string& method, json params) {
+  const comms::CommsStatus status = Notify(method, std::move(params));
+  if (status != comms::CommsStatus::kOk)
+    VLOG_ERROR(kTag, "Send camera monitoring notification failed, ret = {}", comms::Code(status));
+}
 
 json CameraService::ReqCallbackCameraServiceStartMonitor(const json& params) {
   if (!AreCameraParams(params)) return InvalidCameraParams(kStart);
@@ -34,11 +67,13 @@ json CameraService::ReqCallbackCameraServiceStartMonitor(const json& params) {
     VLOG_ERROR(kTag, "miss domain or interval parameter.");
     return MakeError(comms::RpcError::kInvalidParams, "Missing required params: domain, interval");
   }
-  if (!AreStartParams(params)) return InvalidCameraParams(kStart);
+  const auto request = ParseStart(params);
+  if (!request) return InvalidCameraParams(kStart);
   VLOG_INFO(kTag, "Start camera monitor, domain is {}, interval is {}, expect_pw is {}",
-            params["domain"].get<std::string>(), params["interval"].dump(),
-            params.value("expect_pw", false));
-  return MakeError(comms::RpcError::kOperationFailed, "Start monitor failed");
+            utils::LogText(request->domain), params["interval"].dump(), request->expect_password);
+  const auto access = monitor_.Start(request->domain, request->interval);
+  if (!access) return MakeError(comms::RpcError::kOperationFailed, "Start monitor failed");
+  return AnswerOf(*request, *access);
 }
 
 json CameraService::ReqCallbackCameraServiceStopMonitor(const json& params) {
@@ -47,9 +82,12 @@ json CameraService::ReqCallbackCameraServiceStopMonitor(const json& params) {
     VLOG_ERROR(kTag, "miss domain parameter.");
     return MakeError(comms::RpcError::kInvalidParams, "Missing required param: domain");
   }
-  if (!IsDomain(params["domain"])) return InvalidCameraParams(kStop);
-  VLOG_INFO(kTag, "Stop camera monitor, domain is {}", params["domain"].get<std::string>());
-  return MakeError(comms::RpcError::kOperationFailed, "Stop monitor failed");
+  if (!params["domain"].is_string()) return InvalidCameraParams(kStop);
+  const std::string domain = params["domain"].get<std::string>();
+  VLOG_INFO(kTag, "Stop camera monitor, domain is {}", utils::LogText(domain));
+  if (!monitor_.Stop(domain))
+    return MakeError(comms::RpcError::kOperationFailed, "Stop monitor failed");
+  return CameraSuccess();
 }
 
 }  // namespace varnel::service

@@ -1,5 +1,4 @@
 // The methods of the camera service that deal with time-lapses.
-#include <chrono>
 #include <string>
 
 #include "comms/json_rpc_message.h"
@@ -45,11 +44,9 @@ json AnswerOf(HalStatus status) {
 
 void CameraService::NotifyStatusChange(bool timelapse) {
   constexpr const char* kMethod = "notify_camera_status_change";
-  const auto seconds =
-      std::chrono::floor<std::chrono::seconds>(clock_.WallNow().time_since_epoch());
   const comms::CommsStatus status =
       Notify(kMethod, {{"timelapse", timelapse},
-                       {"timestamp", utils::LocalTimeText(seconds.count()).value_or("")},
+                       {"timestamp", utils::LocalTimeText(clock_.WallNow())},
                        {"state", "success"}});
   if (status != comms::CommsStatus::kOk)
     VLOG_ERROR(kTag, "Send {} error, ret = {}", kMethod, comms::Code(status));

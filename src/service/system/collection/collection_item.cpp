@@ -135,8 +135,9 @@ std::optional<CollectionItem> ItemOf(const json& item) {
   CollectionItem made{.output = *std::move(output)};
   if (type == "cmd") {
     auto command = CommandOf(item);
-    if (command) made.command = *std::move(command);
-    return command ? std::optional(made) : std::nullopt;
+    if (!command) return std::nullopt;
+    made.command = *std::move(command);
+    return made;
   }
   if (type == "dir" || type == "file") {
     made.kind = type == "dir" ? ItemKind::kDirectory : ItemKind::kFile;
@@ -193,9 +194,10 @@ std::vector<CollectionItem> HostCommands(const NetworkTargets& targets,
   };
   add(targets.account_host, "account server");
   add(targets.api_host, "API of the second region");
-  for (size_t i = 0; i < std::max(kStoreHosts, targets.store_hosts.size()); ++i)
+  for (size_t i = 0; i < std::max(kStoreHosts, targets.store_hosts.size()); ++i) {
     add(i < targets.store_hosts.size() ? targets.store_hosts[i] : "",
         "object store " + std::to_string(i + 1));
+  }
   return items;
 }
 

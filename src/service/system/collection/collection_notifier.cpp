@@ -43,9 +43,10 @@ void CollectionNotifier::Disconnected(CollectionStep step, const std::string& re
 void CollectionNotifier::Tell(CollectionStep step, json params) const {
   params["type"] = NameOf(step);
   const CommsStatus status = send_("notify_collect_sysinfo", std::move(params));
-  if (status != CommsStatus::kOk)
+  if (status != CommsStatus::kOk) {
     VLOG_ERROR(kTag, "Send notify_collect_sysinfo ({}) error, ret is {}", NameOf(step),
                comms::Code(status));
+  }
 }
 
 }  // namespace varnel::service

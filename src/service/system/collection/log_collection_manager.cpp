@@ -90,13 +90,12 @@ json LogCollectionManager::ReqCallbackCollectSysinfo(const json& params) {
   if (!request->upload && request->filepath.empty()) VLOG_INFO(kTag, "Neither upload nor copy");
   const utils::MutexLock lock(thread_mutex_);
   thread_ = utils::SpawnGuarded(
-      "collect", kTag, [this, taken = std::move(turn), asked = *std::move(request)]() mutable {
-        Collect(std::move(asked));
-      });
+      "collect", kTag,
+      [this, taken = std::move(turn), asked = *std::move(request)] { Collect(asked); });
   return State("success");
 }
 
-void LogCollectionManager::Collect(CollectionRequest request) {
+void LogCollectionManager::Collect(const CollectionRequest& request) {
   CollectionOrder order = request.order;
   const auto now = std::chrono::system_clock::to_time_t(setup_.collector.clock->WallNow());
   order.archive_name = DeliveredName(now, order.encrypt);

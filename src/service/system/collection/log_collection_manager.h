@@ -56,7 +56,7 @@ class LogCollectionManager {
 
  private:
   void RemoveLeftovers() const;
-  void Collect(CollectionRequest request);
+  void Collect(const CollectionRequest& request);
   void Deliver(const CollectionRequest& request, const std::filesystem::path& archive);
   void Upload(const std::filesystem::path& archive, uint64_t size);
   void Copy(const std::filesystem::path& archive, const std::string& filepath, uint64_t size);

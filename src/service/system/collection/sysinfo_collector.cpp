@@ -188,10 +188,11 @@ void SysinfoCollector::CollectNetwork() {
   Run(NetworkCommands());
   std::vector<MissingHost> missing;
   RunSideBySide(HostCommands(setup_.targets, missing));
-  for (const MissingHost& one : missing)
+  for (const MissingHost& one : missing) {
     Tell({.item = one.item + " (" + one.host + ")",
           .status = "missing",
           .why_left_out = "no host is set: " + one.host});
+  }
 }
 
 void SysinfoCollector::CollectAiDetect() {

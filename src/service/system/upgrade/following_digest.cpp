@@ -89,29 +89,23 @@ void FollowingDigest::Run() {
       return ends_ || (!broken_ && (reading_ || taken_ < given_));
     });
     if (ends_) return;
-    if (reading_) {
-      ReadSome(lock);
+    const bool reads = reading_;
+    const int64_t from = done_;
+    const auto size = std::min(static_cast<size_t>(there_ - from), kBlockBytes);
+    const Block& block = blocks_[taken_ % kBlocks];
+    lock.unlock();
+    const bool good = !reads || Read(from, size);
+    if (good) digest_.Add(reads ? buffer_.data() : block.bytes.data(), reads ? size : block.size);
+    lock.lock();
+    broken_ = !good;
+    if (reads) {
+      done_ += static_cast<int64_t>(size);
+      reading_ = done_ < there_;
     } else {
-      TakeBlock(lock);
+      ++taken_;
     }
-  }
-}
-
-void FollowingDigest::ReadSome(utils::MutexLock& lock) {
-  const int64_t from = done_;
-  const auto size = std::min(static_cast<size_t>(there_ - from), kBlockBytes);
-  if (size == 0) {
-    reading_ = false;
     changed_.NotifyAll();
-    return;
   }
-  lock.unlock();
-  const bool good = Read(from, size);
-  if (good) digest_.Add(buffer_.data(), size);
-  lock.lock();
-  broken_ = !good;
-  done_ += static_cast<int64_t>(size);
-  if (broken_) changed_.NotifyAll();
 }
 
 bool FollowingDigest::Read(int64_t from, size_t size) {
@@ -123,15 +117,6 @@ bool FollowingDigest::Read(int64_t from, size_t size) {
     done += static_cast<size_t>(got);
   }
   return true;
-}
-
-void FollowingDigest::TakeBlock(utils::MutexLock& lock) {
-  const Block& block = blocks_[taken_ % kBlocks];
-  lock.unlock();
-  digest_.Add(block.bytes.data(), block.size);
-  lock.lock();
-  ++taken_;
-  changed_.NotifyAll();
 }
 
 }  // namespace varnel::service

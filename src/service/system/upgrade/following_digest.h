@@ -45,8 +45,6 @@ class FollowingDigest {
   [[nodiscard]] Block& Filling() { return blocks_[given_ % kBlocks]; }
   [[nodiscard]] bool Give();
   void Run();
-  void ReadSome(utils::MutexLock& lock) REQUIRES(mutex_);
-  void TakeBlock(utils::MutexLock& lock) REQUIRES(mutex_);
   [[nodiscard]] bool Read(int64_t from, size_t size);
   /// False when the digests cannot be computed, or at the stop.
   template <class Predicate>

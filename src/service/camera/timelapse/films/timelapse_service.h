@@ -26,7 +26,7 @@ struct TimelapseSetup {
   NotifyClients notify;
   /// Films are not begun before; asked until it says yes.
   std::function<bool()> broker_answers = [] { return true; };
-  std::unique_ptr<FileUploader> uploader = std::make_unique<NoUploader>();
+  std::shared_ptr<FileUploader> uploader = std::make_shared<NoUploader>();
   utils::Clock* clock = &utils::SystemClock::Instance();
 };
 
@@ -68,7 +68,7 @@ class TimelapseService {
 
   const TimelapsePaths paths_;
   hal_adapter::PhotoTaker& camera_;
-  const std::unique_ptr<FileUploader> uploader_;
+  const std::shared_ptr<FileUploader> uploader_;
   const Ffmpeg ffmpeg_;
   const FilmStore store_;
   FilmUploads uploads_;

@@ -6,7 +6,7 @@
 namespace varnel::service {
 namespace {
 
-using std::string_view_literals::operator""sv;
+using namespace std::string_view_literals;
 
 struct Magic {
   std::string_view bytes;

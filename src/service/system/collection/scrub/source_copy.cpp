@@ -216,9 +216,10 @@ bool SourceCopy::Write(const UniqueFd& source, const struct stat& info, int targ
     return false;
   }
   if (error || !problem.empty()) Leave(shown, error ? error.message() : problem);
-  if (first > 0)
+  if (first > 0) {
     Leave(shown,
           "all but its last " + std::to_string(setup_.max_file_bytes >> kMegabyteShift) + " MiB");
+  }
   return !error && (problem.empty() || copy.Bytes() > 0);
 }
 
