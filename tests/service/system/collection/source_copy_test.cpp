@@ -83,7 +83,9 @@ TEST_F(SourceCopyTest, LargeManyAndDeepOnesEnd) {
   setup_.max_depth = 4;
   const fs::path sparse = dir_.Write("source/1.sparse", "begin");
   fs::resize_file(sparse, uintmax_t{64} << 30U);
-  dir_.Write("source/2.log", std::string(size_t{3} << 20U, 'x') + "password=end\n");
+  std::string log(size_t{3} << 20U, 'x');
+  log += "password=end\n";
+  dir_.Write("source/2.log", log);
   dir_.Write("source/3/4/5/6/deep", "deep");
   for (const char* name : {"7", "8", "9"}) dir_.Write(std::string("source/") + name, "x");
   const CopyOutcome outcome = Copy();
