@@ -16,6 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
+using testing::AllOf;
 using testing::HasSubstr;
 using namespace std::chrono_literals;
 
@@ -99,15 +100,13 @@ TEST(ExportTest, AtItsEndTheDriveCanGo) {
       {VARNEL_OPEN_ARCHIVE, board.board.Paths().CollectionKey().string(),
        board.board.HostPath("/userdata/exported.tar.gz").string(), (files / "opened").string()});
   EXPECT_EQ(opened.status, 0) << opened.err;
-  for (const char* item :
-       {"uptime.txt", "dmesg.txt", "route.txt", "ai_detect_params.txt", "manifest.json"})
-    EXPECT_TRUE(fs::exists(files / "opened" / item)) << item;
-  EXPECT_THAT(ReadFile(files / "opened/manifest.json"), HasSubstr("coredump/coredump.tar.gz"));
+  EXPECT_THAT(ReadFile(files / "opened/manifest.json"),
+              AllOf(HasSubstr("uptime.txt"), HasSubstr("dmesg.txt"), HasSubstr("route.txt"),
+                    HasSubstr("ai_detect_params.txt"), HasSubstr("coredump/coredump.tar.gz")));
   EXPECT_EQ(board.Told().size(), 2U);
   const std::string log = board.StopAndReadLog();
-  EXPECT_THAT(log, HasSubstr("Registered HAL event: HAL_EVENT_SYS_USB_DRIVE_INSERT"));
-  EXPECT_THAT(log, HasSubstr("export_log.json: exporting logs to /mnt/second"));
-  EXPECT_THAT(log, HasSubstr("Export already in progress, skipping"));
+  EXPECT_THAT(log, AllOf(HasSubstr("export_log.json: exporting logs to /mnt/second"),
+                         HasSubstr("Export already in progress, skipping")));
 }
 
 TEST(ExportTest, WhatADriveCannotTakeFailsAndTheNextOneWorks) {
