@@ -256,8 +256,9 @@ class Services {
         date_record_(hardware.storage.Paths().config_save),
         device_info_(comms, [&hardware] { return hardware.system.Identity(); }),
         collection_(CollectionSetupOf(
-            {comms, hardware.system, *cloud_, client_paths, hardware.source_desk}, deployment,
-            hardware.storage.Paths().user_data, hardware.ai.DetectResultDir())),
+            {comms, hardware.system, *cloud_, client_paths, hardware.source_desk,
+             [this](const auto& visit) { camera_.ForEachSecret(visit); }},
+            deployment, hardware.storage.Paths().user_data, hardware.ai.DetectResultDir())),
         export_(ExportSetupOf(comms, collection_, gate, deployment)),
         upgrade_(UpgradeSetupOf(comms, hardware, *cloud_, packages, deployment)),
         analysis_(hardware.ai.DetectResultDir(), SpaceCheckOf(deployment)),

@@ -55,7 +55,7 @@ FileKind KindOf(std::string_view head) {
 }
 
 bool IsSecretFile(std::string_view name) {
-  constexpr std::array kEndings{".secrets"sv, ".key"sv, ".p12"sv, ".pfx"sv, "_key"sv};
+  constexpr std::array kEndings{".secrets"sv, ".key"sv, ".p12"sv, ".pfx"sv, "_key"sv, "_password"sv};
   constexpr std::array kNames{"id_rsa"sv, "id_ed25519"sv, "id_ecdsa"sv, "id_dsa"sv};
   return std::any_of(kEndings.begin(), kEndings.end(),
                      [name](auto ending) { return name.ends_with(ending); }) ||
