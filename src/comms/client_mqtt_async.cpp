@@ -457,4 +457,15 @@ CommsStatus ClientMqttAsync::SubscribeOn(uint32_t attempt, const std::string& fi
   return CommsStatus::kFailure;
 }
 
+void ClientMqttAsync::Unsubscribe(const std::string& filter) {
+  const uint32_t attempt = state_.Current();
+  if (!state_.IsLive(attempt)) return;
+  MQTTAsync_responseOptions options = MQTTAsync_responseOptions_initializer;
+  const utils::MutexLock lock(api_mutex_);
+  if (!handle_ || handle_attempt_ != attempt) return;
+  const int code = api_.Unsubscribe(handle_.get(), filter, options);
+  if (code != MQTTASYNC_SUCCESS)
+    VLOG_WARN(kTag, "{}: failed to unsubscribe topic {}, rc: {}", Name(), filter, code);
+}
+
 }  // namespace varnel::comms

@@ -55,6 +55,7 @@ class ClientMqttAsync : public ClientMqttBase {
 
  protected:
   CommsStatus Subscribe(const std::string& filter) override;
+  void Unsubscribe(const std::string& filter) override;
 
  private:
   friend struct AsyncCallbacks;

@@ -43,8 +43,12 @@ CommsStatus ClientMqttBase::AddListener(const std::string& filter, Listener list
 
 void ClientMqttBase::RemoveListener(const std::string& filter) {
   std::map<std::string, Listener, std::less<>>::node_type removed;
+  {
+    const utils::MutexLock lock(listeners_mutex_);
+    removed = listeners_.extract(filter);
+  }
+  if (removed) Unsubscribe(filter);
   utils::MutexLock lock(listeners_mutex_);
-  removed = listeners_.extract(filter);
   if (std::this_thread::get_id() == processing_thread_.get_id() || delivering_ != filter) return;
   delivered_.Wait(lock, [this, seen = deliveries_]()
                             REQUIRES(listeners_mutex_) { return deliveries_ != seen; });

@@ -69,8 +69,7 @@ class ClientMqttBase {
   /// subscribing now failed.
   CommsStatus AddListener(const std::string& filter, Listener listener);
   /// Takes a listener away and waits until it no longer runs (not when called by a listener
-  /// itself). The filter stays subscribed until the next connect; what still comes for it is logged
-  /// and dropped.
+  /// itself). The filter is no longer subscribed; what is still on its way is logged and dropped.
   void RemoveListener(const std::string& filter);
   /// Called on a thread of this client's for each LinkEvent; must not block or call this client.
   void SetLinkCallback(LinkCallback callback);
@@ -82,6 +81,9 @@ class ClientMqttBase {
 
   /// Subscribes one filter if there is a connection to do it on.
   virtual CommsStatus Subscribe(const std::string& filter) = 0;
+  /// Ends the subscription of one filter if there is a connection that has it. A failure is logged:
+  /// it ends with the connection at the latest.
+  virtual void Unsubscribe(const std::string& filter) = 0;
 
   /// For the library's arrival callbacks: copies what arrived over this link and queues it,
   /// dropping the oldest when the queue is full. `topic_length` 0: the topic ends at its NUL. A

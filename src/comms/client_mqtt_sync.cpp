@@ -216,6 +216,15 @@ CommsStatus ClientMqttSync::Subscribe(const std::string& filter) {
   return handle_ ? SubscribeLocked(filter) : CommsStatus::kNotInitialized;
 }
 
+void ClientMqttSync::Unsubscribe(const std::string& filter) {
+  if (!connected_) return;
+  const utils::MutexLock lock(api_mutex_);
+  if (!handle_) return;
+  const int code = TakeCode(MQTTClient_unsubscribe5(handle_.get(), filter.c_str(), nullptr));
+  if (code != MQTTCLIENT_SUCCESS)
+    VLOG_WARN(kTag, "{}: failed to unsubscribe topic {}, rc: {}", Name(), filter, code);
+}
+
 CommsStatus ClientMqttSync::SendRefusal() const {
   if (disconnecting_) {
     VLOG_WARN(kTag, "{}: client is disconnecting, cannot send", Name());

@@ -34,6 +34,7 @@ class ClientMqttSync : public ClientMqttBase {
 
  protected:
   CommsStatus Subscribe(const std::string& filter) override;
+  void Unsubscribe(const std::string& filter) override;
 
  private:
   friend struct SyncCallbacks;

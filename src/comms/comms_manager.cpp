@@ -37,7 +37,7 @@ CommsManager::~CommsManager() {
     if (client) client->AwaitClosed();
   }
   bridge_.reset();
-  rpc_clients_.clear();
+  notifiers_.clear();
   // The forwarders' threads call the server, whose workers forward answers.
   if (forwarders_) forwarders_->Stop();
   server_.reset();
@@ -100,8 +100,8 @@ CommsStatus CommsManager::BuildLife() {
   LocalSide side;
   const CommsStatus built = BuildLocalSide(side);
   {
-    const utils::MutexLock lock(rpc_clients_mutex_);
-    rpc_clients_[{kSystemNotification, ""}] = side.system_notifier;
+    const utils::MutexLock lock(notifiers_mutex_);
+    notifiers_[kSystemNotification] = side.system_notifier;
   }
   {
     const utils::MutexLock lock(state_mutex_);
@@ -218,7 +218,7 @@ bool CommsManager::AllowedFromCloud(const std::string& method) const {
 
 CommsStatus CommsManager::SendNotification(const std::string& topic, const std::string& method,
                                            Json params) {
-  const auto notifier = ClientOf({topic, ""});
+  const auto notifier = NotifierOf(topic);
   return notifier ? notifier->Notify(method, std::move(params)) : CommsStatus::kNotInitialized;
 }
 
@@ -232,25 +232,29 @@ CommsStatus CommsManager::PublishLocal(const std::string& topic, const Json& mes
 JsonRpcClient::CallResult CommsManager::CallLocal(const std::string& request_topic,
                                                   const std::string& method, Json params,
                                                   std::chrono::milliseconds timeout) {
-  const auto client = ClientOf({request_topic, ResponseTopicOf(request_topic)});
-  if (!client) return {CommsStatus::kNotInitialized, {}};
+  const auto local = Server() ? LocalClient() : nullptr;
+  if (!local) return {CommsStatus::kNotInitialized, {}};
+  const utils::MutexLock one(call_mutex_);
+  // It listens as long as it waits: the answers to others, of any length, come on the same topic.
+  JsonRpcClient client(request_topic);
+  if (const auto bound = client.Bind(local, {request_topic, ResponseTopicOf(request_topic)});
+      bound != CommsStatus::kOk)
+    return {bound, {}};
   // Other programs read the same answers: the number alone would be theirs too.
   const Json id = "varnel-" + std::to_string(::getpid()) + "-" + std::to_string(++calls_);
-  return client->Call(method, std::move(params), id, timeout);
+  return client.Call(method, std::move(params), id, timeout);
 }
 
-std::shared_ptr<JsonRpcClient> CommsManager::ClientOf(const MqttChannel& channel) {
+std::shared_ptr<JsonRpcClient> CommsManager::NotifierOf(const std::string& topic) {
   const auto local = Server() ? LocalClient() : nullptr;
   if (!local) return nullptr;
-  const utils::MutexLock lock(rpc_clients_mutex_);
-  std::shared_ptr<JsonRpcClient>& client =
-      rpc_clients_[{channel.request_topic, channel.response_topic}];
-  if (!client) {
-    client = std::make_shared<JsonRpcClient>(channel.request_topic);
-    // A subscription that fails now is made at the next connect.
-    (void)client->Bind(local, channel);
+  const utils::MutexLock lock(notifiers_mutex_);
+  std::shared_ptr<JsonRpcClient>& notifier = notifiers_[topic];
+  if (!notifier) {
+    notifier = std::make_shared<JsonRpcClient>(topic);
+    (void)notifier->Bind(local, {topic, ""});  // it subscribes to nothing
   }
-  return client;
+  return notifier;
 }
 
 void CommsManager::InitCloud(const std::string& name) {

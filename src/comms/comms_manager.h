@@ -1,13 +1,11 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <string>
-#include <utility>
 
 #include "comms/client_mqtt_base.h"
 #include "comms/cloud_bridge.h"
@@ -71,8 +69,9 @@ class CommsManager {
   /// Publishes on a topic of the local broker, at QoS 0.
   CommsStatus PublishLocal(const std::string& topic, const Json& message);
   /// Asks a program on the local broker and waits for its answer, on the request topic with
-  /// "request" replaced by "response". kTimeout without an answer in time. Not from a listener of
-  /// the local link: it could not be delivered there.
+  /// "request" replaced by "response". kTimeout without an answer in time. One call at a time; the
+  /// time counts when it is its turn. Not from a listener of the local link: it could not be
+  /// delivered there.
   JsonRpcClient::CallResult CallLocal(const std::string& request_topic, const std::string& method,
                                       Json params, std::chrono::milliseconds timeout);
 
@@ -117,7 +116,7 @@ class CommsManager {
   bool Stopped() const;
   static CommsStatus BindServer(JsonRpcServer& server,
                                 const std::shared_ptr<ClientMqttBase>& local);
-  std::shared_ptr<JsonRpcClient> ClientOf(const MqttChannel& channel);
+  std::shared_ptr<JsonRpcClient> NotifierOf(const std::string& topic);
   void OnLocalLost();
   void OnCloudEvent(const LinkEvent& event);
   bool AllowedFromCloud(const std::string& method) const;
@@ -134,16 +133,16 @@ class CommsManager {
   mutable utils::Mutex flags_mutex_;
   std::map<std::string, uint32_t, std::less<>> method_flags_ GUARDED_BY(flags_mutex_);
 
-  utils::Mutex rpc_clients_mutex_;
-  /// By request and response topic.
-  std::map<std::pair<std::string, std::string>, std::shared_ptr<JsonRpcClient>> rpc_clients_
-      GUARDED_BY(rpc_clients_mutex_);
+  utils::Mutex notifiers_mutex_;
+  std::map<std::string, std::shared_ptr<JsonRpcClient>> notifiers_
+      GUARDED_BY(notifiers_mutex_);  // by topic
 
   utils::Mutex callback_mutex_;
   std::function<void()> local_disconnect_ GUARDED_BY(callback_mutex_);
   ClientMqttBase::LinkCallback cloud_event_ GUARDED_BY(callback_mutex_);
 
-  std::atomic<uint64_t> calls_{0};
+  utils::Mutex call_mutex_;  // held over a call: its listener is the topic's only one
+  uint64_t calls_ GUARDED_BY(call_mutex_) = 0;
 
   // Made by InitLocal(); the clients' listeners use them, so they end after the links only.
   std::unique_ptr<ForwarderPool> forwarders_;

@@ -68,6 +68,11 @@ int PahoAsyncApi::Subscribe(MQTTAsync handle, const std::string& filter, int qos
   return MQTTAsync_subscribe(handle, filter.c_str(), qos, &options);
 }
 
+int PahoAsyncApi::Unsubscribe(MQTTAsync handle, const std::string& filter,
+                              MQTTAsync_responseOptions& options) {
+  return MQTTAsync_unsubscribe(handle, filter.c_str(), &options);
+}
+
 int PahoAsyncApi::Send(MQTTAsync handle, const std::string& topic, const MQTTAsync_message& message,
                        MQTTAsync_responseOptions& options) {
   return MQTTAsync_sendMessage(handle, topic.c_str(), &message, &options);

@@ -35,6 +35,8 @@ class PahoAsyncApi {
   virtual int Disconnect(MQTTAsync handle, const MQTTAsync_disconnectOptions& options);
   virtual int Subscribe(MQTTAsync handle, const std::string& filter, int qos,
                         MQTTAsync_responseOptions& options);
+  virtual int Unsubscribe(MQTTAsync handle, const std::string& filter,
+                          MQTTAsync_responseOptions& options);
   virtual int Send(MQTTAsync handle, const std::string& topic, const MQTTAsync_message& message,
                    MQTTAsync_responseOptions& options);
   virtual void Destroy(MQTTAsync handle);

@@ -15,9 +15,8 @@ class Permits {
 
   /// One permit, given back with the last copy; null when none is free.
   [[nodiscard]] std::shared_ptr<void> TryTake() {
-    const MutexLock lock(mutex_);
-    if (free_ == 0) return nullptr;
-    --free_;
+    if (!Take()) return nullptr;
+    // Outside the lock: without memory for it the permit goes back at once.
     return {this, [](Permits* permits) {
               const MutexLock back(permits->mutex_);
               ++permits->free_;
@@ -25,6 +24,13 @@ class Permits {
   }
 
  private:
+  bool Take() {
+    const MutexLock lock(mutex_);
+    if (free_ == 0) return false;
+    --free_;
+    return true;
+  }
+
   Mutex mutex_;
   int free_ GUARDED_BY(mutex_);
 };

@@ -67,6 +67,12 @@ TEST_F(MqttBrokerTest, DeliversByFilterAlsoToListenersAddedLater) {
   EXPECT_EQ(client->Send(std::string(65'536, 't'), Qos::kAtMostOnce, false, "x"),
             CommsStatus::kInvalidArgument);
   EXPECT_TRUE(Reaches(*client, "late", "3", box_));
+  client->RemoveListener("late");
+  EXPECT_TRUE(Reaches(*client, "early/x", "4", box_)) << "what was on its way has come";
+  const size_t dropped = log_.Count("MQTT", "a: no listener for topic: late");
+  (void)client->Send("late", Qos::kAtLeastOnce, false, "5");
+  EXPECT_TRUE(Reaches(*client, "early/x", "6", box_));
+  EXPECT_EQ(log_.Count("MQTT", "a: no listener for topic: late"), dropped);
   client->Disconnect();
   EXPECT_FALSE(client->IsConnected());
   EXPECT_NE(client->Send("q1", Qos::kAtMostOnce, false, "x"), CommsStatus::kOk);

@@ -263,6 +263,8 @@ TEST_F(CommsManagerTest, AsksAndTellsProgramsOnBothBrokers) {
   EXPECT_EQ(ask(std::chrono::seconds(20)).status, CommsStatus::kOk);
   Local().on_send = nullptr;
   EXPECT_EQ(ask(std::chrono::milliseconds(1)).status, CommsStatus::kTimeout);
+  EXPECT_EQ(Local().unsubscribed.Items(), std::vector<std::string>(3, "moonraker/response"))
+      << "other programs' answers are not ours to read";
   EXPECT_EQ(manager_.PublishLocal("any/topic", {{"a", 1}}), CommsStatus::kOk);
   EXPECT_EQ(Local().sent.Items().back().payload, R"({"a":1})");
   EXPECT_EQ(manager_.PublishCloud("SN1/notification", "x"), CommsStatus::kOk);

@@ -62,6 +62,9 @@ class FakePaho : public PahoAsyncApi {
     }
     return subscribe_code;
   }
+  int Unsubscribe(MQTTAsync, const std::string&, MQTTAsync_responseOptions&) override {
+    return MQTTASYNC_SUCCESS;
+  }
   int Send(MQTTAsync, const std::string&, const MQTTAsync_message& message,
            MQTTAsync_responseOptions& options) override {
     if (on_send) on_send();

@@ -84,6 +84,7 @@ class FakeMqttClient : public comms::ClientMqttBase {
   comms::MqttConnectSettings settings;
   Mailbox<SentMessage> sent;
   Mailbox<std::string> subscribed;
+  Mailbox<std::string> unsubscribed;
 
  protected:
   comms::CommsStatus Subscribe(const std::string& filter) override {
@@ -91,6 +92,7 @@ class FakeMqttClient : public comms::ClientMqttBase {
     subscribed.Put(filter);
     return subscribes ? comms::CommsStatus::kOk : comms::CommsStatus::kFailure;
   }
+  void Unsubscribe(const std::string& filter) override { unsubscribed.Put(filter); }
 };
 
 }  // namespace varnel::test

@@ -18,6 +18,7 @@ using nlohmann::json;
 constexpr const char* kTag = "UPGM";
 constexpr double kStallS = 10;
 constexpr int kAttempts = 3;
+constexpr auto kLimit = 60s;  // of all attempts: others wait for what they find
 constexpr size_t kMaxUptimeBytes = 128;
 
 /// Empty for what is no address of the web.
@@ -33,19 +34,22 @@ std::string Uptime() {
   return text.substr(0, text.find(' '));
 }
 
-/// Takes a small file.
+/// Takes a small file, up to a time: one that drips would never stall.
 class TextSink : public RangeSink {
  public:
-  explicit TextSink(std::string& text) : text_(text) {}
+  TextSink(std::string& text, const utils::Clock& clock, utils::Clock::TimePoint deadline)
+      : text_(text), clock_(clock), deadline_(deadline) {}
   bool Begin(const RangeStart&) override { return true; }
   bool Take(const char* data, size_t size) override {
     text_.append(data, size);
     return true;
   }
-  bool GoOn(int64_t) override { return true; }
+  bool GoOn(int64_t) override { return clock_.Now() < deadline_; }
 
  private:
   std::string& text_;
+  const utils::Clock& clock_;
+  const utils::Clock::TimePoint deadline_;
 };
 
 }  // namespace
@@ -76,14 +80,16 @@ std::optional<FirmwareCatalogue::Addresses> FirmwareCatalogue::AskAddresses() co
 }
 
 bool FirmwareCatalogue::Fetch(const std::string& url, std::string& text) const {
+  const auto deadline = setup_.clock->Now() + kLimit;
   for (int attempt = 1;; ++attempt) {
     text.clear();
-    TextSink sink(text);
+    TextSink sink(text, *setup_.clock, deadline);
     const RangeResult result =
         setup_.http->Download({url, 0, {}, FirmwareDescription::kMaxBytes, kStallS}, sink);
     if (result.code == CURLE_OK) return true;
-    if (attempt == kAttempts || !result.IsNetwork() || !setup_.pause(attempt == 1 ? 1s : 2s))
-      return false;
+    const bool may_succeed =
+        attempt < kAttempts && result.IsNetwork() && setup_.clock->Now() < deadline;
+    if (!may_succeed || !setup_.pause(attempt == 1 ? 1s : 2s)) return false;
   }
 }
 
@@ -129,15 +135,14 @@ void FirmwareCatalogue::Compare(FirmwareOffer& offer) const {
     VLOG_INFO(kTag, "The local and remote version numbers are the same.");
   }
   VLOG_INFO(kTag, "System uptime is {}", Uptime());
-  const auto file = setup_.store->Firmware(remote);
+  FindDownloaded(offer);
+}
+
+void FirmwareCatalogue::FindDownloaded(FirmwareOffer& offer) const {
+  const auto file = setup_.store->Firmware(offer.description.fullversion);
   std::error_code error;
-  if (std::filesystem::exists(std::filesystem::symlink_status(file, error))) {
-    offer.has_downloaded = setup_.check->CheckFirmwareFile(file, offer.description);
-    if (!offer.has_downloaded && !setup_.in_use(remote)) std::filesystem::remove(file, error);
-  }
-  if (offer.has_downloaded)
-    setup_.store->RemovePart(remote);  // of a run that ended before it could
-  setup_.store->RemoveOthers(remote, setup_.in_use);
+  offer.has_downloaded = std::filesystem::exists(std::filesystem::symlink_status(file, error)) &&
+                         setup_.check->CheckFirmwareFile(file, offer.description);
 }
 
 }  // namespace varnel::service

@@ -30,9 +30,8 @@ struct CatalogueSetup {
   /// The cloud's record of the firmware; nothing when it does not answer.
   std::function<std::optional<nlohmann::json>()> ask_record{};
   std::function<std::string()> local_fullversion{};
-  /// A firmware or a part of it that must not be removed.
-  std::function<bool(const std::string& fullversion)> in_use{};
   std::function<bool(std::chrono::milliseconds time)> pause{};  ///< false: it is to end
+  const utils::Clock* clock = nullptr;
 };
 
 /// Looks up what firmware there is. One look at a time.
@@ -40,8 +39,10 @@ class FirmwareCatalogue {
  public:
   explicit FirmwareCatalogue(CatalogueSetup setup) : setup_(std::move(setup)) {}
 
-  /// Talks to the cloud; removes firmware of other versions.
+  /// Talks to the cloud; reads what is there of what it offers.
   [[nodiscard]] FirmwareOffer Look() const;
+  /// Looks again whether the offered firmware is there.
+  void FindDownloaded(FirmwareOffer& offer) const;
 
  private:
   struct Addresses {

@@ -19,6 +19,7 @@ namespace varnel::service {
 namespace {
 
 constexpr const char* kTag = "UPGM";
+constexpr const char* kWrongSignature = "the signature is wrong";
 constexpr size_t kBlockBytes = size_t{1} << 20U;
 
 using VerifyContext = utils::Owned<EVP_MD_CTX, EVP_MD_CTX_free>;
@@ -49,7 +50,9 @@ bool FirmwareCheck::CheckFirmwareFile(const std::filesystem::path& file,
   if (!opened) return false;
   if (reading == Reading::kOnceAFile && IsKnown(opened->info, description)) return true;
   const auto digests = Read(opened->fd.Get());
-  return digests && Judge(*opened, description, *digests);
+  const bool good = digests && Judge(*opened, description, *digests);
+  if (!good) Forget(opened->info);
+  return good;
 }
 
 bool FirmwareCheck::CheckWrittenFile(const std::filesystem::path& file,
@@ -95,6 +98,18 @@ bool FirmwareCheck::Judge(const Opened& opened, const FirmwareDescription& descr
   return true;
 }
 
+/// What failed once is not good because of an earlier reading.
+void FirmwareCheck::Forget(const struct stat& info) {
+  const utils::MutexLock lock(mutex_);
+  if (known_ && IsSameFile(known_->info, info)) known_.reset();
+}
+
+bool FirmwareCheck::MayPass(const FirmwareDescription& description) const {
+  if (!WantsSha256() || !description.signature.empty()) return true;
+  VLOG_ERROR(kTag, "CheckFirmwareFile: {}", kWrongSignature);
+  return false;
+}
+
 /// A new name is a change of the inode, and nobody but us may enter the directory.
 void FirmwareCheck::Follow(const std::filesystem::path& file) {
   struct stat info {};
@@ -134,7 +149,7 @@ bool FirmwareCheck::IsSigned(const std::string& sha256, const std::string& signa
                        reinterpret_cast<const unsigned char*>(sha256.data()), sha256.size()) == 1;
   if (good) return true;
   VLOG_ERROR(kTag, "CheckFirmwareFile: {}",
-             !key ? "the key of the deployment settings cannot be read" : "the signature is wrong");
+             !key ? "the key of the deployment settings cannot be read" : kWrongSignature);
   return false;
 }
 

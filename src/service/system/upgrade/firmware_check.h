@@ -38,6 +38,10 @@ class FirmwareCheck {
   /// Whether digests of a firmware need SHA-256 too.
   [[nodiscard]] bool WantsSha256() const { return !key_file_.empty(); }
 
+  /// False for a description that lacks the signature which is asked for: no file can be its
+  /// firmware. Logged.
+  [[nodiscard]] bool MayPass(const FirmwareDescription& description) const;
+
   /// We have renamed the file that was found good last to this.
   void Follow(const std::filesystem::path& file);
 
@@ -58,6 +62,7 @@ class FirmwareCheck {
   [[nodiscard]] bool Judge(const Opened& opened, const FirmwareDescription& description,
                            const FirmwareDigests& digests);
   [[nodiscard]] bool IsKnown(const struct stat& info, const FirmwareDescription& description) const;
+  void Forget(const struct stat& info);
   [[nodiscard]] std::optional<FirmwareDigests> Read(int fd) const;
   [[nodiscard]] bool IsSigned(const std::string& sha256, const std::string& signature) const;
 

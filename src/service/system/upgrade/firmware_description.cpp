@@ -16,8 +16,9 @@ constexpr const char* kTag = "UPGM";
 constexpr size_t kMaxName = 128;
 constexpr size_t kMd5Digits = 32;
 
+/// Names that begin with a dot are those of temporary files.
 bool IsFileName(const std::string& name) {
-  return !name.empty() && name.size() <= kMaxName &&
+  return !name.empty() && name.front() != '.' && name.size() <= kMaxName &&
          std::all_of(name.begin(), name.end(),
                      [](char c) { return c >= ' ' && c <= '~' && c != '/'; });
 }

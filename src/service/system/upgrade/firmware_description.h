@@ -14,7 +14,7 @@ struct FirmwareDescription {
   static constexpr uint64_t kMaxSize = uint64_t{1} << 40U;
 
   std::string version{};
-  std::string fullversion{};  ///< part of a file's name: printable, without "/"
+  std::string fullversion{};  ///< part of a file's name: printable, without "/", no "." first
   uint64_t size = 0;          ///< bytes, 1 to kMaxSize
   std::string md5{};          ///< 32 lower-case hexadecimal digits
   nlohmann::json release_notes{};

@@ -55,6 +55,7 @@ bool FirmwareDownload::Tell(int64_t position) {
 }
 
 DownloadOutcome FirmwareDownload::Run(std::string url) {
+  if (!setup_.check->MayPass(description_)) return Refuse();
   const auto size = static_cast<int64_t>(description_.size);
   while (part_.Why() == FirmwarePart::Problem::kNone && part_.Position() < size) {
     if (!part_.HasRoom()) {
@@ -73,6 +74,10 @@ DownloadOutcome FirmwareDownload::Run(std::string url) {
 std::optional<DownloadOutcome> FirmwareDownload::Judge(const RangeResult& result,
                                                        std::string& url) {
   using Problem = FirmwarePart::Problem;
+  if (part_.Beginnings() != std::exchange(beginnings_, part_.Beginnings())) {
+    furthest_ = 0;
+    fresh_at_ = -1;
+  }
   if (part_.Why() == Problem::kWrongSize || result.too_long) return Refuse();
   if (part_.Why() != Problem::kNone) return Failed(result.code);
   if (result.code == CURLE_OK) return AfterAll(result);
@@ -88,23 +93,22 @@ std::optional<DownloadOutcome> FirmwareDownload::Judge(const RangeResult& result
     whole_ = true;
     return std::nullopt;
   }
-  return result.IsNetwork() ? AfterNetwork() : Failed(result.code);
+  return result.IsNetwork() ? AfterNetwork(result.code) : Failed(result.code);
 }
 
 /// A range may be shorter than what was asked for.
 std::optional<DownloadOutcome> FirmwareDownload::AfterAll(const RangeResult& result) {
   const bool is_part =
       result.status == kPartial && part_.Position() < static_cast<int64_t>(description_.size);
-  return is_part ? AfterNetwork() : Finish();
+  return is_part ? AfterNetwork(CURLE_PARTIAL_FILE) : Finish();
 }
 
-std::optional<DownloadOutcome> FirmwareDownload::AfterNetwork() {
-  if (part_.Beginnings() != std::exchange(beginnings_, part_.Beginnings())) furthest_ = 0;
+std::optional<DownloadOutcome> FirmwareDownload::AfterNetwork(int code) {
   idle_ = part_.Position() > furthest_ && beginnings_ <= kMostBeginnings ? 0 : idle_ + 1;
   furthest_ = std::max(furthest_, part_.Position());
   if (!part_.Sync()) return Failed(CURLE_WRITE_ERROR);
   if (idle_ < kIdleAttempts && setup_.pause(idle_ < 2 ? 1s : 2s)) return std::nullopt;
-  VLOG_ERROR(kTag, "Download failed! ret= {}", static_cast<int>(CURLE_ABORTED_BY_CALLBACK));
+  VLOG_ERROR(kTag, "Download failed! ret= {}", code);
   return DownloadOutcome::kNetworkAbort;
 }
 

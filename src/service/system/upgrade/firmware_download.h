@@ -46,7 +46,7 @@ class FirmwareDownload {
   /// Nothing: once more.
   [[nodiscard]] std::optional<DownloadOutcome> Judge(const RangeResult& result, std::string& url);
   [[nodiscard]] std::optional<DownloadOutcome> AfterAll(const RangeResult& result);
-  [[nodiscard]] std::optional<DownloadOutcome> AfterNetwork();
+  [[nodiscard]] std::optional<DownloadOutcome> AfterNetwork(int code);
   [[nodiscard]] DownloadOutcome Failed(int code) const;
   [[nodiscard]] DownloadOutcome Finish();
   [[nodiscard]] DownloadOutcome Refuse() const;

@@ -93,6 +93,11 @@ void FirmwareStore::RemoveOthers(
   }
 }
 
+void FirmwareStore::RemoveFirmware(const std::string& fullversion) const {
+  std::error_code error;
+  fs::remove(Firmware(fullversion), error);
+}
+
 void FirmwareStore::RemovePart(const std::string& fullversion) const {
   std::error_code error;
   fs::remove(PartRecord(fullversion), error);

@@ -33,6 +33,7 @@ class FirmwareStore {
   /// Removes firmware of other versions and parts of it, but what is in use.
   void RemoveOthers(const std::string& fullversion,
                     const std::function<bool(const std::string& fullversion)>& in_use) const;
+  void RemoveFirmware(const std::string& fullversion) const;
   /// Removes a part and what is known of it.
   void RemovePart(const std::string& fullversion) const;
 

@@ -5,9 +5,9 @@
 #include <system_error>
 #include <utility>
 
-#include "comms/json_rpc_message.h"
 #include "comms/log_payload.h"
 #include "service/system/upgrade/printer_state.h"
+#include "service/system/upgrade/upgrade_requests.h"
 #include "utils/atomic_file.h"
 #include "utils/log.h"
 #include "utils/log_text.h"
@@ -17,18 +17,13 @@ namespace varnel::service {
 namespace {
 
 using namespace std::chrono_literals;
-using comms::MakeError;
-using comms::RpcError;
 using nlohmann::json;
 
 constexpr const char* kTag = "UPGM";
+constexpr const char* kUpgradeFailed = "system upgrade failed";
 constexpr uint32_t kFromCloud = 1;
 constexpr size_t kLoggedBytes = 1024;
 constexpr std::chrono::milliseconds kLook = 2s;
-
-json InvalidParam(const char* message) {
-  return MakeError(RpcError::kInvalidParams, message);
-}
 
 json Failed(const char* message) {
   return {{"state", "failed"}, {"message", message}};
@@ -60,8 +55,8 @@ UpgradeManager::UpgradeManager(UpgradeSetup setup)
                   .is_connected = setup_.is_connected,
                   .ask_record = setup_.ask_record,
                   .local_fullversion = setup_.local_fullversion,
-                  .in_use = [this](const std::string& version) { return IsInUse(version); },
-                  .pause = [this](std::chrono::milliseconds time) { return Pause(time); }}) {}
+                  .pause = [this](std::chrono::milliseconds time) { return Pause(time); },
+                  .clock = &clock_}) {}
 
 UpgradeManager::~UpgradeManager() {
   {
@@ -95,7 +90,6 @@ comms::CommsStatus UpgradeManager::Start() {
     if (status != comms::CommsStatus::kOk) return status;
   }
   VLOG_INFO(kTag, "Upgrade management initialized via CommsManager.");
-  (void)store_.Prepare();
   StartTellingEarlierUpgrade();
   VLOG_INFO(kTag, "UpgradeManager initialization completed.");
   return comms::CommsStatus::kOk;
@@ -111,38 +105,74 @@ bool UpgradeManager::StartThread(std::jthread& thread, const char* name, Body bo
   try {
     thread = utils::SpawnGuarded(name, kTag, std::move(body));
     return true;
-  } catch (const std::system_error& error) {
+  } catch (const std::exception& error) {  // no memory, or no thread left
     VLOG_ERROR(kTag, "No thread {}: {}", name, error.what());
     return false;
   }
 }
 
-FirmwareOffer UpgradeManager::LastOffer() const {
-  const utils::MutexLock lock(mutex_);
-  return offer_;
-}
-
-void UpgradeManager::SetState(FirmwareState state) {
-  const utils::MutexLock lock(mutex_);
-  state_ = state;
+FirmwareState UpgradeManager::State() const {
+  if (!fetched_.empty()) return FirmwareState::kDownload;
+  if (!offer_.has_new) return FirmwareState::kNone;
+  if (offer_.has_downloaded) return FirmwareState::kDownloaded;
+  return failed_ ? FirmwareState::kFailed : FirmwareState::kNew;
 }
 
 bool UpgradeManager::IsInUse(const std::string& fullversion) const {
-  const utils::MutexLock lock(mutex_);
   return fetched_ == fullversion || flashed_ == store_.Firmware(fullversion);
 }
 
+template <class Member>
+Member UpgradeManager::Read(Member UpgradeManager::*member) const {
+  const utils::MutexLock lock(mutex_);
+  return this->*member;
+}
+
 FirmwareOffer UpgradeManager::CheckNow() {
+  uint64_t changes = Read(&UpgradeManager::changes_);
   FirmwareOffer offer;
   if (store_.Prepare()) offer = catalogue_.Look();
-  const utils::MutexLock lock(mutex_);
-  offer_ = offer;
-  if (offer.good && state_ != FirmwareState::kDownload) {
-    state_ = !offer.has_new         ? FirmwareState::kNone
-             : offer.has_downloaded ? FirmwareState::kDownloaded
-                                    : FirmwareState::kNew;
-  }
+  while (!Publish(offer, changes)) catalogue_.FindDownloaded(offer);
+  // At the end what was not read to its end is not bad.
+  if (offer.good && !stopping_) RemoveOld(offer.description.fullversion);
   return offer;
+}
+
+/// False: what is there has changed since, and has to be looked at again.
+bool UpgradeManager::Publish(const FirmwareOffer& offer, uint64_t& changes) {
+  const utils::MutexLock lock(mutex_);
+  if (offer.good && std::exchange(changes, changes_) != changes_) return false;
+  offer_ = offer;
+  failed_ = false;
+  ++looks_;
+  return true;
+}
+
+/// After the offer was published: by now nobody is let begin with what goes here, and downloads
+/// wait for the look to end.
+void UpgradeManager::RemoveOld(const std::string& offered) {
+  bool is_free = false;
+  bool is_here = false;
+  bool is_ours = false;
+  {
+    const utils::MutexLock lock(mutex_);
+    is_free = !IsInUse(offered);
+    is_here = offer_.has_downloaded;
+    is_ours = !offer_.has_new;
+  }
+  if (is_free && !is_here) store_.RemoveFirmware(offered);
+  if (is_free && (is_here || is_ours)) store_.RemovePart(offered);
+  store_.RemoveOthers(offered, [this](const std::string& version) {
+    const utils::MutexLock lock(mutex_);
+    return IsInUse(version);
+  });
+}
+
+/// Who comes while another one looks waits for what that finds.
+void UpgradeManager::Check() {
+  const uint64_t seen = Read(&UpgradeManager::looks_);
+  const utils::MutexLock one(check_mutex_);
+  if (Read(&UpgradeManager::looks_) == seen) (void)CheckNow();
 }
 
 void UpgradeManager::StartCheckRemoteFirmware() {
@@ -156,66 +186,37 @@ void UpgradeManager::StartCheckRemoteFirmware() {
 }
 
 void UpgradeManager::CheckRemoteFirmware() {
+  const std::shared_ptr<void> at_end(nullptr, [this](void*) { checking_ = false; });
   VLOG_INFO(kTag, "Check remote firmware task start.");
   while (!setup_.is_connected()) {
     if (!Pause(kLook)) break;
   }
   if (!stopping_) {
-    FirmwareOffer offer;
-    {
-      const utils::MutexLock one(check_mutex_);
-      offer = CheckNow();
-    }
+    Check();
+    const FirmwareOffer offer = Read(&UpgradeManager::offer_);
     VLOG_INFO(kTag, "Check remote firmware result, check new: {}, has new: {}, has downloaded: {}",
               offer.good, offer.has_new, offer.has_downloaded);
-    const bool is_downloading = [this] {
-      const utils::MutexLock lock(mutex_);
-      return state_ == FirmwareState::kDownload;
-    }();
-    notifier_.Offer(offer, is_downloading);
+    notifier_.Offer(offer, !Read(&UpgradeManager::fetched_).empty());
   }
   VLOG_INFO(kTag, "Check remote firmware task end.");
-  checking_ = false;
 }
 
 json UpgradeManager::ReqCallbackCheckRemote(const json&) {
-  FirmwareOffer offer = LastOffer();
-  // Who comes while another one looks, or finds both turns at the cloud taken, gets what was found
-  // last: no worker waits for another one's answer.
-  if (const auto turn = setup_.take_turn(); turn && check_mutex_.TryLock()) {
-    const utils::MutexLock one(check_mutex_, std::adopt_lock);
-    offer = CheckNow();
-  }
+  // Who finds both turns at the cloud taken gets what was found last: no third worker waits.
+  if (const auto turn = setup_.take_turn()) Check();
   const utils::MutexLock lock(mutex_);
-  return {{"state", offer.good ? "success" : "failed"},
-          {"has_new", offer.has_new},
-          {"version", offer.description.version},
-          {"fullversion", offer.description.fullversion},
-          {"size", offer.description.size},
-          {"url", offer.url},
-          {"has_downloaded", offer.has_downloaded},
-          {"is_downloading", state_ == FirmwareState::kDownload},
-          {"release_notes", offer.good ? offer.description.release_notes : json(std::string())}};
+  return AnswerOf(offer_, !fetched_.empty());
 }
 
 json UpgradeManager::ReqCallbackDownloadFirmware(const json& params) {
-  if (!params.is_null() && !params.is_object()) {
-    VLOG_ERROR(kTag, "method: system.upgrade_download_firmware, invalid parameter");
-    return InvalidParam("Invalid params");
-  }
-  if (!params.contains("fullversion")) return InvalidParam("Missing required param: fullversion");
-  if (!params["fullversion"].is_string()) {
-    VLOG_ERROR(kTag, "method: system.upgrade_download_firmware, invalid parameter");
-    return InvalidParam("Invalid params");
-  }
-  const auto fullversion = params["fullversion"].get<std::string>();
+  if (auto error = ErrorInDownload(params)) return *std::move(error);
+  auto fullversion = params["fullversion"].get<std::string>();
   if (const char* refusal = BeginDownload(fullversion)) return Failed(refusal);
   const utils::MutexLock lock(threads_mutex_);
-  if (StartThread(download_thread_, "firmware", [this, fullversion] { Download(fullversion); }))
+  if (StartThread(download_thread_, "firmware",
+                  [this, version = std::move(fullversion)] { Download(version); }))
     return Success();
-  const utils::MutexLock state(mutex_);
-  state_ = FirmwareState::kFailed;
-  fetched_.clear();
+  EndDownload({}, false);
   return Failed(ReasonOf(DownloadOutcome::kFailed));
 }
 
@@ -229,49 +230,55 @@ const char* UpgradeManager::BeginDownload(const std::string& fullversion) {
     return "unsupported fullversion";
   }
   if (upgrading_) return "upgrade is running";
-  if (state_ != FirmwareState::kNew && state_ != FirmwareState::kFailed) {
+  if (const auto state = State(); state != FirmwareState::kNew && state != FirmwareState::kFailed) {
     VLOG_WARN(kTag, "Firmware state is {}, no longer repeat the download process.",
-              static_cast<int>(state_));
-    return state_ == FirmwareState::kNone       ? "no new version"
-           : state_ == FirmwareState::kDownload ? "firmware is being downloaded"
-                                                : "firmware is already downloaded";
+              static_cast<int>(state));
+    return state == FirmwareState::kNone       ? "no new version"
+           : state == FirmwareState::kDownload ? "firmware is being downloaded"
+                                               : "firmware is already downloaded";
   }
   if (!prepared) return ReasonOf(DownloadOutcome::kFailed);
-  state_ = FirmwareState::kDownload;
   fetched_ = fullversion;
   return nullptr;
 }
 
+void UpgradeManager::EndDownload(const FirmwareDescription& wanted, bool good) {
+  const utils::MutexLock lock(mutex_);
+  // Another one may be offered by now.
+  const bool is_offered = offer_.description.IsSameFirmware(wanted);
+  if (is_offered && good) offer_.has_downloaded = true;
+  failed_ = is_offered && !good;
+  fetched_.clear();
+  ++changes_;
+}
+
 void UpgradeManager::Download(const std::string& fullversion) {
   DownloadOutcome outcome = DownloadOutcome::kFailed;
-  FirmwareDescription wanted{.fullversion = fullversion};
+  FirmwareDescription wanted;
   try {
-    outcome = Fetch(wanted);
+    outcome = Fetch(fullversion, wanted);
   } catch (const std::exception& error) {
     VLOG_ERROR(kTag, "The download ends: {}", utils::LogText(error.what()));
   }
   const bool good = outcome == DownloadOutcome::kSuccess;
-  {
-    const utils::MutexLock lock(mutex_);
-    // Another one may be offered by now.
-    const bool offered = offer_.description.IsSameFirmware(wanted);
-    state_ = !good     ? FirmwareState::kFailed
-             : offered ? FirmwareState::kDownloaded
-                       : FirmwareState::kNew;
-    offer_.has_downloaded = good && offered;
-    fetched_.clear();
-  }
+  EndDownload(wanted, good);
   (void)notifier_.Outcome(good ? "success" : "failed", ReasonOf(outcome));
 }
 
-DownloadOutcome UpgradeManager::Fetch(FirmwareDescription& wanted) {
-  const auto look = [this] {
-    const utils::MutexLock one(check_mutex_);
-    return CheckNow();
-  };
-  // The addresses may be signed, and old.
-  const FirmwareOffer offer = look();
-  if (!offer.good || offer.description.fullversion != wanted.fullversion)
+/// The addresses may be signed, and old.
+FirmwareOffer UpgradeManager::LookForDownload(const std::string& fullversion) {
+  const utils::MutexLock one(check_mutex_);
+  FirmwareOffer offer = CheckNow();
+  // What is not good would take up room, and who still reads it later might take the new one for
+  // it. Other looks leave it to its download.
+  const bool is_wanted = offer.good && offer.description.fullversion == fullversion;
+  if (is_wanted && !offer.has_downloaded && !stopping_) store_.RemoveFirmware(fullversion);
+  return offer;
+}
+
+DownloadOutcome UpgradeManager::Fetch(const std::string& fullversion, FirmwareDescription& wanted) {
+  const FirmwareOffer offer = LookForDownload(fullversion);
+  if (!offer.good || offer.description.fullversion != fullversion)
     return DownloadOutcome::kOtherVersion;
   wanted = offer.description;
   if (offer.has_downloaded) {
@@ -292,7 +299,7 @@ DownloadOutcome UpgradeManager::Fetch(FirmwareDescription& wanted) {
              notifier_.Progress("downloading", percent);
            },
        .fresh_url = [&]() -> std::optional<std::string> {
-         const FirmwareOffer again = look();
+         const FirmwareOffer again = LookForDownload(fullversion);
          const bool same = again.good && again.description.IsSameFirmware(offer.description);
          return same ? std::optional(again.url) : std::nullopt;
        },
@@ -303,30 +310,32 @@ DownloadOutcome UpgradeManager::Fetch(FirmwareDescription& wanted) {
 }
 
 json UpgradeManager::ReqCallbackUpgrade(const json& params) {
-  const auto invalid = [] {
-    VLOG_ERROR(kTag, "method: system.upgrade, invalid parameter");
-    return InvalidParam("Invalid params");
-  };
-  if (!params.is_null() && !params.is_object()) return invalid();
-  if (!params.contains("type")) return InvalidParam("Missing required param: type");
-  if (!params["type"].is_string()) return invalid();
-  if (params["type"] != "local" && params["type"] != "remote")
-    return InvalidParam("Invalid 'type' parameter, must be 'local' or 'remote'");
-  if (params["type"] == "local" && !params.contains("filepath"))
-    return InvalidParam("Missing required param: filepath");
-  if (params["type"] == "local" && !params["filepath"].is_string()) return invalid();
+  if (auto error = ErrorInUpgrade(params)) return *std::move(error);
   const char* refusal = nullptr;
-  const auto package = BeginUpgrade(params, refusal);
+  auto package = BeginUpgrade(params, refusal);
   if (!package) return Failed(refusal);
-  if (IsPrinting(*setup_.comms)) {
-    EndUpgrade();
-    return Failed("printer is printing");
-  }
+  auto claim = Claim();
+  refusal = PrinterRefusal();
+  if (refusal != nullptr) return Failed(refusal);
   const utils::MutexLock lock(threads_mutex_);
-  if (StartThread(upgrade_thread_, "upgrade", [this, package] { Upgrade(*package); }))
-    return Success();
-  EndUpgrade();
-  return Failed("system upgrade failed");
+  const bool begun = StartThread(
+      upgrade_thread_, "upgrade",
+      [this, package = *std::move(package), claim = std::move(claim)] { Upgrade(package); });
+  return begun ? Success() : Failed(kUpgradeFailed);
+}
+
+/// Of the upgrade that has begun: ends it.
+std::shared_ptr<void> UpgradeManager::Claim() {
+  return {nullptr, [this](void*) {
+            const utils::MutexLock lock(mutex_);
+            flashed_.clear();
+            upgrading_ = false;
+          }};
+}
+
+const char* UpgradeManager::PrinterRefusal() {
+  return service::PrinterRefusal(*setup_.comms, clock_,
+                                 [this](std::chrono::milliseconds time) { return Pause(time); });
 }
 
 std::optional<std::filesystem::path> UpgradeManager::LocalPackage(const json& params) const {
@@ -342,80 +351,79 @@ std::optional<UpgradeManager::Package> UpgradeManager::BeginUpgrade(const json& 
   const bool is_local = params["type"] == "local";
   const auto local = is_local ? LocalPackage(params) : std::nullopt;
   const utils::MutexLock lock(mutex_);
-  refusal = upgrading_                             ? "upgrade is running"
-            : is_local && !local                   ? "file not found"
-            : is_local                             ? nullptr
-            : !offer_.good                         ? "check new version failed"
-            : state_ != FirmwareState::kDownloaded ? "firmware has not been downloaded"
-                                                   : nullptr;
+  refusal = upgrading_                              ? "upgrade is running"
+            : is_local && !local                    ? "file not found"
+            : is_local                              ? nullptr
+            : !offer_.good                          ? "check new version failed"
+            : State() != FirmwareState::kDownloaded ? "firmware has not been downloaded"
+                                                    : nullptr;
   if (refusal != nullptr) return std::nullopt;
   Package package =
       is_local ? Package{*local, std::nullopt}
                : Package{store_.Firmware(offer_.description.fullversion), offer_.description};
-  upgrading_ = true;
   flashed_ = package.file;
+  upgrading_ = true;  // last: nothing fails from here on
   return package;
 }
 
-void UpgradeManager::EndUpgrade() {
-  const utils::MutexLock lock(mutex_);
-  flashed_.clear();
-  upgrading_ = false;
-}
-
 void UpgradeManager::Upgrade(const Package& package) {
-  const std::shared_ptr<void> at_end(nullptr, [this](void*) { EndUpgrade(); });
+  UpgradeRecord record;
+  bool recorded = false;
   try {
-    Flash(package);
+    record = {package.file.string(), setup_.local_fullversion(),
+              package.description ? package.description->fullversion : "", ""};
+    notifier_.Progress("upgrading", 0);
+    // From now on the next start tells the outcome if this one cannot.
+    recorded = store_.Prepare() && record.Save(store_.UpgradeRecord());
+    if (!recorded) VLOG_ERROR(kTag, "{} cannot be written", store_.UpgradeRecord().string());
+    std::string outcome = recorded ? Flash(package) : kUpgradeFailed;
+    if (stopping_) return;
+    record.outcome = std::move(outcome);
   } catch (const std::exception& error) {
     VLOG_ERROR(kTag, "System upgrade failed: {}", utils::LogText(error.what()));
-    (void)notifier_.Outcome("failed", "upgrade", "system upgrade failed");
+    record.outcome = kUpgradeFailed;
   }
+  if (recorded) (void)record.Save(store_.UpgradeRecord());
+  if (TellOutcome(record) && recorded) ForgetOutcome();
 }
 
-void UpgradeManager::Flash(const Package& package) {
-  notifier_.Progress("upgrading", 0);
-  const bool prepared = store_.Prepare();
-  if (package.description &&
-      !(prepared && check_.CheckFirmwareFile(package.file, *package.description,
-                                             FirmwareCheck::Reading::kAlways))) {
-    VLOG_ERROR(kTag, "Downloaded firmware check failed.");
-    SetState(FirmwareState::kFailed);
-    (void)notifier_.Outcome("failed", ReasonOf(DownloadOutcome::kCheckFailed));
-    return;
+std::string UpgradeManager::Flash(const Package& package) {
+  if (package.description) {
+    if (!IsStillGood(package)) return ReasonOf(DownloadOutcome::kCheckFailed);
+    // A print may have begun while the package was read.
+    if (const char* refusal = PrinterRefusal()) return refusal;
   }
-  UpgradeRecord record{package.file.string(), setup_.local_fullversion(),
-                       package.description ? package.description->fullversion : "", ""};
-  auto status = hal_adapter::HalStatus::kFailure;
-  // Without it the next start would not know that the script runs.
-  if (prepared && record.Save(store_.UpgradeRecord())) {
-    status = setup_.upgrade(package.file.string());
-  } else {
-    VLOG_ERROR(kTag, "{} cannot be written", store_.UpgradeRecord().string());
-  }
-  if (stopping_) return;
-  const bool good = status == hal_adapter::HalStatus::kSuccess;
-  if (!good) VLOG_ERROR(kTag, "System upgrade failed: {}", hal_adapter::hal_error_string(status));
-  record.outcome = good ? "success" : "failed";
-  (void)record.Save(store_.UpgradeRecord());
-  TellOutcome(record);
+  const auto status = setup_.upgrade(package.file.string());
+  if (status == hal_adapter::HalStatus::kSuccess) return "success";
+  VLOG_ERROR(kTag, "System upgrade failed: {}", hal_adapter::hal_error_string(status));
+  return kUpgradeFailed;
 }
 
-void UpgradeManager::TellOutcome(const UpgradeRecord& record) {
-  const auto tell = [&] {
-    if (!setup_.comms->IsLocalConnected()) return false;
-    if (record.outcome == "success") return notifier_.Outcome("success", "upgrade");
-    if (record.outcome == "failed")
-      return notifier_.Outcome("failed", "upgrade", "system upgrade failed");
-    return notifier_.Outcome("warning", "upgrade", "upgrade result is unknown");
-  };
-  while (!tell()) {
-    if (!Pause(kLook)) return;
+bool UpgradeManager::IsStillGood(const Package& package) {
+  if (check_.CheckFirmwareFile(package.file, *package.description, FirmwareCheck::Reading::kAlways))
+    return true;
+  VLOG_ERROR(kTag, "Downloaded firmware check failed.");
+  const utils::MutexLock lock(mutex_);
+  ++changes_;
+  if (offer_.description.IsSameFirmware(*package.description)) {
+    offer_.has_downloaded = false;
+    failed_ = true;
+  }
+  return false;
+}
+
+bool UpgradeManager::TellOutcome(const UpgradeRecord& record) {
+  while (!setup_.comms->IsLocalConnected() || !notifier_.Ended(record.outcome)) {
+    if (!Pause(kLook)) return false;
   }
   if (record.outcome == "success") {
     VLOG_INFO(kTag, "Send notify_system_upgrade done, upgrade filepath = {}",
               utils::LogText(record.package));
   }
+  return true;
+}
+
+void UpgradeManager::ForgetOutcome() const {
   std::error_code error;
   std::filesystem::remove(store_.UpgradeRecord(), error);
   if (!error) error = utils::SyncDirectory(store_.Directory());
@@ -424,28 +432,28 @@ void UpgradeManager::TellOutcome(const UpgradeRecord& record) {
 
 /// There may be a script that runs, with a record or without one.
 void UpgradeManager::StartTellingEarlierUpgrade() {
-  const auto record = UpgradeRecord::Load(store_.UpgradeRecord());
+  const auto record = store_.Prepare() ? UpgradeRecord::Load(store_.UpgradeRecord()) : std::nullopt;
   if (!record && !setup_.is_running("")) return;
   {
     const utils::MutexLock lock(mutex_);
-    upgrading_ = true;
     if (record) flashed_ = record->package;
+    upgrading_ = true;
   }
+  auto claim = Claim();
   const utils::MutexLock threads(threads_mutex_);
-  if (!StartThread(upgrade_thread_, "upgrade-outcome",
-                   [this, told = record.value_or(UpgradeRecord())] { TellEarlierUpgrade(told); }))
-    EndUpgrade();
+  (void)StartThread(upgrade_thread_, "upgrade-outcome",
+                    [this, told = record.value_or(UpgradeRecord()), claim = std::move(claim)] {
+                      TellEarlierUpgrade(told);
+                    });
 }
 
 void UpgradeManager::TellEarlierUpgrade(UpgradeRecord record) {
-  const std::shared_ptr<void> at_end(nullptr, [this](void*) { EndUpgrade(); });
   while (setup_.is_running(record.package)) {
     if (!Pause(kLook)) return;
   }
   if (record.package.empty()) return;
-  if (record.outcome.empty() && record.HasSucceeded(setup_.local_fullversion()))
-    record.outcome = "success";
-  TellOutcome(record);
+  record.outcome = record.OutcomeAt(setup_.local_fullversion());
+  if (TellOutcome(record)) ForgetOutcome();
 }
 
 }  // namespace varnel::service

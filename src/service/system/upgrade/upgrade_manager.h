@@ -75,28 +75,41 @@ class UpgradeManager {
     std::optional<FirmwareDescription> description;  ///< of one from the cloud
   };
 
-  [[nodiscard]] FirmwareOffer LastOffer() const;
-  [[nodiscard]] FirmwareOffer CheckNow() REQUIRES(check_mutex_);
-  [[nodiscard]] bool IsInUse(const std::string& fullversion) const;
+  template <class Member>
+  [[nodiscard]] Member Read(Member UpgradeManager::*member) const;
+  /// Follows from the newest offer and what became of it.
+  [[nodiscard]] FirmwareState State() const REQUIRES(mutex_);
+  /// A firmware or a part of it that must not be removed.
+  [[nodiscard]] bool IsInUse(const std::string& fullversion) const REQUIRES(mutex_);
+
+  void Check();
+  FirmwareOffer CheckNow() REQUIRES(check_mutex_);
+  [[nodiscard]] bool Publish(const FirmwareOffer& offer, uint64_t& changes);
+  void RemoveOld(const std::string& offered) REQUIRES(check_mutex_);
   void CheckRemoteFirmware();
 
   [[nodiscard]] const char* BeginDownload(const std::string& fullversion);
+  void EndDownload(const FirmwareDescription& wanted, bool good);
   void Download(const std::string& fullversion);
-  [[nodiscard]] DownloadOutcome Fetch(FirmwareDescription& wanted);
+  [[nodiscard]] FirmwareOffer LookForDownload(const std::string& fullversion);
+  [[nodiscard]] DownloadOutcome Fetch(const std::string& fullversion, FirmwareDescription& wanted);
 
   /// The package, which is in use from then on; nothing: refused.
   [[nodiscard]] std::optional<Package> BeginUpgrade(const Json& params, const char*& refusal);
   [[nodiscard]] std::optional<std::filesystem::path> LocalPackage(const Json& params) const;
-  void EndUpgrade();
+  [[nodiscard]] std::shared_ptr<void> Claim();
+  [[nodiscard]] const char* PrinterRefusal();
   void Upgrade(const Package& package);
-  void Flash(const Package& package);
-  /// As soon as somebody can hear it.
-  void TellOutcome(const UpgradeRecord& record);
+  /// The outcome.
+  [[nodiscard]] std::string Flash(const Package& package);
+  [[nodiscard]] bool IsStillGood(const Package& package);
+  /// As soon as somebody can hear it; false: not before the end.
+  [[nodiscard]] bool TellOutcome(const UpgradeRecord& record);
+  void ForgetOutcome() const;
   void StartTellingEarlierUpgrade();
   void TellEarlierUpgrade(UpgradeRecord record);
 
   [[nodiscard]] bool Pause(std::chrono::milliseconds time);
-  void SetState(FirmwareState state);
   template <class Body>
   [[nodiscard]] bool StartThread(std::jthread& thread, const char* name, Body body);
 
@@ -115,7 +128,9 @@ class UpgradeManager {
   mutable utils::Mutex mutex_;
   utils::Condition wake_;
   FirmwareOffer offer_ GUARDED_BY(mutex_);
-  FirmwareState state_ GUARDED_BY(mutex_) = FirmwareState::kNone;
+  bool failed_ GUARDED_BY(mutex_) = false;            ///< to download or to flash what is offered
+  uint64_t looks_ GUARDED_BY(mutex_) = 0;             ///< that have ended
+  uint64_t changes_ GUARDED_BY(mutex_) = 0;           ///< of what is there, by others than looks
   std::string fetched_ GUARDED_BY(mutex_);            ///< fullversion that is being downloaded
   std::filesystem::path flashed_ GUARDED_BY(mutex_);  ///< the package of a running upgrade
   bool upgrading_ GUARDED_BY(mutex_) = false;

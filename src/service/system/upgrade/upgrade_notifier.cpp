@@ -34,6 +34,13 @@ bool UpgradeNotifier::Outcome(const char* state, const std::string& reason,
   return status == CommsStatus::kOk;
 }
 
+bool UpgradeNotifier::Ended(const std::string& outcome) const {
+  if (outcome.empty()) return Outcome("warning", "upgrade", "upgrade result is unknown");
+  if (outcome == "success") return Outcome("success", "upgrade");
+  if (outcome == ReasonOf(DownloadOutcome::kCheckFailed)) return Outcome("failed", outcome);
+  return Outcome("failed", "upgrade", outcome);
+}
+
 void UpgradeNotifier::Offer(const FirmwareOffer& offer, bool is_downloading) const {
   const CommsStatus status =
       send_("notify_system_check_remote", {{"status", offer.good ? "success" : "failed"},

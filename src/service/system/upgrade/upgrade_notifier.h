@@ -6,6 +6,7 @@
 
 #include "comms/status.h"
 #include "service/system/upgrade/firmware_catalogue.h"
+#include "service/system/upgrade/firmware_download.h"
 
 namespace varnel::service {
 
@@ -21,6 +22,8 @@ class UpgradeNotifier {
   /// @param state "success", "failed" or "warning"
   /// @param message may be empty. False when it could not be sent.
   bool Outcome(const char* state, const std::string& reason, const std::string& message = {}) const;
+  /// How an upgrade ended, as its record says. False when it could not be sent.
+  [[nodiscard]] bool Ended(const std::string& outcome) const;
   void Offer(const FirmwareOffer& offer, bool is_downloading) const;
 
  private:

@@ -44,12 +44,14 @@ std::optional<UpgradeRecord> UpgradeRecord::Load(const fs::path& file) {
 }
 
 bool IsThisVersion(const std::string& local, const std::string& remote) {
-  constexpr size_t kCut = 31;
+  constexpr size_t kCut = 32;
   return !local.empty() && (local == remote || (local.size() >= kCut && remote.starts_with(local)));
 }
 
-bool UpgradeRecord::HasSucceeded(const std::string& now) const {
-  return expected.empty() ? !now.empty() && now != fullversion : IsThisVersion(now, expected);
+std::string UpgradeRecord::OutcomeAt(const std::string& now) const {
+  if (!outcome.empty() && (outcome != "success" || expected.empty())) return outcome;
+  const bool is_another = !fullversion.empty() && !now.empty() && now != fullversion;
+  return (expected.empty() ? is_another : IsThisVersion(now, expected)) ? "success" : "";
 }
 
 bool IsUpgradeRunning(const std::string& package, const fs::path& proc) {

@@ -11,14 +11,15 @@ struct UpgradeRecord {
   std::string package{};      ///< the file
   std::string fullversion{};  ///< that the board had before
   std::string expected{};     ///< that it will have; empty: not known
-  std::string outcome{};      ///< "success" or "failed"; empty: not known yet
+  std::string outcome{};      ///< "success", or why it failed; empty: not known
 
   /// False when it cannot be written.
   [[nodiscard]] bool Save(const std::filesystem::path& file) const;
   /// Nothing without one that makes sense.
   [[nodiscard]] static std::optional<UpgradeRecord> Load(const std::filesystem::path& file);
-  /// Whether a board of this version has been upgraded.
-  [[nodiscard]] bool HasSucceeded(const std::string& now) const;
+  /// The outcome for a board that has this version after a restart: the script's word does not
+  /// count where the version says otherwise.
+  [[nodiscard]] std::string OutcomeAt(const std::string& now) const;
 };
 
 /// Whether a board that says `local` has the firmware `remote`: boards say 32 bytes at most, and

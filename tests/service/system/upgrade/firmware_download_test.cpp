@@ -52,6 +52,7 @@ TEST_F(FirmwareDownloadTest, AnInterruptedOneGoesOnInTheNextRun) {
   const Fault nothing = [](PackageAnswer& answer) { answer.sends = 0; };
   Spoil({half, nothing, nothing, nothing});
   EXPECT_EQ(Download(), DownloadOutcome::kNetworkAbort);
+  EXPECT_TRUE(log.Has("UPGM", "Download failed! ret= 18"));
   EXPECT_THAT(pauses, ElementsAre(1s, 1s, 2s));
   EXPECT_THAT(Names(), ElementsAre("2.0.0.bin.part", "2.0.0.bin.part.json"));
   ExpectPublishedBytes();
@@ -88,6 +89,15 @@ TEST_F(FirmwareDownloadTest, WhateverAServerDoesWithRangesThePublishedBytesCome)
     std::filesystem::remove(store.Firmware("2.0.0"));
   }
   EXPECT_EQ(fresh_urls, 1);
+  // An address is refused, and the next one of another package too.
+  Spoil({cut, faults[8],
+         [this](PackageAnswer& answer) {
+           answer = {.etag = "\"v2\"", .body = std::string(package.size(), 'x'), .sends = 20'000};
+         },
+         faults[8]});
+  percents.clear();
+  ExpectPublishedBytes();
+  EXPECT_EQ(fresh_urls, 3);
 }
 
 TEST_F(FirmwareDownloadTest, EveryOtherEndIsTheRightOne) {
@@ -193,6 +203,11 @@ TEST_F(FirmwareDownloadTest, AChangedFileIsNoLongerGoodAndAnUnsignedOneNeverIs) 
   EXPECT_FALSE(strict.CheckFirmwareFile(dir / "real", description));
   description.signature = test::ReadFile(dir / "signature");
   EXPECT_TRUE(strict.CheckFirmwareFile(dir / "real", description));
+  std::filesystem::rename(dir / "public.pem", dir / "away.pem");
+  EXPECT_FALSE(
+      strict.CheckFirmwareFile(dir / "real", description, FirmwareCheck::Reading::kAlways));
+  EXPECT_FALSE(strict.CheckFirmwareFile(dir / "real", description)) << "bad when it was read last";
+  std::filesystem::rename(dir / "away.pem", dir / "public.pem");
   description.signature[5] ^= 1;
   EXPECT_FALSE(strict.CheckFirmwareFile(dir / "real", description));
   EXPECT_FALSE(FirmwareCheck(dir / "no.pem").CheckFirmwareFile(dir / "real", description));
@@ -219,6 +234,7 @@ TEST(FirmwareDescriptionTest, EachValueThatMakesNoSenseRefusesAll) {
                                                           {"size", uint64_t{1} << 63U},
                                                           {"size", "12"},
                                                           {"fullversion", "../x"},
+                                                          {"fullversion", ".varnel-a"},
                                                           {"fullversion", "a/b"},
                                                           {"fullversion", ""},
                                                           {"fullversion", std::string("a\0b", 3)},

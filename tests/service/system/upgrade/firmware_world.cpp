@@ -46,7 +46,7 @@ DownloadOutcome FirmwareWorld::Download() {
        .store = &store,
        .check = &check,
        .min_free_bytes = min_free_bytes,
-       .sync_bytes = 16'384,
+       .sync_bytes = kSyncBytes,
        .progress = [this](int percent, int64_t, int64_t) { percents.push_back(percent); },
        .fresh_url = [this]() -> std::optional<std::string> {
          ++fresh_urls;
@@ -64,6 +64,11 @@ DownloadOutcome FirmwareWorld::Download() {
 void FirmwareWorld::Spoil(std::vector<Fault> faults) {
   const std::lock_guard lock(mutex_);
   faults_.assign(faults.begin(), faults.end());
+}
+
+void FirmwareWorld::Describe(test::ScriptedServer::Script script) {
+  const std::lock_guard lock(mutex_);
+  describe_ = std::move(script);
 }
 
 std::string FirmwareWorld::Stored() const {
@@ -92,8 +97,13 @@ PackageAnswer FirmwareWorld::AnswerTo(const std::string& request) const {
 }
 
 bool FirmwareWorld::Serve(const std::string& request, const test::ScriptedServer::Peer& peer) {
+  std::unique_lock lock(mutex_);
+  if (request.starts_with("GET /description")) {
+    const auto describe = describe_;
+    lock.unlock();
+    return describe(request, peer);
+  }
   PackageAnswer answer = AnswerTo(request);
-  const std::lock_guard lock(mutex_);
   if (!faults_.empty()) {
     faults_.front()(answer);
     faults_.pop_front();

@@ -33,11 +33,16 @@ class FirmwareWorld {
  public:
   using Fault = std::function<void(PackageAnswer& answer)>;
 
+  static constexpr size_t kSyncBytes = 16'384;
+
   explicit FirmwareWorld(size_t size = 100'000);
 
   DownloadOutcome Download();
   /// The faults of the next answers, one each.
   void Spoil(std::vector<Fault> faults);
+  /// How requests for "/description" are answered.
+  void Describe(test::ScriptedServer::Script script);
+  [[nodiscard]] std::string Url(const std::string& path) const { return server_.Url(path); }
   [[nodiscard]] std::string Stored() const;
   /// All names in the directory.
   [[nodiscard]] std::vector<std::string> Names() const;
@@ -62,7 +67,8 @@ class FirmwareWorld {
   PackageAnswer AnswerTo(const std::string& request) const;
 
   std::mutex mutex_;
-  std::deque<Fault> faults_;  // mutex_
+  std::deque<Fault> faults_;               // mutex_
+  test::ScriptedServer::Script describe_;  // mutex_
   test::ScriptedServer server_{
       [this](const auto& request, const auto& peer) { return Serve(request, peer); }};
 };
