@@ -2,6 +2,7 @@
 // out or made by an enemy do to it.
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <random>
 #include <thread>
 
@@ -66,7 +67,7 @@ class ExportBoard : public ServedBoard {
     const std::string note = board.Shell("cat " + directory + "/LOGS_MAINTENANCE_*.json").out;
     if (note.empty()) return "";
     const json told = json::parse(note);
-    const std::string file = directory + "/" + told.at("file").get<std::string>();
+    std::string file = directory + "/" + told.at("file").get<std::string>();
     EXPECT_THAT(board.Shell("sha256sum " + file).out, HasSubstr(told.at("sha256")));
     EXPECT_EQ(board.Shell("stat -c %s " + file).out, told.at("size").dump() + "\n");
     return file;
@@ -202,16 +203,19 @@ TEST(ExportTest, HostileDrivesGetALineAndNothingElse) {
   board.Run(
       "mkdir /userdata/order && echo '{\"action\": \"export_log\"}' > "
       "/userdata/order/export_log.json");
-  std::vector<std::string> fills;
-  for (const Hostile& one : kHostile) fills.emplace_back(one.fill);
-  for (const char* action : kActions)
+  std::vector<std::string> fills(kHostile.size());
+  std::transform(kHostile.begin(), kHostile.end(), fills.begin(),
+                 [](const Hostile& one) { return one.fill; });
+  for (const char* action : kActions) {
     fills.push_back("mkdir .maintenance; printf '{\"action\": " + std::string(action) +
                     "}' > .maintenance/export_log.json");
+  }
   const std::string list = "find . -printf '%p %y %s %T@\\n' | sort > /userdata/before-";
   for (size_t i = 0; i < fills.size(); ++i) {
     const std::string name = std::string("sd") + static_cast<char>('a' + i);
-    board.Plug(name, "/mnt/" + name,
-               "cp /userdata/order/* theirs; " + fills[i] + "; " + list + name);
+    std::string fill = "cp /userdata/order/* theirs; ";
+    fill.append(fills[i]).append("; ").append(list).append(name);
+    board.Plug(name, "/mnt/" + name, fill);
   }
   // The longest directory that fits into the board's event, of odd characters; and one more.
   const std::string longest =

@@ -58,7 +58,7 @@ class DriveWriterTest : public testing::Test {
 
   const test::TempDir dir_;
   const fs::path drive_ = dir_.Write("drive/theirs", "x").parent_path();
-  const fs::path archive_ = dir_.Write("archive", std::string(20 << 20U, 'a') + "end");
+  const fs::path archive_ = dir_.Write("archive", std::string(20'971'523, 'a'));
 };
 
 TEST_F(DriveWriterTest, FailuresLeaveNothing) {
