@@ -50,22 +50,19 @@ TEST_F(UpgradeManagerTest, WhoComesDuringALookSharesIt) {
   std::latch asked(1);
   std::latch turned(1);
   std::latch go(1);
-  Describe([&, first = true](const std::string&, const Peer& peer) mutable {
-    if (std::exchange(first, false)) asked.count_down();
+  std::atomic<bool> first = true;
+  Describe([&](const std::string&, const Peer& peer) {
+    if (first.exchange(false)) asked.count_down();
     go.wait();
     return peer.Answer(Text());
   });
-  std::atomic<bool> is_free = false;
-  setup_.take_turn = [&]() -> std::shared_ptr<void> {
-    if (!is_free) return nullptr;
+  setup_.take_turn = [&] {
     turned.count_down();
     return std::make_shared<int>();
   };
   UpgradeManager manager(setup_);
   manager.StartCheckRemoteFirmware();
   asked.wait();
-  EXPECT_EQ(manager.ReqCallbackCheckRemote(nullptr)["state"], "failed") << "no turn is free";
-  is_free = true;
   auto late =
       std::async(std::launch::async, [&] { return manager.ReqCallbackCheckRemote(nullptr); });
   turned.wait();
@@ -133,17 +130,19 @@ TEST_F(UpgradeManagerTest, NothingIsFlashedIntoAPrintOrWhenNobodyCouldBeAsked) {
 
 TEST(UpgradeRecordTest, TheVersionDecidesWhatTheScriptCannotKnow) {
   const std::string longest(32, 'v');
-  const auto outcome = [](const UpgradeRecord& record, const std::string& now) {
-    return record.OutcomeAt(now);
-  };
-  EXPECT_EQ(outcome({"p", "1", "2", ""}, "2"), "success");
-  EXPECT_EQ(outcome({"p", "1", longest + "x", ""}, longest), "success");
-  EXPECT_EQ(outcome({"p", "1", longest, ""}, longest.substr(1)), "");
-  EXPECT_EQ(outcome({"p", "1", "2", "success"}, "1"), "");
-  EXPECT_EQ(outcome({"p", "1", "2", "system upgrade failed"}, "2"), "system upgrade failed");
-  EXPECT_EQ(outcome({"p", "1", "", "success"}, "1"), "success");
-  EXPECT_EQ(outcome({"p", "1", "", ""}, "2"), "success");
-  EXPECT_EQ(outcome({"p", "", "", ""}, "2"), "") << "it was not known before";
+  const struct {
+    UpgradeRecord record;
+    std::string now;
+    const char* outcome;
+  } cases[] = {{{"p", "1", "2", ""}, "2", "success"},
+               {{"p", "1", longest + "x", ""}, longest, "success"},
+               {{"p", "1", longest, ""}, longest.substr(1), ""},
+               {{"p", "1", "2", "success"}, "1", ""},
+               {{"p", "1", "2", "system upgrade failed"}, "2", "system upgrade failed"},
+               {{"p", "1", "", "success"}, "1", "success"},
+               {{"p", "1", "", ""}, "2", "success"},
+               {{"p", "", "", ""}, "2", ""}};
+  for (const auto& one : cases) EXPECT_EQ(one.record.OutcomeAt(one.now), one.outcome) << one.now;
 }
 
 }  // namespace
