@@ -15,6 +15,10 @@
 #include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "virtual_board/common/files.h"
 #include "virtual_board/launcher/control.h"
@@ -57,12 +61,32 @@ std::vector<std::string> ParseWords(const std::string& packet) {
   return valid ? words.get<std::vector<std::string>>() : std::vector<std::string>();
 }
 
+/// What was put in the place of single programs.
+std::vector<std::pair<std::string, Fd>> ReplacedPrograms() {
+  std::vector<std::pair<std::string, Fd>> replaced;
+  std::ifstream mounts("/proc/self/mountinfo");
+  for (std::string line; std::getline(mounts, line);) {
+    std::istringstream fields(line);
+    std::string path;
+    for (int field = 0; field < 5; ++field) fields >> path;
+    if (path.starts_with("/usr/bin/"))
+      replaced.emplace_back(path, Fd(::open(path.c_str(), O_PATH | O_CLOEXEC)));
+  }
+  return replaced;
+}
+
 /// Programs that no machine of ours has, before those of /usr/bin. A kernel that refuses leaves the
 /// board without them.
 void MountStandIns() {
+  const auto replaced = ReplacedPrograms();  // the new layers do not have them
   const std::string layers = std::string("lowerdir=") + inside::kStandIns + ":/usr/bin";
   if (::mount("overlay", "/usr/bin", "overlay", MS_RDONLY, layers.c_str()) != 0)
-    std::perror("varnel-board: no stand-ins");
+    return std::perror("varnel-board: no stand-ins");
+  for (const auto& [path, fd] : replaced) {
+    const std::string held = "/proc/self/fd/" + std::to_string(fd.Get());
+    if (::mount(held.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0)
+      std::perror(path.c_str());
+  }
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "virtual_board/common/files.h"
+#include "virtual_board/common/process.h"
 #include "virtual_board/usb/device_message.h"
 
 namespace varnel::board {
@@ -79,6 +80,14 @@ void Drive::Mount(const PlugOptions& options) const {
   if (::mount(Partition().c_str(), options.mount.c_str(), "tmpfs", MS_NOSUID | MS_NODEV,
               size.c_str()) != 0)
     throw std::system_error(errno, std::generic_category(), "mount " + options.mount.string());
+  if (!options.fill.empty()) Fill(options);
+}
+
+void Drive::Fill(const PlugOptions& options) {
+  const ProgramResult filled =
+      RunProgram({"/bin/sh", "-c", "cd \"$0\" && " + options.fill, options.mount.string()},
+                 std::chrono::minutes(1));
+  if (filled.status != 0) throw std::runtime_error("the drive cannot be filled: " + filled.err);
 }
 
 std::vector<std::string> Drive::MountDirectories() const {

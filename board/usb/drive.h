@@ -15,6 +15,7 @@ struct PlugOptions {
   std::filesystem::path mount = "/mnt/udisk";  ///< empty: the system does not mount it
   std::chrono::milliseconds mount_after{0};    ///< after the messages; 0: before them
   size_t size_mib = 8;
+  std::string fill;  ///< a shell command, run in its top directory once it is mounted
 };
 
 /// A disk with one partition that comes and goes on the board in which this program runs as root.
@@ -37,6 +38,7 @@ class Drive {
   [[nodiscard]] std::string Partition() const { return "/dev/" + name_ + "1"; }
   void MakeTree(bool usb) const;
   void Mount(const PlugOptions& options) const;
+  static void Fill(const PlugOptions& options);
   [[nodiscard]] std::vector<std::string> MountDirectories() const;
   void Announce(const std::string& action, bool usb) const;
 

@@ -20,6 +20,7 @@ constexpr const char* kUsage = R"(Usage:
     --no-mount                 never mounted, like a card reader without a card
     --mount-after MS           mounted that long after it has shown up
     --size MIB                 room on it (8)
+    --fill COMMAND             a shell command that makes its content, run in its top directory
     --internal                 an internal disk
     --actions LIST             what is told about it (add,change)
   varnel-usb unplug [NAME]     it is pulled out
@@ -54,6 +55,9 @@ void Take(PlugOptions& options, int option) {
     case 's':
       options.size_mib = Number(::optarg);
       break;
+    case 'f':
+      options.fill = ::optarg;
+      break;
     case 'i':
       options.usb = false;
       break;
@@ -66,13 +70,11 @@ void Take(PlugOptions& options, int option) {
 }
 
 PlugOptions ParseOptions(int argc, char** argv) {
-  static const option names[] = {{"mount", required_argument, nullptr, 'm'},
-                                 {"no-mount", no_argument, nullptr, 'n'},
-                                 {"mount-after", required_argument, nullptr, 'l'},
-                                 {"size", required_argument, nullptr, 's'},
-                                 {"internal", no_argument, nullptr, 'i'},
-                                 {"actions", required_argument, nullptr, 'a'},
-                                 {}};
+  static const option names[] = {
+      {"mount", required_argument, nullptr, 'm'},       {"no-mount", no_argument, nullptr, 'n'},
+      {"mount-after", required_argument, nullptr, 'l'}, {"size", required_argument, nullptr, 's'},
+      {"fill", required_argument, nullptr, 'f'},        {"internal", no_argument, nullptr, 'i'},
+      {"actions", required_argument, nullptr, 'a'},     {}};
   PlugOptions options;
   for (int found = 0; (found = ::getopt_long(argc, argv, "", names, nullptr)) != -1;)
     Take(options, found);

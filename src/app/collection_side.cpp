@@ -15,11 +15,12 @@ constexpr const char* kClientKey = "/home/ruxo/printer_data/certs/client.key";
 constexpr size_t kKeyBytes = 65'536;
 
 /// Everything that this process knows and nobody else is to see.
-std::shared_ptr<const service::HeldValues> HeldBy(hal_adapter::SystemAdapter& system,
-                                                  const service::CloudManager& cloud) {
+std::shared_ptr<const service::HeldValues> HeldBy(const CollectionSide& side) {
   auto held = std::make_shared<service::HeldValues>();
-  held->Add(system.Identity()->device_key.Text());
-  cloud.ForEachSecret([&held](std::string_view secret) { held->Add(secret); });
+  const auto add = [&held](std::string_view secret) { held->Add(secret); };
+  add(side.system.Identity()->device_key.Text());
+  side.cloud.ForEachSecret(add);
+  side.for_each_secret(add);
   if (auto key = utils::ReadSmallFile(kClientKey, kKeyBytes)) {
     held->Add(*key);
     utils::Wipe(*key);
@@ -54,7 +55,7 @@ service::LogCollectionSetup CollectionSetupOf(const CollectionSide& side,
   collector.makers_items = deployment.diagnostics.items;
   collector.desk = &side.desk;
   collector.identity = [&system = side.system] { return system.Identity(); };
-  collector.held = [&system = side.system, &cloud = side.cloud] { return HeldBy(system, cloud); };
+  collector.held = [side] { return HeldBy(side); };
   collector.platform_data = [&system = side.system](uint32_t type, const std::string& directory) {
     return system.CollectPlatformData(type, directory);
   };

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <functional>
 #include <memory>
+#include <string_view>
 
 #include "comms/comms_manager.h"
 #include "hal_adapter/system_adapter.h"
@@ -18,6 +20,8 @@ struct CollectionSide {
   service::CloudManager& cloud;
   const utils::ClientPathPolicy& paths;
   service::SourceDesk& desk;
+  /// Secrets of other services; called while a collection runs.
+  std::function<void(const std::function<void(std::string_view secret)>& visit)> for_each_secret;
 };
 
 /// What collections are made of, as the maker has it.

@@ -24,6 +24,7 @@
 #include "service/cloud/http/curl_transfer.h"
 #include "service/system/date_record.h"
 #include "service/system/device_info_service.h"
+#include "service/system/export/log_export.h"
 #include "service/system/upgrade/upgrade_manager.h"
 #include "utils/child_registry.h"
 #include "utils/client_path.h"
@@ -198,6 +199,10 @@ class DriveGate {
       (void)hal_adapter::register_hal_event_callback(type, Report, this);
     }
   }
+  /// Returns when those that were reported so far are open.
+  void Settle() {
+    thread_.Post([] {}).wait();
+  }
 
  private:
   static void Report(const hal_adapter::HalEventRecord* event, void* gate) {
@@ -220,6 +225,19 @@ service::TimelapsePaths PathsOf(const utils::Deployment& deployment) {
   return paths;
 }
 
+service::LogExportSetup ExportSetupOf(comms::CommsManager& comms,
+                                      service::LogCollectionManager& collection, DriveGate& gate,
+                                      const utils::Deployment& deployment) {
+  service::LogExportSetup setup;
+  setup.collection = &collection;
+  setup.encrypt = deployment.diagnostics.encrypt_exports;
+  setup.notify = [&comms](const std::string& method, nlohmann::json params) {
+    return comms.SendNotification("system/notification", method, std::move(params));
+  };
+  setup.settle = [&gate] { gate.Settle(); };
+  return setup;
+}
+
 service::MonitorEncryptionSettings EncryptionOf(const utils::MonitorDeployment& deployment) {
   service::MonitorEncryptionSettings settings;
   settings.fixed_password = deployment.fixed_password;
@@ -233,13 +251,15 @@ class Services {
  public:
   Services(comms::CommsManager& comms, Hardware& hardware,
            const utils::ClientPathPolicy& client_paths, const utils::ClientPathPolicy& packages,
-           const utils::Deployment& deployment)
+           DriveGate& gate, const utils::Deployment& deployment)
       : cloud_(MakeCloudManager(comms, hardware.system.Identity(), deployment.cloud)),
         date_record_(hardware.storage.Paths().config_save),
         device_info_(comms, [&hardware] { return hardware.system.Identity(); }),
         collection_(CollectionSetupOf(
-            {comms, hardware.system, *cloud_, client_paths, hardware.source_desk}, deployment,
-            hardware.storage.Paths().user_data, hardware.ai.DetectResultDir())),
+            {comms, hardware.system, *cloud_, client_paths, hardware.source_desk,
+             [this](const auto& visit) { camera_.ForEachSecret(visit); }},
+            deployment, hardware.storage.Paths().user_data, hardware.ai.DetectResultDir())),
+        export_(ExportSetupOf(comms, collection_, gate, deployment)),
         upgrade_(UpgradeSetupOf(comms, hardware, *cloud_, packages, deployment)),
         analysis_(hardware.ai.DetectResultDir(), SpaceCheckOf(deployment)),
         camera_(comms, {.camera = &hardware.multimedia,
@@ -259,6 +279,7 @@ class Services {
       VLOG_ERROR(kTag, "The device information service did not start");
     if (collection_.Start() != comms::CommsStatus::kOk)
       VLOG_ERROR(kTag, "The log collection manager did not start");
+    export_.Start();
     if (upgrade_.Start() != comms::CommsStatus::kOk)
       VLOG_ERROR(kTag, "The upgrade manager did not start");
     upgrade_.StartCheckRemoteFirmware();
@@ -275,6 +296,7 @@ class Services {
   service::DateRecord date_record_;
   service::DeviceInfoService device_info_;
   service::LogCollectionManager collection_;
+  service::LogExport export_;
   service::UpgradeManager upgrade_;
   PrintAnalysis analysis_;
   service::CameraService camera_;
@@ -324,7 +346,7 @@ void Run(LogTarget log_target, const DaemonPaths& paths, const LocalBroker& brok
   comms.SetSerialNumberProvider([hardware] { return hardware->system.Identity()->serial_number; });
   if (comms.InitLocal() != comms::CommsStatus::kOk)
     throw std::runtime_error("the communication manager did not start");
-  auto* services = new Services(comms, *hardware, *client_paths, *packages, deployment);
+  auto* services = new Services(comms, *hardware, *client_paths, *packages, *gate, deployment);
   services->Start();
 
   Supervisor supervisor(comms, [] { return shutdown_requested != 0; });

@@ -188,6 +188,11 @@ std::vector<std::string> USBMonitor::PresentDrives() const {
 
 bool USBMonitor::Announce(hal_adapter::HalEventType type, const std::string& directory) {
   hal_adapter::HalEventRecord record{};
+  if (directory.size() >= sizeof record.payload) {
+    PLOG_WARN(kTag, "The directory of the drive has %zu bytes, it is not announced",
+              directory.size());
+    return true;  // it would be no other the next time
+  }
   record.type = type;
   copy_text(record.payload, directory);
   const hal_adapter::HalStatus status = board_.post(&record);

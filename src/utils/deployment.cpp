@@ -189,6 +189,7 @@ constexpr std::array kKeys = {
     Key{"diagnostics.dns_server", ReadHost<&DiagnosticsDeployment::dns_server>, "a host name, an address or empty"},
     Key{"diagnostics.store_hosts", ReadHosts<&DiagnosticsDeployment::store_hosts>, "a list of host names"},
     Key{"diagnostics.items", ReadObjects<&DiagnosticsDeployment::items>, "a list of objects"},
+    Key{"diagnostics.encrypt_exports", ReadSwitch<&DiagnosticsDeployment::encrypt_exports>, "true or false"},
 };
 // clang-format on
 

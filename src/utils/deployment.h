@@ -35,6 +35,7 @@ struct DiagnosticsDeployment {
   std::string dns_server;
   std::vector<std::string> store_hosts;
   nlohmann::json items = nlohmann::json::array();  ///< objects; judged when they are collected
+  bool encrypt_exports = true;                     ///< onto drives
 };
 
 /// What the maker chooses at deployment. Every value has a working default.

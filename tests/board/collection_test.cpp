@@ -388,6 +388,11 @@ TEST(CollectionTest, RequestsAndWhatBecomesOfThem) {
        "Parameter 'include' must be an object"},
       {{{"encrypt", true}, {"upload", true}, {"include", "{"}},
        "Parameter 'include' must be an object"},
+      {{{"encrypt", true},
+        {"upload", true},
+        {"include",
+         R"({"ai_detect":{"a":)" + std::string(400'000, '[') + std::string(400'000, ']') + "}}"}},
+       "Parameter 'include' must be an object"},
       {json::array({1}), "Invalid params"}};
   for (const auto& [params, text] : wrong)
     EXPECT_EQ(board.Ask(params), Error(-32602, text)) << params;

@@ -172,13 +172,15 @@ TEST_F(UsbMonitorTest, ADriveThatIsMountedTooLateIsNoInsertionAndYetFound) {
   EXPECT_THAT(posted_.WaitFor(3), ElementsAre("/b", "present /p", "present /a"));
 }
 
-TEST_F(UsbMonitorTest, ALongDirectoryIsCutAndARefusalLogged) {
+TEST_F(UsbMonitorTest, ADirectoryThatDoesNotFitIsNotAnnouncedAndARefusalLogged) {
   post_status_ = hal_adapter::HalStatus::kHardwareError;
-  Mount("/dev/sda /" + std::string(300, 'd'));
+  const std::string longest = "/" + std::string(254, 'd');
+  dir_.Write("mounts", "/dev/sdb " + longest + "d vfat\n/dev/sda " + longest + " vfat\n");
   Start(Board());
+  devices_.AddUsb("sdb");
   devices_.AddUsb("sda");
-  const std::string cut = "/" + std::string(254, 'd');
-  EXPECT_THAT(posted_.WaitFor(2), ElementsAre(cut, "present " + cut)) << "it is told again";
+  EXPECT_THAT(posted_.WaitFor(2), ElementsAre(longest, "present " + longest)) << "it is told again";
+  EXPECT_TRUE(Logged("The directory of the drive has 256 bytes, it is not announced"));
   EXPECT_TRUE(Logged("Failed to post USB drive event, err is -9"));
 }
 

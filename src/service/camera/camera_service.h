@@ -42,6 +42,10 @@ class CameraService {
 
   /// For the process's end: monitoring ends, and has its pictures removed afterwards.
   void RequestEnd() { monitor_.RequestEnd(); }
+  /// Passwords that are in use.
+  void ForEachSecret(const std::function<void(std::string_view secret)>& visit) const {
+    monitor_.ForEachSecret(visit);
+  }
   void ClearPictures() const { monitor_.ClearFiles(); }
 
   nlohmann::json ReqCallbackCameraServiceTakePhoto(const nlohmann::json& params);

@@ -51,6 +51,8 @@ std::optional<MonitorAccess> Monitor::Start(const std::string& domain,
   VLOG_INFO(kTag, "Current monitor state: lan is {}, wan is {}", before.lan, before.wan);
   const auto known = DomainOf(domain);
   if (!known) return std::nullopt;
+  // From here on a stop is one of this start.
+  const MonitorSwitches::Attempt attempt = switches_.Begin(*known);
   // A cloud that does not answer holds up one worker, and not all of them.
   const bool is_wan = known == MonitorDomain::kWan;
   const auto permit = is_wan ? wan_starts_.TryTake() : nullptr;
@@ -58,20 +60,19 @@ std::optional<MonitorAccess> Monitor::Start(const std::string& domain,
     VLOG_WARN(kTag, "Another start of monitoring over the cloud is still on its way");
     return std::nullopt;
   }
-  auto access = StartDomain(*known, interval);
+  auto access = StartDomain(attempt, interval);
   if (!access) return std::nullopt;
   const MonitorDomains now = Domains();
   VLOG_INFO(kTag, "New monitor state: lan is {}, wan is {}", now.lan, now.wan);
   return access;
 }
 
-std::optional<MonitorAccess> Monitor::StartDomain(MonitorDomain domain,
+std::optional<MonitorAccess> Monitor::StartDomain(const MonitorSwitches::Attempt& attempt,
                                                   std::chrono::milliseconds interval) {
-  if (domain == MonitorDomain::kWan && !uploader_->HasAccess()) {
+  if (attempt.domain == MonitorDomain::kWan && !uploader_->HasAccess()) {
     VLOG_ERROR(kTag, "Get access failed.");
     return std::nullopt;
   }
-  const MonitorSwitches::Attempt attempt = switches_.Begin(domain);
   const Crypto crypto = attempt.crypto ? attempt.crypto : encryption_.Make();
   if (!crypto) {
     VLOG_ERROR(kTag, "Invalid encryptor.");
@@ -108,6 +109,11 @@ std::optional<std::string> Monitor::Rehearse(const MonitorSwitches::Attempt& att
   }
   if (attempt.domain == MonitorDomain::kLan) return std::string();
   return upload_.SendFirst(encrypted, [&] { return switches_.WasStopped(attempt); });
+}
+
+void Monitor::ForEachSecret(const std::function<void(std::string_view secret)>& visit) const {
+  if (const Crypto crypto = switches_.LastCrypto()) visit(crypto->Password());
+  encryption_.ForEachSecret(visit);
 }
 
 bool Monitor::Stop(const std::string& domain) {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "hal_adapter/photo_taker.h"
 #include "service/camera/monitor/monitor_encryption.h"
@@ -56,6 +57,8 @@ class Monitor {
   [[nodiscard]] bool Stop(const std::string& domain);
   [[nodiscard]] MonitorDomains Domains() const { return switches_.Domains(); }
 
+  /// Of those who watch, and that of the device.
+  void ForEachSecret(const std::function<void(std::string_view secret)>& visit) const;
   /// For the process's end: switches all off. Does not wait.
   void RequestEnd() { switches_.RequestEnd(); }
   /// Removes its pictures.
@@ -64,7 +67,7 @@ class Monitor {
  private:
   using Crypto = MonitorSwitches::Crypto;
 
-  std::optional<MonitorAccess> StartDomain(MonitorDomain domain,
+  std::optional<MonitorAccess> StartDomain(const MonitorSwitches::Attempt& attempt,
                                            std::chrono::milliseconds interval);
   std::optional<std::string> Rehearse(const MonitorSwitches::Attempt& attempt,
                                       const Crypto& crypto);

@@ -2,8 +2,10 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "service/camera/monitor/monitor_password.h"
 #include "service/camera/monitor/monitor_switches.h"
@@ -25,6 +27,10 @@ class MonitorEncryption {
 
   /// Null when there is no password.
   [[nodiscard]] MonitorSwitches::Crypto Make() const;
+  /// That of the device, if it has one.
+  void ForEachSecret(const std::function<void(std::string_view secret)>& visit) const {
+    if (device_password_) visit(device_password_->text.Text());
+  }
 
  private:
   const bool fixed_;

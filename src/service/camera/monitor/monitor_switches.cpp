@@ -7,6 +7,11 @@ namespace varnel::service {
 
 using utils::MutexLock;
 
+MonitorSwitches::Crypto MonitorSwitches::LastCrypto() const {
+  const utils::MutexLock lock(mutex_);
+  return crypto_;
+}
+
 MonitorDomains MonitorSwitches::Domains() const {
   const MutexLock lock(mutex_);
   return on_;

@@ -42,6 +42,8 @@ class MonitorSwitches {
   explicit MonitorSwitches(utils::Clock& clock) : clock_(clock) {}
 
   [[nodiscard]] MonitorDomains Domains() const;
+  /// What pictures are or were encrypted with last; null: nothing yet.
+  [[nodiscard]] Crypto LastCrypto() const;
 
   [[nodiscard]] Attempt Begin(MonitorDomain domain) const;
   /// The domain was switched off since the attempt began, or all ends.

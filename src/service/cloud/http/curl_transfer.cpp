@@ -53,13 +53,14 @@ bool AppendHeader(CurlHeaders& lines, const char* line) {
   return true;
 }
 
-ConnectionShare::ConnectionShare() : share_(curl_share_init()) {
+ConnectionShare::ConnectionShare() : share_(curl_share_init()), multi_(curl_multi_init()) {
+  if (multi_) curl_multi_setopt(multi_.get(), CURLMOPT_MAXCONNECTS, 1L);
   for (const int kind : {CURL_LOCK_DATA_CONNECT, CURL_LOCK_DATA_SSL_SESSION, CURL_LOCK_DATA_DNS})
     curl_share_setopt(share_.get(), CURLSHOPT_SHARE, kind);
 }
 
 Transfer::Transfer(const ConnectionShare& share, const char* protocols, TransferHooks& hooks)
-    : hooks_(hooks), handle_(NewHandle()) {
+    : hooks_(hooks), multi_(share.Runner()), handle_(NewHandle()) {
   Set(CURLOPT_SHARE, share.Handle());
   Set(CURLOPT_MAXCONNECTS, 1L);  // kept by the share when it is not used
   Set(CURLOPT_NOSIGNAL, 1L);
@@ -136,31 +137,29 @@ TransferResult Transfer::Perform(const std::string& url) {
   std::array<char, CURL_ERROR_SIZE> words{};
   curl_easy_setopt(handle_.get(), CURLOPT_ERRORBUFFER, words.data());
   curl_easy_setopt(handle_.get(), CURLOPT_URL, url.c_str());
-  const CurlMulti multi(curl_multi_init());
-  const CURLcode code = multi ? Run(multi.get()) : CURLE_OUT_OF_MEMORY;
+  const CURLcode code = multi_ != nullptr ? Run() : CURLE_OUT_OF_MEMORY;
   curl_easy_setopt(handle_.get(), CURLOPT_ERRORBUFFER, nullptr);
   if (hooks_.thrown_) std::rethrow_exception(std::exchange(hooks_.thrown_, nullptr));
   return Judge(code, words[0] != '\0' ? words.data() : nullptr);
 }
 
 /// By itself the library would look once a second only.
-CURLcode Transfer::Run(CURLM* multi) {
-  curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, 1L);
-  CURLMcode state = curl_multi_add_handle(multi, handle_.get());
+CURLcode Transfer::Run() {
+  CURLMcode state = curl_multi_add_handle(multi_, handle_.get());
   if (state != CURLM_OK) return CURLE_FAILED_INIT;
   int running = 1;
   while (state == CURLM_OK && running > 0) {
-    state = curl_multi_perform(multi, &running);
+    state = curl_multi_perform(multi_, &running);
     if (state == CURLM_OK && running > 0)
-      state = curl_multi_poll(multi, nullptr, 0, kLookMs, nullptr);
+      state = curl_multi_poll(multi_, nullptr, 0, kLookMs, nullptr);
   }
   CURLcode code = CURLE_OUT_OF_MEMORY;
   int waiting = 0;
-  if (const CURLMsg* end = curl_multi_info_read(multi, &waiting);
+  if (const CURLMsg* end = curl_multi_info_read(multi_, &waiting);
       end != nullptr && end->msg == CURLMSG_DONE) {
     code = end->data.result;
   }
-  curl_multi_remove_handle(multi, handle_.get());
+  curl_multi_remove_handle(multi_, handle_.get());
   return code;
 }
 

@@ -39,10 +39,13 @@ class ConnectionShare {
   /// Held from before the first use of a handle until after its end.
   utils::Mutex& Turn() { return mutex_; }
   CURLSH* Handle() const { return share_.get(); }
+  /// What runs a transfer of it; null when there is no memory.
+  CURLM* Runner() const { return multi_.get(); }
 
  private:
   utils::Mutex mutex_;
   const utils::Owned<CURLSH, curl_share_cleanup> share_;
+  const CurlMulti multi_;  // making one costs as much as a small request
 };
 
 /// How a transfer ended, and the library's own words for it; they name hosts, but no query.
@@ -115,10 +118,11 @@ class Transfer {
                         curl_off_t sent);
   template <class Call>
   bool Guarded(Call call);
-  CURLcode Run(CURLM* multi);
+  CURLcode Run();
   TransferResult Judge(CURLcode code, const char* words) const;
 
   TransferHooks& hooks_;
+  CURLM* const multi_;
   bool usable_ = true;
   size_t header_bytes_ = 0;
   bool headers_end_ = true;

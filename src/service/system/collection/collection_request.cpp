@@ -1,7 +1,9 @@
 #include "service/system/collection/collection_request.h"
 
+#include <stdexcept>
 #include <utility>
 
+#include "comms/json_rpc_envelope.h"
 #include "comms/json_rpc_message.h"
 #include "utils/local_time.h"
 #include "utils/log.h"
@@ -20,12 +22,18 @@ json InvalidParam(const char* message) {
   return MakeError(RpcError::kInvalidParams, message);
 }
 
+/// As deep as a request may be: what is deeper takes the stack of whoever copies it.
+bool IsFlatEnough(int depth, json::parse_event_t, json&) {
+  if (depth > comms::kMaxNesting) throw std::length_error("it is nested too deeply");
+  return true;
+}
+
 /// An object; anything else when there is none.
 json ReadInclude(const json& include) {
   if (!include.is_string()) return include;
   try {
-    return json::parse(include.get_ref<const std::string&>());
-  } catch (const json::exception& error) {
+    return json::parse(include.get_ref<const std::string&>(), IsFlatEnough);
+  } catch (const std::exception& error) {
     VLOG_ERROR(kTag, "Failed to parse include field: {}", utils::LogText(error.what()));
     return {};
   }

@@ -54,6 +54,7 @@ TEST_F(SourceCopyTest, LinksPipesDevicesAndStrangeNames) {
   dir_.Write("open/closed/c.log", "closed");
   dir_.Write("outside", "outside");
   dir_.Write("open/hidden.secrets", "hidden");
+  dir_.Write("source/moonraker.secrets.1", "hidden");
   Link(dir_ / "open/shared", "to_directory");
   Link(dir_ / "open/closed/c.log", "to_closed");
   Link(dir_ / "outside", "to_outside");
@@ -71,7 +72,8 @@ TEST_F(SourceCopyTest, LinksPipesDevicesAndStrangeNames) {
   EXPECT_THAT(
       Left(outcome),
       ElementsAreArray({"a/around: a link to a directory that it lies in",
-                        "broken: No such file or directory", "pipe: not a regular file",
+                        "broken: No such file or directory",
+                        "moonraker.secrets.1: a file of secrets", "pipe: not a regular file",
                         "to_closed: a link that leads out", "to_device: not a regular file",
                         "to_itself: a link to itself", "to_outside: a link that leads out",
                         "to_secrets: a link to a file of secrets", "up: a link that leads out"}));

@@ -43,6 +43,17 @@ bool IsPrivateKey(std::string_view head) {
   return line.find("PRIVATE KEY-----") != line.npos;
 }
 
+/// Without what editors and rotations put behind it.
+std::string_view OriginalName(std::string_view name) {
+  constexpr std::array kOfCopies{"~"sv, ".bak"sv, ".old"sv, ".orig"sv, ".save"sv, ".bad"sv};
+  for (const auto ending : kOfCopies)
+    if (name.ends_with(ending)) return name.substr(0, name.size() - ending.size());
+  const size_t dot = name.rfind('.');
+  const bool numbered = dot != name.npos && dot + 1 < name.size() &&
+                        name.find_first_not_of("0123456789", dot + 1) == name.npos;
+  return numbered ? name.substr(0, dot) : name;
+}
+
 }  // namespace
 
 FileKind KindOf(std::string_view head) {
@@ -54,8 +65,10 @@ FileKind KindOf(std::string_view head) {
   return IsPrivateKey(head) ? FileKind::kPrivateKey : FileKind::kText;
 }
 
-bool IsSecretFile(std::string_view name) {
-  constexpr std::array kEndings{".secrets"sv, ".key"sv, ".p12"sv, ".pfx"sv, "_key"sv};
+bool IsSecretFile(std::string_view given) {
+  const std::string_view name = OriginalName(given);
+  constexpr std::array kEndings{".secrets"sv, ".key"sv, ".p12"sv,
+                                ".pfx"sv,     "_key"sv, "_password"sv};
   constexpr std::array kNames{"id_rsa"sv, "id_ed25519"sv, "id_ecdsa"sv, "id_dsa"sv};
   return std::any_of(kEndings.begin(), kEndings.end(),
                      [name](auto ending) { return name.ends_with(ending); }) ||

@@ -178,7 +178,7 @@ void SourceCopy::TakeFile(const Place& place, const UniqueFd& found, const struc
                           const std::string& name, const std::string& target_name) {
   const std::string shown = place.shown / name;
   const auto size = static_cast<uint64_t>(info.st_size);
-  if (IsSecretFile(name)) return Leave(shown, "a file of secrets");
+  if (IsSecretFile(name) || IsSecretFile(target_name)) return Leave(shown, "a file of secrets");
   if (IsSecretFile(RealPath(found.Get()).filename().string()))
     return Leave(shown, "a link to a file of secrets");
   const uint64_t expected = std::min(size, setup_.max_file_bytes);
