@@ -164,8 +164,9 @@ TEST_F(UpgradeTest, WhatTheServersSayHarmsNothing) {
     EXPECT_EQ(Names(), kept) << told;
   }
   Publish(300'000, "9.4.0");
-  for (const auto& text : {std::string(10'000'000, ' ') + "{}", std::string(500'000, '['),
-                           R"({"release_notes": ")" + std::string(10'000'000, 'x') + R"("})"}) {
+  for (const auto& text :
+       {std::string().append(10'000'000, ' ') + "{}", std::string(500'000, '['),
+        R"({"release_notes": ")" + std::string().append(10'000'000, 'x') + R"("})"}) {
     std::ofstream(TheCloud().Directory() / "told") << text;
     fault("file /packages/description.json told");
     EXPECT_EQ(Check().at("state"), "failed") << text.substr(0, 50);
