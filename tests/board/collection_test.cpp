@@ -272,7 +272,8 @@ TEST(CollectionTest, EverythingIsThereAndNoSecret) {
   const fs::path opened = files / "opened";
   ASSERT_EQ(board.Open(board.board.HostPath("/userdata/out.tar.gz"), opened), "");
   for (const Collected& command : kCommands) {
-    EXPECT_FALSE(ReadFile(opened / command.file).empty())
+    EXPECT_TRUE(!ReadFile(opened / command.file).empty() ||
+                std::string_view(command.program) == "lsusb")  // a machine may have no bus
         << command.file << " of " << command.program;
     EXPECT_THAT(ItemOf(opened, command.file).value("status", ""), HasSubstr("exit "))
         << command.file;

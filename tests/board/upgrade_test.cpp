@@ -66,7 +66,10 @@ class UpgradeTest : public testing::Test {
   /// Downloads what is published, and waits for its end: the outcome.
   json Download(const std::string& fullversion) {
     const size_t before = Outcomes().size();
-    EXPECT_EQ(Call("upgrade_download_firmware", {{"fullversion", fullversion}}), Success());
+    // The thread that told the outcome before may not have ended yet.
+    EXPECT_TRUE(test::Eventually([&] {
+      return Call("upgrade_download_firmware", {{"fullversion", fullversion}}) == Success();
+    }));
     return AwaitOutcome(before);
   }
   json Upgrade() { return Call("upgrade", {{"type", "remote"}}); }
@@ -78,7 +81,7 @@ class UpgradeTest : public testing::Test {
     return outcomes;
   }
   [[nodiscard]] json AwaitOutcome(size_t before) const {
-    EXPECT_TRUE(test::Eventually([&] { return Outcomes().size() > before; }, 60s));
+    EXPECT_TRUE(test::Eventually([&] { return Outcomes().size() > before; }, 120s));
     return Outcomes().size() > before ? Outcomes().at(before) : json();
   }
   [[nodiscard]] std::vector<json> Events(const std::string& event) const {
